@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include <util/Export.h>
+
+/// Passwords as they are stored: encrypted and authenticated (XChaCha20-Poly1305, a random nonce for each).
+///
+/// A stored password is "{oryx1}" and, in base64, the nonce (24 bytes), the encrypted text and its tag (16 bytes). A
+/// text without that prefix is a password stored in clear.
+///
+/// The key is 64 hexadecimal digits, white space around them allowed, in the file named by `ORYX_CRYPT_KEY_FILE`. It is
+/// read at each use, so that another key counts at once, and does not stay in memory. What fails is said on the trace
+/// channel "Crypt" as one `log` line, with neither password nor key in it. Safe from any thread.
+class ORYX_EXPORT Crypt {
+public:
+    /// False without a usable key: `stored` is then empty. Both arguments may be the same object.
+    static bool encrypt(const std::string& clear, std::string& stored);
+
+    /// False if the text cannot be decrypted (no usable key, another key, a text that was altered): `clear` is then
+    /// empty. Both arguments may be the same object.
+    static bool decrypt(const std::string& stored, std::string& clear);
+};
