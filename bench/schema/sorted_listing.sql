@@ -1,0 +1,1 @@
+SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM contact, contact_set, public_address WHERE contact_set.csid = contact.csid AND public_address.csid = contact.csid ORDER BY contact.csid;
