@@ -1,0 +1,97 @@
+#pragma once
+
+#include <dal/QueryResult.h>
+#include <dal/ValueString.h>
+#include <util/Export.h>
+#include <zel/Trace.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace oryx {
+
+class DatabaseConnection;
+
+/// What both command executors stand on: the connection they own, the running of statements, the error text, and the
+/// server's domain list.
+///
+/// Nothing is thrown. Operations that return `bool` leave the reason of a failure in `getErrorMessage()`. An executor
+/// is used by one thread at a time.
+class ORYX_EXPORT CommandExecutor {
+public:
+    /// The row of `system_parameters` that lists the SIP domains this server answers for.
+    static const std::string SYSTEM_PARAMETERS_ORYX_PROXY;   // application
+    static const std::string SYSTEM_PARAMETERS_SERVER_INFO;  // scope
+    static const std::string SYSTEM_PARAMETERS_SERVER_NAMES; // name
+
+    virtual ~CommandExecutor();
+    CommandExecutor(const CommandExecutor&) = delete;
+    CommandExecutor& operator=(const CommandExecutor&) = delete;
+
+    /// Replaces the connection by a new one, connected with the arguments of `DatabaseConnection::connect`.
+    bool connect(const char* uri, const char* user, const char* password);
+    /// Whether there is a usable connection; one that was lost is reset first.
+    bool checkConnect();
+
+    /// Runs a statement whose rows nobody reads. Okay, connection error, or query error.
+    DatabaseResult execute(const std::string& query);
+    /// Runs a change; `count` gets the number of rows it touched, and is left as it was on a failure. The caller has
+    /// called `checkConnect()`.
+    bool executeUpdate(const std::string& cmd, int& count);
+
+    /// Success: empties the error text. Always true.
+    bool okay();
+    /// Failure with the given reason, the statement's, or the connection's. Always false.
+    bool error(const char* msg);
+    bool error(const QueryResult& r);
+    bool errorConnection();
+
+    /// The value of a row of `system_parameters`; empty when there is none, when an argument is empty, and on every
+    /// failure.
+    virtual std::string getSystemParameterValue(const std::string& application, const std::string& scope,
+                                                const std::string& name) = 0;
+    /// Replaces `domainNameList` by the SIP domains this server answers for, and returns their number.
+    int getDomainNameList(std::vector<std::string>& domainNameList);
+    /// Sets `domainName` to the domain at `index`, to empty when there is none, and returns it.
+    virtual std::string& getNthElementOfDomainList(std::string& domainName, unsigned int index) = 0;
+    /// The first domain of the list.
+    std::string& getDomainName(std::string& domainName);
+
+protected:
+    /// How the running of a statement ended; the two failures have left their reason in the error text.
+    enum class Run { okay, connectionFailed, queryFailed };
+
+    explicit CommandExecutor(const char* channel);
+
+    /// Runs a statement on the connection, which the caller has checked.
+    Run run(const std::string& statement, QueryResult& result);
+    /// The same for callers that answer with a result.
+    DatabaseResult runForResult(const std::string& statement, QueryResult& result);
+    /// Ends a failed transaction. How that went does not count: the first failure is what the caller hears of.
+    void rollback();
+    /// An argument check: false with `msg` as the reason unless `valid`.
+    bool require(bool valid, const char* msg)
+    {
+        if (!valid) {
+            error(msg);
+        }
+        return valid;
+    }
+
+    /// The failures as results, with the error text as the message.
+    DatabaseResult connectionError() const;
+    DatabaseResult queryError() const;
+
+    /// What the executors' reading of a system parameter and of the domain list share.
+    bool systemParameterNamed(const std::string& application, const std::string& scope, const std::string& name);
+    static std::string systemParameterQuery(const std::string& application, const std::string& scope,
+                                            const std::string& name);
+    std::string& pickDomain(const std::vector<std::string>& domains, unsigned int index, std::string& domainName);
+
+    std::unique_ptr<DatabaseConnection> m_conn;
+    std::string m_errorMsg;
+    zel::Trace m_trace;
+};
+
+} // namespace oryx

@@ -1,0 +1,278 @@
+#pragma once
+
+#include <util/Export.h>
+
+#include <string>
+
+/// \file
+/// The registrar's records: plain values that carry rows between the database and the servers.
+///
+/// A text setter ignores a null pointer; keys start at -1 and other numbers at 0 unless said otherwise. Members carry
+/// the names of their columns.
+
+namespace oryx {
+
+namespace detail {
+
+inline void setText(std::string& field, const char* text)
+{
+    if (text != nullptr) {
+        field = text;
+    }
+}
+
+} // namespace detail
+
+/// A subscriber (table `subscriber`).
+class SubscriberRecord {
+public:
+    int sid() const { return m_sid; }
+    const std::string& userId() const { return m_uid; }
+    const std::string& type() const { return m_type; }
+    const std::string& authType() const { return m_authType; }
+    const std::string& password() const { return m_password; }
+    int oid() const { return m_oid; }
+    const std::string& active() const { return m_active; }
+
+    void setId(int sid) { m_sid = sid; }
+    void setUserId(const char* uid) { detail::setText(m_uid, uid); }
+    void setType(const char* type) { detail::setText(m_type, type); }
+    void setAuthType(const char* authType) { detail::setText(m_authType, authType); }
+    void setPassword(const char* password) { detail::setText(m_password, password); }
+    void setOid(int oid) { m_oid = oid; }
+    /// NUL leaves the flag as it is.
+    void setActive(char c)
+    {
+        if (c != '\0') {
+            m_active.assign(1, c);
+        }
+    }
+
+private:
+    int m_sid = -1;
+    std::string m_uid;
+    std::string m_type;
+    std::string m_authType;
+    std::string m_password;
+    int m_oid = -1;             // owning organisation
+    std::string m_active = "t"; // database boolean, "t" or "f"
+};
+
+/// An address of record: a handle at a SIP domain (table `public_address`).
+class PublicAddressRecord {
+public:
+    PublicAddressRecord() = default;
+    PublicAddressRecord(const char* handle, const char* domain, int csid, const char* scope) : m_csid(csid)
+    {
+        setHandle(handle);
+        setDomain(domain);
+        setScope(scope);
+    }
+
+    int public_address_id() const { return m_public_address_id; }
+    const std::string& handle() const { return m_handle; }
+    const std::string& domain() const { return m_domain; }
+    int csid() const { return m_csid; }
+    const std::string& scope() const { return m_scope; }
+    const std::string& adminDomain() const { return m_adminDomain; }
+
+    void setHandle(const char* handle) { detail::setText(m_handle, handle); }
+    void setDomain(const char* domain) { detail::setText(m_domain, domain); }
+    void setScope(const char* scope) { detail::setText(m_scope, scope); }
+    void setAdminDomain(const char* adminDomain) { detail::setText(m_adminDomain, adminDomain); }
+    void setCsid(int csid) { m_csid = csid; }
+    void setPublicAddressId(int id) { m_public_address_id = id; }
+
+private:
+    std::string m_handle;
+    std::string m_domain;
+    int m_csid = -1;
+    std::string m_scope;
+    std::string m_adminDomain;
+    int m_public_address_id = -1;
+};
+
+/// The set of contacts of one subscriber, with the order in which they are tried (table `contact_set`).
+class ContactSetRecord {
+public:
+    int csid() const { return m_csid; }
+    int sid() const { return m_sid; }
+    const std::string& ordering() const { return m_ordering; }
+
+    void setCsid(int csid) { m_csid = csid; }
+    void setSid(int sid) { m_sid = sid; }
+    void setOrdering(const char* ordering) { detail::setText(m_ordering, ordering); }
+
+private:
+    int m_csid = -1;
+    int m_sid = -1;
+    std::string m_ordering;
+};
+
+/// One registered binding of a contact set (table `contact`; RFC 3261 section 10).
+class ContactRecord {
+public:
+    int contactid() const { return m_contact_id; }
+    const std::string& address() const { return m_address; }
+    int csid() const { return m_csid; }
+    const std::string& qvalue() const { return m_qvalue; }
+    /// Seconds since the epoch.
+    long expires() const { return m_expires; }
+    const std::string& permanent() const { return m_permanent; }
+    const std::string& capabilities() const { return m_capabilities; }
+    const std::string& contactHeader() const { return m_contactHeader; }
+    const std::string& callId() const { return m_callId; }
+    long cseq() const { return m_cseq; }
+    const std::string& type() const { return m_type; }
+    const std::string& pathVector() const { return m_pathVector; }
+
+    void setContactid(int id) { m_contact_id = id; }
+    void setAddress(const char* address) { detail::setText(m_address, address); }
+    void setCsid(int csid) { m_csid = csid; }
+    void setQvalue(const char* qvalue) { detail::setText(m_qvalue, qvalue); }
+    void setExpires(long expires) { m_expires = expires; }
+    void setPermanent(char c) { m_permanent.assign(1, c); }
+    void setCapabilities(const char* capabilities) { detail::setText(m_capabilities, capabilities); }
+    void setContactHeader(const char* contactHeader) { detail::setText(m_contactHeader, contactHeader); }
+    void setCallId(const char* callId) { detail::setText(m_callId, callId); }
+    void setType(const char* type) { detail::setText(m_type, type); }
+    void setCseq(long cseq) { m_cseq = cseq; }
+    void setPathVector(const char* pathVector) { detail::setText(m_pathVector, pathVector); }
+
+private:
+    int m_contact_id = -1;
+    std::string m_address;
+    int m_csid = -1;
+    std::string m_qvalue;
+    long m_expires = 0;
+    std::string m_permanent = "f"; // database boolean, "t" or "f"
+    std::string m_capabilities;
+    std::string m_contactHeader; // as received
+    std::string m_callId;
+    std::string m_type;
+    long m_cseq = 0;
+    std::string m_pathVector; // RFC 3327
+};
+
+/// This server's place in the deployment and its outbound policy (the one row of table `host_info`). A fresh one allows
+/// internal requests and refuses external ones.
+class HostInfo {
+public:
+    const std::string& nodeType() const { return m_nodeType; }
+    const std::string& parent() const { return m_parent; }
+    const std::string& parentContact() const { return m_parentContact; }
+    const std::string& topUrl() const { return m_topUrl; }
+    const std::string& serverName() const { return m_serverName; }
+    const std::string& outboundProxy() const { return m_outboundProxy; }
+    const std::string& outboundDirect() const { return m_outboundDirect; }
+    bool outboundAllowInternal() const { return m_outboundAllowInternal; }
+    bool outboundAllowExternal() const { return m_outboundAllowExternal; }
+
+    void setNodeType(const char* nodeType) { detail::setText(m_nodeType, nodeType); }
+    void setParent(const char* parent) { detail::setText(m_parent, parent); }
+    void setParentContact(const char* parentContact) { detail::setText(m_parentContact, parentContact); }
+    void setTopUrl(const char* topUrl) { detail::setText(m_topUrl, topUrl); }
+    void setServerName(const char* serverName) { detail::setText(m_serverName, serverName); }
+    void setOutboundProxy(const char* proxy) { detail::setText(m_outboundProxy, proxy); }
+    void setOutboundDirect(const char* direct) { detail::setText(m_outboundDirect, direct); }
+    void setOutboundAllowInternal(bool allow) { m_outboundAllowInternal = allow; }
+    void setOutboundAllowExternal(bool allow) { m_outboundAllowExternal = allow; }
+
+private:
+    std::string m_nodeType;
+    std::string m_parent;
+    std::string m_parentContact;
+    std::string m_topUrl;
+    std::string m_serverName;
+    std::string m_outboundProxy;  // for external requests
+    std::string m_outboundDirect; // hosts that bypass the outbound proxy
+    bool m_outboundAllowInternal = true;
+    bool m_outboundAllowExternal = false;
+};
+
+/// A pattern that maps matching request URIs onto a contact set (table `address_map` with its contact set).
+class AddressMapRecord {
+public:
+    int mapid() const { return m_map_id; }
+    const std::string& handle() const { return m_handle; }
+    const std::string& pattern() const { return m_pattern; }
+    int csid() const { return m_csid; }
+    /// Seconds since the epoch.
+    int modTime() const { return static_cast<int>(m_modTime); }
+    int priority() const { return m_priority; }
+    const std::string& ordering() const { return m_ordering; }
+    bool replaceUri() const { return m_replaceUri; }
+
+    void setMapid(int id) { m_map_id = id; }
+    void setHandle(const char* handle) { detail::setText(m_handle, handle); }
+    void setPattern(const char* pattern) { detail::setText(m_pattern, pattern); }
+    void setOrdering(const char* ordering) { detail::setText(m_ordering, ordering); }
+    void setCsid(int csid) { m_csid = csid; }
+    void setModTime(long modTime) { m_modTime = modTime; }
+    /// Lower values come first.
+    void setPriority(int priority) { m_priority = priority; }
+    void setReplaceUri(bool replaceUri) { m_replaceUri = replaceUri; }
+
+private:
+    int m_map_id = -1;
+    std::string m_handle;
+    std::string m_pattern; // POSIX extended regular expression
+    int m_csid = -1;
+    long m_modTime = 0;
+    int m_priority = 0;
+    bool m_replaceUri = true;
+    std::string m_ordering;
+};
+
+/// One configuration item of a proxy (table `proxy_configuration`). The texts returned belong to the record.
+class ProxyConfig {
+public:
+    ProxyConfig() = default;
+    ProxyConfig(const char* scope, const char* name, const char* value)
+    {
+        setScope(scope);
+        setName(name);
+        setValue(value);
+    }
+
+    const char* scope() const { return m_scope.c_str(); }
+    const char* name() const { return m_name.c_str(); }
+    const char* value() const { return m_value.c_str(); }
+
+    void setScope(const char* scope) { detail::setText(m_scope, scope); }
+    void setName(const char* name) { detail::setText(m_name, name); }
+    void setValue(const char* value) { detail::setText(m_value, value); }
+
+private:
+    std::string m_scope;
+    std::string m_name;
+    std::string m_value;
+};
+
+/// One rule that allows or denies a SIP domain in one direction (table `domain_access`).
+class DomainAccess {
+public:
+    int domainid() const { return m_domain_id; }
+    const std::string& domain() const { return m_domain; }
+    const std::string& direction() const { return m_direction; }
+    const std::string& action() const { return m_action; }
+
+    void setDomainid(int id) { m_domain_id = id; }
+    void setDomain(const char* domain) { detail::setText(m_domain, domain); }
+    void setDirection(const char* direction) { detail::setText(m_direction, direction); }
+    void setAction(const char* action) { detail::setText(m_action, action); }
+
+    /// Replaces `out` by the rule as one line of trace.
+    void toString(std::string& out) const
+    {
+        out.assign("domain=").append(m_domain).append(" dir=").append(m_direction).append(" action=").append(m_action);
+    }
+
+private:
+    int m_domain_id = -1;
+    std::string m_domain;
+    std::string m_action;    // "a" allow, "d" deny
+    std::string m_direction; // "i" inbound, "o" outbound, "*" both
+};
+
+} // namespace oryx

@@ -1,0 +1,87 @@
+#include <dal/DatabaseCommandExecutor.h>
+
+#include <dal/DatabaseConnection.h>
+
+namespace oryx {
+
+std::mutex DatabaseCommandExecutor::m_domainListMutex;
+std::vector<std::string> DatabaseCommandExecutor::m_domainList;
+
+DatabaseCommandExecutor::DatabaseCommandExecutor() : CommandExecutor("DatabaseCommandExecutor") {}
+
+DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& cmd, DatabaseResult& result,
+                                                            QueryResult& qres, bool isTransaction)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    m_trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
+#pragma GCC diagnostic pop
+    const Run outcome = run(cmd, qres);
+    if (outcome == Run::okay) {
+        result.setOkay();
+        return result;
+    }
+    if (outcome == Run::connectionFailed) {
+        m_trace.prn("execute update failed");
+        result.setConnectionError();
+    } else {
+        m_trace.prn("query error");
+        result.setQueryError();
+    }
+    result.setErrorMessage(m_errorMsg);
+    if (isTransaction && !m_conn->execute("ROLLBACK;", qres)) {
+        m_trace.prn("rollback execution failed\n");
+    }
+    return result;
+}
+
+std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& application, const std::string& scope,
+                                                             const std::string& name)
+{
+    if (!systemParameterNamed(application, scope, name)) {
+        return {};
+    }
+    DatabaseResult outcome;
+    QueryResult result;
+    if (!transactionExecute(systemParameterQuery(application, scope, name), outcome, result, false).okay()) {
+        return {};
+    }
+    if (result.rows() == 0) {
+        m_trace.prn("getSystemParameterValue(): Query returned 0 rows, No available domains found!");
+        return {};
+    }
+    return result.getValue(0, 0);
+}
+
+std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
+{
+    domainName.clear();
+    const std::lock_guard lock(m_domainListMutex);
+    if (m_domainList.empty()) {
+        if (!checkConnect()) {
+            m_trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
+            return domainName;
+        }
+        m_trace.prn("getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
+        getDomainNameList(m_domainList);
+        if (m_domainList.empty()) {
+            m_trace.prn(
+                "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
+            return domainName;
+        }
+    }
+    return pickDomain(m_domainList, index, domainName);
+}
+
+bool DatabaseCommandExecutor::callFunction(const std::string& statement)
+{
+    QueryResult result;
+    const Run outcome = run(statement, result);
+    if (outcome == Run::queryFailed) {
+        rollback();
+    }
+    return outcome == Run::okay;
+}
+
+} // namespace oryx

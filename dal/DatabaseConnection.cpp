@@ -1,0 +1,171 @@
+#include <dal/DatabaseConnection.h>
+
+#include <dal/QueryResult.h>
+#include <dal/internal/Sql.h>
+
+#include <wex/URL.h>
+
+#include <libpq-fe.h>
+
+namespace oryx {
+
+namespace {
+
+std::string connectionString(const char* uri, const char* user, const char* password)
+{
+    std::string host;
+    std::string dbname = uri;
+    const wex::URL url(uri);
+    if (url.isValid()) {
+        url.getHost(host);
+        url.getPath(dbname);
+    }
+    const std::string database = sql("dbname={} user={} password={}", dbname, user, password);
+    return host.empty() ? database : sql("host={} {}", host, database);
+}
+
+} // namespace
+
+void DbcNoticeProcessor(void* arg, const char* message)
+{
+    if (arg != nullptr) {
+        static_cast<DatabaseConnection*>(arg)->handleNoticeMessage(message);
+    }
+}
+
+DatabaseConnection::~DatabaseConnection()
+{
+    close();
+}
+
+bool DatabaseConnection::connect(const char* uri, const char* user, const char* password)
+{
+    if (uri == nullptr || user == nullptr || password == nullptr) {
+        return error("missing connection parameters");
+    }
+    const std::string cs = connectionString(uri, user, password);
+    m_trace.prn(cs);
+    m_conn = PQconnectdb(cs.c_str());
+    if (m_conn == nullptr) {
+        return error();
+    }
+    // Before the status is looked at: a held connection that failed may be reset later and must not write its notices
+    // to the server process's standard error.
+    PQsetNoticeProcessor(m_conn, DbcNoticeProcessor, this);
+    const ConnStatusType status = PQstatus(m_conn);
+    if (status != CONNECTION_OK) {
+        m_trace.prn("connection failed, status=%d\n", static_cast<int>(status));
+        return error();
+    }
+    return okay();
+}
+
+void DatabaseConnection::close()
+{
+    if (m_conn != nullptr) {
+        PQfinish(m_conn);
+        m_trace.prn("connection closed");
+        m_conn = nullptr;
+    }
+}
+
+bool DatabaseConnection::active()
+{
+    if (m_conn == nullptr) {
+        return error("no connection");
+    }
+    return PQstatus(m_conn) == CONNECTION_OK;
+}
+
+bool DatabaseConnection::reset()
+{
+    if (m_conn == nullptr) {
+        return error("no connection to reset");
+    }
+    PQreset(m_conn);
+    return PQstatus(m_conn) == CONNECTION_OK ? okay() : error();
+}
+
+bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
+{
+    if (m_conn == nullptr) {
+        return error("no connection");
+    }
+    m_trace.prn("executing query");
+    result.setSqlCommand(std::string(cmd));
+    PGresult* received = PQexec(m_conn, cmd);
+    if (received == nullptr) {
+        received = repeatAfterLoss(cmd);
+        if (received == nullptr) {
+            return false;
+        }
+    }
+    m_trace.prn("query returned, setting result");
+    result.setResult(received);
+    std::string name;
+    if (result.failed() && result.getErrorCode(name) == PGRES_FATAL_ERROR) {
+        m_trace.prn("fatal error, retrying after: %s", name.c_str());
+        return repeatAfterFatalResult(cmd, result);
+    }
+    return okay();
+}
+
+bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
+{
+    return execute(cmd.c_str(), result);
+}
+
+PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
+{
+    m_trace.prn("fatal query error: retrying connection");
+    if (!reset()) {
+        error("fatal error, query failed");
+        return nullptr;
+    }
+    m_trace.prn("connection reset, retrying query");
+    PGresult* const received = PQexec(m_conn, cmd);
+    if (received == nullptr) {
+        error("fatal query error after reset");
+    }
+    return received;
+}
+
+bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& result)
+{
+    if (!reset()) {
+        return error("fatal query error, connection reset failed");
+    }
+    PGresult* const received = PQexec(m_conn, cmd);
+    if (received == nullptr) {
+        return error("fatal query error after reset");
+    }
+    result.setResult(received);
+    return okay();
+}
+
+void DatabaseConnection::handleNoticeMessage(const char* msg)
+{
+    if (msg != nullptr) {
+        m_trace.prn("libpq MESSAGE: %s", msg);
+    }
+}
+
+bool DatabaseConnection::okay()
+{
+    m_errorMsg.clear();
+    return true;
+}
+
+bool DatabaseConnection::error()
+{
+    const char* const message = PQerrorMessage(m_conn);
+    return error(message != nullptr ? message : "unspecified error");
+}
+
+bool DatabaseConnection::error(const char* msg)
+{
+    m_errorMsg = msg;
+    return false;
+}
+
+} // namespace oryx

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <util/Export.h>
+#include <zel/Trace.h>
+
+#include <string>
+
+struct pg_conn;
+using PGconn = pg_conn;
+struct pg_result;
+using PGresult = pg_result;
+
+namespace oryx {
+
+class QueryResult;
+
+/// libpq's notice processor: hands the server's message to the `DatabaseConnection` at `arg`, if there is one.
+ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
+
+/// One connection to the PostgreSQL server, and the only place that opens, resets, closes or executes on one.
+///
+/// A lost connection is reset and its statement sent again; every failure leaves its reason in `getErrorMessage()`,
+/// every success empties it. Used by one thread at a time.
+class ORYX_EXPORT DatabaseConnection {
+public:
+    DatabaseConnection() = default;
+    ~DatabaseConnection();
+    DatabaseConnection(const DatabaseConnection&) = delete;
+    DatabaseConnection& operator=(const DatabaseConnection&) = delete;
+
+    /// Connects to the database at `uri` ("scheme://host/database", or a bare database name).
+    ///
+    /// False when an argument is null or the server refuses; a refused connection is held until `close()`. A connection
+    /// that is already held must be closed first. The values go into libpq's connection string as they are; port, TLS
+    /// and time-outs are libpq's own settings (its environment and service file).
+    bool connect(const char* uri, const char* user, const char* password);
+    /// Ends the connection, if there is one.
+    void close();
+    /// Whether the connection is usable as far as libpq knows; sends nothing.
+    bool active();
+    /// Connects again with the same arguments; false when that fails.
+    bool reset();
+
+    /// Sends one command text and stores what came back in `result`.
+    ///
+    /// True when the connection delivered a result, be it a failed one: whether the statement succeeded is
+    /// `result.failed()`. A statement that got no result, or a fatal one (every error of the server is), costs a reset
+    /// and is sent again, at most three times in all: a change may therefore take effect twice. False when the
+    /// connection is lost for good; without a connection `result` is left untouched.
+    bool execute(const char* cmd, QueryResult& result);
+    bool execute(const std::string& cmd, QueryResult& result);
+
+    /// The reason of the last failure; empty after a success.
+    const std::string& getErrorMessage() const { return m_errorMsg; }
+    /// Traces a notice of the server; null is ignored.
+    void handleNoticeMessage(const char* msg);
+
+    /// Success: empties the error text. Always true.
+    bool okay();
+    /// Failure with libpq's reason. Always false.
+    bool error();
+    /// Failure with the given reason. Always false.
+    bool error(const char* msg);
+
+private:
+    PGresult* repeatAfterLoss(const char* cmd);
+    bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
+
+    PGconn* m_conn = nullptr;
+    std::string m_errorMsg;
+    zel::Trace m_trace{"DatabaseConnection"};
+};
+
+} // namespace oryx

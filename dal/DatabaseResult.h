@@ -1,0 +1,46 @@
+#pragma once
+
+#include <util/Export.h>
+
+#include <string>
+
+namespace oryx {
+
+/// The outcome of every operation of the services and executors: a status and, for failures, a message.
+///
+/// Setting a status never touches the message; "not found" normally carries none.
+class ORYX_EXPORT DatabaseResult {
+public:
+    /// The numbers are stored and compared by the servers; there is no 4.
+    enum status { OKAY = 0, CONNECTION_ERROR = 1, QUERY_ERROR = 2, NOTFOUND = 3, CONSTRAINT_ERROR = 5 };
+
+    status getStatus() const { return m_status; }
+
+    bool okay() const { return m_status == OKAY; }
+    /// There was no usable connection to the server.
+    bool connectionError() const { return m_status == CONNECTION_ERROR; }
+    /// The statement failed, or an argument was refused before anything was sent.
+    bool queryError() const { return m_status == QUERY_ERROR; }
+    /// A connection or a query error: nothing is known about the rows asked for.
+    bool fatalError() const { return connectionError() || queryError(); }
+    bool notFound() const { return m_status == NOTFOUND; }
+    /// A unique, foreign-key, not-null or check constraint refused the change.
+    bool constraintError() const { return m_status == CONSTRAINT_ERROR; }
+
+    void setOkay() { m_status = OKAY; }
+    void setNotFound() { m_status = NOTFOUND; }
+    void setConnectionError() { m_status = CONNECTION_ERROR; }
+    void setQueryError() { m_status = QUERY_ERROR; }
+    void setConstraintError() { m_status = CONSTRAINT_ERROR; }
+
+    /// A null text leaves the message as it is.
+    void setErrorMessage(const char* msg);
+    void setErrorMessage(const std::string& msg) { m_message = msg; }
+    const std::string& getErrorMessage() const { return m_message; }
+
+private:
+    status m_status = OKAY;
+    std::string m_message;
+};
+
+} // namespace oryx

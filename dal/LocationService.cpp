@@ -1,0 +1,222 @@
+#include <dal/LocationService.h>
+
+#include <dal/DatabaseCommandExecutor.h>
+#include <dal/internal/Sql.h>
+
+#include <sys/time.h>
+
+namespace oryx {
+
+namespace {
+
+/// What a trace shows of a text that may be null.
+const char* shown(const char* text)
+{
+    return text != nullptr ? text : "null";
+}
+
+constexpr const char* kBegin = "BEGIN TRANSACTION; ";
+constexpr const char* kCommit = "COMMIT TRANSACTION;";
+
+} // namespace
+
+LocationService::LocationService() = default;
+
+LocationService::~LocationService() = default;
+
+DatabaseResult LocationService::connect(const char* uri, const char* user, const char* password)
+{
+    m_exec.reset();
+    m_exec = std::make_unique<DatabaseCommandExecutor>();
+    DatabaseResult result;
+    if (!m_exec->connect(uri, user, password)) {
+        result.setConnectionError();
+        result.setErrorMessage(m_exec->getErrorMessage());
+    }
+    return result;
+}
+
+void LocationService::checkConnect(DatabaseResult& result)
+{
+    if (!m_exec) {
+        result.setConnectionError();
+        result.setErrorMessage("lookup attempted without a database connection");
+    }
+}
+
+template <typename Operation>
+DatabaseResult LocationService::guarded(Operation operation)
+{
+    DatabaseResult result;
+    checkConnect(result);
+    return result.okay() ? operation() : result;
+}
+
+DatabaseResult LocationService::getPublicAddressKey(const char* handle, const char* domain, int& key)
+{
+    if (handle != nullptr || domain != nullptr) {
+        m_trace.prn("looking up public address %s@%s", shown(handle), shown(domain));
+    }
+    DatabaseResult result;
+    checkConnect(result);
+    if (!result.okay()) {
+        m_trace.prn("connection error");
+        return result;
+    }
+    key = -1;
+    PublicAddressRecord address;
+    result = m_exec->lookupPublicAddress(handle, domain, address);
+    if (result.okay()) {
+        key = address.public_address_id();
+        m_trace.prn("public address found, key=%d", key);
+    } else {
+        m_trace.prn("lookup failed");
+    }
+    return result;
+}
+
+DatabaseResult LocationService::lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec)
+{
+    return guarded([&] {
+        m_trace.prn("looking up subscriber %s@%s", shown(handle), shown(domain));
+        const int found = m_exec->lookupSubscriber(handle, domain, rec);
+        DatabaseResult result;
+        if (found < 0) {
+            m_trace.prn("connection error");
+            result.setConnectionError();
+            result.setErrorMessage(m_exec->getErrorMessage());
+        } else if (found > 0) {
+            m_trace.prn("subscriber located");
+        } else {
+            m_trace.prn("not found");
+            result.setNotFound();
+        }
+        return result;
+    });
+}
+
+DatabaseResult LocationService::lookupContacts(int key, std::string& ordering, bool& replaceUri,
+                                               std::vector<ContactRecord>& contacts)
+{
+    return guarded([&] { return m_exec->lookupContacts(key, ordering, replaceUri, contacts); });
+}
+
+DatabaseResult LocationService::lookupContacts(const char* handle, const char* domain, std::string& ordering,
+                                               bool& replaceUri, std::vector<ContactRecord>& contacts)
+{
+    return guarded([&] {
+        m_trace.prn("looking up contacts by handle,domain");
+        return m_exec->lookupContacts(handle, domain, ordering, replaceUri, contacts);
+    });
+}
+
+DatabaseResult LocationService::registerContacts(int key, std::vector<ContactRecord>& contacts)
+{
+    return guarded([&] {
+        m_trace.prn("registering contacts for key=%d", key);
+        if (contacts.empty()) {
+            return DatabaseResult();
+        }
+        std::string text = kBegin;
+        for (const ContactRecord& contact : contacts) {
+            appendSql(
+                text,
+                "INSERT INTO contact(address,csid,qvalue,expires,permanent,capabilities,contact_header,call_id,cseq,id)  VALUES('{}',(SELECT csid FROM public_address where public_address_id = {}), '{}',{},'{}','{}','{}','{}','{}', 1); ",
+                contact.address(), key, contact.qvalue(), contact.expires(), contact.permanent(),
+                contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq());
+        }
+        text += kCommit;
+        m_trace.prn(text);
+        return concluded(m_exec->execute(text));
+    });
+}
+
+DatabaseResult LocationService::unregisterContacts(int key, std::vector<ContactRecord>& contacts)
+{
+    return guarded([&] {
+        m_trace.prn("unregistering contacts for key=%d", key);
+        if (contacts.empty()) {
+            return DatabaseResult();
+        }
+        std::string text = kBegin;
+        for (const ContactRecord& contact : contacts) {
+            appendSql(
+                text,
+                "DELETE FROM contact WHERE address = '{}' AND csid = (SELECT csid FROM public_address where id = {}); ",
+                contact.address(), key);
+        }
+        text += kCommit;
+        m_trace.prn("executing: %s", text.c_str());
+        const DatabaseResult result = m_exec->execute(text);
+        m_trace.prn(result.okay() ? "execute okay" : "execute failed");
+        return concluded(result);
+    });
+}
+
+DatabaseResult LocationService::updateContacts(int key, std::vector<ContactRecord>& contacts)
+{
+    return guarded([&] {
+        if (contacts.empty()) {
+            return DatabaseResult();
+        }
+        m_trace.prn("updateContacts invoked for key=%d", key);
+        std::string text = kBegin;
+        for (const ContactRecord& contact : contacts) {
+            appendSql(
+                text,
+                "UPDATE contact SET contact_header = '{}', expires = {}, call_id = '{}', cseq = '{}', qvalue = '{}', capabilities = '{}' WHERE csid = (SELECT csid FROM public_address where id = {}) AND address = '{}' ;",
+                contact.contactHeader(), contact.expires(), contact.callId(), contact.cseq(), contact.qvalue(),
+                contact.capabilities(), key, contact.address());
+            m_trace.prn(text);
+        }
+        text += kCommit;
+        m_trace.prn(text);
+        return concluded(m_exec->execute(text));
+    });
+}
+
+DatabaseResult LocationService::concluded(const DatabaseResult& result)
+{
+    if (!result.okay()) {
+        m_exec->execute("ROLLBACK");
+    }
+    return result;
+}
+
+DatabaseResult LocationService::removeExpiredContacts()
+{
+    return guarded([&] {
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        return m_exec->execute(sql("DELETE FROM contact WHERE expires < {} AND permanent = 'f';", now.tv_sec));
+    });
+}
+
+DatabaseResult LocationService::getNodeType(std::string& nodeType)
+{
+    return guarded([&] {
+        HostInfo info;
+        DatabaseResult result = m_exec->getHostInfo(info);
+        nodeType = info.nodeType();
+        if (result.okay() && nodeType.empty()) {
+            result.setNotFound();
+        }
+        return result;
+    });
+}
+
+DatabaseResult LocationService::getProxyConfig(const char* proxyName, std::vector<ProxyConfig>& items)
+{
+    return guarded([&] { return m_exec->getProxyConfig(proxyName, items); });
+}
+
+std::string& LocationService::getDomainName(std::string& out)
+{
+    if (!m_exec) {
+        out.clear();
+        return out;
+    }
+    return m_exec->getDomainName(out);
+}
+
+} // namespace oryx

@@ -1,0 +1,115 @@
+#include <dal/QueryResult.h>
+
+#include <libpq-fe.h>
+
+#include <array>
+#include <cstdlib>
+
+namespace oryx {
+
+const std::string QueryResult::SQL_SUCCESSFUL_COMPLETION = "00000";
+const std::string QueryResult::SQL_INTEGRITY_CONSTRAINT_VIOLATION = "23000";
+
+QueryResult::~QueryResult()
+{
+    setResult(nullptr);
+}
+
+void QueryResult::setResult(PGresult* pres)
+{
+    if (m_result != nullptr) {
+        PQclear(m_result);
+    }
+    m_result = pres;
+}
+
+bool QueryResult::failed() const
+{
+    if (m_result == nullptr) {
+        return false;
+    }
+    const ExecStatusType status = PQresultStatus(m_result);
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        m_trace.prn("query result status is %d ('%s')\n", static_cast<int>(status), getErrorMessage().c_str());
+    }
+    return status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK;
+}
+
+int QueryResult::rows() const
+{
+    return m_result != nullptr ? PQntuples(m_result) : 0;
+}
+
+int QueryResult::columns() const
+{
+    return m_result != nullptr ? PQnfields(m_result) : 0;
+}
+
+int QueryResult::updateCount() const
+{
+    const char* const count = m_result != nullptr ? PQcmdTuples(m_result) : nullptr;
+    return count != nullptr ? std::atoi(count) : 0;
+}
+
+const char* QueryResult::getColumnName(int col) const
+{
+    return col >= 0 && col < columns() ? PQfname(m_result, col) : nullptr;
+}
+
+bool QueryResult::contains(int row, int col) const
+{
+    return row >= 0 && row < rows() && col >= 0 && col < columns();
+}
+
+const char* QueryResult::getValue(int row, int col) const
+{
+    return contains(row, col) ? PQgetvalue(m_result, row, col) : nullptr;
+}
+
+bool QueryResult::isNull(int row, int column) const
+{
+    return !contains(row, column) || PQgetisnull(m_result, row, column) != 0;
+}
+
+std::string QueryResult::getSqlState() const
+{
+    const char* const state = m_result != nullptr ? PQresultErrorField(m_result, PG_DIAG_SQLSTATE) : nullptr;
+    return state != nullptr ? state : SQL_SUCCESSFUL_COMPLETION;
+}
+
+bool QueryResult::integrityConstraintViolation() const
+{
+    return getSqlState().compare(0, 2, SQL_INTEGRITY_CONSTRAINT_VIOLATION, 0, 2) == 0;
+}
+
+std::string QueryResult::getErrorMessage() const
+{
+    if (m_result == nullptr) {
+        return "not executed";
+    }
+    const char* const message = PQresultErrorMessage(m_result);
+    if (message == nullptr) {
+        return "unspecified result";
+    }
+    return std::string(message)
+        .append(", sqlState=")
+        .append(getSqlState())
+        .append(", sqlcommand=")
+        .append(m_sqlCommand);
+}
+
+int QueryResult::getErrorCode(std::string& s) const
+{
+    if (m_result == nullptr) {
+        s = "NO QUERY EXECUTED";
+        return -1;
+    }
+    static constexpr std::array kNames{"PGRES_EMPTY_QUERY",    "PGRES_COMMAND_OK", "PGRES_TUPLES_OK",
+                                       "PGRES_COPY_OUT",       "PGRES_COPY_IN",    "PGRES_BAD_RESPONSE",
+                                       "PGRES_NONFATAL_ERROR", "PGRES_FATAL_ERROR"};
+    const auto code = static_cast<unsigned>(PQresultStatus(m_result));
+    s = code < kNames.size() ? kNames.at(code) : "UNRECOGNIZED CODE";
+    return static_cast<int>(code);
+}
+
+} // namespace oryx

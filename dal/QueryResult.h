@@ -1,0 +1,72 @@
+#pragma once
+
+#include <dal/DatabaseResult.h>
+#include <util/Export.h>
+#include <zel/Trace.h>
+
+#include <string>
+#include <utility>
+
+struct pg_result;
+using PGresult = pg_result;
+
+namespace oryx {
+
+/// The result of one executed statement, with the statement's text.
+///
+/// Owns its libpq result. A fresh object is "not executed": every question gets its neutral answer. Used by one thread
+/// at a time.
+class ORYX_EXPORT QueryResult {
+public:
+    /// SQLSTATE of a statement that succeeded.
+    static const std::string SQL_SUCCESSFUL_COMPLETION;
+    /// SQLSTATE whose class, its first two characters, all constraint violations share.
+    static const std::string SQL_INTEGRITY_CONSTRAINT_VIOLATION;
+
+    QueryResult() = default;
+    ~QueryResult();
+    QueryResult(const QueryResult&) = delete;
+    QueryResult& operator=(const QueryResult&) = delete;
+
+    /// Takes ownership of `pres`, which may be null, and frees the result held before.
+    void setResult(PGresult* pres);
+    void setSqlCommand(const std::string& sqlCommand_) { m_sqlCommand = sqlCommand_; }
+    void setSqlCommand(std::string&& sqlCommand_) { m_sqlCommand = std::move(sqlCommand_); }
+    const std::string& getSqlCommand() const { return m_sqlCommand; }
+
+    /// True for a held result that is neither a completed command nor a set of rows. Traces the result's status.
+    bool failed() const;
+
+    /// Rows and columns of the result; 0 without one.
+    int rows() const;
+    int columns() const;
+    /// Rows that the command changed (or selected); 0 without a result.
+    int updateCount() const;
+
+    /// The name of a column, null when there is no such column.
+    const char* getColumnName(int col) const;
+    /// The text at a row and column, null outside the result; SQL NULL reads as an empty text. Valid as long as the
+    /// result is held.
+    const char* getValue(int row, int col) const;
+    /// Whether SQL NULL stands at a row and column; true outside the result too.
+    bool isNull(int row, int column) const;
+
+    /// The five-character SQLSTATE, `SQL_SUCCESSFUL_COMPLETION` when there is none.
+    std::string getSqlState() const;
+    /// Whether a constraint (SQLSTATE class 23) refused the statement.
+    bool integrityConstraintViolation() const;
+    /// The server's message, the SQLSTATE and the statement in one text.
+    std::string getErrorMessage() const;
+    /// The libpq status number, its name in `s`; -1 without a result.
+    int getErrorCode(std::string& s) const;
+
+private:
+    bool contains(int row, int col) const;
+
+    PGresult* m_result = nullptr;
+    // The connection's own channel: an operator follows a statement and its result as one story.
+    mutable zel::Trace m_trace{"DatabaseConnection"};
+    std::string m_sqlCommand;
+};
+
+} // namespace oryx

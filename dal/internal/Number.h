@@ -1,0 +1,18 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+
+namespace oryx {
+
+/// The leading whole number of a text, held to the limits of an int: a longer one must not come out as another number,
+/// and must come out alike where `long` is 32 and where it is 64 bits wide.
+inline int leadingInt(const char* text)
+{
+    constexpr long long kMin = std::numeric_limits<int>::min();
+    constexpr long long kMax = std::numeric_limits<int>::max();
+    return static_cast<int>(std::clamp(std::strtoll(text, nullptr, 10), kMin, kMax));
+}
+
+} // namespace oryx

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <dal/QueryResult.h>
+#include <dal/internal/Number.h>
+
+#include <cstdlib>
+
+namespace oryx {
+
+/// One row of a result, read by column; SQL NULL leaves what the caller already has.
+class Row {
+public:
+    Row(const QueryResult& result, int row) : m_result(result), m_row(row) {}
+
+    /// The column's text, null for SQL NULL (which the records' setters ignore). Owned by the result.
+    const char* text(int column) const
+    {
+        const char* const value = m_result.getValue(m_row, column);
+        const bool null = value == nullptr || (*value == '\0' && m_result.isNull(m_row, column));
+        return null ? nullptr : value;
+    }
+    /// A whole number, held to the limits of an int on every platform.
+    int integer(int column, int whenNull) const
+    {
+        const char* const value = text(column);
+        return value != nullptr ? leadingInt(value) : whenNull;
+    }
+    /// Seconds since the epoch, or a sequence number.
+    long number(int column, long whenNull) const
+    {
+        const char* const value = text(column);
+        return value != nullptr ? std::strtol(value, nullptr, 10) : whenNull;
+    }
+    /// A database boolean: true for a text that begins with 't'.
+    bool flag(int column, bool whenNull) const
+    {
+        const char* const value = text(column);
+        return value != nullptr ? *value == 't' : whenNull;
+    }
+
+private:
+    const QueryResult& m_result;
+    int m_row;
+};
+
+} // namespace oryx

@@ -1,0 +1,146 @@
+// What configures host and routing: tables host_info, address_map, proxy_configuration and domain_access.
+
+#include <dal/DatabaseCommandExecutor.h>
+
+#include <dal/UtilityConvert.h>
+#include <dal/internal/Row.h>
+#include <dal/internal/Sql.h>
+
+namespace oryx {
+
+namespace {
+
+/// Reads the table by position.
+void readHostInfo(const Row& row, HostInfo& info)
+{
+    info.setNodeType(row.text(0));
+    info.setParent(row.text(1));
+    info.setParentContact(row.text(2));
+    info.setTopUrl(row.text(3));
+    info.setServerName(row.text(4));
+    info.setOutboundAllowInternal(row.flag(5, info.outboundAllowInternal()));
+    info.setOutboundAllowExternal(row.flag(6, info.outboundAllowExternal()));
+    info.setOutboundProxy(row.text(7));
+    info.setOutboundDirect(row.text(8));
+}
+
+AddressMapRecord readAddressMap(const Row& row)
+{
+    AddressMapRecord map;
+    map.setOrdering(row.text(0));
+    map.setReplaceUri(row.flag(1, true));
+    map.setHandle(row.text(2));
+    map.setCsid(row.integer(3, map.csid()));
+    map.setPattern(row.text(4));
+    map.setModTime(static_cast<long>(convertTime(row.text(5))));
+    map.setPriority(row.integer(6, map.priority()));
+    return map;
+}
+
+} // namespace
+
+DatabaseResult DatabaseCommandExecutor::getHostInfo(HostInfo& info)
+{
+    if (!checkConnect()) {
+        return connectionError();
+    }
+    m_trace.prn("looking up host info");
+    QueryResult result;
+    DatabaseResult outcome = runForResult("SELECT * FROM host_info", result);
+    if (!outcome.okay()) {
+        return outcome;
+    }
+    if (result.rows() == 0) {
+        m_trace.prn("zero rows found");
+        outcome.setNotFound();
+        return outcome;
+    }
+    m_trace.prn("host_info returned %d rows", result.rows());
+    readHostInfo(Row(result, 0), info);
+    return outcome;
+}
+
+DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
+{
+    if (!checkConnect()) {
+        return connectionError();
+    }
+    m_trace.prn("looking up address_maps");
+    QueryResult result;
+    DatabaseResult outcome = runForResult(
+        "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ",
+        result);
+    if (!outcome.okay()) {
+        return outcome;
+    }
+    const int rows = result.rows();
+    if (rows == 0) {
+        m_trace.prn("no address maps found");
+        return outcome;
+    }
+    m_trace.prn("found %d address map records", rows);
+    for (int i = 0; i < rows; ++i) {
+        maps.push_back(readAddressMap(Row(result, i)));
+    }
+    return outcome;
+}
+
+DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, std::vector<ProxyConfig>& items)
+{
+    if (!checkConnect()) {
+        return connectionError();
+    }
+    if (!require(proxyName != nullptr, "null proxy name")) {
+        return queryError();
+    }
+    m_trace.prn("looking up proxy configuration for %s", proxyName);
+    QueryResult result;
+    DatabaseResult outcome = runForResult(
+        sql("SELECT scope, property_name, property_value  FROM proxy_configuration   WHERE proxy_name = '{}';",
+            proxyName),
+        result);
+    if (!outcome.okay()) {
+        return outcome;
+    }
+    items.clear();
+    const int rows = result.rows();
+    if (rows == 0) {
+        m_trace.prn("no configuration found for %s", proxyName);
+        return outcome;
+    }
+    m_trace.prn("found %d proxy configuration items", rows);
+    for (int i = 0; i < rows; ++i) {
+        const Row row(result, i);
+        items.emplace_back(row.text(0), row.text(1), row.text(2));
+    }
+    return outcome;
+}
+
+DatabaseResult DatabaseCommandExecutor::getDomainAccessList(std::vector<DomainAccess>& rules)
+{
+    if (!checkConnect()) {
+        return connectionError();
+    }
+    m_trace.prn("getting domain access list");
+    QueryResult result;
+    DatabaseResult outcome =
+        runForResult("SELECT direction,sip_domain,domain_action FROM domain_access ORDER BY qvalue", result);
+    if (!outcome.okay()) {
+        m_trace.prn(outcome.connectionError() ? "execute query failed" : "query error");
+        return outcome;
+    }
+    const int rows = result.rows();
+    if (rows == 0) {
+        m_trace.prn("query returned 0 rows");
+    }
+    for (int i = 0; i < rows; ++i) {
+        const Row row(result, i);
+        DomainAccess& rule = rules.emplace_back();
+        rule.setDirection(row.text(0));
+        rule.setDomain(row.text(1));
+        rule.setAction(row.text(2));
+    }
+    return outcome;
+}
+
+} // namespace oryx
