@@ -19,7 +19,7 @@ if(ORYX_WARNINGS_AS_ERRORS)
 endif()
 
 if(ORYX_SANITIZE)
-  add_compile_options("-fsanitize=${ORYX_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+  add_compile_options("-fsanitize=${ORYX_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options("-fsanitize=${ORYX_SANITIZE}")
 endif()
 

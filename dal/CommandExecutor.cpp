@@ -30,7 +30,7 @@ bool CommandExecutor::connect(const char* uri, const char* user, const char* pas
 bool CommandExecutor::checkConnect()
 {
     if (!m_conn) {
-        return error("attempt to execute a command with no database connection");
+        return errorConnection();
     }
     return m_conn->active() || m_conn->reset() || errorConnection();
 }
@@ -68,7 +68,7 @@ bool CommandExecutor::executeUpdate(const std::string& cmd, int& count)
 
 CommandExecutor::Run CommandExecutor::run(const std::string& statement, QueryResult& result)
 {
-    if (!m_conn->execute(statement, result)) {
+    if (!m_conn || !m_conn->execute(statement, result)) {
         errorConnection();
         return Run::connectionFailed;
     }
@@ -134,7 +134,7 @@ bool CommandExecutor::error(const QueryResult& r)
 
 bool CommandExecutor::errorConnection()
 {
-    m_errorMsg = m_conn->getErrorMessage();
+    m_errorMsg = m_conn ? m_conn->getErrorMessage() : "attempt to execute a command with no database connection";
     return false;
 }
 

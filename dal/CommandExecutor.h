@@ -64,7 +64,7 @@ protected:
 
     explicit CommandExecutor(const char* channel);
 
-    /// Runs a statement on the connection, which the caller has checked.
+    /// Runs a statement without checking the connection first.
     Run run(const std::string& statement, QueryResult& result);
     /// The same for callers that answer with a result.
     DatabaseResult runForResult(const std::string& statement, QueryResult& result);

@@ -30,7 +30,7 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
         result.setQueryError();
     }
     result.setErrorMessage(m_errorMsg);
-    if (isTransaction && !m_conn->execute("ROLLBACK;", qres)) {
+    if (isTransaction && (!m_conn || !m_conn->execute("ROLLBACK;", qres))) {
         m_trace.prn("rollback execution failed\n");
     }
     return result;

@@ -1,0 +1,59 @@
+# shellcheck shell=bash
+# What scripts/try and scripts/test share. Sourced, from the project's root.
+
+# What the build needs beside Debian's base system, and what the tests need beyond that.
+readonly kBuildPackages=(
+    g++ cmake ninja-build pkg-config libpq-dev libspdlog-dev libsodium-dev libsofia-sip-ua-dev postgresql
+)
+readonly kTestPackages=(clang-format clang-tidy libgtest-dev shellcheck valgrind)
+
+logs=$PWD/build/logs
+
+# Runs a command with its output in a log: one line when all is well, the log's end when it is not.
+step() {
+    local title=$1 log started=$SECONDS
+    shift
+    log=$logs/$(tr -cs 'a-z0-9\n' '-' <<<"${title,,}").log
+    mkdir -p "$logs"
+    printf '%-58s' "$title ..."
+    if "$@" >"$log" 2>&1; then
+        printf ' %4d s\n' $((SECONDS - started))
+    else
+        printf ' FAILED\n'
+        tail -n 100 "$log" >&2
+        printf 'the whole of it: %s\n' "$log" >&2
+        return 1
+    fi
+}
+
+as_root() {
+    if [[ $(id -u) -eq 0 ]]; then "$@"; else sudo "$@"; fi
+}
+
+missing_packages() {
+    local package
+    for package in "$@"; do
+        dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || echo "$package"
+    done
+}
+
+install_packages() {
+    # Debian makes and starts a database cluster with the server's package. Nobody asked for one.
+    local no_cluster=/etc/postgresql-common/createcluster.d/oryx-dal.conf
+    if [[ ! -e /usr/bin/pg_createcluster ]]; then
+        as_root mkdir -p "${no_cluster%/*}"
+        as_root tee "$no_cluster" <<<'create_main_cluster = false'
+    fi
+    as_root apt-get update
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
+    as_root rm -f "$no_cluster"
+}
+
+# Installs those of the packages that are not there.
+need_packages() {
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    if ((${#missing[@]} > 0)); then
+        step "install ${#missing[@]} Debian packages" install_packages "${missing[@]}"
+    fi
+}

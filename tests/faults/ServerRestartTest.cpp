@@ -1,0 +1,114 @@
+#include "support/DatabaseTest.h"
+#include "support/Show.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// The throw-away server itself, told to stop and to start. It must be the test's own.
+class ServerControl {
+public:
+    explicit ServerControl(server::Session& session)
+        : m_folder(session.value("SHOW data_directory")),
+          m_program(session.value("SELECT setting FROM pg_config WHERE name = 'BINDIR'") + "/pg_ctl"),
+          m_settings(session.value("SHOW config_file"))
+    {
+    }
+
+    /// "fast": sessions are told and ended; "immediate": the server is gone as after a crash.
+    void stop(const std::string& mode) const { control("stop -m " + mode); }
+    void start() const { control("start -l '" + m_folder + "/restart.log' -o '-c config_file=" + m_settings + "'"); }
+    void restart(const std::string& mode) const
+    {
+        stop(mode);
+        start();
+    }
+
+private:
+    void control(const std::string& what) const
+    {
+        // The server does not run as root: neither may what controls it.
+        const std::string as = geteuid() == 0 ? "runuser -u postgres -- " : "";
+        const std::string command = "cd / && " + as + m_program + " -s -w -D '" + m_folder + "' " + what;
+        if (std::system(command.c_str()) != 0) {
+            throw std::runtime_error("failed: " + command);
+        }
+    }
+
+    std::string m_folder;
+    std::string m_program;
+    std::string m_settings;
+};
+
+class ServerRestart : public ServiceTest {
+protected:
+    /// The test's own session, which the server's end has ended too, is connected again.
+    void lookAgain() { m_session = server::Session(m_database.name()); }
+
+    std::string addresses() { return rows("SELECT address, expires FROM contact ORDER BY contact_id"); }
+
+    ServerControl m_server{m_session};
+};
+
+const std::string kA = "sip:a@192.0.2.1";
+const std::string kB = "sip:b@192.0.2.2";
+
+std::string refusal()
+{
+    return "connection error: connection to server at \"127.0.0.1\", port " + server::port() +
+           " failed: Connection refused\n\tIs the server running on that host and accepting TCP/IP connections?\n";
+}
+
+} // namespace
+
+TEST_F(ServerRestart, GoesUnnoticedBetweenTwoRequests)
+{
+    EXPECT_EQ(registerAll({kA}), "okay");
+    m_server.restart("fast");
+    EXPECT_EQ(alicesContacts(), "okay\n" + show(contact(kA)));
+    m_server.restart("immediate");
+    EXPECT_EQ(registerAll({kB}), "okay");
+    lookAgain();
+    EXPECT_EQ(addresses(), kA + "|2000000000\n" + kB + "|2000000000\n");
+}
+
+TEST_F(ServerRestart, LeavesNothingOfARegistrationThatItInterrupted)
+{
+    std::future<std::string> registration;
+    server::Session other(m_database.name());
+    other.run("BEGIN; INSERT INTO contact (csid, address) VALUES (12, '" + kB + "')");
+    registration = std::async(std::launch::async, [this] { return registerAll({kA, kB}); });
+    EXPECT_NE(waitingBackend(), "");
+    m_server.stop("fast");
+    EXPECT_EQ(registration.get(), "query error: [00000] server closed the connection unexpectedly");
+    m_server.start();
+    lookAgain();
+    EXPECT_EQ(addresses(), "");
+    EXPECT_EQ(registerAll({kA, kB}), "okay");
+    EXPECT_EQ(addresses(), kA + "|2000000000\n" + kB + "|2000000000\n");
+}
+
+TEST_F(ServerRestart, IsToldAsAConnectionErrorUntilTheServerIsBack)
+{
+    EXPECT_EQ(registerAll({kA}), "okay");
+    m_server.stop("fast");
+    EXPECT_EQ(alicesContacts(), "connection error: fatal query error, connection reset failed\n");
+    EXPECT_EQ(alicesContacts(), refusal() + "\n");
+    EXPECT_EQ(registerAll({kB}), refusal());
+    EXPECT_EQ(show(m_service.removeExpiredContacts()), refusal());
+    EXPECT_EQ(show(m_service.connect(m_database.uri().c_str(), server::kUser, server::kPassword)), refusal());
+    EXPECT_EQ(alicesContacts(), refusal() + "\n");
+    m_server.start();
+    EXPECT_EQ(alicesContacts(), "okay\n" + show(contact(kA)));
+    EXPECT_EQ(registerAll({kB}), "okay");
+    lookAgain();
+    EXPECT_EQ(addresses(), kA + "|2000000000\n" + kB + "|2000000000\n");
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "support/Server.h"
+
+#include <dal/Dal.h>
+#include <dal/DatabaseCommandExecutor.h>
+#include <dal/LocationService.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// \file
+/// Fixtures of the tests that need a server: a database of the test's own, and the library connected to it as a server
+/// is. After each test the library must have left no transaction open.
+
+/// The gist of a failed statement's message: its SQLSTATE and first line. Any other message as it is.
+std::string gist(const std::string& message);
+
+/// A result with the gist of its message.
+std::string outcome(const oryx::DatabaseResult& result);
+
+/// A contact with a value in every field that a registration brings.
+oryx::ContactRecord contact(const std::string& address);
+std::vector<oryx::ContactRecord> contacts(const std::vector<std::string>& addresses);
+
+class DatabaseTest : public testing::Test {
+protected:
+    DatabaseTest();
+    void TearDown() override;
+
+    void sql(const std::string& statements) { m_session.run(statements); }
+    std::string rows(const std::string& query) { return m_session.rows(query); }
+
+    /// Alice, subscriber 7, with contact set 12 and the address of record alice@oryx.example, key 42.
+    void provisionAlice();
+    /// Every contact in the database, every column that a registration writes.
+    std::string storedContacts();
+
+    /// The server process behind the library's latest connection, and its state. (Those of former connections may take
+    /// a moment to go.)
+    std::string backend();
+    std::string sessionState();
+    /// The process behind a statement of the library's that waits for a lock, as soon as there is one other than
+    /// `former`.
+    std::string waitingBackend(const std::string& former = "");
+    /// Empty as soon as the process has gone.
+    std::string remaining(const std::string& backend);
+    void terminate(const std::string& backend);
+
+    server::Database m_database;
+    server::Session m_session;
+
+private:
+    /// Asks until the answer is the one wanted, or for so long that it never will be; the last answer.
+    std::string eventually(const std::string& query, const std::function<bool(const std::string&)>& wanted);
+};
+
+class ExecutorTest : public DatabaseTest {
+protected:
+    void SetUp() override;
+
+    /// The gist of the executor's error text.
+    std::string reason() { return gist(m_executor.getErrorMessage()); }
+
+    oryx::DatabaseCommandExecutor m_executor;
+};
+
+class ServiceTest : public DatabaseTest {
+protected:
+    void SetUp() override;
+
+    /// Registers contacts with these addresses for Alice.
+    std::string registerAll(const std::vector<std::string>& addresses);
+    /// What a lookup of Alice's contacts gives.
+    std::string alicesContacts();
+
+    oryx::LocationService m_service;
+};

@@ -1,0 +1,199 @@
+#include "support/Proxy.h"
+
+#include "support/Server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace server {
+
+namespace {
+
+// How long a change of what is watched may go unnoticed by the serving thread.
+constexpr int kTickMilliseconds = 10;
+
+int check(int outcome)
+{
+    if (outcome < 0) {
+        throw std::system_error(errno, std::generic_category(), "proxy");
+    }
+    return outcome;
+}
+
+sockaddr_in loopback(std::uint16_t port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+Socket newSocket()
+{
+    Socket made(check(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+    const int on = 1;
+    check(::setsockopt(made.fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
+    return made;
+}
+
+Socket bound(std::uint16_t port)
+{
+    Socket made = newSocket();
+    const int on = 1;
+    check(::setsockopt(made.fd(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on));
+    const sockaddr_in address = loopback(port);
+    check(::bind(made.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    return made;
+}
+
+std::uint16_t portOf(const Socket& socket)
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    check(::getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &size));
+    return ntohs(address.sin_port);
+}
+
+bool sendAll(int fd, const char* bytes, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t sent = ::send(fd, bytes, size, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return false;
+        }
+        bytes += sent;
+        size -= static_cast<std::size_t>(sent);
+    }
+    return true;
+}
+
+} // namespace
+
+Socket& Socket::operator=(Socket&& other) noexcept
+{
+    std::swap(m_fd, other.m_fd);
+    return *this;
+}
+
+Socket::~Socket()
+{
+    if (m_fd >= 0) {
+        // A close alone would count only when the serving thread's poll has returned.
+        ::shutdown(m_fd, SHUT_RDWR);
+        ::close(m_fd);
+    }
+}
+
+Proxy::Proxy() : m_reservation(bound(0)), m_port(portOf(m_reservation))
+{
+    refuse(false);
+    m_thread = std::thread([this] { serve(); });
+}
+
+Proxy::~Proxy()
+{
+    m_stop = true;
+    m_thread.join();
+}
+
+void Proxy::hangUp()
+{
+    const std::lock_guard lock(m_mutex);
+    m_links.clear();
+}
+
+void Proxy::lose(const std::vector<Loss>& losses)
+{
+    const std::lock_guard lock(m_mutex);
+    m_losses.assign(losses.begin(), losses.end());
+}
+
+void Proxy::refuse(bool refusing)
+{
+    const std::lock_guard lock(m_mutex);
+    m_listener = refusing ? Socket() : bound(m_port);
+    if (!refusing) {
+        check(::listen(m_listener.fd(), SOMAXCONN));
+    }
+}
+
+void Proxy::serve()
+{
+    while (!m_stop) {
+        std::vector<pollfd> sockets = watched();
+        ::poll(sockets.data(), sockets.size(), kTickMilliseconds);
+        const std::lock_guard lock(m_mutex);
+        accept();
+        for (Link& link : m_links) {
+            forward(link, true);
+            forward(link, false);
+        }
+        m_links.remove_if([](const Link& link) { return !link.open; });
+    }
+}
+
+std::vector<pollfd> Proxy::watched()
+{
+    const std::lock_guard lock(m_mutex);
+    std::vector<pollfd> sockets{{m_listener.fd(), POLLIN, 0}};
+    for (const Link& link : m_links) {
+        sockets.push_back({link.client.fd(), POLLIN, 0});
+        sockets.push_back({link.server.fd(), POLLIN, 0});
+    }
+    return sockets;
+}
+
+void Proxy::accept()
+{
+    pollfd waiting{m_listener.fd(), POLLIN, 0};
+    if (::poll(&waiting, 1, 0) <= 0) {
+        return;
+    }
+    Link link;
+    link.client = Socket(::accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    link.server = newSocket();
+    const sockaddr_in address = loopback(static_cast<std::uint16_t>(std::stoi(server::port())));
+    if (::connect(link.server.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        m_links.push_back(std::move(link));
+    }
+}
+
+void Proxy::forward(Link& link, bool fromClient)
+{
+    const int from = fromClient ? link.client.fd() : link.server.fd();
+    const int to = fromClient ? link.server.fd() : link.client.fd();
+    std::array<char, 65536> bytes;
+    const ssize_t size = ::recv(from, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (size < 0 && errno == EAGAIN) {
+        return;
+    }
+    link.open = link.open && size > 0 && !isLost(link, fromClient, bytes[0]) &&
+                sendAll(to, bytes.data(), static_cast<std::size_t>(size));
+}
+
+bool Proxy::isLost(Link& link, bool fromClient, char first)
+{
+    constexpr char kStatement = 'Q';
+    if (!fromClient) {
+        link.answered = true;
+        return link.loseAnswer;
+    }
+    if (!std::exchange(link.answered, false) || first != kStatement || m_losses.empty()) {
+        return false;
+    }
+    const Loss loss = m_losses.front();
+    m_losses.pop_front();
+    link.loseAnswer = loss == Loss::answer;
+    return loss == Loss::request;
+}
+
+} // namespace server

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <poll.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace server {
+
+/// A socket, closed with the object.
+class Socket {
+public:
+    explicit Socket(int fd = -1) : m_fd(fd) {}
+    Socket(Socket&& other) noexcept : m_fd(other.m_fd) { other.m_fd = -1; }
+    Socket& operator=(Socket&& other) noexcept;
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    ~Socket();
+
+    int fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+/// Stands between the library and the server, and loses connections when told to.
+///
+/// It listens on a port of 127.0.0.1 of its own and serves from a thread of its own; its operations are for the test's
+/// thread and count from their return on. The connections through it must not be encrypted: it looks for statements.
+class Proxy {
+public:
+    /// What gets lost of a statement, with the connection: nothing, the statement itself, or its answer, when the
+    /// server has carried it out.
+    enum class Loss { nothing, request, answer };
+
+    Proxy();
+    ~Proxy();
+    Proxy(const Proxy&) = delete;
+    Proxy& operator=(const Proxy&) = delete;
+
+    std::string port() const { return std::to_string(m_port); }
+
+    /// Cuts every connection there is.
+    void hangUp();
+    /// Has these losses befall the next statements, one each.
+    void lose(const std::vector<Loss>& losses);
+    /// Nobody listens from now on; or somebody does again.
+    void refuse(bool refusing);
+
+private:
+    struct Link {
+        Socket client;
+        Socket server;
+        bool answered = false; // the client's next bytes begin a message: it waits for every answer
+        bool loseAnswer = false;
+        bool open = true;
+    };
+
+    void serve();
+    std::vector<pollfd> watched();
+    void accept();
+    void forward(Link& link, bool fromClient);
+    bool isLost(Link& link, bool fromClient, char first);
+
+    Socket m_reservation; // bound and never listening: keeps the port while nobody listens
+    std::uint16_t m_port;
+    Socket m_listener;
+    std::list<Link> m_links;
+    std::deque<Loss> m_losses;
+    std::mutex m_mutex;
+    std::atomic<bool> m_stop = false;
+    std::thread m_thread;
+};
+
+} // namespace server

@@ -1,0 +1,151 @@
+#include "support/Server.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+namespace server {
+
+namespace {
+
+constexpr const char* kMaintenance = "postgres";
+
+void requireThrowAwayServer()
+{
+    if (std::getenv("ORYX_TEST_SERVER") == nullptr) {
+        throw std::runtime_error("no throw-away server: run the tests through scripts/with-server");
+    }
+}
+
+std::string migrations()
+{
+    std::set<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(ORYX_SCHEMA)) {
+        if (entry.path().extension() == ".sql") {
+            files.insert(entry.path());
+        }
+    }
+    std::ostringstream text;
+    for (const auto& file : files) {
+        text << std::ifstream(file).rdbuf();
+    }
+    return text.str();
+}
+
+void makeTemplate(Session& session, const std::string& name)
+{
+    session.run("DROP DATABASE IF EXISTS " + name);
+    session.run("CREATE DATABASE " + name);
+    if (std::system(("'" ORYX_SCHEMA "/apply' " + name + " >&2").c_str()) != 0) {
+        throw std::runtime_error("the schema cannot be applied");
+    }
+    session.run("DO $$ BEGIN IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = '" + std::string(kUser) +
+                "') THEN CREATE ROLE " + kUser + " LOGIN PASSWORD '" + kPassword +
+                "' IN ROLE oryx_server; END IF; END $$");
+    session.run("ALTER DATABASE " + name + " IS_TEMPLATE true");
+}
+
+/// The database that all others are copied from, made at the first demand. Its name tells the migrations it was made
+/// of, so that a server that outlives a change of them gets another one.
+std::string templateDatabase(Session& session)
+{
+    std::string name = "oryx_template_" + std::to_string(std::hash<std::string>{}(migrations()));
+    // Tests run at once: one makes it, the others wait here.
+    session.run("SELECT pg_advisory_lock(7)");
+    if (session.rows("SELECT 1 FROM pg_database WHERE datistemplate AND datname = '" + name + "'").empty()) {
+        makeTemplate(session, name);
+    }
+    session.run("SELECT pg_advisory_unlock(7)");
+    return name;
+}
+
+} // namespace
+
+const std::string& port()
+{
+    static const std::string kPort = [] {
+        const char* const value = std::getenv("PGPORT");
+        return std::string(value != nullptr ? value : "");
+    }();
+    return kPort;
+}
+
+Session::Session(const std::string& database)
+{
+    requireThrowAwayServer();
+    m_connection.reset(PQconnectdb(("dbname=" + database + " port=" + port()).c_str()));
+    if (PQstatus(m_connection.get()) != CONNECTION_OK) {
+        throw std::runtime_error(PQerrorMessage(m_connection.get()));
+    }
+    // What a statement has to say beside its outcome is for the library's own tests.
+    run("SET client_min_messages = error");
+}
+
+void Session::run(const std::string& statements)
+{
+    execute(statements);
+}
+
+std::string Session::rows(const std::string& query)
+{
+    const auto result = execute(query);
+    std::string text;
+    for (int row = 0; row < PQntuples(result.get()); ++row) {
+        for (int column = 0; column < PQnfields(result.get()); ++column) {
+            text += column == 0 ? "" : "|";
+            text += PQgetisnull(result.get(), row, column) != 0 ? "NULL" : PQgetvalue(result.get(), row, column);
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+std::string Session::value(const std::string& query)
+{
+    std::string text = rows(query);
+    text.resize(text.empty() ? 0 : text.size() - 1);
+    return text;
+}
+
+std::unique_ptr<PGresult, Session::Release> Session::execute(const std::string& statements)
+{
+    std::unique_ptr<PGresult, Release> result(PQexec(m_connection.get(), statements.c_str()));
+    const ExecStatusType status = PQresultStatus(result.get());
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+        throw std::runtime_error(PQerrorMessage(m_connection.get()) + statements);
+    }
+    return result;
+}
+
+Database::Database() : m_name("oryx_test_" + std::to_string(getpid()))
+{
+    Session session(kMaintenance);
+    const std::string source = templateDatabase(session);
+    session.run("DROP DATABASE IF EXISTS " + m_name + " WITH (FORCE)");
+    session.run("CREATE DATABASE " + m_name + " TEMPLATE " + source);
+    // A copy lacks what the server keeps beside a database: its settings and the rights to it.
+    session.run("INSERT INTO pg_db_role_setting SELECT made.oid, setrole, setconfig FROM pg_database made, "
+                "pg_database source JOIN pg_db_role_setting ON setdatabase = source.oid WHERE made.datname = '" +
+                m_name + "' AND source.datname = '" + source + "'");
+    session.run("UPDATE pg_database SET datacl = source.datacl FROM pg_database source WHERE pg_database.datname = '" +
+                m_name + "' AND source.datname = '" + source + "'");
+}
+
+Database::~Database()
+{
+    try {
+        Session(kMaintenance).run("DROP DATABASE " + m_name + " WITH (FORCE)");
+    } catch (const std::exception& failure) {
+        ADD_FAILURE() << "the test's database was not dropped: " << failure.what();
+    }
+}
+
+} // namespace server
