@@ -1,5 +1,5 @@
 #include "contract/ExecutorFixture.h"
-#include "unit/TemporaryDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 #include <Crypt.h>
 

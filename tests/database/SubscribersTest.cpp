@@ -1,7 +1,7 @@
 #include "support/DatabaseTest.h"
 #include "support/Show.h"
+#include "support/TemporaryDirectory.h"
 #include "support/TraceLog.h"
-#include "unit/TemporaryDirectory.h"
 
 #include <Crypt.h>
 #include <gtest/gtest.h>

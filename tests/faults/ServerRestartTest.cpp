@@ -82,15 +82,17 @@ TEST_F(ServerRestart, GoesUnnoticedBetweenTwoRequests)
 
 TEST_F(ServerRestart, LeavesNothingOfARegistrationThatItInterrupted)
 {
-    std::future<std::string> registration;
-    server::Session other(m_database.name());
-    other.run("BEGIN; INSERT INTO contact (csid, address) VALUES (12, '" + kB + "')");
-    registration = std::async(std::launch::async, [this] { return registerAll({kA, kB}); });
+    // The second contact takes longer than the server lives.
+    sql("CREATE FUNCTION dawdle() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN PERFORM pg_sleep(30); RETURN NEW; END $$;"
+        "CREATE TRIGGER dawdle BEFORE INSERT ON contact FOR EACH ROW WHEN (NEW.address = '" +
+        kB + "') EXECUTE FUNCTION dawdle()");
+    auto registration = std::async(std::launch::async, [this] { return registerAll({kA, kB}); });
     EXPECT_NE(waitingBackend(), "");
     m_server.stop("fast");
     EXPECT_EQ(registration.get(), "query error: [00000] server closed the connection unexpectedly");
     m_server.start();
     lookAgain();
+    sql("DROP FUNCTION dawdle CASCADE");
     EXPECT_EQ(addresses(), "");
     EXPECT_EQ(registerAll({kA, kB}), "okay");
     EXPECT_EQ(addresses(), kA + "|2000000000\n" + kB + "|2000000000\n");

@@ -98,7 +98,7 @@ std::string DatabaseTest::sessionState()
 
 std::string DatabaseTest::waitingBackend(const std::string& former)
 {
-    return eventually("SELECT pid" + kLibrarysSessions + "AND wait_event_type = 'Lock'",
+    return eventually("SELECT pid" + kLibrarysSessions + "AND wait_event_type IN ('Lock', 'Timeout')",
                       [&](const std::string& pid) { return !pid.empty() && pid != former; });
 }
 

@@ -42,8 +42,8 @@ protected:
     /// a moment to go.)
     std::string backend();
     std::string sessionState();
-    /// The process behind a statement of the library's that waits for a lock, as soon as there is one other than
-    /// `former`.
+    /// The process behind a statement of the library's that waits for a lock or sleeps, as soon as there is one other
+    /// than `former`.
     std::string waitingBackend(const std::string& former = "");
     /// Empty as soon as the process has gone.
     std::string remaining(const std::string& backend);

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <unit/TemporaryDirectory.h>
+#include <support/TemporaryDirectory.h>
 #include <unit/TraceCapture.h>
 
 namespace {
