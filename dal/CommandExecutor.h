@@ -16,8 +16,8 @@ class DatabaseConnection;
 /// What both command executors stand on: the connection they own, the running of statements, the error text, and the
 /// server's domain list.
 ///
-/// Nothing is thrown. Operations that return `bool` leave the reason of a failure in `getErrorMessage()`. An executor
-/// is used by one thread at a time.
+/// Nothing is thrown but std::bad_alloc. Operations that return `bool` leave the reason of a failure in
+/// `getErrorMessage()`. An executor is used by one thread at a time.
 class ORYX_EXPORT CommandExecutor {
 public:
     /// The row of `system_parameters` that lists the SIP domains this server answers for.

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <util/Export.h>
-
+#include <algorithm>
+#include <limits>
 #include <string>
 
 /// \file
@@ -116,7 +116,7 @@ public:
     const std::string& address() const { return m_address; }
     int csid() const { return m_csid; }
     const std::string& qvalue() const { return m_qvalue; }
-    /// Seconds since the epoch.
+    /// Seconds since the epoch; one read from the database is held to the limits of a long.
     long expires() const { return m_expires; }
     const std::string& permanent() const { return m_permanent; }
     const std::string& capabilities() const { return m_capabilities; }
@@ -197,8 +197,8 @@ public:
     const std::string& handle() const { return m_handle; }
     const std::string& pattern() const { return m_pattern; }
     int csid() const { return m_csid; }
-    /// Seconds since the epoch.
-    int modTime() const { return static_cast<int>(m_modTime); }
+    /// Seconds since the epoch, at most what an int holds.
+    int modTime() const { return static_cast<int>(std::min<long>(m_modTime, std::numeric_limits<int>::max())); }
     int priority() const { return m_priority; }
     const std::string& ordering() const { return m_ordering; }
     bool replaceUri() const { return m_replaceUri; }

@@ -12,11 +12,13 @@ DatabaseCommandExecutor::DatabaseCommandExecutor() : CommandExecutor("DatabaseCo
 DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& cmd, DatabaseResult& result,
                                                             QueryResult& qres, bool isTransaction)
 {
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    m_trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
+        m_trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
 #pragma GCC diagnostic pop
+    }
     const Run outcome = run(cmd, qres);
     if (outcome == Run::okay) {
         result.setOkay();
@@ -51,7 +53,8 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
         m_trace.prn("getSystemParameterValue(): Query returned 0 rows, No available domains found!");
         return {};
     }
-    return result.getValue(0, 0);
+    const char* const value = result.getValue(0, 0);
+    return value != nullptr ? value : "";
 }
 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)

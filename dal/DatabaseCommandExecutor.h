@@ -9,8 +9,9 @@ namespace oryx {
 
 /// The registrar's statements: subscribers, public addresses, contacts, and the tables that configure host and routing.
 ///
-/// Values go into the statements as they are, unescaped: a quote in one breaks its statement, which then fails as a
-/// query error. On every failure `getErrorMessage()` holds the reason. An executor is used by one thread at a time.
+/// Values go into the statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL: at
+/// best the statement fails as a query error, at worst it does what the value says. `getErrorMessage()` holds the
+/// reason of a failure unless a result is said to. An executor is used by one thread at a time.
 class ORYX_EXPORT DatabaseCommandExecutor : public CommandExecutor {
 public:
     DatabaseCommandExecutor();
@@ -26,13 +27,15 @@ public:
 
     std::string getSystemParameterValue(const std::string& application, const std::string& scope,
                                         const std::string& name) override;
-    /// The list is read once and shared by all location executors of the process until it ends.
+    /// The list is read once and shared by all location executors of the process until it ends. While one reads it the
+    /// others wait.
     std::string& getNthElementOfDomainList(std::string& domainName, unsigned int index) override;
 
     // Subscribers and their contact sets (location/Subscribers.cpp)
 
-    /// Stores a subscriber; one with a negative key gets its key from the database, one without a user id gets its key
-    /// as user id. Rows inserted; 0 when the statement failed, -1 without a connection.
+    /// Stores a subscriber. One with a negative key gets its key from the database, and is stored twice if the request
+    /// is sent again after a lost connection; one without a user id gets the record's key, negative or not, as user id.
+    /// Rows inserted; 0 when the statement failed, -1 without a connection.
     int addSubscriber(const SubscriberRecord& rec);
     /// The subscriber whom an address of record belongs to, with the password in clear. 1 found, 0 not found, -1
     /// failed; `rec` is changed only when found, and keeps its fields where a column is NULL. An inactive subscriber
@@ -73,8 +76,9 @@ public:
     /// the set's ordering and replace-URI flag.
     ///
     /// Okay also when there are none (then `ordering` is left as it was); not found when the subscriber is inactive
-    /// (the contact set form does not look); connection or query error. `replaceUri` is true unless a row says
-    /// otherwise; `contacts` grows only when okay.
+    /// (the contact set form does not look), with `ordering` and `replaceUri` set; connection or query error (a contact
+    /// set key below 1: "NULL csid", in the result only). `replaceUri` is true unless a row says otherwise; `contacts`
+    /// grows only when okay.
     DatabaseResult lookupContacts(const char* handle, const char* domain, std::string& ordering, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
     DatabaseResult lookupContacts(int publicAddressId, std::string& ordering, bool& replaceUri,

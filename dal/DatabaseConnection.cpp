@@ -92,10 +92,12 @@ bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
         return error("no connection");
     }
     m_trace.prn("executing query");
+    // The copy is what is sent: the caller's text may be the one that the result held so far.
     result.setSqlCommand(std::string(cmd));
-    PGresult* received = PQexec(m_conn, cmd);
+    const char* const statement = result.getSqlCommand().c_str();
+    PGresult* received = PQexec(m_conn, statement);
     if (received == nullptr) {
-        received = repeatAfterLoss(cmd);
+        received = repeatAfterLoss(statement);
         if (received == nullptr) {
             return false;
         }
@@ -105,7 +107,7 @@ bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
     std::string name;
     if (result.failed() && result.getErrorCode(name) == PGRES_FATAL_ERROR) {
         m_trace.prn("fatal error, retrying after: %s", name.c_str());
-        return repeatAfterFatalResult(cmd, result);
+        return repeatAfterFatalResult(statement, result);
     }
     return okay();
 }

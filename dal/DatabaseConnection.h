@@ -31,7 +31,8 @@ public:
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name).
     ///
     /// False when an argument is null or the server refuses; a refused connection is held until `close()`. A connection
-    /// that is already held must be closed first. The values go into libpq's connection string as they are; port, TLS
+    /// that is already held must be closed first. The values go into libpq's connection string as they are, so an empty
+    /// database or user makes libpq read the next item in its place, and a blank ends a value; port, TLS
     /// and time-outs are libpq's own settings (its environment and service file).
     bool connect(const char* uri, const char* user, const char* password);
     /// Ends the connection, if there is one.

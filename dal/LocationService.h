@@ -15,7 +15,7 @@ class DatabaseCommandExecutor;
 
 /// What a registrar or proxy holds: addresses of record, their contacts, and the host's settings.
 ///
-/// Every operation answers with a result; on a service that was never connected that is a connection error. `key` is
+/// The operations answer with a result; on a service that was never connected that is a connection error. `key` is
 /// the public address key from `getPublicAddressKey`. Texts go into the statements as they are: what comes from the
 /// network must hold no quote. One service serves one thread at a time; several services may run at once.
 class ORYX_EXPORT LocationService {
@@ -26,7 +26,8 @@ public:
     LocationService& operator=(const LocationService&) = delete;
 
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
-    /// held so far. Okay, or a connection error with the server's reason.
+    /// held so far. Neither the database nor the user may be empty, nor hold a blank. Okay, or a connection error with
+    /// the server's reason.
     DatabaseResult connect(const char* uri, const char* user, const char* password);
     /// Sets `result` to a connection error on a service that was never connected; leaves it as it is otherwise.
     void checkConnect(DatabaseResult& result);
@@ -41,8 +42,9 @@ public:
     /// Appends the contacts of an address of record to `contacts`.
     ///
     /// Okay also when there are none, or when the address of record is unknown: then `ordering` is left as it was. Not
-    /// found when the subscriber is inactive; connection or query error. `replaceUri` becomes true unless the contact
-    /// set says otherwise; `contacts` grows only when okay.
+    /// found when the subscriber is inactive, with `ordering` and `replaceUri` set; connection or query error.
+    /// `replaceUri` becomes true unless the contact set says otherwise, and is left as it was on a service that was
+    /// never connected; `contacts` grows only when okay.
     DatabaseResult lookupContacts(int key, std::string& ordering, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
     DatabaseResult lookupContacts(const char* handle, const char* domain, std::string& ordering, bool& replaceUri,

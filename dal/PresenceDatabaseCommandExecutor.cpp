@@ -69,7 +69,8 @@ std::string PresenceDatabaseCommandExecutor::getSystemParameterValue(const std::
         m_trace.prn("getSystemParameterValue(): *** Query returned 0 rows, No available records found! ***");
         return {};
     }
-    return result.getValue(0, 0);
+    const char* const value = result.getValue(0, 0);
+    return value != nullptr ? value : "";
 }
 
 std::string& PresenceDatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)

@@ -64,7 +64,8 @@ private:
     bool contains(int row, int col) const;
 
     PGresult* m_result = nullptr;
-    // The connection's own channel: an operator follows a statement and its result as one story.
+    // The connection's own channel: an operator follows a statement and its result as one story. Mutable, because a
+    // suite's own traces need not be const.
     mutable zel::Trace m_trace{"DatabaseConnection"};
     std::string m_sqlCommand;
 };

@@ -11,7 +11,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
+#include <utility>
 
 namespace oryx {
 
@@ -169,7 +171,10 @@ bool UtilityConvert::stringToInteger(const std::string& s, long& integer)
     const long long value = std::strtoll(s.c_str(), &end, 10);
     const long long inRange = std::clamp<long long>(value, INT32_MIN, INT32_MAX);
     integer = static_cast<long>(inRange);
-    return errno == 0 && inRange == value && end == s.c_str() + s.size();
+    if (inRange != value) {
+        errno = ERANGE;
+    }
+    return errno == 0 && end == s.c_str() + s.size();
 }
 
 bool UtilityConvert::stringToInteger(const std::string& s, unsigned long& integer)
@@ -180,10 +185,12 @@ bool UtilityConvert::stringToInteger(const std::string& s, unsigned long& intege
     // A minus sign negates within the type, as strtoul has it: the sign is taken off before the range is checked.
     const bool negative = std::find(s.c_str(), static_cast<const char*>(end), '-') != end;
     const unsigned long long magnitude = negative ? 0 - value : value;
-    const bool inRange = errno == 0 && magnitude <= UINT32_MAX;
+    if (magnitude > UINT32_MAX) {
+        errno = ERANGE;
+    }
     const auto low = static_cast<std::uint32_t>(magnitude);
-    integer = !inRange ? UINT32_MAX : negative ? 0U - low : low;
-    return inRange && end == s.c_str() + s.size();
+    integer = errno != 0 ? UINT32_MAX : negative ? 0U - low : low;
+    return errno == 0 && end == s.c_str() + s.size();
 }
 
 int UtilityConvert::stringToInt(const std::string& s)

@@ -9,9 +9,9 @@ namespace oryx {
 
 /// Conversions between numbers, booleans and text.
 ///
-/// Nothing is thrown. A parser that takes a flag sets it to whether the whole text was a number within range, and
-/// leaves it alone for an empty text: callers give it a value first. Whole numbers have the range of 32 bits on every
-/// platform.
+/// Nothing is thrown but std::bad_alloc. A parser that takes a flag sets it to whether the whole text was a number
+/// within range, and leaves it alone for an empty text: callers give it a value first. Whole numbers have the range of
+/// 32 bits on every platform.
 class ORYX_EXPORT UtilityConvert {
 public:
     static const std::string TRUE_STRING;

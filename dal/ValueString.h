@@ -21,7 +21,7 @@ public:
     /// A bare number.
     void addExplicit(const char* nm, long v);
 
-    /// The list with its closing parenthesis; valid until the next addition.
+    /// The list with its closing parenthesis; valid until the next call that changes it.
     const char* names();
     const char* values();
 

@@ -9,7 +9,8 @@ readonly kTestPackages=(clang clang-format clang-tidy libclang-rt-14-dev libgtes
 
 logs=$PWD/build/logs
 
-# Runs a command with its output in a log: one line when all is well, the log's end when it is not.
+# Runs a command with its output in a log: one line when all is well, the log's end when it is not. What stops a script
+# at its first failure does not work in here: a function given must return its own.
 step() {
     local title=$1 log started=$SECONDS
     shift
@@ -44,9 +45,11 @@ install_packages() {
         as_root mkdir -p "${no_cluster%/*}"
         as_root tee "$no_cluster" <<<'create_main_cluster = false'
     fi
-    as_root apt-get update
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
+    local status=0
+    as_root apt-get update &&
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@" || status=$?
     as_root rm -f "$no_cluster"
+    return "$status"
 }
 
 # Installs those of the packages that are not there.

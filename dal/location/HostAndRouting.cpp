@@ -102,13 +102,13 @@ DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, st
     if (!outcome.okay()) {
         return outcome;
     }
-    items.clear();
     const int rows = result.rows();
     if (rows == 0) {
         m_trace.prn("no configuration found for %s", proxyName);
-        return outcome;
+    } else {
+        m_trace.prn("found %d proxy configuration items", rows);
     }
-    m_trace.prn("found %d proxy configuration items", rows);
+    items.clear(); // only now: the proxy's name may be a text of one of them
     for (int i = 0; i < rows; ++i) {
         const Row row(result, i);
         items.emplace_back(row.text(0), row.text(1), row.text(2));

@@ -103,10 +103,10 @@ bool show(oryx::LocationService& service, int key)
 }
 
 /// What the caller of a registrar never wants to see, seen on purpose.
-void showFailures(oryx::LocationService& service, int key, const oryx::ContactRecord& registered)
+void showFailures(oryx::LocationService& service, int key, const oryx::ContactRecord& contact)
 {
-    std::vector<oryx::ContactRecord> twice{registered};
-    report("register a contact that is there already", service.registerContacts(key, twice));
+    std::vector<oryx::ContactRecord> twice{contact, contact};
+    report("register a contact twice in one request", service.registerContacts(key, twice));
 
     int nobody = 0;
     report("look up an unknown address of record", service.getPublicAddressKey("nobody", "oryx.example", nobody));
@@ -123,6 +123,10 @@ bool run(const Arguments& arguments)
         return false;
     }
     const std::string user = environment("PGUSER");
+    if (user.empty()) {
+        std::fprintf(stderr, "PGUSER must name the user to connect as\n");
+        return false;
+    }
     const std::string password = environment("PGPASSWORD");
 
     oryx::LocationService service;

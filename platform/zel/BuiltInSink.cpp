@@ -21,7 +21,7 @@ enum class Selection { nothing, failures, everything };
 Selection selection()
 {
     const char* value = std::getenv("ORYX_TRACE");
-    const std::string_view wanted = value ? value : "off";
+    const std::string_view wanted = value && *value ? value : "off";
     if (wanted == "log") {
         return Selection::failures;
     }

@@ -1,5 +1,6 @@
 -- A small deployment to try the servers with: the domain oryx.example, three households and a sales group.
--- It can be loaded again at any time: it puts its own rows back as they were and leaves other rows alone.
+-- It can be loaded again at any time: it puts its own rows back as they were and leaves other rows
+-- alone, a host_info row included.
 BEGIN;
 
 -- The sample's own subscribers take their addresses, contacts and maps along.

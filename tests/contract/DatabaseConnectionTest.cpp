@@ -378,6 +378,17 @@ TEST_F(DatabaseExecute, TakesTheStatementAsAStringToo)
     EXPECT_EQ(trace.take(), traced({kExecuting, kReturned, kJudgedDone}));
 }
 
+TEST_F(DatabaseExecute, SendsTheStatementThatTheResultHoldsAlready)
+{
+    const std::string statement = "SELECT 'longer than a string holds without memory of its own'";
+    libpq.replies({command(), nothing(), refused("42601"), command()});
+    connection.execute(statement, result);
+    libpq.take();
+    connection.execute(result.getSqlCommand(), result);
+    EXPECT_EQ(libpq.takeStatements(), std::vector<std::string>(3, statement));
+    EXPECT_EQ(result.getSqlCommand(), statement);
+}
+
 TEST_F(DatabaseExecute, FreesTheResultOfAnEarlierStatement)
 {
     libpq.replies({command("2"), command("3")});

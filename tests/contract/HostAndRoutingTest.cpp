@@ -388,4 +388,15 @@ TEST_F(HostAndRoutingTest, AFailedListOfAccessRulesIsTracedThroughItsRetry)
                                 executorTrace({"query error"}));
 }
 
+TEST_F(HostAndRoutingTest, AProxyMayBeNamedByAnItemThatItsConfigurationReplaces)
+{
+    libpq.replies({noRows(3)});
+    const std::string name = "a proxy's name longer than a string holds without memory of its own";
+    std::vector<ProxyConfig> items = {ProxyConfig("before", "before", name.c_str())};
+    EXPECT_EQ(show(executor.getProxyConfig(items.front().value(), items)), "okay");
+    EXPECT_EQ(show(items), "");
+    EXPECT_EQ(traced(), executorTrace({("looking up proxy configuration for " + name).c_str(),
+                                       ("no configuration found for " + name).c_str()}));
+}
+
 } // namespace

@@ -293,6 +293,20 @@ TEST(WholeNumberParsers, DoNotMindAnErrnoOfAnEarlierCall)
     EXPECT_TRUE(status);
 }
 
+TEST(WholeNumberParsers, LeaveARangeErrorForTheNextDecimalParser)
+{
+    for (const char* const text : {"2147483648", "9223372036854775808"}) {
+        bool status = true;
+        UtilityConvert::stringToLong(text, status);
+        EXPECT_EQ(errno, ERANGE) << text;
+        UtilityConvert::stringToDouble("1.5", status);
+        EXPECT_FALSE(status) << text;
+    }
+    bool status = true;
+    UtilityConvert::stringToULong("4294967296", status);
+    EXPECT_EQ(errno, ERANGE);
+}
+
 /// Whether a text is a whole number of that type, and what is stored.
 template <typename Number>
 std::string stored(const std::string& text)
