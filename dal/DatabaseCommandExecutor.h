@@ -104,6 +104,7 @@ private:
 
     /// Runs a call of a stored function, and a rollback after one that failed.
     bool callFunction(const std::string& statement);
+    /// The same for the provisioning of addresses of record, with the connection checked first. 0 done, -1 failed.
     int callPublicAddressFunction(const std::string& statement);
     DatabaseResult fetchContacts(const std::string& statement, const ContactQuery& query, std::string& ordering,
                                  bool& replaceUri, std::vector<ContactRecord>& contacts);

@@ -9,15 +9,15 @@ namespace oryx {
 
 int DatabaseCommandExecutor::callPublicAddressFunction(const std::string& statement)
 {
+    if (!checkConnect()) {
+        return -1;
+    }
     m_trace.prn(statement);
     return callFunction(statement) ? 0 : -1;
 }
 
 int DatabaseCommandExecutor::createPublicAddress(int sid, const char* handle, const char* domain)
 {
-    if (!checkConnect()) {
-        return -1;
-    }
     ValueString arguments;
     arguments.add("sid", std::to_string(sid));
     arguments.add("handle", handle);
@@ -27,9 +27,6 @@ int DatabaseCommandExecutor::createPublicAddress(int sid, const char* handle, co
 
 int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* domain, const char* alias)
 {
-    if (!checkConnect()) {
-        return -1;
-    }
     ValueString arguments;
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
@@ -39,9 +36,6 @@ int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* 
 
 int DatabaseCommandExecutor::importPublicAddress(int sid, const char* handle, const char* domain, const char* contact)
 {
-    if (!checkConnect()) {
-        return -1;
-    }
     ValueString arguments;
     arguments.add("sid", std::to_string(sid));
     arguments.add("handle", handle);
