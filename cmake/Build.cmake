@@ -25,5 +25,9 @@ endif()
 
 if(ORYX_CLANG_TIDY)
   find_program(CLANG_TIDY clang-tidy REQUIRED)
+  # The static analyzer alone would take two thirds of the time; its shallow mode takes a tenth.
   set(CMAKE_CXX_CLANG_TIDY "${CLANG_TIDY};--quiet")
+  foreach(argument -Xclang -analyzer-config -Xclang mode=shallow)
+    list(APPEND CMAKE_CXX_CLANG_TIDY "--extra-arg=${argument}")
+  endforeach()
 endif()
