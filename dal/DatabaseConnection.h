@@ -51,6 +51,24 @@ public:
     bool execute(const char* cmd, QueryResult& result);
     bool execute(const std::string& cmd, QueryResult& result);
 
+    /// Subscribes to the changes of one table, whose name is its channel.
+    ///
+    /// False when the server refuses, or when the connection is lost and cannot be reset. The error text is only that
+    /// of the reset.
+    bool listenForDbTableChangeNotification(const std::string& table);
+    /// What `waitOnListen` calls: with true and the table's name for a notification, where the answer is not read;
+    /// with false and an empty name for a wake-up without one, where true ends the wait. Must not use the connection.
+    using TableChangeCallback = bool (*)(bool changed, const std::string& table);
+    /// Subscribes to the tables that the servers follow, and hands every change to the callback, one at a time, on this
+    /// thread, until the callback ends the wait or the connection is lost.
+    ///
+    /// The callback also gets a call after every 5 seconds without a notification. Of several that arrive together, the
+    /// later ones wait for that long each, or for further input. A connection that is lost while it subscribes is reset
+    /// and has then lost the subscriptions before. True when the wait has ended; the caller looks at `active()` for the
+    /// reason. False when a subscription fails (earlier ones stay), when a signal interrupts the wait, or when the
+    /// connection's socket is numbered 65,536 or above.
+    bool waitOnListen(TableChangeCallback handleAdminChangeGlobal);
+
     /// The reason of the last failure; empty after a success.
     const std::string& getErrorMessage() const { return m_errorMsg; }
     /// Traces a notice of the server; null is ignored.
@@ -66,6 +84,9 @@ public:
 private:
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
+    bool listenAfterReset(const std::string& statement);
+    bool waitForInput();
+    bool handOn(TableChangeCallback callback);
 
     PGconn* m_conn = nullptr;
     std::string m_errorMsg;

@@ -1,6 +1,7 @@
 #include <dal/LocationService.h>
 
 #include <dal/DatabaseCommandExecutor.h>
+#include <dal/internal/AddressMapCache.h>
 #include <dal/internal/Sql.h>
 
 #include <sys/time.h>
@@ -20,7 +21,7 @@ constexpr const char* kCommit = "COMMIT TRANSACTION;";
 
 } // namespace
 
-LocationService::LocationService() = default;
+LocationService::LocationService() : m_addrMap(std::make_unique<AddressMapCache>(m_trace)) {}
 
 LocationService::~LocationService() = default;
 
@@ -42,14 +43,6 @@ void LocationService::checkConnect(DatabaseResult& result)
         result.setConnectionError();
         result.setErrorMessage("lookup attempted without a database connection");
     }
-}
-
-template <typename Operation>
-DatabaseResult LocationService::guarded(Operation operation)
-{
-    DatabaseResult result;
-    checkConnect(result);
-    return result.okay() ? operation() : result;
 }
 
 DatabaseResult LocationService::getPublicAddressKey(const char* handle, const char* domain, int& key)
@@ -217,6 +210,44 @@ std::string& LocationService::getDomainName(std::string& out)
         return out;
     }
     return m_exec->getDomainName(out);
+}
+
+DatabaseResult LocationService::lookupAddressMap(const char* uri, std::string& ordering, bool& replaceUri,
+                                                 std::vector<ContactRecord>& contacts)
+{
+    replaceUri = true;
+    DatabaseResult result;
+    checkConnect(result);
+    if (!result.okay()) {
+        m_trace.prn(result.getErrorMessage());
+        return result;
+    }
+    const AddressMapCache::Queries queries{
+        [&](std::vector<AddressMapRecord>& maps) { return m_exec->getAddressMaps(maps); },
+        [&](int csid, std::vector<ContactRecord>& found) {
+            return m_exec->lookupContacts(ordering, csid, replaceUri, found);
+        }};
+    return m_addrMap->lookup(uri, queries, contacts);
+}
+
+void LocationService::getMapKeys(std::vector<std::string>& keys)
+{
+    m_addrMap->getKeys(keys);
+}
+
+AddressMap* LocationService::lookupMapEntry(std::string& key)
+{
+    return m_addrMap->find(key);
+}
+
+void LocationService::removeMapEntry(std::string& key)
+{
+    m_addrMap->remove(key);
+}
+
+void LocationService::clearMapEntries()
+{
+    m_addrMap->clear();
 }
 
 } // namespace oryx

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <dal/AddressMap.h>
 #include <dal/Dal.h>
 #include <dal/DatabaseResult.h>
 #include <util/Export.h>
@@ -11,7 +12,14 @@
 
 namespace oryx {
 
+class AddressMapCache;
 class DatabaseCommandExecutor;
+
+/// Whether the rules deny an outbound request to that host: any outbound rule, or one for both directions, that names
+/// it and denies it. A rule that allows it does not stop the search.
+ORYX_EXPORT bool checkOutboundDenied(std::vector<DomainAccess>& list, std::string& host);
+/// Whether the rules allow an outbound request to that host, likewise.
+ORYX_EXPORT bool checkOutboundAllowed(std::vector<DomainAccess>& list, std::string& host);
 
 /// What a registrar or proxy holds: addresses of record, their contacts, and the host's settings.
 ///
@@ -69,15 +77,62 @@ public:
     /// Sets `out` to the first SIP domain this server answers for, to empty on every failure, and returns it.
     std::string& getDomainName(std::string& out);
 
+    /// Appends the contacts that serve a request URI that belongs to no subscriber: those of the first address map
+    /// whose pattern is found in it, their addresses filled from its parts ("$user", "${host}", ...; RFC 3261 section
+    /// 19.1.1). A part that the URI lacks is empty; "port" without a port stays as it stands. All contacts of the
+    /// vector are filled, also those that it held before.
+    ///
+    /// The maps are read on every call and kept compiled: a map keeps its place while it stays in the table, whatever
+    /// becomes of its priority, and its pattern is compiled again only when its modification time is later, in whole
+    /// seconds. Okay (an inactive subscriber's contacts too), not found (no map matches, or the matching one has no
+    /// contact set), connection or query error (a null `uri` among them). `replaceUri` is true unless the contact set
+    /// says otherwise; `ordering` and `contacts` as `lookupContacts` leaves them.
+    DatabaseResult lookupAddressMap(const char* uri, std::string& ordering, bool& replaceUri,
+                                    std::vector<ContactRecord>& contacts);
+    /// Appends the keys of the compiled address maps: handle, hyphen, contact set key.
+    void getMapKeys(std::vector<std::string>& keys);
+    /// The compiled address map with that key, or null. It belongs to the service and lives until it leaves the table
+    /// or the service ends.
+    AddressMap* lookupMapEntry(std::string& key);
+    void removeMapEntry(std::string& key);
+    void clearMapEntries();
+
+    /// Appends the contacts that a request goes to when nothing else is known: those of the parent node. Okay (an
+    /// inactive subscriber's too), not found (no host settings), connection or query error; `ordering`, `replaceUri`
+    /// and `contacts` as `lookupContacts` leaves them, and as they were when the host settings cannot be read.
+    DatabaseResult getDefaultRoute(std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts);
+    /// Whether a request to `uri` may leave this host, and through which proxy (empty: directly). An internal request
+    /// is judged by the host's setting and the domain access rules, an external one by the host's setting alone.
+    ///
+    /// Okay, not found (no host settings), connection or query error (a null or invalid `uri` among them); `allowed` is
+    /// set when okay, `proxy` when allowed too. Rules that cannot be read are a connection or query error, and still
+    /// the answer is given as if there were none.
+    DatabaseResult getOutboundRoute(const char* uri, bool internal, std::string& proxy, bool& allowed);
+    /// Whether a request from that domain is accepted: unless a rule denies it. Okay, connection or query error;
+    /// `allowed` is set only when okay. A null domain is accepted as one that no rule names.
+    DatabaseResult checkInboundDomainAccess(const char* domain, bool& allowed);
+
 private:
     /// Runs an operation of a service that was connected.
     template <typename Operation>
-    DatabaseResult guarded(Operation operation);
+    DatabaseResult guarded(Operation operation)
+    {
+        DatabaseResult result;
+        checkConnect(result);
+        return result.okay() ? operation() : result;
+    }
     /// Rolls a failed transaction back, so that none stays open on the connection; its result passes through.
     DatabaseResult concluded(const DatabaseResult& result);
 
-    std::unique_ptr<DatabaseCommandExecutor> m_exec;
+    void traceRules(const std::vector<DomainAccess>& rules);
+    bool internalAllowed(const HostInfo& info, std::vector<DomainAccess>& rules, std::string& host);
+    bool externalAllowed(const HostInfo& info);
+    void chooseProxy(const HostInfo& info, const std::string& host, std::string& proxy);
+    bool bypassesProxy(const HostInfo& info, const std::string& host);
+
     zel::Trace m_trace{"LocationService"};
+    std::unique_ptr<DatabaseCommandExecutor> m_exec;
+    std::unique_ptr<AddressMapCache> m_addrMap;
 };
 
 } // namespace oryx

@@ -79,6 +79,7 @@ DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRec
         return outcome;
     }
     m_trace.prn("found %d address map records", rows);
+    maps.reserve(maps.size() + static_cast<std::size_t>(rows));
     for (int i = 0; i < rows; ++i) {
         maps.push_back(readAddressMap(Row(result, i)));
     }

@@ -1,10 +1,5 @@
-#include "contract/Course.h"
 #include "contract/DeskContact.h"
-#include "support/FakeLibpq.h"
-#include "support/Show.h"
-#include "support/TraceLog.h"
-
-#include <dal/LocationService.h>
+#include "contract/ServiceFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -33,12 +28,6 @@ using oryx::SubscriberRecord;
 const char* const kUri = "pgsql://db.oryx.example/registrar";
 const std::string kConnectCalls =
     "connect host=db.oryx.example dbname=registrar user=registrar password=secret\nnotices\n";
-const std::string kNeverConnected = "connection error: lookup attempted without a database connection\n";
-
-std::string serviceTrace(const std::vector<std::string>& texts)
-{
-    return traceLines("LocationService", texts);
-}
 
 std::string key(LocationService& service, const char* handle, const char* domain)
 {
@@ -56,19 +45,6 @@ std::string subscriber(LocationService& service, const char* handle, const char*
 }
 
 const std::string kSubscriberBefore = "subscriber -1 user='before' type='' auth='' password='' oid=-1 active='t'\n";
-
-/// What a contact lookup fills, with something in each before the call.
-struct Found {
-    std::string ordering = "before";
-    bool replaceUri = false;
-    std::vector<ContactRecord> contacts = {};
-
-    std::string after(const DatabaseResult& result) const
-    {
-        return show(result) + "\nordering='" + ordering + "' replace=" + (replaceUri ? "true" : "false") + "\n" +
-               show(contacts);
-    }
-};
 
 std::string contactsByKey(LocationService& service, int key)
 {
@@ -213,32 +189,7 @@ std::string answerTo(const Course& course, const std::string& statement)
     return "okay";
 }
 
-class ConnectedService {
-protected:
-    void connect()
-    {
-        ASSERT_EQ(show(service.connect(kUri, "registrar", "secret")), "okay");
-        libpq.take();
-        trace.take();
-    }
-
-    fake::Libpq libpq;
-    TraceLog trace;
-    LocationService service;
-};
-
-class LocationServiceTest : public testing::Test, protected ConnectedService {
-protected:
-    void SetUp() override { connect(); }
-
-    /// The service loses its connection and does not get it back.
-    void loseForGood()
-    {
-        libpq.loseConnection();
-        libpq.errorMessage(kServerGone);
-        libpq.resetsTo({CONNECTION_BAD});
-    }
-};
+class LocationServiceTest : public ConnectedServiceTest {};
 
 struct WriterOnCourse {
     std::string name;

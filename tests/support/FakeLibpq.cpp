@@ -1,5 +1,6 @@
 #include "support/FakeLibpq.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,8 +23,8 @@ namespace {
 
 Libpq* current = nullptr;
 
-template <typename Owned>
-auto find(std::vector<std::unique_ptr<Owned>>& owners, const Owned* owned)
+template <typename Owned, typename Base>
+auto find(std::vector<std::unique_ptr<Owned>>& owners, const Base* owned)
 {
     return std::find_if(owners.begin(), owners.end(), [&](const auto& owner) { return owner.get() == owned; });
 }
@@ -87,6 +88,8 @@ Libpq::~Libpq()
 {
     EXPECT_TRUE(m_replies.empty()) << m_replies.size() << " replies were never asked for";
     EXPECT_TRUE(m_held.empty()) << m_held.size() << " results were never cleared";
+    EXPECT_TRUE(m_notifications.empty()) << m_notifications.size() << " notifications were never asked for";
+    EXPECT_TRUE(m_handedOut.empty()) << m_handedOut.size() << " notifications were never freed";
     EXPECT_EQ(m_open.size(), m_leftOpen) << "connections were never finished";
     current = nullptr;
 }
@@ -127,6 +130,23 @@ void Libpq::leavesOpen(std::size_t connections)
 void Libpq::errorMessage(std::optional<std::string> message)
 {
     m_error = std::move(message);
+}
+
+Libpq::Notification::Notification(const std::optional<std::string>& channel) : PGnotify(), name(channel.value_or(""))
+{
+    relname = channel ? name.data() : nullptr;
+}
+
+void Libpq::notifies(const std::vector<std::optional<std::string>>& channels)
+{
+    for (const auto& channel : channels) {
+        m_notifications.push_back(std::make_unique<Notification>(channel));
+    }
+}
+
+void Libpq::socket(int number)
+{
+    m_socket = number;
 }
 
 void Libpq::notice(const char* message)
@@ -247,12 +267,51 @@ PGresult* Libpq::exec(const PGconn* conn, const char* statement)
 void Libpq::clear(PGresult* result)
 {
     const std::lock_guard lock(m_mutex);
-    const auto held = find<PGresult>(m_held, result);
+    const auto held = find(m_held, result);
     if (held == m_held.end()) {
         ADD_FAILURE() << "a result was cleared that is not held";
         return;
     }
     m_held.erase(held);
+}
+
+int Libpq::socketOf(const PGconn* conn)
+{
+    const std::lock_guard lock(m_mutex);
+    open(conn);
+    static const int kAlwaysReadable = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return m_socket.value_or(kAlwaysReadable);
+}
+
+void Libpq::consumeInput(const PGconn* conn)
+{
+    const std::lock_guard lock(m_mutex);
+    record("consume");
+    open(conn);
+}
+
+PGnotify* Libpq::nextNotification(const PGconn* conn)
+{
+    const std::lock_guard lock(m_mutex);
+    record("notifies");
+    open(conn);
+    if (m_notifications.empty()) {
+        return nullptr;
+    }
+    m_handedOut.push_back(std::move(m_notifications.front()));
+    m_notifications.pop_front();
+    return m_handedOut.back().get();
+}
+
+void Libpq::freeNotification(const void* notification)
+{
+    const std::lock_guard lock(m_mutex);
+    const auto handedOut = find(m_handedOut, static_cast<const PGnotify*>(notification));
+    if (handedOut == m_handedOut.end()) {
+        ADD_FAILURE() << "memory was freed that is no notification handed out";
+        return;
+    }
+    m_handedOut.erase(handedOut);
 }
 
 } // namespace fake
@@ -301,6 +360,29 @@ void PQclear(PGresult* res)
 {
     if (res != nullptr) {
         fake::current->clear(res);
+    }
+}
+
+int PQsocket(const PGconn* conn)
+{
+    return fake::current->socketOf(conn);
+}
+
+int PQconsumeInput(PGconn* conn)
+{
+    fake::current->consumeInput(conn);
+    return 1;
+}
+
+PGnotify* PQnotifies(PGconn* conn)
+{
+    return fake::current->nextNotification(conn);
+}
+
+void PQfreemem(void* ptr)
+{
+    if (ptr != nullptr) {
+        fake::current->freeNotification(ptr);
     }
 }
 

@@ -49,9 +49,9 @@ Reply status(ExecStatusType status);
 
 /// The script and the record of one test; at most one lives at a time.
 ///
-/// At its end the test fails when a reply was left over, a result was not cleared or was cleared twice, or a connection
-/// was not finished. A connection used after its end, or asked for its status before its notices go anywhere, is a
-/// failure too. Several threads may use the connections of one script.
+/// At its end the test fails when a reply or a notification was left over, one that was handed out was not freed or was
+/// freed twice, or a connection was not finished. A connection used after its end, or asked for its status before its
+/// notices go anywhere, is a failure too. Several threads may use the connections of one script.
 class Libpq {
 public:
     Libpq();
@@ -73,13 +73,17 @@ public:
     void leavesOpen(std::size_t connections);
     /// What PQerrorMessage gives; none is a null pointer.
     void errorMessage(std::optional<std::string> message);
+    /// The channels that PQnotifies tells of, one per call; none is a notification without a name.
+    void notifies(const std::vector<std::optional<std::string>>& channels);
+    /// What PQsocket gives from now on; without it, a descriptor that always has input.
+    void socket(int number);
     /// Has the server send a notice through the processor installed on the connection opened last.
     void notice(const char* message);
     /// A result as PQexec gives it.
     PGresult* result(Reply reply);
 
     /// What was called since the last take, a line each: "connect STRING", "notices", "exec STATEMENT", "reset",
-    /// "finish". PQstatus and the reading of results are not recorded.
+    /// "consume", "notifies", "finish". PQstatus, PQsocket and the reading of results are not recorded.
     std::string take();
     /// The statements sent since the last take, without the other calls.
     std::vector<std::string> takeStatements();
@@ -93,11 +97,21 @@ public:
     void setNoticeProcessor(const PGconn* conn, PQnoticeProcessor processor, void* arg);
     PGresult* exec(const PGconn* conn, const char* statement);
     void clear(PGresult* result);
+    int socketOf(const PGconn* conn);
+    void consumeInput(const PGconn* conn);
+    PGnotify* nextNotification(const PGconn* conn);
+    void freeNotification(const void* notification);
 
 private:
     struct Call {
         std::string what;
         std::string text;
+    };
+
+    struct Notification : PGnotify {
+        explicit Notification(const std::optional<std::string>& channel);
+
+        std::string name;
     };
 
     std::vector<Call> takeCalls();
@@ -109,6 +123,9 @@ private:
     std::deque<ConnStatusType> m_resets;
     std::vector<Call> m_calls;
     std::vector<std::unique_ptr<PGresult>> m_held;
+    std::deque<std::unique_ptr<Notification>> m_notifications;
+    std::vector<std::unique_ptr<Notification>> m_handedOut;
+    std::optional<int> m_socket;
     std::vector<std::unique_ptr<PGconn>> m_open;
     std::size_t m_leftOpen = 0;
     ConnStatusType m_connectStatus = CONNECTION_OK;

@@ -1,0 +1,38 @@
+#include <dal/AddressMap.h>
+
+namespace oryx {
+
+bool AddressMap::compile(const char* pattern, time_t modTime)
+{
+    if (pattern != nullptr) {
+        m_pattern = pattern;
+    }
+    if (m_time != 0 && m_time >= modTime) {
+        m_trace.prn("expression already compiled");
+        return true;
+    }
+    const char* const given = pattern != nullptr ? pattern : "";
+    m_trace.prn("compiling expression '%s'", given);
+    m_time = modTime;
+    // To the regular-expression library an empty pattern matches everything; to an operator it is a map not filled in.
+    if (*given == '\0') {
+        m_regex.free();
+        return false;
+    }
+    return m_regex.compile(given, false);
+}
+
+bool AddressMap::matches(const char* uri)
+{
+    m_trace.prn("checking regex match for %s against %s", uri, m_pattern.c_str());
+    return m_regex.match(uri);
+}
+
+void AddressMap::setKey(const char* key)
+{
+    if (key != nullptr) {
+        m_key = key;
+    }
+}
+
+} // namespace oryx

@@ -1,0 +1,145 @@
+// Waiting until a provisioning table changes: the server notifies, the caller's callback decides.
+
+#include <dal/DatabaseConnection.h>
+
+#include <dal/internal/Sql.h>
+
+#include <libpq-fe.h>
+
+#include <sys/select.h>
+
+#include <array>
+#include <climits>
+#include <memory>
+
+namespace oryx {
+
+namespace {
+
+/// Every table whose changes the servers follow, in the order in which they are subscribed. A channel has its table's
+/// name.
+constexpr std::array kNotifierTables{
+    "acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
+    "subscriber", "contact_set", "sip_event_aggregator"};
+
+constexpr time_t kIdleSeconds = 5;
+
+/// A server with many calls open has descriptors beyond the 1,024 that an fd_set ends at; the system itself reads as
+/// many bits as it is told.
+constexpr int kDescriptors = 65536;
+
+/// A read set that holds one socket.
+class ReadSet {
+public:
+    explicit ReadSet(int socket)
+    {
+        const auto bit = static_cast<unsigned>(socket);
+        m_words.at(bit / kBitsPerWord) = 1UL << (bit % kBitsPerWord);
+    }
+
+    fd_set* get() { return reinterpret_cast<fd_set*>(m_words.data()); }
+
+private:
+    static constexpr unsigned kBitsPerWord = sizeof(unsigned long) * CHAR_BIT;
+    std::array<unsigned long, kDescriptors / kBitsPerWord> m_words{};
+};
+
+/// Waits for input; false when the wait itself fails.
+bool wait(int socket)
+{
+    if (socket >= kDescriptors) {
+        return false;
+    }
+    ReadSet sockets(socket);
+    timeval timeout{kIdleSeconds, 0};
+    return select(socket + 1, sockets.get(), nullptr, nullptr, &timeout) >= 0;
+}
+
+} // namespace
+
+bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& table)
+{
+    const std::string statement = sql("LISTEN {}", table);
+    m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): Attempting to LISTEN on %s", table.c_str());
+    PGresult* const result = PQexec(m_conn, statement.c_str());
+    if (result == nullptr) {
+        return listenAfterReset(statement);
+    }
+    const bool listening = PQresultStatus(result) == PGRES_COMMAND_OK;
+    PQclear(result);
+    if (listening) {
+        m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): --- SUCCESS ---: LISTEN on %s",
+                    table.c_str());
+    } else {
+        m_trace.log(
+            "DatabaseConnection::listenForDbTableChangeNotification(): *** ERROR ***: Failed to exec LISTEN on on %s",
+            table.c_str());
+    }
+    return listening;
+}
+
+bool DatabaseConnection::listenAfterReset(const std::string& statement)
+{
+    m_trace.prn("listenForDbTableChangeNotification: resetting the connection");
+    if (!reset()) {
+        m_trace.log("listenForDbTableChangeNotification: reset failed");
+        return false;
+    }
+    m_trace.log("listenForDbTableChangeNotification: connection reset, retrying query");
+    PGresult* const result = PQexec(m_conn, statement.c_str());
+    if (result == nullptr) {
+        m_trace.log("listenForDbTableChangeNotification: query listen failed even after reset");
+    }
+    PQclear(result);
+    return result != nullptr;
+}
+
+bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGlobal)
+{
+    for (const char* const table : kNotifierTables) {
+        if (!listenForDbTableChangeNotification(table)) {
+            return false;
+        }
+    }
+    bool stop = false;
+    while (!stop && PQstatus(m_conn) == CONNECTION_OK) {
+        if (!waitForInput()) {
+            return false;
+        }
+        stop = handOn(handleAdminChangeGlobal);
+    }
+    return true;
+}
+
+bool DatabaseConnection::waitForInput()
+{
+    const int socket = PQsocket(m_conn);
+    if (socket < 0) {
+        m_trace.log("waitOnListen::Failed to create socket descriptor");
+        return false;
+    }
+    if (!wait(socket)) {
+        m_trace.log("waitOnListen::select failed");
+        return false;
+    }
+    return true;
+}
+
+/// At most one notification: the next one is taken after a further wait.
+bool DatabaseConnection::handOn(TableChangeCallback callback)
+{
+    PQconsumeInput(m_conn);
+    const std::unique_ptr<PGnotify, void (*)(void*)> notification(PQnotifies(m_conn), PQfreemem);
+    if (!notification) {
+        return callback(false, "");
+    }
+    if (notification->relname != nullptr) {
+        m_trace.prn("%s table updated", notification->relname);
+        callback(true, notification->relname);
+    } else {
+        m_trace.log("notifier table has no name!");
+    }
+    return false;
+}
+
+} // namespace oryx

@@ -1,0 +1,116 @@
+#include <util/RegExp.h>
+
+#include <cstring>
+#include <string_view>
+
+namespace oryx {
+
+namespace {
+
+bool isOneOf(char c, std::string_view set)
+{
+    return set.find(c) != std::string_view::npos;
+}
+
+/// What follows the first ending of a bracket expression or an interval.
+std::string_view behind(std::string_view pattern, std::string_view end)
+{
+    const std::size_t at = pattern.find(end);
+    return at != std::string_view::npos ? pattern.substr(at + end.size()) : std::string_view();
+}
+
+/// What follows a bracket expression, whose opening bracket is already taken.
+std::string_view behindBrackets(std::string_view pattern)
+{
+    pattern.remove_prefix(pattern.starts_with('^') ? 1 : 0);
+    pattern.remove_prefix(pattern.starts_with(']') ? 1 : 0); // in the first place it stands for itself
+    while (!pattern.empty() && pattern[0] != ']') {
+        const bool named = pattern.size() > 1 && pattern[0] == '[' && isOneOf(pattern[1], ":.=");
+        pattern = named ? behind(pattern.substr(2), std::string{pattern[1], ']'}) : pattern.substr(1);
+    }
+    return pattern.substr(pattern.empty() ? 0 : 1);
+}
+
+/// The longest run of plain text that every match of a pattern holds; empty where alternatives or repeated groups leave
+/// that open.
+std::string requiredText(std::string_view pattern)
+{
+    constexpr std::string_view kRepetitions = "*+?{";
+    std::string longest;
+    std::string run;
+    while (!pattern.empty()) {
+        const bool escaped = pattern.size() > 1 && pattern[0] == '\\';
+        const char c = pattern[escaped ? 1 : 0];
+        pattern.remove_prefix(escaped ? 2 : 1);
+        const bool repeated = !pattern.empty() && isOneOf(pattern[0], kRepetitions);
+        const bool special = isOneOf(c, ".[]()*+?{}|^$\\");
+        if (special && !escaped) {
+            if (c == '|' || (c == ')' && repeated)) {
+                return {};
+            }
+            if (c == '(' || c == ')') {
+                continue;
+            }
+            pattern = c == '[' ? behindBrackets(pattern) : c == '{' ? behind(pattern, "}") : pattern;
+        }
+        // A backslash before a letter or digit is a class, an anchor or a reference; a byte beyond ASCII is but part of
+        // a character, which a repetition takes whole.
+        const bool plain = escaped ? special : !special && c > ' ' && c <= '~';
+        if (plain && !repeated) {
+            run += c;
+        } else {
+            run.clear();
+        }
+        if (run.size() > longest.size()) {
+            longest = run;
+        }
+    }
+    return longest;
+}
+
+} // namespace
+
+RegExp::~RegExp()
+{
+    free();
+}
+
+bool RegExp::compile(const char* expr, bool ignoreCase)
+{
+    free();
+    if (expr != nullptr) {
+        m_trace.prn("compiling '%s'", expr);
+        m_pattern = expr;
+    }
+    // A dial plan's patterns hold the digits that tell them apart. A glance at those spares most texts the automaton;
+    // thousands of automatons do not fit the processor's caches.
+    m_required = ignoreCase ? "" : requiredText(m_pattern);
+    m_compiled = expr != nullptr && regcomp(&m_regex, expr, REG_EXTENDED | (ignoreCase ? REG_ICASE : 0)) == 0;
+    m_trace.prn(m_compiled ? "compile ok" : "compile failed");
+    return valid();
+}
+
+bool RegExp::match(const char* text)
+{
+    if (text != nullptr) {
+        m_trace.prn("checking '%s' for match on %s", text, m_pattern.c_str());
+    }
+    if (!valid()) {
+        m_trace.prn("match failed, invalid regex");
+        return false;
+    }
+    const bool found = text != nullptr && std::strstr(text, m_required.c_str()) != nullptr &&
+                       regexec(&m_regex, text, 0, nullptr, 0) == 0;
+    m_trace.prn(found ? "match found" : "not a match");
+    return found;
+}
+
+void RegExp::free()
+{
+    if (m_compiled) {
+        m_compiled = false;
+        regfree(&m_regex);
+    }
+}
+
+} // namespace oryx
