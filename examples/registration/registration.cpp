@@ -5,6 +5,8 @@
 //
 // Who connects comes from PGUSER and PGPASSWORD, as with every PostgreSQL client.
 
+#include "../common/Account.h"
+
 #include <dal/LocationService.h>
 
 #include <wex/Uri.h>
@@ -39,39 +41,6 @@ Arguments parse(int argc, char** argv)
         arguments.contacts.assign(given.begin() + 2, given.end());
     }
     return arguments;
-}
-
-std::string environment(const char* name)
-{
-    const char* const value = std::getenv(name);
-    return value != nullptr ? value : "";
-}
-
-const char* name(oryx::DatabaseResult::status status)
-{
-    switch (status) {
-    case oryx::DatabaseResult::OKAY:
-        return "okay";
-    case oryx::DatabaseResult::CONNECTION_ERROR:
-        return "connection error";
-    case oryx::DatabaseResult::QUERY_ERROR:
-        return "query error";
-    case oryx::DatabaseResult::NOTFOUND:
-        return "not found";
-    case oryx::DatabaseResult::CONSTRAINT_ERROR:
-        return "constraint violated";
-    }
-    return "unknown";
-}
-
-/// Prints a step and its outcome; true when it is okay.
-bool report(const std::string& step, const oryx::DatabaseResult& result)
-{
-    std::printf("%-52s %s\n", step.c_str(), name(result.getStatus()));
-    if (!result.getErrorMessage().empty()) {
-        std::printf("    %s\n", result.getErrorMessage().c_str());
-    }
-    return result.okay();
 }
 
 oryx::ContactRecord binding(const std::string& address, const std::string& qvalue, long expires)
@@ -122,16 +91,8 @@ bool run(const Arguments& arguments)
         std::fprintf(stderr, "not a SIP URI: %s\n", arguments.addressOfRecord.c_str());
         return false;
     }
-    const std::string user = environment("PGUSER");
-    if (user.empty()) {
-        std::fprintf(stderr, "PGUSER must name the user to connect as\n");
-        return false;
-    }
-    const std::string password = environment("PGPASSWORD");
-
     oryx::LocationService service;
-    if (!report("connect to " + arguments.database,
-                service.connect(arguments.database.c_str(), user.c_str(), password.c_str()))) {
+    if (!connectFromEnvironment(service, arguments.database)) {
         return false;
     }
     int key = 0;
