@@ -1,0 +1,111 @@
+// From NOTIFY on one connection to the callback on another: through the library's wait loop, and through a loop of
+// poll and PQnotifies written by hand.
+
+#include <dal/DatabaseConnection.h>
+#include <support/Server.h>
+
+#include <benchmark/benchmark.h>
+
+#include <libpq-fe.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kNotifications = 1000;
+constexpr const char* kChannel = "sip_event_aggregator";
+
+// The callback carries no data of its caller's.
+std::counting_semaphore<> heard(0);
+std::atomic<Clock::time_point> heardAt;
+std::atomic<bool> finished;
+
+bool hear(bool changed, const std::string& table)
+{
+    if (changed && table == kChannel) {
+        heardAt = Clock::now();
+        heard.release();
+    }
+    return finished;
+}
+
+void listenByLibrary(const server::Database& database)
+{
+    oryx::DatabaseConnection connection;
+    connection.connect(database.uri().c_str(), server::kUser, server::kPassword);
+    connection.waitOnListen(hear);
+}
+
+void listenByHand(const server::Database& database)
+{
+    const std::unique_ptr<PGconn, void (*)(PGconn*)> connection(
+        PQconnectdb(
+            ("host=127.0.0.1 dbname=" + database.name() + " user=" + server::kUser + " password=" + server::kPassword)
+                .c_str()),
+        PQfinish);
+    PQclear(PQexec(connection.get(), ("LISTEN " + std::string(kChannel)).c_str()));
+    while (!finished) {
+        pollfd socket{PQsocket(connection.get()), POLLIN, 0};
+        poll(&socket, 1, 1000);
+        PQconsumeInput(connection.get());
+        while (PGnotify* const notification = PQnotifies(connection.get())) {
+            hear(true, notification->relname);
+            PQfreemem(notification);
+        }
+    }
+}
+
+/// Seconds from the sending of one notification to its arrival; negative when it does not arrive.
+double oneLatency(server::Session& sender)
+{
+    const Clock::time_point sent = Clock::now();
+    sender.run("NOTIFY " + std::string(kChannel));
+    return heard.try_acquire_for(std::chrono::seconds(1)) ? std::chrono::duration<double>(heardAt.load() - sent).count()
+                                                          : -1;
+}
+
+void latency(benchmark::State& state, void (*listen)(const server::Database&))
+{
+    const server::Database database;
+    server::Session sender(database.name());
+    finished = false;
+    std::thread listener([&] { listen(database); });
+    while (oneLatency(sender) < 0) { // until it listens
+    }
+    std::vector<double> seconds;
+    for (auto _ : state) {
+        seconds.push_back(oneLatency(sender));
+        state.SetIterationTime(seconds.back());
+    }
+    finished = true;
+    listener.join();
+    std::sort(seconds.begin(), seconds.end());
+    if (seconds.front() < 0) {
+        state.SkipWithError("a notification did not arrive within a second");
+    }
+    state.counters["median_us"] = seconds[seconds.size() / 2] * 1e6;
+    state.counters["max_us"] = seconds.back() * 1e6;
+}
+
+BENCHMARK_CAPTURE(latency, library, listenByLibrary)
+    ->Name("notification_latency")
+    ->Iterations(kNotifications)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(latency, libpq, listenByHand)
+    ->Name("notification_latency_by_libpq")
+    ->Iterations(kNotifications)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+} // namespace
