@@ -18,7 +18,7 @@ public:
     /// text is kept in any case. A pattern that is empty or does not compile never matches. The return value carries no
     /// meaning.
     bool compile(const char* pattern, time_t modTime);
-    /// Whether the expression held is found in a request URI.
+    /// Whether the expression held is found in a request URI, which must not be null.
     bool matches(const char* uri);
 
     /// Null leaves the key as it is.

@@ -91,15 +91,19 @@ public:
                                     std::vector<ContactRecord>& contacts);
     /// Appends the keys of the compiled address maps: handle, hyphen, contact set key.
     void getMapKeys(std::vector<std::string>& keys);
-    /// The compiled address map with that key, or null. It belongs to the service and lives until it leaves the table
-    /// or the service ends.
+    /// The compiled address map with that key, or null. It belongs to the service and lives until a lookup finds its
+    /// row gone, it is removed here, or the service ends.
     AddressMap* lookupMapEntry(std::string& key);
+    /// Forgets a compiled address map; the next lookup compiles it again and puts it last. An unknown key changes
+    /// nothing.
     void removeMapEntry(std::string& key);
+    /// Forgets all of them; the next lookup compiles them in the table's order.
     void clearMapEntries();
 
     /// Appends the contacts that a request goes to when nothing else is known: those of the parent node. Okay (an
-    /// inactive subscriber's too), not found (no host settings), connection or query error; `ordering`, `replaceUri`
-    /// and `contacts` as `lookupContacts` leaves them, and as they were when the host settings cannot be read.
+    /// inactive subscriber's too), not found (no host settings), connection or query error (a parent contact that is no
+    /// contact set key among them); `ordering`, `replaceUri` and `contacts` as `lookupContacts` leaves them, and as
+    /// they were when the host settings cannot be read.
     DatabaseResult getDefaultRoute(std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts);
     /// Whether a request to `uri` may leave this host, and through which proxy (empty: directly). An internal request
     /// is judged by the host's setting and the domain access rules, an external one by the host's setting alone.

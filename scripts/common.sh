@@ -5,7 +5,7 @@
 readonly kBuildPackages=(
     g++ cmake ninja-build pkg-config libpq-dev libspdlog-dev libsodium-dev libsofia-sip-ua-dev postgresql
 )
-readonly kTestPackages=(clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind)
+readonly kTestPackages=(clang clang-format clang-tidy libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind)
 
 logs=$PWD/build/logs
 

@@ -38,6 +38,7 @@ std::string requiredText(std::string_view pattern)
     constexpr std::string_view kRepetitions = "*+?{";
     std::string longest;
     std::string run;
+    int depth = 0;
     while (!pattern.empty()) {
         const bool escaped = pattern.size() > 1 && pattern[0] == '\\';
         const char c = pattern[escaped ? 1 : 0];
@@ -48,7 +49,8 @@ std::string requiredText(std::string_view pattern)
             if (c == '|' || (c == ')' && repeated)) {
                 return {};
             }
-            if (c == '(' || c == ')') {
+            if (c == '(' || (c == ')' && depth > 0)) { // one that closes nothing stands for itself
+                depth += c == '(' ? 1 : -1;
                 continue;
             }
             pattern = c == '[' ? behindBrackets(pattern) : c == '{' ? behind(pattern, "}") : pattern;

@@ -2,6 +2,8 @@
 // which proxy, whether it may come in, and who serves a request URI that no subscriber has.
 //
 //     routing [DATABASE-URI]
+//
+// What a question is answered with is printed, failures too; only a refused connection makes the program fail.
 
 #include "../common/Account.h"
 

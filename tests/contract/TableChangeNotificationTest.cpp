@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -273,6 +274,10 @@ TEST_F(TableChangeWait, FailsWithoutASocket)
 
 TEST_F(TableChangeWait, FailsWhenTheSocketIsClosed)
 {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
     const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(close(descriptor), 0);
     m_libpq.socket(descriptor);

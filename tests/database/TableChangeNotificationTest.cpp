@@ -64,7 +64,12 @@ protected:
         m_thread = std::jthread(std::move(wait));
         sql("SET statement_timeout = '20s'; DO $$ BEGIN WHILE NOT EXISTS (" + kSubscribed +
             ") LOOP PERFORM pg_sleep(0.01), pg_stat_clear_snapshot(); END LOOP; END $$");
-        m_trace.take();
+        // The server has told so before the client has read it.
+        std::string seen;
+        while (seen.find("--- SUCCESS ---: LISTEN on sip_event_aggregator") == std::string::npos) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            seen += m_trace.take();
+        }
     }
 
     /// Waits for the end of the wait; what it returned.
