@@ -7,6 +7,8 @@
 
 namespace oryx {
 
+struct ContactQuery;
+
 /// The registrar's statements: subscribers, public addresses, contacts, and the tables that configure host and routing.
 ///
 /// Values go into the statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL: at
@@ -100,16 +102,12 @@ public:
     DatabaseResult getDomainAccessList(std::vector<DomainAccess>& rules);
 
 private:
-    struct ContactQuery;
-
     /// Runs a call of a stored function, and a rollback after one that failed.
     bool callFunction(const std::string& statement);
     /// The same for the provisioning of addresses of record, with the connection checked first. 0 done, -1 failed.
     int callPublicAddressFunction(const std::string& statement);
     DatabaseResult fetchContacts(const std::string& statement, const ContactQuery& query, std::string& ordering,
                                  bool& replaceUri, std::vector<ContactRecord>& contacts);
-    /// What the first row says of the contact set; false for an inactive subscriber.
-    bool readContactSet(const QueryResult& result, const ContactQuery& query, std::string& ordering, bool& replaceUri);
 
     static std::mutex m_domainListMutex;
     static std::vector<std::string> m_domainList;

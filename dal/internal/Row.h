@@ -3,9 +3,23 @@
 #include <dal/QueryResult.h>
 #include <dal/internal/Number.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 namespace oryx {
+
+/// Room for so many more records in one step, however often a caller's vector is added to.
+template <typename Record>
+void makeRoom(std::vector<Record>& records, int more)
+{
+    const std::size_t needed = records.size() + static_cast<std::size_t>(more);
+    if (needed > records.capacity()) {
+        records.reserve(std::max(needed, 2 * records.capacity()));
+    }
+}
 
 /// One row of a result, read by column; SQL NULL leaves what the caller already has.
 class Row {
@@ -18,6 +32,12 @@ public:
         const char* const value = m_result.getValue(m_row, column);
         const bool null = value == nullptr || (*value == '\0' && m_result.isNull(m_row, column));
         return null ? nullptr : value;
+    }
+    /// The column's text, empty for SQL NULL.
+    std::string string(int column) const
+    {
+        const char* const value = m_result.getValue(m_row, column);
+        return value != nullptr ? value : "";
     }
     /// A whole number, held to the limits of an int on every platform.
     int integer(int column, int whenNull) const
@@ -37,6 +57,8 @@ public:
         const char* const value = text(column);
         return value != nullptr ? *value == 't' : whenNull;
     }
+
+    int index() const { return m_row; }
 
 private:
     const QueryResult& m_result;

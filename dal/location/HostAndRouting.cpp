@@ -2,8 +2,7 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/UtilityConvert.h>
-#include <dal/internal/Row.h>
+#include <dal/internal/LocationRows.h>
 #include <dal/internal/Sql.h>
 
 namespace oryx {
@@ -22,19 +21,6 @@ void readHostInfo(const Row& row, HostInfo& info)
     info.setOutboundAllowExternal(row.flag(6, info.outboundAllowExternal()));
     info.setOutboundProxy(row.text(7));
     info.setOutboundDirect(row.text(8));
-}
-
-AddressMapRecord readAddressMap(const Row& row)
-{
-    AddressMapRecord map;
-    map.setOrdering(row.text(0));
-    map.setReplaceUri(row.flag(1, true));
-    map.setHandle(row.text(2));
-    map.setCsid(row.integer(3, map.csid()));
-    map.setPattern(row.text(4));
-    map.setModTime(static_cast<long>(convertTime(row.text(5))));
-    map.setPriority(row.integer(6, map.priority()));
-    return map;
 }
 
 } // namespace
@@ -67,21 +53,9 @@ DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRec
     }
     m_trace.prn("looking up address_maps");
     QueryResult result;
-    DatabaseResult outcome = runForResult(
-        "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ",
-        result);
-    if (!outcome.okay()) {
-        return outcome;
-    }
-    const int rows = result.rows();
-    if (rows == 0) {
-        m_trace.prn("no address maps found");
-        return outcome;
-    }
-    m_trace.prn("found %d address map records", rows);
-    maps.reserve(maps.size() + static_cast<std::size_t>(rows));
-    for (int i = 0; i < rows; ++i) {
-        maps.push_back(readAddressMap(Row(result, i)));
+    DatabaseResult outcome = runForResult(kAddressMapQuery, result);
+    if (outcome.okay()) {
+        readAddressMaps(result, m_trace, maps);
     }
     return outcome;
 }

@@ -2,10 +2,8 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/internal/Row.h>
+#include <dal/internal/LocationRows.h>
 #include <dal/internal/Sql.h>
-
-#include <Crypt.h>
 
 namespace oryx {
 
@@ -15,25 +13,6 @@ void addUnlessEmpty(ValueString& columns, const char* name, const std::string& v
 {
     if (!value.empty()) {
         columns.add(name, value);
-    }
-}
-
-/// The password comes decrypted. Only an active subscriber changes the flag: the caller's record says what holds for
-/// the others.
-void readSubscriber(const Row& row, SubscriberRecord& rec)
-{
-    if (row.flag(6, false)) {
-        rec.setActive('t');
-    }
-    rec.setId(row.integer(0, rec.sid()));
-    rec.setUserId(row.text(1));
-    rec.setOid(row.integer(2, rec.oid()));
-    rec.setType(row.text(3));
-    rec.setAuthType(row.text(4));
-    if (const char* const stored = row.text(5); stored != nullptr) {
-        std::string clear;
-        Crypt::decrypt(stored, clear);
-        rec.setPassword(clear.c_str());
     }
 }
 
@@ -73,9 +52,7 @@ int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* do
         !require(handle != nullptr && domain != nullptr, "invalid parameters passed to lookupSubscriber")) {
         return -1;
     }
-    const std::string statement = sql(
-        "SELECT subscriber.sid, subscriber.auth_user_id, subscriber.oid, subscriber.s_type, subscriber.auth_type,  subscriber.s_password, subscriber.active  FROM public_address,contact_set,subscriber WHERE  subscriber.sid = contact_set.sid AND contact_set.csid = public_address.csid  AND public_address.handle = '{}' AND public_address.sip_domain = '{}';",
-        handle, domain);
+    const std::string statement = subscriberQuery(handle, domain);
     m_trace.prn(statement);
     QueryResult result;
     if (run(statement, result) != Run::okay) {
@@ -85,9 +62,11 @@ int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* do
         return 0;
     }
     const Row row(result, 0);
-    const char* const active = row.text(6);
-    m_trace.prn("active = %s\n", active != nullptr ? active : "not set");
-    readSubscriber(row, rec);
+    readSubscriber(row, m_trace, rec);
+    // Only an active subscriber changes the flag: the caller's record says what holds for the others.
+    if (row.flag(6, false)) {
+        rec.setActive('t');
+    }
     return 1;
 }
 

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <dal/Dal.h>
+#include <dal/QueryResult.h>
+#include <dal/internal/Row.h>
+#include <zel/Trace.h>
+
+#include <string>
+#include <vector>
+
+/// \file
+/// Statements and rows of the registrar's tables that both executors read.
+
+namespace oryx {
+
+/// Where a query of contacts with their contact set has its columns, and what its trace calls the replace-URI flag.
+/// Columns 0 and 1 are the set's ordering and that flag.
+struct ContactQuery {
+    const char* replaceUriName;
+    int activeColumn; // of the subscriber; -1 when the query does not join it
+    int firstContactColumn;
+    bool whole; // the permanent flag, both keys and the path follow the contact's other columns
+};
+
+/// Appends the contacts of a successful query. Okay also when there are none (nothing is changed then); not found when
+/// the subscriber is inactive, with `ordering` and `replaceUri` set.
+DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query, zel::Trace& trace,
+                            std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts);
+
+/// Every address map with its contact set, in the order of priority.
+extern const char* const kAddressMapQuery;
+/// Appends the address maps of a successful `kAddressMapQuery`.
+void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<AddressMapRecord>& maps);
+
+/// The subscriber whom an address of record belongs to: sid, auth_user_id, oid, s_type, auth_type, s_password, active.
+std::string subscriberQuery(const char* handle, const char* domain);
+/// Fills a record from such a row, the password decrypted. The active flag is only traced: the executors judge it
+/// differently.
+void readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec);
+
+} // namespace oryx

@@ -1,0 +1,133 @@
+#include <dal/internal/LocationRows.h>
+
+#include <dal/UtilityConvert.h>
+#include <dal/internal/Sql.h>
+
+#include <Crypt.h>
+
+namespace oryx {
+
+namespace {
+
+/// Reads a contact from address, q-value, expiry, capabilities, header, Call-ID, CSeq and type, in this order.
+ContactRecord readContact(const Row& row, int first)
+{
+    ContactRecord contact;
+    contact.setAddress(row.text(first));
+    contact.setQvalue(row.text(first + 1));
+    contact.setExpires(row.number(first + 2, contact.expires()));
+    contact.setCapabilities(row.text(first + 3));
+    contact.setContactHeader(row.text(first + 4));
+    contact.setCallId(row.text(first + 5));
+    contact.setCseq(row.number(first + 6, contact.cseq()));
+    contact.setType(row.text(first + 7));
+    return contact;
+}
+
+/// And from permanent flag, contact key, contact set key and path vector, which follow.
+ContactRecord readWholeContact(const Row& row, int first)
+{
+    ContactRecord contact = readContact(row, first);
+    if (const char* const permanent = row.text(first + 8); permanent != nullptr) {
+        contact.setPermanent(*permanent);
+    }
+    contact.setContactid(row.integer(first + 9, contact.contactid()));
+    contact.setCsid(row.integer(first + 10, contact.csid()));
+    contact.setPathVector(row.text(first + 11));
+    return contact;
+}
+
+/// Reads the contact set from the first row; false when its subscriber is inactive.
+bool readContactSet(const Row& row, const ContactQuery& query, zel::Trace& trace, std::string& ordering,
+                    bool& replaceUri)
+{
+    ordering = row.string(0);
+    trace.prn("ordering is '%s'", ordering.c_str());
+    replaceUri = row.flag(1, true);
+    trace.prn("%s is %s", query.replaceUriName, replaceUri ? "true" : "false");
+    const char* const active = query.activeColumn >= 0 ? row.text(query.activeColumn) : nullptr;
+    if (active == nullptr) {
+        return true;
+    }
+    trace.prn("active status = %s", active);
+    return *active != 'f';
+}
+
+AddressMapRecord readAddressMap(const Row& row)
+{
+    AddressMapRecord map;
+    map.setOrdering(row.text(0));
+    map.setReplaceUri(row.flag(1, true));
+    map.setHandle(row.text(2));
+    map.setCsid(row.integer(3, map.csid()));
+    map.setPattern(row.text(4));
+    map.setModTime(static_cast<long>(convertTime(row.text(5))));
+    map.setPriority(row.integer(6, map.priority()));
+    return map;
+}
+
+} // namespace
+
+DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query, zel::Trace& trace,
+                            std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts)
+{
+    const int rows = result.rows();
+    trace.prn("retrieved %d rows", rows);
+    DatabaseResult outcome;
+    if (rows == 0) {
+        return outcome;
+    }
+    if (!readContactSet(Row(result, 0), query, trace, ordering, replaceUri)) {
+        outcome.setNotFound();
+        return outcome;
+    }
+    makeRoom(contacts, rows);
+    for (int i = 0; i < rows; ++i) {
+        const Row row(result, i);
+        contacts.push_back(query.whole ? readWholeContact(row, query.firstContactColumn)
+                                       : readContact(row, query.firstContactColumn));
+    }
+    return outcome;
+}
+
+const char* const kAddressMapQuery =
+    "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
+
+void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<AddressMapRecord>& maps)
+{
+    const int rows = result.rows();
+    if (rows == 0) {
+        trace.prn("no address maps found");
+        return;
+    }
+    trace.prn("found %d address map records", rows);
+    makeRoom(maps, rows);
+    for (int i = 0; i < rows; ++i) {
+        maps.push_back(readAddressMap(Row(result, i)));
+    }
+}
+
+std::string subscriberQuery(const char* handle, const char* domain)
+{
+    return sql(
+        "SELECT subscriber.sid, subscriber.auth_user_id, subscriber.oid, subscriber.s_type, subscriber.auth_type,  subscriber.s_password, subscriber.active  FROM public_address,contact_set,subscriber WHERE  subscriber.sid = contact_set.sid AND contact_set.csid = public_address.csid  AND public_address.handle = '{}' AND public_address.sip_domain = '{}';",
+        handle, domain);
+}
+
+void readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec)
+{
+    const char* const active = row.text(6);
+    trace.prn("active = %s\n", active != nullptr ? active : "not set");
+    rec.setId(row.integer(0, rec.sid()));
+    rec.setUserId(row.text(1));
+    rec.setOid(row.integer(2, rec.oid()));
+    rec.setType(row.text(3));
+    rec.setAuthType(row.text(4));
+    if (const char* const stored = row.text(5); stored != nullptr) {
+        std::string clear;
+        Crypt::decrypt(stored, clear);
+        rec.setPassword(clear.c_str());
+    }
+}
+
+} // namespace oryx

@@ -1,0 +1,174 @@
+// Who may watch whom, and presence lists: tables access_control_list, node, buddy_list, buddy_list_detail,
+// presence_list_authorization and listsubscriptions.
+
+#include <dal/DatabaseConnection.h>
+#include <dal/internal/Shown.h>
+#include <dal/presence/Verbs.h>
+
+namespace oryx {
+
+namespace {
+
+std::string insertion(const char* listFsmId, const char* subscriptionId, long expiry)
+{
+    ValueString columns;
+    columns.add("listfsmidentifier", listFsmId);
+    columns.add("subscriptionidentifier", subscriptionId);
+    columns.addExplicit("expirytime", expiry);
+    return sql("INSERT INTO listsubscriptions {} VALUES{};", columns.names(), columns.values());
+}
+
+} // namespace
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char* handle, const char* domain,
+                                                                     const char* application,
+                                                                     std::vector<AccessControlEntry>& entries)
+{
+    m_trace.prn("getAccessControlList for handle: %s domain : %s, application: %s", shown(handle), shown(domain),
+                shown(application));
+    DatabaseResult outcome = list(
+        nullptr, {}, Listing::notFoundWhenEmpty, entries,
+        [&] {
+            return sql(
+                "SELECT requester,access_action FROM access_control_list WHERE object='{}@{}' and state ='ACTIVE' and application='{}';",
+                handle, domain, application);
+        },
+        [&](const Row& row) { entries.emplace_back(row.text(0), row.text(1)); }, "retrieved %d rows");
+    return outcome.notFound() ? getAccessControlList(handle, application, entries) : outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char* handle, const char* application,
+                                                                     std::vector<AccessControlEntry>& entries)
+{
+    m_trace.prn("getAccessControlList for handle: %s application: %s", shown(handle), shown(application));
+    DatabaseResult outcome = list(
+        nullptr, {}, Listing::notFoundWhenEmpty, entries,
+        [&] {
+            return sql(
+                "SELECT requester,access_action FROM access_control_list WHERE object='{}' and state='ACTIVE' and application='{}';",
+                handle, application);
+        },
+        [&](const Row& row) { entries.emplace_back(row.text(0), row.text(1)); }, "retrieved %d rows");
+    if (!outcome.notFound()) {
+        return outcome;
+    }
+    m_trace.prn("No ACL entries found for %s, getting the system default policy", shown(handle));
+    return getDefaultPolicy(application, entries);
+}
+
+/// A policy that cannot be read is none.
+DatabaseResult PresenceDatabaseCommandExecutor::getDefaultPolicy(const char* application,
+                                                                 std::vector<AccessControlEntry>& entries)
+{
+    const std::string statement = sql(
+        "SELECT requester, access_action FROM access_control_list,node WHERE object = node_id and state='ACTIVE' and application='{}';",
+        application);
+    m_trace.prn(statement);
+    QueryResult result;
+    if (!m_conn->execute(statement, result)) {
+        errorConnection();
+        return connectionError();
+    }
+    const int rows = result.rows();
+    m_trace.prn("retrieved %d rows", rows);
+    for (int i = 0; i < rows; ++i) {
+        const Row row(result, i);
+        entries.emplace_back(row.text(0), row.text(1));
+    }
+    DatabaseResult outcome;
+    if (rows == 0) {
+        outcome.setNotFound();
+    }
+    return outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getListId(const char* listName, int* id)
+{
+    m_trace.prn("getListId() for %s", shown(listName));
+    return find(
+        nullptr, {}, [&] { return sql("SELECT buddy_list_id FROM buddy_list WHERE buddy_list_name ='{}';", listName); },
+        [&](const Row& row) { *id = row.integer(0, *id); }, "getListId retrieved %d rows");
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getListEntries(int listId, std::vector<std::string>& uris)
+{
+    return list(
+        "getListEntries()", {}, Listing::mayBeEmpty, uris,
+        [&] {
+            return sql(
+                "SELECT buddy_uri FROM buddy_list_detail,buddy_list WHERE buddy_list_id ={} and buddy_list.buddy_list_name=buddy_list_detail.buddy_list_name and isbuddy='t';",
+                listId);
+        },
+        [&](const Row& row) {
+            uris.push_back(row.string(0));
+            m_trace.prn("List entry %d : %s", row.index(), uris.back().c_str());
+        },
+        "retrieved %d rows");
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToAccessList(int /*watcher*/, int /*listId*/)
+{
+    DatabaseResult outcome;
+    begin("isWatcherAllowedToAccessList()", {}, outcome);
+    return outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToSubscribeToList(int listId, const char* handle,
+                                                                                  const char* domain)
+{
+    return find(
+        "isWatcherAllowedToAccessList()", {},
+        [&] {
+            return sql(
+                "SELECT listid FROM presence_list_authorization  WHERE listid={} AND access_action='A' AND ( (handle ='{}' AND sip_domain = '{}') OR ( handle ='*' AND sip_domain = '{}') OR ( handle ='{}' AND sip_domain = '*') OR (handle = '*' AND sip_domain = '*'));",
+                listId, handle, domain, domain, handle);
+        },
+        [](const Row& /*row*/) {}, "isWatcherAllowedToSubscribeToList retrieved %d rows");
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::createListMapping(const char* listFsmId, const char* subscriptionId,
+                                                                  long expiry)
+{
+    return insertOrDelete("createListMapping()",
+                          {{!listFsmId || !subscriptionId, "createListMapping: missing one or more parameters\n"}},
+                          [&] { return insertion(listFsmId, subscriptionId, expiry); });
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::removeListMapping(const char* listFsmId, const char* subscriptionId)
+{
+    return insertOrDelete("removeListMapping()", {}, [&] {
+        return sql("DELETE FROM listsubscriptions WHERE listfsmidentifier = '{}' AND subscriptionidentifier = '{}';",
+                   listFsmId, subscriptionId);
+    });
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAllMappingsForList(const char* listFsmId,
+                                                                      std::vector<ListSubscriptionRecord>& records)
+{
+    return list(
+        "getAllMappingsForList()", {}, Listing::notFoundWhenEmpty, records,
+        [&] {
+            return sql(
+                "SELECT subscriptionidentifier, expirytime FROM listsubscriptions WHERE  listfsmidentifier='{}';",
+                listFsmId);
+        },
+        [&, key = copied(listFsmId)](const Row& row) {
+            records.emplace_back(key.c_str(), row.text(0), row.number(1, 0));
+        },
+        "retrieved %d rows");
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::updateStateForListMapping(const char* listFsmId,
+                                                                          const char* oldSubscriptionId,
+                                                                          const char* newSubscriptionId, long expiry)
+{
+    return update(
+        "updateStateForListMapping()",
+        {{!listFsmId || !oldSubscriptionId, "updateStateForListMapping: missing one or more parameters\n"}}, [&] {
+            return sql(
+                "UPDATE listsubscriptions SET subscriptionidentifier='{}', expirytime = {} WHERE listfsmidentifier='{}' AND subscriptionidentifier = '{}';",
+                newSubscriptionId, expiry, listFsmId, oldSubscriptionId);
+        });
+}
+
+} // namespace oryx

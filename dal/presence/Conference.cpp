@@ -1,0 +1,196 @@
+// Conference extensions and their state: table conf_state, and what the schema keeps about it.
+
+#include <dal/UtilityConvert.h>
+#include <dal/presence/Verbs.h>
+
+namespace oryx {
+
+namespace {
+
+enum State : unsigned int { kIdle = 0, kInUse = 1, kInvalid = 2 };
+
+/// A start time as it is written and read: a signed number, whatever it stands for.
+int writtenTime(unsigned int seconds)
+{
+    return static_cast<int>(seconds);
+}
+
+unsigned int readTime(const Row& row, int column)
+{
+    return static_cast<unsigned int>(row.integer(column, 0));
+}
+
+} // namespace
+
+const std::string PresenceDatabaseCommandExecutor::STR_CONF_IN_USE = "IN USE";
+const std::string PresenceDatabaseCommandExecutor::STR_CONF_IDLE = "IDLE";
+const std::string PresenceDatabaseCommandExecutor::STR_CONF_INVALID = "INVALID";
+
+const std::string& PresenceDatabaseCommandExecutor::confStateEnumToString(unsigned int state)
+{
+    switch (state) {
+    case kIdle:
+        return STR_CONF_IDLE;
+    case kInUse:
+        return STR_CONF_IN_USE;
+    default:
+        return STR_CONF_INVALID;
+    }
+}
+
+unsigned int PresenceDatabaseCommandExecutor::confStateStringToEnum(const std::string& text)
+{
+    std::string upper = text;
+    UtilityConvert::toUpperCase(upper);
+    if (upper.empty() || upper == STR_CONF_IDLE) {
+        return kIdle;
+    }
+    return upper == STR_CONF_IN_USE ? kInUse : kInvalid;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getConfExtState(const std::string& extension, std::string& status,
+                                                                unsigned int& start_time)
+{
+    m_trace.prn("getConfExtState()");
+    if (extension.empty()) {
+        return refuse("getConfExtState: missing one or more parameters\n");
+    }
+    // Before the answer is written: the extension may be the very text that gets the status.
+    const std::string statement =
+        sql("SELECT conf_status, start_time FROM conf_state WHERE extension = '{}';", extension);
+    start_time = 0;
+    QueryResult result;
+    DatabaseResult outcome = executeSqlCmd(statement, result);
+    if (outcome.okay() && result.rows() > 0) {
+        const Row row(result, 0);
+        status = row.string(0);
+        start_time = readTime(row, 1);
+    } else {
+        status.clear();
+        outcome.setNotFound(); // to the caller, what cannot be read is not there
+    }
+    return outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::string& extension, const std::string& status,
+                                                                unsigned int start_time)
+{
+    m_trace.prn("setConfExtState()");
+    if (extension.empty()) {
+        return refuse("setConfExtState: missing one or more parameters\n");
+    }
+    QueryResult result;
+    return executeSqlCmd(sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';",
+                             status, writtenTime(start_time), extension),
+                         result);
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRecord& record)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::addConfExtState()");
+    if (record.extension().empty()) {
+        return refuse("addConfExtState: missing one or more parameters\n");
+    }
+    ValueString columns;
+    columns.add("extension", record.extension());
+    columns.add("conf_status", record.conf_status());
+    columns.addExplicit("start_time", writtenTime(record.start_time()));
+    QueryResult result;
+    return executeSqlCmd(sql("INSERT INTO conf_state {} VALUES{};", columns.names(), columns.values()), result);
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::deleteConfExtState(const std::string& extension)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::deleteConfExtState()");
+    if (extension.empty()) {
+        return refuse("deleteConfExtState(): missing one or more parameters\n");
+    }
+    QueryResult result;
+    return executeSqlCmd(sql("DELETE FROM conf_state WHERE extension = '{}';", extension), result);
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::refuse(const char* why)
+{
+    error(why);
+    return queryError();
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAllConfExtRecord(std::vector<ConfExtRecord>& out,
+                                                                    const std::string& pattern, bool negate)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord(): ");
+    const std::string statement =
+        pattern.empty() ? "SELECT * FROM conf_state ;"
+                        : sql("SELECT * FROM conf_state WHERE {}(conf_status ~* '{}');", negate ? "NOT " : "", pattern);
+    m_trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord: %s", statement.c_str());
+    return selectMultipleConfExtRecords(statement, out);
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(const std::string& sqlText,
+                                                                             std::vector<ConfExtRecord>& out)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
+    QueryResult result;
+    DatabaseResult outcome = executeSqlCmd(sqlText, result);
+    const int rows = result.rows();
+    if (rows == 0) {
+        m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
+        return outcome;
+    }
+    m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
+    out.clear();
+    makeRoom(out, rows);
+    for (int i = 0; i < rows; ++i) {
+        const Row row(result, i);
+        out.emplace_back(row.string(0), row.string(1), readTime(row, 2));
+    }
+    return outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAllValidConfExts(std::vector<ConfExtRecord>& out)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::getAllValidConfExts(): ");
+    return selectMultipleConfExtRecords("select * from select_all_valid_conf_ext;", out);
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(std::vector<ConfExtRecord>& out)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(): ");
+    return selectMultipleConfExtRecords("select extension, conf_status from select_all_obsolete_conf_ext_not_in_use;",
+                                        out);
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse()
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): ");
+    QueryResult result;
+    DatabaseResult outcome = executeSqlCmd(
+        "delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');",
+        result);
+    if (outcome.okay() && result.rows() > 0) {
+        m_trace.prn(
+            "PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): --- Deleted obsolete rows= %s",
+            result.getValue(0, 0));
+    }
+    return outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(std::string& extension)
+{
+    m_trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
+    extension.clear();
+    QueryResult result;
+    DatabaseResult outcome = executeSqlCmd(
+        "select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;",
+        result);
+    if (outcome.okay()) {
+        if (result.rows() > 0) {
+            extension = Row(result, 0).string(0);
+        }
+        m_trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
+                    result.rows());
+    }
+    return outcome;
+}
+
+} // namespace oryx
