@@ -29,9 +29,14 @@ Hashtable<std::string> partsOf(const wex::Uri& uri)
 
 } // namespace
 
-DatabaseResult AddressMapCache::lookup(const char* uri, const Queries& queries, std::vector<ContactRecord>& contacts)
+DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const char* uri, const Queries& queries,
+                                       std::vector<ContactRecord>& contacts)
 {
-    DatabaseResult result;
+    DatabaseResult result = connected;
+    if (!result.okay()) {
+        m_trace.prn(result.getErrorMessage());
+        return result;
+    }
     if (uri == nullptr) {
         result.setErrorMessage("null uri");
         result.setQueryError();
@@ -51,7 +56,7 @@ DatabaseResult AddressMapCache::lookup(const char* uri, const Queries& queries, 
         return result;
     }
     m_trace.prn("looking up contacts for csid %d", match->csid());
-    result = queries.contacts(match->csid(), contacts);
+    result = queries.contacts(match->csid());
     if (result.okay()) {
         substitute(uri, contacts);
     } else {

@@ -2,6 +2,8 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 #include <dal/internal/AddressMapCache.h>
+#include <dal/internal/Connecting.h>
+#include <dal/internal/Shown.h>
 #include <dal/internal/Sql.h>
 
 #include <sys/time.h>
@@ -9,12 +11,6 @@
 namespace oryx {
 
 namespace {
-
-/// What a trace shows of a text that may be null.
-const char* shown(const char* text)
-{
-    return text != nullptr ? text : "null";
-}
 
 constexpr const char* kBegin = "BEGIN TRANSACTION; ";
 constexpr const char* kCommit = "COMMIT TRANSACTION;";
@@ -27,22 +23,12 @@ LocationService::~LocationService() = default;
 
 DatabaseResult LocationService::connect(const char* uri, const char* user, const char* password)
 {
-    m_exec.reset();
-    m_exec = std::make_unique<DatabaseCommandExecutor>();
-    DatabaseResult result;
-    if (!m_exec->connect(uri, user, password)) {
-        result.setConnectionError();
-        result.setErrorMessage(m_exec->getErrorMessage());
-    }
-    return result;
+    return reconnect(m_exec, uri, user, password);
 }
 
 void LocationService::checkConnect(DatabaseResult& result)
 {
-    if (!m_exec) {
-        result.setConnectionError();
-        result.setErrorMessage("lookup attempted without a database connection");
-    }
+    checkConnected(m_exec, result);
 }
 
 DatabaseResult LocationService::getPublicAddressKey(const char* handle, const char* domain, int& key)
@@ -216,18 +202,12 @@ DatabaseResult LocationService::lookupAddressMap(const char* uri, std::string& o
                                                  std::vector<ContactRecord>& contacts)
 {
     replaceUri = true;
-    DatabaseResult result;
-    checkConnect(result);
-    if (!result.okay()) {
-        m_trace.prn(result.getErrorMessage());
-        return result;
-    }
-    const AddressMapCache::Queries queries{
-        [&](std::vector<AddressMapRecord>& maps) { return m_exec->getAddressMaps(maps); },
-        [&](int csid, std::vector<ContactRecord>& found) {
-            return m_exec->lookupContacts(ordering, csid, replaceUri, found);
-        }};
-    return m_addrMap->lookup(uri, queries, contacts);
+    DatabaseResult connected;
+    checkConnect(connected);
+    return m_addrMap->lookup(connected, uri,
+                             {[&](std::vector<AddressMapRecord>& maps) { return m_exec->getAddressMaps(maps); },
+                              [&](int csid) { return m_exec->lookupContacts(ordering, csid, replaceUri, contacts); }},
+                             contacts);
 }
 
 void LocationService::getMapKeys(std::vector<std::string>& keys)

@@ -22,7 +22,7 @@ public:
     /// What a lookup asks of the service's executor.
     struct Queries {
         std::function<DatabaseResult(std::vector<AddressMapRecord>& maps)> addressMaps;
-        std::function<DatabaseResult(int csid, std::vector<ContactRecord>& contacts)> contacts;
+        std::function<DatabaseResult(int csid)> contacts; // appends to the vector that the lookup is given
     };
 
     /// Traces on the channel of the service that owns the cache.
@@ -30,7 +30,9 @@ public:
 
     /// The contacts that serve a request URI: brings the cache into line with the table, takes the first map that
     /// matches, appends its contacts, and fills their addresses from the parts of the URI.
-    DatabaseResult lookup(const char* uri, const Queries& queries, std::vector<ContactRecord>& contacts);
+    /// A service that is not `connected` is answered so.
+    DatabaseResult lookup(const DatabaseResult& connected, const char* uri, const Queries& queries,
+                          std::vector<ContactRecord>& contacts);
 
     /// Appends the keys in the cache's order.
     void getKeys(std::vector<std::string>& keys) const;
