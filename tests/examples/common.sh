@@ -15,7 +15,8 @@ finish() {
 trap finish EXIT
 createdb "$database"
 "$root/schema/apply" "$database" >/dev/null
-psql --no-psqlrc --quiet --dbname="$database" --set=ON_ERROR_STOP=1 --file="$root/schema/sample/registration.sql"
+psql --no-psqlrc --quiet --dbname="$database" --set=ON_ERROR_STOP=1 \
+    --file="$root/schema/sample/registration.sql" --file="$root/schema/sample/presence.sql"
 
 # Runs the example; the database's name differs every time.
 account() {
