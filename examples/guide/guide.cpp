@@ -1,0 +1,128 @@
+// The code of docs/guide.md, compiled: each block of the guide stands here as it is there.
+
+#include <Crypt.h>
+#include <dal/DatabaseCommandExecutor.h>
+#include <dal/LocationService.h>
+#include <dal/PresenceService.h>
+#include <util/CleanText.h>
+#include <zel/Trace.h>
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace guide {
+
+int sipStatus(const oryx::DatabaseResult& result)
+{
+    switch (result.getStatus()) {
+    case oryx::DatabaseResult::OKAY:
+        return 200;
+    case oryx::DatabaseResult::NOTFOUND:
+        return 404;
+    case oryx::DatabaseResult::CONNECTION_ERROR:
+        return 503; // try another server; the next call reconnects
+    case oryx::DatabaseResult::CONSTRAINT_ERROR:
+    case oryx::DatabaseResult::QUERY_ERROR:
+        return 500; // a value that broke the statement, or a schema that does not fit: look at the message
+    }
+    return 500;
+}
+
+bool connectRegistrar(oryx::LocationService& service)
+{
+    const oryx::DatabaseResult result = service.connect("postgresql://db.oryx.example/oryx", "registrar1", "secret");
+    if (!result.okay()) {
+        std::fprintf(stderr, "%s\n", result.getErrorMessage().c_str());
+    }
+    return result.okay();
+}
+
+void serve()
+{
+    oryx::LocationService service;
+    if (!connectRegistrar(service)) {
+        return;
+    }
+    // ... take requests from the queue, and answer them with this thread's own service
+}
+
+void startWorkers(std::vector<std::thread>& workers, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        workers.emplace_back(serve);
+    }
+}
+
+int route(oryx::LocationService& service, const std::string& user, const std::string& domain)
+{
+    if (!oryx::isCleanText(user) || !oryx::isCleanText(domain)) {
+        return 400;
+    }
+    int key = 0;
+    oryx::DatabaseResult result = service.getPublicAddressKey(user.c_str(), domain.c_str(), key);
+    std::string ordering;
+    bool replaceUri = true;
+    std::vector<oryx::ContactRecord> contacts;
+    if (result.okay()) {
+        result = service.lookupContacts(key, ordering, replaceUri, contacts);
+    }
+    if (result.okay() && contacts.empty()) {
+        return 480; // known, and registered nowhere (RFC 3261 section 21.4.18)
+    }
+    // ... fork to the contacts
+    return sipStatus(result);
+}
+
+std::atomic<bool> shuttingDown = false;
+std::atomic<bool> subscribersChanged = false;
+
+bool onTableChange(bool changed, const std::string& table)
+{
+    if (changed && table == "subscriber") {
+        subscribersChanged = true; // the workers read the change log, with their own services
+    }
+    return shuttingDown; // looked at for idle calls only
+}
+
+void listen()
+{
+    oryx::PresenceService waiting;
+    while (!shuttingDown) {
+        if (waiting.connect("oryx", "presence1", "secret").okay()) {
+            waiting.waitForNotify(onTableChange); // until the callback ends it or the connection is lost
+            subscribersChanged = true;            // what was announced in between went by unheard
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+}
+
+void readChanges(oryx::PresenceService& service, std::string& since)
+{
+    std::vector<oryx::DatabaseUpdate> updates;
+    if (service.getUpdatedPrimaryKeys("subscriber", since, updates).okay()) {
+        for (const oryx::DatabaseUpdate& update : updates) {
+            std::printf("subscriber %d has changed\n", update.intpkey());
+            since = update.timestamp();
+        }
+    }
+}
+
+void traceToConsole()
+{
+    zel::setTraceSink([](std::string_view channel, zel::TraceKind kind, std::string_view text) {
+        std::fprintf(stderr, "%.*s%s: %.*s\n", static_cast<int>(channel.size()), channel.data(),
+                     kind == zel::TraceKind::log ? " FAILURE" : "", static_cast<int>(text.size()), text.data());
+    });
+}
+
+bool storePassword(oryx::DatabaseCommandExecutor& provisioning, int sid, const std::string& clear)
+{
+    std::string stored;
+    return Crypt::encrypt(clear, stored) && provisioning.changeSubscriberPassword(sid, stored.c_str()) == 1;
+}
+
+} // namespace guide
