@@ -6,23 +6,31 @@
 #include "support/TraceLog.h"
 
 #include <dal/DatabaseCommandExecutor.h>
+#include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 /// \file
-/// What the tests of the registrar's statements share: an executor on the scripted libpq, and the table of all the ways
-/// in which a statement can end, held against each operation.
+/// What the tests of the executors' statements share: an executor on the scripted libpq, and the table of all the ways
+/// in which a statement can end, held against each operation. The names without "Of" are the registrar's.
+
+/// The trace channel of an executor.
+template <typename Executor>
+inline const char* const kChannelOf = "DatabaseCommandExecutor";
+template <>
+inline const char* const kChannelOf<oryx::PresenceDatabaseCommandExecutor> = "PresenceDatabaseCommandExecutor";
 
 inline std::string executorTrace(const std::vector<std::string>& texts)
 {
-    return traceLines("DatabaseCommandExecutor", texts);
+    return traceLines(kChannelOf<oryx::DatabaseCommandExecutor>, texts);
 }
 
 inline std::vector<fake::Cell> withNull(std::vector<fake::Cell> row, std::size_t column)
@@ -32,7 +40,8 @@ inline std::vector<fake::Cell> withNull(std::vector<fake::Cell> row, std::size_t
 }
 
 /// An executor that is not connected yet.
-class UnconnectedExecutor {
+template <typename Executor>
+class UnconnectedExecutorOf {
 protected:
     void connect()
     {
@@ -43,13 +52,18 @@ protected:
 
     fake::Libpq libpq;
     TraceLog trace;
-    oryx::DatabaseCommandExecutor executor;
+    Executor executor;
 };
 
-class ExecutorTest : public testing::Test, protected UnconnectedExecutor {
+using UnconnectedExecutor = UnconnectedExecutorOf<oryx::DatabaseCommandExecutor>;
+
+template <typename Executor>
+class ExecutorTestOf : public testing::Test, protected UnconnectedExecutorOf<Executor> {
 protected:
-    void SetUp() override { connect(); }
+    void SetUp() override { this->connect(); }
 };
+
+using ExecutorTest = ExecutorTestOf<oryx::DatabaseCommandExecutor>;
 
 /// A text for each ending of a statement.
 struct PerEnding {
@@ -89,28 +103,43 @@ inline PerEnding tracedOnceConnected(const std::vector<std::string>& texts)
     return {lines, "", lines, lines};
 }
 
-struct Operation {
+/// What the executor holds before each call.
+inline const std::string kEarlierFailure = "an earlier failure";
+
+template <typename Executor>
+struct OperationOf {
     std::string name;
     /// What the operation answers and what its out arguments hold then, as text.
-    std::function<std::string(oryx::DatabaseCommandExecutor&)> call;
+    std::function<std::string(Executor&)> call;
     std::string statement;
     fake::Reply reply;
     PerEnding answers;
-    PerEnding traces = {};                                // lines of the executor's own channel
-    bool rollsBack = false;                               // after a failed statement
-    std::string errorTextWhenDone = "an earlier failure"; // as the failure before left it
+    PerEnding traces = {};                                      // lines of the executor's own channel
+    bool rollsBack = false;                                     // after a failed statement
+    bool rollsBackWhenLost = false;                             // after a connection that failed with it
+    std::string answerToAConstraint = {};                       // where it is not that to any failed statement
+    PerEnding errorTexts = {kEarlierFailure, "{}", "{}", "{}"}; // that the executor holds then
+    std::string answeredTrace = {}; // all lines, the connection's too, where it is answered at once
 };
 
+using Operation = OperationOf<oryx::DatabaseCommandExecutor>;
+
+template <typename Executor>
 struct OperationOnCourse {
     std::string name;
-    Operation operation;
+    OperationOf<Executor> operation;
     Course course;
 };
 
-inline void PrintTo(const OperationOnCourse& row, std::ostream* out)
+template <typename Executor>
+void PrintTo(const OperationOnCourse<Executor>& row, std::ostream* out)
 {
     *out << row.name;
 }
+
+/// The courses that some operations tell from others of their ending.
+inline const std::string kAnsweredCourse = "Answered";
+inline const std::string kConstraintCourse = "RefusedByAConstraint";
 
 /// Every way in which the statement of an operation can end that calls the connection itself.
 inline std::vector<Course> courses()
@@ -131,7 +160,7 @@ inline std::vector<Course> courses()
     const std::string retriedTwice = "exec {}\nreset\nexec {}\nreset\nexec {}\n";
     constexpr auto open = Connection::open;
     return {
-        {"Answered", open, {}, {}, once, Ending::done, ""},
+        {kAnsweredCourse, open, {}, {}, once, Ending::done, ""},
         {"NeverConnected", Connection::never, {}, {}, "", Ending::notConnected, never},
         {"ResetBeforehand", Connection::lost, {}, {}, "reset\nexec {}\n", Ending::done, ""},
         {"NotResetBeforehand", Connection::lost, bad, {}, "reset\n", Ending::notConnected, kServerGone},
@@ -140,7 +169,7 @@ inline std::vector<Course> courses()
         {"LostTwice", open, {}, {nothing(), nothing()}, retried, Ending::connectionFailed, lostAgain},
         {"RefusedOnce", open, {}, {syntax}, retried, Ending::done, ""},
         {"RefusedTwice", open, {}, {syntax, syntax}, retried, Ending::queryFailed, kRefused},
-        {"RefusedByAConstraint", open, {}, {unique, unique}, retried, Ending::queryFailed, duplicate},
+        {kConstraintCourse, open, {}, {unique, unique}, retried, Ending::queryFailed, duplicate},
         {"RefusedAndNotReset", open, bad, {syntax}, "exec {}\nreset\n", Ending::connectionFailed, notReset},
         {"RefusedThenLost", open, {}, {syntax, nothing()}, retried, Ending::connectionFailed, lostAgain},
         {"LostThenRefusedTwice", open, {}, {nothing(), syntax, syntax}, retriedTwice, Ending::queryFailed, kRefused},
@@ -150,10 +179,10 @@ inline std::vector<Course> courses()
 }
 
 /// The courses as an operation sees them that ends a failed statement with a rollback, whose outcome does not count.
-inline std::vector<Course> rollingBack(std::vector<Course> courses)
+inline std::vector<Course> rollingBack(std::vector<Course> courses, bool whenLost)
 {
     for (Course& course : courses) {
-        if (course.ending == Ending::queryFailed) {
+        if (course.ending == Ending::queryFailed || (whenLost && course.ending == Ending::connectionFailed)) {
             course.replies.push_back(fake::command());
             course.calls += "exec ROLLBACK\n";
         }
@@ -176,60 +205,82 @@ inline std::vector<Course> rollingBack(std::vector<Course> courses)
     return courses;
 }
 
-inline std::vector<OperationOnCourse> onEveryCourse(const std::vector<Operation>& operations)
+template <typename Executor>
+std::vector<OperationOnCourse<Executor>> onEveryCourse(const std::vector<OperationOf<Executor>>& operations)
 {
-    std::vector<OperationOnCourse> rows;
-    for (const Operation& operation : operations) {
-        for (const Course& course : operation.rollsBack ? rollingBack(courses()) : courses()) {
+    std::vector<OperationOnCourse<Executor>> rows;
+    for (const OperationOf<Executor>& operation : operations) {
+        for (const Course& course :
+             operation.rollsBack ? rollingBack(courses(), operation.rollsBackWhenLost) : courses()) {
             rows.push_back({operation.name + "_" + course.name, operation, course});
         }
     }
     return rows;
 }
 
+template <typename Executor>
+std::vector<OperationOnCourse<Executor>> onEveryCourse(std::initializer_list<OperationOf<Executor>> operations)
+{
+    return onEveryCourse(std::vector<OperationOf<Executor>>(operations));
+}
+
 /// One operation on one course: its answer, the statements, resets and rollbacks sent, its own trace, and the error
 /// text it leaves.
-class StatementTest : public testing::TestWithParam<OperationOnCourse>, protected UnconnectedExecutor {
+template <typename Executor>
+class StatementTestOf : public testing::TestWithParam<OperationOnCourse<Executor>>,
+                        protected UnconnectedExecutorOf<Executor> {
 protected:
     void endsAsTheCourseDoes()
     {
-        const auto& [name, operation, course] = GetParam();
+        const auto& [name, operation, course] = this->GetParam();
         if (course.connection != Connection::never) {
-            connect();
+            this->connect();
         }
-        follow(course, operation.reply, libpq);
-        executor.error("an earlier failure");
+        follow(course, operation.reply, this->libpq);
+        this->executor.error(kEarlierFailure.c_str());
         const std::string reason = spliced(course.reason, operation.statement);
+        const bool violation = course.name == kConstraintCourse && !operation.answerToAConstraint.empty();
+        const std::string& answer = violation ? operation.answerToAConstraint : operation.answers.at(course.ending);
+        const bool wholeTrace = course.name == kAnsweredCourse && !operation.answeredTrace.empty();
 
-        EXPECT_EQ(operation.call(executor), spliced(operation.answers.at(course.ending), reason));
-        EXPECT_EQ(libpq.take(), spliced(course.calls, operation.statement));
-        EXPECT_EQ(trace.take("DatabaseCommandExecutor"), operation.traces.at(course.ending));
-        EXPECT_EQ(executor.getErrorMessage(), course.ending == Ending::done ? operation.errorTextWhenDone : reason);
+        EXPECT_EQ(operation.call(this->executor), spliced(answer, reason));
+        EXPECT_EQ(this->libpq.take(), spliced(course.calls, operation.statement));
+        EXPECT_EQ(wholeTrace ? this->trace.take() : this->trace.take(kChannelOf<Executor>),
+                  wholeTrace ? operation.answeredTrace : operation.traces.at(course.ending));
+        EXPECT_EQ(this->executor.getErrorMessage(), spliced(operation.errorTexts.at(course.ending), reason));
     }
 };
 
+using StatementTest = StatementTestOf<oryx::DatabaseCommandExecutor>;
+
 /// A call that an operation refuses for its arguments.
-struct Refusal {
+template <typename Executor>
+struct RefusalOf {
     std::string name;
-    std::function<std::string(oryx::DatabaseCommandExecutor&)> call;
+    std::function<std::string(Executor&)> call;
     std::string answer;
     std::string errorText; // that the executor holds then
+    std::string traced = {};
 };
 
-inline void PrintTo(const Refusal& refusal, std::ostream* out)
+using Refusal = RefusalOf<oryx::DatabaseCommandExecutor>;
+
+template <typename Executor>
+void PrintTo(const RefusalOf<Executor>& refusal, std::ostream* out)
 {
     *out << refusal.name;
 }
 
-class RefusalTest : public testing::TestWithParam<Refusal>, protected UnconnectedExecutor {
+template <typename Executor>
+class RefusalTestOf : public testing::TestWithParam<RefusalOf<Executor>>, protected UnconnectedExecutorOf<Executor> {
 protected:
-    void SetUp() override { connect(); }
+    void SetUp() override { this->connect(); }
 
     /// Nothing is sent, and the connection is looked after before the arguments are.
     void sendsNothing()
     {
         EXPECT_EQ(refused(), "");
-        libpq.loseConnection();
+        this->libpq.loseConnection();
         EXPECT_EQ(refused(), "reset\n");
     }
 
@@ -237,10 +288,13 @@ private:
     /// What the refused call asks of libpq.
     std::string refused()
     {
-        executor.error("an earlier failure");
-        EXPECT_EQ(GetParam().call(executor), GetParam().answer);
-        EXPECT_EQ(executor.getErrorMessage(), GetParam().errorText);
-        EXPECT_EQ(trace.take(), "");
-        return libpq.take();
+        const auto& refusal = this->GetParam();
+        this->executor.error(kEarlierFailure.c_str());
+        EXPECT_EQ(refusal.call(this->executor), refusal.answer);
+        EXPECT_EQ(this->executor.getErrorMessage(), refusal.errorText);
+        EXPECT_EQ(this->trace.take(), refusal.traced);
+        return this->libpq.take();
     }
 };
+
+using RefusalTest = RefusalTestOf<oryx::DatabaseCommandExecutor>;

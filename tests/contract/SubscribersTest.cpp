@@ -105,7 +105,7 @@ Operation changeSubscriberPassword()
         .statement = "UPDATE subscriber SET s_password='it's 100% secret' WHERE sid='42';",
         .reply = command("3"),
         .answers = {"3", "-1", "-1", "-1"},
-        .errorTextWhenDone = "",
+        .errorTexts = {"", "{}", "{}", "{}"},
     };
 }
 

@@ -2,6 +2,7 @@
 
 #include <dal/Dal.h>
 #include <dal/DatabaseResult.h>
+#include <dal/PresenceDal.h>
 
 #include <sstream>
 #include <string>
@@ -78,6 +79,92 @@ inline std::string show(const DomainAccess& rule)
     std::ostringstream out;
     out << "rule " << rule.domainid() << " '" << rule.domain() << "' direction='" << rule.direction() << "' action='"
         << rule.action() << "'\n";
+    return out.str();
+}
+
+inline std::string show(const AccessControlEntry& entry)
+{
+    return "entry requester='" + entry.requester() + "' action='" + entry.action() + "'\n";
+}
+
+inline std::string show(const ListSubscriptionRecord& rec)
+{
+    std::ostringstream out;
+    out << "list '" << rec.listfsmidentifier() << "' subscription='" << rec.subscriptionidentifier()
+        << "' expires=" << rec.expirytime() << "\n";
+    return out.str();
+}
+
+inline std::string show(const ExtendedContactRecord& rec)
+{
+    std::ostringstream out;
+    out << "of '" << rec.handle() << "'@'" << rec.domain() << "' sid=" << rec.sid() << " oid=" << rec.oid() << " "
+        << show(static_cast<const ContactRecord&>(rec));
+    return out.str();
+}
+
+inline std::string show(const ConfExtRecord& rec)
+{
+    std::ostringstream out;
+    out << "conference '" << rec.extension() << "' '" << rec.conf_status() << "' since " << rec.start_time() << "\n";
+    return out.str();
+}
+
+inline std::string show(const DatabaseUpdate& update)
+{
+    std::ostringstream out;
+    out << "update of '" << update.relation_name() << "' key=" << update.intpkey() << " '" << update.strpkey()
+        << "' command='" << update.cmd() << "' at '" << update.timestamp() << "'\n";
+    return out.str();
+}
+
+inline std::string show(const CMRecord& rec)
+{
+    return "call manager '" + rec.GetHandle() + "' type='" + rec.GetLinkType() + "' address='" + rec.GetIPAddress() +
+           "' port='" + rec.GetPort() + "'\n";
+}
+
+inline std::string show(const std::string& text)
+{
+    return "'" + text + "'\n";
+}
+
+inline std::string show(const PresenceRecord& rec)
+{
+    std::ostringstream out;
+    out << "dialog '" << rec.subscriptionid() << "' sid='" << rec.sid() << "' from='" << rec.fromhdr() << "' to='"
+        << rec.tohdr() << "' call='" << rec.callId() << "' subcseq=" << rec.subcseq() << " event='" << rec.eventhdr()
+        << "' contact='" << rec.remotecontacthdr() << "' route='" << rec.routeset() << "' notcseq=" << rec.notcseq()
+        << " uri='" << rec.requestUri() << "' package='" << rec.packageid() << "' oid=" << rec.oid() << " watcher='"
+        << rec.watcherIdentity() << "' doctype=" << rec.docType() << " expires=" << rec.expiryTime() << "\n";
+    return out.str();
+}
+
+inline std::string show(const WatchersRecord& rec)
+{
+    std::ostringstream out;
+    out << "watcher '" << rec.watcheropaque() << "' of '" << rec.presentitykey() << "' doctype=" << rec.doctype()
+        << " type=" << rec.watchertype() << " state=" << rec.watcherstate() << " expires=" << rec.expirytime()
+        << " identity='" << rec.watcheridentity() << "' presentity='" << rec.presentity()
+        << "' version=" << rec.docversion() << " event='" << rec.event() << "' contact='" << rec.remoteContactHdr()
+        << "'\n";
+    return out.str();
+}
+
+inline std::string show(const SourcesRecord& rec)
+{
+    std::ostringstream out;
+    out << "source '" << rec.sourceopaque() << "' of '" << rec.presentitykey() << "' contact='" << rec.contact()
+        << "' event='" << rec.event() << "' presentity='" << rec.presentity() << "' expires=" << rec.expirytime()
+        << "\n";
+    return out.str();
+}
+
+inline std::string show(const WatcherInfoRecord& rec)
+{
+    std::ostringstream out;
+    out << "winfo '" << rec.winfokey() << "' for '" << rec.subscribekey() << "' scheme='" << rec.presurlscheme()
+        << "' from version=" << rec.startingdocversion() << " expires=" << rec.expirytime() << "\n";
     return out.str();
 }
 
