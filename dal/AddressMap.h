@@ -21,16 +21,20 @@ public:
     /// Whether the expression held is found in a request URI, which must not be null.
     bool matches(const char* uri);
 
-    /// Null leaves the key as it is.
+    /// Sets the key; null leaves it as it is.
     void setKey(const char* key);
+    /// Handle, hyphen, contact set key; valid until it is set again.
     const char* key() const { return m_key.c_str(); }
+    /// Sets the key of the contact set.
     void setCsid(int csid) { m_csid = csid; }
+    /// The key of the contact set; -1 until it is set.
     int csid() const { return m_csid; }
+    /// The pattern last given to `compile`, compiled or not; valid until the next.
     const char* pattern() const { return m_pattern.c_str(); }
 
 private:
     int m_csid = -1;
-    std::string m_key; // handle, hyphen, csid
+    std::string m_key;
     std::string m_pattern;
     RegExp m_regex;
     time_t m_time = 0; // of the expression held; 0: none yet

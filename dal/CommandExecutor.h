@@ -20,10 +20,10 @@ class DatabaseConnection;
 /// `getErrorMessage()`. An executor is used by one thread at a time.
 class ORYX_EXPORT CommandExecutor {
 public:
-    /// The row of `system_parameters` that lists the SIP domains this server answers for.
-    static const std::string SYSTEM_PARAMETERS_ORYX_PROXY;   // application
-    static const std::string SYSTEM_PARAMETERS_SERVER_INFO;  // scope
-    static const std::string SYSTEM_PARAMETERS_SERVER_NAMES; // name
+    // The row of `system_parameters` that lists the SIP domains this server answers for.
+    static const std::string SYSTEM_PARAMETERS_ORYX_PROXY;   ///< The application of the domain list's row.
+    static const std::string SYSTEM_PARAMETERS_SERVER_INFO;  ///< The scope of the domain list's row.
+    static const std::string SYSTEM_PARAMETERS_SERVER_NAMES; ///< The name of the domain list's row.
 
     virtual ~CommandExecutor();
     CommandExecutor(const CommandExecutor&) = delete;
@@ -42,9 +42,11 @@ public:
 
     /// Success: empties the error text. Always true.
     bool okay();
-    /// Failure with the given reason, the statement's, or the connection's. Always false.
+    /// Failure with the given reason. Always false.
     bool error(const char* msg);
+    /// Failure with the statement's reason. Always false.
     bool error(const QueryResult& r);
+    /// Failure with the connection's reason. Always false.
     bool errorConnection();
 
     /// The value of a row of `system_parameters`; empty when there is none, when an argument is empty, and on every
@@ -62,6 +64,7 @@ protected:
     /// How the running of a statement ended; the two failures have left their reason in the error text.
     enum class Run { okay, connectionFailed, queryFailed };
 
+    /// Without a connection; traces on the channel of that name.
     explicit CommandExecutor(const char* channel);
 
     /// Runs a statement without checking the connection first.
@@ -79,19 +82,24 @@ protected:
         return valid;
     }
 
-    /// The failures as results, with the error text as the message.
+    /// A connection error with the error text as the message.
     DatabaseResult connectionError() const;
+    /// A query error with the error text as the message.
     DatabaseResult queryError() const;
 
-    /// What the executors' reading of a system parameter and of the domain list share.
+    // What the executors' reading of a system parameter and of the domain list share.
+
+    /// Whether all three are given; traces it when one is not.
     bool systemParameterNamed(const std::string& application, const std::string& scope, const std::string& name);
+    /// The query for the value of a row of `system_parameters`.
     static std::string systemParameterQuery(const std::string& application, const std::string& scope,
                                             const std::string& name);
+    /// Sets `domainName` to the domain at `index`, to empty when there is none, and returns it.
     std::string& pickDomain(const std::vector<std::string>& domains, unsigned int index, std::string& domainName);
 
-    std::unique_ptr<DatabaseConnection> m_conn;
-    std::string m_errorMsg;
-    zel::Trace m_trace;
+    std::unique_ptr<DatabaseConnection> m_conn; ///< Null until the first `connect`.
+    std::string m_errorMsg;                     ///< The reason of the last failure.
+    zel::Trace m_trace;                         ///< The executor's channel.
 };
 
 } // namespace oryx

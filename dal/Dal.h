@@ -26,14 +26,19 @@ inline void setText(std::string& field, const char* text)
 /// A subscriber (table `subscriber`).
 class SubscriberRecord {
 public:
+    ///@{
+    /// A field of the row.
     int sid() const { return m_sid; }
-    const std::string& userId() const { return m_uid; }
+    const std::string& userId() const { return m_uid; } ///< The name for authentication.
     const std::string& type() const { return m_type; }
     const std::string& authType() const { return m_authType; }
-    const std::string& password() const { return m_password; }
-    int oid() const { return m_oid; }
-    const std::string& active() const { return m_active; }
+    const std::string& password() const { return m_password; } ///< Stored form or clear, as the lookup says.
+    int oid() const { return m_oid; }                          ///< Key of the owning organisation.
+    const std::string& active() const { return m_active; }     ///< Database boolean, "t" or "f"; "t" at first.
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setId(int sid) { m_sid = sid; }
     void setUserId(const char* uid) { detail::setText(m_uid, uid); }
     void setType(const char* type) { detail::setText(m_type, type); }
@@ -47,6 +52,7 @@ public:
             m_active.assign(1, c);
         }
     }
+    ///@}
 
 private:
     int m_sid = -1;
@@ -54,14 +60,15 @@ private:
     std::string m_type;
     std::string m_authType;
     std::string m_password;
-    int m_oid = -1;             // owning organisation
-    std::string m_active = "t"; // database boolean, "t" or "f"
+    int m_oid = -1;
+    std::string m_active = "t";
 };
 
 /// An address of record: a handle at a SIP domain (table `public_address`).
 class PublicAddressRecord {
 public:
     PublicAddressRecord() = default;
+    /// Null texts leave their fields empty; the row's key is -1.
     PublicAddressRecord(const char* handle, const char* domain, int csid, const char* scope) : m_csid(csid)
     {
         setHandle(handle);
@@ -69,19 +76,25 @@ public:
         setScope(scope);
     }
 
+    ///@{
+    /// A field of the row.
     int public_address_id() const { return m_public_address_id; }
-    const std::string& handle() const { return m_handle; }
-    const std::string& domain() const { return m_domain; }
-    int csid() const { return m_csid; }
+    const std::string& handle() const { return m_handle; } ///< User part of the address.
+    const std::string& domain() const { return m_domain; } ///< SIP domain of the address.
+    int csid() const { return m_csid; }                    ///< Key of the contact set it routes to.
     const std::string& scope() const { return m_scope; }
-    const std::string& adminDomain() const { return m_adminDomain; }
+    const std::string& adminDomain() const { return m_adminDomain; } ///< Filled by getAllPublicAddresses alone.
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setHandle(const char* handle) { detail::setText(m_handle, handle); }
     void setDomain(const char* domain) { detail::setText(m_domain, domain); }
     void setScope(const char* scope) { detail::setText(m_scope, scope); }
     void setAdminDomain(const char* adminDomain) { detail::setText(m_adminDomain, adminDomain); }
     void setCsid(int csid) { m_csid = csid; }
     void setPublicAddressId(int id) { m_public_address_id = id; }
+    ///@}
 
 private:
     std::string m_handle;
@@ -95,13 +108,19 @@ private:
 /// The set of contacts of one subscriber, with the order in which they are tried (table `contact_set`).
 class ContactSetRecord {
 public:
+    ///@{
+    /// A field of the row.
     int csid() const { return m_csid; }
-    int sid() const { return m_sid; }
-    const std::string& ordering() const { return m_ordering; }
+    int sid() const { return m_sid; }                          ///< Key of the owning subscriber.
+    const std::string& ordering() const { return m_ordering; } ///< How the contacts are tried.
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setCsid(int csid) { m_csid = csid; }
     void setSid(int sid) { m_sid = sid; }
     void setOrdering(const char* ordering) { detail::setText(m_ordering, ordering); }
+    ///@}
 
 private:
     int m_csid = -1;
@@ -112,20 +131,25 @@ private:
 /// One registered binding of a contact set (table `contact`; RFC 3261 section 10).
 class ContactRecord {
 public:
+    ///@{
+    /// A field of the row.
     int contactid() const { return m_contact_id; }
-    const std::string& address() const { return m_address; }
-    int csid() const { return m_csid; }
-    const std::string& qvalue() const { return m_qvalue; }
+    const std::string& address() const { return m_address; } ///< The contact's URI.
+    int csid() const { return m_csid; }                      ///< Key of its contact set.
+    const std::string& qvalue() const { return m_qvalue; }   ///< Preference, as text.
     /// Seconds since the epoch; one read from the database is held to the limits of a long.
     long expires() const { return m_expires; }
-    const std::string& permanent() const { return m_permanent; }
+    const std::string& permanent() const { return m_permanent; } ///< Database boolean, "t" or "f"; "f" at first.
     const std::string& capabilities() const { return m_capabilities; }
-    const std::string& contactHeader() const { return m_contactHeader; }
-    const std::string& callId() const { return m_callId; }
-    long cseq() const { return m_cseq; }
+    const std::string& contactHeader() const { return m_contactHeader; } ///< The Contact header as received.
+    const std::string& callId() const { return m_callId; }               ///< Call-ID of the REGISTER.
+    long cseq() const { return m_cseq; }                                 ///< CSeq of the REGISTER.
     const std::string& type() const { return m_type; }
-    const std::string& pathVector() const { return m_pathVector; }
+    const std::string& pathVector() const { return m_pathVector; } ///< The Path recorded (RFC 3327).
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setContactid(int id) { m_contact_id = id; }
     void setAddress(const char* address) { detail::setText(m_address, address); }
     void setCsid(int csid) { m_csid = csid; }
@@ -138,6 +162,7 @@ public:
     void setType(const char* type) { detail::setText(m_type, type); }
     void setCseq(long cseq) { m_cseq = cseq; }
     void setPathVector(const char* pathVector) { detail::setText(m_pathVector, pathVector); }
+    ///@}
 
 private:
     int m_contact_id = -1;
@@ -145,29 +170,33 @@ private:
     int m_csid = -1;
     std::string m_qvalue;
     long m_expires = 0;
-    std::string m_permanent = "f"; // database boolean, "t" or "f"
+    std::string m_permanent = "f";
     std::string m_capabilities;
-    std::string m_contactHeader; // as received
+    std::string m_contactHeader;
     std::string m_callId;
     std::string m_type;
     long m_cseq = 0;
-    std::string m_pathVector; // RFC 3327
+    std::string m_pathVector;
 };
 
-/// This server's place in the deployment and its outbound policy (the one row of table `host_info`). A fresh one allows
-/// internal requests and refuses external ones.
+/// This server's place in the deployment and its outbound policy (the one row of table `host_info`).
 class HostInfo {
 public:
+    ///@{
+    /// A field of the row.
     const std::string& nodeType() const { return m_nodeType; }
     const std::string& parent() const { return m_parent; }
-    const std::string& parentContact() const { return m_parentContact; }
+    const std::string& parentContact() const { return m_parentContact; } ///< Key of the parent's contact set, as text.
     const std::string& topUrl() const { return m_topUrl; }
     const std::string& serverName() const { return m_serverName; }
-    const std::string& outboundProxy() const { return m_outboundProxy; }
-    const std::string& outboundDirect() const { return m_outboundDirect; }
-    bool outboundAllowInternal() const { return m_outboundAllowInternal; }
-    bool outboundAllowExternal() const { return m_outboundAllowExternal; }
+    const std::string& outboundProxy() const { return m_outboundProxy; }   ///< For external requests.
+    const std::string& outboundDirect() const { return m_outboundDirect; } ///< Hosts that bypass the outbound proxy.
+    bool outboundAllowInternal() const { return m_outboundAllowInternal; } ///< True at first.
+    bool outboundAllowExternal() const { return m_outboundAllowExternal; } ///< False at first.
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setNodeType(const char* nodeType) { detail::setText(m_nodeType, nodeType); }
     void setParent(const char* parent) { detail::setText(m_parent, parent); }
     void setParentContact(const char* parentContact) { detail::setText(m_parentContact, parentContact); }
@@ -177,6 +206,7 @@ public:
     void setOutboundDirect(const char* direct) { detail::setText(m_outboundDirect, direct); }
     void setOutboundAllowInternal(bool allow) { m_outboundAllowInternal = allow; }
     void setOutboundAllowExternal(bool allow) { m_outboundAllowExternal = allow; }
+    ///@}
 
 private:
     std::string m_nodeType;
@@ -184,8 +214,8 @@ private:
     std::string m_parentContact;
     std::string m_topUrl;
     std::string m_serverName;
-    std::string m_outboundProxy;  // for external requests
-    std::string m_outboundDirect; // hosts that bypass the outbound proxy
+    std::string m_outboundProxy;
+    std::string m_outboundDirect;
     bool m_outboundAllowInternal = true;
     bool m_outboundAllowExternal = false;
 };
@@ -193,30 +223,35 @@ private:
 /// A pattern that maps matching request URIs onto a contact set (table `address_map` with its contact set).
 class AddressMapRecord {
 public:
+    ///@{
+    /// A field of the row.
     int mapid() const { return m_map_id; }
     const std::string& handle() const { return m_handle; }
-    const std::string& pattern() const { return m_pattern; }
-    int csid() const { return m_csid; }
+    const std::string& pattern() const { return m_pattern; } ///< POSIX extended regular expression.
+    int csid() const { return m_csid; }                      ///< Key of the contact set it leads to.
     /// Seconds since the epoch, at most what an int holds.
     int modTime() const { return static_cast<int>(std::min<long>(m_modTime, std::numeric_limits<int>::max())); }
-    int priority() const { return m_priority; }
-    const std::string& ordering() const { return m_ordering; }
-    bool replaceUri() const { return m_replaceUri; }
+    int priority() const { return m_priority; }                ///< Lower values come first.
+    const std::string& ordering() const { return m_ordering; } ///< The contact set's.
+    bool replaceUri() const { return m_replaceUri; }           ///< The contact set's; true at first.
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setMapid(int id) { m_map_id = id; }
     void setHandle(const char* handle) { detail::setText(m_handle, handle); }
     void setPattern(const char* pattern) { detail::setText(m_pattern, pattern); }
     void setOrdering(const char* ordering) { detail::setText(m_ordering, ordering); }
     void setCsid(int csid) { m_csid = csid; }
     void setModTime(long modTime) { m_modTime = modTime; }
-    /// Lower values come first.
     void setPriority(int priority) { m_priority = priority; }
     void setReplaceUri(bool replaceUri) { m_replaceUri = replaceUri; }
+    ///@}
 
 private:
     int m_map_id = -1;
     std::string m_handle;
-    std::string m_pattern; // POSIX extended regular expression
+    std::string m_pattern;
     int m_csid = -1;
     long m_modTime = 0;
     int m_priority = 0;
@@ -224,10 +259,11 @@ private:
     std::string m_ordering;
 };
 
-/// One configuration item of a proxy (table `proxy_configuration`). The texts returned belong to the record.
+/// One configuration item of a proxy (table `proxy_configuration`).
 class ProxyConfig {
 public:
     ProxyConfig() = default;
+    /// Null texts leave their fields empty.
     ProxyConfig(const char* scope, const char* name, const char* value)
     {
         setScope(scope);
@@ -235,13 +271,19 @@ public:
         setValue(value);
     }
 
+    ///@{
+    /// A field of the row, never null; valid until it is set again or the record ends.
     const char* scope() const { return m_scope.c_str(); }
     const char* name() const { return m_name.c_str(); }
     const char* value() const { return m_value.c_str(); }
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setScope(const char* scope) { detail::setText(m_scope, scope); }
     void setName(const char* name) { detail::setText(m_name, name); }
     void setValue(const char* value) { detail::setText(m_value, value); }
+    ///@}
 
 private:
     std::string m_scope;
@@ -252,15 +294,21 @@ private:
 /// One rule that allows or denies a SIP domain in one direction (table `domain_access`).
 class DomainAccess {
 public:
+    ///@{
+    /// A field of the row.
     int domainid() const { return m_domain_id; }
     const std::string& domain() const { return m_domain; }
-    const std::string& direction() const { return m_direction; }
-    const std::string& action() const { return m_action; }
+    const std::string& direction() const { return m_direction; } ///< "i" inbound, "o" outbound, "*" both.
+    const std::string& action() const { return m_action; }       ///< "a" allow, "d" deny.
+    ///@}
 
+    ///@{
+    /// Sets a field; a null text leaves it as it is.
     void setDomainid(int id) { m_domain_id = id; }
     void setDomain(const char* domain) { detail::setText(m_domain, domain); }
     void setDirection(const char* direction) { detail::setText(m_direction, direction); }
     void setAction(const char* action) { detail::setText(m_action, action); }
+    ///@}
 
     /// Replaces `out` by the rule as one line of trace.
     void toString(std::string& out) const
@@ -271,8 +319,8 @@ public:
 private:
     int m_domain_id = -1;
     std::string m_domain;
-    std::string m_action;    // "a" allow, "d" deny
-    std::string m_direction; // "i" inbound, "o" outbound, "*" both
+    std::string m_action;
+    std::string m_direction;
 };
 
 } // namespace oryx

@@ -16,8 +16,10 @@ struct ContactQuery;
 /// reason of a failure unless a result is said to. An executor is used by one thread at a time.
 class ORYX_EXPORT DatabaseCommandExecutor : public CommandExecutor {
 public:
+    /// Without a connection, until `connect`.
     DatabaseCommandExecutor();
 
+    /// The reason of the last failure.
     std::string& getErrorMessage() { return m_errorMsg; }
 
     /// Runs a statement into `qres` without checking the connection first, and answers with `result`.
@@ -74,6 +76,7 @@ public:
     /// Removes a contact of an address of record. 0 done, and also 0 without a connection; -1 failed.
     int removeContact(const char* handle, const char* domain, const char* address);
 
+    ///@{
     /// The contacts of an address of record, of a public address key, or of a contact set: appended to `contacts`, with
     /// the set's ordering and replace-URI flag.
     ///
@@ -87,6 +90,7 @@ public:
                                   std::vector<ContactRecord>& contacts);
     DatabaseResult lookupContacts(std::string& ordering, int csid, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
+    ///@}
 
     // Host, routing and access tables (location/HostAndRouting.cpp)
 

@@ -42,6 +42,7 @@ public:
     /// Connects again with the same arguments; false when that fails.
     bool reset();
 
+    ///@{
     /// Sends one command text and stores what came back in `result`.
     ///
     /// True when the connection delivered a result, be it a failed one: whether the statement succeeded is
@@ -50,6 +51,7 @@ public:
     /// connection is lost for good; without a connection `result` is left untouched.
     bool execute(const char* cmd, QueryResult& result);
     bool execute(const std::string& cmd, QueryResult& result);
+    ///@}
 
     /// Subscribes to the changes of one table, whose name is its channel.
     ///

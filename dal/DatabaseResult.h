@@ -14,8 +14,10 @@ public:
     /// The numbers are stored and compared by the servers; there is no 4.
     enum status { OKAY = 0, CONNECTION_ERROR = 1, QUERY_ERROR = 2, NOTFOUND = 3, CONSTRAINT_ERROR = 5 };
 
+    /// The status; okay in a fresh result.
     status getStatus() const { return m_status; }
 
+    /// The operation did what it says; its out arguments hold the answer.
     bool okay() const { return m_status == OKAY; }
     /// There was no usable connection to the server.
     bool connectionError() const { return m_status == CONNECTION_ERROR; }
@@ -23,19 +25,26 @@ public:
     bool queryError() const { return m_status == QUERY_ERROR; }
     /// A connection or a query error: nothing is known about the rows asked for.
     bool fatalError() const { return connectionError() || queryError(); }
+    /// The statement ran, and there is no such row.
     bool notFound() const { return m_status == NOTFOUND; }
     /// A unique, foreign-key, not-null or check constraint refused the change.
     bool constraintError() const { return m_status == CONSTRAINT_ERROR; }
 
+    ///@{
+    /// Sets the status; the message stays.
     void setOkay() { m_status = OKAY; }
     void setNotFound() { m_status = NOTFOUND; }
     void setConnectionError() { m_status = CONNECTION_ERROR; }
     void setQueryError() { m_status = QUERY_ERROR; }
     void setConstraintError() { m_status = CONSTRAINT_ERROR; }
+    ///@}
 
-    /// A null text leaves the message as it is.
+    ///@{
+    /// Sets the message; a null text leaves it as it is. The status stays.
     void setErrorMessage(const char* msg);
     void setErrorMessage(const std::string& msg) { m_message = msg; }
+    ///@}
+    /// The message; empty until it is set.
     const std::string& getErrorMessage() const { return m_message; }
 
 private:

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+/// The data access layer: services, the executors and connection beneath them, results and records.
 namespace oryx {
 
 class AddressMapCache;
@@ -28,7 +29,9 @@ ORYX_EXPORT bool checkOutboundAllowed(std::vector<DomainAccess>& list, std::stri
 /// network must hold no quote. One service serves one thread at a time; several services may run at once.
 class ORYX_EXPORT LocationService {
 public:
+    /// Without a connection; touches no database.
     LocationService();
+    /// Ends the connection and forgets the compiled address maps.
     ~LocationService();
     LocationService(const LocationService&) = delete;
     LocationService& operator=(const LocationService&) = delete;
@@ -47,6 +50,7 @@ public:
     /// error, which here stands for every failure; `rec` is changed only when okay.
     DatabaseResult lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec);
 
+    ///@{
     /// Appends the contacts of an address of record to `contacts`.
     ///
     /// Okay also when there are none, or when the address of record is unknown: then `ordering` is left as it was. Not
@@ -57,12 +61,15 @@ public:
                                   std::vector<ContactRecord>& contacts);
     DatabaseResult lookupContacts(const char* handle, const char* domain, std::string& ordering, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
+    ///@}
 
-    /// Adds, removes or refreshes all contacts of the vector in one transaction, or none of them (RFC 3261 section
-    /// 10.3, item 7). Okay (also for an empty vector, which sends nothing), connection or query error. A refresh leaves
-    /// the permanent flag and the type as they are. Removing or refreshing a contact that is not there is okay.
+    /// Adds all contacts of the vector in one transaction, or none of them (RFC 3261 section 10.3, item 7). Okay (also
+    /// for an empty vector, which sends nothing), connection or query error.
     DatabaseResult registerContacts(int key, std::vector<ContactRecord>& contacts);
+    /// Removes all contacts of the vector as `registerContacts` adds them. A contact that is not there is okay.
     DatabaseResult unregisterContacts(int key, std::vector<ContactRecord>& contacts);
+    /// Refreshes all contacts of the vector as `registerContacts` adds them; the permanent flag and the type stay as
+    /// they are. A contact that is not there is okay.
     DatabaseResult updateContacts(int key, std::vector<ContactRecord>& contacts);
     /// Removes the contacts that expired before the current second, permanent ones excepted. Okay, connection or query
     /// error.

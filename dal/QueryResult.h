@@ -30,15 +30,20 @@ public:
 
     /// Takes ownership of `pres`, which may be null, and frees the result held before.
     void setResult(PGresult* pres);
+    ///@{
+    /// Sets the text that counts as the statement's.
     void setSqlCommand(const std::string& sqlCommand_) { m_sqlCommand = sqlCommand_; }
     void setSqlCommand(std::string&& sqlCommand_) { m_sqlCommand = std::move(sqlCommand_); }
+    ///@}
+    /// The statement's text; empty until it is set.
     const std::string& getSqlCommand() const { return m_sqlCommand; }
 
     /// True for a held result that is neither a completed command nor a set of rows. Traces the result's status.
     bool failed() const;
 
-    /// Rows and columns of the result; 0 without one.
+    /// Rows of the result; 0 without one.
     int rows() const;
+    /// Columns of the result; 0 without one.
     int columns() const;
     /// Rows that the command changed (or selected); 0 without a result.
     int updateCount() const;

@@ -12,17 +12,20 @@ namespace oryx {
 /// once per statement.
 class ORYX_EXPORT ValueString {
 public:
+    /// Adds a column; `nm` must not be null.
     void addName(const char* nm);
-    /// A quoted text, or NULL for a null pointer.
+    /// Adds a value: a quoted text, or NULL for a null pointer.
     void addValue(const char* v);
+    /// Adds a column and its value: a quoted text, or NULL for a null pointer.
     void add(const char* nm, const char* v);
-    /// An empty string is written as NULL.
+    /// The same, and an empty string is written as NULL.
     void add(const char* nm, const std::string& v);
-    /// A bare number.
+    /// Adds a column and its value, a bare number.
     void addExplicit(const char* nm, long v);
 
-    /// The list with its closing parenthesis; valid until the next call that changes it.
+    /// The column list with its closing parenthesis; valid until the next call that changes it.
     const char* names();
+    /// The value list, likewise.
     const char* values();
 
 private:

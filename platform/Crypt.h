@@ -14,10 +14,11 @@
 /// channel "Crypt" as one `log` line, with neither password nor key in it. Safe from any thread.
 class ORYX_EXPORT Crypt {
 public:
-    /// False without a usable key: `stored` is then empty. Both arguments may be the same object.
+    /// Encrypts a password for the database. False without a usable key: `stored` is then empty. Both arguments may be
+    /// the same object.
     static bool encrypt(const std::string& clear, std::string& stored);
 
-    /// False if the text cannot be decrypted (no usable key, another key, a text that was altered): `clear` is then
-    /// empty. Both arguments may be the same object.
+    /// The password behind a stored text. False if the text cannot be decrypted (no usable key, another key, a text
+    /// that was altered): `clear` is then empty. Both arguments may be the same object.
     static bool decrypt(const std::string& stored, std::string& clear);
 };

@@ -11,7 +11,7 @@
 template <typename Value>
 class Hashtable {
 public:
-    /// Replaces the value the key already has.
+    /// Gives the key a value, in place of the one it already has.
     void put(std::string_view key, Value value)
     {
         if (const auto found = m_values.find(key); found != m_values.end()) {
@@ -28,9 +28,10 @@ public:
         return found == m_values.end() ? nullptr : &found->second;
     }
 
+    /// True if the key has a value.
     bool containsKey(std::string_view key) const { return m_values.contains(key); }
 
-    /// True if there was such a key.
+    /// Removes a key and its value. True if there was such a key.
     bool remove(std::string_view key)
     {
         const auto found = m_values.find(key);
@@ -41,7 +42,9 @@ public:
         return true;
     }
 
+    /// Removes every key.
     void clear() { m_values.clear(); }
+    /// The number of keys.
     std::size_t size() const { return m_values.size(); }
 
 private:

@@ -9,8 +9,10 @@
 /// is empty. Keeps copies of both texts; used by one thread at a time.
 class ORYX_EXPORT StringTokenizer {
 public:
+    /// Every character of `delimiters` separates.
     StringTokenizer(std::string text, std::string delimiters);
 
+    /// True while a token is left.
     bool hasMoreTokens() const;
 
     /// Takes the next token; an empty text when none is left.

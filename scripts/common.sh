@@ -3,9 +3,12 @@
 
 # What the build needs beside Debian's base system, and what the tests need beyond that.
 readonly kBuildPackages=(
-    g++ cmake ninja-build pkg-config libpq-dev libspdlog-dev libsodium-dev libsofia-sip-ua-dev postgresql
+    g++ cmake ninja-build pkg-config libpq-dev libspdlog-dev libsodium-dev libsofia-sip-ua-dev libutfcpp-dev
+    postgresql
 )
-readonly kTestPackages=(clang clang-format clang-tidy libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind)
+readonly kTestPackages=(
+    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind
+)
 
 logs=$PWD/build/logs
 

@@ -7,17 +7,20 @@
 
 namespace wex {
 
-/// Host and database of a database URI: scheme://[user[:password]@][host[:port],...][/path][?query][#fragment]. Never
-/// changes once constructed.
+/// Host and database of a database URI: `scheme://[user[:password]@][host[:port],...][/path][?query][#fragment]`.
+/// Never changes once constructed.
 ///
 /// The scheme and "://" are required. Not valid are also a blank or control character, an escape that is not %HH or is
 /// %00, a port outside 1 to 65535, and a host with a character that RFC 3986 section 3.2.2 does not allow.
 class ORYX_EXPORT URL {
 public:
-    /// A null text is not valid.
+    ///@{
+    /// Takes a URI apart. A null text is not valid.
     explicit URL(const char* text);
     explicit URL(const std::string& text);
+    ///@}
 
+    /// True if the text is such a URI.
     bool isValid() const { return m_valid; }
 
     /// The host, or the hosts with commas between them, without user and ports. Escapes are resolved, so that the

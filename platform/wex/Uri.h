@@ -4,6 +4,7 @@
 
 #include <util/Export.h>
 
+/// The suite's URIs.
 namespace wex {
 
 /// The parts of a SIP or SIPS URI (RFC 3261 section 19.1.1), each as it stands in the text: still escaped, in the case
@@ -13,10 +14,13 @@ namespace wex {
 /// 65535 or an address that cannot exist; all parts are then empty and the port is 0.
 class ORYX_EXPORT Uri {
 public:
-    /// A null text is not valid.
+    ///@{
+    /// Takes a URI apart. A null text is not valid.
     explicit Uri(const char* text);
     explicit Uri(const std::string& text);
+    ///@}
 
+    /// True if the text is such a URI.
     bool isValid() const { return m_valid; }
 
     const std::string& getProtocol() const { return m_protocol; }     ///< "sip" or "sips".

@@ -6,9 +6,11 @@
 
 #include <util/Export.h>
 
+/// The suite's traces.
 namespace zel {
 
-enum class TraceKind { prn, log }; ///< Routine progress; failures an operator must see.
+/// The kinds of lines: routine progress (`prn`), failures an operator must see (`log`).
+enum class TraceKind { prn, log };
 
 /// Receives every line of the process, formatted, whole and unaltered: of any length, newlines included. Called on the
 /// tracing thread, by several at once; both texts are valid during the call only. What it throws is dropped.
