@@ -21,12 +21,8 @@ using fake::noRows;
 using fake::nothing;
 using fake::refused;
 using fake::rows;
-using oryx::AddressMap;
 using oryx::ContactRecord;
 using oryx::LocationService;
-
-const std::string kMaps =
-    "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
 
 constexpr const char* kOld = "Wed Dec 17 07:37:16 1997";
 constexpr const char* kNew = "Wed Dec 17 07:37:17 1997";
@@ -41,27 +37,6 @@ std::vector<Cell> map(const Cell& handle, const Cell& csid, const Cell& pattern,
 std::string contactsOf(const std::string& csid)
 {
     return spliced(kContactsOfSet, csid);
-}
-
-/// The statements as they are taken from libpq.
-std::string sent(const std::vector<std::string>& statements)
-{
-    std::string calls;
-    for (const std::string& statement : statements) {
-        calls += "exec " + statement + "\n";
-    }
-    return calls;
-}
-
-/// The trace with the time of the lookup made fixed.
-std::string timeless(std::string trace)
-{
-    const std::string front = "tnow is ";
-    for (std::size_t at = trace.find(front); at != std::string::npos; at = trace.find(front, at + 1)) {
-        const std::size_t number = at + front.size();
-        trace.replace(number, trace.find('\n', number) - number, "NOW");
-    }
-    return trace;
 }
 
 std::string lookUp(LocationService& service, const char* uri, Found found = {})
@@ -92,28 +67,14 @@ protected:
         EXPECT_EQ(libpq.take(), sent({kMaps})) << uri;
     }
 
-    std::string keys(std::vector<std::string> list = {})
-    {
-        service.getMapKeys(list);
-        std::string text;
-        for (const std::string& key : list) {
-            text += "[" + key + "]";
-        }
-        return text;
-    }
-
-    /// The cached map with that key.
-    std::string entry(std::string key)
-    {
-        const AddressMap* const found = service.lookupMapEntry(key);
-        return found == nullptr ? "none"
-                                : std::string(found->key()) + " csid=" + std::to_string(found->csid()) + " pattern='" +
-                                      found->pattern() + "'";
-    }
+    std::string keys(const std::vector<std::string>& list = {}) { return mapKeys(service, list); }
+    std::string entry(const std::string& key) { return mapEntry(service, key); }
 };
 
 // The course of a lookup
 
+/// The time of a lookup stands behind this.
+const std::string kTime = "tnow is ";
 const std::string kModified = std::to_string(oryx::convertTime(kOld));
 
 /// The trace of the reading of the maps.
@@ -159,7 +120,7 @@ TEST_F(AddressMapLookup, IsTracedFromTheTableToTheSubstitution)
     const std::string uri = "sip:2%25@h";
     EXPECT_EQ(lookUp(uri.c_str()), "okay\nordering='parallel' replace=false\n" + shownContactOfSet("sip:2%25@gw"));
     EXPECT_EQ(libpq.take(), sent({kMaps, contactsOf("8")}));
-    EXPECT_EQ(timeless(trace.take()),
+    EXPECT_EQ(timeless(trace.take(), kTime),
               mapsTrace(3) +                                                            //
                   rowTrace("sales-7", "^sip:1%s", kAdded) + compiledTrace("^sip:1%s") + //
                   rowTrace("100%n-8", "^sip:2", kAdded) + compiledTrace("^sip:2") +     //
@@ -176,7 +137,7 @@ TEST_F(AddressMapLookup, TracesHowTheCacheIsBroughtIntoLine)
     expectNotServed("sip:x@h", {map("a", "1", "^sip:1"), map("b", "2", "^sip:2"), map("c", "3", "(")});
     trace.take();
     expectNotServed("sip:x@h", {map("d", "4", "^sip:4"), map("c", "3", "("), map("a", "1", "^sip:5")});
-    EXPECT_EQ(timeless(trace.take()),
+    EXPECT_EQ(timeless(trace.take(), kTime),
               mapsTrace(3) + serviceTrace({"marking entry for a-1", "marking entry for b-2", "marking entry for c-3"}) +
                   rowTrace("d-4", "^sip:4", kAdded) + compiledTrace("^sip:4") + rowTrace("c-3", "(", kUpdated) +
                   kCompiledBefore + //
@@ -196,7 +157,7 @@ TEST_F(AddressMapLookup, TracesTheTimeOfEachRow)
     expectNotServed("sip:x@h", {map("a", "1", "^sip:1")});
     const std::time_t after = std::time(nullptr);
     const std::string lines = trace.take("LocationService");
-    const std::string front = "LocationService prn: tnow is ";
+    const std::string front = "LocationService prn: " + kTime;
     const std::size_t at = lines.find(front);
     ASSERT_NE(at, std::string::npos);
     const std::time_t traced = std::strtol(lines.c_str() + at + front.size(), nullptr, 10);

@@ -25,10 +25,6 @@ using oryx::LocationService;
 using oryx::ProxyConfig;
 using oryx::SubscriberRecord;
 
-const char* const kUri = "pgsql://db.oryx.example/registrar";
-const std::string kConnectCalls =
-    "connect host=db.oryx.example dbname=registrar user=registrar password=secret\nnotices\n";
-
 std::string key(LocationService& service, const char* handle, const char* domain)
 {
     int key = 99;
@@ -355,20 +351,12 @@ TEST_F(LocationServiceTest, TheSweepRemovesWhatExpiredBeforeTheCurrentSecond)
                                 answeredTrace(statement, PGRES_COMMAND_OK));
 }
 
+/// The time of a sweep stands behind this.
+const std::string kTime = "expires < ";
+
 class ExpirySweep : public testing::TestWithParam<TransactionCourse>, protected ConnectedService {
 protected:
     void SetUp() override { connect(); }
-
-    /// The text with the time of the sweep made fixed.
-    static std::string timeless(std::string text)
-    {
-        const std::string front = "expires < ";
-        for (std::size_t at = text.find(front); at != std::string::npos; at = text.find(front, at + 1)) {
-            const std::size_t number = at + front.size();
-            text.replace(number, text.find_first_not_of("0123456789", number) - number, "NOW");
-        }
-        return text;
-    }
 };
 
 void PrintTo(const TransactionCourse& course, std::ostream* out)
@@ -383,105 +371,9 @@ TEST_P(ExpirySweep, AnswersForItsEndingWithoutARollback)
     const Course& course = GetParam();
     const std::string statement = "DELETE FROM contact WHERE expires < NOW AND permanent = 'f';";
     follow(course, command("2"), libpq);
-    EXPECT_EQ(timeless(show(service.removeExpiredContacts())), answerTo(course, statement));
-    EXPECT_EQ(timeless(libpq.take()), spliced(course.calls, statement));
+    EXPECT_EQ(timeless(show(service.removeExpiredContacts()), kTime), answerTo(course, statement));
+    EXPECT_EQ(timeless(libpq.take(), kTime), spliced(course.calls, statement));
     EXPECT_EQ(trace.take("LocationService"), "");
-}
-
-// Connecting
-
-class UnconnectedService : public testing::Test, protected ConnectedService {};
-
-TEST_F(UnconnectedService, ConnectsWithTheThreeArguments)
-{
-    EXPECT_EQ(show(service.connect(kUri, "registrar", "secret")), "okay");
-    EXPECT_EQ(libpq.take(), kConnectCalls);
-    EXPECT_EQ(trace.take(),
-              "DatabaseConnection prn: host=db.oryx.example dbname=registrar user=registrar password=secret\n");
-}
-
-TEST_F(UnconnectedService, AnswersARefusedConnectionWithTheServersReasonAndResetsItLater)
-{
-    libpq.connectsWith(CONNECTION_BAD, "FATAL:  the database system is starting up\n");
-    EXPECT_EQ(show(service.connect(kUri, "registrar", "secret")),
-              "connection error: FATAL:  the database system is starting up\n");
-    EXPECT_EQ(libpq.take(), kConnectCalls);
-
-    libpq.resetsTo({CONNECTION_BAD, CONNECTION_OK});
-    libpq.replies({noRows(9)});
-    EXPECT_EQ(nodeType(service), "connection error: FATAL:  the database system is starting up\n\ntype=''\n");
-    EXPECT_EQ(nodeType(service), "not found\ntype=''\n");
-    EXPECT_EQ(libpq.take(), "reset\nreset\nexec SELECT * FROM host_info\n");
-}
-
-TEST_F(UnconnectedService, AnswersMissingArgumentsAndHasNoConnectionLater)
-{
-    EXPECT_EQ(show(service.connect(nullptr, "registrar", "secret")), "connection error: missing connection parameters");
-    EXPECT_EQ(show(service.connect(kUri, nullptr, "secret")), "connection error: missing connection parameters");
-    EXPECT_EQ(show(service.connect(kUri, "registrar", nullptr)), "connection error: missing connection parameters");
-    EXPECT_EQ(nodeType(service), "connection error: no connection to reset\ntype=''\n");
-    EXPECT_EQ(libpq.take(), "");
-}
-
-TEST_F(LocationServiceTest, ConnectingAgainEndsTheConnectionHeldSoFar)
-{
-    EXPECT_EQ(show(service.connect("pgsql://standby.oryx.example/registrar", "other", "word")), "okay");
-    EXPECT_EQ(libpq.take(),
-              "finish\nconnect host=standby.oryx.example dbname=registrar user=other password=word\nnotices\n");
-    EXPECT_EQ(trace.take(),
-              "DatabaseConnection prn: connection closed\n"
-              "DatabaseConnection prn: host=standby.oryx.example dbname=registrar user=other password=word\n");
-}
-
-TEST_F(LocationServiceTest, ConnectingAgainInVainLeavesNoConnection)
-{
-    EXPECT_EQ(show(service.connect(nullptr, nullptr, nullptr)), "connection error: missing connection parameters");
-    EXPECT_EQ(key(service, "alice", "oryx.example"), "connection error: no connection to reset\nkey=-1\n");
-    EXPECT_EQ(libpq.take(), "finish\n");
-}
-
-TEST(LocationServiceEnd, EndsTheConnection)
-{
-    fake::Libpq libpq;
-    {
-        LocationService service;
-        service.connect(kUri, "registrar", "secret");
-        libpq.take();
-    }
-    EXPECT_EQ(libpq.take(), "finish\n");
-}
-
-TEST(LocationServiceEnd, IsQuietWithoutAConnection)
-{
-    fake::Libpq libpq;
-    TraceLog trace;
-    {
-        const LocationService service;
-    }
-    EXPECT_EQ(libpq.take(), "");
-    EXPECT_EQ(trace.take(), "");
-}
-
-TEST_F(LocationServiceTest, TheGuardLeavesAResultAsItIsHoweverTheConnectionIs)
-{
-    DatabaseResult result;
-    result.setNotFound();
-    result.setErrorMessage("as before");
-    service.checkConnect(result);
-    EXPECT_EQ(show(result), "not found: as before");
-    libpq.loseConnection();
-    service.checkConnect(result);
-    EXPECT_EQ(show(result), "not found: as before");
-    EXPECT_EQ(libpq.take(), "");
-}
-
-TEST_F(UnconnectedService, TheGuardReplacesAResult)
-{
-    DatabaseResult result;
-    result.setNotFound();
-    result.setErrorMessage("as before");
-    service.checkConnect(result);
-    EXPECT_EQ(show(result) + "\n", kNeverConnected);
 }
 
 /// An operation of a service that was never connected.
@@ -750,15 +642,6 @@ TEST_F(LocationServiceTest, TheDomainNameIsEmptyWhenTheConnectionIsLost)
     EXPECT_EQ(
         trace.take(),
         "DatabaseCommandExecutor prn: getNthElementOfDomainList(): *** ERROR ***: No database connection opened!\n");
-}
-
-TEST_F(UnconnectedService, HasAnEmptyDomainName)
-{
-    std::string name = "before";
-    EXPECT_EQ(&service.getDomainName(name), &name);
-    EXPECT_EQ(name, "");
-    EXPECT_EQ(libpq.take(), "");
-    EXPECT_EQ(trace.take(), "");
 }
 
 } // namespace

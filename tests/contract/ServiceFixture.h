@@ -9,17 +9,61 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 /// \file
-/// What the tests of the location service share: a service on the scripted libpq, and what a contact lookup fills.
+/// What the tests of the services share: a service on the scripted libpq, and what a contact lookup fills. The names
+/// without "Of" are the registrar's.
 
 inline const std::string kNeverConnected = "connection error: lookup attempted without a database connection\n";
 
 inline std::string serviceTrace(const std::vector<std::string>& texts)
 {
     return traceLines("LocationService", texts);
+}
+
+/// The text with a number behind `front` made fixed, wherever that stands.
+inline std::string timeless(std::string text, const std::string& front)
+{
+    for (std::size_t at = text.find(front); at != std::string::npos; at = text.find(front, at + 1)) {
+        const std::size_t number = at + front.size();
+        text.replace(number, text.find_first_not_of("0123456789", number) - number, "NOW");
+    }
+    return text;
+}
+
+/// The statements as they are taken from libpq.
+inline std::string sent(const std::vector<std::string>& statements)
+{
+    std::string calls;
+    for (const std::string& statement : statements) {
+        calls += "exec " + statement + "\n";
+    }
+    return calls;
+}
+
+/// The keys of the service's compiled address maps, behind those of `list`.
+template <typename Service>
+std::string mapKeys(Service& service, std::vector<std::string> list = {})
+{
+    service.getMapKeys(list);
+    std::string text;
+    for (const std::string& key : list) {
+        text += "[" + key + "]";
+    }
+    return text;
+}
+
+/// The service's compiled address map with that key.
+template <typename Service>
+std::string mapEntry(Service& service, std::string key)
+{
+    const oryx::AddressMap* const found = service.lookupMapEntry(key);
+    return found == nullptr ? "none"
+                            : std::string(found->key()) + " csid=" + std::to_string(found->csid()) + " pattern='" +
+                                  found->pattern() + "'";
 }
 
 /// What a contact lookup fills, with something in each before the call.
@@ -36,7 +80,8 @@ struct Found {
 };
 
 /// A service that is connected once the test asks for it.
-class ConnectedService {
+template <typename Service>
+class ConnectedServiceOf {
 protected:
     void connect()
     {
@@ -45,15 +90,6 @@ protected:
         trace.take();
     }
 
-    fake::Libpq libpq;
-    TraceLog trace;
-    oryx::LocationService service;
-};
-
-class ConnectedServiceTest : public testing::Test, protected ConnectedService {
-protected:
-    void SetUp() override { connect(); }
-
     /// The service loses its connection and does not get it back.
     void loseForGood()
     {
@@ -61,7 +97,25 @@ protected:
         libpq.errorMessage(kServerGone);
         libpq.resetsTo({CONNECTION_BAD});
     }
+
+    fake::Libpq libpq;
+    TraceLog trace;
+    Service service;
 };
+
+using ConnectedService = ConnectedServiceOf<oryx::LocationService>;
+
+template <typename Service>
+class ConnectedServiceTestOf : public testing::Test, protected ConnectedServiceOf<Service> {
+protected:
+    void SetUp() override { this->connect(); }
+};
+
+using ConnectedServiceTest = ConnectedServiceTestOf<oryx::LocationService>;
+
+/// The statement that reads the address maps, for either service.
+inline const std::string kMaps =
+    "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
 
 /// The statement that reads the contacts of a contact set, "{}" for its key.
 inline const std::string kContactsOfSet =
