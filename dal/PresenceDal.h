@@ -358,7 +358,7 @@ public:
     const std::string& strpkey() const { return m_strpkey; }             ///< The changed row's key, where it is a text.
     int intpkey() const { return m_intpkey; }                    ///< The changed row's key, where it is a number.
     const std::string& cmd() const { return m_cmd; }             ///< Empty in what the change log gives.
-    const std::string& timestamp() const { return m_timestamp; } ///< Strictly increasing; the next "since".
+    const std::string& timestamp() const { return m_timestamp; } ///< A number; the highest is the next "since".
 
     ///@{
     /// Sets a field.

@@ -203,8 +203,9 @@ public:
     /// Removes the extensions that are neither provisioned for conferences nor in use. Okay, not found when there are
     /// none, query error when the statement fails.
     DatabaseResult deleteAllObsoleteConfExtNotInUse();
-    /// Marks an idle extension as in use and gives it; no two callers get the same. Okay, not found when none is idle,
-    /// query error when the statement fails; `extension` is empty unless okay.
+    /// Marks an idle extension as in use and gives it; no two callers get the same. One that is no longer provisioned
+    /// counts until it is removed. Sent again after a lost answer it marks a second one, and the first stays in use.
+    /// Okay, not found when none is idle, query error when the statement fails; `extension` is empty unless okay.
     DatabaseResult reserveRandomlyIdleConfExtAsInUse(std::string& extension);
 
     // Changes of provisioning, and call managers (presence/Changes.cpp)
@@ -212,8 +213,9 @@ public:
     /// Waits as `DatabaseConnection::waitOnListen` does, on this executor's connection. Okay when the callback or a
     /// lost connection ended the wait, connection error when it could not go on.
     DatabaseResult waitForNotify(bool (*callback)(bool, const std::string&));
-    /// Appends the logged changes of a table, whose name is needed, since a time stamp; empty or "0" means all. A key
-    /// that is NULL reads as the row's before. Okay, not found when there are none, query error when the statement
+    /// Appends the logged changes of a table, whose name is needed, since a time stamp, in no particular order; empty
+    /// or "0" means all. The highest of their time stamps, as numbers, is the next "since". A key that is NULL reads as
+    /// the row's before. Okay, not found when there are none, query error when the statement
     /// fails.
     DatabaseResult getUpdatedPrimaryKeys(const std::string& tableName, const std::string& since,
                                          std::vector<DatabaseUpdate>& updates);

@@ -33,13 +33,15 @@ public:
     PresenceService& operator=(const PresenceService&) = delete;
 
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
-    /// held so far. Neither the database nor the user may be empty, nor hold a blank. Okay, or a connection error with
+    /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a
+    /// backslash, or begin with a quote. Okay, or a connection error with
     /// the server's reason.
     DatabaseResult connect(const char* uri, const char* user, const char* password);
     /// Sets `result` to a connection error on a service that was never connected; leaves it as it is otherwise.
     void checkConnect(DatabaseResult& result);
     /// The executor, which belongs to the service and lives until the next `connect`. On a service that was never
-    /// connected it is the process's own, whose operations all answer with a connection error.
+    /// connected it is the one of the process, whose operations all answer with a connection error; as every executor,
+    /// it is used by one thread at a time.
     PresenceDatabaseCommandExecutor* getPresenceDatabaseCommandExecutor();
 
     // Subscription dialogs
@@ -160,16 +162,17 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::flushExpiredContacts
     DatabaseResult flushExpiredContacts(std::vector<ExtendedContactRecord>& expired);
     /// The keys of an address of record and of its contact set, whatever the case it is written in: the table holds
-    /// lower case. Okay, not found, connection or query error; `key` is -1 and `csid` left as it was unless okay.
+    /// lower case. Okay, not found, connection or query error; `key` is -1 and `csid` left as it was unless okay; on
+    /// a service that was never connected both are.
     DatabaseResult getPublicAddressKey(const char* handle, const char* domain, int& key, int& csid);
     /// The contact set key of a public address key, which must not be 0. Okay, not found, connection or query error;
-    /// `csid` is -1 unless okay.
+    /// `csid` is -1 unless okay, and where the column is NULL; left as it was on a service that was never connected.
     DatabaseResult getCsid(int userId, int& csid);
     /// The contact set key of a contact's key, which must not be 0. Okay, not found, connection or query error; `csid`
-    /// is -1 unless okay.
+    /// as above.
     DatabaseResult getCsidFromContactId(int contact_id, int& csid);
     /// The public address key of an extension, which must not be empty. Okay, not found, connection or query error;
-    /// `paid` is -1 unless okay.
+    /// `paid` as above.
     DatabaseResult getPaidFromExtension(const std::string& extension, int& paid);
     /// \copydoc PresenceDatabaseCommandExecutor::getAliases
     DatabaseResult getAliases(const char* handle, const char* domain, std::vector<PublicAddressRecord>& aliases);

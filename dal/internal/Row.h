@@ -65,4 +65,15 @@ private:
     int m_row;
 };
 
+/// Has a record made of every row of a result, in the rows' order, with room for all of them.
+template <typename Record, typename Append>
+void forEachRow(const QueryResult& result, std::vector<Record>& records, Append append)
+{
+    const int rows = result.rows();
+    makeRoom(records, rows);
+    for (int i = 0; i < rows; ++i) {
+        append(Row(result, i));
+    }
+}
+
 } // namespace oryx

@@ -84,10 +84,7 @@ DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, st
         m_trace.prn("found %d proxy configuration items", rows);
     }
     items.clear(); // only now: the proxy's name may be a text of one of them
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
-        items.emplace_back(row.text(0), row.text(1), row.text(2));
-    }
+    forEachRow(result, items, [&](const Row& row) { items.emplace_back(row.text(0), row.text(1), row.text(2)); });
     return outcome;
 }
 
@@ -104,17 +101,15 @@ DatabaseResult DatabaseCommandExecutor::getDomainAccessList(std::vector<DomainAc
         m_trace.prn(outcome.connectionError() ? "execute query failed" : "query error");
         return outcome;
     }
-    const int rows = result.rows();
-    if (rows == 0) {
+    if (result.rows() == 0) {
         m_trace.prn("query returned 0 rows");
     }
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
+    forEachRow(result, rules, [&](const Row& row) {
         DomainAccess& rule = rules.emplace_back();
         rule.setDirection(row.text(0));
         rule.setDomain(row.text(1));
         rule.setAction(row.text(2));
-    }
+    });
     return outcome;
 }
 

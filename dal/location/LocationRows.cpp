@@ -81,12 +81,10 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
         outcome.setNotFound();
         return outcome;
     }
-    makeRoom(contacts, rows);
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
+    forEachRow(result, contacts, [&](const Row& row) {
         contacts.push_back(query.whole ? readWholeContact(row, query.firstContactColumn)
                                        : readContact(row, query.firstContactColumn));
-    }
+    });
     return outcome;
 }
 
@@ -101,10 +99,7 @@ void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<A
         return;
     }
     trace.prn("found %d address map records", rows);
-    makeRoom(maps, rows);
-    for (int i = 0; i < rows; ++i) {
-        maps.push_back(readAddressMap(Row(result, i)));
-    }
+    forEachRow(result, maps, [&](const Row& row) { maps.push_back(readAddressMap(row)); });
 }
 
 std::string subscriberQuery(const char* handle, const char* domain)

@@ -69,14 +69,10 @@ DatabaseResult PresenceDatabaseCommandExecutor::getDefaultPolicy(const char* app
         errorConnection();
         return connectionError();
     }
-    const int rows = result.rows();
-    m_trace.prn("retrieved %d rows", rows);
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
-        entries.emplace_back(row.text(0), row.text(1));
-    }
+    m_trace.prn("retrieved %d rows", result.rows());
+    forEachRow(result, entries, [&](const Row& row) { entries.emplace_back(row.text(0), row.text(1)); });
     DatabaseResult outcome;
-    if (rows == 0) {
+    if (result.rows() == 0) {
         outcome.setNotFound();
     }
     return outcome;

@@ -77,7 +77,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
     if (!begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
         return outcome;
     }
-    const std::string table = copied(tableName.c_str());
+    const std::string table = copied(tableName.c_str()); // each update repeats it, and it may be an update's text
     const std::string statement = changesQuery(table, since);
     m_trace.prn("sql: %s", statement.c_str());
     QueryResult result;
@@ -90,19 +90,17 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
     if (rows == 0) {
         outcome.setNotFound();
     }
-    makeRoom(updates, rows);
     std::string number;
     std::string text;
     std::string timestamp;
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
+    forEachRow(result, updates, [&](const Row& row) {
         readText(row, 0, number);
         readText(row, 1, text);
         readText(row, 2, timestamp);
         const DatabaseUpdate& update = updates.emplace_back(table, leadingInt(number.c_str()), text, "", timestamp);
         m_trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ", update.relation_name().c_str(),
                     update.intpkey(), update.strpkey().c_str(), update.cmd().c_str(), update.timestamp().c_str());
-    }
+    });
     return outcome;
 }
 
@@ -116,13 +114,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::getCMforBulkSub(std::vector<CMRe
     m_trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): %s", statement.c_str());
     QueryResult result;
     executeSqlCmd(statement, result); // call managers that cannot be read are none
-    const int rows = result.rows();
-    m_trace.prn("cmRecordList size %d", rows);
+    m_trace.prn("cmRecordList size %d", result.rows());
     records.clear();
-    makeRoom(records, rows);
-    for (int i = 0; i < rows; ++i) {
-        readCallManager(Row(result, i), records.emplace_back());
-    }
+    forEachRow(result, records, [&](const Row& row) { readCallManager(row, records.emplace_back()); });
     m_trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): subscriptions size %d ",
                 static_cast<int>(records.size()));
     return outcome;

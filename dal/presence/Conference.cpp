@@ -139,11 +139,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(con
     }
     m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
     out.clear();
-    makeRoom(out, rows);
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
-        out.emplace_back(row.string(0), row.string(1), readTime(row, 2));
-    }
+    forEachRow(result, out, [&](const Row& row) { out.emplace_back(row.string(0), row.string(1), readTime(row, 2)); });
     return outcome;
 }
 

@@ -217,13 +217,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::getProxyConfig(std::vector<Proxy
                outcome)) {
         return outcome;
     }
-    const int rows = result.rows();
-    m_trace.prn("retrieved %d proxy config items", rows);
-    makeRoom(items, rows);
-    for (int i = 0; i < rows; ++i) {
-        const Row row(result, i);
-        items.emplace_back(row.text(0), row.text(1), row.text(2));
-    }
+    m_trace.prn("retrieved %d proxy config items", result.rows());
+    forEachRow(result, items, [&](const Row& row) { items.emplace_back(row.text(0), row.text(1), row.text(2)); });
     return outcome;
 }
 
@@ -291,10 +286,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::flushExpiredContacts(std::vector
         return outcome;
     }
     m_trace.prn("flushExpiredContacts retrieved %d rows", rows);
-    makeRoom(expired, rows);
-    for (int i = 0; i < rows; ++i) {
-        readExpiredContact(Row(contacts, i), expired.emplace_back());
-    }
+    forEachRow(contacts, expired, [&](const Row& row) { readExpiredContact(row, expired.emplace_back()); });
     return outcome;
 }
 

@@ -51,10 +51,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::list(const char* operation, Refu
     if (rows == 0 && kind != Listing::mayBeEmpty) {
         outcome.setNotFound();
     }
-    makeRoom(records, rows);
-    for (int i = 0; i < rows; ++i) {
-        append(Row(result, kind == Listing::firstRowThroughout ? 0 : i));
-    }
+    forEachRow(result, records,
+               [&](const Row& row) { append(kind == Listing::firstRowThroughout ? Row(result, 0) : row); });
     return outcome;
 }
 

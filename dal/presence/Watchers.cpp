@@ -17,7 +17,7 @@ WatchersRecord readWatcher(const Row& row, std::string presentityKey, std::strin
             row.number(4, 0),
             row.string(5),
             row.string(6),
-            static_cast<unsigned long>(row.number(7, 0)),
+            static_cast<unsigned long>(row.integer(7, 0)),
             std::string(),
             std::move(remoteContact)};
 }
@@ -28,7 +28,7 @@ std::string insertion(const WatchersRecord& record)
     columns.add("presentitykey", record.presentitykey());
     columns.add("watcheropaque", record.watcheropaque());
     columns.addExplicit("doctype", record.doctype());
-    columns.addExplicit("docversion", static_cast<long>(record.docversion()));
+    columns.addExplicit("docversion", static_cast<int>(record.docversion())); // alike where long is 32 bits
     columns.addExplicit("watchertype", record.watchertype());
     columns.addExplicit("watcherstate", record.watcherstate());
     columns.addExplicit("expirytime", record.expirytime());

@@ -42,8 +42,9 @@ inline bool onChange(bool changed, const std::string& table)
 class Thread {
 public:
     explicit Thread(oryx::PresenceService& service)
-        : m_thread([this, &service] { m_result = service.waitForNotify(onChange); })
     {
+        finished = false;
+        m_thread = std::thread([this, &service] { m_result = service.waitForNotify(onChange); });
     }
     ~Thread()
     {

@@ -8,6 +8,7 @@
 #include <zel/Trace.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -82,7 +83,7 @@ std::atomic<bool> subscribersChanged = false;
 
 bool onTableChange(bool changed, const std::string& table)
 {
-    if (changed && table == "subscriber") {
+    if (!changed || table == "subscriber") {
         subscribersChanged = true; // the workers read the change log, with their own services
     }
     return shuttingDown; // looked at for idle calls only
@@ -94,7 +95,6 @@ void listen()
     while (!shuttingDown) {
         if (waiting.connect("oryx", "presence1", "secret").okay()) {
             waiting.waitForNotify(onTableChange); // until the callback ends it or the connection is lost
-            subscribersChanged = true;            // what was announced in between went by unheard
         }
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
@@ -104,9 +104,11 @@ void readChanges(oryx::PresenceService& service, std::string& since)
 {
     std::vector<oryx::DatabaseUpdate> updates;
     if (service.getUpdatedPrimaryKeys("subscriber", since, updates).okay()) {
-        for (const oryx::DatabaseUpdate& update : updates) {
+        for (const oryx::DatabaseUpdate& update : updates) { // in no particular order
             std::printf("subscriber %d has changed\n", update.intpkey());
-            since = update.timestamp();
+            if (std::stoll(update.timestamp()) > std::stoll(since)) {
+                since = update.timestamp();
+            }
         }
     }
 }

@@ -3,12 +3,14 @@
 //
 //     presence [DATABASE-URI [KEY]]
 //
-// The database has the sample data. The subscriber that is added, and removed again, gets the key KEY.
+// For a database to try things with, which has the sample data: all dialogs, watchers, sources and lists' subscriptions
+// in it are removed, as when an event server starts. The subscriber that is added, and removed again, gets the key KEY.
 
 #include "../common/Listener.h"
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <vector>
@@ -103,12 +105,22 @@ bool holdConference(oryx::PresenceService& service)
     return report("release it", service.setConfExtState(extension, "IDLE", static_cast<unsigned>(std::time(nullptr))));
 }
 
-/// The last time stamp of a table's changes, where reading them goes on.
+/// The highest time stamp of a table's changes, where reading them goes on; they come in no particular order.
 std::string latest(oryx::PresenceService& service, const char* table)
 {
     std::vector<oryx::DatabaseUpdate> updates;
     service.getUpdatedPrimaryKeys(table, "0", updates);
-    return updates.empty() ? "0" : updates.back().timestamp();
+    long long highest = 0;
+    for (const oryx::DatabaseUpdate& update : updates) {
+        highest = std::max(highest, std::stoll(update.timestamp()));
+    }
+    return std::to_string(highest);
+}
+
+bool reset(oryx::PresenceService& service)
+{
+    return report("reset dialogs, watchers, sources and lists",
+                  service.getPresenceDatabaseCommandExecutor()->removeEventServerState());
 }
 
 bool followProvisioning(oryx::PresenceService& service, const std::string& database, int key)
@@ -141,7 +153,7 @@ bool followProvisioning(oryx::PresenceService& service, const std::string& datab
 bool run(const std::string& database, int key)
 {
     oryx::PresenceService service;
-    if (!connectFromEnvironment(service, database)) {
+    if (!connectFromEnvironment(service, database) || !reset(service)) {
         return false;
     }
     showRules(service, "alice", "oryx.example");
@@ -152,9 +164,7 @@ bool run(const std::string& database, int key)
     }
     showWatchers(service);
     return publish(service) && subscribeToList(service) && holdConference(service) &&
-           followProvisioning(service, database, key) &&
-           report("reset dialogs, watchers, sources and lists",
-                  service.getPresenceDatabaseCommandExecutor()->removeEventServerState());
+           followProvisioning(service, database, key) && reset(service);
 }
 
 } // namespace
