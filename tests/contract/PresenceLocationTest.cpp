@@ -49,12 +49,11 @@ std::string contactsOf(PresenceDatabaseCommandExecutor& executor, int key, std::
 {
     std::string ordering = "before";
     bool replaceUri = false;
-    return appending(std::vector{desk()},
-                     [&](auto& contacts) {
-                         return csid ? executor.lookupContacts(ordering, *csid, replaceUri, contacts)
-                                     : executor.lookupContacts(key, ordering, replaceUri, contacts);
-                     }) +
-           "ordering='" + ordering + "' replace=" + (replaceUri ? "true" : "false") + "\n";
+    const std::string answer = appending(std::vector{desk()}, [&](auto& contacts) {
+        return csid ? executor.lookupContacts(ordering, *csid, replaceUri, contacts)
+                    : executor.lookupContacts(key, ordering, replaceUri, contacts);
+    });
+    return answer + "ordering='" + ordering + "' replace=" + (replaceUri ? "true" : "false") + "\n";
 }
 
 const std::string kNoContacts = kDesk + "ordering='before' replace=true\n";
@@ -621,7 +620,8 @@ TEST_F(PresenceLocationTest, WhatIsUnknownIsNotFoundAndFillsNothing)
     executor.error(kEarlierFailure.c_str());
     const auto unknown = [this](const Statement& statement) {
         libpq.replies({noRows(7)});
-        return statement.call(executor) + "\n" + traced();
+        const std::string answer = statement.call(executor);
+        return answer + "\n" + traced();
     };
     const auto notFound = [](const std::string& untouched, const std::vector<std::string>& lines) {
         return "not found\n" + untouched + "\n" + presenceTrace(lines);
@@ -863,7 +863,8 @@ TEST_F(PresenceLocationTest, ASubscribersActiveFlagIsTheFirstCharacterOfItsColum
         std::vector<Cell> row = kSubscriberRow;
         row[6] = flag;
         libpq.replies({rows({row})});
-        return subscriberOf(executor, "alice", "oryx.example") + traced();
+        const std::string answer = subscriberOf(executor, "alice", "oryx.example");
+        return answer + traced();
     };
     const auto traces = [](const std::string& shown) {
         return presenceTrace({"lookupSubscriber()", kSubscriber, "retrieved 1 rows", "active = " + shown + "\n"});
@@ -1005,8 +1006,8 @@ TEST_F(ExpiredContacts, AreGivenEvenIfOthersRemovedThemInBetween)
 
 TEST_F(ExpiredContacts, AreAQueryErrorWhereTheirSelectionIsRefused)
 {
-    EXPECT_EQ(flushed({refused("42601"), refused("42601")}),
-              "query error: " + spliced(kRefused, selection(time)) + "\n" + kExpiredBefore);
+    const std::string answer = flushed({refused("42601"), refused("42601")});
+    EXPECT_EQ(answer, "query error: " + spliced(kRefused, selection(time)) + "\n" + kExpiredBefore);
     EXPECT_EQ(calls, "exec " + selection(time) + "\nreset\nexec " + selection(time) + "\n");
     EXPECT_EQ(traced(), presenceTrace({"flushExpiredContacts()", selection(time)}));
     EXPECT_EQ(executor.getErrorMessage(), spliced(kRefused, selection(time)));
