@@ -33,8 +33,8 @@ public:
     /// False when an argument is null or the server refuses; a refused connection is held until `close()`. A connection
     /// that is already held must be closed first. The values go into libpq's connection string as they are, so an empty
     /// database or user makes libpq read the next item in its place, a blank ends a value, a backslash vanishes, and a
-    /// quote at a value's beginning must have its pair; port, TLS
-    /// and time-outs are libpq's own settings (its environment and service file).
+    /// quote at a value's beginning must have its pair; port, TLS and time-outs are libpq's own settings (its
+    /// environment and service file).
     bool connect(const char* uri, const char* user, const char* password);
     /// Ends the connection, if there is one.
     void close();

@@ -37,9 +37,8 @@ public:
     LocationService& operator=(const LocationService&) = delete;
 
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
-    /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a
-    /// backslash, or begin with a quote. Okay, or a connection error with
-    /// the server's reason.
+    /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a backslash, or begin
+    /// with a quote. Okay, or a connection error with the server's reason.
     DatabaseResult connect(const char* uri, const char* user, const char* password);
     /// Sets `result` to a connection error on a service that was never connected; leaves it as it is otherwise.
     void checkConnect(DatabaseResult& result);

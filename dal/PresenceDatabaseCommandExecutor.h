@@ -9,8 +9,6 @@
 
 namespace oryx {
 
-struct ContactQuery;
-
 /// The event server's statements.
 ///
 /// Values go into the statements as they are, unescaped: a quote in one breaks the statement at best. Every operation

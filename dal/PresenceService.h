@@ -33,9 +33,8 @@ public:
     PresenceService& operator=(const PresenceService&) = delete;
 
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
-    /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a
-    /// backslash, or begin with a quote. Okay, or a connection error with
-    /// the server's reason.
+    /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a backslash, or begin
+    /// with a quote. Okay, or a connection error with the server's reason.
     DatabaseResult connect(const char* uri, const char* user, const char* password);
     /// Sets `result` to a connection error on a service that was never connected; leaves it as it is otherwise.
     void checkConnect(DatabaseResult& result);
@@ -162,8 +161,8 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::flushExpiredContacts
     DatabaseResult flushExpiredContacts(std::vector<ExtendedContactRecord>& expired);
     /// The keys of an address of record and of its contact set, whatever the case it is written in: the table holds
-    /// lower case. Okay, not found, connection or query error; `key` is -1 and `csid` left as it was unless okay; on
-    /// a service that was never connected both are.
+    /// lower case. Okay, not found, connection or query error; `key` is -1 and `csid` left as it was unless okay. On a
+    /// service that was never connected both are left as they were.
     DatabaseResult getPublicAddressKey(const char* handle, const char* domain, int& key, int& csid);
     /// The contact set key of a public address key, which must not be 0. Okay, not found, connection or query error;
     /// `csid` is -1 unless okay, and where the column is NULL; left as it was on a service that was never connected.
