@@ -1,8 +1,11 @@
-// A program outside the tree that registers a contact: consumer DATABASE-URI USER PASSWORD.
+// A program outside the tree that registers a contact, and reads it as the event server:
+//
+//     consumer DATABASE-URI USER PASSWORD
 
 #include <dal/LocationService.h>
-#include <dal/PresenceDatabaseCommandExecutor.h>
+#include <dal/PresenceService.h>
 #include <dal/UtilityConvert.h>
+#include <util/CleanText.h>
 #include <zel/Trace.h>
 
 #include <cstdio>
@@ -20,8 +23,21 @@ int main(int argc, char** argv)
     }
     std::vector<oryx::ContactRecord> contacts(1);
     contacts.front().setAddress("sip:alice@192.0.2.99");
-    if (result.okay()) {
+    if (result.okay() && oryx::isCleanText(contacts.front().address())) {
         result = service.registerContacts(key, contacts);
+    }
+    oryx::PresenceService presence;
+    int csid = 0;
+    if (result.okay()) {
+        result = presence.connect(argv[1], argv[2], argv[3]);
+    }
+    if (result.okay()) {
+        result = presence.getCsid(key, csid);
+    }
+    std::string ordering;
+    bool replaceUri = false;
+    if (result.okay()) {
+        result = presence.lookupContacts(csid, ordering, replaceUri, contacts);
     }
     zel::Trace("consumer").prn("%s", oryx::UtilityConvert::boolToString(result.okay()).c_str());
     std::printf("%s\n", result.okay() ? "registered" : result.getErrorMessage().c_str());
