@@ -1,8 +1,7 @@
 #include <dal/LocationService.h>
 
 #include <dal/DatabaseCommandExecutor.h>
-#include <dal/internal/AddressMapCache.h>
-#include <dal/internal/Connecting.h>
+#include <dal/internal/ServiceFrame.h>
 #include <dal/internal/Shown.h>
 #include <dal/internal/Sql.h>
 
@@ -191,23 +190,13 @@ DatabaseResult LocationService::getProxyConfig(const char* proxyName, std::vecto
 
 std::string& LocationService::getDomainName(std::string& out)
 {
-    if (!m_exec) {
-        out.clear();
-        return out;
-    }
-    return m_exec->getDomainName(out);
+    return domainName(m_exec, out);
 }
 
 DatabaseResult LocationService::lookupAddressMap(const char* uri, std::string& ordering, bool& replaceUri,
                                                  std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    DatabaseResult connected;
-    checkConnect(connected);
-    return m_addrMap->lookup(connected, uri,
-                             {[&](std::vector<AddressMapRecord>& maps) { return m_exec->getAddressMaps(maps); },
-                              [&](int csid) { return m_exec->lookupContacts(ordering, csid, replaceUri, contacts); }},
-                             contacts);
+    return lookupMapped(m_exec, *m_addrMap, uri, ordering, replaceUri, contacts);
 }
 
 void LocationService::getMapKeys(std::vector<std::string>& keys)

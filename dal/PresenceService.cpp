@@ -2,8 +2,7 @@
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/UtilityConvert.h>
-#include <dal/internal/AddressMapCache.h>
-#include <dal/internal/Connecting.h>
+#include <dal/internal/ServiceFrame.h>
 #include <dal/internal/Shown.h>
 
 namespace oryx {
@@ -390,23 +389,13 @@ DatabaseResult PresenceService::getPaidFromExtension(const std::string& extensio
 
 std::string& PresenceService::getDomainName(std::string& out)
 {
-    if (!m_exec) {
-        out.clear();
-        return out;
-    }
-    return m_exec->getDomainName(out);
+    return domainName(m_exec, out);
 }
 
 DatabaseResult PresenceService::lookupAddressMap(const char* uri, std::string& ordering, bool& replaceUri,
                                                  std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    DatabaseResult connected;
-    checkConnect(connected);
-    return m_addrMap->lookup(connected, uri,
-                             {[&](std::vector<AddressMapRecord>& maps) { return m_exec->getAddressMaps(maps); },
-                              [&](int csid) { return m_exec->lookupContacts(ordering, csid, replaceUri, contacts); }},
-                             contacts);
+    return lookupMapped(m_exec, *m_addrMap, uri, ordering, replaceUri, contacts);
 }
 
 void PresenceService::getMapKeys(std::vector<std::string>& keys)

@@ -29,8 +29,8 @@ public:
     explicit AddressMapCache(const zel::Trace& trace) : m_trace(trace) {}
 
     /// The contacts that serve a request URI: brings the cache into line with the table, takes the first map that
-    /// matches, appends its contacts, and fills their addresses from the parts of the URI.
-    /// A service that is not `connected` is answered so.
+    /// matches, appends its contacts, and fills their addresses from the parts of the URI. Where `connected` is not
+    /// okay, that is the answer.
     DatabaseResult lookup(const DatabaseResult& connected, const char* uri, const Queries& queries,
                           std::vector<ContactRecord>& contacts);
 

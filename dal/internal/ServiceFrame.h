@@ -1,0 +1,62 @@
+#pragma once
+
+#include <dal/internal/AddressMapCache.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// \file
+/// What both services do alike with the executor that each of them owns.
+
+namespace oryx {
+
+/// Replaces a service's executor by a new one, connected; the old connection is closed first.
+template <typename Executor>
+DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const char* uri, const char* user, const char* password)
+{
+    executor = std::make_unique<Executor>();
+    DatabaseResult result;
+    if (!executor->connect(uri, user, password)) {
+        result.setConnectionError();
+        result.setErrorMessage(executor->getErrorMessage());
+    }
+    return result;
+}
+
+/// What every operation of a service without an executor answers.
+template <typename Executor>
+void checkConnected(const std::unique_ptr<Executor>& executor, DatabaseResult& result)
+{
+    if (!executor) {
+        result.setConnectionError();
+        result.setErrorMessage("lookup attempted without a database connection");
+    }
+}
+
+/// The first SIP domain this server answers for; empty on a service without an executor.
+template <typename Executor>
+std::string& domainName(const std::unique_ptr<Executor>& executor, std::string& out)
+{
+    if (!executor) {
+        out.clear();
+        return out;
+    }
+    return executor->getDomainName(out);
+}
+
+/// The contacts that serve a request URI, by the service's cache and its executor's two queries.
+template <typename Executor>
+DatabaseResult lookupMapped(const std::unique_ptr<Executor>& executor, AddressMapCache& cache, const char* uri,
+                            std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts)
+{
+    replaceUri = true;
+    DatabaseResult connected;
+    checkConnected(executor, connected);
+    return cache.lookup(connected, uri,
+                        {[&](std::vector<AddressMapRecord>& maps) { return executor->getAddressMaps(maps); },
+                         [&](int csid) { return executor->lookupContacts(ordering, csid, replaceUri, contacts); }},
+                        contacts);
+}
+
+} // namespace oryx
