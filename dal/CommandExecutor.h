@@ -3,7 +3,6 @@
 #include <dal/QueryResult.h>
 #include <dal/ValueString.h>
 #include <util/Export.h>
-#include <zel/Trace.h>
 
 #include <memory>
 #include <string>
@@ -11,7 +10,7 @@
 
 namespace oryx {
 
-class DatabaseConnection;
+class Frame;
 
 /// What both command executors stand on: the connection they own, the running of statements, the error text, and the
 /// server's domain list.
@@ -61,45 +60,10 @@ public:
     std::string& getDomainName(std::string& domainName);
 
 protected:
-    /// How the running of a statement ended; the two failures have left their reason in the error text.
-    enum class Run { okay, connectionFailed, queryFailed };
-
     /// Without a connection; traces on the channel of that name.
     explicit CommandExecutor(const char* channel);
 
-    /// Runs a statement without checking the connection first.
-    Run run(const std::string& statement, QueryResult& result);
-    /// The same for callers that answer with a result.
-    DatabaseResult runForResult(const std::string& statement, QueryResult& result);
-    /// Ends a failed transaction. How that went does not count: the first failure is what the caller hears of.
-    void rollback();
-    /// An argument check: false with `msg` as the reason unless `valid`.
-    bool require(bool valid, const char* msg)
-    {
-        if (!valid) {
-            error(msg);
-        }
-        return valid;
-    }
-
-    /// A connection error with the error text as the message.
-    DatabaseResult connectionError() const;
-    /// A query error with the error text as the message.
-    DatabaseResult queryError() const;
-
-    // What the executors' reading of a system parameter and of the domain list share.
-
-    /// Whether all three are given; traces it when one is not.
-    bool systemParameterNamed(const std::string& application, const std::string& scope, const std::string& name);
-    /// The query for the value of a row of `system_parameters`.
-    static std::string systemParameterQuery(const std::string& application, const std::string& scope,
-                                            const std::string& name);
-    /// Sets `domainName` to the domain at `index`, to empty when there is none, and returns it.
-    std::string& pickDomain(const std::vector<std::string>& domains, unsigned int index, std::string& domainName);
-
-    std::unique_ptr<DatabaseConnection> m_conn; ///< Null until the first `connect`.
-    std::string m_errorMsg;                     ///< The reason of the last failure.
-    zel::Trace m_trace;                         ///< The executor's channel.
+    std::unique_ptr<Frame> m_frame; ///< Connection, error text and trace, and what the operations do with them.
 };
 
 } // namespace oryx

@@ -1,13 +1,26 @@
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/DatabaseConnection.h>
+#include <dal/internal/Frame.h>
+#include <dal/internal/SystemParameters.h>
+
+#include <mutex>
 
 namespace oryx {
 
-std::mutex DatabaseCommandExecutor::m_domainListMutex;
-std::vector<std::string> DatabaseCommandExecutor::m_domainList;
+namespace {
+
+/// The domains that this process answers for: read once, shared by all location executors.
+std::mutex domainListMutex;
+std::vector<std::string> domainList;
+
+} // namespace
 
 DatabaseCommandExecutor::DatabaseCommandExecutor() : CommandExecutor("DatabaseCommandExecutor") {}
+
+std::string& DatabaseCommandExecutor::getErrorMessage()
+{
+    return m_frame->errorText;
+}
 
 DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& cmd, DatabaseResult& result,
                                                             QueryResult& qres, bool isTransaction)
@@ -16,24 +29,24 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        m_trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
+        m_frame->trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
 #pragma GCC diagnostic pop
     }
-    const Run outcome = run(cmd, qres);
+    const Run outcome = m_frame->run(cmd, qres);
     if (outcome == Run::okay) {
         result.setOkay();
         return result;
     }
     if (outcome == Run::connectionFailed) {
-        m_trace.prn("execute update failed");
+        m_frame->trace.prn("execute update failed");
         result.setConnectionError();
     } else {
-        m_trace.prn("query error");
+        m_frame->trace.prn("query error");
         result.setQueryError();
     }
-    result.setErrorMessage(m_errorMsg);
-    if (isTransaction && (!m_conn || !m_conn->execute("ROLLBACK;", qres))) {
-        m_trace.prn("rollback execution failed\n");
+    result.setErrorMessage(m_frame->errorText);
+    if (isTransaction && (!m_frame->connection || !m_frame->connection->execute("ROLLBACK;", qres))) {
+        m_frame->trace.prn("rollback execution failed\n");
     }
     return result;
 }
@@ -41,7 +54,7 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
 std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& application, const std::string& scope,
                                                              const std::string& name)
 {
-    if (!systemParameterNamed(application, scope, name)) {
+    if (!systemParameterNamed(m_frame->trace, application, scope, name)) {
         return {};
     }
     DatabaseResult outcome;
@@ -50,7 +63,7 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
         return {};
     }
     if (result.rows() == 0) {
-        m_trace.prn("getSystemParameterValue(): Query returned 0 rows, No available domains found!");
+        m_frame->trace.prn("getSystemParameterValue(): Query returned 0 rows, No available domains found!");
         return {};
     }
     const char* const value = result.getValue(0, 0);
@@ -60,31 +73,22 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
-    const std::lock_guard lock(m_domainListMutex);
-    if (m_domainList.empty()) {
+    const std::lock_guard lock(domainListMutex);
+    if (domainList.empty()) {
         if (!checkConnect()) {
-            m_trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
+            m_frame->trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
             return domainName;
         }
-        m_trace.prn("getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
-        getDomainNameList(m_domainList);
-        if (m_domainList.empty()) {
-            m_trace.prn(
+        m_frame->trace.prn(
+            "getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
+        getDomainNameList(domainList);
+        if (domainList.empty()) {
+            m_frame->trace.prn(
                 "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
             return domainName;
         }
     }
-    return pickDomain(m_domainList, index, domainName);
-}
-
-bool DatabaseCommandExecutor::callFunction(const std::string& statement)
-{
-    QueryResult result;
-    const Run outcome = run(statement, result);
-    if (outcome == Run::queryFailed) {
-        rollback();
-    }
-    return outcome == Run::okay;
+    return pickDomain(m_frame->trace, domainList, index, domainName);
 }
 
 } // namespace oryx

@@ -3,11 +3,10 @@
 #include <dal/CommandExecutor.h>
 #include <dal/Dal.h>
 
-#include <mutex>
+#include <string>
+#include <vector>
 
 namespace oryx {
-
-struct ContactQuery;
 
 /// The registrar's statements: subscribers, public addresses, contacts, and the tables that configure host and routing.
 ///
@@ -20,7 +19,7 @@ public:
     DatabaseCommandExecutor();
 
     /// The reason of the last failure.
-    std::string& getErrorMessage() { return m_errorMsg; }
+    std::string& getErrorMessage();
 
     /// Runs a statement into `qres` without checking the connection first, and answers with `result`.
     ///
@@ -104,17 +103,6 @@ public:
     DatabaseResult getProxyConfig(const char* proxyName, std::vector<ProxyConfig>& items);
     /// Appends the domain access rules in ascending q-value. Okay also when there are none; connection or query error.
     DatabaseResult getDomainAccessList(std::vector<DomainAccess>& rules);
-
-private:
-    /// Runs a call of a stored function, and a rollback after one that failed.
-    bool callFunction(const std::string& statement);
-    /// The same for the provisioning of addresses of record, with the connection checked first. 0 done, -1 failed.
-    int callPublicAddressFunction(const std::string& statement);
-    DatabaseResult fetchContacts(const std::string& statement, const ContactQuery& query, std::string& ordering,
-                                 bool& replaceUri, std::vector<ContactRecord>& contacts);
-
-    static std::mutex m_domainListMutex;
-    static std::vector<std::string> m_domainList;
 };
 
 } // namespace oryx

@@ -3,7 +3,6 @@
 #include <dal/CommandExecutor.h>
 #include <dal/PresenceDal.h>
 
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -23,7 +22,7 @@ public:
     PresenceDatabaseCommandExecutor();
 
     /// The reason of the last failure.
-    const std::string& getErrorMessage() const { return m_errorMsg; }
+    const std::string& getErrorMessage() const;
 
     /// Runs any one statement. Okay when it selected or touched a row, not found when it did neither; query error for
     /// an empty text or a failed statement, connection error without a usable connection. `qres` holds the result, if
@@ -292,36 +291,6 @@ public:
     /// Removes all five in one transaction, or none of them. Okay, also when there is nothing; connection error when a
     /// statement fails.
     DatabaseResult removeEventServerState();
-
-private:
-    struct Refusal;
-    enum class Listing;
-    enum class Violation;
-    using Refusals = std::initializer_list<Refusal>;
-
-    // What every operation does, written once (presence/Verbs.h).
-    bool begin(const char* operation, Refusals refusals, DatabaseResult& outcome);
-    bool fetch(const std::string& statement, QueryResult& result, DatabaseResult& outcome);
-    void traceRows(const char* format, int rows);
-    template <typename Record, typename Statement, typename Append>
-    DatabaseResult list(const char* operation, Refusals refusals, Listing kind, std::vector<Record>& records,
-                        Statement statement, Append append, const char* rowsTrace = nullptr);
-    template <typename Statement, typename Read>
-    DatabaseResult find(const char* operation, Refusals refusals, Statement statement, Read read,
-                        const char* rowsTrace = nullptr);
-    template <typename Statement>
-    DatabaseResult update(const char* operation, Refusals refusals, Statement statement);
-    template <typename Statement>
-    DatabaseResult insertOrDelete(const char* operation, Refusals refusals, Statement statement, Violation violation);
-    template <typename Statement>
-    DatabaseResult insertOrDelete(const char* operation, Refusals refusals, Statement statement);
-
-    DatabaseResult updated(const std::string& statement);
-    DatabaseResult insertedOrDeleted(const std::string& statement, Violation violation);
-    DatabaseResult judgeRows(const QueryResult& qres);
-    DatabaseResult getDefaultPolicy(const char* application, std::vector<AccessControlEntry>& entries);
-    DatabaseResult refuse(const char* why);
-    DatabaseResult findNumber(Refusals refusals, const std::string& statement, int& number);
 };
 
 } // namespace oryx

@@ -2,8 +2,8 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/internal/LocationRows.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Frame.h>
+#include <dal/location/LocationRows.h>
 
 namespace oryx {
 
@@ -22,6 +22,14 @@ void addContactColumns(ValueString& columns, const ContactRecord& rec)
     columns.addExplicit("cseq", rec.cseq());
 }
 
+DatabaseResult fetchContacts(Frame& frame, const std::string& statement, const ContactQuery& query,
+                             std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts)
+{
+    QueryResult result;
+    DatabaseResult outcome = frame.runForResult(statement, result);
+    return outcome.okay() ? readContacts(result, query, frame.trace, ordering, replaceUri, contacts) : outcome;
+}
+
 } // namespace
 
 int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, ContactRecord& rec)
@@ -34,8 +42,8 @@ int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, 
     arguments.add("sip_domain", domain);
     addContactColumns(arguments, rec);
     const std::string statement = sql("SELECT add_contact{}", arguments.values());
-    m_trace.prn(statement);
-    return callFunction(statement) ? 0 : -1;
+    m_frame->trace.prn(statement);
+    return m_frame->callFunction(statement) ? 0 : -1;
 }
 
 int DatabaseCommandExecutor::addContact(ContactRecord& rec)
@@ -47,9 +55,9 @@ int DatabaseCommandExecutor::addContact(ContactRecord& rec)
     columns.add("csid", std::to_string(rec.csid()));
     addContactColumns(columns, rec);
     const std::string statement = sql("INSERT INTO contact{} VALUES{};", columns.names(), columns.values());
-    m_trace.prn(statement);
+    m_frame->trace.prn(statement);
     QueryResult result;
-    return run(statement, result) == Run::okay ? 0 : -1;
+    return m_frame->run(statement, result) == Run::okay ? 0 : -1;
 }
 
 int DatabaseCommandExecutor::removeContact(const char* handle, const char* domain, const char* address)
@@ -57,7 +65,7 @@ int DatabaseCommandExecutor::removeContact(const char* handle, const char* domai
     if (!checkConnect()) {
         return 0; // a registrar that lost its database still answers the phone that signs off
     }
-    if (!require(handle != nullptr && domain != nullptr && address != nullptr, "invalid parameters")) {
+    if (!m_frame->require(handle != nullptr && domain != nullptr && address != nullptr, "invalid parameters")) {
         return -1;
     }
     ValueString arguments;
@@ -65,9 +73,9 @@ int DatabaseCommandExecutor::removeContact(const char* handle, const char* domai
     arguments.add("sip_domain", domain);
     arguments.add("address", address);
     const std::string statement = sql("SELECT remove_contact{}", arguments.values());
-    m_trace.prn(statement);
+    m_frame->trace.prn(statement);
     QueryResult result;
-    return run(statement, result) == Run::okay ? 0 : -1;
+    return m_frame->run(statement, result) == Run::okay ? 0 : -1;
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(const char* handle, const char* domain, std::string& ordering,
@@ -75,15 +83,15 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(const char* handle, const
 {
     replaceUri = true;
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
-    if (!require(handle != nullptr && domain != nullptr, "invalid parameters")) {
-        return queryError();
+    if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
+        return m_frame->queryError();
     }
     const std::string statement = sql(
         "SELECT contact_set.ordering,contact_set.replace_uri,subscriber.active, contact.address,contact.qvalue,contact.expires,contact.capabilities,contact.contact_header, contact.call_id,contact.cseq,contact.c_type   FROM public_address, contact_set, contact, subscriber WHERE  (public_address.handle = '{}' AND public_address.sip_domain = '{}' AND public_address.csid = contact_set.csid AND  contact.csid = contact_set.csid AND subscriber.sid = contact_set.sid);",
         handle, domain);
-    return fetchContacts(statement, {"replace uri", 2, 3, false}, ordering, replaceUri, contacts);
+    return fetchContacts(*m_frame, statement, {"replace uri", 2, 3, false}, ordering, replaceUri, contacts);
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std::string& ordering, bool& replaceUri,
@@ -91,13 +99,13 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std:
 {
     replaceUri = true;
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
     const std::string statement = sql(
         "SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM public_address, contact_set, contact, subscriber WHERE (public_address.id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
         publicAddressId);
-    m_trace.prn(statement);
-    return fetchContacts(statement, {"replace", 2, 3, false}, ordering, replaceUri, contacts);
+    m_frame->trace.prn(statement);
+    return fetchContacts(*m_frame, statement, {"replace", 2, 3, false}, ordering, replaceUri, contacts);
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, int csid, bool& replaceUri,
@@ -105,7 +113,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, in
 {
     replaceUri = true;
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
     if (csid < 1) {
         DatabaseResult result;
@@ -114,22 +122,13 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, in
         return result;
     }
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
     const std::string statement = sql(
         "SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
         csid);
-    m_trace.prn(statement);
-    return fetchContacts(statement, {"replaceUri", -1, 2, false}, ordering, replaceUri, contacts);
-}
-
-DatabaseResult DatabaseCommandExecutor::fetchContacts(const std::string& statement, const ContactQuery& query,
-                                                      std::string& ordering, bool& replaceUri,
-                                                      std::vector<ContactRecord>& contacts)
-{
-    QueryResult result;
-    DatabaseResult outcome = runForResult(statement, result);
-    return outcome.okay() ? readContacts(result, query, m_trace, ordering, replaceUri, contacts) : outcome;
+    m_frame->trace.prn(statement);
+    return fetchContacts(*m_frame, statement, {"replaceUri", -1, 2, false}, ordering, replaceUri, contacts);
 }
 
 } // namespace oryx

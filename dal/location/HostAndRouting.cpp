@@ -2,8 +2,8 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/internal/LocationRows.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Frame.h>
+#include <dal/location/LocationRows.h>
 
 namespace oryx {
 
@@ -28,20 +28,20 @@ void readHostInfo(const Row& row, HostInfo& info)
 DatabaseResult DatabaseCommandExecutor::getHostInfo(HostInfo& info)
 {
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
-    m_trace.prn("looking up host info");
+    m_frame->trace.prn("looking up host info");
     QueryResult result;
-    DatabaseResult outcome = runForResult("SELECT * FROM host_info", result);
+    DatabaseResult outcome = m_frame->runForResult("SELECT * FROM host_info", result);
     if (!outcome.okay()) {
         return outcome;
     }
     if (result.rows() == 0) {
-        m_trace.prn("zero rows found");
+        m_frame->trace.prn("zero rows found");
         outcome.setNotFound();
         return outcome;
     }
-    m_trace.prn("host_info returned %d rows", result.rows());
+    m_frame->trace.prn("host_info returned %d rows", result.rows());
     readHostInfo(Row(result, 0), info);
     return outcome;
 }
@@ -49,13 +49,13 @@ DatabaseResult DatabaseCommandExecutor::getHostInfo(HostInfo& info)
 DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
 {
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
-    m_trace.prn("looking up address_maps");
+    m_frame->trace.prn("looking up address_maps");
     QueryResult result;
-    DatabaseResult outcome = runForResult(kAddressMapQuery, result);
+    DatabaseResult outcome = m_frame->runForResult(kAddressMapQuery, result);
     if (outcome.okay()) {
-        readAddressMaps(result, m_trace, maps);
+        readAddressMaps(result, m_frame->trace, maps);
     }
     return outcome;
 }
@@ -63,14 +63,14 @@ DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRec
 DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, std::vector<ProxyConfig>& items)
 {
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
-    if (!require(proxyName != nullptr, "null proxy name")) {
-        return queryError();
+    if (!m_frame->require(proxyName != nullptr, "null proxy name")) {
+        return m_frame->queryError();
     }
-    m_trace.prn("looking up proxy configuration for %s", proxyName);
+    m_frame->trace.prn("looking up proxy configuration for %s", proxyName);
     QueryResult result;
-    DatabaseResult outcome = runForResult(
+    DatabaseResult outcome = m_frame->runForResult(
         sql("SELECT scope, property_name, property_value  FROM proxy_configuration   WHERE proxy_name = '{}';",
             proxyName),
         result);
@@ -79,9 +79,9 @@ DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, st
     }
     const int rows = result.rows();
     if (rows == 0) {
-        m_trace.prn("no configuration found for %s", proxyName);
+        m_frame->trace.prn("no configuration found for %s", proxyName);
     } else {
-        m_trace.prn("found %d proxy configuration items", rows);
+        m_frame->trace.prn("found %d proxy configuration items", rows);
     }
     items.clear(); // only now: the proxy's name may be a text of one of them
     forEachRow(result, items, [&](const Row& row) { items.emplace_back(row.text(0), row.text(1), row.text(2)); });
@@ -91,18 +91,18 @@ DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, st
 DatabaseResult DatabaseCommandExecutor::getDomainAccessList(std::vector<DomainAccess>& rules)
 {
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
-    m_trace.prn("getting domain access list");
+    m_frame->trace.prn("getting domain access list");
     QueryResult result;
     DatabaseResult outcome =
-        runForResult("SELECT direction,sip_domain,domain_action FROM domain_access ORDER BY qvalue", result);
+        m_frame->runForResult("SELECT direction,sip_domain,domain_action FROM domain_access ORDER BY qvalue", result);
     if (!outcome.okay()) {
-        m_trace.prn(outcome.connectionError() ? "execute query failed" : "query error");
+        m_frame->trace.prn(outcome.connectionError() ? "execute query failed" : "query error");
         return outcome;
     }
     if (result.rows() == 0) {
-        m_trace.prn("query returned 0 rows");
+        m_frame->trace.prn("query returned 0 rows");
     }
     forEachRow(result, rules, [&](const Row& row) {
         DomainAccess& rule = rules.emplace_back();

@@ -1,4 +1,4 @@
-#include <dal/internal/LocationRows.h>
+#include <dal/location/LocationRows.h>
 
 #include <dal/UtilityConvert.h>
 #include <dal/internal/Sql.h>

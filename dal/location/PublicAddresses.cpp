@@ -2,19 +2,23 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/internal/Row.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Frame.h>
 
 namespace oryx {
 
-int DatabaseCommandExecutor::callPublicAddressFunction(const std::string& statement)
+namespace {
+
+/// Calls a stored function that provisions an address of record: 0 done, -1 failed.
+int provision(Frame& frame, const std::string& statement)
 {
-    if (!checkConnect()) {
+    if (!frame.checkConnect()) {
         return -1;
     }
-    m_trace.prn(statement);
-    return callFunction(statement) ? 0 : -1;
+    frame.trace.prn(statement);
+    return frame.callFunction(statement) ? 0 : -1;
 }
+
+} // namespace
 
 int DatabaseCommandExecutor::createPublicAddress(int sid, const char* handle, const char* domain)
 {
@@ -22,7 +26,7 @@ int DatabaseCommandExecutor::createPublicAddress(int sid, const char* handle, co
     arguments.add("sid", std::to_string(sid));
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
-    return callPublicAddressFunction(sql("SELECT create_public_address{}", arguments.values()));
+    return provision(*m_frame, sql("SELECT create_public_address{}", arguments.values()));
 }
 
 int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* domain, const char* alias)
@@ -31,7 +35,7 @@ int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* 
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
     arguments.add("alias", alias);
-    return callPublicAddressFunction(sql("SELECT create_public_address_alias{}", arguments.values()));
+    return provision(*m_frame, sql("SELECT create_public_address_alias{}", arguments.values()));
 }
 
 int DatabaseCommandExecutor::importPublicAddress(int sid, const char* handle, const char* domain, const char* contact)
@@ -41,13 +45,13 @@ int DatabaseCommandExecutor::importPublicAddress(int sid, const char* handle, co
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
     arguments.add("contact", contact);
-    return callPublicAddressFunction(sql("SELECT import_public_address{}", arguments.values()));
+    return provision(*m_frame, sql("SELECT import_public_address{}", arguments.values()));
 }
 
 int DatabaseCommandExecutor::addPublicAddress(const PublicAddressRecord& rec)
 {
-    if (!checkConnect() || !require(!rec.handle().empty() && !rec.domain().empty() && rec.csid() > 0,
-                                    "addPublicAddress: missing one or more parameters\n")) {
+    if (!checkConnect() || !m_frame->require(!rec.handle().empty() && !rec.domain().empty() && rec.csid() > 0,
+                                             "addPublicAddress: missing one or more parameters\n")) {
         return -1;
     }
     ValueString columns;
@@ -56,20 +60,20 @@ int DatabaseCommandExecutor::addPublicAddress(const PublicAddressRecord& rec)
     columns.add("csid", std::to_string(rec.csid()));
     QueryResult result;
     const std::string statement = sql("INSERT INTO public_address{} VALUES{};", columns.names(), columns.values());
-    return run(statement, result) == Run::okay ? 0 : -1;
+    return m_frame->run(statement, result) == Run::okay ? 0 : -1;
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupPublicAddress(const char* handle, const char* domain,
                                                             PublicAddressRecord& rec)
 {
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
-    if (!require(handle != nullptr && domain != nullptr, "invalid parameters")) {
-        return queryError();
+    if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
+        return m_frame->queryError();
     }
     QueryResult result;
-    DatabaseResult outcome = runForResult(
+    DatabaseResult outcome = m_frame->runForResult(
         sql("SELECT handle, sip_domain, csid, scope, public_address_id FROM public_address WHERE  handle='{}' AND sip_domain='{}';",
             handle, domain),
         result);

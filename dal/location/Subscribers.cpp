@@ -2,8 +2,8 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
-#include <dal/internal/LocationRows.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Frame.h>
+#include <dal/location/LocationRows.h>
 
 namespace oryx {
 
@@ -35,7 +35,7 @@ int DatabaseCommandExecutor::addSubscriber(const SubscriberRecord& rec)
     columns.add("active", rec.active());
 
     QueryResult result;
-    switch (run(sql("INSERT INTO subscriber {} VALUES{}", columns.names(), columns.values()), result)) {
+    switch (m_frame->run(sql("INSERT INTO subscriber {} VALUES{}", columns.names(), columns.values()), result)) {
     case Run::connectionFailed:
         return -1;
     case Run::queryFailed:
@@ -49,20 +49,20 @@ int DatabaseCommandExecutor::addSubscriber(const SubscriberRecord& rec)
 int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec)
 {
     if (!checkConnect() ||
-        !require(handle != nullptr && domain != nullptr, "invalid parameters passed to lookupSubscriber")) {
+        !m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters passed to lookupSubscriber")) {
         return -1;
     }
     const std::string statement = subscriberQuery(handle, domain);
-    m_trace.prn(statement);
+    m_frame->trace.prn(statement);
     QueryResult result;
-    if (run(statement, result) != Run::okay) {
+    if (m_frame->run(statement, result) != Run::okay) {
         return -1;
     }
     if (result.rows() == 0) {
         return 0;
     }
     const Row row(result, 0);
-    readSubscriber(row, m_trace, rec);
+    readSubscriber(row, m_frame->trace, rec);
     // Only an active subscriber changes the flag: the caller's record says what holds for the others.
     if (row.flag(6, false)) {
         rec.setActive('t');
@@ -72,17 +72,17 @@ int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* do
 
 int DatabaseCommandExecutor::removeSubscriber(int sid)
 {
-    if (!checkConnect() || !require(sid != 0, "missing parameters")) {
+    if (!checkConnect() || !m_frame->require(sid != 0, "missing parameters")) {
         return -1;
     }
     ValueString arguments;
     arguments.add("id", std::to_string(sid));
-    return callFunction(sql("SELECT remove_subscriber{}", arguments.values())) ? 1 : -1;
+    return m_frame->callFunction(sql("SELECT remove_subscriber{}", arguments.values())) ? 1 : -1;
 }
 
 int DatabaseCommandExecutor::changeSubscriberPassword(int sid, const char* password)
 {
-    if (!checkConnect() || !require(sid != 0 && password != nullptr, "missing parameters")) {
+    if (!checkConnect() || !m_frame->require(sid != 0 && password != nullptr, "missing parameters")) {
         return -1;
     }
     int count = 0;
@@ -94,14 +94,14 @@ int DatabaseCommandExecutor::changeSubscriberPassword(int sid, const char* passw
 DatabaseResult DatabaseCommandExecutor::addContactSet(const ContactSetRecord& rec)
 {
     if (!checkConnect()) {
-        return connectionError();
+        return m_frame->connectionError();
     }
     ValueString columns;
     columns.add("sid", std::to_string(rec.sid()));
     columns.add("csid", std::to_string(rec.csid()));
     columns.add("ordering", rec.ordering());
     QueryResult result;
-    return runForResult(sql("INSERT INTO contact_set{} VALUES{};", columns.names(), columns.values()), result);
+    return m_frame->runForResult(sql("INSERT INTO contact_set{} VALUES{};", columns.names(), columns.values()), result);
 }
 
 } // namespace oryx

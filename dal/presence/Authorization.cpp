@@ -1,9 +1,10 @@
 // Who may watch whom, and presence lists: tables access_control_list, node, buddy_list, buddy_list_detail,
 // presence_list_authorization and listsubscriptions.
 
-#include <dal/DatabaseConnection.h>
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
+#include <dal/internal/Frame.h>
 #include <dal/internal/Shown.h>
-#include <dal/presence/Verbs.h>
 
 namespace oryx {
 
@@ -18,15 +19,36 @@ std::string insertion(const char* listFsmId, const char* subscriptionId, long ex
     return sql("INSERT INTO listsubscriptions {} VALUES{};", columns.names(), columns.values());
 }
 
+/// A policy that cannot be read is none.
+DatabaseResult defaultPolicy(Frame& frame, const char* application, std::vector<AccessControlEntry>& entries)
+{
+    const std::string statement = sql(
+        "SELECT requester, access_action FROM access_control_list,node WHERE object = node_id and state='ACTIVE' and application='{}';",
+        application);
+    frame.trace.prn(statement);
+    QueryResult result;
+    if (!frame.connection->execute(statement, result)) {
+        frame.errorConnection();
+        return frame.connectionError();
+    }
+    frame.trace.prn("retrieved %d rows", result.rows());
+    forEachRow(result, entries, [&](const Row& row) { entries.emplace_back(row.text(0), row.text(1)); });
+    DatabaseResult outcome;
+    if (result.rows() == 0) {
+        outcome.setNotFound();
+    }
+    return outcome;
+}
+
 } // namespace
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char* handle, const char* domain,
                                                                      const char* application,
                                                                      std::vector<AccessControlEntry>& entries)
 {
-    m_trace.prn("getAccessControlList for handle: %s domain : %s, application: %s", shown(handle), shown(domain),
-                shown(application));
-    DatabaseResult outcome = list(
+    m_frame->trace.prn("getAccessControlList for handle: %s domain : %s, application: %s", shown(handle), shown(domain),
+                       shown(application));
+    DatabaseResult outcome = m_frame->list(
         nullptr, {}, Listing::notFoundWhenEmpty, entries,
         [&] {
             return sql(
@@ -40,8 +62,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char*
 DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char* handle, const char* application,
                                                                      std::vector<AccessControlEntry>& entries)
 {
-    m_trace.prn("getAccessControlList for handle: %s application: %s", shown(handle), shown(application));
-    DatabaseResult outcome = list(
+    m_frame->trace.prn("getAccessControlList for handle: %s application: %s", shown(handle), shown(application));
+    DatabaseResult outcome = m_frame->list(
         nullptr, {}, Listing::notFoundWhenEmpty, entries,
         [&] {
             return sql(
@@ -52,43 +74,21 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char*
     if (!outcome.notFound()) {
         return outcome;
     }
-    m_trace.prn("No ACL entries found for %s, getting the system default policy", shown(handle));
-    return getDefaultPolicy(application, entries);
-}
-
-/// A policy that cannot be read is none.
-DatabaseResult PresenceDatabaseCommandExecutor::getDefaultPolicy(const char* application,
-                                                                 std::vector<AccessControlEntry>& entries)
-{
-    const std::string statement = sql(
-        "SELECT requester, access_action FROM access_control_list,node WHERE object = node_id and state='ACTIVE' and application='{}';",
-        application);
-    m_trace.prn(statement);
-    QueryResult result;
-    if (!m_conn->execute(statement, result)) {
-        errorConnection();
-        return connectionError();
-    }
-    m_trace.prn("retrieved %d rows", result.rows());
-    forEachRow(result, entries, [&](const Row& row) { entries.emplace_back(row.text(0), row.text(1)); });
-    DatabaseResult outcome;
-    if (result.rows() == 0) {
-        outcome.setNotFound();
-    }
-    return outcome;
+    m_frame->trace.prn("No ACL entries found for %s, getting the system default policy", shown(handle));
+    return defaultPolicy(*m_frame, application, entries);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getListId(const char* listName, int* id)
 {
-    m_trace.prn("getListId() for %s", shown(listName));
-    return find(
+    m_frame->trace.prn("getListId() for %s", shown(listName));
+    return m_frame->find(
         nullptr, {}, [&] { return sql("SELECT buddy_list_id FROM buddy_list WHERE buddy_list_name ='{}';", listName); },
         [&](const Row& row) { *id = row.integer(0, *id); }, "getListId retrieved %d rows");
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getListEntries(int listId, std::vector<std::string>& uris)
 {
-    return list(
+    return m_frame->list(
         "getListEntries()", {}, Listing::mayBeEmpty, uris,
         [&] {
             return sql(
@@ -97,7 +97,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getListEntries(int listId, std::
         },
         [&](const Row& row) {
             uris.push_back(row.string(0));
-            m_trace.prn("List entry %d : %s", row.index(), uris.back().c_str());
+            m_frame->trace.prn("List entry %d : %s", row.index(), uris.back().c_str());
         },
         "retrieved %d rows");
 }
@@ -105,14 +105,14 @@ DatabaseResult PresenceDatabaseCommandExecutor::getListEntries(int listId, std::
 DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToAccessList(int /*watcher*/, int /*listId*/)
 {
     DatabaseResult outcome;
-    begin("isWatcherAllowedToAccessList()", {}, outcome);
+    m_frame->begin("isWatcherAllowedToAccessList()", {}, outcome);
     return outcome;
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToSubscribeToList(int listId, const char* handle,
                                                                                   const char* domain)
 {
-    return find(
+    return m_frame->find(
         "isWatcherAllowedToAccessList()", {},
         [&] {
             return sql(
@@ -125,14 +125,14 @@ DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToSubscribeToLis
 DatabaseResult PresenceDatabaseCommandExecutor::createListMapping(const char* listFsmId, const char* subscriptionId,
                                                                   long expiry)
 {
-    return insertOrDelete("createListMapping()",
-                          {{!listFsmId || !subscriptionId, "createListMapping: missing one or more parameters\n"}},
-                          [&] { return insertion(listFsmId, subscriptionId, expiry); });
+    return m_frame->insertOrDelete(
+        "createListMapping()", {{!listFsmId || !subscriptionId, "createListMapping: missing one or more parameters\n"}},
+        [&] { return insertion(listFsmId, subscriptionId, expiry); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeListMapping(const char* listFsmId, const char* subscriptionId)
 {
-    return insertOrDelete("removeListMapping()", {}, [&] {
+    return m_frame->insertOrDelete("removeListMapping()", {}, [&] {
         return sql("DELETE FROM listsubscriptions WHERE listfsmidentifier = '{}' AND subscriptionidentifier = '{}';",
                    listFsmId, subscriptionId);
     });
@@ -141,7 +141,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::removeListMapping(const char* li
 DatabaseResult PresenceDatabaseCommandExecutor::getAllMappingsForList(const char* listFsmId,
                                                                       std::vector<ListSubscriptionRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getAllMappingsForList()", {}, Listing::notFoundWhenEmpty, records,
         [&] {
             return sql(
@@ -158,7 +158,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateStateForListMapping(const 
                                                                           const char* oldSubscriptionId,
                                                                           const char* newSubscriptionId, long expiry)
 {
-    return update(
+    return m_frame->update(
         "updateStateForListMapping()",
         {{!listFsmId || !oldSubscriptionId, "updateStateForListMapping: missing one or more parameters\n"}}, [&] {
             return sql(

@@ -1,7 +1,8 @@
 // What other processes change: the wait for it, the change log event_notify, and the call managers, table acp.
 
-#include <dal/DatabaseConnection.h>
-#include <dal/presence/Verbs.h>
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
+#include <dal/internal/Frame.h>
 
 namespace oryx {
 
@@ -62,9 +63,9 @@ void readCallManager(const Row& row, CMRecord& record)
 DatabaseResult PresenceDatabaseCommandExecutor::waitForNotify(bool (*callback)(bool, const std::string&))
 {
     DatabaseResult outcome;
-    if (begin("waitForNotify() ", {}, outcome) && !m_conn->waitOnListen(callback)) {
+    if (m_frame->begin("waitForNotify() ", {}, outcome) && !m_frame->connection->waitOnListen(callback)) {
         errorConnection();
-        return connectionError();
+        return m_frame->connectionError();
     }
     return outcome;
 }
@@ -74,19 +75,19 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
                                                                       std::vector<DatabaseUpdate>& updates)
 {
     DatabaseResult outcome;
-    if (!begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
+    if (!m_frame->begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
         return outcome;
     }
     const std::string table = copied(tableName.c_str()); // each update repeats it, and it may be an update's text
     const std::string statement = changesQuery(table, since);
-    m_trace.prn("sql: %s", statement.c_str());
+    m_frame->trace.prn("sql: %s", statement.c_str());
     QueryResult result;
-    outcome = runForResult(statement, result);
+    outcome = m_frame->runForResult(statement, result);
     if (!outcome.okay()) {
         return outcome;
     }
     const int rows = result.rows();
-    m_trace.prn("retrieved %d rows", rows);
+    m_frame->trace.prn("retrieved %d rows", rows);
     if (rows == 0) {
         outcome.setNotFound();
     }
@@ -98,8 +99,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
         readText(row, 1, text);
         readText(row, 2, timestamp);
         const DatabaseUpdate& update = updates.emplace_back(table, leadingInt(number.c_str()), text, "", timestamp);
-        m_trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ", update.relation_name().c_str(),
-                    update.intpkey(), update.strpkey().c_str(), update.cmd().c_str(), update.timestamp().c_str());
+        m_frame->trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ",
+                           update.relation_name().c_str(), update.intpkey(), update.strpkey().c_str(),
+                           update.cmd().c_str(), update.timestamp().c_str());
     });
     return outcome;
 }
@@ -107,18 +109,18 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
 DatabaseResult PresenceDatabaseCommandExecutor::getCMforBulkSub(std::vector<CMRecord>& records, bool regexMatch)
 {
     DatabaseResult outcome;
-    if (!begin("getCMforBulkSub(): getCMRecord ...", {}, outcome)) {
+    if (!m_frame->begin("getCMforBulkSub(): getCMRecord ...", {}, outcome)) {
         return outcome;
     }
     const std::string statement = callManagerQuery(records, regexMatch);
-    m_trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): %s", statement.c_str());
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): %s", statement.c_str());
     QueryResult result;
     executeSqlCmd(statement, result); // call managers that cannot be read are none
-    m_trace.prn("cmRecordList size %d", result.rows());
+    m_frame->trace.prn("cmRecordList size %d", result.rows());
     records.clear();
     forEachRow(result, records, [&](const Row& row) { readCallManager(row, records.emplace_back()); });
-    m_trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): subscriptions size %d ",
-                static_cast<int>(records.size()));
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): subscriptions size %d ",
+                       static_cast<int>(records.size()));
     return outcome;
 }
 

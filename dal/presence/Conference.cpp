@@ -1,7 +1,9 @@
 // Conference extensions and their state: table conf_state, and what the schema keeps about it.
 
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
 #include <dal/UtilityConvert.h>
-#include <dal/presence/Verbs.h>
+#include <dal/internal/Frame.h>
 
 namespace oryx {
 
@@ -51,9 +53,9 @@ unsigned int PresenceDatabaseCommandExecutor::confStateStringToEnum(const std::s
 DatabaseResult PresenceDatabaseCommandExecutor::getConfExtState(const std::string& extension, std::string& status,
                                                                 unsigned int& start_time)
 {
-    m_trace.prn("getConfExtState()");
+    m_frame->trace.prn("getConfExtState()");
     if (extension.empty()) {
-        return refuse("getConfExtState: missing one or more parameters\n");
+        return m_frame->refuse("getConfExtState: missing one or more parameters\n");
     }
     // Before the answer is written: the extension may be the very text that gets the status.
     const std::string statement =
@@ -75,9 +77,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::getConfExtState(const std::strin
 DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::string& extension, const std::string& status,
                                                                 unsigned int start_time)
 {
-    m_trace.prn("setConfExtState()");
+    m_frame->trace.prn("setConfExtState()");
     if (extension.empty()) {
-        return refuse("setConfExtState: missing one or more parameters\n");
+        return m_frame->refuse("setConfExtState: missing one or more parameters\n");
     }
     QueryResult result;
     return executeSqlCmd(sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';",
@@ -87,9 +89,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::strin
 
 DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRecord& record)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::addConfExtState()");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::addConfExtState()");
     if (record.extension().empty()) {
-        return refuse("addConfExtState: missing one or more parameters\n");
+        return m_frame->refuse("addConfExtState: missing one or more parameters\n");
     }
     ValueString columns;
     columns.add("extension", record.extension());
@@ -101,43 +103,37 @@ DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRec
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteConfExtState(const std::string& extension)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::deleteConfExtState()");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteConfExtState()");
     if (extension.empty()) {
-        return refuse("deleteConfExtState(): missing one or more parameters\n");
+        return m_frame->refuse("deleteConfExtState(): missing one or more parameters\n");
     }
     QueryResult result;
     return executeSqlCmd(sql("DELETE FROM conf_state WHERE extension = '{}';", extension), result);
 }
 
-DatabaseResult PresenceDatabaseCommandExecutor::refuse(const char* why)
-{
-    error(why);
-    return queryError();
-}
-
 DatabaseResult PresenceDatabaseCommandExecutor::getAllConfExtRecord(std::vector<ConfExtRecord>& out,
                                                                     const std::string& pattern, bool negate)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord(): ");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord(): ");
     const std::string statement =
         pattern.empty() ? "SELECT * FROM conf_state ;"
                         : sql("SELECT * FROM conf_state WHERE {}(conf_status ~* '{}');", negate ? "NOT " : "", pattern);
-    m_trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord: %s", statement.c_str());
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord: %s", statement.c_str());
     return selectMultipleConfExtRecords(statement, out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(const std::string& sqlText,
                                                                              std::vector<ConfExtRecord>& out)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
     QueryResult result;
     DatabaseResult outcome = executeSqlCmd(sqlText, result);
     const int rows = result.rows();
     if (rows == 0) {
-        m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
         return outcome;
     }
-    m_trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
     out.clear();
     forEachRow(result, out, [&](const Row& row) { out.emplace_back(row.string(0), row.string(1), readTime(row, 2)); });
     return outcome;
@@ -145,26 +141,26 @@ DatabaseResult PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(con
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllValidConfExts(std::vector<ConfExtRecord>& out)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::getAllValidConfExts(): ");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllValidConfExts(): ");
     return selectMultipleConfExtRecords("select * from select_all_valid_conf_ext;", out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(std::vector<ConfExtRecord>& out)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(): ");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(): ");
     return selectMultipleConfExtRecords("select extension, conf_status from select_all_obsolete_conf_ext_not_in_use;",
                                         out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse()
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): ");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): ");
     QueryResult result;
     DatabaseResult outcome = executeSqlCmd(
         "delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');",
         result);
     if (outcome.okay() && result.rows() > 0) {
-        m_trace.prn(
+        m_frame->trace.prn(
             "PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): --- Deleted obsolete rows= %s",
             result.getValue(0, 0));
     }
@@ -173,7 +169,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse
 
 DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(std::string& extension)
 {
-    m_trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
+    m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
     extension.clear();
     QueryResult result;
     DatabaseResult outcome = executeSqlCmd(
@@ -183,8 +179,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUs
         if (result.rows() > 0) {
             extension = Row(result, 0).string(0);
         }
-        m_trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
-                    result.rows());
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
+                           result.rows());
     }
     return outcome;
 }

@@ -1,7 +1,9 @@
 // Subscription dialogs: table subscription_states, alone and with the watchers they belong to.
 
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
+#include <dal/internal/Frame.h>
 #include <dal/internal/Shown.h>
-#include <dal/presence/Verbs.h>
 
 namespace oryx {
 
@@ -59,7 +61,7 @@ std::string insertion(const PresenceRecord& record)
 
 DatabaseResult PresenceDatabaseCommandExecutor::getWatcher(const char* subscriptionId, PresenceRecord& out)
 {
-    return find(
+    return m_frame->find(
         "getWatcher()", {{!subscriptionId, "invalid parameters passed to getWatcher"}},
         [&] {
             return sql(
@@ -71,14 +73,14 @@ DatabaseResult PresenceDatabaseCommandExecutor::getWatcher(const char* subscript
 
 DatabaseResult PresenceDatabaseCommandExecutor::addWatcher(const PresenceRecord& record)
 {
-    return insertOrDelete(
+    return m_frame->insertOrDelete(
         "addWatcher()", {{!isComplete(record), "addWatcher: missing one or more parameters\n"}},
         [&] { return insertion(record); }, Violation::isConstraintError);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteWatcher(const char* subscriptionId)
 {
-    return insertOrDelete("deleteWatcher()", {}, [&] {
+    return m_frame->insertOrDelete("deleteWatcher()", {}, [&] {
         return sql("DELETE FROM subscription_states WHERE subscriptionid = '{}';", subscriptionId);
     });
 }
@@ -86,7 +88,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::deleteWatcher(const char* subscr
 DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherContact(const char* subscriptionId, const char* contact,
                                                                      int subcseq)
 {
-    return update(
+    return m_frame->update(
         "updateWatcherContact()", {{!subscriptionId || !contact, "invalid parameters passed to updateWatcherContact"}},
         [&] {
             return sql("UPDATE subscription_states SET subcseq={},remotecontacthdr = '{}' WHERE subscriptionid='{}';",
@@ -97,7 +99,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherContact(const char*
 DatabaseResult PresenceDatabaseCommandExecutor::updatePresentityContact(const char* subscriptionId, const char* contact,
                                                                         int notcseq)
 {
-    return update(
+    return m_frame->update(
         "updatePresentityContact()", {{!subscriptionId, "invalid parameters passed to updatePresentityContact"}}, [&] {
             if (contact == nullptr) {
                 return sql("UPDATE subscription_states SET notcseq={} WHERE subscriptionid='{}';", notcseq,
@@ -111,7 +113,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::updatePresentityContact(const ch
 
 DatabaseResult PresenceDatabaseCommandExecutor::getIncomingMatchingSubscriptions(std::vector<PresenceRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getIncomingMatchingSubscriptions() ", {}, Listing::firstRowThroughout, records,
         [] {
             return std::string(
@@ -119,14 +121,14 @@ DatabaseResult PresenceDatabaseCommandExecutor::getIncomingMatchingSubscriptions
         },
         [&](const Row& row) {
             readWatchedDialog(row, records.emplace_back());
-            m_trace.prn("subscriptions size %d ", static_cast<int>(records.size()));
+            m_frame->trace.prn("subscriptions size %d ", static_cast<int>(records.size()));
         },
         "subscription size %d");
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::vector<PresenceRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getIncomingSubscriptions", {}, Listing::firstRowThroughout, records,
         [] {
             return std::string(
@@ -138,8 +140,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::ve
 DatabaseResult PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::vector<PresenceRecord>& records,
                                                                          const char* package)
 {
-    m_trace.prn("getIncomingSubscribes package : %s", shown(package));
-    return list(
+    m_frame->trace.prn("getIncomingSubscribes package : %s", shown(package));
+    return m_frame->list(
         nullptr, {}, Listing::notFoundWhenEmpty, records,
         [&] {
             return sql(
@@ -153,7 +155,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::ve
                                                                          const char* from, const char* requestUri,
                                                                          const char* package)
 {
-    return list(
+    return m_frame->list(
         "getIncomingSubscriptions", {}, Listing::notFoundWhenEmpty, records,
         [&] {
             return sql(
@@ -166,7 +168,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::ve
 DatabaseResult PresenceDatabaseCommandExecutor::getOutgoingSubscribes(std::vector<PresenceRecord>& records,
                                                                       const char* to, const char* package)
 {
-    return list(
+    return m_frame->list(
         "getOutgoingSubscribes", {}, Listing::firstRowThroughout, records,
         [&] {
             return sql(

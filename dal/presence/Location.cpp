@@ -1,7 +1,9 @@
 // The registrar's data as the event server needs it.
 
-#include <dal/internal/LocationRows.h>
-#include <dal/presence/Verbs.h>
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
+#include <dal/internal/Frame.h>
+#include <dal/location/LocationRows.h>
 
 #include <sys/time.h>
 
@@ -56,6 +58,25 @@ void readExpiredContact(const Row& row, ExtendedContactRecord& contact)
     contact.setDomain(row.text(6));
 }
 
+/// A column that holds no number tells no more than one that is not there.
+DatabaseResult findNumber(Frame& frame, Refusals refusals, const std::string& statement, int& number)
+{
+    bool readable = true;
+    DatabaseResult outcome = frame.find(
+        nullptr, refusals, [&] { return statement; },
+        [&](const Row& row) {
+            int read = 0;
+            if (const char* const text = row.text(0); text != nullptr) {
+                readable = static_cast<bool>(std::istringstream(text) >> read);
+                number = readable ? read : number;
+            }
+        });
+    if (!readable) {
+        outcome.setNotFound();
+    }
+    return outcome;
+}
+
 } // namespace
 
 DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(int publicAddressId, std::string& ordering,
@@ -64,14 +85,14 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(int publicAddress
     replaceUri = true;
     DatabaseResult outcome;
     QueryResult result;
-    if (!begin(nullptr, {}, outcome) ||
-        !fetch(
+    if (!m_frame->begin(nullptr, {}, outcome) ||
+        !m_frame->fetch(
             sql("SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type,contact.permanent,contact.contact_id,contact.csid, contact.path_vector  FROM public_address, contact_set, contact, subscriber WHERE (public_address.public_address_id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
                 publicAddressId),
             result, outcome)) {
         return outcome;
     }
-    return readContacts(result, {"replace", 2, 3, true}, m_trace, ordering, replaceUri, contacts);
+    return readContacts(result, {"replace", 2, 3, true}, m_frame->trace, ordering, replaceUri, contacts);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(std::string& ordering, int csid, bool& replaceUri,
@@ -79,7 +100,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(std::string& orde
 {
     replaceUri = true;
     DatabaseResult outcome;
-    if (!begin(nullptr, {}, outcome)) {
+    if (!m_frame->begin(nullptr, {}, outcome)) {
         return outcome;
     }
     if (csid < 1) {
@@ -88,19 +109,19 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(std::string& orde
         return outcome;
     }
     QueryResult result;
-    if (!fetch(
+    if (!m_frame->fetch(
             sql("SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type,contact.permanent,contact.contact_id,contact.csid,contact.path_vector  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
                 csid),
             result, outcome)) {
         return outcome;
     }
-    return readContacts(result, {"replaceUri", -1, 2, true}, m_trace, ordering, replaceUri, contacts);
+    return readContacts(result, {"replaceUri", -1, 2, true}, m_frame->trace, ordering, replaceUri, contacts);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::lookupPublicAddress(const char* handle, const char* domain,
                                                                     PublicAddressRecord& rec)
 {
-    return find(
+    return m_frame->find(
         nullptr, {{!handle || !domain, "invalid parameters"}},
         [&] {
             return sql(
@@ -118,7 +139,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupPublicAddress(const char* 
 
 DatabaseResult PresenceDatabaseCommandExecutor::getCsid(int publicAddressId, int& csid)
 {
-    return find(
+    return m_frame->find(
         nullptr, {{publicAddressId == 0, "invalid parameters"}},
         [&] { return sql("SELECT csid FROM public_address WHERE public_address_id='{}';", publicAddressId); },
         [&](const Row& row) { csid = row.integer(0, csid); });
@@ -126,45 +147,26 @@ DatabaseResult PresenceDatabaseCommandExecutor::getCsid(int publicAddressId, int
 
 DatabaseResult PresenceDatabaseCommandExecutor::getPaidFromExtension(const std::string& extension, int& paid)
 {
-    return findNumber({{extension.empty(), "invalid parameters"}},
+    return findNumber(*m_frame, {{extension.empty(), "invalid parameters"}},
                       sql("SELECT paid FROM extension WHERE extension='{}';", extension), paid);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getCsidFromContactId(int contactId, int& csid)
 {
-    return findNumber({{contactId == 0, "invalid parameters"}},
+    return findNumber(*m_frame, {{contactId == 0, "invalid parameters"}},
                       sql("SELECT csid FROM contact WHERE contact_id='{}';", contactId), csid);
-}
-
-/// A column that holds no number tells no more than one that is not there.
-DatabaseResult PresenceDatabaseCommandExecutor::findNumber(Refusals refusals, const std::string& statement, int& number)
-{
-    bool readable = true;
-    DatabaseResult outcome = find(
-        nullptr, refusals, [&] { return statement; },
-        [&](const Row& row) {
-            int read = 0;
-            if (const char* const text = row.text(0); text != nullptr) {
-                readable = static_cast<bool>(std::istringstream(text) >> read);
-                number = readable ? read : number;
-            }
-        });
-    if (!readable) {
-        outcome.setNotFound();
-    }
-    return outcome;
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
 {
     DatabaseResult outcome;
-    if (!begin(nullptr, {}, outcome)) {
+    if (!m_frame->begin(nullptr, {}, outcome)) {
         return outcome;
     }
-    m_trace.prn("looking up address_maps");
+    m_frame->trace.prn("looking up address_maps");
     QueryResult result;
-    if (fetch(kAddressMapQuery, result, outcome)) {
-        readAddressMaps(result, m_trace, maps);
+    if (m_frame->fetch(kAddressMapQuery, result, outcome)) {
+        readAddressMaps(result, m_frame->trace, maps);
     }
     return outcome;
 }
@@ -172,7 +174,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAddressMaps(std::vector<Addre
 DatabaseResult PresenceDatabaseCommandExecutor::getAliases(const char* handle, const char* domain,
                                                            std::vector<PublicAddressRecord>& aliases)
 {
-    return list(
+    return m_frame->list(
         nullptr, {{!handle || !domain, "invalid parameters"}}, Listing::notFoundWhenEmpty, aliases,
         [&] {
             return sql(
@@ -188,15 +190,15 @@ DatabaseResult PresenceDatabaseCommandExecutor::areAliases(const char* handle1, 
     aliases = false;
     DatabaseResult outcome;
     QueryResult result;
-    if (!begin(nullptr, {{!handle1 || !domain1 || !handle2 || !domain2, "invalid parameters"}}, outcome) ||
-        !fetch(
+    if (!m_frame->begin(nullptr, {{!handle1 || !domain1 || !handle2 || !domain2, "invalid parameters"}}, outcome) ||
+        !m_frame->fetch(
             sql("SELECT csid FROM public_address WHERE (handle='{}' AND sip_domain='{}') OR (handle='{}' AND sip_domain='{}');",
                 handle1, domain1, handle2, domain2),
             result, outcome)) {
         return outcome;
     }
     const int rows = result.rows();
-    m_trace.prn("retrieved %d rows", rows);
+    m_frame->trace.prn("retrieved %d rows", rows);
     if (rows < 2) {
         outcome.setNotFound();
     } else {
@@ -208,16 +210,16 @@ DatabaseResult PresenceDatabaseCommandExecutor::areAliases(const char* handle1, 
 DatabaseResult PresenceDatabaseCommandExecutor::getProxyConfig(std::vector<ProxyConfig>& items)
 {
     DatabaseResult outcome;
-    if (!begin(nullptr, {}, outcome)) {
+    if (!m_frame->begin(nullptr, {}, outcome)) {
         return outcome;
     }
-    m_trace.prn("looking up proxy configuration");
+    m_frame->trace.prn("looking up proxy configuration");
     QueryResult result;
-    if (!fetch("SELECT scope, name, value FROM system_parameters   WHERE application = 'oryxproxy';", result,
-               outcome)) {
+    if (!m_frame->fetch("SELECT scope, name, value FROM system_parameters   WHERE application = 'oryxproxy';", result,
+                        outcome)) {
         return outcome;
     }
-    m_trace.prn("retrieved %d proxy config items", result.rows());
+    m_frame->trace.prn("retrieved %d proxy config items", result.rows());
     forEachRow(result, items, [&](const Row& row) { items.emplace_back(row.text(0), row.text(1), row.text(2)); });
     return outcome;
 }
@@ -225,7 +227,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getProxyConfig(std::vector<Proxy
 DatabaseResult PresenceDatabaseCommandExecutor::getSubscribers(std::vector<SubscriberRecord>& subscribers,
                                                                const char* type)
 {
-    return list(
+    return m_frame->list(
         "getSubscribers()", {}, Listing::notFoundWhenEmpty, subscribers,
         [&] {
             const std::string condition = type != nullptr ? sql(" WHERE s_type='{}'", type) : std::string();
@@ -237,12 +239,12 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSubscribers(std::vector<Subsc
 DatabaseResult PresenceDatabaseCommandExecutor::lookupSubscriber(const std::string& handle, const std::string& domain,
                                                                  SubscriberRecord& rec)
 {
-    return find(
+    return m_frame->find(
         "lookupSubscriber()", {{handle.empty() || domain.empty(), "invalid parameters passed to lookupSubscriber"}},
         [&] { return subscriberQuery(handle.c_str(), domain.c_str()); },
         [&](const Row& row) {
             setActive(rec, row.text(6));
-            readSubscriber(row, m_trace, rec);
+            readSubscriber(row, m_frame->trace, rec);
         },
         "retrieved %d rows");
 }
@@ -250,7 +252,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupSubscriber(const std::stri
 DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses,
                                                                       bool primaryOnly)
 {
-    return list(
+    return m_frame->list(
         "getAllPublicAddresses", {}, Listing::notFoundWhenEmpty, addresses,
         [&] {
             return sql("SELECT public_address_id,sip_domain,handle,scope,admin_domain,csid from public_address {};",
@@ -262,30 +264,30 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vecto
 DatabaseResult PresenceDatabaseCommandExecutor::flushExpiredContacts(std::vector<ExtendedContactRecord>& expired)
 {
     DatabaseResult outcome;
-    if (!begin("flushExpiredContacts()", {}, outcome)) {
+    if (!m_frame->begin("flushExpiredContacts()", {}, outcome)) {
         return outcome;
     }
     timeval now{};
     gettimeofday(&now, nullptr);
     QueryResult contacts;
-    if (!fetch(
+    if (!m_frame->fetch(
             sql("SELECT public_address_id,contact_header,expires,call_id,cseq,handle,sip_domain FROM contact, contact_set, public_address  WHERE expires < {} AND contact_set.csid = contact.csid  AND public_address.csid = contact.csid FOR UPDATE ",
                 now.tv_sec),
             contacts, outcome)) {
         return outcome;
     }
     const int rows = contacts.rows();
-    m_trace.prn("flushExpiredContacts retrieved %d rows", rows);
+    m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
     if (rows == 0) {
         outcome.setNotFound();
         return outcome;
     }
     QueryResult removal;
-    if (!fetch(sql("DELETE FROM contact WHERE expires < {}", now.tv_sec), removal, outcome)) {
+    if (!m_frame->fetch(sql("DELETE FROM contact WHERE expires < {}", now.tv_sec), removal, outcome)) {
         outcome.setConnectionError(); // whatever kept the contacts from being removed
         return outcome;
     }
-    m_trace.prn("flushExpiredContacts retrieved %d rows", rows);
+    m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
     forEachRow(contacts, expired, [&](const Row& row) { readExpiredContact(row, expired.emplace_back()); });
     return outcome;
 }

@@ -1,6 +1,8 @@
 // Sources of a presentity's state, and who watches its watchers: tables event_sources and watcherinfo.
 
-#include <dal/presence/Verbs.h>
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
+#include <dal/internal/Frame.h>
 
 namespace oryx {
 
@@ -34,7 +36,7 @@ std::string insertion(const WatcherInfoRecord& record)
 DatabaseResult PresenceDatabaseCommandExecutor::getAllEventSources(const char* event,
                                                                    std::vector<SourcesRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getAllPresenceSources()", {{!event, "getAllEventSources: missing one or more parameters\n"}},
         Listing::mayBeEmpty, records,
         [&] {
@@ -51,7 +53,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAllEventSources(const char* e
 DatabaseResult PresenceDatabaseCommandExecutor::getSourceOpaque(const char* presentityKey,
                                                                 std::vector<SourcesRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getSourceOpaque()", {}, Listing::mayBeEmpty, records,
         [&] {
             return sql(
@@ -67,7 +69,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSourceOpaque(const char* pres
 DatabaseResult PresenceDatabaseCommandExecutor::getSources(std::vector<SourcesRecord>& records, const char* presentity,
                                                            const char* event)
 {
-    return list(
+    return m_frame->list(
         "getSources()", {}, Listing::notFoundWhenEmpty, records,
         [&] {
             return sql(
@@ -82,16 +84,16 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSources(std::vector<SourcesRe
 
 DatabaseResult PresenceDatabaseCommandExecutor::addSourceOpaque(SourcesRecord record)
 {
-    return insertOrDelete("addSourceOpaque()",
-                          {{record.presentitykey().empty() || record.sourceopaque().empty(),
-                            "addSourceOpaque: missing one or more parameters\n"}},
-                          [&] { return insertion(record); });
+    return m_frame->insertOrDelete("addSourceOpaque()",
+                                   {{record.presentitykey().empty() || record.sourceopaque().empty(),
+                                     "addSourceOpaque: missing one or more parameters\n"}},
+                                   [&] { return insertion(record); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateSourceExpiry(const char* presentityKey, const char* sourceOpaque,
                                                                    int expiry)
 {
-    return update(
+    return m_frame->update(
         "updateSourceExpiry()", {{!presentityKey || !sourceOpaque, "invalid parameters passed to updateSourceExpiry"}},
         [&] { return sql("UPDATE event_sources SET expirytime={} WHERE sourceopaque='{}';", expiry, sourceOpaque); });
 }
@@ -99,14 +101,15 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateSourceExpiry(const char* p
 DatabaseResult PresenceDatabaseCommandExecutor::deleteSourceOpaque(const char* /*presentityKey*/,
                                                                    const char* sourceOpaque)
 {
-    return insertOrDelete("deleteSourceOpaque()", {},
-                          [&] { return sql("DELETE FROM event_sources WHERE sourceopaque = '{}';", sourceOpaque); });
+    return m_frame->insertOrDelete("deleteSourceOpaque()", {}, [&] {
+        return sql("DELETE FROM event_sources WHERE sourceopaque = '{}';", sourceOpaque);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getWinfoForPresentity(const char* winfoKey,
                                                                       std::vector<WatcherInfoRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getWinfoForPresentity()", {{!winfoKey, "invalid parameters passed to getWinfoForPresentity"}},
         Listing::notFoundWhenEmpty, records,
         [&] {
@@ -122,7 +125,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getWinfoForPresentity(const char
 
 DatabaseResult PresenceDatabaseCommandExecutor::addWinfoForPresentity(WatcherInfoRecord record)
 {
-    return insertOrDelete(
+    return m_frame->insertOrDelete(
         "addWinfoForPresentity()",
         {{record.subscribekey().empty() || record.presurlscheme().empty() || record.winfokey().empty(),
           "addWinfoForPresentity: missing one or more parameters\n"}},
@@ -133,21 +136,22 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateWinfoForPresentity(Watcher
 {
     constexpr const char* kIncomplete = "updateWinfoForPresentity: missing one or more parameters\n";
     const bool incomplete = record.subscribekey().empty() || record.presurlscheme().empty();
-    DatabaseResult outcome = update("updateWinfoForPresentity()", {{incomplete, kIncomplete}}, [&] {
+    DatabaseResult outcome = m_frame->update("updateWinfoForPresentity()", {{incomplete, kIncomplete}}, [&] {
         return sql(
             "UPDATE watcherinfo SET presurlscheme='{}', startingdocversion = {},expirytime = {} WHERE subscriberkey='{}';",
             record.presurlscheme(), record.startingdocversion(), record.expirytime(), record.subscribekey());
     });
     if (outcome.queryError()) {
-        m_trace.prn("%s", kIncomplete);
+        m_frame->trace.prn("%s", kIncomplete);
     }
     return outcome;
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteWinfoForPresentity(const char* subscriberKey)
 {
-    return insertOrDelete("deleteWinfoForPresentity()", {},
-                          [&] { return sql("DELETE FROM watcherinfo WHERE subscriberkey = '{}';", subscriberKey); });
+    return m_frame->insertOrDelete("deleteWinfoForPresentity()", {}, [&] {
+        return sql("DELETE FROM watcherinfo WHERE subscriberkey = '{}';", subscriberKey);
+    });
 }
 
 } // namespace oryx

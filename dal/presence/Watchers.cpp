@@ -1,6 +1,8 @@
 // The watchers of a presentity: table event_watchers.
 
-#include <dal/presence/Verbs.h>
+#include <dal/PresenceDatabaseCommandExecutor.h>
+
+#include <dal/internal/Frame.h>
 
 namespace oryx {
 
@@ -43,7 +45,7 @@ std::string insertion(const WatchersRecord& record)
 DatabaseResult PresenceDatabaseCommandExecutor::getWatcherState(const char* presentityKey,
                                                                 std::vector<WatchersRecord>& records)
 {
-    return list(
+    return m_frame->list(
         "getWatcherState()", {}, Listing::mayBeEmpty, records,
         [&] {
             return sql(
@@ -56,7 +58,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getWatcherState(const char* pres
 
 DatabaseResult PresenceDatabaseCommandExecutor::getWatcherState(const char* presentityKey, const char* watcherOpaque)
 {
-    return find(
+    return m_frame->find(
         "getWatcherState()", {},
         [&] {
             return sql(
@@ -68,16 +70,16 @@ DatabaseResult PresenceDatabaseCommandExecutor::getWatcherState(const char* pres
 
 DatabaseResult PresenceDatabaseCommandExecutor::addWatcherState(const WatchersRecord& record)
 {
-    return insertOrDelete("addWatcherState()",
-                          {{record.presentitykey().empty() || record.watcheropaque().empty(),
-                            "addWatcherState: missing one or more parameters\n"}},
-                          [&] { return insertion(record); });
+    return m_frame->insertOrDelete("addWatcherState()",
+                                   {{record.presentitykey().empty() || record.watcheropaque().empty(),
+                                     "addWatcherState: missing one or more parameters\n"}},
+                                   [&] { return insertion(record); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherState(const char* presentityKey, const char* watcherOpaque,
                                                                    int state)
 {
-    return update(
+    return m_frame->update(
         "updateWatcherState()",
         {{!presentityKey || !watcherOpaque, "updateWatcherState: missing one or more parameters\n"}}, [&] {
             return sql("UPDATE event_watchers SET watcherstate={} WHERE watcheropaque = '{}' AND presentitykey='{}';",
@@ -88,19 +90,19 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherState(const char* p
 DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherExpiry(const char* presentityKey,
                                                                     const char* watcherOpaque, int expiry)
 {
-    return update("updateWatcherExpiry()",
-                  {{!presentityKey || !watcherOpaque, "invalid parameters passed to updateWatcherExpiry"}}, [&] {
-                      return sql(
-                          "UPDATE event_watchers SET expirytime={} WHERE watcheropaque='{}' AND presentitykey='{}';",
-                          expiry, watcherOpaque, presentityKey);
-                  });
+    return m_frame->update(
+        "updateWatcherExpiry()",
+        {{!presentityKey || !watcherOpaque, "invalid parameters passed to updateWatcherExpiry"}}, [&] {
+            return sql("UPDATE event_watchers SET expirytime={} WHERE watcheropaque='{}' AND presentitykey='{}';",
+                       expiry, watcherOpaque, presentityKey);
+        });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherDocVersion(const char* presentityKey,
                                                                         const char* watcherOpaque,
                                                                         unsigned long version)
 {
-    return update(
+    return m_frame->update(
         "updateWatcherDocVersion()",
         {{!presentityKey || !watcherOpaque, "updateWatcherDocVersion: missing one or more parameters\n"}}, [&] {
             return sql("UPDATE event_watchers SET docversion={} WHERE watcheropaque = '{}' AND presentitykey='{}';",
@@ -110,7 +112,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherDocVersion(const ch
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteWatcherState(const char* presentityKey, const char* watcherOpaque)
 {
-    return insertOrDelete("deleteWatcherState()", {}, [&] {
+    return m_frame->insertOrDelete("deleteWatcherState()", {}, [&] {
         return sql("DELETE FROM event_watchers WHERE watcheropaque = '{}' AND presentitykey='{}';", watcherOpaque,
                    presentityKey);
     });
@@ -119,7 +121,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::deleteWatcherState(const char* p
 DatabaseResult PresenceDatabaseCommandExecutor::getWatchers(std::vector<WatchersRecord>& records, const char* first,
                                                             const char* second)
 {
-    return list(
+    return m_frame->list(
         "getWatchers", {}, Listing::notFoundWhenEmpty, records,
         [&] {
             return sql(
