@@ -12,6 +12,7 @@ namespace oryx {
 /// A cached address map: a compiled pattern and the contact set that serves the request URIs it matches.
 ///
 /// Used by one thread at a time.
+/// \ingroup registrar events
 class ORYX_EXPORT AddressMap {
 public:
     /// Compiles `pattern` unless the expression held is as new as `modTime` (seconds since the epoch). The pattern's

@@ -17,6 +17,7 @@ class Frame;
 ///
 /// Nothing is thrown but std::bad_alloc. Operations that return `bool` leave the reason of a failure in
 /// `getErrorMessage()`. An executor is used by one thread at a time.
+/// \ingroup core
 class ORYX_EXPORT CommandExecutor {
 public:
     // The row of `system_parameters` that lists the SIP domains this server answers for.

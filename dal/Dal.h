@@ -8,7 +8,8 @@
 /// The registrar's records: plain values that carry rows between the database and the servers.
 ///
 /// A text setter ignores a null pointer; keys start at -1 and other numbers at 0 unless said otherwise. Members carry
-/// the names of their columns.
+/// the names of their columns. What an operation does not store stays as it is in the row, or empty in a new one; what
+/// it does not fill keeps the record's value.
 
 namespace oryx {
 
@@ -24,14 +25,20 @@ inline void setText(std::string& field, const char* text)
 } // namespace detail
 
 /// A subscriber (table `subscriber`).
+///
+/// - Stored by `addSubscriber`: key (unless negative), user id, type, authentication type, password as it is, active
+///   flag; not the organisation. `changeSubscriberPassword` stores the password alone.
+/// - Filled by `lookupSubscriber`: everything; by `getSubscribers`: everything but the organisation, the password as
+///   stored.
+/// \ingroup registrar_records
 class SubscriberRecord {
 public:
     ///@{
     /// A field of the row.
     int sid() const { return m_sid; }
-    const std::string& userId() const { return m_uid; } ///< The name for authentication.
-    const std::string& type() const { return m_type; }
-    const std::string& authType() const { return m_authType; }
+    const std::string& userId() const { return m_uid; } ///< Column `user_id` when stored, `auth_user_id` when read.
+    const std::string& type() const { return m_type; }  ///< A text of provisioning's own ("home"); never judged here.
+    const std::string& authType() const { return m_authType; } ///< Likewise ("digest").
     const std::string& password() const { return m_password; } ///< Stored form or clear, as the lookup says.
     int oid() const { return m_oid; }                          ///< Key of the owning organisation.
     const std::string& active() const { return m_active; }     ///< Database boolean, "t" or "f"; "t" at first.
@@ -65,6 +72,11 @@ private:
 };
 
 /// An address of record: a handle at a SIP domain (table `public_address`).
+///
+/// - Stored by `addPublicAddress`: handle, domain and contact set key, nothing else.
+/// - Filled by `lookupPublicAddress` and `getAliases`: everything but the administrative domain; by
+///   `getAllPublicAddresses`: everything.
+/// \ingroup registrar_records
 class PublicAddressRecord {
 public:
     PublicAddressRecord() = default;
@@ -79,10 +91,10 @@ public:
     ///@{
     /// A field of the row.
     int public_address_id() const { return m_public_address_id; }
-    const std::string& handle() const { return m_handle; } ///< User part of the address.
-    const std::string& domain() const { return m_domain; } ///< SIP domain of the address.
+    const std::string& handle() const { return m_handle; } ///< User part of the address, in lower case.
+    const std::string& domain() const { return m_domain; } ///< SIP domain of the address, in lower case.
     int csid() const { return m_csid; }                    ///< Key of the contact set it routes to.
-    const std::string& scope() const { return m_scope; }
+    const std::string& scope() const { return m_scope; }   ///< A text of provisioning's own; never judged here.
     const std::string& adminDomain() const { return m_adminDomain; } ///< Filled by getAllPublicAddresses alone.
     ///@}
 
@@ -106,13 +118,19 @@ private:
 };
 
 /// The set of contacts of one subscriber, with the order in which they are tried (table `contact_set`).
+///
+/// - Stored by `addContactSet`: all three, so both keys must be set first. The replace-URI flag is not: a new set
+///   replaces the URI.
+/// - Filled by nothing; lookups of contacts give the ordering by itself.
+/// \ingroup registrar_records
 class ContactSetRecord {
 public:
     ///@{
     /// A field of the row.
     int csid() const { return m_csid; }
-    int sid() const { return m_sid; }                          ///< Key of the owning subscriber.
-    const std::string& ordering() const { return m_ordering; } ///< How the contacts are tried.
+    int sid() const { return m_sid; } ///< Key of the owning subscriber.
+    /// How the contacts are tried: a text of provisioning's own ("sequential"), never judged here.
+    const std::string& ordering() const { return m_ordering; }
     ///@}
 
     ///@{
@@ -129,22 +147,38 @@ private:
 };
 
 /// One registered binding of a contact set (table `contact`; RFC 3261 section 10).
+///
+/// | Operation | Address | Expiry, q-value, capabilities, header, Call-ID, CSeq | Permanent | Contact set key |
+/// | --- | --- | --- | --- | --- |
+/// | `addContact(handle, ...)` | stored | stored | stored | not read: the address of record decides |
+/// | `addContact(rec)` | stored | stored | stored | stored |
+/// | `registerContacts` | stored | stored | stored | not read: the key decides |
+/// | `updateContacts` | finds the row | stored | stays | not read: the key decides |
+/// | `unregisterContacts` | finds the row | not read | not read | not read: the key decides |
+/// | the registrar's lookups | filled | filled | not filled | not filled |
+/// | the event server's lookups | filled | filled | filled | filled |
+/// | `flushExpiredContacts` | not filled | expiry, header, Call-ID, CSeq | not filled | not filled |
+///
+/// No operation stores type or path. The registrar's lookups fill the type, the event server's type, path and contact
+/// key too; `flushExpiredContacts` none of them.
+/// \ingroup registrar_records
 class ContactRecord {
 public:
     ///@{
     /// A field of the row.
-    int contactid() const { return m_contact_id; }
-    const std::string& address() const { return m_address; } ///< The contact's URI.
+    int contactid() const { return m_contact_id; }           ///< Key of the row.
+    const std::string& address() const { return m_address; } ///< The contact's URI: which binding of the set it is.
     int csid() const { return m_csid; }                      ///< Key of its contact set.
-    const std::string& qvalue() const { return m_qvalue; }   ///< Preference, as text.
-    /// Seconds since the epoch; one read from the database is held to the limits of a long.
+    const std::string& qvalue() const { return m_qvalue; }   ///< Preference, as text; empty where none was given.
+    /// Seconds since the epoch; one read from the database is held to the limits of a long. 0 where the row has none:
+    /// it never expires.
     long expires() const { return m_expires; }
     const std::string& permanent() const { return m_permanent; } ///< Database boolean, "t" or "f"; "f" at first.
     const std::string& capabilities() const { return m_capabilities; }
     const std::string& contactHeader() const { return m_contactHeader; } ///< The Contact header as received.
     const std::string& callId() const { return m_callId; }               ///< Call-ID of the REGISTER.
     long cseq() const { return m_cseq; }                                 ///< CSeq of the REGISTER.
-    const std::string& type() const { return m_type; }
+    const std::string& type() const { return m_type; }             ///< Column `c_type`: a text of provisioning's own.
     const std::string& pathVector() const { return m_pathVector; } ///< The Path recorded (RFC 3327).
     ///@}
 
@@ -155,6 +189,7 @@ public:
     void setCsid(int csid) { m_csid = csid; }
     void setQvalue(const char* qvalue) { detail::setText(m_qvalue, qvalue); }
     void setExpires(long expires) { m_expires = expires; }
+    /// 't' or 'f'; NUL too replaces the flag.
     void setPermanent(char c) { m_permanent.assign(1, c); }
     void setCapabilities(const char* capabilities) { detail::setText(m_capabilities, capabilities); }
     void setContactHeader(const char* contactHeader) { detail::setText(m_contactHeader, contactHeader); }
@@ -180,6 +215,9 @@ private:
 };
 
 /// This server's place in the deployment and its outbound policy (the one row of table `host_info`).
+///
+/// Stored by nothing; `getHostInfo` fills everything.
+/// \ingroup registrar_records
 class HostInfo {
 public:
     ///@{
@@ -189,8 +227,9 @@ public:
     const std::string& parentContact() const { return m_parentContact; } ///< Key of the parent's contact set, as text.
     const std::string& topUrl() const { return m_topUrl; }
     const std::string& serverName() const { return m_serverName; }
-    const std::string& outboundProxy() const { return m_outboundProxy; }   ///< For external requests.
-    const std::string& outboundDirect() const { return m_outboundDirect; } ///< Hosts that bypass the outbound proxy.
+    const std::string& outboundProxy() const { return m_outboundProxy; } ///< For external requests.
+    /// Hosts that bypass the outbound proxy, with blanks, commas, semicolons or colons between them.
+    const std::string& outboundDirect() const { return m_outboundDirect; }
     bool outboundAllowInternal() const { return m_outboundAllowInternal; } ///< True at first.
     bool outboundAllowExternal() const { return m_outboundAllowExternal; } ///< False at first.
     ///@}
@@ -221,11 +260,14 @@ private:
 };
 
 /// A pattern that maps matching request URIs onto a contact set (table `address_map` with its contact set).
+///
+/// Stored by nothing; `getAddressMaps` fills everything but the row's key.
+/// \ingroup registrar_records
 class AddressMapRecord {
 public:
     ///@{
     /// A field of the row.
-    int mapid() const { return m_map_id; }
+    int mapid() const { return m_map_id; } ///< The caller's own; no operation fills it.
     const std::string& handle() const { return m_handle; }
     const std::string& pattern() const { return m_pattern; } ///< POSIX extended regular expression.
     int csid() const { return m_csid; }                      ///< Key of the contact set it leads to.
@@ -259,7 +301,11 @@ private:
     std::string m_ordering;
 };
 
-/// One configuration item of a proxy (table `proxy_configuration`).
+/// One configuration item of a proxy.
+///
+/// The registrar's `getProxyConfig` reads one proxy's rows of table `proxy_configuration`, the event server's the rows
+/// of application "oryxproxy" in `system_parameters`; both fill all three texts.
+/// \ingroup registrar_records
 class ProxyConfig {
 public:
     ProxyConfig() = default;
@@ -292,12 +338,15 @@ private:
 };
 
 /// One rule that allows or denies a SIP domain in one direction (table `domain_access`).
+///
+/// Stored by nothing; `getDomainAccessList` fills everything but the row's key.
+/// \ingroup registrar_records
 class DomainAccess {
 public:
     ///@{
     /// A field of the row.
-    int domainid() const { return m_domain_id; }
-    const std::string& domain() const { return m_domain; }
+    int domainid() const { return m_domain_id; }                 ///< The caller's own; no operation fills it.
+    const std::string& domain() const { return m_domain; }       ///< Compared whole and byte for byte: no wildcards.
     const std::string& direction() const { return m_direction; } ///< "i" inbound, "o" outbound, "*" both.
     const std::string& action() const { return m_action; }       ///< "a" allow, "d" deny.
     ///@}

@@ -10,9 +10,16 @@ namespace oryx {
 
 /// The registrar's statements: subscribers, public addresses, contacts, and the tables that configure host and routing.
 ///
-/// Values go into the statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL: at
-/// best the statement fails as a query error, at worst it does what the value says. `getErrorMessage()` holds the
-/// reason of a failure unless a result is said to. An executor is used by one thread at a time.
+/// - Values go into the statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL: at
+///   best the statement fails as a query error, at worst it does what the value says.
+/// - `getErrorMessage()` holds the reason of a failure unless a result is said to.
+/// - A statement that the server refuses costs a reset of the connection and is sent a second time;
+///   `DatabaseConnection::execute` has the whole rule.
+/// - Lookups append to the caller's vector unless they say "replaces". Expired contacts are found until they are
+///   removed: the caller leaves them out. Each record says what is stored of it and what is filled.
+///
+/// An executor is used by one thread at a time.
+/// \ingroup registrar
 class ORYX_EXPORT DatabaseCommandExecutor : public CommandExecutor {
 public:
     /// Without a connection, until `connect`.
@@ -34,75 +41,94 @@ public:
     /// others wait.
     std::string& getNthElementOfDomainList(std::string& domainName, unsigned int index) override;
 
-    // Subscribers and their contact sets (location/Subscribers.cpp)
+    /// \name Subscribers and their contact sets
+    ///@{
 
-    /// Stores a subscriber. One with a negative key gets its key from the database, and is stored twice if the request
-    /// is sent again after a lost connection; one without a user id gets the record's key, negative or not, as user id.
-    /// Rows inserted; 0 when the statement failed, -1 without a connection.
+    /// Stores a subscriber, the password as it is given, without its organisation. One with a negative key gets its key
+    /// from the database, and is stored twice if the request is sent again after a lost connection; one without a user
+    /// id gets the record's key, negative or not, as user id. Rows inserted; 0 when the statement failed, -1 without a
+    /// connection.
     int addSubscriber(const SubscriberRecord& rec);
     /// The subscriber whom an address of record belongs to, with the password in clear. 1 found, 0 not found, -1
     /// failed; `rec` is changed only when found, and keeps its fields where a column is NULL. An inactive subscriber
     /// leaves the active flag of `rec` as it was.
     int lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec);
-    /// Removes a subscriber with contact sets, addresses and contacts. 1 done, -1 failed.
+    /// Removes a subscriber with contact sets, addresses, contacts and the address maps that lead to them; the key must
+    /// not be 0. 1 done, also when there is none; -1 failed.
     int removeSubscriber(int sid);
-    /// Stores a password in the form given. Rows updated, -1 failed.
+    /// Stores a password in the form given (`Crypt::encrypt` makes the stored one). Rows updated, 0 when there is no
+    /// such subscriber, -1 failed: also for the key 0 or a null password.
     int changeSubscriberPassword(int sid, const char* password);
-    /// Okay, connection error, or query error.
+    /// Stores a contact set under the key that the record has: subscriber, key and ordering, an empty one as NULL.
+    /// Okay, connection error, or query error: also when the key is taken or negative, or there is no such subscriber.
     DatabaseResult addContactSet(const ContactSetRecord& rec);
 
-    // Public addresses (location/PublicAddresses.cpp)
+    ///@}
+    /// \name Public addresses
+    ///@{
 
-    /// Makes a contact set and an address of record for a subscriber. 0 done, -1 failed.
+    /// Makes a contact set and a primary address of record on it for a subscriber. 0 done, -1 failed, with nothing
+    /// made; the new keys are to be looked up.
     int createPublicAddress(int sid, const char* handle, const char* domain);
     /// Makes `alias` at the same domain share the contact set of an address of record. 0 done, -1 failed.
     int aliasPublicAddress(const char* handle, const char* domain, const char* alias);
-    /// Stores an address of record for an existing contact set; handle, domain and a positive csid are required.
-    /// 0 done, -1 failed.
+    /// Stores an address of record, not a primary one, for an existing contact set: handle, domain and a positive csid,
+    /// all required; neither scope nor administrative domain. 0 done, -1 failed.
     int addPublicAddress(const PublicAddressRecord& rec);
-    /// As `createPublicAddress`, and stores the contact. 0 done, -1 failed.
+    /// As `createPublicAddress`, and stores the contact: permanent, without an expiry. 0 done, -1 failed.
     int importPublicAddress(int sid, const char* handle, const char* domain, const char* contact);
-    /// Okay, not found, connection error, or query error. `rec` is changed only when okay, and keeps its fields where a
-    /// column is NULL.
+    /// Reads an address of record, but for its administrative domain; handle and domain in lower case. Okay, not found,
+    /// connection error, or query error (a null text among them). `rec` is changed only when okay, and keeps its fields
+    /// where a column is NULL.
     DatabaseResult lookupPublicAddress(const char* handle, const char* domain, PublicAddressRecord& rec);
 
-    // Contacts (location/Contacts.cpp)
+    ///@}
+    /// \name Contacts
+    ///@{
 
-    /// Stores or refreshes a contact of an address of record. 0 done, -1 failed.
+    /// Stores or refreshes a contact of an address of record: everything but type, path and the keys, which are not
+    /// read. Refreshing stores the permanent flag too. 0 done, -1 failed: also when the address is unknown.
     int addContact(const char* handle, const char* domain, ContactRecord& rec);
-    /// Stores a contact in the contact set that the record names. 0 done, -1 failed.
+    /// Stores a contact in the contact set that the record names: everything but type, path and contact key. 0 done, -1
+    /// failed: also when the contact is already there.
     int addContact(ContactRecord& rec);
-    /// Removes a contact of an address of record. 0 done, and also 0 without a connection; -1 failed.
+    /// Removes a contact of an address of record. 0 done, also when there is none, and also without a connection; -1
+    /// failed.
     int removeContact(const char* handle, const char* domain, const char* address);
 
-    ///@{
-    /// The contacts of an address of record, of a public address key, or of a contact set: appended to `contacts`, with
-    /// the set's ordering and replace-URI flag.
+    /// **By address of record**, handle and domain in lower case. Appends the contacts to `contacts`, with the set's
+    /// ordering and replace-URI flag; permanent flag, keys and path are not filled.
     ///
-    /// Okay also when there are none (then `ordering` is left as it was); not found when the subscriber is inactive
-    /// (the contact set form does not look), with `ordering` and `replaceUri` set; connection or query error (a contact
-    /// set key below 1: "NULL csid", in the result only). `replaceUri` is true unless a row says otherwise; `contacts`
-    /// grows only when okay.
+    /// Okay also when there are none or no such address (then `ordering` is left as it was); not found when the
+    /// subscriber is inactive, with `ordering` and `replaceUri` set; connection or query error (a null text among
+    /// them). `replaceUri` is true unless a row says otherwise; `contacts` grows only when okay.
     DatabaseResult lookupContacts(const char* handle, const char* domain, std::string& ordering, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
+    /// **By public address key** (the form whose first argument is a number); otherwise as by address of record.
     DatabaseResult lookupContacts(int publicAddressId, std::string& ordering, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
+    /// **By contact set key** (the form whose first argument is `ordering`); otherwise as by address of record, but an
+    /// inactive subscriber's contacts are okay too. A key below 1 is a query error, "NULL csid", in the result only.
     DatabaseResult lookupContacts(std::string& ordering, int csid, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
-    ///@}
 
-    // Host, routing and access tables (location/HostAndRouting.cpp)
+    ///@}
+    /// \name Host, routing and access tables
+    ///@{
 
     /// The host's own settings. Okay, not found (`info` untouched), connection or query error. NULL columns leave their
     /// field as it was.
     DatabaseResult getHostInfo(HostInfo& info);
-    /// Appends the address maps in ascending priority. Okay also when there are none; connection or query error.
+    /// Appends the address maps in ascending priority, each with its contact set's ordering and replace-URI flag. Okay
+    /// also when there are none; connection or query error.
     DatabaseResult getAddressMaps(std::vector<AddressMapRecord>& maps);
-    /// Replaces `items` by the configuration of one proxy. Okay also when there is none; connection or query error,
-    /// which leave `items` as it was.
+    /// **Replaces** `items` by the configuration of one proxy (table `proxy_configuration`). Okay also when there is
+    /// none; connection or query error, which leave `items` as it was.
     DatabaseResult getProxyConfig(const char* proxyName, std::vector<ProxyConfig>& items);
     /// Appends the domain access rules in ascending q-value. Okay also when there are none; connection or query error.
     DatabaseResult getDomainAccessList(std::vector<DomainAccess>& rules);
+
+    ///@}
 };
 
 } // namespace oryx

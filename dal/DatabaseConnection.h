@@ -15,12 +15,14 @@ namespace oryx {
 class QueryResult;
 
 /// libpq's notice processor: hands the server's message to the `DatabaseConnection` at `arg`, if there is one.
+/// \ingroup core
 ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
 
 /// One connection to the PostgreSQL server, and the only place that opens, resets, closes or executes on one.
 ///
-/// A lost connection is reset and its statement sent again; every failure leaves its reason in `getErrorMessage()`,
-/// every success empties it. Used by one thread at a time.
+/// A lost connection is reset and its statement sent again (`execute` has the rule); every failure leaves its reason in
+/// `getErrorMessage()`, every success empties it. Used by one thread at a time.
+/// \ingroup core
 class ORYX_EXPORT DatabaseConnection {
 public:
     DatabaseConnection() = default;
@@ -47,9 +49,12 @@ public:
     /// Sends one command text and stores what came back in `result`.
     ///
     /// True when the connection delivered a result, be it a failed one: whether the statement succeeded is
-    /// `result.failed()`. A statement that got no result, or a fatal one (every error of the server is), costs a reset
-    /// and is sent again, at most three times in all: a change may therefore take effect twice. False when the
-    /// connection is lost for good; without a connection `result` is left untouched.
+    /// `result.failed()`. False when the connection is lost for good; without a connection `result` is left untouched.
+    ///
+    /// A statement that brings back no result (the connection is lost) is sent again after a reset of the connection,
+    /// and so is one whose result is fatal (the server refused it, or ended meanwhile). A refused statement so costs
+    /// one reset and is sent twice; the most is two resets and three sendings, when a statement that was sent again for
+    /// a lost connection is refused. A change may therefore take effect twice.
     bool execute(const char* cmd, QueryResult& result);
     bool execute(const std::string& cmd, QueryResult& result);
     ///@}

@@ -9,6 +9,7 @@ namespace oryx {
 /// The outcome of every operation of the services and executors: a status and, for failures, a message.
 ///
 /// Setting a status never touches the message; "not found" normally carries none.
+/// \ingroup core
 class ORYX_EXPORT DatabaseResult {
 public:
     /// The numbers are stored and compared by the servers; there is no 4.
@@ -19,7 +20,8 @@ public:
 
     /// The operation did what it says; its out arguments hold the answer.
     bool okay() const { return m_status == OKAY; }
-    /// There was no usable connection to the server.
+    /// There was no usable connection to the server. Where an operation says so, the server refused the statement: the
+    /// event server's changes and `LocationService::lookupSubscriber` do not tell the two apart.
     bool connectionError() const { return m_status == CONNECTION_ERROR; }
     /// The statement failed, or an argument was refused before anything was sent.
     bool queryError() const { return m_status == QUERY_ERROR; }
@@ -27,7 +29,7 @@ public:
     bool fatalError() const { return connectionError() || queryError(); }
     /// The statement ran, and there is no such row.
     bool notFound() const { return m_status == NOTFOUND; }
-    /// A unique, foreign-key, not-null or check constraint refused the change.
+    /// A unique, foreign-key, not-null or check constraint refused the change; `addWatcher` alone tells so.
     bool constraintError() const { return m_status == CONSTRAINT_ERROR; }
 
     ///@{

@@ -10,11 +10,17 @@
 /// The event server's records: plain values that carry rows between the database and the server.
 ///
 /// A setter or constructor that takes a `const char*` skips a null pointer. Numbers start at 0; times are seconds since
-/// the epoch.
+/// the epoch. What an operation does not fill is empty or 0 in a listing's record, and as it was in a caller's.
 
 namespace oryx {
 
 /// One subscription dialog (table `subscription_states`; RFC 6665).
+///
+/// - Stored by `addWatcher`, filled by `getWatcher` and the listings: identifier, From, To, Call-ID, both CSeqs, Event,
+///   remote Contact, route set, request URI and package.
+/// - Filled by `getIncomingMatchingSubscriptions` alone, and never stored with a dialog: watcher identity, document
+///   type and expiry time. So a dialog's own row has no expiry.
+/// \ingroup event_records
 class PresenceRecord {
 public:
     PresenceRecord() = default;
@@ -38,6 +44,8 @@ public:
 
     ///@{
     /// A field of the row.
+    /// The caller's own key. Listings take a dialog as received if it holds "incoming#", as sent if "outgoing#",
+    /// anywhere: "incoming#a84b4c76".
     const std::string& subscriptionid() const { return m_subscriptionid; }
     const std::string& sid() const { return m_sid; } ///< The caller's own; no operation fills it.
     const std::string& fromhdr() const { return m_fromhdr; }
@@ -49,8 +57,10 @@ public:
     const std::string& routeset() const { return m_routeset; }
     int notcseq() const { return m_notcseq; } ///< CSeq of the last NOTIFY.
     const std::string& requestUri() const { return m_requestUri; }
-    const std::string& packageid() const { return m_packageid; } ///< The event package.
-    int oid() const { return m_oid; }                            ///< The caller's own; no operation fills it.
+    /// The event package. The listings with two and three filters find it only if "#" follows the text asked for:
+    /// "presence#" or "presence#1".
+    const std::string& packageid() const { return m_packageid; }
+    int oid() const { return m_oid; } ///< The caller's own; no operation fills it.
     const std::string& watcherIdentity() const { return m_watcherIdentity; } ///< Of its watcher, where read.
     int docType() const { return m_docType; }                                ///< Of its watcher, where read.
     long expiryTime() const { return m_expiryTime; }                         ///< Of its watcher, where read.
@@ -96,6 +106,10 @@ private:
 };
 
 /// One watcher-information subscription (table `watcherinfo`; RFC 3857).
+///
+/// Stored by `addWinfoForPresentity` and filled by `getWinfoForPresentity`: everything. `updateWinfoForPresentity`
+/// stores scheme, first version and expiry, and finds the row by the subscribe key.
+/// \ingroup event_records
 class WatcherInfoRecord {
 public:
     /// The arguments are not in the order of the fields.
@@ -115,9 +129,9 @@ public:
 
     ///@{
     /// A field of the row.
-    const std::string& winfokey() const { return m_winfokey; }
+    const std::string& winfokey() const { return m_winfokey; }           ///< What the list of watchers is looked up by.
     const std::string& presurlscheme() const { return m_presUrlScheme; } ///< Scheme of the presentity's URI.
-    const std::string& subscribekey() const { return m_subscribekey; }   ///< Column subscriberkey.
+    const std::string& subscribekey() const { return m_subscribekey; }   ///< The row's key, column `subscriberkey`.
     int startingdocversion() const { return m_startingdocversion; }      ///< Version of the first document.
     long expirytime() const { return m_expirytime; }
     ///@}
@@ -139,7 +153,10 @@ private:
     long m_expirytime = 0;
 };
 
-/// One entry of an access control list: who asks, and what they are granted.
+/// One entry of an access control list: who asks, and what they are granted (table `access_control_list`).
+///
+/// Stored by nothing; `getAccessControlList` fills both, from rules whose state is ACTIVE.
+/// \ingroup event_records
 class AccessControlEntry {
 public:
     /// Null texts leave their fields empty.
@@ -149,8 +166,8 @@ public:
         detail::setText(m_action, action);
     }
 
-    std::string requester() const { return m_requester; } ///< Who asks.
-    std::string action() const { return m_action; }       ///< What they are granted.
+    std::string requester() const { return m_requester; } ///< Who asks, as provisioned.
+    std::string action() const { return m_action; }       ///< A text of provisioning's own ("allow"); not judged here.
 
 private:
     std::string m_requester;
@@ -158,6 +175,14 @@ private:
 };
 
 /// One watcher of a presentity (table `event_watchers`).
+///
+/// - Stored by `addWatcherState`: everything but the remote contact.
+/// - Filled by both listings: everything but the event. `getWatcherState` adds the dialog's remote contact and gives
+/// the
+///   key asked for; `getWatchers` gives no remote contact, and the presentity in place of the key.
+///
+/// Document type, watcher type and watcher state are codes of the caller's own: stored and given back, never judged.
+/// \ingroup event_records
 class ORYX_EXPORT WatchersRecord {
 public:
     /// The arguments are in the order of the fields.
@@ -180,8 +205,10 @@ public:
 
     ///@{
     /// A field of the row.
+    /// The caller's own key. `getWatchers(records, first, second)` finds those that hold second, "#", first:
+    /// "bob@oryx.example#presence".
     const std::string& presentitykey() const { return _presentitykey; }
-    const std::string& watcheropaque() const { return _watcheropaque; } ///< Identifier of the watcher's dialog.
+    const std::string& watcheropaque() const { return _watcheropaque; } ///< `subscriptionid` of the watcher's dialog.
     int doctype() const { return _doctype; }                            ///< A code of the caller's.
     int watchertype() const { return _watchertype; }                    ///< A code of the caller's.
     int watcherstate() const { return _watcherstate; }                  ///< A code of the caller's.
@@ -189,7 +216,7 @@ public:
     const std::string& watcheridentity() const { return _watcheridentity; }
     const std::string& presentity() const { return _presentity; }
     unsigned long docversion() const { return _docversion; } ///< Of the last document sent.
-    const std::string& event() const { return _event; }      ///< The event package; no listing fills it.
+    const std::string& event() const { return _event; }      ///< The event package: stored, filled by no listing.
     const std::string& remoteContactHdr() const { return _remoteContactHdr; } ///< The dialog's; not stored.
     ///@}
 
@@ -200,7 +227,7 @@ public:
     void doctype(int doctype) { _doctype = doctype; }
     void watchertype(int watchertype) { _watchertype = watchertype; }
     void watcherstate(int watcherstate) { _watcherstate = watcherstate; }
-    void expirytime(int expirytime) { _expirytime = expirytime; }
+    void expirytime(int expirytime) { _expirytime = expirytime; } ///< Beyond 2038 by the constructor alone.
     void watcheridentity(const std::string& identity) { _watcheridentity = identity; }
     void presentity(const std::string& presentity) { _presentity = presentity; }
     void docversion(unsigned long docversion) { _docversion = docversion; }
@@ -226,6 +253,10 @@ private:
 };
 
 /// One source of a presentity's state: a publisher or a registered contact (table `event_sources`; RFC 3903).
+///
+/// Stored by `addSourceOpaque`: everything. Filled by `getSourceOpaque`: everything; by `getAllEventSources` and
+/// `getSources`: everything but the presentity.
+/// \ingroup event_records
 class SourcesRecord {
 public:
     /// The expiry time is not where its field is.
@@ -249,10 +280,10 @@ public:
     ///@{
     /// A field of the row.
     std::string presentitykey() const { return m_presentitykey; }
-    std::string sourceopaque() const { return m_sourceopaque; }
+    std::string sourceopaque() const { return m_sourceopaque; } ///< The caller's own key; changes go by it alone.
     std::string contact() const { return m_contact; }
-    std::string event() const { return m_event; } ///< The event package.
-    std::string presentity() const { return m_presentity; }
+    std::string event() const { return m_event; }           ///< The event package.
+    std::string presentity() const { return m_presentity; } ///< Its address; what `getSources` searches.
     long expirytime() const { return m_expirytime; }
     ///@}
 
@@ -266,6 +297,9 @@ private:
 };
 
 /// One subscription that a presence list made on its watcher's behalf (table `listsubscriptions`; RFC 4662).
+///
+/// `createListMapping` and `updateStateForListMapping` store these values; `getAllMappingsForList` fills everything.
+/// \ingroup event_records
 class ListSubscriptionRecord {
 public:
     /// Null texts leave their fields empty.
@@ -287,6 +321,10 @@ private:
 };
 
 /// A contact with the address of record that it is registered for.
+///
+/// Stored by nothing; `flushExpiredContacts` fills handle, domain, public address key, contact header, expiry, Call-ID
+/// and CSeq (this one within the limits of an int).
+/// \ingroup event_records
 class ExtendedContactRecord : public ContactRecord {
 public:
     ///@{
@@ -313,6 +351,9 @@ private:
 };
 
 /// One conference extension and its state (table `conf_state`).
+///
+/// Stored by `addConfExtState` and filled by the listings: everything, but for the start time of obsolete extensions.
+/// \ingroup event_records
 class ORYX_EXPORT ConfExtRecord {
 public:
     /// The arguments are in the order of the fields.
@@ -322,8 +363,8 @@ public:
     }
 
     const std::string& extension() const { return _extension; }     ///< Its number, as text.
-    const std::string& conf_status() const { return _conf_status; } ///< "IN USE", "IDLE" or "INVALID".
-    unsigned int start_time() const { return _start_time; }         ///< When the state was set.
+    const std::string& conf_status() const { return _conf_status; } ///< "IN USE", "IDLE" or "INVALID", in capitals.
+    unsigned int start_time() const { return _start_time; }         ///< When the state was set; whole, beyond 2038 too.
 
     ///@{
     /// Sets a field.
@@ -341,7 +382,8 @@ private:
     unsigned int _start_time;
 };
 
-/// One change of a watched table (table `event_notify`).
+/// One change of a watched table (table `event_notify`); `getUpdatedPrimaryKeys` fills everything but the command.
+/// \ingroup event_records
 class DatabaseUpdate {
 public:
     /// The number comes before the text, unlike the fields.
@@ -355,9 +397,9 @@ public:
     }
 
     const std::string& relation_name() const { return m_relation_name; } ///< The changed table.
-    const std::string& strpkey() const { return m_strpkey; }             ///< The changed row's key, where it is a text.
-    int intpkey() const { return m_intpkey; }                    ///< The changed row's key, where it is a number.
-    const std::string& cmd() const { return m_cmd; }             ///< Empty in what the change log gives.
+    const std::string& strpkey() const { return m_strpkey; } ///< The changed row's key, where it is a text; or empty.
+    int intpkey() const { return m_intpkey; }                ///< The changed row's key, where it is a number; or 0.
+    const std::string& cmd() const { return m_cmd; }         ///< Empty in what the change log gives.
     const std::string& timestamp() const { return m_timestamp; } ///< A number; the highest is the next "since".
 
     ///@{
@@ -377,7 +419,9 @@ private:
     std::string m_timestamp;
 };
 
-/// How to reach one call manager (table `acp`). A setter ignores a null pointer.
+/// How to reach one call manager (table `acp`); or, in `getCMforBulkSub`, which ones are asked for. A setter ignores a
+/// null pointer.
+/// \ingroup event_records
 class ORYX_EXPORT CMRecord {
 public:
     const std::string& GetHandle() const { return cmhandle; }      ///< The call manager's name.

@@ -18,11 +18,18 @@ class PresenceDatabaseCommandExecutor;
 /// What a presence and event server holds: dialogs, watchers, sources, lists, conference extensions, the change feed,
 /// and the registrar's data that it needs.
 ///
-/// The operations answer with a result. On a service that was never connected that is a connection error, and nothing
-/// else is touched unless said otherwise; otherwise each answers and fills as the operation of the same name in
-/// `PresenceDatabaseCommandExecutor`, where this is told. Texts go into the statements as they are: what comes from the
-/// network must hold no quote. One service serves one thread at a time; several services may run at once, and a server
-/// that waits for notifications holds one for that alone.
+/// - The operations answer with a result. On a service that was never connected that is a connection error, and nothing
+///   else is touched unless said otherwise; otherwise each answers and fills as the operation of the same name in
+///   `PresenceDatabaseCommandExecutor`, where this is told. That class has a few operations more, to be called on
+///   `getPresenceDatabaseCommandExecutor()`.
+/// - Listings append to the caller's vector unless they say "replaces". What has expired (contacts, watchers, sources,
+///   watcher information, list subscriptions) is given until it is removed: the caller leaves it out.
+/// - A statement that the server refuses costs a reset of the connection and is sent a second time;
+///   `DatabaseConnection::execute` has the whole rule.
+/// - Texts go into the statements as they are: what comes from the network must hold no quote (`isCleanText`).
+/// - One service serves one thread at a time; several services may run at once, and a server that waits for
+///   notifications holds one for that alone.
+/// \ingroup events
 class ORYX_EXPORT PresenceService {
 public:
     /// Without a connection; touches no database.
@@ -43,7 +50,8 @@ public:
     /// it is used by one thread at a time.
     PresenceDatabaseCommandExecutor* getPresenceDatabaseCommandExecutor();
 
-    // Subscription dialogs
+    /// \name Subscription dialogs
+    ///@{
 
     /// \copydoc PresenceDatabaseCommandExecutor::getWatcher
     DatabaseResult getWatcher(const char* subscriptionId, PresenceRecord& out);
@@ -60,7 +68,9 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::vector<PresenceRecord>&, const char*)
     DatabaseResult getIncomingSubscriptions(std::vector<PresenceRecord>& records, const char* package);
 
-    // Watchers of a presentity
+    ///@}
+    /// \name Watchers of a presentity
+    ///@{
 
     /// \copydoc PresenceDatabaseCommandExecutor::getWatcherState(const char*, std::vector<WatchersRecord>&)
     DatabaseResult getWatcherState(const char* presentityKey, std::vector<WatchersRecord>& records);
@@ -77,7 +87,9 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::deleteWatcherState
     DatabaseResult deleteWatcherState(const char* presentityKey, const char* watcherOpaque);
 
-    // Event sources and watcher information
+    ///@}
+    /// \name Event sources and watcher information
+    ///@{
 
     /// \copydoc PresenceDatabaseCommandExecutor::getAllEventSources
     DatabaseResult getAllEventSources(const char* event, std::vector<SourcesRecord>& records);
@@ -98,7 +110,9 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::deleteWinfoForPresentity
     DatabaseResult deleteWinfoForPresentity(const char* subscriberKey);
 
-    // Access control and presence lists
+    ///@}
+    /// \name Access control and presence lists
+    ///@{
 
     /// \copydoc PresenceDatabaseCommandExecutor::getAccessControlList(const char*, const char*, const char*,
     /// std::vector<AccessControlEntry>&)
@@ -122,7 +136,9 @@ public:
     DatabaseResult updateStateForListMapping(const char* listFsmId, const char* oldSubscriptionId,
                                              const char* newSubscriptionId, long expiry);
 
-    // Conference extensions
+    ///@}
+    /// \name Conference extensions
+    ///@{
 
     /// \copydoc PresenceDatabaseCommandExecutor::getConfExtState
     DatabaseResult getConfExtState(const std::string& extension, std::string& status, unsigned int& start_time);
@@ -143,7 +159,9 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse
     DatabaseResult reserveRandomlyIdleConfExtAsInUse(std::string& extension);
 
-    // Changes of provisioning, and call managers
+    ///@}
+    /// \name Changes of provisioning, and call managers
+    ///@{
 
     /// \copydoc PresenceDatabaseCommandExecutor::waitForNotify
     DatabaseResult waitForNotify(bool (*callback)(bool, const std::string&));
@@ -153,9 +171,14 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::getCMforBulkSub
     DatabaseResult getCMforBulkSub(std::vector<CMRecord>& records, bool regexMatch);
 
-    // The registrar's data
+    ///@}
+    /// \name The registrar's data
+    ///@{
 
-    /// \copydoc PresenceDatabaseCommandExecutor::lookupContacts(std::string&, int, bool&, std::vector<ContactRecord>&)
+    /// **By contact set key**, `csid`: `LocationService::lookupContacts` with the same arguments takes a public address
+    /// key.
+    ///
+    /// \copydetails PresenceDatabaseCommandExecutor::lookupContacts(std::string&,int,bool&,std::vector<ContactRecord>&)
     DatabaseResult lookupContacts(int csid, std::string& ordering, bool& replaceUri,
                                   std::vector<ContactRecord>& contacts);
     /// \copydoc PresenceDatabaseCommandExecutor::flushExpiredContacts
@@ -164,8 +187,9 @@ public:
     /// lower case. Okay, not found, connection or query error; `key` is -1 and `csid` left as it was unless okay. On a
     /// service that was never connected both are left as they were.
     DatabaseResult getPublicAddressKey(const char* handle, const char* domain, int& key, int& csid);
-    /// The contact set key of a public address key, which must not be 0. Okay, not found, connection or query error;
-    /// `csid` is -1 unless okay, and where the column is NULL; left as it was on a service that was never connected.
+    /// The contact set key of a public address key (`userId`, whatever the name says), which must not be 0. Okay, not
+    /// found, connection or query error; `csid` is -1 unless okay, and where the column is NULL; left as it was on a
+    /// service that was never connected.
     DatabaseResult getCsid(int userId, int& csid);
     /// The contact set key of a contact's key, which must not be 0. Okay, not found, connection or query error; `csid`
     /// as above.
@@ -184,12 +208,18 @@ public:
     DatabaseResult lookupSubscriber(const std::string& handle, const std::string& domain, SubscriberRecord& rec);
     /// \copydoc PresenceDatabaseCommandExecutor::getAllPublicAddresses
     DatabaseResult getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses, bool primaryOnly);
-    /// Sets `out` to the first SIP domain this server answers for, to empty on every failure, and returns it.
+    /// Sets `out` to the first SIP domain this server answers for, to empty on every failure, and returns it. The
+    /// domains are the value of "oryxproxy", "ServerInfo", "ServerNames" in `system_parameters`; the list is read
+    /// on every call.
     std::string& getDomainName(std::string& out);
 
-    // Address maps
+    ///@}
+    /// \name Address maps
+    ///@{
 
-    /// \copydoc LocationService::lookupAddressMap
+    /// As `LocationService::lookupAddressMap`, the contacts filled as `lookupContacts` here fills them.
+    ///
+    /// \copydetails LocationService::lookupAddressMap
     DatabaseResult lookupAddressMap(const char* uri, std::string& ordering, bool& replaceUri,
                                     std::vector<ContactRecord>& contacts);
     /// \copydoc LocationService::getMapKeys
@@ -200,6 +230,8 @@ public:
     void removeMapEntry(std::string& key);
     /// \copydoc LocationService::clearMapEntries
     void clearMapEntries();
+
+    ///@}
 
 private:
     /// Runs an operation of a service that was connected; traces `refusal`, if there is one, for another.

@@ -16,6 +16,7 @@ namespace oryx {
 ///
 /// Owns its libpq result. A fresh object is "not executed": every question gets its neutral answer. Used by one thread
 /// at a time.
+/// \ingroup core
 class ORYX_EXPORT QueryResult {
 public:
     /// SQLSTATE of a statement that succeeded.

@@ -12,6 +12,7 @@ namespace oryx {
 /// Nothing is thrown but std::bad_alloc. A parser that takes a flag sets it to whether the whole text was a number
 /// within range, and leaves it alone for an empty text: callers give it a value first. Whole numbers have the range of
 /// 32 bits on every platform.
+/// \ingroup conversions
 class ORYX_EXPORT UtilityConvert {
 public:
     static const std::string TRUE_STRING;  ///< "TRUE".
@@ -88,14 +89,17 @@ public:
 
 ///@{
 /// Sets `out` to the lower-case form of `str`, to empty for null.
+/// \ingroup conversions
 ORYX_EXPORT void stringLower(const char* str, std::string& out);
 ORYX_EXPORT void stringLower(const std::string& str, std::string& out);
 ///@}
 
 /// 0 to 11 for the English abbreviations "Jan" to "Dec" as written, -1 for anything else.
+/// \ingroup conversions
 ORYX_EXPORT int monthToInt(const std::string& m);
 
 /// Seconds since the epoch of a local time in the layout of ctime, "Wed Dec 17 07:37:16 1997"; 0 on every failure.
+/// \ingroup conversions
 ORYX_EXPORT time_t convertTime(const char* ts);
 
 } // namespace oryx

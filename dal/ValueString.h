@@ -10,6 +10,7 @@ namespace oryx {
 ///
 /// Values go between single quotes as they are, unescaped. `names()` and `values()` close their list, so each is called
 /// once per statement.
+/// \ingroup core
 class ORYX_EXPORT ValueString {
 public:
     /// Adds a column; `nm` must not be null.

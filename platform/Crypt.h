@@ -12,6 +12,7 @@
 /// The key is 64 hexadecimal digits, white space around them allowed, in the file named by `ORYX_CRYPT_KEY_FILE`. It is
 /// read at each use, so that another key counts at once, and does not stay in memory. What fails is said on the trace
 /// channel "Crypt" as one `log` line, with neither password nor key in it. Safe from any thread.
+/// \ingroup platform
 class ORYX_EXPORT Crypt {
 public:
     /// Encrypts a password for the database. False without a usable key: `stored` is then empty. Both arguments may be

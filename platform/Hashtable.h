@@ -8,6 +8,7 @@
 #include <utility>
 
 /// Values by name. A value belongs to the table; looking one up allocates nothing. Used by one thread at a time.
+/// \ingroup platform
 template <typename Value>
 class Hashtable {
 public:

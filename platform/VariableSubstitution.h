@@ -10,6 +10,7 @@
 ///
 /// A variable is the marker followed by its name: the longest run of ASCII letters ("$user"), or any text in braces
 /// ("${user}", needed where a letter follows).
+/// \ingroup platform
 class ORYX_EXPORT VariableSubstitution {
 public:
     /// Replaces each variable of `text` by its value, once, from left to right: a value is not searched for variables.

@@ -29,14 +29,17 @@
 namespace oryx {
 
 /// Where a text goes.
+/// \ingroup checks
 enum class TextUse {
     value,   ///< stored, or compared as a whole: everywhere but in a search
     pattern, ///< searched for: getIncomingSubscriptions, getOutgoingSubscribes, getSources, getWatchers
 };
 
 /// Whether a text can be handed to the library. May be called by any thread at any time.
+/// \ingroup checks
 ORYX_EXPORT bool isCleanText(std::string_view text, TextUse use = TextUse::value);
 /// Why it cannot, as a phrase for a log: one of its flaws. Null when it is clean.
+/// \ingroup checks
 ORYX_EXPORT const char* textFlaw(std::string_view text, TextUse use = TextUse::value);
 
 } // namespace oryx

@@ -13,6 +13,7 @@ namespace oryx {
 /// A compiled POSIX extended regular expression.
 ///
 /// Holds at most one expression; one that did not compile never matches. Used by one thread at a time.
+/// \ingroup conversions
 class ORYX_EXPORT RegExp {
 public:
     RegExp() = default;

@@ -12,6 +12,7 @@ namespace wex {
 ///
 /// The scheme and "://" are required. Not valid are also a blank or control character, an escape that is not %HH or is
 /// %00, a port outside 1 to 65535, and a host with a character that RFC 3986 section 3.2.2 does not allow.
+/// \ingroup platform
 class ORYX_EXPORT URL {
 public:
     ///@{

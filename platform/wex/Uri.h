@@ -12,6 +12,7 @@ namespace wex {
 ///
 /// A text that the grammar of RFC 3261 section 25.1 does not allow is not valid, nor is another scheme, a port beyond
 /// 65535 or an address that cannot exist; all parts are then empty and the port is 0.
+/// \ingroup platform
 class ORYX_EXPORT Uri {
 public:
     ///@{

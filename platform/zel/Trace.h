@@ -10,10 +10,12 @@
 namespace zel {
 
 /// The kinds of lines: routine progress (`prn`), failures an operator must see (`log`).
+/// \ingroup platform
 enum class TraceKind { prn, log };
 
 /// Receives every line of the process, formatted, whole and unaltered: of any length, newlines included. Called on the
 /// tracing thread, by several at once; both texts are valid during the call only. What it throws is dropped.
+/// \ingroup platform
 using TraceSink = std::function<void(std::string_view channel, TraceKind kind, std::string_view text)>;
 
 /// Sets the sink of the process; an empty one turns tracing off.
@@ -24,6 +26,7 @@ using TraceSink = std::function<void(std::string_view channel, TraceKind kind, s
 /// Safe while other threads trace: a line already under way on another thread may still reach the previous sink after
 /// this call. A sink may trace and may set a sink; one that answers every line with a line of its own never ends. A
 /// sink lives until the process ends: a program whose sink refers to objects of its own sets another before they go.
+/// \ingroup platform
 ORYX_EXPORT TraceSink setTraceSink(TraceSink sink);
 
 /// A named channel for diagnostics. All channels share the sink of the process.
@@ -35,6 +38,7 @@ ORYX_EXPORT TraceSink setTraceSink(TraceSink sink);
 ///
 /// With tracing off a call costs one relaxed load. No operation throws; all are safe from any thread, and from
 /// destructors that run at exit.
+/// \ingroup platform
 class ORYX_EXPORT Trace {
 public:
     /// The channel's name is kept as the pointer it is and must outlive the object; a string literal does.
