@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <string>
@@ -297,6 +298,30 @@ TEST_F(Service, RefusesBytesThatAreNoText)
               "query error: [22021] ERROR:  invalid byte sequence for encoding \"UTF8\": 0xff");
     EXPECT_EQ(storedContacts(), "");
     EXPECT_EQ(registerAll({"sip:a@192.0.2.1"}), "okay");
+}
+
+TEST_F(Service, FindsExpiredContactsUntilTheyAreSweptAndShowsNoneAsPermanent)
+{
+    sql("INSERT INTO contact (csid, address, expires, permanent, path_vector) VALUES (12, 'gone', 1000000000, false, 'p'),"
+        " (12, 'permanent', 1000000000, true, 'p'), (12, 'never', NULL, true, 'p')");
+    const auto found = [&](const char* address, long expires) {
+        oryx::ContactRecord binding;
+        binding.setAddress(address);
+        binding.setExpires(expires);
+        return oryx::show(binding);
+    };
+    const auto lookup = [&] {
+        std::string ordering;
+        bool replaceUri = true;
+        std::vector<oryx::ContactRecord> bindings;
+        const auto result = m_service.lookupContacts(42, ordering, replaceUri, bindings);
+        std::sort(bindings.begin(), bindings.end(),
+                  [](const auto& a, const auto& b) { return a.address() < b.address(); });
+        return outcome(result) + "\n" + oryx::show(bindings);
+    };
+    EXPECT_EQ(lookup(), "okay\n" + found("gone", 1000000000) + found("never", 0) + found("permanent", 1000000000));
+    EXPECT_EQ(show(m_service.removeExpiredContacts()), "okay");
+    EXPECT_EQ(lookup(), "okay\n" + found("never", 0) + found("permanent", 1000000000));
 }
 
 TEST_F(Service, SweepsExpiredContactsThatAreNotPermanent)

@@ -74,6 +74,17 @@ TEST_F(Watchers, AreStoredWithoutTheirContact)
     EXPECT_EQ(stored(), row(kAlice) + row(kCarol) + row(kDave));
 }
 
+TEST_F(Watchers, AreListedAfterTheyHaveExpired)
+{
+    WatchersRecord expired = kAlice;
+    expired.expirytime(1000000000);
+    add({expired});
+    addDialog("incoming#1", "'<sip:alice@192.0.2.9>'");
+    EXPECT_EQ(ofPresentity("bob@oryx.example#presence"),
+              "okay\n" + read(expired, "bob@oryx.example#presence", "<sip:alice@192.0.2.9>"));
+    EXPECT_EQ(matching("presence", "bob@oryx.example"), "okay\n" + read(expired, "sip:bob@oryx.example", ""));
+}
+
 TEST_F(Watchers, AreStoredWithTheirKeysAlone)
 {
     add({{"key", "opaque", 0, 0, -1, 0, "", "", 0, "", ""}});
