@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 /// Splits a text at every character of a set. A run of them separates once, at the ends they separate nothing: no token
 /// is empty. Keeps copies of both texts; used by one thread at a time.

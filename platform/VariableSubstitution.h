@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include <Hashtable.h>
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 /// Fills a template with the values of named variables.
 ///

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 namespace wex {
 
