@@ -2,8 +2,6 @@
 
 #include <util/OryxExport.h>
 
-#include <Tracer.h>
-
 #include <regex.h>
 
 #include <string>
@@ -34,7 +32,6 @@ private:
     std::string m_required; // part of every text that matches
     regex_t m_regex{};
     bool m_compiled = false;
-    Tracer m_trace{"RegEx"};
 };
 
 } // namespace oryx
