@@ -1,9 +1,13 @@
 # How every target of this project is compiled.
 
+include(CheckCXXCompilerFlag)
+include(CheckPIESupported)
+
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+check_pie_supported(LANGUAGES CXX)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
@@ -21,6 +25,21 @@ endif()
 if(ORYX_SANITIZE)
   add_compile_options("-fsanitize=${ORYX_SANITIZE}" -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options("-fsanitize=${ORYX_SANITIZE}")
+endif()
+
+# What is shipped is hardened: it answers to the network.
+set(released "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
+if(NOT ORYX_SANITIZE)
+  foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+    string(MAKE_C_IDENTIFIER "ORYX_HAS${flag}" supported)
+    check_cxx_compiler_flag("${flag}" ${supported})
+    if(${supported})
+      add_compile_options("$<${released}:${flag}>")
+    endif()
+  endforeach()
+  # Some compilers define it themselves.
+  add_compile_options("$<${released}:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>")
+  add_link_options("$<${released}:LINKER:-z,relro,-z,now,-z,noexecstack>")
 endif()
 
 if(ORYX_CLANG_TIDY)

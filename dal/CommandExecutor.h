@@ -2,7 +2,7 @@
 
 #include <dal/QueryResult.h>
 #include <dal/ValueString.h>
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 #include <memory>
 #include <string>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <util/Export.h>
+#include <util/OryxExport.h>
 #include <zel/Trace.h>
 
 #include <string>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <dal/Dal.h>
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 #include <string>
 #include <utility>

@@ -3,7 +3,7 @@
 #include <dal/AddressMap.h>
 #include <dal/DatabaseResult.h>
 #include <dal/PresenceDal.h>
-#include <util/Export.h>
+#include <util/OryxExport.h>
 #include <zel/Trace.h>
 
 #include <memory>

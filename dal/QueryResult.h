@@ -1,7 +1,7 @@
 #pragma once
 
 #include <dal/DatabaseResult.h>
-#include <util/Export.h>
+#include <util/OryxExport.h>
 #include <zel/Trace.h>
 
 #include <string>

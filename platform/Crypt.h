@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 /// Passwords as they are stored: encrypted and authenticated (XChaCha20-Poly1305, a random nonce for each).
 ///

@@ -3,12 +3,9 @@
 #include <cstddef>
 #include <string>
 
-#include <util/Export.h>
-
 /// Splits a text at every character of a set. A run of them separates once, at the ends they separate nothing: no token
 /// is empty. Keeps copies of both texts; used by one thread at a time.
-/// \ingroup platform
-class ORYX_EXPORT StringTokenizer {
+class StringTokenizer {
 public:
     /// Every character of `delimiters` separates.
     StringTokenizer(std::string text, std::string delimiters);

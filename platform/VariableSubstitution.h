@@ -4,14 +4,12 @@
 #include <string_view>
 
 #include <Hashtable.h>
-#include <util/Export.h>
 
 /// Fills a template with the values of named variables.
 ///
 /// A variable is the marker followed by its name: the longest run of ASCII letters ("$user"), or any text in braces
 /// ("${user}", needed where a letter follows).
-/// \ingroup platform
-class ORYX_EXPORT VariableSubstitution {
+class VariableSubstitution {
 public:
     /// Replaces each variable of `text` by its value, once, from left to right: a value is not searched for variables.
     ///

@@ -1,11 +1,16 @@
 #include <util/RegExp.h>
 
+#include <Tracer.h>
+
 #include <cstring>
 #include <string_view>
 
 namespace oryx {
 
 namespace {
+
+/// One for all expressions, so that their header needs no header of the suite's.
+Tracer channel("RegEx");
 
 bool isOneOf(char c, std::string_view set)
 {
@@ -81,29 +86,29 @@ bool RegExp::compile(const char* expr, bool ignoreCase)
 {
     free();
     if (expr != nullptr) {
-        m_trace.prn("compiling '%s'", expr);
+        channel.prn("compiling '%s'", expr);
         m_pattern = expr;
     }
     // A dial plan's patterns hold the digits that tell them apart. A glance at those spares most texts the automaton;
     // thousands of automatons do not fit the processor's caches.
     m_required = ignoreCase ? "" : requiredText(m_pattern);
     m_compiled = expr != nullptr && regcomp(&m_regex, expr, REG_EXTENDED | (ignoreCase ? REG_ICASE : 0)) == 0;
-    m_trace.prn(m_compiled ? "compile ok" : "compile failed");
+    channel.prn(m_compiled ? "compile ok" : "compile failed");
     return valid();
 }
 
 bool RegExp::match(const char* text)
 {
     if (text != nullptr) {
-        m_trace.prn("checking '%s' for match on %s", text, m_pattern.c_str());
+        channel.prn("checking '%s' for match on %s", text, m_pattern.c_str());
     }
     if (!valid()) {
-        m_trace.prn("match failed, invalid regex");
+        channel.prn("match failed, invalid regex");
         return false;
     }
     const bool found = text != nullptr && std::strstr(text, m_required.c_str()) != nullptr &&
                        regexec(&m_regex, text, 0, nullptr, 0) == 0;
-    m_trace.prn(found ? "match found" : "not a match");
+    channel.prn(found ? "match found" : "not a match");
     return found;
 }
 

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <util/Export.h>
-
-#include <Tracer.h>
+#include <util/OryxExport.h>
 
 #include <regex.h>
 
@@ -35,7 +33,6 @@ private:
     std::string m_required; // part of every text that matches
     regex_t m_regex{};
     bool m_compiled = false;
-    Tracer m_trace{"RegEx"};
 };
 
 } // namespace oryx

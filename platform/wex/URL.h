@@ -3,8 +3,6 @@
 #include <string>
 #include <string_view>
 
-#include <util/Export.h>
-
 namespace wex {
 
 /// Host and database of a database URI: `scheme://[user[:password]@][host[:port],...][/path][?query][#fragment]`.
@@ -12,8 +10,7 @@ namespace wex {
 ///
 /// The scheme and "://" are required. Not valid are also a blank or control character, an escape that is not %HH or is
 /// %00, a port outside 1 to 65535, and a host with a character that RFC 3986 section 3.2.2 does not allow.
-/// \ingroup platform
-class ORYX_EXPORT URL {
+class URL {
 public:
     ///@{
     /// Takes a URI apart. A null text is not valid.

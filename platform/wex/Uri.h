@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 /// The suite's URIs.
 namespace wex {

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include <util/Export.h>
+#include <util/OryxExport.h>
 
 /// The suite's traces.
 namespace zel {

@@ -1,0 +1,1 @@
+#error "The program has a header of this name, which the library must not find."
