@@ -120,7 +120,7 @@ void AddressMapCache::refresh(const AddressMapRecord& record, const std::string&
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
         m_trace.prn("tnow is %ld", static_cast<long>(std::time(nullptr)));
         m_trace.prn("key=%s, pat=%s, time=%ld, priority=%d, ordering=%s", key.c_str(), record.pattern().c_str(),
-                    static_cast<long>(record.modTime()), record.priority(), record.ordering().c_str());
+                    record.wholeModTime(), record.priority(), record.ordering().c_str());
     }
     Entry* entry = finder.find(key);
     if (entry != nullptr) {
@@ -130,7 +130,7 @@ void AddressMapCache::refresh(const AddressMapRecord& record, const std::string&
         entry = m_entries.emplace_back(std::make_unique<Entry>()).get();
         entry->map.setKey(key.c_str());
     }
-    entry->map.compile(record.pattern().c_str(), record.modTime());
+    entry->map.compile(record.pattern().c_str(), record.wholeModTime());
     entry->map.setCsid(record.csid());
     entry->current = true;
 }

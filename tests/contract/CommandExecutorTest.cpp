@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <barrier>
+#include <limits>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -921,6 +923,29 @@ TEST(ValueStringTest, SetsNumbersWithoutQuotes)
     list.addExplicit("b", 2147483647L);
     list.addExplicit("c", 0);
     EXPECT_EQ(lists(list), "(a,b,c) (-2147483648,2147483647,0)");
+}
+
+TEST(ValueStringTest, SetsEveryNumberOfItsType)
+{
+    using Long = std::numeric_limits<long>;
+    ValueString list;
+    list.addExplicit("a", Long::min());
+    list.addExplicit("b", Long::max());
+    list.addExplicit("c", std::numeric_limits<unsigned long>::max());
+    list.addExplicit("d", 4294967295UL);
+    list.addExplicit("e", 4294967295U);
+    list.addExplicit("f", std::numeric_limits<int>::min());
+    EXPECT_EQ(lists(list), "(a,b,c,d,e,f) (" + std::to_string(Long::min()) + "," + std::to_string(Long::max()) + "," +
+                               std::to_string(std::numeric_limits<unsigned long>::max()) +
+                               ",4294967295,4294967295,-2147483648)");
+}
+
+TEST(ValueStringTest, TakesANullNameForAnEmptyOne)
+{
+    ValueString list;
+    list.addName("a");
+    list.add(nullptr, "x");
+    EXPECT_EQ(lists(list), "(a,) ('x')");
 }
 
 TEST(ValueStringTest, LeavesQuotesInAValueAsTheyAre)
