@@ -2,10 +2,28 @@
 
 #include <dal/DatabaseConnection.h>
 
+#include <string_view>
+
 namespace oryx {
 
 std::mutex DatabaseCommandExecutor::m_domainListMutex;
 std::vector<std::string> DatabaseCommandExecutor::m_domainList;
+
+namespace {
+
+/// What printf makes of a format without arguments. What would need one stands as it is: it came with a value.
+std::string formatted(std::string_view format)
+{
+    std::string text;
+    text.reserve(format.size());
+    while (!format.empty()) {
+        text += format.front();
+        format.remove_prefix(format.starts_with("%%") ? 2 : 1);
+    }
+    return text;
+}
+
+} // namespace
 
 DatabaseCommandExecutor::DatabaseCommandExecutor() : CommandExecutor("DatabaseCommandExecutor") {}
 
@@ -13,23 +31,19 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
                                                             QueryResult& qres, bool isTransaction)
 {
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        m_trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
-#pragma GCC diagnostic pop
+        m_trace.prn("******** transactionExecute(): cmd=\n" + formatted(cmd));
     }
-    const Run outcome = run(cmd, qres);
-    if (outcome == Run::okay) {
+    if (!m_conn || !m_conn->execute(cmd, qres)) {
+        m_trace.prn("execute update failed");
+        errorConnection();
+        result.setConnectionError();
+    } else if (qres.failed()) {
+        m_trace.prn("query error");
+        error(qres);
+        result.setQueryError();
+    } else {
         result.setOkay();
         return result;
-    }
-    if (outcome == Run::connectionFailed) {
-        m_trace.prn("execute update failed");
-        result.setConnectionError();
-    } else {
-        m_trace.prn("query error");
-        result.setQueryError();
     }
     result.setErrorMessage(m_errorMsg);
     if (isTransaction && (!m_conn || !m_conn->execute("ROLLBACK;", qres))) {

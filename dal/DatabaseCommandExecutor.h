@@ -25,7 +25,7 @@ public:
     /// Runs a statement into `qres` without checking the connection first, and answers with `result`.
     ///
     /// With `isTransaction`, a failure is followed by a rollback, whose outcome `qres` then holds; `result` keeps the
-    /// first failure. The statement is traced as a printf format, so it must hold no "%".
+    /// first failure. The statement's trace shows "%%" as "%", all else as it stands.
     DatabaseResult& transactionExecute(const std::string& cmd, DatabaseResult& result, QueryResult& qres,
                                        bool isTransaction);
 

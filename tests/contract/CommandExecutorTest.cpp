@@ -411,6 +411,57 @@ TEST_F(TransactionExecuteTest, TracesTheStatementAsAFormat)
               executorTrace({"******** transactionExecute(): cmd=\nSELECT '100%';"}));
 }
 
+/// A statement, and how a format without arguments shows it.
+class FormatTexts : public TransactionExecuteTest,
+                    public testing::WithParamInterface<std::pair<std::string, std::string>> {
+protected:
+    static std::string traced(const std::string& shown)
+    {
+        return executorTrace({"******** transactionExecute(): cmd=\n" + shown});
+    }
+};
+
+TEST_P(FormatTexts, AreTracedWithoutArgumentsAndSentAsTheyStand)
+{
+    const auto& [statement, shown] = GetParam();
+    libpq.replies({command()});
+    EXPECT_EQ(run(statement, false), "okay ['']\nexec " + statement + "\n");
+    EXPECT_EQ(trace.take("DatabaseCommandExecutor"), traced(shown));
+}
+
+TEST_P(FormatTexts, AreTracedAlikeAsTheNameOfASystemParameter)
+{
+    const auto& [name, shown] = GetParam();
+    const auto query = [](const std::string& text) {
+        return "SELECT system_parameters.value FROM system_parameters WHERE (((system_parameters.application = 'a') AND (system_parameters.scope = 's')) AND (system_parameters.name = '" +
+               text + "'));";
+    };
+    libpq.replies({rows({{"value"}})});
+    EXPECT_EQ(executor.getSystemParameterValue("a", "s", name), "value");
+    EXPECT_EQ(libpq.take(), "exec " + query(name) + "\n");
+    EXPECT_EQ(trace.take("DatabaseCommandExecutor"), traced(query(shown)));
+}
+
+using Texts = std::pair<std::string, std::string>;
+INSTANTIATE_TEST_SUITE_P(Of, FormatTexts,
+                         testing::Values(Texts{"%n", "%n"}, Texts{"%d of %s", "%d of %s"}, Texts{"%p%p%p", "%p%p%p"},
+                                         Texts{"%%", "%"}, Texts{"%%%", "%%"}, Texts{"%%%%", "%%"}, Texts{"%%n", "%n"},
+                                         Texts{"100%", "100%"}, Texts{"%", "%"}, Texts{"% %", "% %"},
+                                         Texts{"%1$s %*d %.99999999f", "%1$s %*d %.99999999f"},
+                                         Texts{"LIKE '%%incoming#%%' OR '%x%'", "LIKE '%incoming#%' OR '%x%'"}));
+
+TEST_F(TransactionExecuteTest, TakesItsStatementFromWhatItChanges)
+{
+    executor.error(kPlain.c_str());
+    DatabaseResult result;
+    libpq.replies({status(PGRES_EMPTY_QUERY), command(), command()});
+    executor.transactionExecute(executor.getErrorMessage(), result, qres, true);
+    EXPECT_EQ(libpq.take(), "exec DELETE FROM contact;\nexec ROLLBACK;\n");
+    EXPECT_EQ(trace.take("DatabaseCommandExecutor"), executorTrace({kTracedPlain, "query error"}));
+    executor.transactionExecute(qres.getSqlCommand(), result, qres, true);
+    EXPECT_EQ(libpq.take(), "exec ROLLBACK;\n");
+}
+
 TEST_F(TransactionExecuteTest, TracesALostStatementAndItsRollback)
 {
     libpq.replies({nothing(), command()});
