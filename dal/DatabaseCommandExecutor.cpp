@@ -3,6 +3,7 @@
 #include <dal/DatabaseConnection.h>
 
 #include <string_view>
+#include <utility>
 
 namespace oryx {
 
@@ -22,6 +23,20 @@ std::string formatted(std::string_view format)
     }
     return text;
 }
+
+/// Lives while this thread reads the domain list: a trace sink that asks for it meanwhile would have it read again, and
+/// with every line of that reading once more.
+class DomainReading {
+public:
+    DomainReading() { underWay = true; }
+    ~DomainReading() { underWay = false; }
+    DomainReading(const DomainReading&) = delete;
+    DomainReading& operator=(const DomainReading&) = delete;
+
+    static thread_local bool underWay;
+};
+
+thread_local bool DomainReading::underWay = false;
 
 } // namespace
 
@@ -74,21 +89,36 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
+    const bool known = knowsDomains() || (!DomainReading::underWay && readDomains());
+    // Once there, the list never changes: it is read without the lock, which nothing is traced under.
+    return known ? pickDomain(m_domainList, index, domainName) : domainName;
+}
+
+bool DatabaseCommandExecutor::knowsDomains()
+{
+    const std::lock_guard lock(m_domainListMutex);
+    return !m_domainList.empty();
+}
+
+bool DatabaseCommandExecutor::readDomains()
+{
+    const DomainReading reading;
+    if (!checkConnect()) {
+        m_trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
+        return false;
+    }
+    m_trace.prn("getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
+    std::vector<std::string> domains;
+    getDomainNameList(domains);
+    if (domains.empty()) {
+        m_trace.prn(
+            "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
+    }
     const std::lock_guard lock(m_domainListMutex);
     if (m_domainList.empty()) {
-        if (!checkConnect()) {
-            m_trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
-            return domainName;
-        }
-        m_trace.prn("getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
-        getDomainNameList(m_domainList);
-        if (m_domainList.empty()) {
-            m_trace.prn(
-                "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
-            return domainName;
-        }
+        m_domainList = std::move(domains);
     }
-    return pickDomain(m_domainList, index, domainName);
+    return !m_domainList.empty();
 }
 
 bool DatabaseCommandExecutor::callFunction(const std::string& statement)

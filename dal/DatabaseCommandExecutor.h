@@ -31,8 +31,8 @@ public:
 
     std::string getSystemParameterValue(const std::string& application, const std::string& scope,
                                         const std::string& name) override;
-    /// The list is read once and shared by all location executors of the process until it ends. While one reads it the
-    /// others wait.
+    /// The list is read once and shared by all location executors of the process until it ends. Threads that ask before
+    /// it is there may read it each; a trace sink that asks while its own thread reads it gets an empty name.
     std::string& getNthElementOfDomainList(std::string& domainName, unsigned int index) override;
 
     // Subscribers and their contact sets (location/Subscribers.cpp)
@@ -112,6 +112,10 @@ private:
     int callPublicAddressFunction(const std::string& statement);
     DatabaseResult fetchContacts(const std::string& statement, const ContactQuery& query, std::string& ordering,
                                  bool& replaceUri, std::vector<ContactRecord>& contacts);
+
+    static bool knowsDomains();
+    /// Fills the shared list, unless another thread has filled it meanwhile. Whether there is one now.
+    bool readDomains();
 
     static std::mutex m_domainListMutex;
     static std::vector<std::string> m_domainList;
