@@ -42,6 +42,7 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
         result.setQueryError();
         return result;
     }
+    const std::string request = uri; // what follows may change whose text it is: a contact's, the ordering, a map's
     std::vector<AddressMapRecord> records;
     result = queries.addressMaps(records);
     if (!result.okay()) {
@@ -50,7 +51,7 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
     }
     m_trace.prn("result contains %d maps", static_cast<int>(records.size()));
     bringIntoLine(records);
-    const AddressMap* const match = firstMatch(uri);
+    const AddressMap* const match = firstMatch(request.c_str());
     if (match == nullptr || match->csid() <= 0) {
         result.setNotFound();
         return result;
@@ -58,7 +59,7 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
     m_trace.prn("looking up contacts for csid %d", match->csid());
     result = queries.contacts(match->csid());
     if (result.okay()) {
-        substitute(uri, contacts);
+        substitute(request, *match, contacts);
     } else {
         m_trace.prn("lookup failed: %s", result.getErrorMessage().c_str());
     }
@@ -161,10 +162,17 @@ AddressMap* AddressMapCache::firstMatch(const char* uri)
     return nullptr;
 }
 
-void AddressMapCache::substitute(const char* uri, std::vector<ContactRecord>& contacts)
+void AddressMapCache::substitute(const std::string& uri, const AddressMap& match, std::vector<ContactRecord>& contacts)
 {
     m_trace.prn("found %d contacts, performing substitution...", static_cast<int>(contacts.size()));
-    const Hashtable<std::string> parts = partsOf(wex::Uri(uri));
+    const wex::Uri request(uri);
+    if (!request.isValid()) {
+        // Without the URI itself: what cannot be taken apart may hold a password anywhere.
+        zel::Trace("oryx").prn(
+            "the request URI that address map %s matches is not a SIP URI: its parts are empty in the contacts",
+            match.key());
+    }
+    const Hashtable<std::string> parts = partsOf(request);
     std::string address;
     for (ContactRecord& contact : contacts) {
         m_trace.prn("address is %s", contact.address().c_str());

@@ -10,6 +10,9 @@ PresenceDatabaseCommandExecutor::PresenceDatabaseCommandExecutor() : CommandExec
 
 DatabaseResult PresenceDatabaseCommandExecutor::executeSqlCmd(const std::string& cmd, QueryResult& qres)
 {
+    if (&cmd == &m_errorMsg) {
+        return executeSqlCmd(std::string(cmd), qres); // a failure changes that text before the command is traced
+    }
     m_trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
     if (cmd.empty()) {
         DatabaseResult result;
@@ -22,15 +25,15 @@ DatabaseResult PresenceDatabaseCommandExecutor::executeSqlCmd(const std::string&
         return connectionError();
     }
     m_trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): '%s'", cmd.c_str());
-    switch (run(cmd, qres)) {
-    case Run::connectionFailed:
+    if (!m_conn->execute(cmd, qres)) {
         m_trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': errorConnection() failed!", cmd.c_str());
+        errorConnection();
         return connectionError();
-    case Run::queryFailed:
+    }
+    if (qres.failed()) {
         m_trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': queryResult.failed()!", cmd.c_str());
+        error(qres);
         return queryError();
-    case Run::okay:
-        break;
     }
     return judgeRows(qres);
 }

@@ -581,6 +581,46 @@ TEST_F(ExecuteSqlCmdTest, TracesAFailedStatement)
                                 presenceTrace({kRunner + ": '" + kStatement + "': queryResult.failed()!"}));
 }
 
+TEST_F(ExecuteSqlCmdTest, TracesAStatementThatIsItsOwnErrorText)
+{
+    const auto traceOfErrorText = [&](const std::string& earlier) {
+        executor.error(earlier.c_str());
+        executor.executeSqlCmd(executor.getErrorMessage(), qres);
+        return trace.take("PresenceDatabaseCommandExecutor");
+    };
+    const std::string failed = presenceTrace({kRunner + ": '" + kStatement + "': queryResult.failed()!"});
+    const std::string lost = presenceTrace({kRunner + ": '" + kStatement + "': errorConnection() failed!"});
+    const std::string unchecked =
+        presenceTrace({kRunner + "(): ", kRunner + ": '" + kStatement + "': checkConnect() failed!"});
+    EXPECT_EQ(traceOfErrorText(kStatement), unchecked);
+    connect();
+    libpq.replies({status(PGRES_EMPTY_QUERY), nothing()});
+    libpq.resetsTo({CONNECTION_BAD, CONNECTION_BAD});
+    EXPECT_EQ(traceOfErrorText(kStatement), announced(kStatement) + failed);
+    EXPECT_EQ(executor.getErrorMessage(), spliced(kEmptyQuery, kStatement));
+    EXPECT_EQ(traceOfErrorText(kStatement), announced(kStatement) + lost);
+    EXPECT_EQ(traceOfErrorText(kStatement), unchecked);
+    EXPECT_EQ(executor.getErrorMessage(), kServerGone);
+}
+
+TEST_F(ExecuteSqlCmdTest, TracesAFailureBeforeItsTextIsSet)
+{
+    connect();
+    std::string texts;
+    zel::setTraceSink([&](std::string_view /*channel*/, zel::TraceKind /*kind*/, std::string_view text) {
+        if (text.ends_with("failed()!") || text.ends_with("failed!")) {
+            texts += executor.getErrorMessage() + "|";
+        }
+    });
+    executor.error("earlier");
+    libpq.replies({status(PGRES_EMPTY_QUERY), nothing()});
+    libpq.resetsTo({CONNECTION_BAD});
+    run(kStatement);
+    executor.error("earlier");
+    run(kStatement);
+    EXPECT_EQ(texts, "earlier|earlier|");
+}
+
 TEST_F(ExecuteSqlCmdTest, FindsNothingWhereNoRowIsSelected)
 {
     connect();

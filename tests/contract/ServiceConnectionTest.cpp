@@ -1,11 +1,16 @@
 #include "contract/ServiceFixture.h"
 
+#include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/PresenceService.h>
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
+#include <utility>
 
 // What the services have in common: how they are connected, and what they are without a connection.
 
@@ -93,6 +98,22 @@ TYPED_TEST(ServiceConnection, EndsWhenTheServiceIsConnectedAgain)
     EXPECT_EQ(this->trace.take(),
               "DatabaseConnection prn: connection closed\n"
               "DatabaseConnection prn: host=standby.oryx.example dbname=registrar user=other password=word\n");
+}
+
+/// The text belongs to the executor that goes.
+TEST(PresenceServiceConnection, IsMadeAgainWithTheErrorTextOfTheOneBefore)
+{
+    fake::Libpq libpq;
+    PresenceService service;
+    service.connect(kUri, "registrar", "secret");
+    auto* const executor = service.getPresenceDatabaseCommandExecutor();
+    executor->error("a text too long to lie within a string object");
+    const char* const text = executor->getErrorMessage().c_str();
+    libpq.take();
+    EXPECT_EQ(show(service.connect(text, text, text)), "okay");
+    const std::string given = "a text too long to lie within a string object";
+    EXPECT_EQ(libpq.take(),
+              "finish\nconnect dbname=" + given + " user=" + given + " password=" + given + "\nnotices\n");
 }
 
 TYPED_TEST(ServiceConnection, IsNotThereLaterWhenTheServiceWasConnectedAgainInVain)
