@@ -122,7 +122,7 @@ bool CommandExecutor::okay()
 
 bool CommandExecutor::error(const char* msg)
 {
-    m_errorMsg = msg;
+    m_errorMsg = msg != nullptr ? msg : "";
     return false;
 }
 

@@ -49,7 +49,7 @@ public:
     /// True when the connection delivered a result, be it a failed one: whether the statement succeeded is
     /// `result.failed()`. A statement that got no result, or a fatal one (every error of the server is), costs a reset
     /// and is sent again, at most three times in all: a change may therefore take effect twice. False when the
-    /// connection is lost for good; without a connection `result` is left untouched.
+    /// connection is lost for good; without a connection `result` is left untouched. A null text is an empty one.
     bool execute(const char* cmd, QueryResult& result);
     bool execute(const std::string& cmd, QueryResult& result);
     ///@}
@@ -81,13 +81,13 @@ public:
     bool okay();
     /// Failure with libpq's reason. Always false.
     bool error();
-    /// Failure with the given reason. Always false.
+    /// Failure with the given reason, null for an empty one. Always false.
     bool error(const char* msg);
 
 private:
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
-    bool listenAfterReset(const std::string& statement);
+    PGresult* listenAfterReset(const std::string& statement);
     bool waitForInput();
     bool handOn(TableChangeCallback callback);
 

@@ -209,6 +209,8 @@ TYPED_TEST(CommandExecutorTest, KeepsTheReasonOfTheLastFailureUntilASuccess)
 {
     this->connect();
     EXPECT_EQ(this->told(this->executor.error("no contact")), "false ['no contact']\n");
+    EXPECT_EQ(this->told(this->executor.error(this->executor.getErrorMessage().c_str() + 3)), "false ['contact']\n");
+    EXPECT_EQ(this->told(this->executor.error(nullptr)), "false ['']\n");
     EXPECT_EQ(this->told(this->executor.error(QueryResult())), "false ['not executed']\n");
     EXPECT_EQ(this->told(this->executor.okay()), "true ['']\n");
     this->libpq.loseConnection();

@@ -135,6 +135,24 @@ TYPED_TEST(ServiceConnection, EndsWithTheService)
     EXPECT_EQ(this->libpq.take(), "finish\n");
 }
 
+TEST(LocationServiceConnection, EndsBeforeTheAddressMapsAreForgotten)
+{
+    fake::Libpq libpq;
+    std::string keys;
+    auto service = std::make_unique<LocationService>();
+    service->connect(kUri, "registrar", "secret");
+    libpq.replies({fake::rows({{"sequential", "t", "a", "1", "^sip:1", std::nullopt, "3"}})});
+    Found found;
+    service->lookupAddressMap("sip:2@h", found.ordering, found.replaceUri, found.contacts);
+    auto previous = zel::setTraceSink(
+        [&, raw = service.get()](std::string_view /*channel*/, zel::TraceKind /*kind*/, std::string_view text) {
+            keys += text == "connection closed" ? mapKeys(*raw) : "";
+        });
+    service.reset();
+    zel::setTraceSink(std::move(previous));
+    EXPECT_EQ(keys, "[a-1]");
+}
+
 TYPED_TEST(ServiceConnection, NeverMadeIsNeverEnded)
 {
     {
