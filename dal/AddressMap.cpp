@@ -11,7 +11,7 @@ bool AddressMap::compile(const char* pattern, time_t modTime)
         m_trace.prn("expression already compiled");
         return true;
     }
-    const char* const given = pattern != nullptr ? pattern : "";
+    const char* const given = pattern != nullptr ? m_pattern.c_str() : ""; // it may have been a part of the text before
     m_trace.prn("compiling expression '%s'", given);
     m_time = modTime;
     // To the regular-expression library an empty pattern matches everything; to an operator it is a map not filled in.

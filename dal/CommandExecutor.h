@@ -42,7 +42,7 @@ public:
 
     /// Success: empties the error text. Always true.
     bool okay();
-    /// Failure with the given reason. Always false.
+    /// Failure with the given reason, null for an empty one. Always false.
     bool error(const char* msg);
     /// Failure with the statement's reason. Always false.
     bool error(const QueryResult& r);

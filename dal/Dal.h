@@ -271,8 +271,14 @@ public:
     const std::string& handle() const { return m_handle; }
     const std::string& pattern() const { return m_pattern; } ///< POSIX extended regular expression.
     int csid() const { return m_csid; }                      ///< Key of the contact set it leads to.
-    /// Seconds since the epoch, at most what an int holds.
-    int modTime() const { return static_cast<int>(std::min<long>(m_modTime, std::numeric_limits<int>::max())); }
+    /// Seconds since the epoch, held to the limits of an int.
+    int modTime() const
+    {
+        constexpr long kMin = std::numeric_limits<int>::min();
+        constexpr long kMax = std::numeric_limits<int>::max();
+        return static_cast<int>(std::clamp(m_modTime, kMin, kMax));
+    }
+    long wholeModTime() const { return m_modTime; }            ///< The same, also after 2038.
     int priority() const { return m_priority; }                ///< Lower values come first.
     const std::string& ordering() const { return m_ordering; } ///< The contact set's.
     bool replaceUri() const { return m_replaceUri; }           ///< The contact set's; true at first.

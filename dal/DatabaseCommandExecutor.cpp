@@ -4,6 +4,8 @@
 #include <dal/internal/SystemParameters.h>
 
 #include <mutex>
+#include <string_view>
+#include <utility>
 
 namespace oryx {
 
@@ -12,6 +14,48 @@ namespace {
 /// The domains that this process answers for: read once, shared by all location executors.
 std::mutex domainListMutex;
 std::vector<std::string> domainList;
+
+bool knowsDomains()
+{
+    const std::lock_guard lock(domainListMutex);
+    return !domainList.empty();
+}
+
+/// Keeps the domains unless another thread has read them meanwhile. Whether there are any now.
+bool keepDomains(std::vector<std::string>&& domains)
+{
+    const std::lock_guard lock(domainListMutex);
+    if (domainList.empty()) {
+        domainList = std::move(domains);
+    }
+    return !domainList.empty();
+}
+
+/// What printf makes of a format without arguments. What would need one stands as it is: it came with a value.
+std::string formatted(std::string_view format)
+{
+    std::string text;
+    text.reserve(format.size());
+    while (!format.empty()) {
+        text += format.front();
+        format.remove_prefix(format.starts_with("%%") ? 2 : 1);
+    }
+    return text;
+}
+
+/// Lives while this thread reads the domain list: a trace sink that asks for it meanwhile would have it read again, and
+/// with every line of that reading once more.
+class DomainReading {
+public:
+    DomainReading() { underWay = true; }
+    ~DomainReading() { underWay = false; }
+    DomainReading(const DomainReading&) = delete;
+    DomainReading& operator=(const DomainReading&) = delete;
+
+    static thread_local bool underWay;
+};
+
+thread_local bool DomainReading::underWay = false;
 
 } // namespace
 
@@ -26,13 +70,9 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
                                                             QueryResult& qres, bool isTransaction)
 {
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        m_frame->trace.prn(("******** transactionExecute(): cmd=\n" + cmd).c_str());
-#pragma GCC diagnostic pop
+        m_frame->trace.prn("******** transactionExecute(): cmd=\n" + formatted(cmd));
     }
-    const Run outcome = m_frame->run(cmd, qres);
+    const Run outcome = m_frame->send(cmd, qres);
     if (outcome == Run::okay) {
         result.setOkay();
         return result;
@@ -44,6 +84,7 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
         m_frame->trace.prn("query error");
         result.setQueryError();
     }
+    m_frame->keepReason(outcome, qres);
     result.setErrorMessage(m_frame->errorText);
     if (isTransaction && (!m_frame->connection || !m_frame->connection->execute("ROLLBACK;", qres))) {
         m_frame->trace.prn("rollback execution failed\n");
@@ -73,22 +114,26 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
-    const std::lock_guard lock(domainListMutex);
-    if (domainList.empty()) {
-        if (!checkConnect()) {
-            m_frame->trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
-            return domainName;
-        }
-        m_frame->trace.prn(
-            "getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
-        getDomainNameList(domainList);
-        if (domainList.empty()) {
-            m_frame->trace.prn(
-                "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
-            return domainName;
-        }
+    const bool known = knowsDomains() || (!DomainReading::underWay && readDomains());
+    // Once there, the list never changes: it is read without the lock, which nothing is traced under.
+    return known ? pickDomain(m_frame->trace, domainList, index, domainName) : domainName;
+}
+
+bool DatabaseCommandExecutor::readDomains()
+{
+    const DomainReading reading;
+    if (!checkConnect()) {
+        m_frame->trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
+        return false;
     }
-    return pickDomain(m_frame->trace, domainList, index, domainName);
+    m_frame->trace.prn("getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
+    std::vector<std::string> domains;
+    getDomainNameList(domains);
+    if (domains.empty()) {
+        m_frame->trace.prn(
+            "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
+    }
+    return keepDomains(std::move(domains));
 }
 
 } // namespace oryx

@@ -31,14 +31,14 @@ public:
     /// Runs a statement into `qres` without checking the connection first, and answers with `result`.
     ///
     /// With `isTransaction`, a failure is followed by a rollback, whose outcome `qres` then holds; `result` keeps the
-    /// first failure. The statement is traced as a printf format, so it must hold no "%".
+    /// first failure. The statement's trace shows "%%" as "%", all else as it stands.
     DatabaseResult& transactionExecute(const std::string& cmd, DatabaseResult& result, QueryResult& qres,
                                        bool isTransaction);
 
     std::string getSystemParameterValue(const std::string& application, const std::string& scope,
                                         const std::string& name) override;
-    /// The list is read once and shared by all location executors of the process until it ends. While one reads it the
-    /// others wait.
+    /// The list is read once and shared by all location executors of the process until it ends. Threads that ask before
+    /// it is there may read it each; a trace sink that asks while its own thread reads it gets an empty name.
     std::string& getNthElementOfDomainList(std::string& domainName, unsigned int index) override;
 
     /// \name Subscribers and their contact sets
@@ -129,6 +129,10 @@ public:
     DatabaseResult getDomainAccessList(std::vector<DomainAccess>& rules);
 
     ///@}
+
+private:
+    /// Fills the list that the process shares, unless another thread has filled it meanwhile. Whether there is one now.
+    bool readDomains();
 };
 
 } // namespace oryx

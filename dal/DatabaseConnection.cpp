@@ -93,7 +93,7 @@ bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
     }
     m_trace.prn("executing query");
     // The copy is what is sent: the caller's text may be the one that the result held so far.
-    result.setSqlCommand(std::string(cmd));
+    result.setSqlCommand(std::string(cmd != nullptr ? cmd : ""));
     const char* const statement = result.getSqlCommand().c_str();
     PGresult* received = PQexec(m_conn, statement);
     if (received == nullptr) {
@@ -166,7 +166,7 @@ bool DatabaseConnection::error()
 
 bool DatabaseConnection::error(const char* msg)
 {
-    m_errorMsg = msg;
+    m_errorMsg = msg != nullptr ? msg : "";
     return false;
 }
 

@@ -50,6 +50,7 @@ public:
     ///
     /// True when the connection delivered a result, be it a failed one: whether the statement succeeded is
     /// `result.failed()`. False when the connection is lost for good; without a connection `result` is left untouched.
+    /// A null text is an empty one.
     ///
     /// A statement that brings back no result (the connection is lost) is sent again after a reset of the connection,
     /// and so is one whose result is fatal (the server refused it, or ended meanwhile). A refused statement so costs
@@ -86,13 +87,13 @@ public:
     bool okay();
     /// Failure with libpq's reason. Always false.
     bool error();
-    /// Failure with the given reason. Always false.
+    /// Failure with the given reason, null for an empty one. Always false.
     bool error(const char* msg);
 
 private:
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
-    bool listenAfterReset(const std::string& statement);
+    PGresult* listenAfterReset(const std::string& statement);
     bool waitForInput();
     bool handOn(TableChangeCallback callback);
 

@@ -18,7 +18,10 @@ constexpr const char* kCommit = "COMMIT TRANSACTION;";
 
 LocationService::LocationService() : m_addrMap(std::make_unique<AddressMapCache>(m_trace)) {}
 
-LocationService::~LocationService() = default;
+LocationService::~LocationService()
+{
+    m_exec.reset(); // the connection ends before the address maps are forgotten
+}
 
 DatabaseResult LocationService::connect(const char* uri, const char* user, const char* password)
 {

@@ -124,8 +124,9 @@ public:
 
     /// Appends the contacts that serve a request URI that belongs to no subscriber: those of the first address map
     /// whose pattern is found in it, their addresses filled from its parts ("$user", "${host}", ...; RFC 3261 section
-    /// 19.1.1). A part that the URI lacks is empty; "port" without a port stays as it stands. All contacts of the
-    /// vector are filled, also those that it held before.
+    /// 19.1.1). A part that the URI lacks is empty, and all are where it is no SIP URI, which a line on the trace
+    /// channel "oryx" says; "port" without a port stays as it stands. All contacts of the vector are filled, also those
+    /// that it held before. `uri` may be a text of the vector's contacts, or `ordering`'s.
     ///
     /// The maps are read on every call and kept compiled: a map keeps its place while it stays in the table, whatever
     /// becomes of its priority, and its pattern is compiled again only when its modification time is later, in whole

@@ -40,6 +40,9 @@ const std::string& PresenceDatabaseCommandExecutor::getErrorMessage() const
 
 DatabaseResult PresenceDatabaseCommandExecutor::executeSqlCmd(const std::string& cmd, QueryResult& qres)
 {
+    if (&cmd == &m_frame->errorText) {
+        return executeSqlCmd(std::string(cmd), qres); // a failure changes that text before the command is traced
+    }
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
     if (cmd.empty()) {
         DatabaseResult result;
@@ -52,13 +55,15 @@ DatabaseResult PresenceDatabaseCommandExecutor::executeSqlCmd(const std::string&
         return m_frame->connectionError();
     }
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): '%s'", cmd.c_str());
-    switch (m_frame->run(cmd, qres)) {
+    switch (m_frame->send(cmd, qres)) {
     case Run::connectionFailed:
         m_frame->trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': errorConnection() failed!",
                            cmd.c_str());
+        errorConnection();
         return m_frame->connectionError();
     case Run::queryFailed:
         m_frame->trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': queryResult.failed()!", cmd.c_str());
+        error(qres);
         return m_frame->queryError();
     case Run::okay:
         break;

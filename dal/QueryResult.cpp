@@ -1,9 +1,10 @@
 #include <dal/QueryResult.h>
 
+#include <dal/internal/Number.h>
+
 #include <libpq-fe.h>
 
 #include <array>
-#include <cstdlib>
 
 namespace oryx {
 
@@ -48,7 +49,7 @@ int QueryResult::columns() const
 int QueryResult::updateCount() const
 {
     const char* const count = m_result != nullptr ? PQcmdTuples(m_result) : nullptr;
-    return count != nullptr ? std::atoi(count) : 0;
+    return count != nullptr ? leadingInt(count) : 0;
 }
 
 const char* QueryResult::getColumnName(int col) const

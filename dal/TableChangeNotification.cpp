@@ -61,37 +61,36 @@ bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& t
 {
     const std::string statement = sql("LISTEN {}", table);
     m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): Attempting to LISTEN on %s", table.c_str());
-    PGresult* const result = PQexec(m_conn, statement.c_str());
-    if (result == nullptr) {
-        return listenAfterReset(statement);
-    }
-    const bool listening = PQresultStatus(result) == PGRES_COMMAND_OK;
-    PQclear(result);
+    PGresult* result = PQexec(m_conn, statement.c_str());
+    bool listening = result != nullptr && PQresultStatus(result) == PGRES_COMMAND_OK;
     if (listening) {
         m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): --- SUCCESS ---: LISTEN on %s",
                     table.c_str());
-    } else {
+    } else if (result != nullptr) {
         m_trace.log(
             "DatabaseConnection::listenForDbTableChangeNotification(): *** ERROR ***: Failed to exec LISTEN on on %s",
             table.c_str());
+    } else {
+        result = listenAfterReset(statement);
+        listening = result != nullptr; // whatever the status
     }
+    PQclear(result);
     return listening;
 }
 
-bool DatabaseConnection::listenAfterReset(const std::string& statement)
+PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 {
     m_trace.prn("listenForDbTableChangeNotification: resetting the connection");
     if (!reset()) {
         m_trace.log("listenForDbTableChangeNotification: reset failed");
-        return false;
+        return nullptr;
     }
     m_trace.log("listenForDbTableChangeNotification: connection reset, retrying query");
     PGresult* const result = PQexec(m_conn, statement.c_str());
     if (result == nullptr) {
         m_trace.log("listenForDbTableChangeNotification: query listen failed even after reset");
     }
-    PQclear(result);
-    return result != nullptr;
+    return result;
 }
 
 bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGlobal)

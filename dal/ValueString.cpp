@@ -16,7 +16,7 @@ void separate(std::string& list)
 void ValueString::addName(const char* nm)
 {
     separate(m_names);
-    m_names += nm;
+    m_names += nm != nullptr ? nm : "";
 }
 
 void ValueString::addValue(const char* v)
@@ -42,9 +42,14 @@ void ValueString::add(const char* nm, const std::string& v)
 
 void ValueString::addExplicit(const char* nm, long v)
 {
+    addNumber(nm, std::to_string(v));
+}
+
+void ValueString::addNumber(const char* nm, const std::string& digits)
+{
     addName(nm);
     separate(m_values);
-    m_values += std::to_string(v);
+    m_values += digits;
 }
 
 const char* ValueString::names()

@@ -2,6 +2,7 @@
 
 #include <util/OryxExport.h>
 
+#include <concepts>
 #include <string>
 
 namespace oryx {
@@ -13,7 +14,7 @@ namespace oryx {
 /// \ingroup core
 class ORYX_EXPORT ValueString {
 public:
-    /// Adds a column; `nm` must not be null.
+    /// Adds a column; null is an empty name.
     void addName(const char* nm);
     /// Adds a value: a quoted text, or NULL for a null pointer.
     void addValue(const char* v);
@@ -23,6 +24,12 @@ public:
     void add(const char* nm, const std::string& v);
     /// Adds a column and its value, a bare number.
     void addExplicit(const char* nm, long v);
+    /// The same for a number without a sign, which may be more than a long holds.
+    template <std::unsigned_integral Number>
+    void addExplicit(const char* nm, Number v)
+    {
+        addNumber(nm, std::to_string(v));
+    }
 
     /// The column list with its closing parenthesis; valid until the next call that changes it.
     const char* names();
@@ -30,6 +37,8 @@ public:
     const char* values();
 
 private:
+    void addNumber(const char* nm, const std::string& digits);
+
     std::string m_names = "(";
     std::string m_values = "(";
 };

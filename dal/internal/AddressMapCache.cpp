@@ -42,6 +42,7 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
         result.setQueryError();
         return result;
     }
+    const std::string request = uri; // what follows may change whose text it is: a contact's, the ordering, a map's
     std::vector<AddressMapRecord> records;
     result = queries.addressMaps(records);
     if (!result.okay()) {
@@ -50,7 +51,7 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
     }
     m_trace.prn("result contains %d maps", static_cast<int>(records.size()));
     bringIntoLine(records);
-    const AddressMap* const match = firstMatch(uri);
+    const AddressMap* const match = firstMatch(request.c_str());
     if (match == nullptr || match->csid() <= 0) {
         result.setNotFound();
         return result;
@@ -58,7 +59,7 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
     m_trace.prn("looking up contacts for csid %d", match->csid());
     result = queries.contacts(match->csid());
     if (result.okay()) {
-        substitute(uri, contacts);
+        substitute(request, *match, contacts);
     } else {
         m_trace.prn("lookup failed: %s", result.getErrorMessage().c_str());
     }
@@ -120,7 +121,7 @@ void AddressMapCache::refresh(const AddressMapRecord& record, const std::string&
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
         m_trace.prn("tnow is %ld", static_cast<long>(std::time(nullptr)));
         m_trace.prn("key=%s, pat=%s, time=%ld, priority=%d, ordering=%s", key.c_str(), record.pattern().c_str(),
-                    static_cast<long>(record.modTime()), record.priority(), record.ordering().c_str());
+                    record.wholeModTime(), record.priority(), record.ordering().c_str());
     }
     Entry* entry = finder.find(key);
     if (entry != nullptr) {
@@ -130,7 +131,7 @@ void AddressMapCache::refresh(const AddressMapRecord& record, const std::string&
         entry = m_entries.emplace_back(std::make_unique<Entry>()).get();
         entry->map.setKey(key.c_str());
     }
-    entry->map.compile(record.pattern().c_str(), record.modTime());
+    entry->map.compile(record.pattern().c_str(), record.wholeModTime());
     entry->map.setCsid(record.csid());
     entry->current = true;
 }
@@ -161,10 +162,17 @@ AddressMap* AddressMapCache::firstMatch(const char* uri)
     return nullptr;
 }
 
-void AddressMapCache::substitute(const char* uri, std::vector<ContactRecord>& contacts)
+void AddressMapCache::substitute(const std::string& uri, const AddressMap& match, std::vector<ContactRecord>& contacts)
 {
     m_trace.prn("found %d contacts, performing substitution...", static_cast<int>(contacts.size()));
-    const Hashtable<std::string> parts = partsOf(wex::Uri(uri));
+    const wex::Uri request(uri);
+    if (!request.isValid()) {
+        // Without the URI itself: what cannot be taken apart may hold a password anywhere.
+        zel::Trace("oryx").prn(
+            "the request URI that address map %s matches is not a SIP URI: its parts are empty in the contacts",
+            match.key());
+    }
+    const Hashtable<std::string> parts = partsOf(request);
     std::string address;
     for (ContactRecord& contact : contacts) {
         m_trace.prn("address is %s", contact.address().c_str());

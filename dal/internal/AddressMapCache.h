@@ -55,7 +55,7 @@ private:
     void refresh(const AddressMapRecord& record, const std::string& key, Finder& finder);
     void sweep(std::size_t oldEntries);
     AddressMap* firstMatch(const char* uri);
-    void substitute(const char* uri, std::vector<ContactRecord>& contacts);
+    void substitute(const std::string& uri, const AddressMap& match, std::vector<ContactRecord>& contacts);
 
     Entries::const_iterator position(std::string_view key) const;
 

@@ -30,7 +30,7 @@ bool Frame::okay()
 
 bool Frame::error(const char* msg)
 {
-    errorText = msg;
+    errorText = msg != nullptr ? msg : "";
     return false;
 }
 
@@ -73,17 +73,28 @@ bool Frame::require(bool valid, const char* msg)
     return valid || error(msg);
 }
 
-Run Frame::run(const std::string& statement, QueryResult& result)
+Run Frame::send(const std::string& statement, QueryResult& result)
 {
     if (!connection || !connection->execute(statement, result)) {
-        errorConnection();
         return Run::connectionFailed;
     }
-    if (result.failed()) {
+    return result.failed() ? Run::queryFailed : Run::okay;
+}
+
+void Frame::keepReason(Run outcome, const QueryResult& result)
+{
+    if (outcome == Run::connectionFailed) {
+        errorConnection();
+    } else if (outcome == Run::queryFailed) {
         error(result);
-        return Run::queryFailed;
     }
-    return Run::okay;
+}
+
+Run Frame::run(const std::string& statement, QueryResult& result)
+{
+    const Run outcome = send(statement, result);
+    keepReason(outcome, result);
+    return outcome;
 }
 
 DatabaseResult Frame::runForResult(const std::string& statement, QueryResult& result)

@@ -25,7 +25,7 @@ struct Refusal {
 };
 using Refusals = std::initializer_list<Refusal>;
 
-/// How the running of a statement ended; the two failures have left their reason in the error text.
+/// How the running of a statement ended.
 enum class Run { okay, connectionFailed, queryFailed };
 
 /// What a listing without rows means, and which rows it delivers.
@@ -78,6 +78,11 @@ public:
 
     // Statements, without checking the connection first
 
+    /// Sends a statement; the error text stays, for a caller that has something to trace before it changes.
+    Run send(const std::string& statement, QueryResult& result);
+    /// Takes the reason of a failure into the error text.
+    void keepReason(Run outcome, const QueryResult& result);
+    /// Both.
     Run run(const std::string& statement, QueryResult& result);
     /// The same for callers that answer with a result.
     DatabaseResult runForResult(const std::string& statement, QueryResult& result);

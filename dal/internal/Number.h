@@ -15,4 +15,13 @@ inline int leadingInt(const char* text)
     return static_cast<int>(std::clamp(std::strtoll(text, nullptr, 10), kMin, kMax));
 }
 
+/// The leading whole number of a text that may be negative or unsigned, as an unsigned int: -1 and 4294967295 are the
+/// same. Held to the limits of both.
+inline unsigned int leadingUnsigned(const char* text)
+{
+    constexpr long long kMin = std::numeric_limits<int>::min();
+    constexpr long long kMax = std::numeric_limits<unsigned int>::max();
+    return static_cast<unsigned int>(std::clamp(std::strtoll(text, nullptr, 10), kMin, kMax));
+}
+
 } // namespace oryx

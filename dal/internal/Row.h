@@ -51,6 +51,12 @@ public:
         const char* const value = text(column);
         return value != nullptr ? std::strtol(value, nullptr, 10) : whenNull;
     }
+    /// A version, as far as an unsigned long reaches.
+    unsigned long unsignedNumber(int column, unsigned long whenNull) const
+    {
+        const char* const value = text(column);
+        return value != nullptr ? std::strtoul(value, nullptr, 10) : whenNull;
+    }
     /// A database boolean: true for a text that begins with 't'.
     bool flag(int column, bool whenNull) const
     {

@@ -3,6 +3,7 @@
 #include <dal/internal/AddressMapCache.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,13 +12,27 @@
 
 namespace oryx {
 
+/// An argument of a connection, kept: it may be a text of the executor that goes. Null stays null.
+class KeptText {
+public:
+    explicit KeptText(const char* text) : m_text(text != nullptr ? std::optional<std::string>(text) : std::nullopt) {}
+
+    const char* get() const { return m_text ? m_text->c_str() : nullptr; }
+
+private:
+    std::optional<std::string> m_text;
+};
+
 /// Replaces a service's executor by a new one, connected; the old connection is closed first.
 template <typename Executor>
 DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const char* uri, const char* user, const char* password)
 {
+    const KeptText keptUri(uri);
+    const KeptText keptUser(user);
+    const KeptText keptPassword(password);
     executor = std::make_unique<Executor>();
     DatabaseResult result;
-    if (!executor->connect(uri, user, password)) {
+    if (!executor->connect(keptUri.get(), keptUser.get(), keptPassword.get())) {
         result.setConnectionError();
         result.setErrorMessage(executor->getErrorMessage());
     }

@@ -5,6 +5,10 @@
 
 #include <Crypt.h>
 
+#include <algorithm>
+#include <ctime>
+#include <limits>
+
 namespace oryx {
 
 namespace {
@@ -53,6 +57,13 @@ bool readContactSet(const Row& row, const ContactQuery& query, zel::Trace& trace
     return *active != 'f';
 }
 
+/// Where the system's time reaches further than a long, the last second that one holds.
+long asLong(time_t seconds)
+{
+    constexpr long long kMax = std::numeric_limits<long>::max();
+    return static_cast<long>(std::min<long long>(seconds, kMax));
+}
+
 AddressMapRecord readAddressMap(const Row& row)
 {
     AddressMapRecord map;
@@ -61,7 +72,7 @@ AddressMapRecord readAddressMap(const Row& row)
     map.setHandle(row.text(2));
     map.setCsid(row.integer(3, map.csid()));
     map.setPattern(row.text(4));
-    map.setModTime(static_cast<long>(convertTime(row.text(5))));
+    map.setModTime(asLong(convertTime(row.text(5))));
     map.setPriority(row.integer(6, map.priority()));
     return map;
 }

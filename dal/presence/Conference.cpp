@@ -11,15 +11,11 @@ namespace {
 
 enum State : unsigned int { kIdle = 0, kInUse = 1, kInvalid = 2 };
 
-/// A start time as it is written and read: a signed number, whatever it stands for.
-int writtenTime(unsigned int seconds)
-{
-    return static_cast<int>(seconds);
-}
-
+/// A change writes a signed number, an addition an unsigned one: either reads back as what was written.
 unsigned int readTime(const Row& row, int column)
 {
-    return static_cast<unsigned int>(row.integer(column, 0));
+    const char* const value = row.text(column);
+    return value != nullptr ? leadingUnsigned(value) : 0;
 }
 
 } // namespace
@@ -83,7 +79,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::strin
     }
     QueryResult result;
     return executeSqlCmd(sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';",
-                             status, writtenTime(start_time), extension),
+                             status, static_cast<int>(start_time), extension),
                          result);
 }
 
@@ -96,7 +92,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRec
     ValueString columns;
     columns.add("extension", record.extension());
     columns.add("conf_status", record.conf_status());
-    columns.addExplicit("start_time", writtenTime(record.start_time()));
+    columns.addExplicit("start_time", record.start_time());
     QueryResult result;
     return executeSqlCmd(sql("INSERT INTO conf_state {} VALUES{};", columns.names(), columns.values()), result);
 }

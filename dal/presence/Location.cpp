@@ -53,7 +53,7 @@ void readExpiredContact(const Row& row, ExtendedContactRecord& contact)
     contact.setContactHeader(row.text(1));
     contact.setExpires(row.number(2, contact.expires()));
     contact.setCallId(row.text(3));
-    contact.setCseq(row.integer(4, static_cast<int>(contact.cseq())));
+    contact.setCseq(row.number(4, contact.cseq()));
     contact.setHandle(row.text(5));
     contact.setDomain(row.text(6));
 }

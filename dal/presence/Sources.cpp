@@ -118,7 +118,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getWinfoForPresentity(const char
                 winfoKey);
         },
         [&, key = copied(winfoKey)](const Row& row) {
-            records.emplace_back(key.c_str(), row.text(0), row.text(3), row.integer(1, 0), row.integer(2, 0));
+            records.emplace_back(key.c_str(), row.text(0), row.text(3), row.integer(1, 0), row.number(2, 0));
         },
         "Retrieved %d rows");
 }

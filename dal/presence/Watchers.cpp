@@ -11,17 +11,9 @@ namespace {
 /// Reads a watcher from its opaque key, types, state, expiry, identity, presentity and document version, in this order.
 WatchersRecord readWatcher(const Row& row, std::string presentityKey, std::string remoteContact)
 {
-    return {std::move(presentityKey),
-            row.string(0),
-            row.integer(1, 0),
-            row.integer(2, 0),
-            row.integer(3, 0),
-            row.number(4, 0),
-            row.string(5),
-            row.string(6),
-            static_cast<unsigned long>(row.integer(7, 0)),
-            std::string(),
-            std::move(remoteContact)};
+    return {std::move(presentityKey), row.string(0),    row.integer(1, 0),       row.integer(2, 0),
+            row.integer(3, 0),        row.number(4, 0), row.string(5),           row.string(6),
+            row.unsignedNumber(7, 0), std::string(),    std::move(remoteContact)};
 }
 
 std::string insertion(const WatchersRecord& record)
@@ -30,7 +22,7 @@ std::string insertion(const WatchersRecord& record)
     columns.add("presentitykey", record.presentitykey());
     columns.add("watcheropaque", record.watcheropaque());
     columns.addExplicit("doctype", record.doctype());
-    columns.addExplicit("docversion", static_cast<int>(record.docversion())); // alike where long is 32 bits
+    columns.addExplicit("docversion", record.docversion());
     columns.addExplicit("watchertype", record.watchertype());
     columns.addExplicit("watcherstate", record.watcherstate());
     columns.addExplicit("expirytime", record.expirytime());

@@ -22,6 +22,7 @@ using fake::nothing;
 using fake::refused;
 using fake::rows;
 using oryx::ContactRecord;
+using oryx::DatabaseResult;
 using oryx::LocationService;
 
 constexpr const char* kOld = "Wed Dec 17 07:37:16 1997";
@@ -172,6 +173,65 @@ TEST_F(AddressMapLookup, SendsTheSameWithTracingOff)
     expectServed("sip:1@h", "9", {map("help", "8", "^sip:2"), map("desk", "9", "^sip:1")});
     EXPECT_EQ(keys(), "[help-8][desk-9]");
     EXPECT_EQ(trace.take(), "");
+}
+
+TEST_F(AddressMapLookup, ReadsTheTimeOfARowWholeAlsoAfter2038)
+{
+    if (sizeof(std::time_t) > sizeof(long)) {
+        GTEST_SKIP() << "a record's time ends before this system's does";
+    }
+    const std::string late = "Wed Dec 17 07:37:16 2042";
+    const std::string later = "Wed Dec 17 07:37:17 2042";
+    expectServed("sip:1@h", "1", {map("a", "1", "^sip:1", late)});
+    EXPECT_NE(trace.take().find(", time=" + std::to_string(oryx::convertTime(late.c_str())) + ", "), std::string::npos);
+    expectServed("sip:2@h", "1", {map("a", "1", "^sip:2", later)});
+}
+
+// Texts that the lookup itself changes
+
+/// A URI that lies within a string object, and goes where that goes; one too long for it.
+const std::string kShortUri = "sip:alice@h";
+const std::string kLongUri = "sip:alice.of.the.sales.department@oryx.example";
+
+TEST_F(AddressMapLookup, TakesTheUriFromAContactOfTheVector)
+{
+    for (const std::string& uri : {kShortUri, kLongUri}) {
+        ContactRecord first;
+        first.setAddress(uri.c_str());
+        Found held;
+        held.contacts = {first};
+        libpq.replies({rows({map("a", "1", "^sip:alice")}),
+                       rows({contactOfSet("$user"), contactOfSet("$protocol"), contactOfSet("sip:bob@gw")})});
+        const DatabaseResult result = service.lookupAddressMap(held.contacts.front().address().c_str(), held.ordering,
+                                                               held.replaceUri, held.contacts);
+        const std::string user = uri.substr(4, uri.find('@') - 4);
+        EXPECT_EQ(held.after(result), "okay\nordering='parallel' replace=false\n" + show(first) +
+                                          shownContactOfSet(user) + shownContactOfSet("sip") +
+                                          shownContactOfSet("sip:bob@gw"));
+    }
+}
+
+TEST_F(AddressMapLookup, TakesTheUriFromTheOrdering)
+{
+    Found held;
+    held.ordering = kLongUri;
+    libpq.replies({rows({map("a", "1", "^sip:alice")}), rows({contactOfSet("sip:$user@gw")})});
+    const DatabaseResult result =
+        service.lookupAddressMap(held.ordering.c_str(), held.ordering, held.replaceUri, held.contacts);
+    EXPECT_EQ(held.after(result),
+              "okay\nordering='parallel' replace=false\n" + shownContactOfSet("sip:alice.of.the.sales.department@gw"));
+}
+
+TEST_F(AddressMapLookup, TakesTheUriFromAMapThatGoes)
+{
+    const std::string pattern = "sip:alice.of.the.sales.department";
+    expectNotServed("sip:x@h", {map("a", "1", pattern)});
+    std::string key = "a-1";
+    Found found;
+    libpq.replies({rows({map("b", "2", "^sip:alice")}), rows({contactOfSet("$protocol")})});
+    const DatabaseResult result = service.lookupAddressMap(service.lookupMapEntry(key)->pattern(), found.ordering,
+                                                           found.replaceUri, found.contacts);
+    EXPECT_EQ(found.after(result), "okay\nordering='parallel' replace=false\n" + shownContactOfSet("sip"));
 }
 
 // What ends it early
@@ -426,6 +486,19 @@ TEST_F(AddressMapLookup, FillsAllContactsOfTheVector)
                                      "replaced contact address with sip:al%20ice@192.0.2.7:5060",
                                      "address is sip:$user@gw", "replaced contact address with sip:alice@gw",
                                      "address is sip:bob@gw", "replaced contact address with sip:bob@gw"})));
+}
+
+TEST_F(AddressMapLookup, SaysWhereTheUriHasNoPartsAndNeverShowsIt)
+{
+    const fake::Rows maps = {map("a", "1", "secret")};
+    libpq.replies({rows(maps), rows({contactOfSet("sip:$user@gw")})});
+    EXPECT_EQ(lookUp("tel:+4930;x=secret"), "okay\nordering='parallel' replace=false\n" + shownContactOfSet("sip:@gw"));
+    EXPECT_EQ(
+        trace.take("oryx"),
+        "oryx prn: the request URI that address map a-1 matches is not a SIP URI: its parts are empty in the contacts\n");
+    libpq.replies({rows(maps), rows({contactOfSet("sip:$user@gw")})});
+    EXPECT_EQ(lookUp("sip:a:secret@h"), "okay\nordering='parallel' replace=false\n" + shownContactOfSet("sip:a@gw"));
+    EXPECT_EQ(trace.take("oryx"), "");
 }
 
 TEST_F(AddressMapLookup, IsOkayWithoutContacts)

@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <barrier>
+#include <limits>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -207,6 +209,8 @@ TYPED_TEST(CommandExecutorTest, KeepsTheReasonOfTheLastFailureUntilASuccess)
 {
     this->connect();
     EXPECT_EQ(this->told(this->executor.error("no contact")), "false ['no contact']\n");
+    EXPECT_EQ(this->told(this->executor.error(this->executor.getErrorMessage().c_str() + 3)), "false ['contact']\n");
+    EXPECT_EQ(this->told(this->executor.error(nullptr)), "false ['']\n");
     EXPECT_EQ(this->told(this->executor.error(QueryResult())), "false ['not executed']\n");
     EXPECT_EQ(this->told(this->executor.okay()), "true ['']\n");
     this->libpq.loseConnection();
@@ -409,6 +413,57 @@ TEST_F(TransactionExecuteTest, TracesTheStatementAsAFormat)
               executorTrace({"******** transactionExecute(): cmd=\nSELECT '100%';"}));
 }
 
+/// A statement, and how a format without arguments shows it.
+class FormatTexts : public TransactionExecuteTest,
+                    public testing::WithParamInterface<std::pair<std::string, std::string>> {
+protected:
+    static std::string traced(const std::string& shown)
+    {
+        return executorTrace({"******** transactionExecute(): cmd=\n" + shown});
+    }
+};
+
+TEST_P(FormatTexts, AreTracedWithoutArgumentsAndSentAsTheyStand)
+{
+    const auto& [statement, shown] = GetParam();
+    libpq.replies({command()});
+    EXPECT_EQ(run(statement, false), "okay ['']\nexec " + statement + "\n");
+    EXPECT_EQ(trace.take("DatabaseCommandExecutor"), traced(shown));
+}
+
+TEST_P(FormatTexts, AreTracedAlikeAsTheNameOfASystemParameter)
+{
+    const auto& [name, shown] = GetParam();
+    const auto query = [](const std::string& text) {
+        return "SELECT system_parameters.value FROM system_parameters WHERE (((system_parameters.application = 'a') AND (system_parameters.scope = 's')) AND (system_parameters.name = '" +
+               text + "'));";
+    };
+    libpq.replies({rows({{"value"}})});
+    EXPECT_EQ(executor.getSystemParameterValue("a", "s", name), "value");
+    EXPECT_EQ(libpq.take(), "exec " + query(name) + "\n");
+    EXPECT_EQ(trace.take("DatabaseCommandExecutor"), traced(query(shown)));
+}
+
+using Texts = std::pair<std::string, std::string>;
+INSTANTIATE_TEST_SUITE_P(Of, FormatTexts,
+                         testing::Values(Texts{"%n", "%n"}, Texts{"%d of %s", "%d of %s"}, Texts{"%p%p%p", "%p%p%p"},
+                                         Texts{"%%", "%"}, Texts{"%%%", "%%"}, Texts{"%%%%", "%%"}, Texts{"%%n", "%n"},
+                                         Texts{"100%", "100%"}, Texts{"%", "%"}, Texts{"% %", "% %"},
+                                         Texts{"%1$s %*d %.99999999f", "%1$s %*d %.99999999f"},
+                                         Texts{"LIKE '%%incoming#%%' OR '%x%'", "LIKE '%incoming#%' OR '%x%'"}));
+
+TEST_F(TransactionExecuteTest, TakesItsStatementFromWhatItChanges)
+{
+    executor.error(kPlain.c_str());
+    DatabaseResult result;
+    libpq.replies({status(PGRES_EMPTY_QUERY), command(), command()});
+    executor.transactionExecute(executor.getErrorMessage(), result, qres, true);
+    EXPECT_EQ(libpq.take(), "exec DELETE FROM contact;\nexec ROLLBACK;\n");
+    EXPECT_EQ(trace.take("DatabaseCommandExecutor"), executorTrace({kTracedPlain, "query error"}));
+    executor.transactionExecute(qres.getSqlCommand(), result, qres, true);
+    EXPECT_EQ(libpq.take(), "exec ROLLBACK;\n");
+}
+
 TEST_F(TransactionExecuteTest, TracesALostStatementAndItsRollback)
 {
     libpq.replies({nothing(), command()});
@@ -526,6 +581,46 @@ TEST_F(ExecuteSqlCmdTest, TracesAFailedStatement)
     run(kStatement);
     EXPECT_EQ(trace.take(), announced(kStatement) + returned(PGRES_EMPTY_QUERY, kStatement) +
                                 presenceTrace({kRunner + ": '" + kStatement + "': queryResult.failed()!"}));
+}
+
+TEST_F(ExecuteSqlCmdTest, TracesAStatementThatIsItsOwnErrorText)
+{
+    const auto traceOfErrorText = [&](const std::string& earlier) {
+        executor.error(earlier.c_str());
+        executor.executeSqlCmd(executor.getErrorMessage(), qres);
+        return trace.take("PresenceDatabaseCommandExecutor");
+    };
+    const std::string failed = presenceTrace({kRunner + ": '" + kStatement + "': queryResult.failed()!"});
+    const std::string lost = presenceTrace({kRunner + ": '" + kStatement + "': errorConnection() failed!"});
+    const std::string unchecked =
+        presenceTrace({kRunner + "(): ", kRunner + ": '" + kStatement + "': checkConnect() failed!"});
+    EXPECT_EQ(traceOfErrorText(kStatement), unchecked);
+    connect();
+    libpq.replies({status(PGRES_EMPTY_QUERY), nothing()});
+    libpq.resetsTo({CONNECTION_BAD, CONNECTION_BAD});
+    EXPECT_EQ(traceOfErrorText(kStatement), announced(kStatement) + failed);
+    EXPECT_EQ(executor.getErrorMessage(), spliced(kEmptyQuery, kStatement));
+    EXPECT_EQ(traceOfErrorText(kStatement), announced(kStatement) + lost);
+    EXPECT_EQ(traceOfErrorText(kStatement), unchecked);
+    EXPECT_EQ(executor.getErrorMessage(), kServerGone);
+}
+
+TEST_F(ExecuteSqlCmdTest, TracesAFailureBeforeItsTextIsSet)
+{
+    connect();
+    std::string texts;
+    zel::setTraceSink([&](std::string_view /*channel*/, zel::TraceKind /*kind*/, std::string_view text) {
+        if (text.ends_with("failed()!") || text.ends_with("failed!")) {
+            texts += executor.getErrorMessage() + "|";
+        }
+    });
+    executor.error("earlier");
+    libpq.replies({status(PGRES_EMPTY_QUERY), nothing()});
+    libpq.resetsTo({CONNECTION_BAD});
+    run(kStatement);
+    executor.error("earlier");
+    run(kStatement);
+    EXPECT_EQ(texts, "earlier|earlier|");
 }
 
 TEST_F(ExecuteSqlCmdTest, FindsNothingWhereNoRowIsSelected)
@@ -843,12 +938,13 @@ TEST_F(LocationDomainCache, IsAskedForAgainAsLongAsItIsEmpty)
     EXPECT_EQ(libpq.takeStatements(), (std::vector<std::string>{kDomainQuery, kDomainQuery}));
 }
 
-TEST_F(LocationDomainCache, IsFilledOnceByTwoThreads)
+TEST_F(LocationDomainCache, IsReadByTwoThreadsAtOnce)
 {
     connect();
     DatabaseCommandExecutor second;
     ASSERT_TRUE(second.connect("registrar", "alice", "secret"));
-    libpq.replies({rows({{"oryx.example, example.com"}})});
+    const auto domains = rows({{"oryx.example, example.com"}});
+    libpq.replies({domains, domains});
     std::barrier start(2);
     std::string firstName;
     std::string secondName;
@@ -861,7 +957,73 @@ TEST_F(LocationDomainCache, IsFilledOnceByTwoThreads)
     other.join();
     EXPECT_EQ(firstName, "oryx.example");
     EXPECT_EQ(secondName, "example.com");
-    EXPECT_EQ(libpq.takeStatements(), std::vector<std::string>{kDomainQuery});
+    // Neither waits for the other: the list is read by one of them, or by both.
+    if (libpq.takeStatements().size() == 1) {
+        std::vector<std::string> unused;
+        executor.getDomainNameList(unused);
+    }
+}
+
+TEST_F(LocationDomainCache, KeepsTheListThatWasReadFirst)
+{
+    connect();
+    DatabaseCommandExecutor second;
+    ASSERT_TRUE(second.connect("registrar", "alice", "secret"));
+    libpq.replies({rows({{"first.example"}}), rows({{"second.example"}})});
+    std::string ofOther;
+    bool asked = false;
+    // While one thread is about to read the list, another reads it from beginning to end.
+    zel::setTraceSink([&](std::string_view /*channel*/, zel::TraceKind /*kind*/, std::string_view /*text*/) {
+        if (!std::exchange(asked, true)) {
+            std::thread([&] { second.getDomainName(ofOther); }).join();
+        }
+    });
+    std::string name;
+    EXPECT_EQ(executor.getDomainName(name), "first.example");
+    EXPECT_EQ(ofOther, "first.example");
+    EXPECT_EQ(libpq.takeStatements(), (std::vector<std::string>{kDomainQuery, kDomainQuery}));
+}
+
+/// A sink that shows the domain name with every line, as `executor` tells it.
+std::string namesAsked(DatabaseCommandExecutor& executor, DatabaseCommandExecutor& asked, std::string& name)
+{
+    std::string names;
+    auto previous =
+        zel::setTraceSink([&](std::string_view /*channel*/, zel::TraceKind /*kind*/, std::string_view /*text*/) {
+            std::string shown;
+            names += "[" + asked.getDomainName(shown) + "]";
+        });
+    executor.getDomainName(name);
+    executor.execute("SELECT 1;");
+    zel::setTraceSink(std::move(previous));
+    return names;
+}
+
+TEST_F(LocationDomainCache, IsStillEmptyToATraceSinkThatAsksWhileItIsRead)
+{
+    connect();
+    libpq.replies({rows({{"oryx.example"}}), rows({{"1"}})});
+    std::string name;
+    const std::string names = namesAsked(executor, executor, name);
+    EXPECT_EQ(name, "oryx.example");
+    EXPECT_TRUE(names.starts_with("[][]")) << names;
+    EXPECT_TRUE(names.ends_with("[oryx.example][oryx.example]")) << names;
+    EXPECT_EQ(libpq.takeStatements(), (std::vector<std::string>{kDomainQuery, "SELECT 1;"}));
+}
+
+TEST_F(LocationDomainCache, IsStillEmptyToATraceSinkWithAnExecutorOfItsOwn)
+{
+    connect();
+    DatabaseCommandExecutor other;
+    ASSERT_TRUE(other.connect("registrar", "alice", "secret"));
+    libpq.replies({noRows(), rows({{"oryx.example"}}), rows({{"1"}})});
+    std::string name;
+    const std::string nothingYet = namesAsked(executor, other, name);
+    EXPECT_EQ(name, "");
+    EXPECT_TRUE(nothingYet.starts_with("[][]")) << nothingYet;
+    // Outside the reading its sink's executor reads the list by itself.
+    EXPECT_TRUE(nothingYet.ends_with("[oryx.example][oryx.example]")) << nothingYet;
+    EXPECT_EQ(libpq.takeStatements(), (std::vector<std::string>{kDomainQuery, kDomainQuery, "SELECT 1;"}));
 }
 
 /// The names and the values, each list asked for once.
@@ -921,6 +1083,29 @@ TEST(ValueStringTest, SetsNumbersWithoutQuotes)
     list.addExplicit("b", 2147483647L);
     list.addExplicit("c", 0);
     EXPECT_EQ(lists(list), "(a,b,c) (-2147483648,2147483647,0)");
+}
+
+TEST(ValueStringTest, SetsEveryNumberOfItsType)
+{
+    using Long = std::numeric_limits<long>;
+    ValueString list;
+    list.addExplicit("a", Long::min());
+    list.addExplicit("b", Long::max());
+    list.addExplicit("c", std::numeric_limits<unsigned long>::max());
+    list.addExplicit("d", 4294967295UL);
+    list.addExplicit("e", 4294967295U);
+    list.addExplicit("f", std::numeric_limits<int>::min());
+    EXPECT_EQ(lists(list), "(a,b,c,d,e,f) (" + std::to_string(Long::min()) + "," + std::to_string(Long::max()) + "," +
+                               std::to_string(std::numeric_limits<unsigned long>::max()) +
+                               ",4294967295,4294967295,-2147483648)");
+}
+
+TEST(ValueStringTest, TakesANullNameForAnEmptyOne)
+{
+    ValueString list;
+    list.addName("a");
+    list.add(nullptr, "x");
+    EXPECT_EQ(lists(list), "(a,) ('x')");
 }
 
 TEST(ValueStringTest, LeavesQuotesInAValueAsTheyAre)

@@ -312,7 +312,7 @@ TEST_F(ConferenceTest, AStateWithoutAStartTimeBeganAtZero)
     EXPECT_EQ(answers(rows({{"IDLE", ""}})), "okay\n'IDLE' since 0");
 }
 
-TEST_F(ConferenceTest, ALateStartTimeIsWrittenNegativeAndReadBack)
+TEST_F(ConferenceTest, ALateStartTimeIsWrittenNegativeByAChangeAndWholeByAnAddition)
 {
     libpq.replies({command("1"), command("1"), command("1"), command("1")});
     EXPECT_EQ(show(executor.setConfExtState("7001", "IN USE", 2147483648U)), "okay");
@@ -322,12 +322,24 @@ TEST_F(ConferenceTest, ALateStartTimeIsWrittenNegativeAndReadBack)
     EXPECT_EQ(libpq.take(),
               "exec UPDATE conf_state SET conf_status ='IN USE', start_time ='-2147483648' WHERE extension = '7001';\n"
               "exec UPDATE conf_state SET conf_status ='IN USE', start_time ='-1' WHERE extension = '7001';\n"
-              "exec INSERT INTO conf_state (extension,conf_status,start_time) VALUES('7001','IN USE',-2147483648);\n"
-              "exec INSERT INTO conf_state (extension,conf_status,start_time) VALUES('7001','IN USE',-1);\n");
-    EXPECT_EQ(answers(rows({{"IN USE", "-2147483648"}})), "okay\n'IN USE' since 2147483648");
-    EXPECT_EQ(answers(rows({{"IN USE", "-1"}})), "okay\n'IN USE' since 4294967295");
-    EXPECT_EQ(lists(rows({{"7001", "IN USE", "-1"}}), "", false),
-              "okay\nconference '7001' 'IN USE' since 4294967295\n");
+              "exec INSERT INTO conf_state (extension,conf_status,start_time) VALUES('7001','IN USE',2147483648);\n"
+              "exec INSERT INTO conf_state (extension,conf_status,start_time) VALUES('7001','IN USE',4294967295);\n");
+}
+
+TEST_F(ConferenceTest, AStartTimeReadsBackAsTheSameNumberHoweverItWasWritten)
+{
+    const std::vector<std::pair<std::string, std::string>> written = {
+        {"2147483647", "2147483647"},  {"2147483648", "2147483648"},
+        {"-2147483648", "2147483648"}, {"4294967295", "4294967295"},
+        {"-1", "4294967295"},          {"4294967296", "4294967295"},
+        {"-2147483649", "2147483648"}, {"99999999999999999999", "4294967295"},
+    };
+    for (const auto& [column, read] : written) {
+        EXPECT_EQ(answers(rows({{"IN USE", column}})), "okay\n'IN USE' since " + read) << column;
+        EXPECT_EQ(lists(rows({{"7001", "IN USE", column}}), "", false),
+                  "okay\nconference '7001' 'IN USE' since " + read + "\n")
+            << column;
+    }
 }
 
 TEST_F(ConferenceTest, AnEmptyStatusIsWrittenEmptyByAChangeAndNullByAnAddition)

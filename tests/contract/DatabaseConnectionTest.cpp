@@ -315,6 +315,8 @@ TEST_F(DatabaseNotices, ReachTheConnectionGivenToTheProcessor)
 TEST_F(ConnectedDatabaseConnectionTest, KeepsTheReasonOfTheLastFailureUntilASuccess)
 {
     EXPECT_EQ(told(connection.error("no contact")), "false 'no contact'\n");
+    EXPECT_EQ(told(connection.error(connection.getErrorMessage().c_str() + 3)), "false 'contact'\n");
+    EXPECT_EQ(told(connection.error(nullptr)), "false ''\n");
     EXPECT_EQ(told(connection.error()), "false '" + kServerGone + "'\n");
     EXPECT_EQ(told(connection.okay()), "true ''\n");
     libpq.errorMessage(std::nullopt);
@@ -530,6 +532,23 @@ TEST_F(DatabaseExecute, DeliversAnEmptyStatementAsAFailedResultWithoutAReset)
     EXPECT_TRUE(result.failed());
     const std::string line = "query result status is 0 (', sqlState=00000, sqlcommand=')\n";
     EXPECT_EQ(trace.take(), traced({kExecuting, kReturned, line, line}));
+}
+
+TEST_F(DatabaseExecute, TakesANullCommandForAnEmptyOne)
+{
+    libpq.replies({status(PGRES_EMPTY_QUERY)});
+    const char* const none = nullptr;
+    EXPECT_EQ(toldAndHeld(connection.execute(none, result)), "true ''\nexec\n PGRES_EMPTY_QUERY 0");
+}
+
+TEST_F(DatabaseExecute, SendsItsOwnErrorTextOrTheStatementHeldAsGiven)
+{
+    connection.error("SELECT 1;");
+    libpq.replies({nothing(), command(), command()});
+    connection.execute(connection.getErrorMessage(), result);
+    EXPECT_EQ(libpq.take(), "exec SELECT 1;\nreset\nexec SELECT 1;\n");
+    connection.execute(result.getSqlCommand().c_str() + 1, result);
+    EXPECT_EQ(libpq.take(), "exec ELECT 1;\n");
 }
 
 class DatabaseExecuteFailures : public DatabaseExecute, public testing::WithParamInterface<ExecStatusType> {};

@@ -181,6 +181,8 @@ TEST_F(QueryResultTest, NamesItsColumnsAndNoOthers)
 TEST_F(QueryResultTest, CountsNoRowsWhereLibpqTellsNone)
 {
     EXPECT_EQ(holding(command("")).updateCount(), 0);
+    EXPECT_EQ(holding(command("2147483647")).updateCount(), 2147483647);
+    EXPECT_EQ(holding(command("4294967296")).updateCount(), 2147483647);
     fake::Reply reply = command();
     reply.cmdTuplesIsNull = true;
     EXPECT_EQ(holding(reply).updateCount(), 0);

@@ -1,11 +1,16 @@
 #include "contract/ServiceFixture.h"
 
+#include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/PresenceService.h>
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
+#include <utility>
 
 // What the services have in common: how they are connected, and what they are without a connection.
 
@@ -95,6 +100,22 @@ TYPED_TEST(ServiceConnection, EndsWhenTheServiceIsConnectedAgain)
               "DatabaseConnection prn: host=standby.oryx.example dbname=registrar user=other password=word\n");
 }
 
+/// The text belongs to the executor that goes.
+TEST(PresenceServiceConnection, IsMadeAgainWithTheErrorTextOfTheOneBefore)
+{
+    fake::Libpq libpq;
+    PresenceService service;
+    service.connect(kUri, "registrar", "secret");
+    auto* const executor = service.getPresenceDatabaseCommandExecutor();
+    executor->error("a text too long to lie within a string object");
+    const char* const text = executor->getErrorMessage().c_str();
+    libpq.take();
+    EXPECT_EQ(show(service.connect(text, text, text)), "okay");
+    const std::string given = "a text too long to lie within a string object";
+    EXPECT_EQ(libpq.take(),
+              "finish\nconnect dbname=" + given + " user=" + given + " password=" + given + "\nnotices\n");
+}
+
 TYPED_TEST(ServiceConnection, IsNotThereLaterWhenTheServiceWasConnectedAgainInVain)
 {
     this->connect();
@@ -112,6 +133,24 @@ TYPED_TEST(ServiceConnection, EndsWithTheService)
         this->libpq.take();
     }
     EXPECT_EQ(this->libpq.take(), "finish\n");
+}
+
+TEST(LocationServiceConnection, EndsBeforeTheAddressMapsAreForgotten)
+{
+    fake::Libpq libpq;
+    std::string keys;
+    auto service = std::make_unique<LocationService>();
+    service->connect(kUri, "registrar", "secret");
+    libpq.replies({fake::rows({{"sequential", "t", "a", "1", "^sip:1", std::nullopt, "3"}})});
+    Found found;
+    service->lookupAddressMap("sip:2@h", found.ordering, found.replaceUri, found.contacts);
+    auto previous = zel::setTraceSink(
+        [&, raw = service.get()](std::string_view /*channel*/, zel::TraceKind /*kind*/, std::string_view text) {
+            keys += text == "connection closed" ? mapKeys(*raw) : "";
+        });
+    service.reset();
+    zel::setTraceSink(std::move(previous));
+    EXPECT_EQ(keys, "[a-1]");
 }
 
 TYPED_TEST(ServiceConnection, NeverMadeIsNeverEnded)

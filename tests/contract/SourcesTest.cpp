@@ -345,15 +345,14 @@ TEST_F(SourcesTest, ANumberIsReadAsFarAsItGoes)
 {
     libpq.replies({rows({{"publish#1", "contact", "60s", "bob#presence", "presence"},
                          {"publish#1", "contact", "", "bob#presence", "presence"}}),
-                   rows({{"incoming#1", "2x", " 60", "sip"}, {"incoming#1", "x", "4294967296", "sip"}})});
+                   rows({{"incoming#1", "2x", " 60", "sip"}, {"incoming#1", "x", "60.5", "sip"}})});
     EXPECT_EQ(listsMatching(executor),
               "okay\n" + kBefore +
                   "source 'publish#1' of 'bob#presence' contact='contact' event='presence' presentity='' expires=60\n"
                   "source 'publish#1' of 'bob#presence' contact='contact' event='presence' presentity='' expires=0\n");
     EXPECT_EQ(listsWinfo(executor), "okay\n" + kWinfoBefore +
                                         "winfo 'bob.w%info' for 'incoming#1' scheme='sip' from version=2 expires=60\n"
-                                        "winfo 'bob.w%info' for 'incoming#1' scheme='sip' from version=0 "
-                                        "expires=2147483647\n");
+                                        "winfo 'bob.w%info' for 'incoming#1' scheme='sip' from version=0 expires=60\n");
 }
 
 TEST_F(SourcesTest, ASourceIsDeletedWithoutItsPresentity)

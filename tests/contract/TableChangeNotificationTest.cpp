@@ -192,6 +192,22 @@ TEST_F(TableChangeSubscription, FailsWhenTheConnectionIsLostAgainAfterTheReset)
     EXPECT_EQ(m_trace.take(), attempt("subscriber") + kResetting + kRetrying + kFailedAgain);
 }
 
+TEST_F(TableChangeSubscription, ClearsItsLastResultAlsoWhereThatIsNone)
+{
+    m_libpq.replies({nothing()});
+    m_libpq.resetsTo({CONNECTION_BAD});
+    listen();
+    EXPECT_EQ(m_libpq.nullsCleared(), 1);
+    m_libpq.replies({nothing(), nothing()});
+    listen();
+    EXPECT_EQ(m_libpq.nullsCleared(), 2);
+    m_libpq.replies({nothing(), command(), command(), refused("42601")});
+    listen();
+    listen();
+    listen();
+    EXPECT_EQ(m_libpq.nullsCleared(), 2);
+}
+
 TEST_F(TableChangeWait, SubscribesToEveryTableInOrderAndIsEndedByTheIdleCall)
 {
     EXPECT_EQ(wait(), kAccepted + statements() + kTurn);

@@ -162,6 +162,19 @@ TEST_F(AddressMaps, MatchTheirOldPatternWhileTheModificationTimeIsTheSame)
     EXPECT_EQ(served("sip:2@oryx.example"), "okay sequential replacing sip:2@sales");
 }
 
+TEST_F(AddressMaps, MatchTheirNewPatternAlsoAfter2038)
+{
+    if (sizeof(std::time_t) > sizeof(long)) {
+        GTEST_SKIP() << "a record's time ends before this system's does";
+    }
+    sql("INSERT INTO address_map (handle, csid, pattern, modification_time) VALUES"
+        " ('sales', 12, '^sip:1', '2042-12-17 07:37:16')");
+    EXPECT_EQ(served("sip:1@oryx.example"), "okay sequential replacing sip:1@sales");
+    sql("UPDATE address_map SET pattern = '^sip:2'");
+    EXPECT_EQ(served("sip:1@oryx.example"), kNone);
+    EXPECT_EQ(served("sip:2@oryx.example"), "okay sequential replacing sip:2@sales");
+}
+
 TEST_F(AddressMaps, ComeAndGoWithTheirRows)
 {
     addMap("sales", 12, "^sip:");

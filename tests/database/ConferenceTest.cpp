@@ -95,6 +95,18 @@ TEST_F(ConferenceStates, AreSet)
     EXPECT_EQ(stored(), "600|IN USE|1700000009\n601|IN USE|1700000001\n602||0\n603|In use|1700000003\n");
 }
 
+TEST_F(ConferenceStates, GiveTheirStartTimeBackHoweverItWasWritten)
+{
+    for (const unsigned int time : {0U, 2147483647U, 2147483648U, 4294967295U}) {
+        const std::string expected = "okay 'IN USE' since " + std::to_string(time);
+        EXPECT_EQ(show(m_executor.setConfExtState("600", "IN USE", time)), "okay");
+        EXPECT_EQ(state("600"), expected);
+        EXPECT_EQ(show(m_executor.addConfExtState({"599", "IN USE", time})), "okay");
+        EXPECT_EQ(state("599"), expected);
+        EXPECT_EQ(show(m_executor.deleteConfExtState("599")), "okay");
+    }
+}
+
 TEST_F(ConferenceStates, AreNotSetForAnExtensionThatHasNone)
 {
     EXPECT_EQ(show(m_executor.setConfExtState("699", "IDLE", 1)), "not found");
@@ -122,13 +134,13 @@ TEST_F(ConferenceStates, AreNotAddedTwiceOrWithoutAnExtension)
     EXPECT_EQ(stored(), kStored);
 }
 
-TEST_F(ConferenceStates, ThatBeganLateAreStoredNegativeAndReadBack)
+TEST_F(ConferenceStates, ThatBeganLateAreStoredNegativeByAChangeAndWholeByAnAddition)
 {
     EXPECT_EQ(show(m_executor.setConfExtState("600", "IN USE", 4294967295U)), "okay");
     EXPECT_EQ(rows("SELECT start_time FROM conf_state WHERE extension = '600'"), "-1\n");
     EXPECT_EQ(state("600"), "okay 'IN USE' since 4294967295");
     EXPECT_EQ(show(m_executor.addConfExtState({"699", "IDLE", 2147483648U})), "okay");
-    EXPECT_EQ(rows("SELECT start_time FROM conf_state WHERE extension = '699'"), "-2147483648\n");
+    EXPECT_EQ(rows("SELECT start_time FROM conf_state WHERE extension = '699'"), "2147483648\n");
     EXPECT_EQ(state("699"), "okay 'IDLE' since 2147483648");
 }
 

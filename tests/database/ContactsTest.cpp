@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,20 @@ TEST_F(Contacts, AreFoundWithTheirSetsOrderingInAllThreeWays)
     EXPECT_EQ(storedContacts(), kRowOfA + "12|sip:b@192.0.2.2|0.7|2000000000|f|audio|<sip:b@192.0.2.2>;q=0.7|"
                                           "843817637684230@998sdasdh09|1826|1\n");
     expectFound(kAlicesSet + oryx::show(contacts({"sip:a@192.0.2.1", "sip:b@192.0.2.2"})));
+}
+
+TEST_F(Contacts, KeepEveryNumberOfTheirTypes)
+{
+    oryx::ContactRecord last = contact("sip:a@192.0.2.1");
+    last.setExpires(std::numeric_limits<long>::max());
+    last.setCseq(std::numeric_limits<long>::max());
+    EXPECT_EQ(add(last), 0);
+    expectFound(kAlicesSet + oryx::show(last));
+    oryx::ContactRecord first = contact("sip:a@192.0.2.1");
+    first.setExpires(std::numeric_limits<long>::min());
+    first.setCseq(std::numeric_limits<long>::min());
+    EXPECT_EQ(add("alice", "oryx.example", first), 0);
+    expectFound(kAlicesSet + oryx::show(first));
 }
 
 TEST_F(Contacts, HaveTheirTypeReadButNotWritten)

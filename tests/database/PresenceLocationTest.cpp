@@ -3,8 +3,10 @@
 
 #include <Crypt.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -533,7 +535,7 @@ TEST_F(ExpiredContacts, AreReportedBehindWhatIsThereWithNullColumnsEmpty)
     desk.setHandle("alice");
     desk.setDomain("oryx.example");
     desk.setExpires(-1);
-    desk.setCseq(2147483647);
+    desk.setCseq(static_cast<long>(std::min<long long>(4294967295, std::numeric_limits<long>::max())));
     EXPECT_EQ(show(found), show(before) + show(desk));
 }
 

@@ -1,5 +1,6 @@
 #include "database/PresenceFixture.h"
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -191,6 +192,26 @@ TEST_F(WatcherInformation, IsStoredAndListedByItsKey)
     std::vector<WatcherInfoRecord> records{kFirst};
     EXPECT_EQ(show(m_executor.getWinfoForPresentity("carol#winfo", records)), "okay");
     EXPECT_EQ(show(records), show(kFirst) + show(kSecond));
+}
+
+TEST_F(WatcherInformation, KeepsEveryNumberOfItsTypes)
+{
+    const WatcherInfoRecord last("bob#winfo", "s1", "sip", std::numeric_limits<int>::max(),
+                                 std::numeric_limits<long>::max());
+    add({last});
+    EXPECT_EQ(found("bob#winfo"), "okay\n" + show(last));
+    const WatcherInfoRecord first("bob#winfo", "s1", "sip", std::numeric_limits<int>::min(),
+                                  std::numeric_limits<long>::min());
+    EXPECT_EQ(outcome(m_executor.updateWinfoForPresentity(first)), "okay");
+    EXPECT_EQ(found("bob#winfo"), "okay\n" + show(first));
+}
+
+TEST_F(EventSources, KeepEveryNumberOfTheirTypes)
+{
+    const SourcesRecord last("bob#presence", "s1", "c", std::numeric_limits<long>::max(), "presence", "bob");
+    const SourcesRecord first("bob#presence", "s2", "c", std::numeric_limits<long>::min(), "presence", "bob");
+    add({last, first});
+    EXPECT_EQ(ofPresentity("bob#presence"), "okay\n" + show(last) + show(first));
 }
 
 TEST_F(WatcherInformation, IsNotFoundUnderAKeyThatNoneHas)

@@ -1,5 +1,7 @@
 #include "database/PresenceFixture.h"
 
+#include <algorithm>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -175,6 +177,25 @@ TEST_F(Watchers, AreUpdatedOneByOne)
     EXPECT_EQ(stored(), "bob@oryx.example#presence|incoming#1|1|4294967295|2|7|2147483647|alice|presence|"
                         "sip:bob@oryx.example\n" +
                             row(kCarol) + row(kDave));
+}
+
+TEST_F(Watchers, KeepEveryNumberOfTheirTypes)
+{
+    using Int = std::numeric_limits<int>;
+    using Long = std::numeric_limits<long>;
+    constexpr auto kLastVersion = static_cast<unsigned long>(
+        std::min<unsigned long long>(std::numeric_limits<unsigned long>::max(), std::numeric_limits<long long>::max()));
+    const char* const key = "bob#presence";
+    for (const unsigned long version : {4294967295UL, kLastVersion}) {
+        sql("DELETE FROM event_watchers");
+        WatchersRecord record(key, "incoming#1", Int::min(), Int::max(), Int::min(), Long::max(), "alice", "sip:bob@h",
+                              version, "presence", "");
+        add({record});
+        EXPECT_EQ(matching("presence", "bob"), "okay\n" + read(record, "sip:bob@h", ""));
+        EXPECT_EQ(outcome(m_executor.updateWatcherDocVersion(key, "incoming#1", version - 1)), "okay");
+        record.docversion(version - 1);
+        EXPECT_EQ(matching("presence", "bob"), "okay\n" + read(record, "sip:bob@h", ""));
+    }
 }
 
 TEST_F(Watchers, StayAsTheyAreWhereNoneIsUpdated)

@@ -267,6 +267,10 @@ PGresult* Libpq::exec(const PGconn* conn, const char* statement)
 void Libpq::clear(PGresult* result)
 {
     const std::lock_guard lock(m_mutex);
+    if (result == nullptr) {
+        ++m_nullsCleared;
+        return;
+    }
     const auto held = find(m_held, result);
     if (held == m_held.end()) {
         ADD_FAILURE() << "a result was cleared that is not held";
@@ -358,9 +362,7 @@ PGresult* PQexec(PGconn* conn, const char* query)
 
 void PQclear(PGresult* res)
 {
-    if (res != nullptr) {
-        fake::current->clear(res);
-    }
+    fake::current->clear(res);
 }
 
 int PQsocket(const PGconn* conn)

@@ -87,6 +87,8 @@ public:
     std::string take();
     /// The statements sent since the last take, without the other calls.
     std::vector<std::string> takeStatements();
+    /// How often PQclear got a null pointer.
+    int nullsCleared() const { return m_nullsCleared; }
 
     // Called by the functions that stand in for libpq's.
     PGconn* connect(const char* conninfo);
@@ -128,6 +130,7 @@ private:
     std::optional<int> m_socket;
     std::vector<std::unique_ptr<PGconn>> m_open;
     std::size_t m_leftOpen = 0;
+    int m_nullsCleared = 0;
     ConnStatusType m_connectStatus = CONNECTION_OK;
     bool m_connectsToNothing = false;
     std::optional<std::string> m_error = "";

@@ -1,5 +1,6 @@
 #include <dal/AddressMap.h>
 
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,27 @@ TEST(AddressMap, tracesItsCompilation)
     EXPECT_STREQ(map.pattern(), "^sip:1[0-9]+@");
     EXPECT_EQ(trace.lines(), (Lines{"AddressMap prn compiling expression '^sip:1[0-9]+@'",
                                     "RegEx prn compiling '^sip:1[0-9]+@'", "RegEx prn compile ok"}));
+}
+
+TEST(AddressMap, compilesAPartOfItsOwnPattern)
+{
+    oryx::AddressMap map;
+    map.compile("^sip:1[0-9]+@", kModified);
+    map.compile(map.pattern() + 1, kModified + 1);
+    EXPECT_STREQ(map.pattern(), "sip:1[0-9]+@");
+    EXPECT_TRUE(map.matches("<sip:100@oryx.example>"));
+    EXPECT_FALSE(map.matches("<sip:200@oryx.example>"));
+}
+
+TEST(AddressMap, keepsATimeAfter2038)
+{
+    constexpr auto kLast = std::numeric_limits<time_t>::max();
+    oryx::AddressMap map;
+    map.compile("^sip:1", kLast - 1);
+    map.compile("^sip:2", kLast);
+    EXPECT_TRUE(map.matches("sip:2@oryx.example"));
+    map.compile("^sip:3", kLast);
+    EXPECT_TRUE(map.matches("sip:2@oryx.example"));
 }
 
 TEST(AddressMap, tracesAMatchAndItsAbsence)

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -340,6 +341,21 @@ TEST(AddressMapRecordTest, StartsWithoutKeysAndReplacing)
 {
     EXPECT_EQ(show(AddressMapRecord()),
               "map -1 '' pattern='' csid=-1 modified=0 priority=0 replace=true ordering=''\n");
+}
+
+TEST(AddressMapRecordTest, GivesItsTimeWholeAndHeldToAnInt)
+{
+    AddressMapRecord map;
+    const auto given = [&](long time) {
+        map.setModTime(time);
+        return std::pair(map.modTime(), map.wholeModTime());
+    };
+    using Int = std::numeric_limits<int>;
+    using Long = std::numeric_limits<long>;
+    EXPECT_EQ(given(1700000000), std::pair(1700000000, 1700000000L));
+    EXPECT_EQ(given(Int::max()), std::pair(Int::max(), long{Int::max()}));
+    EXPECT_EQ(given(Long::max()), std::pair(Int::max(), Long::max()));
+    EXPECT_EQ(given(Long::min()), std::pair(Int::min(), Long::min()));
 }
 
 TEST(ProxyConfigTest, StartsEmpty)
