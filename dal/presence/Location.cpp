@@ -237,14 +237,18 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSubscribers(std::vector<Subsc
 DatabaseResult PresenceDatabaseCommandExecutor::lookupSubscriber(const std::string& handle, const std::string& domain,
                                                                  SubscriberRecord& rec)
 {
-    return find(
+    bool filled = true;
+    const DatabaseResult outcome = find(
         "lookupSubscriber()", {{handle.empty() || domain.empty(), "invalid parameters passed to lookupSubscriber"}},
         [&] { return subscriberQuery(handle.c_str(), domain.c_str()); },
         [&](const Row& row) {
-            setActive(rec, row.text(6));
-            readSubscriber(row, m_trace, rec);
+            filled = require(readSubscriber(row, m_trace, rec), kNoRandomNumbers);
+            if (filled) {
+                setActive(rec, row.text(6));
+            }
         },
         "retrieved %d rows");
+    return filled ? outcome : queryError();
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses,
