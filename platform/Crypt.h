@@ -10,11 +10,11 @@
 /// text without that prefix is a password stored in clear.
 ///
 /// The key is 64 hexadecimal digits, white space around them allowed, in the regular file named by
-/// `ORYX_CRYPT_KEY_FILE` (ignored in a program that runs with raised privileges, setuid ones for example). It is read at
-/// each use, so that another key counts at once, and does not stay in memory. What fails is said on the trace channel
-/// "Crypt" as one `log` line, with neither password nor key in it; so is, at each use, a key file that is open to
-/// others, which is used all the same: to all others, and to its group too if it is the process's own file. Safe from
-/// any thread.
+/// `ORYX_CRYPT_KEY_FILE` (ignored in a program that runs with raised privileges, setuid ones for example). It is read
+/// at each use, so that another key counts at once, and does not stay in memory. What fails is said on the trace
+/// channel "Crypt" as one `log` line, with neither password nor key in it; so is, at each use, a key file that is open
+/// to others, which is used all the same: to all others, and to its group too if it is the process's own file. Safe
+/// from any thread.
 class ORYX_EXPORT Crypt {
 public:
     /// Encrypts a password for the database. False without a usable key: `stored` is then empty. Both arguments may be

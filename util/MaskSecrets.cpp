@@ -226,7 +226,7 @@ void hideConnectionPasswords(Text& text)
 void hideConnectionComplaints(Text& text)
 {
     for (const std::string_view words :
-         {"missing \"=\" after \"", "invalid connection option \"", "invalid integer value \""}) {
+         {R"(missing "=" after ")", R"(invalid connection option ")", R"(invalid integer value ")"}) {
         forEach(text, words, [&](std::size_t at) {
             const std::size_t lineEnd = text.lineEnd(at);
             const auto quote = text.text().substr(at, lineEnd - at).rfind('"');
