@@ -50,8 +50,12 @@ public:
     /// connection.
     int addSubscriber(const SubscriberRecord& rec);
     /// The subscriber whom an address of record belongs to, with the password in clear. 1 found, 0 not found, -1
-    /// failed; `rec` is changed only when found, and keeps its fields where a column is NULL. An inactive subscriber
-    /// leaves the active flag of `rec` as it was.
+    /// failed; `rec` is changed only when found, and keeps its fields where a column is NULL.
+    ///
+    /// To authenticate, hand over a fresh record with its active flag set to 'f', and refuse an empty password: NULL
+    /// leaves the password of a record that was used before, which is another subscriber's; an empty stored password
+    /// stays empty; an inactive subscriber leaves the active flag as it was, "t" in a record as constructed. A password
+    /// that cannot be decrypted becomes a random text, another each time.
     int lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec);
     /// Removes a subscriber with contact sets, addresses, contacts and the address maps that lead to them; the key must
     /// not be 0. 1 done, also when there is none; -1 failed.

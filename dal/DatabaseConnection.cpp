@@ -1,6 +1,7 @@
 #include <dal/DatabaseConnection.h>
 
 #include <dal/QueryResult.h>
+#include <dal/internal/ConnectionAdvice.h>
 #include <dal/internal/Sql.h>
 
 #include <wex/URL.h>
@@ -45,6 +46,9 @@ bool DatabaseConnection::connect(const char* uri, const char* user, const char* 
     }
     const std::string cs = connectionString(uri, user, password);
     m_trace.prn(cs);
+    if (zel::Trace::enabled(zel::TraceKind::log)) {
+        tellWhatIsIgnored(uri, user);
+    }
     m_conn = PQconnectdb(cs.c_str());
     if (m_conn == nullptr) {
         return error();

@@ -62,6 +62,12 @@ public:
     DatabaseResult getPublicAddressKey(const char* handle, const char* domain, int& key);
     /// The subscriber whom an address of record belongs to, with the password in clear. Okay, not found, or connection
     /// error, which here stands for every failure; `rec` is changed only when okay.
+    ///
+    /// To authenticate (see `examples/authentication`), hand over a fresh record with its active flag set to 'f', and
+    /// refuse an empty password: NULL leaves the password of a record that was used before, which is another
+    /// subscriber's; an empty stored password stays empty; an inactive subscriber leaves the active flag as it was, "t"
+    /// in a record as constructed (`PresenceService` sets it). A password that cannot be decrypted becomes a random
+    /// text, another each time, that nothing a client sends compares equal to; a failure line says so.
     DatabaseResult lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec);
 
     /// **By public address key**: `PresenceService::lookupContacts` with the same arguments takes a contact set key.

@@ -311,6 +311,12 @@ public:
     DatabaseResult getSubscribers(std::vector<SubscriberRecord>& subscribers, const char* type);
     /// Reads the subscriber whom an address of record belongs to, the password in clear; handle and domain must not be
     /// empty. Okay, not found (`rec` untouched), or query error when the statement fails.
+    ///
+    /// To authenticate (see `examples/authentication`), hand over a fresh record and refuse an empty password: NULL
+    /// leaves the password of a record that was used before, which is another subscriber's, and its active flag; an
+    /// empty stored password stays empty. The active flag becomes what is stored (`LocationService` leaves that of an
+    /// inactive subscriber as it was). A password that cannot be decrypted becomes a random text, another each time,
+    /// that nothing a client sends compares equal to; a failure line says so.
     DatabaseResult lookupSubscriber(const std::string& handle, const std::string& domain, SubscriberRecord& rec);
     /// Appends all addresses of record, or the primary ones. Okay, not found when there are none, query error when the
     /// statement fails.

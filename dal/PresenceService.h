@@ -205,6 +205,7 @@ public:
     /// \copydoc PresenceDatabaseCommandExecutor::getProxyConfig
     DatabaseResult getProxyConfig(std::vector<ProxyConfig>& items);
     /// \copydoc PresenceDatabaseCommandExecutor::lookupSubscriber
+    /// In short, to authenticate: a fresh record, no empty password, and only an active flag of "t".
     DatabaseResult lookupSubscriber(const std::string& handle, const std::string& domain, SubscriberRecord& rec);
     /// \copydoc PresenceDatabaseCommandExecutor::getAllPublicAddresses
     DatabaseResult getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses, bool primaryOnly);

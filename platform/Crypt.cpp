@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <string_view>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -53,25 +54,65 @@ Failure systemFailure(const std::string& path)
     return "key file " + path + ": " + std::error_code(errno, std::generic_category()).message();
 }
 
+/// An open file, closed with its end.
+struct File {
+    explicit File(int opened) : descriptor(opened) {}
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File()
+    {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
+    }
+    const int descriptor;
+};
+
+/// Whether a key is open to more than those who need it. The group of a file that belongs to somebody else is how the
+/// servers read it; that of their own file is a group too many.
+bool isExposed(const struct stat& status)
+{
+    const mode_t others = status.st_uid == geteuid() ? S_IRWXG | S_IRWXO : S_IRWXO;
+    return (status.st_mode & others) != 0;
+}
+
+/// A key comes from a regular file: others may write to a FIFO, and neither it nor a device ever ends.
+Failure checkKind(const std::string& path, const File& file)
+{
+    struct stat status {};
+    if (fstat(file.descriptor, &status) != 0) {
+        return systemFailure(path);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return "key file " + path + ": not a regular file";
+    }
+    if (isExposed(status)) {
+        zel::Trace("Crypt").log("key file %s is open to others (mode %03o): chmod 600, and encrypt with a new key",
+                                path.c_str(), static_cast<unsigned>(status.st_mode & 0777));
+    }
+    return std::nullopt;
+}
+
 /// Reads as much of the file as the buffer holds.
 Failure readText(const std::string& path, KeyText& text, std::size_t& size)
 {
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
+    // Not to wait for a FIFO's other end.
+    const File file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (file.descriptor < 0) {
         return systemFailure(path);
     }
-    Failure failure;
+    if (Failure failure = checkKind(path, file)) {
+        return failure;
+    }
     ssize_t got = 1;
     for (size = 0; got != 0 && size < text.size();) {
-        got = read(file, text.data() + size, text.size() - size);
+        got = read(file.descriptor, text.data() + size, text.size() - size);
         if (got < 0 && errno != EINTR) {
-            failure = systemFailure(path);
-            break;
+            return systemFailure(path);
         }
         size += got > 0 ? static_cast<std::size_t>(got) : 0;
     }
-    close(file);
-    return failure;
+    return std::nullopt;
 }
 
 std::string_view trimmed(std::string_view text)
@@ -82,9 +123,12 @@ std::string_view trimmed(std::string_view text)
 
 Failure readKey(Key& key)
 {
-    const char* path = std::getenv("ORYX_CRYPT_KEY_FILE");
+    // Whoever starts a program that runs with more rights than his own does not choose its key.
+    const char* path = secure_getenv("ORYX_CRYPT_KEY_FILE");
     if (!path || !*path) {
-        return "ORYX_CRYPT_KEY_FILE is not set";
+        const char* const ignored = std::getenv("ORYX_CRYPT_KEY_FILE");
+        return ignored && *ignored ? "ORYX_CRYPT_KEY_FILE is ignored in a program that runs with raised privileges"
+                                   : "ORYX_CRYPT_KEY_FILE is not set";
     }
     KeyText text;
     std::size_t size = 0;

@@ -5,7 +5,10 @@
 
 #include <Crypt.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <limits>
 
@@ -77,6 +80,30 @@ AddressMapRecord readAddressMap(const Row& row)
     return map;
 }
 
+/// Fills in a text that nobody can guess, of 64 hexadecimal digits; false if the system gives no random numbers.
+/// Straight from the system, because a suite's own platform libraries need not have any.
+bool makeUnguessable(std::string& text)
+{
+    std::array<unsigned char, 32> random{};
+    if (getentropy(random.data(), random.size()) != 0) {
+        return false;
+    }
+    text.clear();
+    for (const unsigned char byte : random) {
+        text.append({"0123456789abcdef"[byte >> 4U], "0123456789abcdef"[byte & 15U]});
+    }
+    return true;
+}
+
+/// The clear password behind a stored one. One that cannot be decrypted comes out of every Crypt empty, and whoever
+/// sends an empty password must not be taken for the subscriber: the record gets another in its place each time, which
+/// nobody can know.
+bool readPassword(const char* stored, std::string& clear)
+{
+    Crypt::decrypt(stored, clear);
+    return !clear.empty() || *stored == '\0' || makeUnguessable(clear);
+}
+
 } // namespace
 
 DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query, zel::Trace& trace,
@@ -120,20 +147,22 @@ std::string subscriberQuery(const char* handle, const char* domain)
         handle, domain);
 }
 
-void readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec)
+bool readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec)
 {
     const char* const active = row.text(6);
     trace.prn("active = %s\n", active != nullptr ? active : "not set");
+    const char* const stored = row.text(5);
+    std::string password;
+    if (stored != nullptr && !readPassword(stored, password)) {
+        return false;
+    }
     rec.setId(row.integer(0, rec.sid()));
     rec.setUserId(row.text(1));
     rec.setOid(row.integer(2, rec.oid()));
     rec.setType(row.text(3));
     rec.setAuthType(row.text(4));
-    if (const char* const stored = row.text(5); stored != nullptr) {
-        std::string clear;
-        Crypt::decrypt(stored, clear);
-        rec.setPassword(clear.c_str());
-    }
+    rec.setPassword(stored != nullptr ? password.c_str() : nullptr);
+    return true;
 }
 
 } // namespace oryx

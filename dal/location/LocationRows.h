@@ -34,8 +34,11 @@ void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<A
 
 /// The subscriber whom an address of record belongs to: sid, auth_user_id, oid, s_type, auth_type, s_password, active.
 std::string subscriberQuery(const char* handle, const char* domain);
-/// Fills a record from such a row, the password decrypted. The active flag is only traced: the executors judge it
-/// differently.
-void readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec);
+/// Fills a record from such a row, the password decrypted, or unguessable if it cannot be. The active flag is only
+/// traced: the executors judge it differently. False, the record untouched, if the system gives no random numbers for
+/// that.
+[[nodiscard]] bool readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec);
+/// The error text then.
+constexpr const char* kNoRandomNumbers = "the stored password cannot be read, and there are no random numbers";
 
 } // namespace oryx

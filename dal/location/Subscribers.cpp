@@ -62,7 +62,9 @@ int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* do
         return 0;
     }
     const Row row(result, 0);
-    readSubscriber(row, m_frame->trace, rec);
+    if (!m_frame->require(readSubscriber(row, m_frame->trace, rec), kNoRandomNumbers)) {
+        return -1;
+    }
     // Only an active subscriber changes the flag: the caller's record says what holds for the others.
     if (row.flag(6, false)) {
         rec.setActive('t');

@@ -239,14 +239,18 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSubscribers(std::vector<Subsc
 DatabaseResult PresenceDatabaseCommandExecutor::lookupSubscriber(const std::string& handle, const std::string& domain,
                                                                  SubscriberRecord& rec)
 {
-    return m_frame->find(
+    bool filled = true;
+    const DatabaseResult outcome = m_frame->find(
         "lookupSubscriber()", {{handle.empty() || domain.empty(), "invalid parameters passed to lookupSubscriber"}},
         [&] { return subscriberQuery(handle.c_str(), domain.c_str()); },
         [&](const Row& row) {
-            setActive(rec, row.text(6));
-            readSubscriber(row, m_frame->trace, rec);
+            filled = m_frame->require(readSubscriber(row, m_frame->trace, rec), kNoRandomNumbers);
+            if (filled) {
+                setActive(rec, row.text(6));
+            }
         },
         "retrieved %d rows");
+    return filled ? outcome : m_frame->queryError();
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dal/DatabaseResult.h>
+#include <util/MaskSecrets.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,12 +34,12 @@ inline const char* name(oryx::DatabaseResult::status status)
     return "unknown";
 }
 
-/// Prints a step and its outcome; true when it is okay.
+/// Prints a step and its outcome, passwords masked; true when it is okay.
 inline bool report(const std::string& step, const oryx::DatabaseResult& result)
 {
-    std::printf("%-52s %s\n", step.c_str(), name(result.getStatus()));
+    std::printf("%-52s %s\n", oryx::maskSecrets(step).c_str(), name(result.getStatus()));
     if (!result.getErrorMessage().empty()) {
-        std::printf("    %s\n", result.getErrorMessage().c_str());
+        std::printf("    %s\n", oryx::maskSecrets(result.getErrorMessage()).c_str());
     }
     return result.okay();
 }

@@ -5,11 +5,14 @@
 #include <dal/LocationService.h>
 #include <dal/PresenceService.h>
 #include <util/CleanText.h>
+#include <util/MaskSecrets.h>
 #include <zel/Trace.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -37,7 +40,7 @@ bool connectRegistrar(oryx::LocationService& service)
 {
     const oryx::DatabaseResult result = service.connect("postgresql://db.oryx.example/oryx", "registrar1", "secret");
     if (!result.okay()) {
-        std::fprintf(stderr, "%s\n", result.getErrorMessage().c_str());
+        std::fprintf(stderr, "%s\n", oryx::maskSecrets(result.getErrorMessage()).c_str());
     }
     return result.okay();
 }
@@ -58,24 +61,71 @@ void startWorkers(std::vector<std::thread>& workers, int count)
     }
 }
 
-int route(oryx::LocationService& service, const std::string& user, const std::string& domain)
+std::string lowerCase(std::string text)
 {
-    if (!oryx::isCleanText(user) || !oryx::isCleanText(domain)) {
+    for (char& c : text) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; // not tolower: it depends on the locale
+    }
+    return text;
+}
+
+std::string normalisedHost(const std::string& host)
+{
+    std::string normalised = lowerCase(host);
+    if (normalised.ends_with('.')) {
+        normalised.pop_back(); // "oryx.example." is the same host to DNS
+    }
+    return normalised;
+}
+
+bool isAcceptable(const std::string& text, std::size_t longest)
+{
+    return text.size() <= longest && oryx::isCleanText(text);
+}
+
+void leaveOutExpired(std::vector<oryx::ContactRecord>& contacts)
+{
+    const long now = static_cast<long>(std::time(nullptr));
+    std::erase_if(contacts, [now](const oryx::ContactRecord& contact) {
+        return contact.permanent() != "t" && contact.expires() <= now;
+    });
+}
+
+int route(oryx::LocationService& service, const std::string& user, const std::string& host)
+{
+    const std::string handle = lowerCase(user);
+    const std::string domain = normalisedHost(host);
+    if (!isAcceptable(handle, 255) || !isAcceptable(domain, 255)) {
         return 400;
     }
     int key = 0;
-    oryx::DatabaseResult result = service.getPublicAddressKey(user.c_str(), domain.c_str(), key);
+    oryx::DatabaseResult result = service.getPublicAddressKey(handle.c_str(), domain.c_str(), key);
     std::string ordering;
     bool replaceUri = true;
     std::vector<oryx::ContactRecord> contacts;
     if (result.okay()) {
         result = service.lookupContacts(key, ordering, replaceUri, contacts);
     }
+    leaveOutExpired(contacts);
     if (result.okay() && contacts.empty()) {
         return 480; // known, and registered nowhere (RFC 3261 section 21.4.18)
     }
     // ... fork to the contacts
     return sipStatus(result);
+}
+
+bool mayComeIn(oryx::LocationService& service, const std::string& host)
+{
+    const std::string domain = normalisedHost(host);
+    bool allowed = false;
+    return oryx::isCleanText(domain) && service.checkInboundDomainAccess(domain.c_str(), allowed).okay() && allowed;
+}
+
+bool mayGoOut(oryx::LocationService& service, const std::string& user, const std::string& host, std::string& proxy)
+{
+    const std::string uri = "sip:" + user + "@" + normalisedHost(host);
+    bool allowed = false;
+    return oryx::isCleanText(uri) && service.getOutboundRoute(uri.c_str(), true, proxy, allowed).okay() && allowed;
 }
 
 std::atomic<bool> shuttingDown = false;
@@ -116,9 +166,19 @@ void readChanges(oryx::PresenceService& service, std::string& since)
 void traceToConsole()
 {
     zel::setTraceSink([](std::string_view channel, zel::TraceKind kind, std::string_view text) {
-        std::fprintf(stderr, "%.*s%s: %.*s\n", static_cast<int>(channel.size()), channel.data(),
-                     kind == zel::TraceKind::log ? " FAILURE" : "", static_cast<int>(text.size()), text.data());
+        const std::string masked = oryx::maskSecrets(text);
+        std::fprintf(stderr, "%.*s%s: %s\n", static_cast<int>(channel.size()), channel.data(),
+                     kind == zel::TraceKind::log ? " FAILURE" : "", masked.c_str());
     });
+}
+
+bool readSubscriber(oryx::LocationService& service, const std::string& handle, const std::string& domain,
+                    oryx::SubscriberRecord& subscriber)
+{
+    subscriber = oryx::SubscriberRecord(); // NULL columns leave what a record holds: no other subscriber's
+    subscriber.setActive('f');             // becomes "t" for an active subscriber
+    return service.lookupSubscriber(handle.c_str(), domain.c_str(), subscriber).okay() && subscriber.active() == "t" &&
+           !subscriber.password().empty();
 }
 
 bool storePassword(oryx::DatabaseCommandExecutor& provisioning, int sid, const std::string& clear)

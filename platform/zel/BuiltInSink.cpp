@@ -1,14 +1,16 @@
 #include <zel/internal/BuiltInSink.h>
 
-#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 
 #include <spdlog/logger.h>
-#include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
+
+#include <util/MaskSecrets.h>
+#include <zel/internal/RotatingFile.h>
 
 namespace zel {
 namespace {
@@ -18,9 +20,12 @@ constexpr std::size_t kOlderFiles = 5;
 
 enum class Selection { nothing, failures, everything };
 
+// secure_getenv: whoever starts a program that runs with more rights than his own must not have its traces, nor have it
+// write a file of his choice.
+
 Selection selection()
 {
-    const char* value = std::getenv("ORYX_TRACE");
+    const char* value = secure_getenv("ORYX_TRACE");
     const std::string_view wanted = value && *value ? value : "off";
     if (wanted == "log") {
         return Selection::failures;
@@ -38,7 +43,7 @@ Selection selection()
 spdlog::sink_ptr fileSink(const char* path)
 {
     try {
-        return std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, kFileBytes, kOlderFiles);
+        return std::make_shared<RotatingFile>(path, kFileBytes, kOlderFiles);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "ORYX_TRACE_FILE: %s; traces go to standard error\n", failure.what());
         return nullptr;
@@ -47,7 +52,7 @@ spdlog::sink_ptr fileSink(const char* path)
 
 spdlog::sink_ptr destination()
 {
-    const char* path = std::getenv("ORYX_TRACE_FILE");
+    const char* path = secure_getenv("ORYX_TRACE_FILE");
     spdlog::sink_ptr file = path && *path ? fileSink(path) : nullptr;
     return file ? file : std::make_shared<spdlog::sinks::stderr_sink_mt>();
 }
@@ -61,15 +66,35 @@ std::shared_ptr<spdlog::logger> makeLogger()
     return logger;
 }
 
-void appendMasked(std::string& line, std::string_view text)
+/// The length of a control character at a place in UTF-8 text: those of ASCII, and the C1 set, which some terminals
+/// obey; 0 for all others.
+std::size_t controlAt(std::string_view text, std::size_t at)
 {
-    constexpr std::string_view key = "password=";
-    for (auto at = text.find(key); at != std::string_view::npos; at = text.find(key)) {
-        const auto value = at + key.size();
-        line.append(text.substr(0, value)).append("***");
-        text.remove_prefix(std::min(text.find_first_of(" \t\r\n\f\v", value), text.size()));
+    const auto byte = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+    if (byte(at) < 0x20 || byte(at) == 0x7F) {
+        return 1;
     }
-    line.append(text);
+    return byte(at) == 0xC2 && byte(at + 1) >= 0x80 && byte(at + 1) < 0xA0 ? 2 : 0;
+}
+
+/// One call gives one line, and a line changes nothing on a terminal.
+void appendEscaped(std::string& line, std::string_view text)
+{
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const std::size_t control = controlAt(text, i);
+        if (control == 0) {
+            line += text[i];
+        } else if (text[i] == '\n' || text[i] == '\r' || text[i] == '\t') {
+            line.append(text[i] == '\n' ? "\\n" : text[i] == '\r' ? "\\r" : "\\t");
+        } else {
+            std::array<char, 8> escape{};
+            const char code = text[i + control - 1];
+            std::snprintf(escape.data(), escape.size(), control == 1 ? "\\x%02x" : "\\u00%02x",
+                          static_cast<unsigned>(static_cast<unsigned char>(code)));
+            line.append(escape.data());
+            i += control - 1;
+        }
+    }
 }
 
 } // namespace
@@ -91,7 +116,7 @@ void BuiltInSink::operator()(std::string_view channel, TraceKind kind, std::stri
     std::string line;
     line.reserve(channel.size() + text.size() + 16);
     line.append(channel).append(failure ? " log: " : " prn: ");
-    appendMasked(line, text);
+    appendEscaped(line, oryx::maskSecrets(text));
     // As a view the line is written as it stands; as a string it would be taken for a format.
     m_logger->log(failure ? spdlog::level::err : spdlog::level::info, spdlog::string_view_t(line));
 }

@@ -92,7 +92,7 @@ TEST_P(ConnectionStrings, AreSentAndTracedAsTheyStand)
     const ConnectionString& given = GetParam();
     EXPECT_EQ(told(connection.connect(given.uri, given.user, given.password)),
               "true ''\nconnect " + given.expected + "\nnotices\n");
-    EXPECT_EQ(trace.take(), traced({given.expected}));
+    EXPECT_EQ(trace.take("DatabaseConnection"), traced({given.expected}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -116,6 +116,41 @@ INSTANTIATE_TEST_SUITE_P(
                     ConnectionString{"ValuesWithQuotesBlanksAndPercents", "registrar", "al ice", "it's 100%s \\secret",
                                      "dbname=registrar user=al ice password=it's 100%s \\secret"}),
     [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(DatabaseConnect, TellsWhatOfAUriIsIgnoredAndWhatToSetInstead)
+{
+    const auto advice = [this](const char* uri, const char* user = "alice") {
+        connection.connect(uri, user, "secret");
+        connection.close();
+        return trace.take("oryx");
+    };
+    const std::string user =
+        "oryx log: the user in the database URI is ignored, and a password with it: give both to connect\n";
+    const std::string port = "oryx log: the port in the database URI is ignored: set PGPORT, or port in the service "
+                             "file (PGSERVICE)\n";
+    const std::string query = "oryx log: the query of the database URI is ignored: set libpq's environment (PGSSLMODE, "
+                              "PGCONNECT_TIMEOUT, ...), or the service file (PGSERVICE)\n";
+    const std::string database =
+        "oryx log: the database is empty, so libpq takes the next item for it: name it in the URI's path\n";
+    for (const char* quiet :
+         {"registrar", "registrar at db:5432", "pgsql:///registrar", "pgsql://h/registrar",
+          "pgsql://h1,[2001:db8::1]/registrar", "pgsql://%2Fvar%2Frun/registrar", "pgsql://h/a:1@b"}) {
+        EXPECT_EQ(advice(quiet), "") << quiet;
+    }
+    EXPECT_EQ(advice("pgsql://h:5433/registrar"), port);
+    EXPECT_EQ(advice("pgsql://h1,h2:5433/registrar"), port);
+    EXPECT_EQ(advice("pgsql://[2001:db8::1]:5433/registrar"), port);
+    EXPECT_EQ(advice("pgsql://bob@h/registrar"), user);
+    EXPECT_EQ(advice("pgsql://bob:hidden@h:5433/registrar?sslmode=require"), user + port + query);
+    EXPECT_EQ(advice("pgsql://h/registrar#fragment"), query);
+    EXPECT_EQ(advice("pgsql://h"), database);
+    EXPECT_EQ(advice("pgsql://h/?dbname=registrar"), query + database);
+    EXPECT_EQ(advice(""), database);
+    EXPECT_EQ(advice("registrar", ""),
+              "oryx log: the user is empty, so libpq takes the next item, the password, for it: give one to connect\n");
+    EXPECT_EQ(advice("pgsql://bob:hid den@h/registrar"),
+              "oryx log: the database URI is not valid, so all of it is taken for the database's name\n");
+}
 
 TEST_F(DatabaseConnect, ReportsARefusalWithLibpqsText)
 {

@@ -1,5 +1,6 @@
 #include "contract/DeskContact.h"
 #include "contract/PresenceFixture.h"
+#include "support/FailingRandom.h"
 #include "support/TemporaryDirectory.h"
 
 #include <Crypt.h>
@@ -892,11 +893,24 @@ TEST_F(PresenceLocationTest, AnEncryptedPasswordComesInClear)
     unsetenv("ORYX_CRYPT_KEY_FILE");
 }
 
-TEST_F(PresenceLocationTest, APasswordThatCannotBeDecryptedComesEmpty)
+TEST_F(PresenceLocationTest, APasswordThatCannotBeDecryptedComesAsARandomTextEachTime)
 {
-    libpq.replies({rows({{"7", "alice", "3", "home", "digest", "{oryx1}damaged", "t"}})});
+    const std::vector<Cell> damaged = {"7", "alice", "3", "home", "digest", "{oryx1}damaged", "t"};
+    libpq.replies({rows({damaged}), rows({damaged})});
+    SubscriberRecord first;
+    SubscriberRecord second;
+    EXPECT_EQ(show(executor.lookupSubscriber("alice", "oryx.example", first)), "okay");
+    EXPECT_EQ(show(executor.lookupSubscriber("alice", "oryx.example", second)), "okay");
+    EXPECT_EQ(first.password().size(), 64U);
+    EXPECT_NE(first.password(), second.password());
+}
+
+TEST_F(PresenceLocationTest, APasswordThatCannotBeDecryptedIsAFailureWithoutRandomNumbers)
+{
+    const NoRandomNumbers none;
+    libpq.replies({rows({{"7", "alice", "3", "home", "digest", "{oryx1}damaged", "f"}})});
     EXPECT_EQ(subscriberOf(executor, "alice", "oryx.example"),
-              "okay\nsubscriber 7 user='alice' type='home' auth='digest' password='' oid=3 active='t'\n");
+              "query error: the stored password cannot be read, and there are no random numbers\n" + kSubscriberBefore);
 }
 
 TEST_F(PresenceLocationTest, EveryTextIsTakenAndTracedAsItStands)

@@ -1,4 +1,5 @@
 #include "contract/ExecutorFixture.h"
+#include "support/FailingRandom.h"
 #include "support/TemporaryDirectory.h"
 
 #include <Crypt.h>
@@ -336,11 +337,32 @@ TEST_F(SubscribersTest, AnEncryptedPasswordComesInClear)
     unsetenv("ORYX_CRYPT_KEY_FILE");
 }
 
-TEST_F(SubscribersTest, APasswordThatCannotBeDecryptedComesEmpty)
+TEST_F(SubscribersTest, APasswordThatCannotBeDecryptedComesAsARandomTextEachTime)
 {
+    // Damaged, and encrypted with a key that is not there.
+    for (const char* stored :
+         {"{oryx1}damaged", "{oryx1}", "{oryx1}Y5DJNvRN6FkANiqceF8Jpd5z74UD5uLT22AQEwiVdZgWLiz84QsGWF1OyFQ7Yg=="}) {
+        libpq.replies({rows({{"7", "alice", "3", "home", "digest", stored, "t"}}),
+                       rows({{"7", "alice", "3", "home", "digest", stored, "t"}})});
+        SubscriberRecord first;
+        SubscriberRecord second;
+        EXPECT_EQ(executor.lookupSubscriber("alice", "oryx.example", first), 1);
+        EXPECT_NE(trace.take("Crypt").find(" log: cannot decrypt a password"), std::string::npos);
+        EXPECT_EQ(executor.lookupSubscriber("alice", "oryx.example", second), 1);
+        for (const SubscriberRecord& rec : {first, second}) {
+            EXPECT_EQ(rec.password().size(), 64U);
+            EXPECT_EQ(rec.password().find_first_not_of("0123456789abcdef"), std::string::npos) << rec.password();
+        }
+        EXPECT_NE(first.password(), second.password());
+    }
+}
+
+TEST_F(SubscribersTest, APasswordThatCannotBeDecryptedIsAFailureWithoutRandomNumbers)
+{
+    const NoRandomNumbers none;
     EXPECT_EQ(found({"7", "alice", "3", "home", "digest", "{oryx1}damaged", "t"}),
-              "1\nsubscriber 7 user='alice' type='home' auth='digest' password='' oid=3 active='t'\n" +
-                  executorTrace({"active = t\n"}));
+              "-1\n" + kBob + executorTrace({"active = t\n"}));
+    EXPECT_EQ(executor.getErrorMessage(), "the stored password cannot be read, and there are no random numbers");
 }
 
 TEST_F(SubscribersTest, ANegativeKeyIsRemovedLikeAnyOther)

@@ -13,7 +13,7 @@ namespace server {
 
 /// The role that the library connects as: a member of the servers' role and nothing more.
 constexpr const char* kUser = "oryx_test_server";
-constexpr const char* kPassword = "oryx";
+constexpr const char* kPassword = "only-for-the-tests";
 
 /// The server's port, also after a test has set another one for the library.
 const std::string& port();

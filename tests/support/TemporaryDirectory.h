@@ -27,9 +27,12 @@ public:
 
     std::string file(const std::string& name) const { return m_path + "/" + name; }
 
+    /// Readable by its owner alone.
     std::string write(const std::string& name, const std::string& content) const
     {
         std::ofstream(file(name), std::ios::binary) << content;
+        std::filesystem::permissions(file(name),
+                                     std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
         return file(name);
     }
 

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -181,7 +183,34 @@ TEST_F(CryptWithKey, refusesAKeyFileThatCannotBeRead)
     std::filesystem::create_directory(directory);
     useKeyFile(directory);
     EXPECT_EQ(refusal(kStored),
-              (Lines{"Crypt log cannot decrypt a password: key file " + directory + ": Is a directory"}));
+              (Lines{"Crypt log cannot decrypt a password: key file " + directory + ": not a regular file"}));
+}
+
+TEST_F(CryptWithKey, refusesAKeyThatComesFromNoRegularFile)
+{
+    const std::string fifo = m_directory.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {fifo, std::string("/dev/zero")}) {
+        useKeyFile(path);
+        EXPECT_EQ(refusal(kStored),
+                  (Lines{"Crypt log cannot decrypt a password: key file " + path + ": not a regular file"}));
+    }
+}
+
+TEST_F(CryptWithKey, saysThatTheKeyIsOpenToOthersAndUsesIt)
+{
+    const std::string key = m_directory.file("key");
+    for (const auto& [mode, shown] : {std::pair<mode_t, std::string>{0644, "644"}, {0640, "640"}, {0602, "602"}}) {
+        ASSERT_EQ(chmod(key.c_str(), mode), 0);
+        const TraceCapture trace;
+        EXPECT_EQ(decrypted(kStored), "secret");
+        EXPECT_EQ(trace.lines(), (Lines{"Crypt log key file " + key + " is open to others (mode " + shown +
+                                        "): chmod 600, and encrypt with a new key"}));
+    }
+    ASSERT_EQ(chmod(key.c_str(), 0400), 0);
+    const TraceCapture trace;
+    EXPECT_EQ(decrypted(kStored), "secret");
+    EXPECT_EQ(trace.lines(), Lines{});
 }
 
 TEST_F(CryptWithKey, refusesAKeyFileWithoutSixtyFourHexadecimalDigits)

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -303,9 +304,23 @@ TEST_F(TraceEnvironment, masksEveryPassword)
     };
     EXPECT_EXIT(trace(), kSucceeds,
                 testing::MatchesRegex(
-                    line("Channel prn: host=h password=\\*\\*\\* user=u password=\\*\\*\\*\tpassword=\\*\\*\\*") +
+                    line("Channel prn: host=h password=\\*\\*\\* user=u password=\\*\\*\\*\\\\tpassword=\\*\\*\\*") +
                     line("Channel prn: password=\\*\\*\\*") +
-                    line("Channel log: password=\\*\\*\\* x password=\\*\\*\\*\nb passwords=c Password=d")));
+                    line("Channel log: password= \\*\\*\\* password=\\*\\*\\*\\\\nb passwords=c Password=\\*\\*\\*")));
+}
+
+TEST_F(TraceEnvironment, masksWhatBelongsToAPasswordWithBlanks)
+{
+    const auto trace = [] {
+        setenv("ORYX_TRACE", "all", 1);
+        zel::Trace("Channel").prn("host=h dbname=oryx user=u password=se cret of %s", "mine\nand yours");
+        zel::Trace("Channel").log("UPDATE subscriber SET s_password='se cret' WHERE sid='7';");
+        std::exit(0);
+    };
+    EXPECT_EXIT(
+        trace(), kSucceeds,
+        testing::MatchesRegex(line("Channel prn: host=h dbname=oryx user=u password=\\*\\*\\*") +
+                              line("Channel log: UPDATE subscriber SET s_password='\\*\\*\\*' WHERE sid='7';")));
 }
 
 TEST_F(TraceEnvironment, endsALineOnceWhenTheTextEndsWithANewline)
@@ -317,7 +332,20 @@ TEST_F(TraceEnvironment, endsALineOnceWhenTheTextEndsWithANewline)
         std::exit(0);
     };
     EXPECT_EXIT(trace(), kSucceeds,
-                testing::MatchesRegex(line("Channel prn: missing parameters") + line("Channel prn: \n")));
+                testing::MatchesRegex(line("Channel prn: missing parameters") + line("Channel prn: \\\\n")));
+}
+
+TEST_F(TraceEnvironment, givesEveryCallOneLineWithoutControlCharacters)
+{
+    const auto trace = [] {
+        setenv("ORYX_TRACE", "all", 1);
+        using namespace std::string_literals;
+        zel::Trace("Channel").prn("a\r\n2025-01-01 b\x1b[2J\x7f\t\0c\u009b\u00a0\u00e4\n"s);
+        std::exit(0);
+    };
+    EXPECT_EXIT(trace(), kSucceeds,
+                testing::MatchesRegex(
+                    line("Channel prn: a\\\\r\\\\n2025-01-01 b\\\\x1b\\[2J\\\\x7f\\\\t\\\\x00c\\\\u009b\u00a0\u00e4")));
 }
 
 TEST_F(TraceEnvironment, givesTheBuiltInSinkBackAsItWas)
@@ -401,6 +429,61 @@ TEST_F(TraceEnvironment, writesToTheFileNamed)
     EXPECT_EXIT(trace(), kSucceeds,
                 testing::MatchesRegex(line("Channel prn: dbname=oryx password=\\*\\*\\* connect_timeout=5") +
                                       line("Channel log: failure")));
+}
+
+TEST_F(TraceEnvironment, createsFilesThatOnlyTheirOwnerReads)
+{
+    const auto trace = [] {
+        {
+            const TemporaryDirectory directory;
+            umask(0);
+            traceTo(directory.file("trace"));
+            const std::string mebibyte(std::size_t{1024} * 1024, 'x');
+            for (int i = 0; i < 12; ++i) {
+                zel::Trace("Channel").prn(mebibyte);
+            }
+            for (const char* name : {"trace.1", "trace"}) {
+                struct stat status {};
+                stat(directory.file(name).c_str(), &status);
+                std::fprintf(stderr, "%o ", static_cast<unsigned>(status.st_mode & 07777));
+            }
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(trace(), kSucceeds, testing::Eq("600 600 "));
+}
+
+TEST_F(TraceEnvironment, writesThroughNoSymbolicLink)
+{
+    const auto trace = [] {
+        {
+            const TemporaryDirectory directory;
+            const std::string target = directory.write("target", "");
+            std::filesystem::create_symlink(target, directory.file("trace"));
+            traceTo(directory.file("trace"));
+            zel::Trace("Channel").log("failure");
+            std::fprintf(stderr, "[%s]", directory.read("target").c_str());
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(trace(), kSucceeds,
+                testing::MatchesRegex("ORYX_TRACE_FILE: Failed opening file /[^ ]*/trace for writing: a symbolic link; "
+                                      "traces go to standard error\n" +
+                                      line("Channel log: failure") + "\\[\\]"));
+}
+
+TEST_F(TraceEnvironment, writesToNoFifo)
+{
+    const auto trace = [] {
+        {
+            const TemporaryDirectory directory;
+            mkfifo(directory.file("trace").c_str(), 0600);
+            traceTo(directory.file("trace"));
+            zel::Trace("Channel").log("failure");
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(trace(), kSucceeds, testing::ContainsRegex("traces go to standard error\n"));
 }
 
 TEST_F(TraceEnvironment, addsToAFileThatExists)
