@@ -620,6 +620,7 @@ TEST_F(ExecuteSqlCmdTest, TracesAFailureBeforeItsTextIsSet)
     run(kStatement);
     executor.error("earlier");
     run(kStatement);
+    zel::setTraceSink({});
     EXPECT_EQ(texts, "earlier|earlier|");
 }
 
@@ -980,6 +981,7 @@ TEST_F(LocationDomainCache, KeepsTheListThatWasReadFirst)
     });
     std::string name;
     EXPECT_EQ(executor.getDomainName(name), "first.example");
+    zel::setTraceSink({});
     EXPECT_EQ(ofOther, "first.example");
     EXPECT_EQ(libpq.takeStatements(), (std::vector<std::string>{kDomainQuery, kDomainQuery}));
 }
