@@ -7,17 +7,22 @@ readonly kBuildPackages=(
     postgresql
 )
 readonly kTestPackages=(
-    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind
+    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck
 )
 
 logs=$PWD/build/logs
+
+# The log of the step with this title.
+log_name() {
+    echo "$(tr -cs 'a-z0-9\n' '-' <<<"${1,,}").log"
+}
 
 # Runs a command with its output in a log: one line when all is well, the log's end when it is not. What stops a script
 # at its first failure does not work in here: a function given must return its own.
 step() {
     local title=$1 log started=$SECONDS
     shift
-    log=$logs/$(tr -cs 'a-z0-9\n' '-' <<<"${title,,}").log
+    log=$logs/$(log_name "$title")
     mkdir -p "$logs"
     printf '%-58s' "$title ..."
     if "$@" >"$log" 2>&1; then

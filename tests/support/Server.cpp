@@ -81,7 +81,10 @@ const std::string& port()
 Session::Session(const std::string& database)
 {
     requireThrowAwayServer();
-    m_connection.reset(PQconnectdb(("dbname=" + database + " port=" + port()).c_str()));
+    // The socket asks for no password and encrypts nothing, which would be a third of a short test's work.
+    const char* const socket = std::getenv("ORYX_SERVER_SOCKET");
+    const std::string host = socket != nullptr ? std::string(" host=") + socket : std::string();
+    m_connection.reset(PQconnectdb(("dbname=" + database + " port=" + port() + host).c_str()));
     if (PQstatus(m_connection.get()) != CONNECTION_OK) {
         throw std::runtime_error(PQerrorMessage(m_connection.get()));
     }
@@ -130,7 +133,8 @@ Database::Database() : m_name("oryx_test_" + std::to_string(getpid()))
     Session session(kMaintenance);
     const std::string source = templateDatabase(session);
     session.run("DROP DATABASE IF EXISTS " + m_name + " WITH (FORCE)");
-    session.run("CREATE DATABASE " + m_name + " TEMPLATE " + source);
+    // Copied file by file: writing the whole template to the log takes the server seven times as long.
+    session.run("CREATE DATABASE " + m_name + " TEMPLATE " + source + " STRATEGY file_copy");
     // A copy lacks what the server keeps beside a database: its settings and the rights to it.
     session.run("INSERT INTO pg_db_role_setting SELECT made.oid, setrole, setconfig FROM pg_database made, "
                 "pg_database source JOIN pg_db_role_setting ON setdatabase = source.oid WHERE made.datname = '" +
