@@ -664,19 +664,19 @@ std::string maskedMessage(std::string_view message, std::size_t middle)
 }
 
 /// What stands around a statement or a message in the library's own traces.
-struct Frame {
+struct Surroundings {
     std::string_view front;
     std::string_view opening;
     std::string_view closing;
 };
-constexpr std::array kFrames{Frame{"execute: ", "'", "'"}, Frame{"query result status is ", "('", "')\n"},
-                             Frame{"query result status is ", "('", "')"}};
+constexpr std::array kFrames{Surroundings{"execute: ", "'", "'"}, Surroundings{"query result status is ", "('", "')\n"},
+                             Surroundings{"query result status is ", "('", "')"}};
 
 } // namespace
 
 std::string maskSecrets(std::string_view text)
 {
-    for (const Frame& frame : kFrames) {
+    for (const Surroundings& frame : kFrames) {
         const auto opening = text.starts_with(frame.front) ? text.find(frame.opening) : kNone;
         const std::size_t begin = opening + frame.opening.size();
         if (opening != kNone && text.ends_with(frame.closing) && text.size() >= begin + frame.closing.size()) {

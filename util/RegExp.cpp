@@ -10,7 +10,7 @@ namespace oryx {
 namespace {
 
 /// One for all expressions, so that their header needs no header of the suite's.
-Tracer channel("RegEx");
+Tracer tracer("RegEx");
 
 bool isOneOf(char c, std::string_view set)
 {
@@ -86,29 +86,29 @@ bool RegExp::compile(const char* expr, bool ignoreCase)
 {
     free();
     if (expr != nullptr) {
-        channel.prn("compiling '%s'", expr);
+        tracer.prn("compiling '%s'", expr);
         m_pattern = expr;
     }
     // A dial plan's patterns hold the digits that tell them apart. A glance at those spares most texts the automaton;
     // thousands of automatons do not fit the processor's caches.
     m_required = ignoreCase ? "" : requiredText(m_pattern);
     m_compiled = expr != nullptr && regcomp(&m_regex, expr, REG_EXTENDED | (ignoreCase ? REG_ICASE : 0)) == 0;
-    channel.prn(m_compiled ? "compile ok" : "compile failed");
+    tracer.prn(m_compiled ? "compile ok" : "compile failed");
     return valid();
 }
 
 bool RegExp::match(const char* text)
 {
     if (text != nullptr) {
-        channel.prn("checking '%s' for match on %s", text, m_pattern.c_str());
+        tracer.prn("checking '%s' for match on %s", text, m_pattern.c_str());
     }
     if (!valid()) {
-        channel.prn("match failed, invalid regex");
+        tracer.prn("match failed, invalid regex");
         return false;
     }
     const bool found = text != nullptr && std::strstr(text, m_required.c_str()) != nullptr &&
                        regexec(&m_regex, text, 0, nullptr, 0) == 0;
-    channel.prn(found ? "match found" : "not a match");
+    tracer.prn(found ? "match found" : "not a match");
     return found;
 }
 

@@ -73,7 +73,7 @@ bool Frame::require(bool valid, const char* msg)
     return valid || error(msg);
 }
 
-Run Frame::send(const std::string& statement, QueryResult& result)
+Run Frame::send(const std::string& statement, QueryResult& result) const
 {
     if (!connection || !connection->execute(statement, result)) {
         return Run::connectionFailed;
@@ -130,7 +130,7 @@ bool Frame::callFunction(const std::string& statement)
     return outcome == Run::okay;
 }
 
-void Frame::rollback()
+void Frame::rollback() const
 {
     QueryResult ignored;
     connection->execute("ROLLBACK", ignored);
@@ -161,7 +161,7 @@ bool Frame::fetch(const std::string& statement, QueryResult& result, DatabaseRes
     return outcome.okay();
 }
 
-void Frame::traceRows(const char* format, int rows)
+void Frame::traceRows(const char* format, int rows) const
 {
     if (format != nullptr) {
 #pragma GCC diagnostic push

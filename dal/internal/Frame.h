@@ -79,7 +79,7 @@ public:
     // Statements, without checking the connection first
 
     /// Sends a statement; the error text stays, for a caller that has something to trace before it changes.
-    Run send(const std::string& statement, QueryResult& result);
+    Run send(const std::string& statement, QueryResult& result) const;
     /// Takes the reason of a failure into the error text.
     void keepReason(Run outcome, const QueryResult& result);
     /// Both.
@@ -91,7 +91,7 @@ public:
     /// Runs a call of a stored function, and a rollback after one that failed.
     bool callFunction(const std::string& statement);
     /// Ends a failed transaction. How that went does not count: the first failure is what the caller hears of.
-    void rollback();
+    void rollback() const;
 
     // Whole operations
 
@@ -162,10 +162,10 @@ public:
 
     std::unique_ptr<DatabaseConnection> connection; ///< Null until the first `connect`.
     std::string errorText;                          ///< The reason of the last failure.
-    zel::Trace trace;                               ///< The executor's channel.
+    mutable zel::Trace trace;                       ///< The executor's channel; a suite's own traces need not be const.
 
 private:
-    void traceRows(const char* format, int rows);
+    void traceRows(const char* format, int rows) const;
     DatabaseResult updated(const std::string& statement);
     DatabaseResult insertedOrDeleted(const std::string& statement, Violation violation);
 };

@@ -11,8 +11,6 @@ namespace oryx {
 
 namespace {
 
-constexpr auto kNone = std::string_view::npos;
-
 /// What the library takes no notice of in a valid database URI. Looked for here because a suite's own wex::URL tells
 /// host and path only.
 struct Ignored {
@@ -26,9 +24,9 @@ struct Ignored {
 /// Whether a host of the list has a port: a colon behind its name, or behind the bracket of its IPv6 address.
 bool hasPort(std::string_view hosts)
 {
-    for (auto colon = hosts.find(':'); colon != kNone; colon = hosts.find(':', colon + 1)) {
+    for (auto colon = hosts.find(':'); colon != std::string_view::npos; colon = hosts.find(':', colon + 1)) {
         const auto open = hosts.substr(0, colon).rfind('[');
-        if (open == kNone || hosts.substr(open, colon - open).find(']') != kNone) {
+        if (open == std::string_view::npos || hosts.substr(open, colon - open).find(']') != std::string_view::npos) {
             return true;
         }
     }
@@ -41,9 +39,9 @@ Ignored::Ignored(std::string_view uri)
     uri.remove_prefix(std::min<std::size_t>(3, uri.size()));
     const std::string_view authority = uri.substr(0, uri.find_first_of("/?#"));
     const auto at = authority.rfind('@');
-    user = at != kNone;
+    user = at != std::string_view::npos;
     port = hasPort(user ? authority.substr(at + 1) : authority);
-    settings = uri.find_first_of("?#") != kNone;
+    settings = uri.find_first_of("?#") != std::string_view::npos;
 }
 
 } // namespace
