@@ -4,14 +4,21 @@
 
 #include <dal/LocationService.h>
 #include <support/Server.h>
+#include <util/RegExp.h>
 #include <zel/Trace.h>
 
 #include <benchmark/benchmark.h>
 
 #include <libpq-fe.h>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <iterator>
 #include <memory>
+#include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -101,8 +108,67 @@ void sizes(benchmark::internal::Benchmark* benchmark)
     benchmark->RangeMultiplier(10)->Range(10, 10000)->Unit(benchmark::kMicrosecond)->UseRealTime();
 }
 
+// The longest request URI that a server should hand over, and patterns that take long with it, among all that the
+// schema accepts. The plain text that each needs is in the URI, so that the expression is run.
+constexpr std::size_t kUriBytes = 512;
+
+struct Worst {
+    const char* pattern;
+    std::string_view letters;
+};
+constexpr std::array kWorst{
+    Worst{"a.*b@", "a"},                               // looks on to the end from each place
+    Worst{"[ac]*[ac]{1,15}$", "ac"},                   // ... and in each for what might end there
+    Worst{"()a+^\\b", "a"},                            // ... and at what stands before and behind
+    Worst{"(.{2})*y|(.{3})*y|(.{5})*y|(.{7})*y", "a"}, // ... and is hardly ever in the same state
+    Worst{"[ac]*a[ac]{7}b@", "ac"},                    // the states of a mixture
+    Worst{"[ac]{3,90}bb", "ac"},                       // states that hold much
+};
+
+std::string worstUri(const Worst& worst)
+{
+    std::minstd_rand random(1);
+    std::string uri = "b@bb";
+    std::generate_n(std::back_inserter(uri), kUriBytes - uri.size() - 1,
+                    [&] { return worst.letters[random() % worst.letters.size()]; });
+    return uri + "@";
+}
+
+/// The expression by itself: as the first request finds it (`first`), or as all later ones do.
+void worstPattern(benchmark::State& state, bool first)
+{
+    const Worst& worst = kWorst[static_cast<std::size_t>(state.range(0))];
+    zel::setTraceSink({});
+    const server::Database database;
+    server::Session(database.name())
+        .run("INSERT INTO address_map (pattern) VALUES ('" + std::string(worst.pattern) + "')"); // refuses it, or not
+    const std::string uri = worstUri(worst);
+    oryx::RegExp kept;
+    kept.compile(worst.pattern, false);
+    bool matched = kept.match(uri.c_str());
+    for (auto _ : state) {
+        oryx::RegExp fresh;
+        if (first) {
+            fresh.compile(worst.pattern, false);
+        }
+        matched = (first ? fresh : kept).match(uri.c_str()) || matched;
+    }
+    if (matched) {
+        state.SkipWithError("a pattern that matches has not looked everywhere");
+    }
+    state.SetLabel(worst.pattern);
+}
+
 BENCHMARK_CAPTURE(lookup, number, kNumber)->Name("address_map_lookup")->Apply(sizes);
 BENCHMARK_CAPTURE(lookup, number_in_group, kNumberInGroup)->Name("address_map_lookup_in_groups")->Apply(sizes);
 BENCHMARK(rowsByLibpq)->Name("address_map_rows_by_libpq")->Apply(sizes);
+BENCHMARK_CAPTURE(worstPattern, first, true)
+    ->Name("address_map_worst_first")
+    ->DenseRange(0, kWorst.size() - 1)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(worstPattern, again, false)
+    ->Name("address_map_worst_again")
+    ->DenseRange(0, kWorst.size() - 1)
+    ->Unit(benchmark::kMicrosecond);
 
 } // namespace
