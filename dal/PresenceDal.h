@@ -178,8 +178,7 @@ private:
 ///
 /// - Stored by `addWatcherState`: everything but the remote contact.
 /// - Filled by both listings: everything but the event. `getWatcherState` adds the dialog's remote contact and gives
-/// the
-///   key asked for; `getWatchers` gives no remote contact, and the presentity in place of the key.
+///   the key asked for; `getWatchers` gives no remote contact, and the presentity in place of the key.
 ///
 /// Document type, watcher type and watcher state are codes of the caller's own: stored and given back, never judged.
 /// \ingroup event_records
@@ -323,7 +322,7 @@ private:
 /// A contact with the address of record that it is registered for.
 ///
 /// Stored by nothing; `flushExpiredContacts` fills handle, domain, public address key, contact header, expiry, Call-ID
-/// and CSeq (this one within the limits of an int).
+/// and CSeq.
 /// \ingroup event_records
 class ExtendedContactRecord : public ContactRecord {
 public:

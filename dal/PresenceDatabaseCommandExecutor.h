@@ -104,7 +104,8 @@ public:
     /// watcher; connection error when the statement fails.
     DatabaseResult updateWatcherExpiry(const char* presentityKey, const char* watcherOpaque, int expiry);
     /// Sets the version of the last document sent to a watcher; both keys are needed. It is written whole, and reads
-    /// back so. Okay, also when there is no such watcher; connection error when the statement fails.
+    /// back so; the table takes none above 9,223,372,036,854,775,807. Okay, also when there is no such watcher;
+    /// connection error when the statement fails.
     DatabaseResult updateWatcherDocVersion(const char* presentityKey, const char* watcherOpaque, unsigned long version);
     /// Removes a watcher, and not its dialog. Okay, also when there is none; connection error when the statement fails.
     DatabaseResult deleteWatcherState(const char* presentityKey, const char* watcherOpaque);
@@ -204,7 +205,8 @@ public:
     static unsigned int confStateStringToEnum(const std::string& text);
 
     /// Reads an extension's status and when it was set. Okay, or not found with `status` empty and `start_time` 0,
-    /// which here stands for every failure too but an empty extension (query error, both untouched).
+    /// which here stands for every failure too, with its message, but for an empty extension (query error, both
+    /// untouched).
     DatabaseResult getConfExtState(const std::string& extension, std::string& status, unsigned int& start_time);
     /// Sets an extension's status and when it was set; every time reads back as it was written. Okay, not found when
     /// there is no such extension, query error when it is empty or the statement fails.
@@ -323,9 +325,8 @@ public:
     DatabaseResult getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses, bool primaryOnly);
     /// Appends the contacts that expired before the current second, and removes them, permanent ones too unless they
     /// have no expiry. A contact comes once for every address of record on its set; one whose set has none may be
-    /// removed without being given. Okay, not found when there are
-    /// none, query error when the statement that reads them fails, connection error, with nothing appended, when the
-    /// removal does.
+    /// removed without being given. Okay, not found when there are none, query error when the statement that reads them
+    /// fails, connection error, with nothing appended, when the removal does.
     DatabaseResult flushExpiredContacts(std::vector<ExtendedContactRecord>& expired);
 
     ///@}

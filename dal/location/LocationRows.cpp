@@ -60,11 +60,12 @@ bool readContactSet(const Row& row, const ContactQuery& query, zel::Trace& trace
     return *active != 'f';
 }
 
-/// Where the system's time reaches further than a long, the last second that one holds.
+/// Where the system's time reaches further than a long, the last second that one holds, or the first.
 long asLong(time_t seconds)
 {
+    constexpr long long kMin = std::numeric_limits<long>::min();
     constexpr long long kMax = std::numeric_limits<long>::max();
-    return static_cast<long>(std::min<long long>(seconds, kMax));
+    return static_cast<long>(std::clamp<long long>(seconds, kMin, kMax));
 }
 
 AddressMapRecord readAddressMap(const Row& row)

@@ -1,5 +1,5 @@
-// How a registrar authenticates a request: HTTP digest as RFC 7616 has it, with SHA-256 (RFC 8760 section 2.4 for SIP),
-// and everything else than the right answer refused.
+// How a registrar authenticates a request: HTTP digest as RFC 7616 has it, with SHA-256 (RFC 8760 for SIP), and
+// everything else than the right answer refused.
 //
 //     authentication [DATABASE-URI]
 //
@@ -54,20 +54,26 @@ bool same(const std::string& a, const std::string& b)
     return a.size() == b.size() && sodium_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
-/// Handles and domains are stored in lower case; a domain may have been given with the final dot of DNS.
-std::string normalised(std::string text)
+/// Handles and domains are stored so.
+std::string lowerCase(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return text.ends_with('.') ? text.substr(0, text.size() - 1) : text;
+    return text;
+}
+
+/// A domain may have been given with the final dot of DNS.
+std::string withoutFinalDot(const std::string& domain)
+{
+    return domain.ends_with('.') ? domain.substr(0, domain.size() - 1) : domain;
 }
 
 /// Why the request is refused, for the operator alone: its sender is told 403 or 401 and no reason. Null when it is
 /// whose it says it is.
 const char* refusal(oryx::LocationService& service, const Request& request, bool& asked)
 {
-    const std::string handle = normalised(request.handle);
-    const std::string domain = normalised(request.domain);
+    const std::string handle = lowerCase(request.handle);
+    const std::string domain = withoutFinalDot(lowerCase(request.domain));
     if (!oryx::isCleanText(handle) || !oryx::isCleanText(domain)) {
         return "no such address can be";
     }
@@ -124,6 +130,7 @@ int main(int argc, char** argv)
     const bool done =
         judge(service, "alice", from("alice", "oryx.example", "alice", "wonderland")) &&
         judge(service, "alice, as Alice@ORYX.example.", from("Alice", "ORYX.example.", "alice", "wonderland")) &&
+        judge(service, "alice. with a dot, another handle", from("alice.", "oryx.example", "alice", "wonderland")) &&
         judge(service, "alice by her alias", from("1001", "oryx.example", "alice", "wonderland")) &&
         judge(service, "alice with a wrong password", from("alice", "oryx.example", "alice", "looking-glass")) &&
         judge(service, "alice without a password", from("alice", "oryx.example", "alice", "")) &&

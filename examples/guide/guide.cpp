@@ -85,9 +85,9 @@ bool isAcceptable(const std::string& text, std::size_t longest)
 
 void leaveOutExpired(std::vector<oryx::ContactRecord>& contacts)
 {
-    const long now = static_cast<long>(std::time(nullptr));
+    const std::time_t now = std::time(nullptr);
     std::erase_if(contacts, [now](const oryx::ContactRecord& contact) {
-        return contact.permanent() != "t" && contact.expires() <= now;
+        return contact.permanent() != "t" && contact.expires() != 0 && contact.expires() <= now; // 0: it never expires
     });
 }
 
