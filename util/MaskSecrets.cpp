@@ -262,7 +262,7 @@ std::size_t statementIn(const Text& text)
 {
     std::size_t begin = text.size();
     for (const std::string_view verb : {"insert", "update", "select", "delete", "merge", "with", "alter", "create",
-                                        "call", "do", "execute ", "prepare", "declare", "explain", "copy"}) {
+                                        "call", "do", "values", "execute ", "prepare", "declare", "explain", "copy"}) {
         for (auto at = text.folded().find(verb); at < begin; at = text.folded().find(verb, at + 1)) {
             const bool inName = isNameCharacter(text.at(at - 1)) || isNameCharacter(text.at(at + verb.size()));
             begin = inName ? begin : at;
@@ -353,7 +353,8 @@ std::string maskedAlone(std::string_view alone)
 {
     Text text(alone);
     const std::size_t verb = statementIn(text);
-    const std::size_t begin = verb < text.size() ? verb : 0;
+    // A verb behind a quote may belong to a value, unless that quote opens the statement.
+    const std::size_t begin = verb < text.size() && verb <= text.next(0, "'\"") + 1 ? verb : 0;
     const bool role = text.has("password") && (text.has("alter ") || text.has("create ")); // is given one
     const bool secret = role || insertsUnnamed(text) || (text.has("s_password") && !onlyReads(text, begin));
     const bool said = wordsOf(text) != 0 && wordsOf(text) <= verb;
