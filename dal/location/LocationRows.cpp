@@ -98,11 +98,12 @@ bool makeUnguessable(std::string& text)
 
 /// The clear password behind a stored one. One that cannot be decrypted comes out of every Crypt empty, and whoever
 /// sends an empty password must not be taken for the subscriber: the record gets another in its place each time, which
-/// nobody can know.
+/// nobody can know. So it does for one with a NUL, which would end there in a record.
 bool readPassword(const char* stored, std::string& clear)
 {
     Crypt::decrypt(stored, clear);
-    return !clear.empty() || *stored == '\0' || makeUnguessable(clear);
+    const bool usable = !clear.empty() && clear.find('\0') == std::string::npos;
+    return usable || *stored == '\0' || makeUnguessable(clear);
 }
 
 } // namespace

@@ -59,6 +59,9 @@ void RotatingFile::open()
     if (status.st_uid != geteuid()) {
         refuse("it belongs to another user");
     }
+    if (status.st_nlink != 1) {
+        refuse("it has other names");
+    }
     m_size = static_cast<std::size_t>(status.st_size);
 }
 

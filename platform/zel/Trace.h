@@ -34,12 +34,11 @@ ORYX_EXPORT TraceSink setTraceSink(TraceSink sink);
 /// Until the program sets a sink, the environment decides at the first trace: `ORYX_TRACE` unset or `off` nothing,
 /// `log` failures only, `all` everything, to standard error or to the file that `ORYX_TRACE_FILE` names. The file is
 /// created for its owner alone (mode 0600), rotated at 10 MiB, five older ones are kept beside it, and it belongs to
-/// one process; a symbolic link, a file that is not a regular one and another user's file are refused, and standard
-/// error is used instead. Both settings are ignored in a program that runs with raised privileges (setuid ones, for
-/// example). These built-in sinks show the time, thread, channel and kind with each text, in one line: passwords are
-/// masked (see
-/// `<util/MaskSecrets.h>`), control characters shown escaped (`\\n`, `\\x1b`), and the line feed at a text's end is
-/// left out.
+/// one process; a symbolic link, a file that is not a regular one or has a second hard link, and another user's file
+/// are refused, and standard error is used instead. Both settings are ignored in a program that runs with raised
+/// privileges (setuid ones, for example). These built-in sinks show the time, thread, channel and kind with each text,
+/// in one line: passwords are masked (see `<util/MaskSecrets.h>`), control characters shown escaped (`\\n`, `\\x1b`),
+/// and the line feed at a text's end is left out.
 ///
 /// With tracing off a call costs one relaxed load. No operation throws; all are safe from any thread, and from
 /// destructors that run at exit.

@@ -357,6 +357,21 @@ TEST_F(SubscribersTest, APasswordThatCannotBeDecryptedComesAsARandomTextEachTime
     }
 }
 
+TEST_F(SubscribersTest, AnEncryptedPasswordThatARecordCannotHoldComesAsARandomText)
+{
+    const TemporaryDirectory directory;
+    setenv("ORYX_CRYPT_KEY_FILE", directory.write("key", std::string(64, '7')).c_str(), 1);
+    for (const std::string& clear : {std::string(), std::string("\0secret", 7), std::string("a\0", 2)}) {
+        std::string stored;
+        ASSERT_TRUE(Crypt::encrypt(clear, stored));
+        libpq.replies({rows({{"7", "alice", "3", "home", "digest", stored, "t"}})});
+        SubscriberRecord rec;
+        EXPECT_EQ(executor.lookupSubscriber("alice", "oryx.example", rec), 1);
+        EXPECT_EQ(rec.password().size(), 64U);
+    }
+    unsetenv("ORYX_CRYPT_KEY_FILE");
+}
+
 TEST_F(SubscribersTest, APasswordThatCannotBeDecryptedIsAFailureWithoutRandomNumbers)
 {
     const NoRandomNumbers none;

@@ -472,6 +472,24 @@ TEST_F(TraceEnvironment, writesThroughNoSymbolicLink)
                                       line("Channel log: failure") + "\\[\\]"));
 }
 
+TEST_F(TraceEnvironment, writesToNoFileOfAnotherName)
+{
+    const auto trace = [] {
+        {
+            const TemporaryDirectory directory;
+            std::filesystem::create_hard_link(directory.write("target", ""), directory.file("trace"));
+            traceTo(directory.file("trace"));
+            zel::Trace("Channel").log("failure");
+            std::fprintf(stderr, "[%s]", directory.read("target").c_str());
+        }
+        std::exit(0);
+    };
+    EXPECT_EXIT(trace(), kSucceeds,
+                testing::MatchesRegex("ORYX_TRACE_FILE: Failed opening file /[^ ]*/trace for writing: it has other "
+                                      "names; traces go to standard error\n" +
+                                      line("Channel log: failure") + "\\[\\]"));
+}
+
 TEST_F(TraceEnvironment, writesToNoFifo)
 {
     const auto trace = [] {
