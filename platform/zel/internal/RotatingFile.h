@@ -12,8 +12,8 @@ namespace zel {
 /// `maxBytes` it becomes the newest of `olderFiles` that are kept beside it, named as spdlog's own rotating files are.
 ///
 /// The file is never reached through a symbolic link, and must be a regular one of the process's own user, with one
-/// name: whoever may write in its folder cannot have the traces, nor have another file of that user written. (spdlog's own sink opens its
-/// files by name only, and readable by all.) A file that is there already keeps its permissions.
+/// name: whoever may write in its folder cannot have the traces, nor have another file of that user written. (spdlog's
+/// own sink opens its files by name only, and readable by all.) A file that is there already keeps its permissions.
 class RotatingFile : public spdlog::sinks::base_sink<std::mutex> {
 public:
     /// Throws spdlog::spdlog_ex if there is no such file to be written.
