@@ -68,8 +68,8 @@ public:
     /// What `waitOnListen` calls: with true and the table's name for a notification, where the answer is not read;
     /// with false and an empty name for a wake-up without one, where true ends the wait. Must not use the connection.
     using TableChangeCallback = bool (*)(bool changed, const std::string& table);
-    /// Subscribes to the tables that the servers follow, and hands every change to the callback, one at a time, on this
-    /// thread, until the callback ends the wait or the connection is lost.
+    /// Subscribes to the tables that the servers follow, and hands every change to the callback, which must not be
+    /// null, one at a time, on this thread, until the callback ends the wait or the connection is lost.
     ///
     /// The callback also gets a call after every 5 seconds without a notification. Of several that arrive together, the
     /// later ones wait for that long each, or for further input. A connection that is lost while it subscribes is reset

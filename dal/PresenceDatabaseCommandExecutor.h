@@ -245,8 +245,8 @@ public:
     /// \name Changes of provisioning, and call managers
     ///@{
 
-    /// Waits as `DatabaseConnection::waitOnListen` does, on this executor's connection. Okay when the callback or a
-    /// lost connection ended the wait, connection error when it could not go on.
+    /// Waits as `DatabaseConnection::waitOnListen` does, on this executor's connection; the callback must not be null.
+    /// Okay when the callback or a lost connection ended the wait, connection error when it could not go on.
     DatabaseResult waitForNotify(bool (*callback)(bool, const std::string&));
     /// Appends the logged changes of a table, whose name is needed, since a time stamp, in no particular order; empty
     /// or "0" means all, anything else must be a number. The highest of their time stamps, as numbers, is the next
