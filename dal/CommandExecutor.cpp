@@ -1,5 +1,6 @@
 #include <dal/CommandExecutor.h>
 
+#include <dal/internal/Call.h>
 #include <dal/internal/Frame.h>
 
 #include <StringTokenizer.h>
@@ -26,28 +27,23 @@ bool CommandExecutor::checkConnect()
 
 DatabaseResult CommandExecutor::execute(const std::string& query)
 {
-    if (!checkConnect()) {
-        return m_frame->connectionError();
-    }
-    m_frame->trace.prn("execute: '%s'", query.c_str());
-    QueryResult result;
-    DatabaseResult outcome;
-    if (!m_frame->connection->execute(query, result)) {
-        errorConnection();
-        outcome = m_frame->connectionError();
-    }
-    // A fatal result may have been stored before the connection failed; what the server said of the statement then
-    // tells the caller more than the lost connection does.
-    if (result.failed()) {
-        error(result);
-        outcome = m_frame->queryError();
-    }
-    return outcome;
+    return m_frame->execute(query);
+}
+
+void CommandExecutor::setSessionOptions(const SessionOptions& options)
+{
+    m_frame->options = options;
 }
 
 bool CommandExecutor::executeUpdate(const std::string& cmd, int& count)
 {
+    const Call call(*m_frame);
     return m_frame->executeUpdate(cmd, count);
+}
+
+const std::string& CommandExecutor::getSqlState() const
+{
+    return m_frame->sqlState;
 }
 
 bool CommandExecutor::okay()
@@ -92,6 +88,11 @@ int CommandExecutor::getDomainNameList(std::vector<std::string>& domainNameList)
 std::string& CommandExecutor::getDomainName(std::string& domainName)
 {
     return getNthElementOfDomainList(domainName, 0);
+}
+
+Frame& frameOf(CommandExecutor& executor)
+{
+    return *executor.m_frame;
 }
 
 } // namespace oryx

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dal/QueryResult.h>
+#include <dal/SessionOptions.h>
 #include <dal/ValueString.h>
 #include <util/OryxExport.h>
 
@@ -29,6 +30,8 @@ public:
     CommandExecutor(const CommandExecutor&) = delete;
     CommandExecutor& operator=(const CommandExecutor&) = delete;
 
+    /// How the next connection sends its statements; until this is called, as the environment says.
+    void setSessionOptions(const SessionOptions& options);
     /// Replaces the connection by a new one, connected with the arguments of `DatabaseConnection::connect`.
     bool connect(const char* uri, const char* user, const char* password);
     /// Whether there is a usable connection; one that was lost is reset first.
@@ -39,6 +42,9 @@ public:
     /// Runs a change; `count` gets the number of rows it touched, and is left as it was on a failure. The caller has
     /// called `checkConnect()`.
     bool executeUpdate(const std::string& cmd, int& count);
+
+    /// The SQLSTATE of the last failure, empty where the server said nothing: for operations that answer with a number.
+    const std::string& getSqlState() const;
 
     /// Success: empties the error text. Always true.
     bool okay();
@@ -61,6 +67,8 @@ public:
     std::string& getDomainName(std::string& domainName);
 
 protected:
+    friend Frame& frameOf(CommandExecutor& executor); ///< For the services.
+
     /// Without a connection; traces on the channel of that name.
     explicit CommandExecutor(const char* channel);
 

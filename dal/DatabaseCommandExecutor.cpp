@@ -1,5 +1,6 @@
 #include <dal/DatabaseCommandExecutor.h>
 
+#include <dal/internal/Call.h>
 #include <dal/internal/Frame.h>
 #include <dal/internal/SystemParameters.h>
 
@@ -57,6 +58,24 @@ public:
 
 thread_local bool DomainReading::underWay = false;
 
+/// Runs a command without checking the connection first, and answers with `result`.
+template <typename Command>
+void executeTraced(Frame& frame, Command&& command, DatabaseResult& result, QueryResult& qres)
+{
+    const Call call(frame);
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        frame.trace.prn("******** transactionExecute(): cmd=\n" + formatted(frame.textOf(command)));
+    }
+    const Run outcome = frame.send(command, qres);
+    if (outcome == Run::okay) {
+        result.setOkay();
+        return;
+    }
+    frame.trace.prn(outcome == Run::connectionFailed ? "execute update failed" : "query error");
+    frame.keepReason(outcome, qres);
+    result = outcome == Run::connectionFailed ? frame.connectionError() : frame.queryError();
+}
+
 } // namespace
 
 DatabaseCommandExecutor::DatabaseCommandExecutor() : CommandExecutor("DatabaseCommandExecutor") {}
@@ -69,24 +88,8 @@ std::string& DatabaseCommandExecutor::getErrorMessage()
 DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& cmd, DatabaseResult& result,
                                                             QueryResult& qres, bool isTransaction)
 {
-    if (zel::Trace::enabled(zel::TraceKind::prn)) {
-        m_frame->trace.prn("******** transactionExecute(): cmd=\n" + formatted(cmd));
-    }
-    const Run outcome = m_frame->send(cmd, qres);
-    if (outcome == Run::okay) {
-        result.setOkay();
-        return result;
-    }
-    if (outcome == Run::connectionFailed) {
-        m_frame->trace.prn("execute update failed");
-        result.setConnectionError();
-    } else {
-        m_frame->trace.prn("query error");
-        result.setQueryError();
-    }
-    m_frame->keepReason(outcome, qres);
-    result.setErrorMessage(m_frame->errorText);
-    if (isTransaction && (!m_frame->connection || !m_frame->connection->execute("ROLLBACK;", qres))) {
+    executeTraced(*m_frame, cmd, result, qres);
+    if (!result.okay() && isTransaction && (!m_frame->connection || !m_frame->connection->execute("ROLLBACK;", qres))) {
         m_frame->trace.prn("rollback execution failed\n");
     }
     return result;
@@ -100,7 +103,8 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
     }
     DatabaseResult outcome;
     QueryResult result;
-    if (!transactionExecute(systemParameterQuery(application, scope, name), outcome, result, false).okay()) {
+    executeTraced(*m_frame, systemParameterQuery(application, scope, name), outcome, result);
+    if (!outcome.okay()) {
         return {};
     }
     if (result.rows() == 0) {

@@ -1,12 +1,15 @@
 #include <dal/DatabaseConnection.h>
 
 #include <dal/QueryResult.h>
+#include <dal/internal/BoundSession.h>
 #include <dal/internal/ConnectionAdvice.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Statement.h>
 
 #include <wex/URL.h>
 
 #include <libpq-fe.h>
+
+#include <utility>
 
 namespace oryx {
 
@@ -21,8 +24,8 @@ std::string connectionString(const char* uri, const char* user, const char* pass
         url.getHost(host);
         url.getPath(dbname);
     }
-    const std::string database = sql("dbname={} user={} password={}", dbname, user, password);
-    return host.empty() ? database : sql("host={} {}", host, database);
+    const std::string database = spliced("dbname={} user={} password={}", dbname, user, password);
+    return host.empty() ? database : spliced("host={} {}", host, database);
 }
 
 } // namespace
@@ -33,6 +36,8 @@ void DbcNoticeProcessor(void* arg, const char* message)
         static_cast<DatabaseConnection*>(arg)->handleNoticeMessage(message);
     }
 }
+
+DatabaseConnection::DatabaseConnection() : m_options(SessionOptions::fromEnvironment()) {}
 
 DatabaseConnection::~DatabaseConnection()
 {
@@ -49,7 +54,18 @@ bool DatabaseConnection::connect(const char* uri, const char* user, const char* 
     if (zel::Trace::enabled(zel::TraceKind::log)) {
         tellWhatIsIgnored(uri, user);
     }
+    if (m_options.statements == SessionOptions::Statements::bound) {
+        m_bound = std::make_unique<BoundSession>(m_options.deadline);
+        m_connectionString = cs;
+        beginOperation();
+        return resetBound();
+    }
     m_conn = PQconnectdb(cs.c_str());
+    return connected();
+}
+
+bool DatabaseConnection::connected()
+{
     if (m_conn == nullptr) {
         return error();
     }
@@ -66,6 +82,7 @@ bool DatabaseConnection::connect(const char* uri, const char* user, const char* 
 
 void DatabaseConnection::close()
 {
+    m_connectionString.clear();
     if (m_conn != nullptr) {
         PQfinish(m_conn);
         m_trace.prn("connection closed");
@@ -83,6 +100,9 @@ bool DatabaseConnection::active()
 
 bool DatabaseConnection::reset()
 {
+    if (m_bound) {
+        return resetBound();
+    }
     if (m_conn == nullptr) {
         return error("no connection to reset");
     }
@@ -92,12 +112,49 @@ bool DatabaseConnection::reset()
 
 bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
 {
+    return execute(std::string(cmd != nullptr ? cmd : ""), result);
+}
+
+bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
+{
+    return m_bound ? executeBound(cmd, result) : run(std::string(cmd), result);
+}
+
+bool DatabaseConnection::execute(Statement& statement, QueryResult& result)
+{
+    return m_bound ? executeBound({&statement, 1}, result) : run(statement.takeText(), result);
+}
+
+bool DatabaseConnection::execute(const Transaction& transaction, QueryResult& result)
+{
+    return m_bound ? executeBound(transaction.statements, result) : run(transaction.text(), result);
+}
+
+const std::string& DatabaseConnection::textOf(Statement& statement)
+{
+    return m_bound ? m_bound->textOf(statement) : statement.text();
+}
+
+std::string DatabaseConnection::textOf(const Transaction& transaction)
+{
+    if (!m_bound) {
+        return transaction.text();
+    }
+    std::string text;
+    for (const Statement& statement : transaction.statements) {
+        text += m_bound->textOf(statement);
+    }
+    return text;
+}
+
+/// Plain sending. The result keeps the text that is sent.
+bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
+{
     if (m_conn == nullptr) {
         return error("no connection");
     }
     m_trace.prn("executing query");
-    // The copy is what is sent: the caller's text may be the one that the result held so far.
-    result.setSqlCommand(std::string(cmd != nullptr ? cmd : ""));
+    result.setSqlCommand(std::move(cmd));
     const char* const statement = result.getSqlCommand().c_str();
     PGresult* received = PQexec(m_conn, statement);
     if (received == nullptr) {
@@ -114,11 +171,6 @@ bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
         return repeatAfterFatalResult(statement, result);
     }
     return okay();
-}
-
-bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
-{
-    return execute(cmd.c_str(), result);
 }
 
 PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)

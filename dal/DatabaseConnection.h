@@ -1,8 +1,11 @@
 #pragma once
 
+#include <dal/SessionOptions.h>
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
+#include <memory>
+#include <span>
 #include <string>
 
 struct pg_conn;
@@ -12,7 +15,11 @@ using PGresult = pg_result;
 
 namespace oryx {
 
+class BoundSession;
 class QueryResult;
+class Statement;
+struct Sent;
+struct Transaction;
 
 /// libpq's notice processor: hands the server's message to the `DatabaseConnection` at `arg`, if there is one.
 /// \ingroup core
@@ -25,7 +32,8 @@ ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
 /// \ingroup core
 class ORYX_EXPORT DatabaseConnection {
 public:
-    DatabaseConnection() = default;
+    /// Not connected; sends as the environment says (`SessionOptions::fromEnvironment`).
+    DatabaseConnection();
     ~DatabaseConnection();
     DatabaseConnection(const DatabaseConnection&) = delete;
     DatabaseConnection& operator=(const DatabaseConnection&) = delete;
@@ -91,13 +99,45 @@ public:
     bool error(const char* msg);
 
 private:
+    friend class Frame;
+
+    // How the connections made from now on send their statements.
+    void setSessionOptions(const SessionOptions& options) { m_options = options; }
+    // The library's own statements, sent as the options say: as one text, or bound. A bound one that the server
+    // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
+    bool execute(Statement& statement, QueryResult& result);
+    bool execute(const Transaction& transaction, QueryResult& result);
+    // The text that the server gets; without the values, where they travel apart from it.
+    const std::string& textOf(Statement& statement);
+    std::string textOf(const Transaction& transaction);
+    // Whether values travel apart from the text.
+    bool bound() const { return m_bound != nullptr; }
+    // An operation begins: the deadline, if there is one, counts from now.
+    void beginOperation();
+
+    bool connected();
+    bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
+    PGresult* listen(const std::string& statement);
     PGresult* listenAfterReset(const std::string& statement);
     bool waitForInput();
     bool handOn(TableChangeCallback callback);
 
+    // Bound statements (BoundStatements.cpp)
+    bool executeBound(std::span<const Statement> statements, QueryResult& result);
+    bool executeBound(const std::string& text, QueryResult& result);
+    template <typename Send>
+    bool runBound(const std::string& text, Send send, QueryResult& result);
+    bool received(Sent&& sent, QueryResult& result);
+    bool resetBound();
+    bool tooLate();
+    void drop();
+
     PGconn* m_conn = nullptr;
+    SessionOptions m_options;
+    std::string m_connectionString;        // of a bound connection, which is made anew instead of being reset
+    std::unique_ptr<BoundSession> m_bound; // null while values are spliced into the text
     std::string m_errorMsg;
     zel::Trace m_trace{"DatabaseConnection"};
 };

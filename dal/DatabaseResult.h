@@ -49,9 +49,16 @@ public:
     /// The message; empty until it is set.
     const std::string& getErrorMessage() const { return m_message; }
 
+    /// The five-character SQLSTATE that the server gave with a failed statement: "23505" for a row that is already
+    /// there, "57014" for one that ran out of time. Empty where the server said nothing.
+    const std::string& getSqlState() const { return m_sqlState; }
+    /// Sets the SQLSTATE; status and message stay.
+    void setSqlState(const std::string& sqlState) { m_sqlState = sqlState; }
+
 private:
     status m_status = OKAY;
     std::string m_message;
+    std::string m_sqlState;
 };
 
 } // namespace oryx

@@ -2,7 +2,7 @@
 
 #include <dal/LocationService.h>
 
-#include <dal/DatabaseCommandExecutor.h>
+#include <dal/internal/LocationGuard.h>
 #include <dal/internal/Number.h>
 
 #include <StringTokenizer.h>

@@ -1,9 +1,9 @@
 #include <dal/LocationService.h>
 
-#include <dal/DatabaseCommandExecutor.h>
+#include <dal/internal/LocationGuard.h>
 #include <dal/internal/ServiceFrame.h>
 #include <dal/internal/Shown.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Statement.h>
 
 #include <sys/time.h>
 
@@ -11,8 +11,13 @@ namespace oryx {
 
 namespace {
 
-constexpr const char* kBegin = "BEGIN TRANSACTION; ";
-constexpr const char* kCommit = "COMMIT TRANSACTION;";
+/// A transaction that is still open: more statements will follow.
+Transaction opened(std::size_t statements)
+{
+    Transaction transaction{"BEGIN TRANSACTION; ", {}, ""};
+    transaction.statements.reserve(statements);
+    return transaction;
+}
 
 } // namespace
 
@@ -23,9 +28,14 @@ LocationService::~LocationService()
     m_exec.reset(); // the connection ends before the address maps are forgotten
 }
 
+void LocationService::setSessionOptions(const SessionOptions& options)
+{
+    m_options = options;
+}
+
 DatabaseResult LocationService::connect(const char* uri, const char* user, const char* password)
 {
-    return reconnect(m_exec, uri, user, password);
+    return reconnect(m_exec, m_options, uri, user, password);
 }
 
 void LocationService::checkConnect(DatabaseResult& result)
@@ -98,17 +108,14 @@ DatabaseResult LocationService::registerContacts(int key, std::vector<ContactRec
         if (contacts.empty()) {
             return DatabaseResult();
         }
-        std::string text = kBegin;
+        Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            appendSql(
-                text,
+            transaction.statements.push_back(sql(
                 "INSERT INTO contact(address,csid,qvalue,expires,permanent,capabilities,contact_header,call_id,cseq,id)  VALUES('{}',(SELECT csid FROM public_address where public_address_id = {}), '{}',{},'{}','{}','{}','{}','{}', 1); ",
                 contact.address(), key, contact.qvalue(), contact.expires(), contact.permanent(),
-                contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq());
+                contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq()));
         }
-        text += kCommit;
-        m_trace.prn(text);
-        return concluded(m_exec->execute(text));
+        return concluded(commit(transaction));
     });
 }
 
@@ -119,16 +126,13 @@ DatabaseResult LocationService::unregisterContacts(int key, std::vector<ContactR
         if (contacts.empty()) {
             return DatabaseResult();
         }
-        std::string text = kBegin;
+        Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            appendSql(
-                text,
+            transaction.statements.push_back(sql(
                 "DELETE FROM contact WHERE address = '{}' AND csid = (SELECT csid FROM public_address where id = {}); ",
-                contact.address(), key);
+                contact.address(), key));
         }
-        text += kCommit;
-        m_trace.prn("executing: %s", text.c_str());
-        const DatabaseResult result = m_exec->execute(text);
+        const DatabaseResult result = commit(transaction, "executing: ");
         m_trace.prn(result.okay() ? "execute okay" : "execute failed");
         return concluded(result);
     });
@@ -141,24 +145,35 @@ DatabaseResult LocationService::updateContacts(int key, std::vector<ContactRecor
             return DatabaseResult();
         }
         m_trace.prn("updateContacts invoked for key=%d", key);
-        std::string text = kBegin;
+        Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            appendSql(
-                text,
+            transaction.statements.push_back(sql(
                 "UPDATE contact SET contact_header = '{}', expires = {}, call_id = '{}', cseq = '{}', qvalue = '{}', capabilities = '{}' WHERE csid = (SELECT csid FROM public_address where id = {}) AND address = '{}' ;",
                 contact.contactHeader(), contact.expires(), contact.callId(), contact.cseq(), contact.qvalue(),
-                contact.capabilities(), key, contact.address());
-            m_trace.prn(text);
+                contact.capabilities(), key, contact.address()));
+            traceText(transaction);
         }
-        text += kCommit;
-        m_trace.prn(text);
-        return concluded(m_exec->execute(text));
+        return concluded(commit(transaction));
     });
+}
+
+void LocationService::traceText(const Transaction& transaction, const char* prefix)
+{
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        m_trace.prn(prefix + frameOf(*m_exec).textOf(transaction));
+    }
+}
+
+DatabaseResult LocationService::commit(Transaction& transaction, const char* prefix)
+{
+    transaction.commit = "COMMIT TRANSACTION;";
+    traceText(transaction, prefix);
+    return frameOf(*m_exec).execute(transaction);
 }
 
 DatabaseResult LocationService::concluded(const DatabaseResult& result)
 {
-    if (!result.okay()) {
+    if (!result.okay() && !frameOf(*m_exec).bound()) {
         m_exec->execute("ROLLBACK");
     }
     return result;
@@ -169,7 +184,7 @@ DatabaseResult LocationService::removeExpiredContacts()
     return guarded([&] {
         timeval now{};
         gettimeofday(&now, nullptr);
-        return m_exec->execute(sql("DELETE FROM contact WHERE expires < {} AND permanent = 'f';", now.tv_sec));
+        return frameOf(*m_exec).execute(sql("DELETE FROM contact WHERE expires < {} AND permanent = 'f';", now.tv_sec));
     });
 }
 

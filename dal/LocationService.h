@@ -3,6 +3,7 @@
 #include <dal/AddressMap.h>
 #include <dal/Dal.h>
 #include <dal/DatabaseResult.h>
+#include <dal/SessionOptions.h>
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
@@ -15,6 +16,7 @@ namespace oryx {
 
 class AddressMapCache;
 class DatabaseCommandExecutor;
+struct Transaction;
 
 /// Whether the rules deny an outbound request to that host: any outbound rule ("o", or "*" for both directions) that
 /// names it byte for byte and denies it ("d"). A rule that allows it does not stop the search.
@@ -47,6 +49,8 @@ public:
     LocationService(const LocationService&) = delete;
     LocationService& operator=(const LocationService&) = delete;
 
+    /// How the next connection sends its statements; until this is called, as the environment says.
+    void setSessionOptions(const SessionOptions& options);
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
     /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a backslash, or begin
     /// with a quote. Okay, or a connection error with the server's reason.
@@ -182,12 +186,10 @@ public:
 private:
     /// Runs an operation of a service that was connected.
     template <typename Operation>
-    DatabaseResult guarded(Operation operation)
-    {
-        DatabaseResult result;
-        checkConnect(result);
-        return result.okay() ? operation() : result;
-    }
+    DatabaseResult guarded(Operation operation);
+    void traceText(const Transaction& transaction, const char* prefix = "");
+    /// Sends a transaction that is complete, and traces its text behind the prefix.
+    DatabaseResult commit(Transaction& transaction, const char* prefix = "");
     /// Rolls a failed transaction back, so that none stays open on the connection; its result passes through.
     DatabaseResult concluded(const DatabaseResult& result);
 
@@ -198,6 +200,7 @@ private:
     bool bypassesProxy(const HostInfo& info, const std::string& host);
 
     zel::Trace m_trace{"LocationService"};
+    SessionOptions m_options = SessionOptions::fromEnvironment();
     std::unique_ptr<DatabaseCommandExecutor> m_exec;
     std::unique_ptr<AddressMapCache> m_addrMap;
 };

@@ -1,12 +1,12 @@
 #include <dal/PresenceDal.h>
 
-#include <dal/internal/Sql.h>
+#include <dal/internal/Statement.h>
 
 namespace oryx {
 
 std::string WatchersRecord::dumpToString(const std::string& prefix) const
 {
-    return sql(
+    return spliced(
         "{}presentitykey={} watcheropaque={} doctype={} watchertype={} watcherstate={} expirytime={} watcheridentity={} presentity={} docversion={} event={} remoteContactHdr={}",
         prefix, _presentitykey, _watcheropaque, _doctype, _watchertype, _watcherstate, _expirytime, _watcheridentity,
         _presentity, _docversion, _event, _remoteContactHdr);
@@ -14,7 +14,7 @@ std::string WatchersRecord::dumpToString(const std::string& prefix) const
 
 std::string ConfExtRecord::dumpToString(const std::string& prefix) const
 {
-    return sql("{}extension={} conf_status={} start_time={}", prefix, _extension, _conf_status, _start_time);
+    return spliced("{}extension={} conf_status={} start_time={}", prefix, _extension, _conf_status, _start_time);
 }
 
 void CMRecord::SetHandle(const char* handle)
@@ -68,7 +68,7 @@ void CMRecord::SetDefaultPort()
 
 std::string CMRecord::dumpToString(const std::string& prefix) const
 {
-    return sql("{}handle={} link_type={} ip_address={} port={}", prefix, cmhandle, link_type, ip_address, port);
+    return spliced("{}handle={} link_type={} ip_address={} port={}", prefix, cmhandle, link_type, ip_address, port);
 }
 
 } // namespace oryx

@@ -2,6 +2,7 @@
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/UtilityConvert.h>
+#include <dal/internal/Call.h>
 #include <dal/internal/ServiceFrame.h>
 #include <dal/internal/Shown.h>
 
@@ -11,9 +12,14 @@ PresenceService::PresenceService() : m_addrMap(std::make_unique<AddressMapCache>
 
 PresenceService::~PresenceService() = default;
 
+void PresenceService::setSessionOptions(const SessionOptions& options)
+{
+    m_options = options;
+}
+
 DatabaseResult PresenceService::connect(const char* uri, const char* user, const char* password)
 {
-    return reconnect(m_exec, uri, user, password);
+    return reconnect(m_exec, m_options, uri, user, password);
 }
 
 void PresenceService::checkConnect(DatabaseResult& result)
@@ -38,6 +44,7 @@ DatabaseResult PresenceService::guarded(Operation operation, const char* refusal
     DatabaseResult result;
     checkConnect(result);
     if (result.okay()) {
+        const Call call(frameOf(*m_exec));
         return operation();
     }
     if (refusal != nullptr) {

@@ -3,6 +3,7 @@
 #include <dal/AddressMap.h>
 #include <dal/DatabaseResult.h>
 #include <dal/PresenceDal.h>
+#include <dal/SessionOptions.h>
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
@@ -39,6 +40,8 @@ public:
     PresenceService(const PresenceService&) = delete;
     PresenceService& operator=(const PresenceService&) = delete;
 
+    /// How the next connection sends its statements; until this is called, as the environment says.
+    void setSessionOptions(const SessionOptions& options);
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
     /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a backslash, or begin
     /// with a quote. Okay, or a connection error with the server's reason.
@@ -244,6 +247,7 @@ private:
 
     std::unique_ptr<PresenceDatabaseCommandExecutor> m_exec;
     zel::Trace m_trace{"PresenceService"};
+    SessionOptions m_options = SessionOptions::fromEnvironment();
     std::unique_ptr<AddressMapCache> m_addrMap;
 };
 

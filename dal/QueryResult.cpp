@@ -22,12 +22,20 @@ void QueryResult::setResult(PGresult* pres)
         PQclear(m_result);
     }
     m_result = pres;
+    m_refusal.clear();
+}
+
+void QueryResult::setRefusal(const char* message, const char* sqlState)
+{
+    setResult(nullptr);
+    m_refusal = message;
+    m_refusalState = sqlState;
 }
 
 bool QueryResult::failed() const
 {
     if (m_result == nullptr) {
-        return false;
+        return !m_refusal.empty();
     }
     const ExecStatusType status = PQresultStatus(m_result);
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
@@ -74,6 +82,9 @@ bool QueryResult::isNull(int row, int column) const
 
 std::string QueryResult::getSqlState() const
 {
+    if (!m_refusal.empty()) {
+        return m_refusalState;
+    }
     const char* const state = m_result != nullptr ? PQresultErrorField(m_result, PG_DIAG_SQLSTATE) : nullptr;
     return state != nullptr ? state : SQL_SUCCESSFUL_COMPLETION;
 }
@@ -85,10 +96,10 @@ bool QueryResult::integrityConstraintViolation() const
 
 std::string QueryResult::getErrorMessage() const
 {
-    if (m_result == nullptr) {
+    if (m_result == nullptr && m_refusal.empty()) {
         return "not executed";
     }
-    const char* const message = PQresultErrorMessage(m_result);
+    const char* const message = m_result != nullptr ? PQresultErrorMessage(m_result) : m_refusal.c_str();
     if (message == nullptr) {
         return "unspecified result";
     }

@@ -31,6 +31,8 @@ public:
 
     /// Takes ownership of `pres`, which may be null, and frees the result held before.
     void setResult(PGresult* pres);
+    /// Makes this the result of a statement that was refused before it was sent.
+    void setRefusal(const char* message, const char* sqlState);
     ///@{
     /// Sets the text that counts as the statement's.
     void setSqlCommand(const std::string& sqlCommand_) { m_sqlCommand = sqlCommand_; }
@@ -70,6 +72,8 @@ private:
     bool contains(int row, int col) const;
 
     PGresult* m_result = nullptr;
+    std::string m_refusal; // why the statement was not sent, if it was not
+    std::string m_refusalState;
     // The connection's own channel: an operator follows a statement and its result as one story. Mutable, because a
     // suite's own traces need not be const.
     mutable zel::Trace m_trace{"DatabaseConnection"};

@@ -2,7 +2,8 @@
 
 #include <dal/DatabaseConnection.h>
 
-#include <dal/internal/Sql.h>
+#include <dal/internal/BoundSession.h>
+#include <dal/internal/Statement.h>
 
 #include <libpq-fe.h>
 
@@ -44,24 +45,24 @@ private:
     std::array<unsigned long, kDescriptors / kBitsPerWord> m_words{};
 };
 
-/// Waits for input; false when the wait itself fails.
-bool wait(int socket)
+/// Waits for input: how many sockets have some, 0 after a while without; negative when the wait itself fails.
+int wait(int socket)
 {
     if (socket >= kDescriptors) {
-        return false;
+        return -1;
     }
     ReadSet sockets(socket);
     timeval timeout{kIdleSeconds, 0};
-    return select(socket + 1, sockets.get(), nullptr, nullptr, &timeout) >= 0;
+    return select(socket + 1, sockets.get(), nullptr, nullptr, &timeout);
 }
 
 } // namespace
 
 bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& table)
 {
-    const std::string statement = sql("LISTEN {}", table);
+    const std::string statement = spliced("LISTEN {}", table);
     m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): Attempting to LISTEN on %s", table.c_str());
-    PGresult* result = PQexec(m_conn, statement.c_str());
+    PGresult* result = listen(statement);
     bool listening = result != nullptr && PQresultStatus(result) == PGRES_COMMAND_OK;
     if (listening) {
         m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): --- SUCCESS ---: LISTEN on %s",
@@ -78,6 +79,15 @@ bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& t
     return listening;
 }
 
+PGresult* DatabaseConnection::listen(const std::string& statement)
+{
+    if (!m_bound) {
+        return PQexec(m_conn, statement.c_str());
+    }
+    m_bound->begin();
+    return m_conn != nullptr ? m_bound->send(m_conn, statement).result.release() : nullptr;
+}
+
 PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 {
     m_trace.prn("listenForDbTableChangeNotification: resetting the connection");
@@ -86,7 +96,7 @@ PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
         return nullptr;
     }
     m_trace.log("listenForDbTableChangeNotification: connection reset, retrying query");
-    PGresult* const result = PQexec(m_conn, statement.c_str());
+    PGresult* const result = listen(statement);
     if (result == nullptr) {
         m_trace.log("listenForDbTableChangeNotification: query listen failed even after reset");
     }
@@ -117,9 +127,14 @@ bool DatabaseConnection::waitForInput()
         m_trace.log("waitOnListen::Failed to create socket descriptor");
         return false;
     }
-    if (!wait(socket)) {
+    const int ready = wait(socket);
+    if (ready < 0) {
         m_trace.log("waitOnListen::select failed");
         return false;
+    }
+    // A server that is gone without a word is only found out by asking it.
+    if (ready == 0 && m_bound && m_bound->duration().count() > 0 && !m_bound->answers(m_conn)) {
+        drop();
     }
     return true;
 }

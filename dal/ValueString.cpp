@@ -23,8 +23,11 @@ void ValueString::addValue(const char* v)
 {
     separate(m_values);
     if (v != nullptr) {
-        m_values.append("'").append(v).append("'");
+        const std::size_t begin = m_values.append("'").size();
+        m_places.push_back({begin, m_values.append(v).size() - begin});
+        m_values += '\'';
     } else {
+        m_places.push_back({m_values.size(), 0, true});
         m_values += "NULL";
     }
 }
@@ -38,6 +41,7 @@ void ValueString::add(const char* nm, const char* v)
 void ValueString::add(const char* nm, const std::string& v)
 {
     add(nm, v.empty() ? nullptr : v.c_str());
+    m_places.back().cut = v.find('\0') != std::string::npos;
 }
 
 void ValueString::addExplicit(const char* nm, long v)
@@ -49,6 +53,7 @@ void ValueString::addNumber(const char* nm, const std::string& digits)
 {
     addName(nm);
     separate(m_values);
+    m_places.push_back({m_values.size(), digits.size()});
     m_values += digits;
 }
 

@@ -3,9 +3,24 @@
 #include <util/OryxExport.h>
 
 #include <concepts>
+#include <cstddef>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace oryx {
+
+namespace detail {
+
+/// Where a value stands in a value list, without its quotes.
+struct ValuePlace {
+    std::size_t begin;
+    std::size_t size;
+    bool null = false;
+    bool cut = false; // the text went on behind a NUL
+};
+
+} // namespace detail
 
 /// Builds the column list and the value list of an INSERT, or the argument list of a stored function.
 ///
@@ -37,10 +52,21 @@ public:
     const char* values();
 
 private:
+    friend class BoundText;
+    friend class Statement;
+
+    // The column list, not closed.
+    std::string_view nameList() const { return m_names; }
+    // The value list, not closed.
+    std::string_view valueList() const { return m_values; }
+    // The values, in their order.
+    const std::vector<detail::ValuePlace>& valuePlaces() const { return m_places; }
+
     void addNumber(const char* nm, const std::string& digits);
 
     std::string m_names = "(";
     std::string m_values = "(";
+    std::vector<detail::ValuePlace> m_places;
 };
 
 } // namespace oryx

@@ -11,6 +11,9 @@ bool Frame::connect(const char* uri, const char* user, const char* password)
     if (!connection) {
         return error("failed to allocate connection object");
     }
+    if (options) {
+        connection->setSessionOptions(*options);
+    }
     return connection->connect(uri, user, password) ? okay() : errorConnection();
 }
 
@@ -19,24 +22,44 @@ bool Frame::checkConnect()
     if (!connection) {
         return errorConnection();
     }
-    return connection->active() || connection->reset() || errorConnection();
+    if (m_calls == 0) {
+        connection->beginOperation();
+    }
+    if (connection->active() || connection->reset()) {
+        return true;
+    }
+    sqlState.clear();
+    return errorConnection();
+}
+
+void Frame::beginCall()
+{
+    if (m_calls++ == 0 && connection) {
+        connection->beginOperation();
+    }
 }
 
 bool Frame::okay()
 {
     errorText.clear();
+    sqlState.clear();
     return true;
 }
 
 bool Frame::error(const char* msg)
 {
     errorText = msg != nullptr ? msg : "";
+    sqlState.clear();
     return false;
 }
 
 bool Frame::error(const QueryResult& result)
 {
     errorText = result.getErrorMessage();
+    sqlState = result.getSqlState();
+    if (sqlState == QueryResult::SQL_SUCCESSFUL_COMPLETION) {
+        sqlState.clear(); // libpq's own words, not the server's
+    }
     return false;
 }
 
@@ -51,6 +74,7 @@ DatabaseResult Frame::connectionError() const
     DatabaseResult result;
     result.setConnectionError();
     result.setErrorMessage(errorText);
+    result.setSqlState(sqlState);
     return result;
 }
 
@@ -59,6 +83,7 @@ DatabaseResult Frame::queryError() const
     DatabaseResult result;
     result.setQueryError();
     result.setErrorMessage(errorText);
+    result.setSqlState(sqlState);
     return result;
 }
 
@@ -73,14 +98,6 @@ bool Frame::require(bool valid, const char* msg)
     return valid || error(msg);
 }
 
-Run Frame::send(const std::string& statement, QueryResult& result) const
-{
-    if (!connection || !connection->execute(statement, result)) {
-        return Run::connectionFailed;
-    }
-    return result.failed() ? Run::queryFailed : Run::okay;
-}
-
 void Frame::keepReason(Run outcome, const QueryResult& result)
 {
     if (outcome == Run::connectionFailed) {
@@ -90,16 +107,9 @@ void Frame::keepReason(Run outcome, const QueryResult& result)
     }
 }
 
-Run Frame::run(const std::string& statement, QueryResult& result)
+DatabaseResult Frame::resultOf(Run run) const
 {
-    const Run outcome = send(statement, result);
-    keepReason(outcome, result);
-    return outcome;
-}
-
-DatabaseResult Frame::runForResult(const std::string& statement, QueryResult& result)
-{
-    switch (run(statement, result)) {
+    switch (run) {
     case Run::connectionFailed:
         return connectionError();
     case Run::queryFailed:
@@ -110,17 +120,7 @@ DatabaseResult Frame::runForResult(const std::string& statement, QueryResult& re
     return {};
 }
 
-bool Frame::executeUpdate(const std::string& statement, int& count)
-{
-    QueryResult result;
-    if (run(statement, result) != Run::okay) {
-        return false;
-    }
-    count = result.updateCount();
-    return okay();
-}
-
-bool Frame::callFunction(const std::string& statement)
+bool Frame::callFunction(Statement statement)
 {
     QueryResult result;
     const Run outcome = run(statement, result);
@@ -132,6 +132,9 @@ bool Frame::callFunction(const std::string& statement)
 
 void Frame::rollback() const
 {
+    if (bound()) {
+        return; // a refused statement has ended its transaction
+    }
     QueryResult ignored;
     connection->execute("ROLLBACK", ignored);
 }
@@ -154,11 +157,28 @@ bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outc
     return true;
 }
 
-bool Frame::fetch(const std::string& statement, QueryResult& result, DatabaseResult& outcome)
+bool Frame::fetch(Statement statement, QueryResult& result, DatabaseResult& outcome)
 {
-    trace.prn(statement);
+    traceText(statement);
     outcome = runForResult(statement, result);
     return outcome.okay();
+}
+
+const std::string& Frame::textOf(Statement& statement) const
+{
+    return connection ? connection->textOf(statement) : statement.text();
+}
+
+std::string Frame::textOf(const Transaction& transaction) const
+{
+    return connection ? connection->textOf(transaction) : transaction.text();
+}
+
+void Frame::traceText(Statement& statement, const char* prefix) const
+{
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        trace.prn(prefix + textOf(statement));
+    }
 }
 
 void Frame::traceRows(const char* format, int rows) const
@@ -171,9 +191,9 @@ void Frame::traceRows(const char* format, int rows) const
     }
 }
 
-DatabaseResult Frame::updated(const std::string& statement)
+DatabaseResult Frame::updated(Statement statement)
 {
-    trace.prn(statement);
+    traceText(statement);
     int count = 0;
     if (!executeUpdate(statement, count)) {
         errorConnection();
@@ -182,11 +202,11 @@ DatabaseResult Frame::updated(const std::string& statement)
     return {};
 }
 
-DatabaseResult Frame::insertedOrDeleted(const std::string& statement, Violation violation)
+DatabaseResult Frame::insertedOrDeleted(Statement statement, Violation violation)
 {
-    trace.prn(statement);
+    traceText(statement);
     QueryResult result;
-    if (!connection->execute(statement, result)) {
+    if (!exchange(statement, result)) {
         return connectionError(); // the caller hears of the last failure that had words
     }
     if (!result.failed()) {

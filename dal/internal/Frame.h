@@ -4,11 +4,12 @@
 #include <dal/DatabaseResult.h>
 #include <dal/QueryResult.h>
 #include <dal/internal/Row.h>
-#include <dal/internal/Sql.h>
+#include <dal/internal/Statement.h>
 #include <zel/Trace.h>
 
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@
 /// goes into which field; what it has in common with others of its kind is written here, once.
 
 namespace oryx {
+
+class CommandExecutor;
 
 /// An argument that an operation does not take, and the reason its caller is given.
 struct Refusal {
@@ -57,6 +60,13 @@ public:
     /// Whether there is a usable connection; one that was lost is reset first.
     bool checkConnect();
 
+    /// Everything up to `endCall` is one operation to the caller, with one deadline.
+    void beginCall();
+    void endCall() { --m_calls; }
+
+    /// Whether values travel apart from the text.
+    bool bound() const { return connection && connection->bound(); }
+
     // Outcomes
 
     /// Success: empties the error text. Always true.
@@ -78,20 +88,90 @@ public:
 
     // Statements, without checking the connection first
 
-    /// Sends a statement; the error text stays, for a caller that has something to trace before it changes.
-    Run send(const std::string& statement, QueryResult& result) const;
+    /// Sends a `Statement`, a `Transaction` or a caller's own text; false when the connection brings back no result.
+    /// What it brings is not looked at.
+    template <typename Command>
+    bool exchange(Command&& command, QueryResult& result)
+    {
+        if (connection && connection->execute(command, result)) {
+            return true;
+        }
+        sqlState.clear(); // of an earlier failure
+        return false;
+    }
+    /// The same, and looks at the result; the error text stays, for a caller that has
+    /// something to trace before it changes.
+    template <typename Command>
+    Run send(Command&& command, QueryResult& result)
+    {
+        if (!exchange(command, result)) {
+            return Run::connectionFailed;
+        }
+        return result.failed() ? Run::queryFailed : Run::okay;
+    }
     /// Takes the reason of a failure into the error text.
     void keepReason(Run outcome, const QueryResult& result);
     /// Both.
-    Run run(const std::string& statement, QueryResult& result);
+    template <typename Command>
+    Run run(Command&& command, QueryResult& result)
+    {
+        const Run outcome = send(command, result);
+        keepReason(outcome, result);
+        return outcome;
+    }
     /// The same for callers that answer with a result.
-    DatabaseResult runForResult(const std::string& statement, QueryResult& result);
+    template <typename Command>
+    DatabaseResult runForResult(Command&& command, QueryResult& result)
+    {
+        return resultOf(run(command, result));
+    }
     /// Runs a change; `count` gets the number of rows it touched, and is left as it was on a failure.
-    bool executeUpdate(const std::string& statement, int& count);
+    template <typename Command>
+    bool executeUpdate(Command&& command, int& count)
+    {
+        QueryResult result;
+        if (run(command, result) != Run::okay) {
+            return false;
+        }
+        count = result.updateCount();
+        return okay();
+    }
+    /// Runs a command whose rows nobody reads, with the connection checked first.
+    template <typename Command>
+    DatabaseResult execute(Command&& command)
+    {
+        if (!checkConnect()) {
+            return connectionError();
+        }
+        if (zel::Trace::enabled(zel::TraceKind::prn)) {
+            trace.prn("execute: '%s'", textOf(command).c_str());
+        }
+        QueryResult result;
+        DatabaseResult outcome;
+        if (!exchange(command, result)) {
+            errorConnection();
+            outcome = connectionError();
+        }
+        // A fatal result may have been stored before the connection failed; what the server said of the statement then
+        // tells the caller more than the lost connection does.
+        if (result.failed()) {
+            error(result);
+            outcome = queryError();
+        }
+        return outcome;
+    }
     /// Runs a call of a stored function, and a rollback after one that failed.
-    bool callFunction(const std::string& statement);
+    bool callFunction(Statement statement);
     /// Ends a failed transaction. How that went does not count: the first failure is what the caller hears of.
     void rollback() const;
+    ///@{
+    /// A command as the server gets it: without its values, where they travel apart.
+    const std::string& textOf(Statement& statement) const;
+    std::string textOf(const Transaction& transaction) const;
+    static const std::string& textOf(const std::string& text) { return text; }
+    ///@}
+    /// Traces that text behind a prefix.
+    void traceText(Statement& statement, const char* prefix = "") const;
 
     // Whole operations
 
@@ -99,12 +179,12 @@ public:
     /// traced by itself, or does not.
     bool begin(const char* operation, Refusals refusals, DatabaseResult& outcome);
     /// Traces a query and runs it.
-    bool fetch(const std::string& statement, QueryResult& result, DatabaseResult& outcome);
+    bool fetch(Statement statement, QueryResult& result, DatabaseResult& outcome);
 
     /// A query for any number of rows; `append` is called for each. `rowsTrace` is a format for their number.
-    template <typename Record, typename Statement, typename Append>
+    template <typename Record, typename MakeStatement, typename Append>
     DatabaseResult list(const char* operation, Refusals refusals, Listing kind, std::vector<Record>& records,
-                        Statement statement, Append append, const char* rowsTrace = nullptr)
+                        MakeStatement statement, Append append, const char* rowsTrace = nullptr)
     {
         DatabaseResult outcome;
         QueryResult result;
@@ -122,8 +202,8 @@ public:
     }
 
     /// A query for one row: `read` is called for the first; not found without one.
-    template <typename Statement, typename Read>
-    DatabaseResult find(const char* operation, Refusals refusals, Statement statement, Read read,
+    template <typename MakeStatement, typename Read>
+    DatabaseResult find(const char* operation, Refusals refusals, MakeStatement statement, Read read,
                         const char* rowsTrace = nullptr)
     {
         DatabaseResult outcome;
@@ -143,8 +223,8 @@ public:
 
     /// A change of rows that may or may not be there: okay in either case. Every failure is a connection error, with
     /// the connection's words.
-    template <typename Statement>
-    DatabaseResult update(const char* operation, Refusals refusals, Statement statement)
+    template <typename MakeStatement>
+    DatabaseResult update(const char* operation, Refusals refusals, MakeStatement statement)
     {
         DatabaseResult outcome;
         return begin(operation, refusals, outcome) ? updated(statement()) : outcome;
@@ -152,8 +232,8 @@ public:
 
     /// A new row, or the removal of rows that may or may not be there. A failed statement is a connection error, with
     /// the server's words.
-    template <typename Statement>
-    DatabaseResult insertOrDelete(const char* operation, Refusals refusals, Statement statement,
+    template <typename MakeStatement>
+    DatabaseResult insertOrDelete(const char* operation, Refusals refusals, MakeStatement statement,
                                   Violation violation = Violation::isConnectionError)
     {
         DatabaseResult outcome;
@@ -161,13 +241,21 @@ public:
     }
 
     std::unique_ptr<DatabaseConnection> connection; ///< Null until the first `connect`.
+    std::optional<SessionOptions> options;          ///< For the next `connect`; none: the environment's.
     std::string errorText;                          ///< The reason of the last failure.
-    mutable zel::Trace trace;                       ///< The executor's channel; a suite's own traces need not be const.
+    std::string sqlState;     ///< Of the last failure; empty unless the server refused a statement.
+    mutable zel::Trace trace; ///< The executor's channel; a suite's own traces need not be const.
 
 private:
+    DatabaseResult resultOf(Run run) const;
     void traceRows(const char* format, int rows) const;
-    DatabaseResult updated(const std::string& statement);
-    DatabaseResult insertedOrDeleted(const std::string& statement, Violation violation);
+    DatabaseResult updated(Statement statement);
+    DatabaseResult insertedOrDeleted(Statement statement, Violation violation);
+
+    int m_calls = 0; // under way, one within the other
 };
+
+/// What an executor stands on, for the service that owns it.
+Frame& frameOf(CommandExecutor& executor);
 
 } // namespace oryx

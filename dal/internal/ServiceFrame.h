@@ -1,6 +1,8 @@
 #pragma once
 
+#include <dal/SessionOptions.h>
 #include <dal/internal/AddressMapCache.h>
+#include <dal/internal/Call.h>
 
 #include <memory>
 #include <optional>
@@ -25,12 +27,14 @@ private:
 
 /// Replaces a service's executor by a new one, connected; the old connection is closed first.
 template <typename Executor>
-DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const char* uri, const char* user, const char* password)
+DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const SessionOptions& options, const char* uri,
+                         const char* user, const char* password)
 {
     const KeptText keptUri(uri);
     const KeptText keptUser(user);
     const KeptText keptPassword(password);
     executor = std::make_unique<Executor>();
+    executor->setSessionOptions(options);
     DatabaseResult result;
     if (!executor->connect(keptUri.get(), keptUser.get(), keptPassword.get())) {
         result.setConnectionError();
@@ -68,6 +72,10 @@ DatabaseResult lookupMapped(const std::unique_ptr<Executor>& executor, AddressMa
     replaceUri = true;
     DatabaseResult connected;
     checkConnected(executor, connected);
+    std::optional<Call> call;
+    if (executor) {
+        call.emplace(frameOf(*executor));
+    }
     return cache.lookup(connected, uri,
                         {[&](std::vector<AddressMapRecord>& maps) { return executor->getAddressMaps(maps); },
                          [&](int csid) { return executor->lookupContacts(ordering, csid, replaceUri, contacts); }},

@@ -1,7 +1,5 @@
 #include <dal/internal/SystemParameters.h>
 
-#include <dal/internal/Sql.h>
-
 namespace oryx {
 
 bool systemParameterNamed(zel::Trace& trace, const std::string& application, const std::string& scope,
@@ -14,7 +12,7 @@ bool systemParameterNamed(zel::Trace& trace, const std::string& application, con
     return named;
 }
 
-std::string systemParameterQuery(const std::string& application, const std::string& scope, const std::string& name)
+Statement systemParameterQuery(const std::string& application, const std::string& scope, const std::string& name)
 {
     return sql(
         "SELECT system_parameters.value FROM system_parameters WHERE (((system_parameters.application = '{}') AND (system_parameters.scope = '{}')) AND (system_parameters.name = '{}'));",

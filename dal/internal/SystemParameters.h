@@ -1,5 +1,6 @@
 #pragma once
 
+#include <dal/internal/Statement.h>
 #include <zel/Trace.h>
 
 #include <string>
@@ -14,7 +15,7 @@ namespace oryx {
 bool systemParameterNamed(zel::Trace& trace, const std::string& application, const std::string& scope,
                           const std::string& name);
 /// The query for the value of a row of `system_parameters`.
-std::string systemParameterQuery(const std::string& application, const std::string& scope, const std::string& name);
+Statement systemParameterQuery(const std::string& application, const std::string& scope, const std::string& name);
 /// Sets `domainName` to the domain at `index`, to empty when there is none, and returns it.
 std::string& pickDomain(zel::Trace& trace, const std::vector<std::string>& domains, unsigned int index,
                         std::string& domainName);

@@ -22,8 +22,8 @@ void addContactColumns(ValueString& columns, const ContactRecord& rec)
     columns.addExplicit("cseq", rec.cseq());
 }
 
-DatabaseResult fetchContacts(Frame& frame, const std::string& statement, const ContactQuery& query,
-                             std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts)
+DatabaseResult fetchContacts(Frame& frame, Statement statement, const ContactQuery& query, std::string& ordering,
+                             bool& replaceUri, std::vector<ContactRecord>& contacts)
 {
     QueryResult result;
     DatabaseResult outcome = frame.runForResult(statement, result);
@@ -41,9 +41,9 @@ int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, 
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
     addContactColumns(arguments, rec);
-    const std::string statement = sql("SELECT add_contact{}", arguments.values());
-    m_frame->trace.prn(statement);
-    return m_frame->callFunction(statement) ? 0 : -1;
+    Statement statement = call("SELECT add_contact{}", std::move(arguments));
+    m_frame->traceText(statement);
+    return m_frame->callFunction(std::move(statement)) ? 0 : -1;
 }
 
 int DatabaseCommandExecutor::addContact(ContactRecord& rec)
@@ -54,8 +54,8 @@ int DatabaseCommandExecutor::addContact(ContactRecord& rec)
     ValueString columns;
     columns.add("csid", std::to_string(rec.csid()));
     addContactColumns(columns, rec);
-    const std::string statement = sql("INSERT INTO contact{} VALUES{};", columns.names(), columns.values());
-    m_frame->trace.prn(statement);
+    Statement statement = insertion("INSERT INTO contact{} VALUES{};", std::move(columns));
+    m_frame->traceText(statement);
     QueryResult result;
     return m_frame->run(statement, result) == Run::okay ? 0 : -1;
 }
@@ -72,8 +72,8 @@ int DatabaseCommandExecutor::removeContact(const char* handle, const char* domai
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
     arguments.add("address", address);
-    const std::string statement = sql("SELECT remove_contact{}", arguments.values());
-    m_frame->trace.prn(statement);
+    Statement statement = call("SELECT remove_contact{}", std::move(arguments));
+    m_frame->traceText(statement);
     QueryResult result;
     return m_frame->run(statement, result) == Run::okay ? 0 : -1;
 }
@@ -88,10 +88,10 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(const char* handle, const
     if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
         return m_frame->queryError();
     }
-    const std::string statement = sql(
+    Statement statement = sql(
         "SELECT contact_set.ordering,contact_set.replace_uri,subscriber.active, contact.address,contact.qvalue,contact.expires,contact.capabilities,contact.contact_header, contact.call_id,contact.cseq,contact.c_type   FROM public_address, contact_set, contact, subscriber WHERE  (public_address.handle = '{}' AND public_address.sip_domain = '{}' AND public_address.csid = contact_set.csid AND  contact.csid = contact_set.csid AND subscriber.sid = contact_set.sid);",
         handle, domain);
-    return fetchContacts(*m_frame, statement, {"replace uri", 2, 3, false}, ordering, replaceUri, contacts);
+    return fetchContacts(*m_frame, std::move(statement), {"replace uri", 2, 3, false}, ordering, replaceUri, contacts);
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std::string& ordering, bool& replaceUri,
@@ -101,11 +101,11 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std:
     if (!checkConnect()) {
         return m_frame->connectionError();
     }
-    const std::string statement = sql(
+    Statement statement = sql(
         "SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM public_address, contact_set, contact, subscriber WHERE (public_address.id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
         publicAddressId);
-    m_frame->trace.prn(statement);
-    return fetchContacts(*m_frame, statement, {"replace", 2, 3, false}, ordering, replaceUri, contacts);
+    m_frame->traceText(statement);
+    return fetchContacts(*m_frame, std::move(statement), {"replace", 2, 3, false}, ordering, replaceUri, contacts);
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, int csid, bool& replaceUri,
@@ -124,11 +124,11 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, in
     if (!checkConnect()) {
         return m_frame->connectionError();
     }
-    const std::string statement = sql(
+    Statement statement = sql(
         "SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
         csid);
-    m_frame->trace.prn(statement);
-    return fetchContacts(*m_frame, statement, {"replaceUri", -1, 2, false}, ordering, replaceUri, contacts);
+    m_frame->traceText(statement);
+    return fetchContacts(*m_frame, std::move(statement), {"replaceUri", -1, 2, false}, ordering, replaceUri, contacts);
 }
 
 } // namespace oryx

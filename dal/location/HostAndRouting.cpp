@@ -32,7 +32,7 @@ DatabaseResult DatabaseCommandExecutor::getHostInfo(HostInfo& info)
     }
     m_frame->trace.prn("looking up host info");
     QueryResult result;
-    DatabaseResult outcome = m_frame->runForResult("SELECT * FROM host_info", result);
+    DatabaseResult outcome = m_frame->runForResult(sql("SELECT * FROM host_info"), result);
     if (!outcome.okay()) {
         return outcome;
     }
@@ -53,7 +53,7 @@ DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRec
     }
     m_frame->trace.prn("looking up address_maps");
     QueryResult result;
-    DatabaseResult outcome = m_frame->runForResult(kAddressMapQuery, result);
+    DatabaseResult outcome = m_frame->runForResult(addressMapQuery(), result);
     if (outcome.okay()) {
         readAddressMaps(result, m_frame->trace, maps);
     }
@@ -95,8 +95,8 @@ DatabaseResult DatabaseCommandExecutor::getDomainAccessList(std::vector<DomainAc
     }
     m_frame->trace.prn("getting domain access list");
     QueryResult result;
-    DatabaseResult outcome =
-        m_frame->runForResult("SELECT direction,sip_domain,domain_action FROM domain_access ORDER BY qvalue", result);
+    DatabaseResult outcome = m_frame->runForResult(
+        sql("SELECT direction,sip_domain,domain_action FROM domain_access ORDER BY qvalue"), result);
     if (!outcome.okay()) {
         m_frame->trace.prn(outcome.connectionError() ? "execute query failed" : "query error");
         return outcome;

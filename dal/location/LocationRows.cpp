@@ -1,7 +1,6 @@
 #include <dal/location/LocationRows.h>
 
 #include <dal/UtilityConvert.h>
-#include <dal/internal/Sql.h>
 
 #include <Crypt.h>
 
@@ -128,8 +127,11 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
     return outcome;
 }
 
-const char* const kAddressMapQuery =
-    "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
+Statement addressMapQuery()
+{
+    return sql(
+        "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ");
+}
 
 void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<AddressMapRecord>& maps)
 {
@@ -142,7 +144,7 @@ void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<A
     forEachRow(result, maps, [&](const Row& row) { maps.push_back(readAddressMap(row)); });
 }
 
-std::string subscriberQuery(const char* handle, const char* domain)
+Statement subscriberQuery(const char* handle, const char* domain)
 {
     return sql(
         "SELECT subscriber.sid, subscriber.auth_user_id, subscriber.oid, subscriber.s_type, subscriber.auth_type,  subscriber.s_password, subscriber.active  FROM public_address,contact_set,subscriber WHERE  subscriber.sid = contact_set.sid AND contact_set.csid = public_address.csid  AND public_address.handle = '{}' AND public_address.sip_domain = '{}';",

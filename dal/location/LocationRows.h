@@ -3,6 +3,7 @@
 #include <dal/Dal.h>
 #include <dal/QueryResult.h>
 #include <dal/internal/Row.h>
+#include <dal/internal/Statement.h>
 #include <zel/Trace.h>
 
 #include <string>
@@ -28,12 +29,12 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
                             std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts);
 
 /// Every address map with its contact set, in the order of priority.
-extern const char* const kAddressMapQuery;
-/// Appends the address maps of a successful `kAddressMapQuery`.
+Statement addressMapQuery();
+/// Appends the address maps of a successful `addressMapQuery`.
 void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<AddressMapRecord>& maps);
 
 /// The subscriber whom an address of record belongs to: sid, auth_user_id, oid, s_type, auth_type, s_password, active.
-std::string subscriberQuery(const char* handle, const char* domain);
+Statement subscriberQuery(const char* handle, const char* domain);
 /// Fills a record from such a row, the password decrypted, or unguessable if it cannot be. The active flag is only
 /// traced: the executors judge it differently. False, the record untouched, if the system gives no random numbers for
 /// that.

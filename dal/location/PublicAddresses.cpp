@@ -9,13 +9,13 @@ namespace oryx {
 namespace {
 
 /// Calls a stored function that provisions an address of record: 0 done, -1 failed.
-int provision(Frame& frame, const std::string& statement)
+int provision(Frame& frame, Statement statement)
 {
     if (!frame.checkConnect()) {
         return -1;
     }
-    frame.trace.prn(statement);
-    return frame.callFunction(statement) ? 0 : -1;
+    frame.traceText(statement);
+    return frame.callFunction(std::move(statement)) ? 0 : -1;
 }
 
 } // namespace
@@ -26,7 +26,7 @@ int DatabaseCommandExecutor::createPublicAddress(int sid, const char* handle, co
     arguments.add("sid", std::to_string(sid));
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
-    return provision(*m_frame, sql("SELECT create_public_address{}", arguments.values()));
+    return provision(*m_frame, call("SELECT create_public_address{}", std::move(arguments)));
 }
 
 int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* domain, const char* alias)
@@ -35,7 +35,7 @@ int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* 
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
     arguments.add("alias", alias);
-    return provision(*m_frame, sql("SELECT create_public_address_alias{}", arguments.values()));
+    return provision(*m_frame, call("SELECT create_public_address_alias{}", std::move(arguments)));
 }
 
 int DatabaseCommandExecutor::importPublicAddress(int sid, const char* handle, const char* domain, const char* contact)
@@ -45,7 +45,7 @@ int DatabaseCommandExecutor::importPublicAddress(int sid, const char* handle, co
     arguments.add("handle", handle);
     arguments.add("sip_domain", domain);
     arguments.add("contact", contact);
-    return provision(*m_frame, sql("SELECT import_public_address{}", arguments.values()));
+    return provision(*m_frame, call("SELECT import_public_address{}", std::move(arguments)));
 }
 
 int DatabaseCommandExecutor::addPublicAddress(const PublicAddressRecord& rec)
@@ -59,7 +59,7 @@ int DatabaseCommandExecutor::addPublicAddress(const PublicAddressRecord& rec)
     columns.add("sip_domain", rec.domain());
     columns.add("csid", std::to_string(rec.csid()));
     QueryResult result;
-    const std::string statement = sql("INSERT INTO public_address{} VALUES{};", columns.names(), columns.values());
+    Statement statement = insertion("INSERT INTO public_address{} VALUES{};", std::move(columns));
     return m_frame->run(statement, result) == Run::okay ? 0 : -1;
 }
 

@@ -35,7 +35,7 @@ int DatabaseCommandExecutor::addSubscriber(const SubscriberRecord& rec)
     columns.add("active", rec.active());
 
     QueryResult result;
-    switch (m_frame->run(sql("INSERT INTO subscriber {} VALUES{}", columns.names(), columns.values()), result)) {
+    switch (m_frame->run(insertion("INSERT INTO subscriber {} VALUES{}", std::move(columns)), result)) {
     case Run::connectionFailed:
         return -1;
     case Run::queryFailed:
@@ -52,8 +52,8 @@ int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* do
         !m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters passed to lookupSubscriber")) {
         return -1;
     }
-    const std::string statement = subscriberQuery(handle, domain);
-    m_frame->trace.prn(statement);
+    Statement statement = subscriberQuery(handle, domain);
+    m_frame->traceText(statement);
     QueryResult result;
     if (m_frame->run(statement, result) != Run::okay) {
         return -1;
@@ -79,7 +79,7 @@ int DatabaseCommandExecutor::removeSubscriber(int sid)
     }
     ValueString arguments;
     arguments.add("id", std::to_string(sid));
-    return m_frame->callFunction(sql("SELECT remove_subscriber{}", arguments.values())) ? 1 : -1;
+    return m_frame->callFunction(call("SELECT remove_subscriber{}", std::move(arguments))) ? 1 : -1;
 }
 
 int DatabaseCommandExecutor::changeSubscriberPassword(int sid, const char* password)
@@ -89,7 +89,7 @@ int DatabaseCommandExecutor::changeSubscriberPassword(int sid, const char* passw
     }
     int count = 0;
     const bool changed =
-        executeUpdate(sql("UPDATE subscriber SET s_password='{}' WHERE sid='{}';", password, sid), count);
+        m_frame->executeUpdate(sql("UPDATE subscriber SET s_password='{}' WHERE sid='{}';", password, sid), count);
     return changed ? count : -1;
 }
 
@@ -103,7 +103,7 @@ DatabaseResult DatabaseCommandExecutor::addContactSet(const ContactSetRecord& re
     columns.add("csid", std::to_string(rec.csid()));
     columns.add("ordering", rec.ordering());
     QueryResult result;
-    return m_frame->runForResult(sql("INSERT INTO contact_set{} VALUES{};", columns.names(), columns.values()), result);
+    return m_frame->runForResult(insertion("INSERT INTO contact_set{} VALUES{};", std::move(columns)), result);
 }
 
 } // namespace oryx

@@ -3,6 +3,7 @@
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
+#include <dal/internal/Call.h>
 #include <dal/internal/Frame.h>
 #include <dal/internal/Shown.h>
 
@@ -10,24 +11,24 @@ namespace oryx {
 
 namespace {
 
-std::string insertion(const char* listFsmId, const char* subscriptionId, long expiry)
+Statement addition(const char* listFsmId, const char* subscriptionId, long expiry)
 {
     ValueString columns;
     columns.add("listfsmidentifier", listFsmId);
     columns.add("subscriptionidentifier", subscriptionId);
     columns.addExplicit("expirytime", expiry);
-    return sql("INSERT INTO listsubscriptions {} VALUES{};", columns.names(), columns.values());
+    return insertion("INSERT INTO listsubscriptions {} VALUES{};", std::move(columns));
 }
 
 /// A policy that cannot be read is none.
 DatabaseResult defaultPolicy(Frame& frame, const char* application, std::vector<AccessControlEntry>& entries)
 {
-    const std::string statement = sql(
+    Statement statement = sql(
         "SELECT requester, access_action FROM access_control_list,node WHERE object = node_id and state='ACTIVE' and application='{}';",
         application);
-    frame.trace.prn(statement);
+    frame.traceText(statement);
     QueryResult result;
-    if (!frame.connection->execute(statement, result)) {
+    if (!frame.exchange(statement, result)) {
         frame.errorConnection();
         return frame.connectionError();
     }
@@ -46,6 +47,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char*
                                                                      const char* application,
                                                                      std::vector<AccessControlEntry>& entries)
 {
+    const Call call(*m_frame);
     m_frame->trace.prn("getAccessControlList for handle: %s domain : %s, application: %s", shown(handle), shown(domain),
                        shown(application));
     DatabaseResult outcome = m_frame->list(
@@ -127,7 +129,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::createListMapping(const char* li
 {
     return m_frame->insertOrDelete(
         "createListMapping()", {{!listFsmId || !subscriptionId, "createListMapping: missing one or more parameters\n"}},
-        [&] { return insertion(listFsmId, subscriptionId, expiry); });
+        [&] { return addition(listFsmId, subscriptionId, expiry); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeListMapping(const char* listFsmId, const char* subscriptionId)

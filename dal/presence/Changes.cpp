@@ -3,6 +3,7 @@
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <dal/internal/Frame.h>
+#include <dal/presence/SqlCommand.h>
 
 namespace oryx {
 
@@ -16,7 +17,7 @@ void readText(const Row& row, int column, std::string& text)
     }
 }
 
-std::string changesQuery(const std::string& tableName, const std::string& since)
+Statement changesQuery(const std::string& tableName, const std::string& since)
 {
     if (since.empty() || since == "0") {
         return sql(
@@ -29,24 +30,36 @@ std::string changesQuery(const std::string& tableName, const std::string& since)
 }
 
 /// A template's empty values ask for nothing.
-void addCondition(std::string& conditions, const char* column, const char* comparison, const std::string& value)
+void addCondition(Statement& query, SqlText<std::string> condition, const std::string& value)
 {
     if (!value.empty()) {
-        appendSql(conditions, "{}{}{}'{}'", conditions.empty() ? "WHERE " : " AND ", column, comparison, value);
+        if (query.values().empty()) {
+            query.append("WHERE ");
+        } else {
+            query.append(" AND ");
+        }
+        query.append(condition, value);
     }
 }
 
-std::string callManagerQuery(const std::vector<CMRecord>& wanted, bool regexMatch)
+Statement callManagerQuery(const std::vector<CMRecord>& wanted, bool regexMatch)
 {
-    std::string conditions;
+    Statement query = sql("SELECT handle,link_type,sip_trunk_ipaddress,sip_port FROM acp ");
     if (!wanted.empty()) {
-        const char* const comparison = regexMatch ? " ~* " : " = ";
-        addCondition(conditions, "handle", comparison, wanted.front().GetHandle());
-        addCondition(conditions, "sip_trunk_ipaddress", comparison, wanted.front().GetIPAddress());
-        addCondition(conditions, "link_type", comparison, wanted.front().GetLinkType());
-        addCondition(conditions, "sip_port", comparison, wanted.front().GetPort());
+        const CMRecord& like = wanted.front();
+        if (regexMatch) {
+            addCondition(query, "handle ~* '{}'", like.GetHandle());
+            addCondition(query, "sip_trunk_ipaddress ~* '{}'", like.GetIPAddress());
+            addCondition(query, "link_type ~* '{}'", like.GetLinkType());
+            addCondition(query, "sip_port ~* '{}'", like.GetPort());
+        } else {
+            addCondition(query, "handle = '{}'", like.GetHandle());
+            addCondition(query, "sip_trunk_ipaddress = '{}'", like.GetIPAddress());
+            addCondition(query, "link_type = '{}'", like.GetLinkType());
+            addCondition(query, "sip_port = '{}'", like.GetPort());
+        }
     }
-    return sql("SELECT handle,link_type,sip_trunk_ipaddress,sip_port FROM acp {};", conditions);
+    return query.append(";");
 }
 
 /// The order matters: a port of its own counts unless the address has one, and a transport's default only without both.
@@ -79,8 +92,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
         return outcome;
     }
     const std::string table = copied(tableName.c_str()); // each update repeats it, and it may be an update's text
-    const std::string statement = changesQuery(table, since);
-    m_frame->trace.prn("sql: %s", statement.c_str());
+    Statement statement = changesQuery(table, since);
+    m_frame->traceText(statement, "sql: ");
     QueryResult result;
     outcome = m_frame->runForResult(statement, result);
     if (!outcome.okay()) {
@@ -112,10 +125,10 @@ DatabaseResult PresenceDatabaseCommandExecutor::getCMforBulkSub(std::vector<CMRe
     if (!m_frame->begin("getCMforBulkSub(): getCMRecord ...", {}, outcome)) {
         return outcome;
     }
-    const std::string statement = callManagerQuery(records, regexMatch);
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): %s", statement.c_str());
+    Statement statement = callManagerQuery(records, regexMatch);
+    m_frame->traceText(statement, "PresenceDatabaseCommandExecutor::getCMforBulkSub(): ");
     QueryResult result;
-    executeSqlCmd(statement, result); // call managers that cannot be read are none
+    executeSqlCommand(*m_frame, std::move(statement), result); // call managers that cannot be read are none
     m_frame->trace.prn("cmRecordList size %d", result.rows());
     records.clear();
     forEachRow(result, records, [&](const Row& row) { readCallManager(row, records.emplace_back()); });

@@ -3,7 +3,7 @@
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <dal/UtilityConvert.h>
-#include <dal/internal/Frame.h>
+#include <dal/presence/SqlCommand.h>
 
 namespace oryx {
 
@@ -16,6 +16,36 @@ unsigned int readTime(const Row& row, int column)
 {
     const char* const value = row.text(column);
     return value != nullptr ? leadingUnsigned(value) : 0;
+}
+
+Statement conferenceQuery(const std::string& pattern, bool negate)
+{
+    Statement query = sql("SELECT * FROM conf_state ");
+    if (!pattern.empty()) {
+        query.append("WHERE ");
+        if (negate) {
+            query.append("NOT ");
+        }
+        query.append("(conf_status ~* '{}')", pattern);
+    }
+    return query.append(";");
+}
+
+template <typename Command>
+DatabaseResult selectRecords(Frame& frame, Command command, std::vector<ConfExtRecord>& out)
+{
+    frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
+    QueryResult result;
+    DatabaseResult outcome = executeSqlCommand(frame, std::move(command), result);
+    const int rows = result.rows();
+    if (rows == 0) {
+        frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
+        return outcome;
+    }
+    frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
+    out.clear();
+    forEachRow(result, out, [&](const Row& row) { out.emplace_back(row.string(0), row.string(1), readTime(row, 2)); });
+    return outcome;
 }
 
 } // namespace
@@ -54,11 +84,10 @@ DatabaseResult PresenceDatabaseCommandExecutor::getConfExtState(const std::strin
         return m_frame->refuse("getConfExtState: missing one or more parameters\n");
     }
     // Before the answer is written: the extension may be the very text that gets the status.
-    const std::string statement =
-        sql("SELECT conf_status, start_time FROM conf_state WHERE extension = '{}';", extension);
+    Statement statement = sql("SELECT conf_status, start_time FROM conf_state WHERE extension = '{}';", extension);
     start_time = 0;
     QueryResult result;
-    DatabaseResult outcome = executeSqlCmd(statement, result);
+    DatabaseResult outcome = executeSqlCommand(*m_frame, std::move(statement), result);
     if (outcome.okay() && result.rows() > 0) {
         const Row row(result, 0);
         status = row.string(0);
@@ -78,9 +107,10 @@ DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::strin
         return m_frame->refuse("setConfExtState: missing one or more parameters\n");
     }
     QueryResult result;
-    return executeSqlCmd(sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';",
-                             status, static_cast<int>(start_time), extension),
-                         result);
+    return executeSqlCommand(*m_frame,
+                             sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';",
+                                 status, static_cast<int>(start_time), extension),
+                             result);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRecord& record)
@@ -94,7 +124,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRec
     columns.add("conf_status", record.conf_status());
     columns.addExplicit("start_time", record.start_time());
     QueryResult result;
-    return executeSqlCmd(sql("INSERT INTO conf_state {} VALUES{};", columns.names(), columns.values()), result);
+    return executeSqlCommand(*m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)), result);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteConfExtState(const std::string& extension)
@@ -104,56 +134,44 @@ DatabaseResult PresenceDatabaseCommandExecutor::deleteConfExtState(const std::st
         return m_frame->refuse("deleteConfExtState(): missing one or more parameters\n");
     }
     QueryResult result;
-    return executeSqlCmd(sql("DELETE FROM conf_state WHERE extension = '{}';", extension), result);
+    return executeSqlCommand(*m_frame, sql("DELETE FROM conf_state WHERE extension = '{}';", extension), result);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllConfExtRecord(std::vector<ConfExtRecord>& out,
                                                                     const std::string& pattern, bool negate)
 {
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord(): ");
-    const std::string statement =
-        pattern.empty() ? "SELECT * FROM conf_state ;"
-                        : sql("SELECT * FROM conf_state WHERE {}(conf_status ~* '{}');", negate ? "NOT " : "", pattern);
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord: %s", statement.c_str());
-    return selectMultipleConfExtRecords(statement, out);
+    Statement statement = conferenceQuery(pattern, negate);
+    m_frame->traceText(statement, "PresenceDatabaseCommandExecutor::getAllConfExtRecord: ");
+    return selectRecords(*m_frame, std::move(statement), out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(const std::string& sqlText,
                                                                              std::vector<ConfExtRecord>& out)
 {
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
-    QueryResult result;
-    DatabaseResult outcome = executeSqlCmd(sqlText, result);
-    const int rows = result.rows();
-    if (rows == 0) {
-        m_frame->trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
-        return outcome;
-    }
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
-    out.clear();
-    forEachRow(result, out, [&](const Row& row) { out.emplace_back(row.string(0), row.string(1), readTime(row, 2)); });
-    return outcome;
+    return selectRecords(*m_frame, sqlText, out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllValidConfExts(std::vector<ConfExtRecord>& out)
 {
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllValidConfExts(): ");
-    return selectMultipleConfExtRecords("select * from select_all_valid_conf_ext;", out);
+    return selectRecords(*m_frame, sql("select * from select_all_valid_conf_ext;"), out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(std::vector<ConfExtRecord>& out)
 {
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(): ");
-    return selectMultipleConfExtRecords("select extension, conf_status from select_all_obsolete_conf_ext_not_in_use;",
-                                        out);
+    return selectRecords(*m_frame, sql("select extension, conf_status from select_all_obsolete_conf_ext_not_in_use;"),
+                         out);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse()
 {
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): ");
     QueryResult result;
-    DatabaseResult outcome = executeSqlCmd(
-        "delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');",
+    DatabaseResult outcome = executeSqlCommand(
+        *m_frame,
+        sql("delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');"),
         result);
     if (outcome.okay() && result.rows() > 0) {
         m_frame->trace.prn(
@@ -168,8 +186,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUs
     m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
     extension.clear();
     QueryResult result;
-    DatabaseResult outcome = executeSqlCmd(
-        "select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;",
+    DatabaseResult outcome = executeSqlCommand(
+        *m_frame,
+        sql("select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;"),
         result);
     if (outcome.okay()) {
         if (result.rows() > 0) {

@@ -40,7 +40,7 @@ bool isComplete(const PresenceRecord& record)
            !record.packageid().empty();
 }
 
-std::string insertion(const PresenceRecord& record)
+Statement addition(const PresenceRecord& record)
 {
     ValueString columns;
     columns.add("subscriptionid", record.subscriptionid());
@@ -54,7 +54,7 @@ std::string insertion(const PresenceRecord& record)
     columns.addExplicit("notcseq", record.notcseq());
     columns.add("requesturi", record.requestUri());
     columns.add("packageid", record.packageid());
-    return sql("INSERT INTO subscription_states {} VALUES{};", columns.names(), columns.values());
+    return insertion("INSERT INTO subscription_states {} VALUES{};", std::move(columns));
 }
 
 } // namespace
@@ -75,7 +75,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::addWatcher(const PresenceRecord&
 {
     return m_frame->insertOrDelete(
         "addWatcher()", {{!isComplete(record), "addWatcher: missing one or more parameters\n"}},
-        [&] { return insertion(record); }, Violation::isConstraintError);
+        [&] { return addition(record); }, Violation::isConstraintError);
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteWatcher(const char* subscriptionId)
@@ -116,7 +116,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getIncomingMatchingSubscriptions
     return m_frame->list(
         "getIncomingMatchingSubscriptions() ", {}, Listing::firstRowThroughout, records,
         [] {
-            return std::string(
+            return sql(
                 "SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid,watcheridentity,expirytime,doctype FROM subscription_states, event_watchers where subscriptionid = watcheropaque;");
         },
         [&](const Row& row) {
@@ -131,7 +131,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getIncomingSubscriptions(std::ve
     return m_frame->list(
         "getIncomingSubscriptions", {}, Listing::firstRowThroughout, records,
         [] {
-            return std::string(
+            return sql(
                 "SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states  WHERE subscriptionid like '%%incoming#%%';");
         },
         [&](const Row& row) { readDialog(row, records.emplace_back()); });

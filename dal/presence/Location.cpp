@@ -59,11 +59,11 @@ void readExpiredContact(const Row& row, ExtendedContactRecord& contact)
 }
 
 /// A column that holds no number tells no more than one that is not there.
-DatabaseResult findNumber(Frame& frame, Refusals refusals, const std::string& statement, int& number)
+DatabaseResult findNumber(Frame& frame, Refusals refusals, Statement statement, int& number)
 {
     bool readable = true;
     DatabaseResult outcome = frame.find(
-        nullptr, refusals, [&] { return statement; },
+        nullptr, refusals, [&] { return std::move(statement); },
         [&](const Row& row) {
             int read = 0;
             if (const char* const text = row.text(0); text != nullptr) {
@@ -165,7 +165,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAddressMaps(std::vector<Addre
     }
     m_frame->trace.prn("looking up address_maps");
     QueryResult result;
-    if (m_frame->fetch(kAddressMapQuery, result, outcome)) {
+    if (m_frame->fetch(addressMapQuery(), result, outcome)) {
         readAddressMaps(result, m_frame->trace, maps);
     }
     return outcome;
@@ -215,8 +215,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::getProxyConfig(std::vector<Proxy
     }
     m_frame->trace.prn("looking up proxy configuration");
     QueryResult result;
-    if (!m_frame->fetch("SELECT scope, name, value FROM system_parameters   WHERE application = 'oryxproxy';", result,
-                        outcome)) {
+    if (!m_frame->fetch(sql("SELECT scope, name, value FROM system_parameters   WHERE application = 'oryxproxy';"),
+                        result, outcome)) {
         return outcome;
     }
     m_frame->trace.prn("retrieved %d proxy config items", result.rows());
@@ -230,8 +230,11 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSubscribers(std::vector<Subsc
     return m_frame->list(
         "getSubscribers()", {}, Listing::notFoundWhenEmpty, subscribers,
         [&] {
-            const std::string condition = type != nullptr ? sql(" WHERE s_type='{}'", type) : std::string();
-            return sql("SELECT sid,s_type,auth_type,s_password,active,auth_user_id FROM subscriber{};", condition);
+            Statement query = sql("SELECT sid,s_type,auth_type,s_password,active,auth_user_id FROM subscriber");
+            if (type != nullptr) {
+                query.append(" WHERE s_type='{}'", type);
+            }
+            return query.append(";");
         },
         [&](const Row& row) { readStoredSubscriber(row, subscribers.emplace_back()); }, "retrieved %d rows");
 }
@@ -259,8 +262,12 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vecto
     return m_frame->list(
         "getAllPublicAddresses", {}, Listing::notFoundWhenEmpty, addresses,
         [&] {
-            return sql("SELECT public_address_id,sip_domain,handle,scope,admin_domain,csid from public_address {};",
-                       primaryOnly ? " where primary_handle='t'" : "");
+            Statement query =
+                sql("SELECT public_address_id,sip_domain,handle,scope,admin_domain,csid from public_address ");
+            if (primaryOnly) {
+                query.append(" where primary_handle='t'");
+            }
+            return query.append(";");
         },
         [&](const Row& row) { readProvisionedAddress(row, addresses.emplace_back()); }, "retrieved %d rows");
 }

@@ -10,30 +10,27 @@ namespace oryx {
 DatabaseResult PresenceDatabaseCommandExecutor::removeSubscriptionStates()
 {
     return m_frame->insertOrDelete("removeSubscriptionStates()", {},
-                                   [] { return std::string("DELETE FROM subscription_states;"); });
+                                   [] { return sql("DELETE FROM subscription_states;"); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeEventWatchers()
 {
-    return m_frame->insertOrDelete("removeEventWatchers()", {},
-                                   [] { return std::string("DELETE FROM event_watchers;"); });
+    return m_frame->insertOrDelete("removeEventWatchers()", {}, [] { return sql("DELETE FROM event_watchers;"); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeEventSources()
 {
-    return m_frame->insertOrDelete("removeEventSources()", {},
-                                   [] { return std::string("DELETE FROM event_sources;"); });
+    return m_frame->insertOrDelete("removeEventSources()", {}, [] { return sql("DELETE FROM event_sources;"); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeListWatchers()
 {
-    return m_frame->insertOrDelete("removeListWatchers()", {},
-                                   [] { return std::string("DELETE FROM listsubscriptions;"); });
+    return m_frame->insertOrDelete("removeListWatchers()", {}, [] { return sql("DELETE FROM listsubscriptions;"); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeWinfoWatchers()
 {
-    return m_frame->insertOrDelete("removeWinfoWatchers()", {}, [] { return std::string("DELETE FROM watcherinfo;"); });
+    return m_frame->insertOrDelete("removeWinfoWatchers()", {}, [] { return sql("DELETE FROM watcherinfo;"); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeEventServerState()
@@ -42,11 +39,14 @@ DatabaseResult PresenceDatabaseCommandExecutor::removeEventServerState()
     if (!m_frame->begin("removeEventServerState()", {}, outcome)) {
         return outcome;
     }
-    const std::string transaction =
-        "BEGIN TRANSACTION;DELETE FROM SUBSCRIPTION_STATES;DELETE FROM EVENT_WATCHERS;DELETE FROM EVENT_SOURCES;DELETE FROM LISTSUBSCRIPTIONS;DELETE FROM WATCHERINFO;COMMIT TRANSACTION;";
-    m_frame->trace.prn(transaction);
+    const Transaction transaction{"BEGIN TRANSACTION;",
+                                  {sql("DELETE FROM SUBSCRIPTION_STATES;"), sql("DELETE FROM EVENT_WATCHERS;"),
+                                   sql("DELETE FROM EVENT_SOURCES;"), sql("DELETE FROM LISTSUBSCRIPTIONS;"),
+                                   sql("DELETE FROM WATCHERINFO;")},
+                                  "COMMIT TRANSACTION;"};
+    m_frame->trace.prn(transaction.text());
     QueryResult result;
-    if (!m_frame->connection->execute(transaction, result)) {
+    if (!m_frame->exchange(transaction, result)) {
         outcome = m_frame->connectionError(); // with the last failure that had words
         m_frame->trace.prn("transaction failed because of connection error, rolling back");
         m_frame->rollback();

@@ -8,7 +8,7 @@ namespace oryx {
 
 namespace {
 
-std::string insertion(const SourcesRecord& record)
+Statement addition(const SourcesRecord& record)
 {
     ValueString columns;
     columns.add("presentitykey", record.presentitykey());
@@ -17,10 +17,10 @@ std::string insertion(const SourcesRecord& record)
     columns.addExplicit("expirytime", record.expirytime());
     columns.add("event", record.event());
     columns.add("presentity", record.presentity());
-    return sql("INSERT INTO event_sources {} VALUES{};", columns.names(), columns.values());
+    return insertion("INSERT INTO event_sources {} VALUES{};", std::move(columns));
 }
 
-std::string insertion(const WatcherInfoRecord& record)
+Statement addition(const WatcherInfoRecord& record)
 {
     ValueString columns;
     columns.add("winfokey", record.winfokey());
@@ -28,7 +28,7 @@ std::string insertion(const WatcherInfoRecord& record)
     columns.add("subscriberkey", record.subscribekey());
     columns.addExplicit("startingdocversion", record.startingdocversion());
     columns.addExplicit("expirytime", record.expirytime());
-    return sql("INSERT INTO watcherinfo {} VALUES{};", columns.names(), columns.values());
+    return insertion("INSERT INTO watcherinfo {} VALUES{};", std::move(columns));
 }
 
 } // namespace
@@ -87,7 +87,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::addSourceOpaque(SourcesRecord re
     return m_frame->insertOrDelete("addSourceOpaque()",
                                    {{record.presentitykey().empty() || record.sourceopaque().empty(),
                                      "addSourceOpaque: missing one or more parameters\n"}},
-                                   [&] { return insertion(record); });
+                                   [&] { return addition(record); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateSourceExpiry(const char* presentityKey, const char* sourceOpaque,
@@ -129,7 +129,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::addWinfoForPresentity(WatcherInf
         "addWinfoForPresentity()",
         {{record.subscribekey().empty() || record.presurlscheme().empty() || record.winfokey().empty(),
           "addWinfoForPresentity: missing one or more parameters\n"}},
-        [&] { return insertion(record); });
+        [&] { return addition(record); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateWinfoForPresentity(WatcherInfoRecord record)

@@ -16,7 +16,7 @@ WatchersRecord readWatcher(const Row& row, std::string presentityKey, std::strin
             row.unsignedNumber(7, 0), std::string(),    std::move(remoteContact)};
 }
 
-std::string insertion(const WatchersRecord& record)
+Statement addition(const WatchersRecord& record)
 {
     ValueString columns;
     columns.add("presentitykey", record.presentitykey());
@@ -29,7 +29,7 @@ std::string insertion(const WatchersRecord& record)
     columns.add("watcheridentity", record.watcheridentity());
     columns.add("event", record.event());
     columns.add("presentity", record.presentity());
-    return sql("INSERT INTO event_watchers {} VALUES{};", columns.names(), columns.values());
+    return insertion("INSERT INTO event_watchers {} VALUES{};", std::move(columns));
 }
 
 } // namespace
@@ -65,7 +65,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::addWatcherState(const WatchersRe
     return m_frame->insertOrDelete("addWatcherState()",
                                    {{record.presentitykey().empty() || record.watcheropaque().empty(),
                                      "addWatcherState: missing one or more parameters\n"}},
-                                   [&] { return insertion(record); });
+                                   [&] { return addition(record); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateWatcherState(const char* presentityKey, const char* watcherOpaque,

@@ -20,6 +20,14 @@
 
 namespace guide {
 
+void bindStatements(oryx::LocationService& service)
+{
+    oryx::SessionOptions options;
+    options.statements = oryx::SessionOptions::Statements::bound;
+    options.deadline = std::chrono::milliseconds(500);
+    service.setSessionOptions(options);
+}
+
 int sipStatus(const oryx::DatabaseResult& result)
 {
     switch (result.getStatus()) {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -126,6 +127,12 @@ void Proxy::refuse(bool refusing)
     }
 }
 
+void Proxy::swallow(bool swallowing)
+{
+    const std::lock_guard lock(m_mutex);
+    m_swallowing = swallowing;
+}
+
 void Proxy::serve()
 {
     while (!m_stop) {
@@ -177,17 +184,17 @@ void Proxy::forward(Link& link, bool fromClient)
         return;
     }
     link.open = link.open && size > 0 && !isLost(link, fromClient, bytes[0]) &&
-                sendAll(to, bytes.data(), static_cast<std::size_t>(size));
+                (m_swallowing || sendAll(to, bytes.data(), static_cast<std::size_t>(size)));
 }
 
 bool Proxy::isLost(Link& link, bool fromClient, char first)
 {
-    constexpr char kStatement = 'Q';
+    constexpr std::string_view kStatements = "QPB"; // a text; a preparation or an execution that begins a round trip
     if (!fromClient) {
         link.answered = true;
         return link.loseAnswer;
     }
-    if (!std::exchange(link.answered, false) || first != kStatement || m_losses.empty()) {
+    if (!std::exchange(link.answered, false) || kStatements.find(first) == std::string_view::npos || m_losses.empty()) {
         return false;
     }
     const Loss loss = m_losses.front();

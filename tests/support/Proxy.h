@@ -52,6 +52,8 @@ public:
     void lose(const std::vector<Loss>& losses);
     /// Nobody listens from now on; or somebody does again.
     void refuse(bool refusing);
+    /// Whatever is sent from now on gets nowhere, and nobody is told; or it arrives again.
+    void swallow(bool swallowing);
 
 private:
     struct Link {
@@ -73,6 +75,7 @@ private:
     Socket m_listener;
     std::list<Link> m_links;
     std::deque<Loss> m_losses;
+    bool m_swallowing = false;
     std::mutex m_mutex;
     std::atomic<bool> m_stop = false;
     std::thread m_thread;

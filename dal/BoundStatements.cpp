@@ -1,0 +1,119 @@
+// Bound statements: values beside the text, each statement prepared once, no operation later than its deadline.
+
+#include <dal/DatabaseConnection.h>
+
+#include <dal/QueryResult.h>
+#include <dal/internal/BoundSession.h>
+
+#include <libpq-fe.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace oryx {
+
+void DatabaseConnection::beginOperation()
+{
+    if (m_bound) {
+        m_bound->begin();
+    }
+}
+
+/// Sends once, and once more on a new connection if this one is lost. What the server refuses is the answer.
+template <typename Send>
+bool DatabaseConnection::runBound(const std::string& text, Send send, QueryResult& result)
+{
+    if (m_connectionString.empty()) {
+        return error("no connection");
+    }
+    if (m_conn == nullptr && !reset()) {
+        return false; // it was given up, and cannot be made anew
+    }
+    m_trace.prn("executing query");
+    result.setSqlCommand(text);
+    Sent sent = send(m_conn);
+    if (sent.outcome == Sent::Outcome::lost) {
+        m_trace.prn("fatal query error: retrying connection");
+        if (!reset()) {
+            return false;
+        }
+        m_trace.prn("connection reset, retrying query");
+        sent = send(m_conn);
+    }
+    switch (sent.outcome) {
+    case Sent::Outcome::lost:
+        return error("fatal query error after reset");
+    case Sent::Outcome::late:
+        return tooLate();
+    case Sent::Outcome::answered:
+        break;
+    }
+    m_trace.prn("query returned, setting result");
+    return received(std::move(sent), result);
+}
+
+bool DatabaseConnection::executeBound(std::span<const Statement> statements, QueryResult& result)
+{
+    if (statements.empty()) {
+        return okay();
+    }
+    const std::string& text = m_bound->textOf(statements.front());
+    if (!std::all_of(statements.begin(), statements.end(), BoundText::canBeSent)) {
+        result.setSqlCommand(text);
+        result.setRefusal("a value holds a NUL", "22021");
+        return okay();
+    }
+    return runBound(
+        text, [&](PGconn* connection) { return m_bound->send(connection, statements); }, result);
+}
+
+bool DatabaseConnection::executeBound(const std::string& text, QueryResult& result)
+{
+    return runBound(
+        text, [&](PGconn* connection) { return m_bound->send(connection, text); }, result);
+}
+
+bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
+{
+    if (PQtransactionStatus(m_conn) == PQTRANS_INERROR &&
+        m_bound->send(m_conn, "ROLLBACK").outcome != Sent::Outcome::answered) {
+        drop();
+    }
+    if (m_conn != nullptr && PQtransactionStatus(m_conn) == PQTRANS_ACTIVE) {
+        drop(); // it copies data, which nobody here takes or gives
+    }
+    result.setResult(sent.result.release());
+    return okay();
+}
+
+bool DatabaseConnection::resetBound()
+{
+    if (m_connectionString.empty()) {
+        return error("no connection to reset");
+    }
+    if (m_conn != nullptr) {
+        drop();
+    }
+    m_conn = m_bound->connect(m_connectionString).release();
+    if (m_bound->late() && PQstatus(m_conn) != CONNECTION_OK) {
+        return tooLate();
+    }
+    return connected();
+}
+
+/// The server is told to stop, and the connection given up: what it may still answer is nobody's any more.
+bool DatabaseConnection::tooLate()
+{
+    BoundSession::cancel(m_conn);
+    drop();
+    const std::string why = "no answer within the deadline of " + std::to_string(m_bound->duration().count()) + " ms";
+    return error(why.c_str());
+}
+
+void DatabaseConnection::drop()
+{
+    PQfinish(m_conn);
+    m_conn = nullptr;
+}
+
+} // namespace oryx

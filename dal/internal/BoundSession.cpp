@@ -1,0 +1,286 @@
+#include <dal/internal/BoundSession.h>
+
+#include <libpq-fe.h>
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <string_view>
+#include <system_error>
+#include <thread>
+
+namespace oryx {
+
+namespace {
+
+constexpr std::string_view kNoSuchStatement = "26000"; // the server, or a pooler before it, has forgotten it
+constexpr std::string_view kPlanOutdated = "0A000";    // a migration changed what the statement returns
+constexpr std::string_view kAlreadyPrepared = "42P05"; // by whom a pooler gave this server connection to before
+
+std::string_view sqlState(const PGresult* result)
+{
+    const char* const state = result != nullptr ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+    return state != nullptr ? state : "";
+}
+
+bool succeeded(const PGresult* result)
+{
+    const ExecStatusType status = PQresultStatus(result);
+    return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+}
+
+bool lost(const PGconn* connection)
+{
+    return PQstatus(connection) != CONNECTION_OK;
+}
+
+bool copies(const PGresult* result)
+{
+    const ExecStatusType status = PQresultStatus(result);
+    return status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH;
+}
+
+constexpr int kMostCancelRequests = 8;
+
+/// Starts a thread that takes none of the program's signals; false when there can be none.
+template <typename Function>
+bool startThread(Function function)
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    bool started = true;
+    try {
+        std::thread(function).detach();
+    } catch (const std::system_error&) {
+        started = false;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
+} // namespace
+
+void ResultDeleter::operator()(PGresult* result) const
+{
+    PQclear(result);
+}
+
+void ConnectionDeleter::operator()(PGconn* connection) const
+{
+    PQfinish(connection);
+}
+
+Deadline::Deadline(std::chrono::milliseconds duration)
+{
+    if (duration.count() > 0) {
+        m_until = std::chrono::steady_clock::now() + duration;
+    }
+}
+
+bool Deadline::passed() const
+{
+    return m_until && std::chrono::steady_clock::now() >= *m_until;
+}
+
+int Deadline::pollTimeout() const
+{
+    if (!m_until) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_until - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+/// Waits until the socket is ready; false when the deadline passes first.
+bool BoundSession::await(PGconn* connection, short events) const
+{
+    pollfd socket{PQsocket(connection), events, 0};
+    while (!m_deadline.passed()) {
+        const int ready = poll(&socket, 1, m_deadline.pollTimeout());
+        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+            return true; // what went wrong with the socket is libpq's to find out
+        }
+    }
+    return false;
+}
+
+Connection BoundSession::connect(const std::string& connectionString)
+{
+    m_prepared.clear();
+    if (m_duration.count() == 0) {
+        return Connection(PQconnectdb(connectionString.c_str())); // minds PGCONNECT_TIMEOUT, which polling does not
+    }
+    Connection connection(PQconnectStart(connectionString.c_str()));
+    PostgresPollingStatusType wanted = PGRES_POLLING_WRITING;
+    while (connection && PQstatus(connection.get()) != CONNECTION_BAD && wanted != PGRES_POLLING_OK &&
+           wanted != PGRES_POLLING_FAILED) {
+        if (!await(connection.get(), wanted == PGRES_POLLING_READING ? POLLIN : POLLOUT)) {
+            break;
+        }
+        wanted = PQconnectPoll(connection.get());
+    }
+    return connection;
+}
+
+const BoundText& BoundSession::bound(const Statement& statement)
+{
+    std::string key = BoundText::keyOf(statement);
+    const auto known = m_texts.find(key);
+    return known != m_texts.end() ? known->second : m_texts.emplace(std::move(key), statement).first->second;
+}
+
+Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements)
+{
+    Sent sent = sendOnce(connection, statements);
+    const std::string_view state = sqlState(sent.result.get());
+    const bool outdated = state == kNoSuchStatement || state == kPlanOutdated || state == kAlreadyPrepared;
+    // Inside a caller's transaction nothing can be repeated any more.
+    if (!outdated || PQtransactionStatus(connection) != PQTRANS_IDLE) {
+        return sent;
+    }
+    m_prepared.clear();
+    sent = send(connection, "DEALLOCATE ALL");
+    return sent.outcome == Sent::Outcome::answered ? sendOnce(connection, statements) : std::move(sent);
+}
+
+Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> statements)
+{
+    m_commands.clear();
+    PQsetnonblocking(connection, 1);
+    if (PQenterPipelineMode(connection) == 0 || !queue(connection, statements) || PQpipelineSync(connection) == 0) {
+        return {Sent::Outcome::lost, nullptr};
+    }
+    Sent sent = flush(connection) ? collect(connection) : Sent{Sent::Outcome::late, nullptr};
+    PQexitPipelineMode(connection);
+    return sent;
+}
+
+bool BoundSession::queue(PGconn* connection, std::span<const Statement> statements)
+{
+    for (const Statement& statement : statements) {
+        const BoundText& text = bound(statement);
+        const char* const name = text.name().c_str();
+        if (m_prepared.insert(name).second) {
+            if (PQsendPrepare(connection, name, text.text().c_str(), 0, nullptr) == 0) {
+                return false;
+            }
+            m_commands.push_back(&text);
+        }
+        text.fill(statement, m_parameters);
+        if (PQsendQueryPrepared(connection, name, static_cast<int>(m_parameters.values.size()),
+                                m_parameters.values.data(), nullptr, nullptr, 0) == 0) {
+            return false;
+        }
+        m_commands.push_back(nullptr);
+    }
+    return true;
+}
+
+/// Takes the results of everything that was queued, up to the end of the round trip.
+Sent BoundSession::collect(PGconn* connection)
+{
+    Sent sent;
+    for (std::size_t command = 0;;) {
+        Result result;
+        if (!next(connection, result)) {
+            return {Sent::Outcome::late, nullptr};
+        }
+        const ExecStatusType status = PQresultStatus(result.get());
+        if (lost(connection) || (!result && command == m_commands.size())) {
+            return {Sent::Outcome::lost, nullptr};
+        }
+        if (!result) {
+            ++command;
+        } else if (status == PGRES_PIPELINE_SYNC) {
+            return sent;
+        } else {
+            if (!succeeded(result.get()) && m_commands[command] != nullptr) {
+                m_prepared.erase(m_commands[command]->name());
+            }
+            if (!sent.result || succeeded(sent.result.get())) {
+                sent.result = std::move(result); // what follows a failure is only skipped
+            }
+        }
+    }
+}
+
+Sent BoundSession::send(PGconn* connection, const std::string& text)
+{
+    PQsetnonblocking(connection, 1);
+    if (PQsendQuery(connection, text.c_str()) == 0) {
+        return {Sent::Outcome::lost, nullptr};
+    }
+    Sent sent;
+    for (Result result; flush(connection) && next(connection, result);) {
+        if (!result) {
+            sent.outcome = lost(connection) ? Sent::Outcome::lost : Sent::Outcome::answered;
+            return sent;
+        }
+        sent.result = std::move(result);
+        if (copies(sent.result.get())) {
+            return sent;
+        }
+    }
+    return {Sent::Outcome::late, nullptr};
+}
+
+bool BoundSession::answers(PGconn* connection)
+{
+    begin();
+    return send(connection, "").outcome == Sent::Outcome::answered;
+}
+
+/// Sends what libpq holds back, taking in what the server sends meanwhile; false when the deadline passes first.
+bool BoundSession::flush(PGconn* connection)
+{
+    while (PQflush(connection) > 0) {
+        if (!await(connection, POLLIN | POLLOUT)) {
+            return false;
+        }
+        PQconsumeInput(connection);
+    }
+    return true;
+}
+
+/// Waits for the next result; false when the deadline passes first.
+bool BoundSession::next(PGconn* connection, Result& result)
+{
+    while (PQisBusy(connection) != 0) {
+        if (!await(connection, POLLIN)) {
+            return false;
+        }
+        if (PQconsumeInput(connection) == 0) {
+            break; // lost: what libpq says of it is the result
+        }
+    }
+    result.reset(PQgetResult(connection));
+    return true;
+}
+
+void BoundSession::cancel(PGconn* connection)
+{
+    static std::atomic<int> underWay = 0;
+    PGcancel* const request = PQgetCancel(connection);
+    if (request == nullptr) {
+        return;
+    }
+    // A request waits as long as its server is silent, so it goes its own way; a server that answers none gets no more.
+    const auto send = [request] {
+        std::array<char, 256> ignored{};
+        PQcancel(request, ignored.data(), ignored.size());
+        PQfreeCancel(request);
+        --underWay;
+    };
+    if (++underWay > kMostCancelRequests || !startThread(send)) {
+        PQfreeCancel(request);
+        --underWay;
+    }
+}
+
+} // namespace oryx

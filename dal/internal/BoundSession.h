@@ -1,0 +1,99 @@
+#pragma once
+
+#include <dal/internal/BoundText.h>
+#include <dal/internal/Statement.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+struct pg_conn;
+using PGconn = pg_conn;
+struct pg_result;
+using PGresult = pg_result;
+
+namespace oryx {
+
+struct ResultDeleter {
+    void operator()(PGresult* result) const;
+};
+using Result = std::unique_ptr<PGresult, ResultDeleter>;
+
+struct ConnectionDeleter {
+    void operator()(PGconn* connection) const;
+};
+using Connection = std::unique_ptr<PGconn, ConnectionDeleter>;
+
+/// A point in time that an operation must not pass, or none.
+class Deadline {
+public:
+    Deadline() = default;
+    /// So far from now; zero for none.
+    explicit Deadline(std::chrono::milliseconds duration);
+
+    bool passed() const;
+    /// What is left, as poll(2) takes it: rounded up, -1 without a deadline.
+    int pollTimeout() const;
+
+private:
+    std::optional<std::chrono::steady_clock::time_point> m_until;
+};
+
+/// How a statement's sending ended.
+struct Sent {
+    enum class Outcome { answered, lost, late };
+
+    Outcome outcome = Outcome::answered;
+    Result result; // of an answered one: the first that failed, else the last
+};
+
+/// What bound statements need of a libpq connection: its prepared statements, and waiting no longer than the deadline.
+///
+/// The connection is the owner's, and is in non-blocking mode. Several statements travel in one round trip and take
+/// effect together or not at all.
+class BoundSession {
+public:
+    explicit BoundSession(std::chrono::milliseconds deadline) : m_duration(deadline) {}
+
+    std::chrono::milliseconds duration() const { return m_duration; }
+    /// An operation begins: its deadline counts from now.
+    void begin() { m_deadline = Deadline(m_duration); }
+    /// Whether the operation has run out of time.
+    bool late() const { return m_deadline.passed(); }
+
+    /// Connects; not usable, or null, when that fails. Nothing is prepared on it yet.
+    Connection connect(const std::string& connectionString);
+    /// The text that the server gets for a statement.
+    const std::string& textOf(const Statement& statement) { return bound(statement).text(); }
+    /// Sends statements; those that the connection does not know yet are prepared on the way.
+    Sent send(PGconn* connection, std::span<const Statement> statements);
+    /// Sends a text of one or more statements as it stands.
+    Sent send(PGconn* connection, const std::string& text);
+    /// Whether the server answers, within a deadline of its own.
+    bool answers(PGconn* connection);
+
+    /// Asks the server, beside the connection, to stop what it is doing for it; waits for nothing.
+    static void cancel(PGconn* connection);
+
+private:
+    const BoundText& bound(const Statement& statement);
+    Sent sendOnce(PGconn* connection, std::span<const Statement> statements);
+    bool queue(PGconn* connection, std::span<const Statement> statements);
+    Sent collect(PGconn* connection);
+    bool flush(PGconn* connection);
+    bool next(PGconn* connection, Result& result);
+    bool await(PGconn* connection, short events) const;
+
+    std::chrono::milliseconds m_duration;
+    Deadline m_deadline;
+    std::unordered_map<std::string, BoundText> m_texts; // by key; as many as the library has statements
+    std::unordered_set<std::string_view> m_prepared;    // names that the present connection knows, or soon will
+    std::vector<const BoundText*> m_commands;           // under way: the text of a preparation, null for an execution
+    Parameters m_parameters;
+};
+
+} // namespace oryx

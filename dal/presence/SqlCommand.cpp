@@ -1,0 +1,70 @@
+#include <dal/presence/SqlCommand.h>
+
+namespace oryx {
+
+namespace {
+
+/// A statement that neither selected nor touched a row found nothing.
+DatabaseResult judgeRows(const QueryResult& qres, zel::Trace& trace)
+{
+    const int rows = qres.rows();
+    const int affected = qres.updateCount();
+    DatabaseResult result;
+    if (rows == 0 && affected == 0) {
+        trace.prn(
+            "PresenceDatabaseCommandExecutor::executeSqlCmd: 0 rows selected (Query) or affected (Update, Insert, or Delete)!");
+        result.setNotFound();
+    }
+    if (rows > 0) {
+        trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: retrieved %d rows.", rows);
+    }
+    if (affected > 0) {
+        trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: %d rows affected!", affected);
+    }
+    return result;
+}
+
+template <typename Command>
+DatabaseResult runTraced(Frame& frame, Command& command, const std::string& shown, QueryResult& qres)
+{
+    if (!frame.checkConnect()) {
+        frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': checkConnect() failed!", shown.c_str());
+        return frame.connectionError();
+    }
+    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): '%s'", shown.c_str());
+    const Run outcome = frame.send(command, qres);
+    if (outcome == Run::okay) {
+        return judgeRows(qres, frame.trace);
+    }
+    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': %s", shown.c_str(),
+                    outcome == Run::connectionFailed ? "errorConnection() failed!" : "queryResult.failed()!");
+    frame.keepReason(outcome, qres);
+    return outcome == Run::connectionFailed ? frame.connectionError() : frame.queryError();
+}
+
+} // namespace
+
+DatabaseResult executeSqlCommand(Frame& frame, Statement statement, QueryResult& result)
+{
+    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
+    const bool traced = zel::Trace::enabled(zel::TraceKind::prn);
+    const std::string shown = traced ? frame.textOf(statement) : std::string();
+    return runTraced(frame, statement, shown, result);
+}
+
+DatabaseResult executeSqlCommand(Frame& frame, const std::string& text, QueryResult& result)
+{
+    if (&text == &frame.errorText) {
+        return executeSqlCommand(frame, std::string(text), result); // a failure changes it before it is traced
+    }
+    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
+    if (text.empty()) {
+        DatabaseResult refusal;
+        refusal.setQueryError();
+        refusal.setErrorMessage("PresenceDatabaseCommandExecutor::executeSqlCmd: --- Empty query command! ---");
+        return refusal;
+    }
+    return runTraced(frame, text, text, result);
+}
+
+} // namespace oryx

@@ -1,0 +1,116 @@
+#include <dal/internal/Number.h>
+#include <dal/internal/Statement.h>
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <utility>
+
+namespace {
+
+using oryx::call;
+using oryx::insertion;
+using oryx::leadingInt;
+using oryx::spliced;
+using oryx::sql;
+using oryx::Statement;
+using oryx::Transaction;
+using oryx::ValueString;
+
+TEST(SplicedTest, LeavesATextWithoutGapsAsItStands)
+{
+    EXPECT_EQ(spliced("SELECT '{', '}', '%s' FROM node;"), "SELECT '{', '}', '%s' FROM node;");
+    EXPECT_EQ(spliced(""), "");
+}
+
+TEST(SplicedTest, SplicesItsValuesInTheirOrder)
+{
+    EXPECT_EQ(spliced("UPDATE contact SET csid={} WHERE address='{}' AND csid={};", 7, "sip:alice@example.com", -8L),
+              "UPDATE contact SET csid=7 WHERE address='sip:alice@example.com' AND csid=-8;");
+    EXPECT_EQ(spliced("{}", "a"), "a");
+    EXPECT_EQ(spliced("{}{}", "a", "b"), "ab");
+}
+
+TEST(SplicedTest, TakesTextOfEveryKindAndNullAsNothing)
+{
+    const char* const null = nullptr;
+    EXPECT_EQ(spliced("'{}' '{}' '{}' '{}'", "literal", std::string("string"), null, ""), "'literal' 'string' '' ''");
+}
+
+TEST(SplicedTest, LeavesQuotesPercentsAndGapsInValuesAsTheyAre)
+{
+    EXPECT_EQ(spliced("'{}' '{}'", "o'hara {} 100%s", "{}"), "'o'hara {} 100%s' '{}'");
+}
+
+TEST(SplicedTest, WritesTheLargestNumbersOfEveryType)
+{
+    EXPECT_EQ(spliced("{} {}", std::numeric_limits<int>::min(), std::numeric_limits<int>::max()),
+              "-2147483648 2147483647");
+    EXPECT_EQ(spliced("{} {}", 0, std::numeric_limits<unsigned int>::max()), "0 4294967295");
+    EXPECT_EQ(spliced("{} {}", std::numeric_limits<long long>::min(), std::numeric_limits<unsigned long long>::max()),
+              "-9223372036854775808 18446744073709551615");
+}
+
+TEST(SplicedTest, SplicesLongValuesWhole)
+{
+    const std::string value(5000, 'x');
+    EXPECT_EQ(spliced("'{}','{}';", value, value), "'" + value + "','" + value + "';");
+}
+
+TEST(StatementTest, JoinsItsPartsAndTheirValues)
+{
+    Statement statement = sql("SELECT handle FROM acp WHERE handle = '{}'", "cm1");
+    statement.append(" AND sip_port = '{}'", std::string("5060")).append(";");
+    EXPECT_EQ(statement.text(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
+    EXPECT_EQ(statement.takeText(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
+}
+
+TEST(StatementTest, JoinsTheListsOfAnInsertion)
+{
+    ValueString columns;
+    columns.add("sid", "7");
+    columns.add("ordering", std::string());
+    columns.addExplicit("csid", 12);
+    EXPECT_EQ(insertion("INSERT INTO contact_set{} VALUES{};", std::move(columns)).takeText(),
+              "INSERT INTO contact_set(sid,ordering,csid) VALUES('7',NULL,12);");
+}
+
+TEST(StatementTest, JoinsTheArgumentsOfACall)
+{
+    ValueString arguments;
+    arguments.add("id", "42");
+    EXPECT_EQ(call("SELECT remove_subscriber{}", std::move(arguments)).takeText(), "SELECT remove_subscriber('42')");
+}
+
+TEST(TransactionTest, IsItsStatementsInARow)
+{
+    const Transaction transaction{"BEGIN TRANSACTION;",
+                                  {sql("DELETE FROM contact WHERE csid={};", 7), sql("DELETE FROM node;")},
+                                  "COMMIT TRANSACTION;"};
+    EXPECT_EQ(transaction.text(),
+              "BEGIN TRANSACTION;DELETE FROM contact WHERE csid=7;DELETE FROM node;COMMIT TRANSACTION;");
+}
+
+TEST(LeadingIntTest, IsTheNumberThatATextBeginsWith)
+{
+    EXPECT_EQ(leadingInt("12"), 12);
+    EXPECT_EQ(leadingInt("-12"), -12);
+    EXPECT_EQ(leadingInt(" +12"), 12);
+    EXPECT_EQ(leadingInt("12x"), 12);
+    EXPECT_EQ(leadingInt("012"), 12);
+    EXPECT_EQ(leadingInt("x12"), 0);
+    EXPECT_EQ(leadingInt(""), 0);
+}
+
+TEST(LeadingIntTest, StopsAtTheLimitsOfAnInt)
+{
+    EXPECT_EQ(leadingInt("2147483647"), 2147483647);
+    EXPECT_EQ(leadingInt("2147483648"), 2147483647);
+    EXPECT_EQ(leadingInt("99999999999999999999"), 2147483647);
+    EXPECT_EQ(leadingInt("-2147483648"), std::numeric_limits<int>::min());
+    EXPECT_EQ(leadingInt("-2147483649"), std::numeric_limits<int>::min());
+    EXPECT_EQ(leadingInt("-99999999999999999999"), std::numeric_limits<int>::min());
+}
+
+} // namespace
