@@ -26,7 +26,7 @@ bool DatabaseConnection::runBound(const std::string& text, Send send, QueryResul
     if (m_connectionString.empty()) {
         return error("no connection");
     }
-    if (m_conn == nullptr && !reset()) {
+    if (m_conn == nullptr && !resetBound()) {
         return false; // it was given up, and cannot be made anew
     }
     m_trace.prn("executing query");
@@ -34,7 +34,7 @@ bool DatabaseConnection::runBound(const std::string& text, Send send, QueryResul
     Sent sent = send(m_conn);
     if (sent.outcome == Sent::Outcome::lost) {
         m_trace.prn("fatal query error: retrying connection");
-        if (!reset()) {
+        if (!resetBound()) {
             return false;
         }
         m_trace.prn("connection reset, retrying query");
@@ -96,7 +96,7 @@ bool DatabaseConnection::resetBound()
     }
     m_conn = m_bound->connect(m_connectionString).release();
     if (m_bound->late() && PQstatus(m_conn) != CONNECTION_OK) {
-        return tooLate();
+        return givenUp();
     }
     return connected();
 }
@@ -105,6 +105,11 @@ bool DatabaseConnection::resetBound()
 bool DatabaseConnection::tooLate()
 {
     BoundSession::cancel(m_conn);
+    return givenUp();
+}
+
+bool DatabaseConnection::givenUp()
+{
     drop();
     const std::string why = "no answer within the deadline of " + std::to_string(m_bound->duration().count()) + " ms";
     return error(why.c_str());

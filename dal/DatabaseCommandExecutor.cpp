@@ -69,6 +69,7 @@ void executeTraced(Frame& frame, Command&& command, DatabaseResult& result, Quer
     const Run outcome = frame.send(command, qres);
     if (outcome == Run::okay) {
         result.setOkay();
+        result.setSqlState({});
         return;
     }
     frame.trace.prn(outcome == Run::connectionFailed ? "execute update failed" : "query error");
@@ -126,6 +127,7 @@ std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& dom
 bool DatabaseCommandExecutor::readDomains()
 {
     const DomainReading reading;
+    const Call call(*m_frame);
     if (!checkConnect()) {
         m_frame->trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
         return false;

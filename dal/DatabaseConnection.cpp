@@ -9,6 +9,7 @@
 
 #include <libpq-fe.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace oryx {
@@ -101,6 +102,9 @@ bool DatabaseConnection::active()
 bool DatabaseConnection::reset()
 {
     if (m_bound) {
+        if (!m_inOperation) {
+            beginOperation();
+        }
         return resetBound();
     }
     if (m_conn == nullptr) {
@@ -117,7 +121,13 @@ bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
 
 bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
 {
-    return m_bound ? executeBound(cmd, result) : run(std::string(cmd), result);
+    if (!m_bound) {
+        return run(std::string(cmd), result);
+    }
+    if (!m_inOperation) {
+        beginOperation();
+    }
+    return executeBound(cmd, result);
 }
 
 bool DatabaseConnection::execute(Statement& statement, QueryResult& result)
@@ -154,6 +164,7 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
         return error("no connection");
     }
     m_trace.prn("executing query");
+    cmd.resize(std::min(cmd.size(), cmd.find('\0'))); // what is sent ends there
     result.setSqlCommand(std::move(cmd));
     const char* const statement = result.getSqlCommand().c_str();
     PGresult* received = PQexec(m_conn, statement);

@@ -63,7 +63,8 @@ public:
     /// A statement that brings back no result (the connection is lost) is sent again after a reset of the connection,
     /// and so is one whose result is fatal (the server refused it, or ended meanwhile). A refused statement so costs
     /// one reset and is sent twice; the most is two resets and three sendings, when a statement that was sent again for
-    /// a lost connection is refused. A change may therefore take effect twice.
+    /// a lost connection is refused. A change may therefore take effect twice. That is plain sending; with bound
+    /// statements nothing that the server refuses is reset for or repeated, and it ends the transaction it stands in.
     bool execute(const char* cmd, QueryResult& result);
     bool execute(const std::string& cmd, QueryResult& result);
     ///@}
@@ -114,6 +115,7 @@ private:
     bool bound() const { return m_bound != nullptr; }
     // An operation begins: the deadline, if there is one, counts from now.
     void beginOperation();
+    bool m_inOperation = false; // the owner says when one begins
 
     bool connected();
     bool run(std::string&& cmd, QueryResult& result);
@@ -132,6 +134,7 @@ private:
     bool received(Sent&& sent, QueryResult& result);
     bool resetBound();
     bool tooLate();
+    bool givenUp();
     void drop();
 
     PGconn* m_conn = nullptr;

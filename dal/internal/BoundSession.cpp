@@ -9,8 +9,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <exception>
 #include <string_view>
-#include <system_error>
 #include <thread>
 
 namespace oryx {
@@ -57,7 +57,7 @@ bool startThread(Function function)
     bool started = true;
     try {
         std::thread(function).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         started = false;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -101,6 +101,9 @@ int Deadline::pollTimeout() const
 bool BoundSession::await(PGconn* connection, short events) const
 {
     pollfd socket{PQsocket(connection), events, 0};
+    if (socket.fd < 0) {
+        return true; // lost already: libpq says so without waiting, and poll(2) would ignore it
+    }
     while (!m_deadline.passed()) {
         const int ready = poll(&socket, 1, m_deadline.pollTimeout());
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
@@ -192,7 +195,8 @@ Sent BoundSession::collect(PGconn* connection)
             return {Sent::Outcome::late, nullptr};
         }
         const ExecStatusType status = PQresultStatus(result.get());
-        if (lost(connection) || (!result && command == m_commands.size())) {
+        // What fails as the whole takes effect comes behind the last command, and counts as one more.
+        if (lost(connection) || (!result && command > m_commands.size())) {
             return {Sent::Outcome::lost, nullptr};
         }
         if (!result) {
@@ -200,7 +204,7 @@ Sent BoundSession::collect(PGconn* connection)
         } else if (status == PGRES_PIPELINE_SYNC) {
             return sent;
         } else {
-            if (!succeeded(result.get()) && m_commands[command] != nullptr) {
+            if (!succeeded(result.get()) && command < m_commands.size() && m_commands[command] != nullptr) {
                 m_prepared.erase(m_commands[command]->name());
             }
             if (!sent.result || succeeded(sent.result.get())) {

@@ -3,7 +3,9 @@
 #include <dal/internal/BoundText.h>
 #include <dal/internal/Statement.h>
 
+#include <algorithm>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -57,7 +59,12 @@ struct Sent {
 /// effect together or not at all.
 class BoundSession {
 public:
-    explicit BoundSession(std::chrono::milliseconds deadline) : m_duration(deadline) {}
+    /// The deadline is held to what poll(2) can wait for; one below zero is none.
+    explicit BoundSession(std::chrono::milliseconds deadline)
+        : m_duration(std::clamp(deadline, std::chrono::milliseconds(0),
+                                std::chrono::milliseconds(std::numeric_limits<int>::max())))
+    {
+    }
 
     std::chrono::milliseconds duration() const { return m_duration; }
     /// An operation begins: its deadline counts from now.

@@ -6,11 +6,13 @@ namespace oryx {
 
 bool Frame::connect(const char* uri, const char* user, const char* password)
 {
+    sqlState.clear();
     connection.reset();
     connection.reset(new (std::nothrow) DatabaseConnection);
     if (!connection) {
         return error("failed to allocate connection object");
     }
+    connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
     if (options) {
         connection->setSessionOptions(*options);
     }

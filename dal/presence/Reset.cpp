@@ -44,7 +44,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::removeEventServerState()
                                    sql("DELETE FROM EVENT_SOURCES;"), sql("DELETE FROM LISTSUBSCRIPTIONS;"),
                                    sql("DELETE FROM WATCHERINFO;")},
                                   "COMMIT TRANSACTION;"};
-    m_frame->trace.prn(transaction.text());
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        m_frame->trace.prn(m_frame->textOf(transaction));
+    }
     QueryResult result;
     if (!m_frame->exchange(transaction, result)) {
         outcome = m_frame->connectionError(); // with the last failure that had words
