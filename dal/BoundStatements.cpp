@@ -21,7 +21,7 @@ void DatabaseConnection::beginOperation()
 
 /// Sends once, and once more on a new connection if this one is lost. What the server refuses is the answer.
 template <typename Send>
-bool DatabaseConnection::runBound(const std::string& text, Send send, QueryResult& result)
+bool DatabaseConnection::runBound(Send send, QueryResult& result)
 {
     if (m_connectionString.empty()) {
         return error("no connection");
@@ -30,7 +30,6 @@ bool DatabaseConnection::runBound(const std::string& text, Send send, QueryResul
         return false; // it was given up, and cannot be made anew
     }
     m_trace.prn("executing query");
-    result.setSqlCommand(text);
     Sent sent = send(m_conn);
     if (sent.outcome == Sent::Outcome::lost) {
         m_trace.prn("fatal query error: retrying connection");
@@ -57,30 +56,31 @@ bool DatabaseConnection::executeBound(std::span<const Statement> statements, Que
     if (statements.empty()) {
         return okay();
     }
-    const std::string& text = m_bound->textOf(statements.front());
-    if (!std::all_of(statements.begin(), statements.end(), BoundText::canBeSent)) {
-        result.setSqlCommand(text);
+    const auto refused = std::find_if_not(statements.begin(), statements.end(), BoundText::canBeSent);
+    if (refused != statements.end()) {
+        result.setSqlCommand(m_bound->textOf(*refused));
         result.setRefusal("a value holds a NUL", "22021");
         return okay();
     }
-    return runBound(
-        text, [&](PGconn* connection) { return m_bound->send(connection, statements); }, result);
+    return runBound([&](PGconn* connection) { return m_bound->send(connection, statements); }, result);
 }
 
 bool DatabaseConnection::executeBound(const std::string& text, QueryResult& result)
 {
-    return runBound(
-        text, [&](PGconn* connection) { return m_bound->send(connection, text); }, result);
+    result.setSqlCommand(text);
+    return runBound([&](PGconn* connection) { return m_bound->send(connection, text); }, result);
 }
 
 bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
 {
-    if (PQtransactionStatus(m_conn) == PQTRANS_INERROR &&
-        m_bound->send(m_conn, "ROLLBACK").outcome != Sent::Outcome::answered) {
+    if (PQtransactionStatus(m_conn) == PQTRANS_INERROR && !m_bound->rollback(m_conn)) {
         drop();
     }
     if (m_conn != nullptr && PQtransactionStatus(m_conn) == PQTRANS_ACTIVE) {
         drop(); // it copies data, which nobody here takes or gives
+    }
+    if (sent.text != nullptr) {
+        result.setSqlCommand(sent.text->text());
     }
     result.setResult(sent.result.release());
     return okay();

@@ -38,7 +38,9 @@ void DbcNoticeProcessor(void* arg, const char* message)
     }
 }
 
-DatabaseConnection::DatabaseConnection() : m_options(SessionOptions::fromEnvironment()) {}
+DatabaseConnection::DatabaseConnection() : DatabaseConnection(SessionOptions::fromEnvironment()) {}
+
+DatabaseConnection::DatabaseConnection(const SessionOptions& options) : m_options(options) {}
 
 DatabaseConnection::~DatabaseConnection()
 {

@@ -102,8 +102,8 @@ public:
 private:
     friend class Frame;
 
-    // How the connections made from now on send their statements.
-    void setSessionOptions(const SessionOptions& options) { m_options = options; }
+    // Not connected; sends as it is told.
+    explicit DatabaseConnection(const SessionOptions& options);
     // The library's own statements, sent as the options say: as one text, or bound. A bound one that the server
     // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
     bool execute(Statement& statement, QueryResult& result);
@@ -121,6 +121,7 @@ private:
     bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
+    bool subscribe(const std::string& table);
     PGresult* listen(const std::string& statement);
     PGresult* listenAfterReset(const std::string& statement);
     bool waitForInput();
@@ -130,7 +131,7 @@ private:
     bool executeBound(std::span<const Statement> statements, QueryResult& result);
     bool executeBound(const std::string& text, QueryResult& result);
     template <typename Send>
-    bool runBound(const std::string& text, Send send, QueryResult& result);
+    bool runBound(Send send, QueryResult& result);
     bool received(Sent&& sent, QueryResult& result);
     bool resetBound();
     bool tooLate();

@@ -60,6 +60,12 @@ int wait(int socket)
 
 bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& table)
 {
+    beginOperation();
+    return subscribe(table);
+}
+
+bool DatabaseConnection::subscribe(const std::string& table)
+{
     const std::string statement = spliced("LISTEN {}", table);
     m_trace.prn("DatabaseConnection::listenForDbTableChangeNotification(): Attempting to LISTEN on %s", table.c_str());
     PGresult* result = listen(statement);
@@ -84,14 +90,20 @@ PGresult* DatabaseConnection::listen(const std::string& statement)
     if (!m_bound) {
         return PQexec(m_conn, statement.c_str());
     }
-    m_bound->begin();
-    return m_conn != nullptr ? m_bound->send(m_conn, statement).result.release() : nullptr;
+    if (m_conn == nullptr) {
+        return nullptr;
+    }
+    Sent sent = m_bound->send(m_conn, statement);
+    if (sent.outcome == Sent::Outcome::late) {
+        tooLate();
+    }
+    return sent.result.release();
 }
 
 PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 {
     m_trace.prn("listenForDbTableChangeNotification: resetting the connection");
-    if (!reset()) {
+    if (!(m_bound ? resetBound() : reset())) {
         m_trace.log("listenForDbTableChangeNotification: reset failed");
         return nullptr;
     }
@@ -105,8 +117,9 @@ PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 
 bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGlobal)
 {
+    beginOperation();
     for (const char* const table : kNotifierTables) {
-        if (!listenForDbTableChangeNotification(table)) {
+        if (!subscribe(table)) {
             return false;
         }
     }

@@ -116,6 +116,7 @@ bool BoundSession::await(PGconn* connection, short events) const
 Connection BoundSession::connect(const std::string& connectionString)
 {
     m_prepared.clear();
+    m_outdated = false;
     if (m_duration.count() == 0) {
         return Connection(PQconnectdb(connectionString.c_str())); // minds PGCONNECT_TIMEOUT, which polling does not
     }
@@ -133,23 +134,37 @@ Connection BoundSession::connect(const std::string& connectionString)
 
 const BoundText& BoundSession::bound(const Statement& statement)
 {
-    std::string key = BoundText::keyOf(statement);
-    const auto known = m_texts.find(key);
-    return known != m_texts.end() ? known->second : m_texts.emplace(std::move(key), statement).first->second;
+    BoundText::writeKey(statement, m_key);
+    const auto known = m_texts.find(m_key);
+    return known != m_texts.end() ? known->second : m_texts.emplace(m_key, statement).first->second;
 }
 
 Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements)
 {
     Sent sent = sendOnce(connection, statements);
     const std::string_view state = sqlState(sent.result.get());
-    const bool outdated = state == kNoSuchStatement || state == kPlanOutdated || state == kAlreadyPrepared;
-    // Inside a caller's transaction nothing can be repeated any more.
-    if (!outdated || PQtransactionStatus(connection) != PQTRANS_IDLE) {
+    m_outdated = state == kNoSuchStatement || state == kPlanOutdated || state == kAlreadyPrepared;
+    // Inside a caller's transaction nothing can be repeated any more; they are forgotten as it ends.
+    if (!m_outdated || PQtransactionStatus(connection) != PQTRANS_IDLE) {
         return sent;
     }
-    m_prepared.clear();
-    sent = send(connection, "DEALLOCATE ALL");
+    sent = forget(connection, "DEALLOCATE ALL");
     return sent.outcome == Sent::Outcome::answered ? sendOnce(connection, statements) : std::move(sent);
+}
+
+/// Sends a text that has the server forget what is prepared, and forgets it too.
+Sent BoundSession::forget(PGconn* connection, const char* text)
+{
+    m_prepared.clear();
+    m_outdated = false;
+    return send(connection, text);
+}
+
+bool BoundSession::rollback(PGconn* connection)
+{
+    const Sent sent =
+        m_outdated ? forget(connection, "ROLLBACK; DEALLOCATE ALL") : send(connection, std::string("ROLLBACK"));
+    return sent.outcome == Sent::Outcome::answered;
 }
 
 Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> statements)
@@ -157,9 +172,9 @@ Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> state
     m_commands.clear();
     PQsetnonblocking(connection, 1);
     if (PQenterPipelineMode(connection) == 0 || !queue(connection, statements) || PQpipelineSync(connection) == 0) {
-        return {Sent::Outcome::lost, nullptr};
+        return {Sent::Outcome::lost};
     }
-    Sent sent = flush(connection) ? collect(connection) : Sent{Sent::Outcome::late, nullptr};
+    Sent sent = flush(connection) ? collect(connection) : Sent{Sent::Outcome::late};
     PQexitPipelineMode(connection);
     return sent;
 }
@@ -173,14 +188,14 @@ bool BoundSession::queue(PGconn* connection, std::span<const Statement> statemen
             if (PQsendPrepare(connection, name, text.text().c_str(), 0, nullptr) == 0) {
                 return false;
             }
-            m_commands.push_back(&text);
+            m_commands.push_back({&text, true});
         }
         text.fill(statement, m_parameters);
         if (PQsendQueryPrepared(connection, name, static_cast<int>(m_parameters.values.size()),
                                 m_parameters.values.data(), nullptr, nullptr, 0) == 0) {
             return false;
         }
-        m_commands.push_back(nullptr);
+        m_commands.push_back({&text, false});
     }
     return true;
 }
@@ -189,28 +204,34 @@ bool BoundSession::queue(PGconn* connection, std::span<const Statement> statemen
 Sent BoundSession::collect(PGconn* connection)
 {
     Sent sent;
-    for (std::size_t command = 0;;) {
+    for (std::size_t at = 0;;) {
         Result result;
         if (!next(connection, result)) {
-            return {Sent::Outcome::late, nullptr};
+            return {Sent::Outcome::late};
         }
-        const ExecStatusType status = PQresultStatus(result.get());
         // What fails as the whole takes effect comes behind the last command, and counts as one more.
-        if (lost(connection) || (!result && command > m_commands.size())) {
-            return {Sent::Outcome::lost, nullptr};
+        if (lost(connection) || (!result && at > m_commands.size())) {
+            return {Sent::Outcome::lost};
         }
         if (!result) {
-            ++command;
-        } else if (status == PGRES_PIPELINE_SYNC) {
+            ++at;
+        } else if (PQresultStatus(result.get()) == PGRES_PIPELINE_SYNC) {
             return sent;
         } else {
-            if (!succeeded(result.get()) && command < m_commands.size() && m_commands[command] != nullptr) {
-                m_prepared.erase(m_commands[command]->name());
-            }
-            if (!sent.result || succeeded(sent.result.get())) {
-                sent.result = std::move(result); // what follows a failure is only skipped
-            }
+            keep(std::move(result), m_commands[std::min(at, m_commands.size() - 1)], sent);
         }
+    }
+}
+
+/// Takes one result of several: the first that failed, else the last.
+void BoundSession::keep(Result&& result, const Command& command, Sent& sent)
+{
+    if (command.prepares && !succeeded(result.get())) {
+        m_prepared.erase(command.text->name());
+    }
+    if (!sent.result || succeeded(sent.result.get())) {
+        sent.result = std::move(result); // what follows a failure is only skipped
+        sent.text = command.text;
     }
 }
 
@@ -218,7 +239,7 @@ Sent BoundSession::send(PGconn* connection, const std::string& text)
 {
     PQsetnonblocking(connection, 1);
     if (PQsendQuery(connection, text.c_str()) == 0) {
-        return {Sent::Outcome::lost, nullptr};
+        return {Sent::Outcome::lost};
     }
     Sent sent;
     for (Result result; flush(connection) && next(connection, result);) {
@@ -231,7 +252,7 @@ Sent BoundSession::send(PGconn* connection, const std::string& text)
             return sent;
         }
     }
-    return {Sent::Outcome::late, nullptr};
+    return {Sent::Outcome::late};
 }
 
 bool BoundSession::answers(PGconn* connection)

@@ -50,7 +50,8 @@ struct Sent {
     enum class Outcome { answered, lost, late };
 
     Outcome outcome = Outcome::answered;
-    Result result; // of an answered one: the first that failed, else the last
+    Result result = {};              // of an answered one: the first that failed, else the last
+    const BoundText* text = nullptr; // of the prepared statement that the result belongs to
 };
 
 /// What bound statements need of a libpq connection: its prepared statements, and waiting no longer than the deadline.
@@ -80,6 +81,8 @@ public:
     Sent send(PGconn* connection, std::span<const Statement> statements);
     /// Sends a text of one or more statements as it stands.
     Sent send(PGconn* connection, const std::string& text);
+    /// Ends a failed transaction; false when the connection brings back no answer.
+    bool rollback(PGconn* connection);
     /// Whether the server answers, within a deadline of its own.
     bool answers(PGconn* connection);
 
@@ -87,10 +90,18 @@ public:
     static void cancel(PGconn* connection);
 
 private:
+    /// A command under way: one statement's preparation, or its execution.
+    struct Command {
+        const BoundText* text;
+        bool prepares;
+    };
+
     const BoundText& bound(const Statement& statement);
     Sent sendOnce(PGconn* connection, std::span<const Statement> statements);
     bool queue(PGconn* connection, std::span<const Statement> statements);
     Sent collect(PGconn* connection);
+    void keep(Result&& result, const Command& command, Sent& sent);
+    Sent forget(PGconn* connection, const char* text);
     bool flush(PGconn* connection);
     bool next(PGconn* connection, Result& result);
     bool await(PGconn* connection, short events) const;
@@ -99,7 +110,10 @@ private:
     Deadline m_deadline;
     std::unordered_map<std::string, BoundText> m_texts; // by key; as many as the library has statements
     std::unordered_set<std::string_view> m_prepared;    // names that the present connection knows, or soon will
-    std::vector<const BoundText*> m_commands;           // under way: the text of a preparation, null for an execution
+    bool m_outdated = false;                            // what is prepared must be forgotten
+    // Kept from statement to statement, so that they allocate nothing.
+    std::string m_key;
+    std::vector<Command> m_commands;
     Parameters m_parameters;
 };
 

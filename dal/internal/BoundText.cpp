@@ -28,9 +28,9 @@ bool holdsNul(std::string_view text)
 
 } // namespace
 
-std::string BoundText::keyOf(const Statement& statement)
+void BoundText::writeKey(const Statement& statement, std::string& key)
 {
-    std::string key;
+    key.clear();
     for (const std::string_view part : statement.parts()) {
         const char* const literal = part.data(); // lives as long as the program
         key.append(reinterpret_cast<const char*>(&literal), sizeof literal);
@@ -38,7 +38,6 @@ std::string BoundText::keyOf(const Statement& statement)
     if (statement.lists() != nullptr) {
         key += statement.lists()->nameList();
     }
-    return key;
 }
 
 BoundText::BoundText(const Statement& statement)

@@ -20,8 +20,8 @@ struct Parameters {
 /// "{}" outside quotes is a parameter too. Made once per statement text and connection.
 class BoundText {
 public:
-    /// What tells statements apart: those with the same key have the same text.
-    static std::string keyOf(const Statement& statement);
+    /// Writes what tells statements apart: those with the same key have the same text.
+    static void writeKey(const Statement& statement, std::string& key);
 
     explicit BoundText(const Statement& statement);
 

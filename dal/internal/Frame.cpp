@@ -8,14 +8,11 @@ bool Frame::connect(const char* uri, const char* user, const char* password)
 {
     sqlState.clear();
     connection.reset();
-    connection.reset(new (std::nothrow) DatabaseConnection);
+    connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment()));
     if (!connection) {
         return error("failed to allocate connection object");
     }
     connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
-    if (options) {
-        connection->setSessionOptions(*options);
-    }
     return connection->connect(uri, user, password) ? okay() : errorConnection();
 }
 

@@ -50,8 +50,9 @@ void splice(std::string& out, std::string_view text, std::span<const SqlValue> v
 void Statement::add(std::string_view text, std::span<const SqlValue> values)
 {
     m_parts.at(m_partCount++) = text;
-    std::copy(values.begin(), values.end(), m_values.begin() + static_cast<std::ptrdiff_t>(m_valueCount));
-    m_valueCount += values.size();
+    for (const SqlValue& value : values) {
+        m_values.at(m_valueCount++) = value;
+    }
 }
 
 const std::string& Statement::text()

@@ -91,6 +91,10 @@ inline constexpr std::string_view kGap = "{}";
 /// The number of them in a text.
 std::size_t gapsOf(std::string_view text);
 
+/// Whether a value given so outlives the call it is given to: a text that is made for it does not.
+template <typename Value>
+inline constexpr bool outlivesTheCall = !std::is_same_v<std::remove_cv_t<Value>, std::string>;
+
 /// One statement: its fixed texts and its values, not yet joined. How they are sent is the connection's business.
 ///
 /// Refers to the caller's values, so it is used up before the operation that made it returns.
@@ -103,8 +107,9 @@ public:
 
     /// Appends a further text with its values.
     template <typename... Values>
-    Statement& append(std::type_identity_t<SqlText<Values...>> text, const Values&... values)
+    Statement& append(std::type_identity_t<SqlText<std::remove_cvref_t<Values>...>> text, Values&&... values)
     {
+        static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
         add(text.text(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
         return *this;
     }
@@ -141,8 +146,7 @@ private:
 template <typename... Values>
 Statement sql(std::type_identity_t<SqlText<Values...>> text, Values&&... values)
 {
-    static_assert((!std::is_same_v<Values, std::string> && ...),
-                  "the statement refers to its values, so they must stay");
+    static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
     return Statement(text.text(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
 }
 

@@ -34,6 +34,19 @@ TYPED_TEST(PlainService, ConnectsAsEver)
     EXPECT_EQ(libpq.take(), kConnected);
 }
 
+TYPED_TEST(PlainService, TellsOnceOfAWordThatItDoesNotKnow)
+{
+    setenv("ORYX_STATEMENTS", "binding", 1);
+    fake::Libpq libpq;
+    TraceLog trace;
+    TypeParam service;
+    service.connect("oryx", "u", "p");
+    service.connect("oryx", "u", "p");
+    unsetenv("ORYX_STATEMENTS");
+    EXPECT_EQ(trace.take("oryx"),
+              "oryx log: ORYX_STATEMENTS is \"binding\", not one of plain, bound: statements are plain\n");
+}
+
 template <typename Executor>
 class PlainExecutor : public testing::Test {
 };

@@ -1,6 +1,7 @@
 // What bound statements do that plain ones do not; every other test of this program runs both ways.
 
 #include "support/DatabaseTest.h"
+#include "support/Proxy.h"
 #include "support/Show.h"
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
@@ -8,6 +9,7 @@
 #include <dal/QueryResult.h>
 #include <dal/SessionOptions.h>
 
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -93,6 +95,20 @@ TEST_F(Bound, StatementsArePreparedAgainWhenAMigrationChangesWhatTheySelect)
     EXPECT_EQ(records.size(), 1U);
 }
 
+TEST_F(Bound, StatementsArePreparedAgainAfterACallersTransactionInWhichTheyWereOutdated)
+{
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 5)");
+    std::vector<oryx::ConfExtRecord> records;
+    QueryResult ignored;
+    ASSERT_TRUE(m_executor.getAllConfExtRecord(records, "", false).okay());
+    sql("ALTER TABLE conf_state ADD COLUMN remark text");
+    m_executor.executeSqlCmd("BEGIN", ignored);
+    EXPECT_EQ(m_executor.getAllConfExtRecord(records, "", false).getSqlState(), "0A000");
+    m_executor.executeSqlCmd("BEGIN", ignored);
+    EXPECT_TRUE(m_executor.getAllConfExtRecord(records, "", false).okay());
+    m_executor.executeSqlCmd("COMMIT", ignored);
+}
+
 TEST_F(Bound, AStatementThatSomebodyElsePreparedUnderItsNameIsUsed)
 {
     int id = 0;
@@ -133,6 +149,31 @@ TEST_F(Bound, AMessageHoldsTheStatementWithoutItsValues)
               std::string::npos)
         << result.getErrorMessage();
     EXPECT_EQ(result.getSqlState(), "22P02");
+}
+
+TEST_F(Bound, AMessageNamesTheStatementThatFailedOfSeveral)
+{
+    sql("REVOKE DELETE ON event_watchers FROM oryx_server");
+    EXPECT_EQ(m_executor.removeEventServerState().getErrorMessage(),
+              "ERROR:  permission denied for table event_watchers\n, sqlState=42501, "
+              "sqlcommand=DELETE FROM EVENT_WATCHERS;");
+}
+
+TEST_F(Bound, AChangeThatIsRefusedAsItTakesEffectCostsNoReconnect)
+{
+    // Changes of this table wait for their turn in the log, at the very end.
+    server::Session other(m_database.name());
+    other.run("BEGIN; SELECT pg_advisory_xact_lock(4216580302)");
+    const std::string before = session();
+    QueryResult ignored;
+    m_executor.executeSqlCmd("SET lock_timeout = '100ms'", ignored);
+    const DatabaseResult late = m_executor.addConfExtState({"700", "IDLE", 7});
+    EXPECT_EQ(outcome(late), "query error: [55P03] ERROR:  canceling statement due to lock timeout");
+    EXPECT_EQ(late.getSqlState(), "55P03");
+    EXPECT_EQ(session(), before);
+    EXPECT_EQ(rows("SELECT * FROM conf_state"), "");
+    other.run("COMMIT");
+    EXPECT_TRUE(m_executor.addConfExtState({"700", "IDLE", 7}).okay());
 }
 
 TEST_F(Bound, ARegistrationIsStoredWholeOrNotAtAll)
@@ -212,6 +253,22 @@ TEST_F(Bound, APresenceServiceSendsAsItIsTold)
     ASSERT_TRUE(service.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay());
     int id = 0;
     EXPECT_TRUE(service.getListId("o'hara's", &id).notFound());
+}
+
+class BoundThroughRelay : public Bound {
+protected:
+    BoundThroughRelay() { setenv("PGPORT", m_relay.port().c_str(), 1); }
+
+    server::Proxy m_relay;
+};
+
+TEST_F(BoundThroughRelay, AStatementWhoseConnectionIsCutWhileItIsSentIsSentAgain)
+{
+    const std::string megabytes(16U << 20U, 'x');
+    int id = 0;
+    m_relay.lose({server::Proxy::Loss::request});
+    EXPECT_TRUE(m_executor.getListId(megabytes.c_str(), &id).notFound());
+    EXPECT_TRUE(m_executor.getListId(megabytes.c_str(), &id).notFound());
 }
 
 TEST_F(Bound, AReservationIsMadeOnce)

@@ -61,7 +61,8 @@ TEST(SplicedTest, SplicesLongValuesWhole)
 TEST(StatementTest, JoinsItsPartsAndTheirValues)
 {
     Statement statement = sql("SELECT handle FROM acp WHERE handle = '{}'", "cm1");
-    statement.append(" AND sip_port = '{}'", std::string("5060")).append(";");
+    const std::string port = "5060";
+    statement.append(" AND sip_port = '{}'", port).append(";");
     EXPECT_EQ(statement.text(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
     EXPECT_EQ(statement.takeText(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
 }
