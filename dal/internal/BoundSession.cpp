@@ -2,7 +2,9 @@
 
 #include <libpq-fe.h>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -45,24 +47,61 @@ bool copies(const PGresult* result)
 }
 
 constexpr int kMostCancelRequests = 8;
+/// How long the server is given to answer each request to cancel, before the next.
+constexpr std::array kCancelWaits{10, 100, 1000};
 
-/// Starts a thread that takes none of the program's signals; false when there can be none.
-template <typename Function>
-bool startThread(Function function)
-{
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
-    try {
-        std::thread(function).detach();
-    } catch (const std::exception&) {
-        started = false;
+/// What a connection was doing when it was given up. It may be closed meanwhile.
+class Abandoned {
+public:
+    explicit Abandoned(PGconn* connection)
+        : m_request(PQgetCancel(connection)), m_socket(fcntl(PQsocket(connection), F_DUPFD_CLOEXEC, 0))
+    {
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
-}
+    ~Abandoned()
+    {
+        PQfreeCancel(m_request);
+        if (m_socket >= 0) {
+            close(m_socket);
+        }
+    }
+    Abandoned(const Abandoned&) = delete;
+    Abandoned& operator=(const Abandoned&) = delete;
+
+    /// Asks until the server has been heard of on the connection: a request that overtakes its statement cancels
+    /// nothing, and the statement would take effect when nobody thinks of it any more.
+    void cancel() const
+    {
+        for (std::size_t asked = 0; m_request != nullptr && asked < kCancelWaits.size(); ++asked) {
+            std::array<char, 256> ignored{};
+            PQcancel(m_request, ignored.data(), ignored.size());
+            pollfd socket{m_socket, POLLIN, 0};
+            if (poll(&socket, 1, kCancelWaits.at(asked)) > 0) {
+                return;
+            }
+        }
+    }
+
+private:
+    PGcancel* m_request;
+    int m_socket;
+};
+
+/// Holds off the program's signals, also from the threads that are started meanwhile.
+class SignalsHeldOff {
+public:
+    SignalsHeldOff()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_before);
+    }
+    ~SignalsHeldOff() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    SignalsHeldOff(const SignalsHeldOff&) = delete;
+    SignalsHeldOff& operator=(const SignalsHeldOff&) = delete;
+
+private:
+    sigset_t m_before{};
+};
 
 } // namespace
 
@@ -291,20 +330,19 @@ bool BoundSession::next(PGconn* connection, Result& result)
 void BoundSession::cancel(PGconn* connection)
 {
     static std::atomic<int> underWay = 0;
-    PGcancel* const request = PQgetCancel(connection);
-    if (request == nullptr) {
+    if (++underWay > kMostCancelRequests) {
+        --underWay; // a server that answers nobody is asked no more
         return;
     }
-    // A request waits as long as its server is silent, so it goes its own way; a server that answers none gets no more.
-    const auto send = [request] {
-        std::array<char, 256> ignored{};
-        PQcancel(request, ignored.data(), ignored.size());
-        PQfreeCancel(request);
-        --underWay;
-    };
-    if (++underWay > kMostCancelRequests || !startThread(send)) {
-        PQfreeCancel(request);
-        --underWay;
+    // Asking takes as long as the server is silent, so it goes its own way.
+    try {
+        const SignalsHeldOff heldOff;
+        std::thread([abandoned = std::make_unique<const Abandoned>(connection)] {
+            abandoned->cancel();
+            --underWay;
+        }).detach();
+    } catch (const std::exception&) {
+        --underWay; // no memory, or no thread: the server finds out by itself
     }
 }
 

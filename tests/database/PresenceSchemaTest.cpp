@@ -8,6 +8,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -28,6 +29,10 @@ protected:
 
     /// A statement as the servers run it.
     std::string asServer(const std::string& statement) { return outcome(m_executor.execute(statement)); }
+
+    /// The plan of a bound statement that has been executed so often that the server may have settled for one that
+    /// knows no values.
+    std::string planWhenOftenUsed(const std::string& statement);
 
     server::Session m_other{m_database.name()};
 };
@@ -260,6 +265,50 @@ const char* const kHundredThousandRows = R"(
     ANALYZE;
     RESET session_replication_role)";
 
+/// A statement's text with $1, $2, ... for its values, as bound statements have it, and the values.
+struct Parted {
+    std::string text;
+    std::string values; // as EXECUTE takes them
+};
+
+Parted parted(const std::string& statement)
+{
+    // What stands in the statements themselves, whatever they are asked for.
+    static const std::set<std::string> kFixed{
+        "'%%incoming#%%'", "'%%outgoing#%%'", "'ACTIVE'", "'A'", "'t'", "'c'", "'IN USE'", "'*'", "'oryxproxy'"};
+    static const std::regex kValue("'[^']*'|= ?[0-9]+\\b");
+    Parted made;
+    int count = 0;
+    auto begin = statement.begin();
+    for (std::sregex_iterator value(begin, statement.end(), kValue); value != std::sregex_iterator(); ++value) {
+        const std::string found = value->str();
+        const bool number = found.front() == '=';
+        made.text.append(begin, (*value)[0].first);
+        begin = (*value)[0].second;
+        if (kFixed.count(found) > 0) {
+            made.text += found;
+            continue;
+        }
+        made.text.append(number ? "=$" : "$").append(std::to_string(++count));
+        made.values.append(count > 1 ? "," : "").append(number ? found.substr(1) : found);
+    }
+    made.text.append(begin, statement.end());
+    return made;
+}
+
+std::string PresenceSchema::planWhenOftenUsed(const std::string& statement)
+{
+    const Parted parts = parted(statement);
+    const std::string execution = parts.values.empty() ? "EXECUTE used" : "EXECUTE used (" + parts.values + ")";
+    sql("BEGIN; PREPARE used AS " + parts.text);
+    for (int i = 0; i < 6; ++i) {
+        sql(execution);
+    }
+    const std::string plan = rows("EXPLAIN (COSTS OFF) " + execution);
+    sql("ROLLBACK; DEALLOCATE used");
+    return plan;
+}
+
 /// The indexes and tables that a plan reads.
 std::string reads(const std::string& plan)
 {
@@ -301,6 +350,8 @@ TEST_F(PresenceSchema, FindsRowsAmongManyByTheirIndexes)
             if (*search.plan != '\0') {
                 const std::string plan = rows("EXPLAIN (COSTS OFF) " + std::string(search.statement));
                 EXPECT_EQ(reads(plan), search.plan) << search.statement << "\n" << plan;
+                const std::string often = planWhenOftenUsed(search.statement);
+                EXPECT_EQ(reads(often), search.plan) << search.statement << "\n" << often;
             }
         }
     }
