@@ -138,13 +138,14 @@ TEST_F(AccessControl, IsListedBehindWhatIsThereWithNullColumnsEmpty)
     EXPECT_EQ(show(entries), show(AccessControlEntry("sip:alice", "deny")) + empty + empty + empty);
 }
 
-TEST_F(AccessControl, CannotBeReadWithAQuoteInAValue)
+TEST_F(AccessControl, IsGrantedToNobodyThroughAQuoteInAValue)
 {
-    EXPECT_EQ(ofAddress(kQuoted), kBrokenQuery);
-    EXPECT_EQ(ofAddress("bob", kQuoted), kBrokenQuery);
-    EXPECT_EQ(ofAddress("bob", "oryx.example", kQuoted), kBrokenQuery);
-    EXPECT_EQ(ofHandle(kQuoted), kBrokenQuery);
-    EXPECT_EQ(ofHandle("bob", kQuoted), kBrokenQuery);
+    const std::string nothing = plainOrBound(kBrokenQuery, "not found\n");
+    EXPECT_EQ(ofAddress(kQuoted), nothing);
+    EXPECT_EQ(ofAddress("bob", kQuoted), nothing);
+    EXPECT_EQ(ofAddress("bob", "oryx.example", kQuoted), nothing);
+    EXPECT_EQ(ofHandle(kQuoted), nothing);
+    EXPECT_EQ(ofHandle("bob", kQuoted), nothing);
 }
 
 TEST_F(AccessControl, HasNoDefaultPolicyThatTheServerRefusesToRead)
@@ -158,7 +159,7 @@ TEST_F(PresenceLists, HaveANumberByTheirName)
 {
     EXPECT_EQ(id("friends"), "okay 5");
     EXPECT_EQ(id("enemies"), "not found -7");
-    EXPECT_EQ(id(kQuoted), "query error: " + kBroken + " -7");
+    EXPECT_EQ(id(kQuoted), plainOrBound("query error: " + kBroken, "not found") + " -7");
 }
 
 TEST_F(PresenceLists, HaveTheirMembersListed)
@@ -203,8 +204,8 @@ TEST_F(PresenceLists, MayNotBeSubscribedToThroughAnyOtherAction)
     authorize("*", "oryx.example", "a");
     authorize("*", "*", "");
     EXPECT_EQ(maySubscribe(5, "alice", "oryx.example"), "not found");
-    EXPECT_EQ(maySubscribe(5, kQuoted, "oryx.example"), "query error: " + kBroken);
-    EXPECT_EQ(maySubscribe(5, "alice", kQuoted), "query error: " + kBroken);
+    EXPECT_EQ(maySubscribe(5, kQuoted, "oryx.example"), plainOrBound("query error: " + kBroken, "not found"));
+    EXPECT_EQ(maySubscribe(5, "alice", kQuoted), plainOrBound("query error: " + kBroken, "not found"));
 }
 
 TEST_F(ListMappings, AreStoredAndListedByTheirList)
@@ -213,7 +214,7 @@ TEST_F(ListMappings, AreStoredAndListedByTheirList)
     EXPECT_EQ(found("list1"), "okay\n" + show(ListSubscriptionRecord("list1", "sub1", 2000000000)) +
                                   show(ListSubscriptionRecord("list1", "sub2", -1)));
     EXPECT_EQ(found("list3"), "not found\n");
-    EXPECT_EQ(found(kQuoted), kBrokenQuery);
+    EXPECT_EQ(found(kQuoted), plainOrBound(kBrokenQuery, "not found\n"));
     const ListSubscriptionRecord before("as", "before", 1);
     std::vector<ListSubscriptionRecord> records{before};
     EXPECT_EQ(show(m_executor.getAllMappingsForList("list2", records)), "okay");
@@ -233,10 +234,10 @@ TEST_F(ListMappings, AreNotStoredIncompleteOrTwice)
     const std::string incomplete = "query error: createListMapping: missing one or more parameters\n";
     EXPECT_EQ(show(m_executor.createListMapping(nullptr, "sub9", 5)), incomplete);
     EXPECT_EQ(show(m_executor.createListMapping("list9", nullptr, 5)), incomplete);
-    EXPECT_EQ(outcome(m_executor.createListMapping("list9", kQuoted, 5)), kBrokenChange);
+    EXPECT_EQ(outcome(m_executor.createListMapping("list9", kQuoted, 5)), plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(outcome(m_executor.createListMapping("list1", "sub1", 5)),
               "connection error" + duplicateOf("listsubscriptions_pkey"));
-    EXPECT_EQ(stored(), kMapped);
+    EXPECT_EQ(stored(), plainOrBound(kMapped, kMapped + "list9|o'neill|5\n"));
 }
 
 TEST_F(ListMappings, AreMovedToAnotherSubscription)
@@ -249,17 +250,18 @@ TEST_F(ListMappings, StayAsTheyAreWhereNoneIsMoved)
 {
     EXPECT_EQ(show(m_executor.updateStateForListMapping("list9", "sub1", "sub3", 5)), "okay");
     EXPECT_EQ(show(m_executor.updateStateForListMapping("list1", "sub1", "sub2", 5)), kRefusedUpdate);
-    EXPECT_EQ(show(m_executor.updateStateForListMapping("list1", "sub1", kQuoted, 5)), kRefusedUpdate);
+    EXPECT_EQ(show(m_executor.updateStateForListMapping("list1", "sub1", kQuoted, 5)),
+              plainOrBound(kRefusedUpdate, "okay"));
     const std::string incomplete = "query error: updateStateForListMapping: missing one or more parameters\n";
     EXPECT_EQ(show(m_executor.updateStateForListMapping(nullptr, "sub1", "sub3", 5)), incomplete);
     EXPECT_EQ(show(m_executor.updateStateForListMapping("list1", nullptr, "sub3", 5)), incomplete);
-    EXPECT_EQ(stored(), kMapped);
+    EXPECT_EQ(stored(), plainOrBound(kMapped, "list1|o'neill|5\nlist1|sub2|-1\nlist2|sub1|60\n"));
 }
 
 TEST_F(ListMappings, AreRemovedOneByOne)
 {
     EXPECT_EQ(show(m_executor.removeListMapping("list1", "sub1")), "okay");
     EXPECT_EQ(show(m_executor.removeListMapping("list1", "sub1")), "okay");
-    EXPECT_EQ(outcome(m_executor.removeListMapping("list1", kQuoted)), kBrokenChange);
+    EXPECT_EQ(outcome(m_executor.removeListMapping("list1", kQuoted)), plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), "list1|sub2|-1\nlist2|sub1|60\n");
 }

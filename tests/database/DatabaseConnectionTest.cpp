@@ -128,10 +128,11 @@ TEST_F(Connecting, IsRepairedByTheFirstStatementOnceTheServerIsThere)
     proxy.refuse(true);
     setenv("PGPORT", proxy.port().c_str(), 1);
     ASSERT_FALSE(connect(m_database.uri()));
+    const std::string refused = m_connection.getErrorMessage();
 
     oryx::QueryResult result;
     EXPECT_FALSE(m_connection.execute("SELECT 1", result));
-    EXPECT_EQ(m_connection.getErrorMessage(), "fatal error, query failed");
+    EXPECT_EQ(m_connection.getErrorMessage(), plainOrBound("fatal error, query failed", refused));
     EXPECT_EQ(result.getSqlCommand(), "SELECT 1");
     EXPECT_EQ(result.getErrorMessage(), "not executed");
     EXPECT_FALSE(m_connection.reset());
@@ -142,9 +143,10 @@ TEST_F(Connecting, IsRepairedByTheFirstStatementOnceTheServerIsThere)
     EXPECT_EQ(trace.take(), "DatabaseConnection prn: executing query\n"
                             "DatabaseConnection prn: fatal query error: retrying connection\n"
                             "DatabaseConnection prn: connection reset, retrying query\n"
-                            "DatabaseConnection prn: query returned, setting result\n"
-                            "DatabaseConnection prn: query result status is 2 (', sqlState=00000, sqlcommand=SELECT "
-                            "current_database()')\n\n");
+                            "DatabaseConnection prn: query returned, setting result\n" +
+                                plainOrBound("DatabaseConnection prn: query result status is 2 (', sqlState=00000, "
+                                             "sqlcommand=SELECT current_database()')\n\n",
+                                             ""));
     EXPECT_TRUE(m_connection.active());
     m_connection.close();
 }
@@ -177,7 +179,7 @@ TEST_F(Connecting, ExecutesNothingBefore)
     EXPECT_EQ(result.getErrorMessage(), "not executed");
 }
 
-TEST_F(Executing, ResetsAndRepeatsOnceAfterAUniqueViolation)
+TEST_F(Executing, ResetsAndRepeatsOnceAfterAUniqueViolationUnlessBound)
 {
     // A sequence counts the attempts: what was taken from it stays taken.
     sql("CREATE SEQUENCE attempts; GRANT USAGE ON SEQUENCE attempts TO oryx_server");
@@ -187,18 +189,18 @@ TEST_F(Executing, ResetsAndRepeatsOnceAfterAUniqueViolation)
     EXPECT_EQ(m_connection.getErrorMessage(), "");
     EXPECT_TRUE(m_result.failed());
     EXPECT_TRUE(m_result.integrityConstraintViolation());
-    EXPECT_EQ(rows("SELECT last_value FROM attempts"), "2\n");
-    EXPECT_NE(answer("SELECT pg_backend_pid()"), former);
+    EXPECT_EQ(rows("SELECT last_value FROM attempts"), plainOrBound("2\n", "1\n"));
+    EXPECT_EQ(answer("SELECT pg_backend_pid()") == former, bound());
 }
 
-TEST_F(Executing, RepeatsAChangeThatWorksTheSecondTime)
+TEST_F(Executing, RepeatsAChangeThatWorksTheSecondTimeUnlessBound)
 {
     sql("CREATE SEQUENCE attempts; GRANT USAGE ON SEQUENCE attempts TO oryx_server");
     EXPECT_TRUE(m_connection.execute(
         "INSERT INTO subscriber (sid) SELECT CASE nextval('attempts') WHEN 1 THEN 7 ELSE 8 END", m_result));
-    EXPECT_FALSE(m_result.failed());
-    EXPECT_EQ(m_result.updateCount(), 1);
-    EXPECT_EQ(rows("SELECT sid FROM subscriber ORDER BY sid"), "7\n8\n");
+    EXPECT_EQ(m_result.failed(), bound());
+    EXPECT_EQ(m_result.updateCount(), plainOrBound(1, 0));
+    EXPECT_EQ(rows("SELECT sid FROM subscriber ORDER BY sid"), plainOrBound("7\n8\n", "7\n"));
 }
 
 TEST_F(Executing, CountsAnEmptyStatementAsFailedWithoutAReset)
@@ -235,9 +237,11 @@ TEST_F(Executing, TracesTheServersNoticesAlsoAfterAReset)
     const std::string notice = "DO $$ BEGIN RAISE NOTICE 'contact % is 100%% new', 7; END $$";
     const std::string traced = "DatabaseConnection prn: executing query\n"
                                "DatabaseConnection prn: libpq MESSAGE: NOTICE:  contact 7 is 100% new\n\n"
-                               "DatabaseConnection prn: query returned, setting result\n"
-                               "DatabaseConnection prn: query result status is 1 (', sqlState=00000, sqlcommand=" +
-                               notice + "')\n\n";
+                               "DatabaseConnection prn: query returned, setting result\n" +
+                               plainOrBound("DatabaseConnection prn: query result status is 1 (', sqlState=00000, "
+                                            "sqlcommand=" +
+                                                notice + "')\n\n",
+                                            "");
     TraceLog trace;
     EXPECT_TRUE(m_connection.execute(notice, m_result));
     EXPECT_EQ(trace.take(), traced);

@@ -14,9 +14,7 @@
 /// \file
 /// What the tests of the event server's statements share.
 
-/// A quote in a value, and what the server says to the statement that it breaks.
-constexpr const char* kQuoted = "o'neill";
-inline const std::string kBroken = "[42601] ERROR:  syntax error at or near \"neill\"";
+/// What the server says to a plain statement with `kQuoted` in it.
 inline const std::string kBrokenQuery = "query error: " + kBroken + "\n";
 inline const std::string kBrokenChange = "connection error: " + kBroken;
 /// Updates tell the connection's reason, and nothing was wrong with that.

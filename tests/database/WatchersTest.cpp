@@ -98,10 +98,10 @@ TEST_F(Watchers, AreNotStoredIncompleteOrTwice)
     const std::string incomplete = "query error: addWatcherState: missing one or more parameters\n";
     EXPECT_EQ(show(m_executor.addWatcherState(watcher("", "incoming#1"))), incomplete);
     EXPECT_EQ(show(m_executor.addWatcherState(watcher("key", ""))), incomplete);
-    EXPECT_EQ(outcome(m_executor.addWatcherState(watcher(kQuoted, "incoming#1"))), kBrokenChange);
+    EXPECT_EQ(outcome(m_executor.addWatcherState(watcher(kQuoted, "incoming#1"))), plainOrBound(kBrokenChange, "okay"));
     add({kAlice});
     EXPECT_EQ(outcome(m_executor.addWatcherState(kAlice)), "connection error" + duplicateOf("event_watchers_pkey"));
-    EXPECT_EQ(stored(), row(kAlice));
+    EXPECT_EQ(stored(), plainOrBound(row(kAlice), row(kAlice) + row(watcher(kQuoted, "incoming#1"))));
 }
 
 TEST_F(Watchers, AreThereOrNot)
@@ -110,8 +110,8 @@ TEST_F(Watchers, AreThereOrNot)
     EXPECT_EQ(isThere("bob@oryx.example#presence", "incoming#1"), "okay");
     EXPECT_EQ(isThere("bob@oryx.example#presence", "incoming#2"), "not found");
     EXPECT_EQ(isThere("carol@oryx.example#dialog", "incoming#1"), "not found");
-    EXPECT_EQ(isThere(kQuoted, "incoming#1"), "query error: " + kBroken);
-    EXPECT_EQ(isThere("bob@oryx.example#presence", kQuoted), "query error: " + kBroken);
+    EXPECT_EQ(isThere(kQuoted, "incoming#1"), plainOrBound("query error: " + kBroken, "not found"));
+    EXPECT_EQ(isThere("bob@oryx.example#presence", kQuoted), plainOrBound("query error: " + kBroken, "not found"));
 }
 
 TEST_F(Watchers, OfAPresentityAreListedWithTheirDialogsContact)
@@ -132,7 +132,7 @@ TEST_F(Watchers, OfAPresentityNeedNotBeThere)
     add({kAlice});
     EXPECT_EQ(ofPresentity("bob@oryx.example#presence"), "okay\n");
     EXPECT_EQ(ofPresentity("nobody"), "okay\n");
-    EXPECT_EQ(ofPresentity(kQuoted), kBrokenQuery);
+    EXPECT_EQ(ofPresentity(kQuoted), plainOrBound(kBrokenQuery, "okay\n"));
 }
 
 TEST_F(Watchers, AreListedBehindThoseAlreadyThere)
@@ -154,8 +154,8 @@ TEST_F(Watchers, AreListedByAPartOfTheirKeyUnderThePresentity)
     EXPECT_EQ(matching("dia", "oryx.example"), "okay\n" + found(kDave));
     EXPECT_EQ(matching("", ""), "okay\n" + found(kAlice) + found(kDave) + found(kCarol));
     EXPECT_EQ(matching("bob@oryx.example", "presence"), "not found\n");
-    EXPECT_EQ(matching(kQuoted, "bob"), kBrokenQuery);
-    EXPECT_EQ(matching("presence", kQuoted), kBrokenQuery);
+    EXPECT_EQ(matching(kQuoted, "bob"), plainOrBound(kBrokenQuery, "not found\n"));
+    EXPECT_EQ(matching("presence", kQuoted), plainOrBound(kBrokenQuery, "not found\n"));
 }
 
 TEST_F(Watchers, AreListedWithTheirNullColumnsEmpty)
@@ -205,9 +205,9 @@ TEST_F(Watchers, StayAsTheyAreWhereNoneIsUpdated)
     EXPECT_EQ(show(m_executor.updateWatcherState(key, "incoming#9", 7)), "okay");
     EXPECT_EQ(show(m_executor.updateWatcherExpiry("nobody", "incoming#1", 7)), "okay");
     EXPECT_EQ(show(m_executor.updateWatcherDocVersion(key, "incoming#9", 7)), "okay");
-    EXPECT_EQ(show(m_executor.updateWatcherState(key, kQuoted, 7)), kRefusedUpdate);
-    EXPECT_EQ(show(m_executor.updateWatcherExpiry(kQuoted, "incoming#1", 7)), kRefusedUpdate);
-    EXPECT_EQ(show(m_executor.updateWatcherDocVersion(key, kQuoted, 7)), kRefusedUpdate);
+    EXPECT_EQ(show(m_executor.updateWatcherState(key, kQuoted, 7)), plainOrBound(kRefusedUpdate, "okay"));
+    EXPECT_EQ(show(m_executor.updateWatcherExpiry(kQuoted, "incoming#1", 7)), plainOrBound(kRefusedUpdate, "okay"));
+    EXPECT_EQ(show(m_executor.updateWatcherDocVersion(key, kQuoted, 7)), plainOrBound(kRefusedUpdate, "okay"));
     const char* const missing = nullptr;
     for (const auto& [first, second] : {std::pair(key, missing), std::pair(missing, key)}) {
         EXPECT_EQ(show(m_executor.updateWatcherState(first, second, 7)),
@@ -225,6 +225,7 @@ TEST_F(Watchers, AreRemovedOneByOne)
     add({kAlice, kCarol, kDave});
     EXPECT_EQ(show(m_executor.deleteWatcherState("bob@oryx.example#presence", "incoming#1")), "okay");
     EXPECT_EQ(show(m_executor.deleteWatcherState("bob@oryx.example#presence", "incoming#1")), "okay");
-    EXPECT_EQ(outcome(m_executor.deleteWatcherState("bob@oryx.example#presence", kQuoted)), kBrokenChange);
+    EXPECT_EQ(outcome(m_executor.deleteWatcherState("bob@oryx.example#presence", kQuoted)),
+              plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), row(kCarol) + row(kDave));
 }

@@ -61,10 +61,15 @@ protected:
 const std::string kA = "sip:a@192.0.2.1";
 const std::string kB = "sip:b@192.0.2.2";
 
+std::string notConnected()
+{
+    return "connection to server at \"127.0.0.1\", port " + server::port() + " failed: ";
+}
+
 std::string refusal()
 {
-    return "connection error: connection to server at \"127.0.0.1\", port " + server::port() +
-           " failed: Connection refused\n\tIs the server running on that host and accepting TCP/IP connections?\n";
+    return "connection error: " + notConnected() +
+           "Connection refused\n\tIs the server running on that host and accepting TCP/IP connections?\n";
 }
 
 } // namespace
@@ -89,7 +94,11 @@ TEST_F(ServerRestart, LeavesNothingOfARegistrationThatItInterrupted)
     auto registration = std::async(std::launch::async, [this] { return registerAll({kA, kB}); });
     EXPECT_NE(waitingBackend(), "");
     m_server.stop("fast");
-    EXPECT_EQ(registration.get(), "query error: [00000] server closed the connection unexpectedly");
+    // Bound statements have no answer but the connection's; the server may still say why it takes none, or listen no
+    // more.
+    const std::string expected = plainOrBound("query error: [00000] server closed the connection unexpectedly",
+                                              "connection error: " + notConnected());
+    EXPECT_EQ(registration.get().substr(0, expected.size()), expected);
     m_server.start();
     lookAgain();
     sql("DROP FUNCTION dawdle CASCADE");
@@ -102,7 +111,8 @@ TEST_F(ServerRestart, IsToldAsAConnectionErrorUntilTheServerIsBack)
 {
     EXPECT_EQ(registerAll({kA}), "okay");
     m_server.stop("fast");
-    EXPECT_EQ(alicesContacts(), "connection error: fatal query error, connection reset failed\n");
+    EXPECT_EQ(alicesContacts(),
+              plainOrBound("connection error: fatal query error, connection reset failed", refusal()) + "\n");
     EXPECT_EQ(alicesContacts(), refusal() + "\n");
     EXPECT_EQ(registerAll({kB}), refusal());
     EXPECT_EQ(show(m_service.removeExpiredContacts()), refusal());

@@ -29,6 +29,12 @@ std::string gist(const std::string& message)
     return "[" + message.substr(state + mark.size(), 5) + "] " + message.substr(0, message.find('\n'));
 }
 
+bool bound()
+{
+    const char* const statements = std::getenv("ORYX_STATEMENTS");
+    return statements != nullptr && std::string(statements) == "bound";
+}
+
 std::string outcome(const oryx::DatabaseResult& result)
 {
     oryx::DatabaseResult brief = result;

@@ -14,9 +14,29 @@
 /// \file
 /// Fixtures of the tests that need a server: a database of the test's own, and the library connected to it as a server
 /// is. After each test the library must have left no transaction open.
+///
+/// Tests run in both ways of sending, plain and bound (tests/CMakeLists.txt); what they expect of each stands in them.
 
 /// The gist of a failed statement's message: its SQLSTATE and first line. Any other message as it is.
 std::string gist(const std::string& message);
+
+/// Whether ORYX_STATEMENTS asks for bound statements.
+bool bound();
+///@{
+/// What is expected, where it depends on how statements are sent.
+inline std::string plainOrBound(const std::string& plain, const std::string& inBound)
+{
+    return bound() ? inBound : plain;
+}
+inline int plainOrBound(int plain, int inBound)
+{
+    return bound() ? inBound : plain;
+}
+///@}
+
+/// A value with a quote, which is a character in a bound statement, and what the server says to a plain one with it.
+constexpr const char* kQuoted = "o'neill";
+inline const std::string kBroken = "[42601] ERROR:  syntax error at or near \"neill\"";
 
 /// A result with the gist of its message.
 std::string outcome(const oryx::DatabaseResult& result);
