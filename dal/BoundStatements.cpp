@@ -26,8 +26,8 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     if (m_connectionString.empty()) {
         return error("no connection");
     }
-    if (m_conn == nullptr && !resetBound()) {
-        return false; // it was given up, and cannot be made anew
+    if ((m_conn == nullptr || inherited()) && !resetBound()) {
+        return false; // it was given up, or is the parent's, and cannot be made anew
     }
     m_trace.prn("executing query");
     Sent sent = send(m_conn);
@@ -117,6 +117,7 @@ bool DatabaseConnection::givenUp()
 
 void DatabaseConnection::drop()
 {
+    leaveToParent();
     PQfinish(m_conn);
     m_conn = nullptr;
 }

@@ -4,7 +4,8 @@
 #include <dal/internal/Frame.h>
 #include <dal/internal/SystemParameters.h>
 
-#include <mutex>
+#include <atomic>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -12,24 +13,23 @@ namespace oryx {
 
 namespace {
 
-/// The domains that this process answers for: read once, shared by all location executors.
-std::mutex domainListMutex;
-std::vector<std::string> domainList;
+using Domains = std::vector<std::string>;
 
-bool knowsDomains()
-{
-    const std::lock_guard lock(domainListMutex);
-    return !domainList.empty();
-}
+/// The domains that this process answers for, null while unknown: read once, shared by all location executors, never
+/// freed. There is no lock that a child process could inherit held.
+std::atomic<const Domains*> knownDomains = nullptr;
 
-/// Keeps the domains unless another thread has read them meanwhile. Whether there are any now.
-bool keepDomains(std::vector<std::string>&& domains)
+/// Keeps the domains, if there are any, unless another thread has read them meanwhile.
+void keepDomains(Domains&& domains)
 {
-    const std::lock_guard lock(domainListMutex);
-    if (domainList.empty()) {
-        domainList = std::move(domains);
+    if (domains.empty()) {
+        return;
     }
-    return !domainList.empty();
+    auto read = std::make_unique<const Domains>(std::move(domains));
+    const Domains* known = nullptr;
+    if (knownDomains.compare_exchange_strong(known, read.get(), std::memory_order_acq_rel)) {
+        static_cast<void>(read.release());
+    }
 }
 
 /// What printf makes of a format without arguments. What would need one stands as it is: it came with a value.
@@ -119,27 +119,29 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
-    const bool known = knowsDomains() || (!DomainReading::underWay && readDomains());
-    // Once there, the list never changes: it is read without the lock, which nothing is traced under.
-    return known ? pickDomain(m_frame->trace, domainList, index, domainName) : domainName;
+    if (knownDomains.load(std::memory_order_acquire) == nullptr && !DomainReading::underWay) {
+        readDomains();
+    }
+    const Domains* const known = knownDomains.load(std::memory_order_acquire);
+    return known != nullptr ? pickDomain(m_frame->trace, *known, index, domainName) : domainName;
 }
 
-bool DatabaseCommandExecutor::readDomains()
+void DatabaseCommandExecutor::readDomains()
 {
     const DomainReading reading;
     const Call call(*m_frame);
     if (!checkConnect()) {
         m_frame->trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
-        return false;
+        return;
     }
     m_frame->trace.prn("getNthElementOfDomainList(): *** INFO ***: try to query Table 'system_parameters' directly!");
-    std::vector<std::string> domains;
+    Domains domains;
     getDomainNameList(domains);
     if (domains.empty()) {
         m_frame->trace.prn(
             "getNthElementOfDomainList(): *** ERROR ***: Empty Domain Name retrieved from Table 'system_parameters'!");
     }
-    return keepDomains(std::move(domains));
+    keepDomains(std::move(domains));
 }
 
 } // namespace oryx

@@ -136,7 +136,7 @@ public:
 
 private:
     /// Fills the list that the process shares, unless another thread has filled it meanwhile. Whether there is one now.
-    bool readDomains();
+    void readDomains();
 };
 
 } // namespace oryx

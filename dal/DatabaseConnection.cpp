@@ -3,11 +3,16 @@
 #include <dal/QueryResult.h>
 #include <dal/internal/BoundSession.h>
 #include <dal/internal/ConnectionAdvice.h>
+#include <dal/internal/Process.h>
 #include <dal/internal/Statement.h>
 
 #include <wex/URL.h>
 
 #include <libpq-fe.h>
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
@@ -72,6 +77,7 @@ bool DatabaseConnection::connected()
     if (m_conn == nullptr) {
         return error();
     }
+    m_generation = generation();
     // Before the status is looked at: a held connection that failed may be reset later and must not write its notices
     // to the server process's standard error.
     PQsetNoticeProcessor(m_conn, DbcNoticeProcessor, this);
@@ -83,10 +89,34 @@ bool DatabaseConnection::connected()
     return okay();
 }
 
+bool DatabaseConnection::inherited() const
+{
+    return m_conn != nullptr && m_generation != generation();
+}
+
+/// Both processes hold one socket. This one lets go of it, so that what libpq says to the server as it ends the
+/// connection is not said in the parent's name.
+void DatabaseConnection::leaveToParent()
+{
+    if (!inherited()) {
+        return;
+    }
+    m_generation = generation();
+    const int socket = PQsocket(m_conn);
+    const int nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (socket >= 0 && dup3(nowhere, socket, O_CLOEXEC) < 0) {
+        ::close(socket); // no descriptor is left
+    }
+    if (nowhere >= 0) {
+        ::close(nowhere);
+    }
+}
+
 void DatabaseConnection::close()
 {
     m_connectionString.clear();
     if (m_conn != nullptr) {
+        leaveToParent();
         PQfinish(m_conn);
         m_trace.prn("connection closed");
         m_conn = nullptr;
@@ -98,7 +128,7 @@ bool DatabaseConnection::active()
     if (m_conn == nullptr) {
         return error("no connection");
     }
-    return PQstatus(m_conn) == CONNECTION_OK;
+    return PQstatus(m_conn) == CONNECTION_OK && !inherited();
 }
 
 bool DatabaseConnection::reset()
@@ -112,6 +142,7 @@ bool DatabaseConnection::reset()
     if (m_conn == nullptr) {
         return error("no connection to reset");
     }
+    leaveToParent();
     PQreset(m_conn);
     return PQstatus(m_conn) == CONNECTION_OK ? okay() : error();
 }
@@ -164,6 +195,9 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
 {
     if (m_conn == nullptr) {
         return error("no connection");
+    }
+    if (inherited() && !reset()) {
+        return false;
     }
     m_trace.prn("executing query");
     cmd.resize(std::min(cmd.size(), cmd.find('\0'))); // what is sent ends there

@@ -28,8 +28,8 @@ ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
 /// One connection to the PostgreSQL server, and the only place that opens, resets, closes or executes on one.
 ///
 /// A lost connection is reset and its statement sent again (`execute` has the rule); every failure leaves its reason in
-/// `getErrorMessage()`, every success empties it. Used by one thread at a time.
-/// \ingroup core
+/// `getErrorMessage()`, every success empties it. Used by one thread at a time. In a process that was forked from the
+/// one it was made in, it is lost: the parent keeps it, and the child connects anew. \ingroup core
 class ORYX_EXPORT DatabaseConnection {
 public:
     /// Not connected; sends as the environment says (`SessionOptions::fromEnvironment`).
@@ -118,6 +118,8 @@ private:
     bool m_inOperation = false; // the owner says when one begins
 
     bool connected();
+    bool inherited() const;
+    void leaveToParent();
     bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
@@ -139,6 +141,7 @@ private:
     void drop();
 
     PGconn* m_conn = nullptr;
+    unsigned m_generation = 0; // of the process that the connection was made in
     SessionOptions m_options;
     std::string m_connectionString;        // of a bound connection, which is made anew instead of being reset
     std::unique_ptr<BoundSession> m_bound; // null while values are spliced into the text

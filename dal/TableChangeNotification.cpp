@@ -61,7 +61,7 @@ int wait(int socket)
 bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& table)
 {
     beginOperation();
-    return subscribe(table);
+    return (!inherited() || reset()) && subscribe(table);
 }
 
 bool DatabaseConnection::subscribe(const std::string& table)
@@ -118,6 +118,9 @@ PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGlobal)
 {
     beginOperation();
+    if (inherited() && !reset()) {
+        return false;
+    }
     for (const char* const table : kNotifierTables) {
         if (!subscribe(table)) {
             return false;

@@ -1,0 +1,9 @@
+#pragma once
+
+namespace oryx {
+
+/// How often this process and those that it was forked from have forked: a number that a child does not share with its
+/// parent. What was opened under another number is another process's.
+unsigned generation();
+
+} // namespace oryx

@@ -1,0 +1,134 @@
+// A service that a child process inherits: the parent keeps its connection, and the child makes one of its own.
+
+#include "support/DatabaseTest.h"
+
+#include <dal/PresenceService.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace {
+
+/// No child takes longer, however busy the machine.
+constexpr unsigned kPatienceSeconds = 60;
+
+/// Runs a function in a child process; what it says there, which must be short.
+std::string inChild(const std::function<std::string()>& say)
+{
+    int pipe[2];
+    EXPECT_EQ(::pipe(pipe), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(kPatienceSeconds); // ends it when it hangs
+        const std::string said = say();
+        _exit(::write(pipe[1], said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 1);
+    }
+    ::close(pipe[1]);
+    std::string said(4096, '\0');
+    const ssize_t size = ::read(pipe[0], said.data(), said.size());
+    said.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    ::close(pipe[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? said : "ended by signal " + std::to_string(WTERMSIG(status));
+}
+
+class Fork : public ServiceTest {
+protected:
+    std::string lookUp(const std::string& handle)
+    {
+        int key = 0;
+        const oryx::DatabaseResult result = m_service.getPublicAddressKey(handle.c_str(), "oryx.example", key);
+        return result.okay() ? std::to_string(key) : outcome(result);
+    }
+};
+
+TEST_F(Fork, LeavesTheParentItsConnection)
+{
+    EXPECT_EQ(lookUp("alice"), "42");
+    const std::string before = backend();
+    EXPECT_EQ(inChild([this] { return lookUp("alice"); }), "42");
+    EXPECT_EQ(lookUp("alice"), "42");
+    EXPECT_EQ(rows("SELECT pid FROM pg_stat_activity WHERE pid = " + before), before + "\n");
+}
+
+TEST_F(Fork, LeavesTheParentItsConnectionWhereTheChildOnlyEndsIt)
+{
+    const std::string before = backend();
+    EXPECT_EQ(inChild([this] {
+                  m_service.~LocationService();
+                  new (&m_service) oryx::LocationService;
+                  return "ended";
+              }),
+              "ended");
+    EXPECT_EQ(lookUp("alice"), "42");
+    EXPECT_EQ(rows("SELECT pid FROM pg_stat_activity WHERE pid = " + before), before + "\n");
+}
+
+TEST_F(Fork, GivesEachProcessItsOwnAnswers)
+{
+    sql("INSERT INTO public_address (public_address_id, handle, sip_domain, csid) VALUES (43, 'bob', 'oryx.example', 12)");
+    int said[2];
+    ASSERT_EQ(::pipe(said), 0);
+    const auto lookUpOften = [this](const std::string& handle, const std::string& key) {
+        int wrong = 0;
+        for (int i = 0; i < 500; ++i) {
+            wrong += lookUp(handle) == key ? 0 : 1;
+        }
+        return wrong;
+    };
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(kPatienceSeconds);
+        _exit(lookUpOften("bob", "43") == 0 ? 0 : 1);
+    }
+    EXPECT_EQ(lookUpOften("alice", "42"), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Fork, LetsAnEventServerAndItsChildrenRunEachOnItsOwn)
+{
+    oryx::PresenceService service;
+    ASSERT_TRUE(service.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay());
+    const auto find = [&] {
+        int id = 0;
+        return outcome(service.getListId("friends", &id));
+    };
+    EXPECT_EQ(inChild([&] { return find() + ", " + inChild(find) + ", " + find(); }),
+              "not found, not found, not found");
+    EXPECT_EQ(find(), "not found");
+}
+
+TEST_F(Fork, IsNotHungByAThreadThatReadsTheDomainList)
+{
+    std::atomic<bool> done = false;
+    std::thread reader([&] {
+        std::string name;
+        while (!done) {
+            m_service.getDomainName(name);
+        }
+    });
+    oryx::LocationService other;
+    ASSERT_TRUE(other.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay());
+    sql("INSERT INTO system_parameters (application, scope, name, value)"
+        " VALUES ('oryxproxy', 'ServerInfo', 'ServerNames', 'oryx.example')");
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(inChild([&] {
+                      std::string name;
+                      return other.getDomainName(name);
+                  }),
+                  "oryx.example");
+    }
+    done = true;
+    reader.join();
+}
+
+} // namespace
