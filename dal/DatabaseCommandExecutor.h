@@ -10,8 +10,10 @@ namespace oryx {
 
 /// The registrar's statements: subscribers, public addresses, contacts, and the tables that configure host and routing.
 ///
-/// - Values go into the statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL: at
-///   best the statement fails as a query error, at worst it does what the value says.
+/// - Values go into plain statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL:
+/// at
+///   best the statement fails as a query error, at worst it does what the value says. In bound ones (`SessionOptions`)
+///   it is a character.
 /// - `getErrorMessage()` holds the reason of a failure unless a result is said to.
 /// - A statement that the server refuses costs a reset of the connection and is sent a second time;
 ///   `DatabaseConnection::execute` has the whole rule.

@@ -20,8 +20,8 @@ namespace oryx {
 ///   unless they are okay. What has expired is listed until it is removed: the caller leaves it out.
 /// - NULL columns leave the fields of a record that the caller passes in as they were, and are empty or 0 in records
 ///   made here. Each record says what is stored of it and what is filled.
-/// - Values go into the statements as they are, unescaped: a quote in one breaks the statement at best. A null text
-///   counts as an empty one where nothing is said of it.
+/// - Values go into plain statements as they are, unescaped: a quote in one breaks the statement at best; in bound ones
+///   (`SessionOptions`) it is a character. A null text counts as an empty one where nothing is said of it.
 ///
 /// An executor is used by one thread at a time.
 /// \ingroup events

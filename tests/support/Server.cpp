@@ -99,12 +99,16 @@ void Session::run(const std::string& statements)
 
 std::string Session::rows(const std::string& query)
 {
-    const auto result = execute(query);
+    return show(execute(query).get());
+}
+
+std::string Session::show(const PGresult* result)
+{
     std::string text;
-    for (int row = 0; row < PQntuples(result.get()); ++row) {
-        for (int column = 0; column < PQnfields(result.get()); ++column) {
+    for (int row = 0; row < PQntuples(result); ++row) {
+        for (int column = 0; column < PQnfields(result); ++column) {
             text += column == 0 ? "" : "|";
-            text += PQgetisnull(result.get(), row, column) != 0 ? "NULL" : PQgetvalue(result.get(), row, column);
+            text += PQgetisnull(result, row, column) != 0 ? "NULL" : PQgetvalue(result, row, column);
         }
         text += '\n';
     }
@@ -116,6 +120,16 @@ std::string Session::value(const std::string& query)
     std::string text = rows(query);
     text.resize(text.empty() ? 0 : text.size() - 1);
     return text;
+}
+
+Session::Answer Session::ask(const std::string& statement, const std::string& text)
+{
+    constexpr Oid kText = 25; // pg_type.oid: the server need not guess what $1 is
+    const char* const value = text.c_str();
+    const std::unique_ptr<PGresult, Release> result(
+        PQexecParams(m_connection.get(), statement.c_str(), 1, &kText, &value, nullptr, nullptr, 0));
+    const char* const state = PQresultErrorField(result.get(), PG_DIAG_SQLSTATE);
+    return {state != nullptr ? state : "", show(result.get())};
 }
 
 std::unique_ptr<PGresult, Session::Release> Session::execute(const std::string& statements)

@@ -29,6 +29,14 @@ public:
     /// What a query of one value gives; empty where there is no row.
     std::string value(const std::string& query);
 
+    /// What the server says to one statement: its SQLSTATE, empty for success, and the rows as above.
+    struct Answer {
+        std::string sqlState;
+        std::string rows;
+    };
+    /// Runs one statement with a text for its $1, which travels beside it.
+    Answer ask(const std::string& statement, const std::string& text);
+
 private:
     struct Release {
         void operator()(PGconn* connection) const { PQfinish(connection); }
@@ -36,6 +44,7 @@ private:
     };
 
     std::unique_ptr<PGresult, Release> execute(const std::string& statements);
+    static std::string show(const PGresult* result);
 
     std::unique_ptr<PGconn, Release> m_connection;
 };
