@@ -7,8 +7,8 @@
 /// \file
 /// What a server asks of every text that came from the network, before it hands it to the library.
 ///
-/// The library splices texts into its plain statements as they are, between single quotes; in bound ones (the guide
-/// says where not) they are beside the statement, and no quote in them matters. A clean text means itself there, and
+/// The library splices texts into its plain statements as they are, between single quotes; bound ones have them beside
+/// the statement, where a quote is a character (the guide says where it is not). A clean text means itself there, and
 /// leaves the rest of the statement as it is; nothing is ever altered. The server may still refuse it for what it is:
 /// too long for a key (about 2,700 bytes), or no number where one is meant.
 ///
