@@ -4,6 +4,7 @@
 
 #include <dal/QueryResult.h>
 #include <dal/internal/BoundSession.h>
+#include <dal/internal/Meter.h>
 
 #include <libpq-fe.h>
 
@@ -29,13 +30,16 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     if ((m_conn == nullptr || inherited()) && !resetBound()) {
         return false; // it was given up, or is the parent's, and cannot be made anew
     }
+    const Measured measured(*m_meter);
     m_trace.prn("executing query");
     Sent sent = send(m_conn);
     if (sent.outcome == Sent::Outcome::lost) {
         m_trace.prn("fatal query error: retrying connection");
+        m_meter->lost(reason());
         if (!resetBound()) {
             return false;
         }
+        m_meter->repeated();
         m_trace.prn("connection reset, retrying query");
         sent = send(m_conn);
     }
@@ -83,6 +87,9 @@ bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
         result.setSqlCommand(sent.text->text());
     }
     result.setResult(sent.result.release());
+    if (result.failed()) {
+        m_meter->refused(result.getSqlState());
+    }
     return okay();
 }
 
@@ -112,6 +119,7 @@ bool DatabaseConnection::givenUp()
 {
     drop();
     const std::string why = "no answer within the deadline of " + std::to_string(m_bound->duration().count()) + " ms";
+    m_meter->ranLate(why);
     return error(why.c_str());
 }
 

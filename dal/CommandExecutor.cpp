@@ -46,6 +46,11 @@ const std::string& CommandExecutor::getSqlState() const
     return m_frame->sqlState;
 }
 
+SessionStatistics CommandExecutor::getStatistics() const
+{
+    return m_frame->meter->read();
+}
+
 bool CommandExecutor::okay()
 {
     return m_frame->okay();

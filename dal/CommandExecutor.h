@@ -2,6 +2,7 @@
 
 #include <dal/QueryResult.h>
 #include <dal/SessionOptions.h>
+#include <dal/SessionStatistics.h>
 #include <dal/ValueString.h>
 #include <util/OryxExport.h>
 
@@ -45,6 +46,8 @@ public:
 
     /// The SQLSTATE of the last failure, empty where the server said nothing: for operations that answer with a number.
     const std::string& getSqlState() const;
+    /// What has become of the executor's connections and statements so far; for any thread.
+    SessionStatistics getStatistics() const;
 
     /// Success: empties the error text. Always true.
     bool okay();

@@ -3,6 +3,7 @@
 #include <dal/QueryResult.h>
 #include <dal/internal/BoundSession.h>
 #include <dal/internal/ConnectionAdvice.h>
+#include <dal/internal/Meter.h>
 #include <dal/internal/Process.h>
 #include <dal/internal/Statement.h>
 
@@ -43,9 +44,15 @@ void DbcNoticeProcessor(void* arg, const char* message)
     }
 }
 
-DatabaseConnection::DatabaseConnection() : DatabaseConnection(SessionOptions::fromEnvironment()) {}
+DatabaseConnection::DatabaseConnection()
+    : DatabaseConnection(SessionOptions::fromEnvironment(), std::make_shared<Meter>())
+{
+}
 
-DatabaseConnection::DatabaseConnection(const SessionOptions& options) : m_options(options) {}
+DatabaseConnection::DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter)
+    : m_options(options), m_meter(std::move(meter))
+{
+}
 
 DatabaseConnection::~DatabaseConnection()
 {
@@ -84,8 +91,11 @@ bool DatabaseConnection::connected()
     const ConnStatusType status = PQstatus(m_conn);
     if (status != CONNECTION_OK) {
         m_trace.prn("connection failed, status=%d\n", static_cast<int>(status));
-        return error();
+        error();
+        m_meter->failed(m_errorMsg);
+        return false;
     }
+    m_meter->connected();
     return okay();
 }
 
@@ -144,7 +154,13 @@ bool DatabaseConnection::reset()
     }
     leaveToParent();
     PQreset(m_conn);
-    return PQstatus(m_conn) == CONNECTION_OK ? okay() : error();
+    if (PQstatus(m_conn) != CONNECTION_OK) {
+        error();
+        m_meter->failed(m_errorMsg);
+        return false;
+    }
+    m_meter->connected();
+    return okay();
 }
 
 bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
@@ -199,6 +215,7 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
     if (inherited() && !reset()) {
         return false;
     }
+    const Measured measured(*m_meter);
     m_trace.prn("executing query");
     cmd.resize(std::min(cmd.size(), cmd.find('\0'))); // what is sent ends there
     result.setSqlCommand(std::move(cmd));
@@ -215,6 +232,7 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
     std::string name;
     if (result.failed() && result.getErrorCode(name) == PGRES_FATAL_ERROR) {
         m_trace.prn("fatal error, retrying after: %s", name.c_str());
+        countFailure(result);
         return repeatAfterFatalResult(statement, result);
     }
     return okay();
@@ -223,10 +241,12 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
 PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
 {
     m_trace.prn("fatal query error: retrying connection");
+    m_meter->lost(reason());
     if (!reset()) {
         error("fatal error, query failed");
         return nullptr;
     }
+    m_meter->repeated();
     m_trace.prn("connection reset, retrying query");
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
@@ -240,6 +260,7 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
     if (!reset()) {
         return error("fatal query error, connection reset failed");
     }
+    m_meter->repeated();
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         return error("fatal query error after reset");
@@ -248,11 +269,33 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
     return okay();
 }
 
+/// A fatal result tells of a refused statement, or of the connection.
+void DatabaseConnection::countFailure(const QueryResult& result)
+{
+    const std::string state = result.getSqlState();
+    if (state == QueryResult::SQL_SUCCESSFUL_COMPLETION || state.starts_with("08") || state.starts_with("57P")) {
+        m_meter->lost(reason());
+    } else {
+        m_meter->refused(state);
+    }
+}
+
+SessionStatistics DatabaseConnection::getStatistics() const
+{
+    return m_meter->read();
+}
+
 void DatabaseConnection::handleNoticeMessage(const char* msg)
 {
     if (msg != nullptr) {
         m_trace.prn("libpq MESSAGE: %s", msg);
     }
+}
+
+const char* DatabaseConnection::reason() const
+{
+    const char* const message = PQerrorMessage(m_conn);
+    return message != nullptr ? message : "unspecified error";
 }
 
 bool DatabaseConnection::okay()
@@ -263,8 +306,7 @@ bool DatabaseConnection::okay()
 
 bool DatabaseConnection::error()
 {
-    const char* const message = PQerrorMessage(m_conn);
-    return error(message != nullptr ? message : "unspecified error");
+    return error(reason());
 }
 
 bool DatabaseConnection::error(const char* msg)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dal/SessionOptions.h>
+#include <dal/SessionStatistics.h>
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
@@ -16,6 +17,7 @@ using PGresult = pg_result;
 namespace oryx {
 
 class BoundSession;
+class Meter;
 class QueryResult;
 class Statement;
 struct Sent;
@@ -91,6 +93,8 @@ public:
     const std::string& getErrorMessage() const { return m_errorMsg; }
     /// Traces a notice of the server; null is ignored.
     void handleNoticeMessage(const char* msg);
+    /// What has become of the connection and its statements so far.
+    SessionStatistics getStatistics() const;
 
     /// Success: empties the error text. Always true.
     bool okay();
@@ -102,8 +106,8 @@ public:
 private:
     friend class Frame;
 
-    // Not connected; sends as it is told.
-    explicit DatabaseConnection(const SessionOptions& options);
+    // Not connected; sends as it is told, and counts there.
+    DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter);
     // The library's own statements, sent as the options say: as one text, or bound. A bound one that the server
     // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
     bool execute(Statement& statement, QueryResult& result);
@@ -117,12 +121,14 @@ private:
     void beginOperation();
     bool m_inOperation = false; // the owner says when one begins
 
+    const char* reason() const;
     bool connected();
     bool inherited() const;
     void leaveToParent();
     bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
+    void countFailure(const QueryResult& result);
     bool subscribe(const std::string& table);
     PGresult* listen(const std::string& statement);
     PGresult* listenAfterReset(const std::string& statement);
@@ -145,6 +151,7 @@ private:
     SessionOptions m_options;
     std::string m_connectionString;        // of a bound connection, which is made anew instead of being reset
     std::unique_ptr<BoundSession> m_bound; // null while values are spliced into the text
+    std::shared_ptr<Meter> m_meter;
     std::string m_errorMsg;
     zel::Trace m_trace{"DatabaseConnection"};
 };

@@ -21,7 +21,10 @@ Transaction opened(std::size_t statements)
 
 } // namespace
 
-LocationService::LocationService() : m_addrMap(std::make_unique<AddressMapCache>(m_trace)) {}
+LocationService::LocationService()
+    : m_meter(std::make_shared<Meter>()), m_addrMap(std::make_unique<AddressMapCache>(m_trace))
+{
+}
 
 LocationService::~LocationService()
 {
@@ -33,9 +36,14 @@ void LocationService::setSessionOptions(const SessionOptions& options)
     m_options = options;
 }
 
+SessionStatistics LocationService::getStatistics() const
+{
+    return m_meter->read();
+}
+
 DatabaseResult LocationService::connect(const char* uri, const char* user, const char* password)
 {
-    return reconnect(m_exec, m_options, uri, user, password);
+    return reconnect(m_exec, m_options, m_meter, uri, user, password);
 }
 
 void LocationService::checkConnect(DatabaseResult& result)

@@ -4,6 +4,7 @@
 #include <dal/Dal.h>
 #include <dal/DatabaseResult.h>
 #include <dal/SessionOptions.h>
+#include <dal/SessionStatistics.h>
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
@@ -15,6 +16,7 @@
 namespace oryx {
 
 class AddressMapCache;
+class Meter;
 class DatabaseCommandExecutor;
 struct Transaction;
 
@@ -53,6 +55,8 @@ public:
 
     /// How the next connection sends its statements; until this is called, as the environment says.
     void setSessionOptions(const SessionOptions& options);
+    /// What has become of the service's connections and statements so far; for any thread.
+    SessionStatistics getStatistics() const;
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
     /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a backslash, or begin
     /// with a quote. Okay, or a connection error with the server's reason.
@@ -203,6 +207,7 @@ private:
 
     zel::Trace m_trace{"LocationService"};
     SessionOptions m_options = SessionOptions::fromEnvironment();
+    std::shared_ptr<Meter> m_meter;
     std::unique_ptr<DatabaseCommandExecutor> m_exec;
     std::unique_ptr<AddressMapCache> m_addrMap;
 };

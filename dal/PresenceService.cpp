@@ -8,7 +8,10 @@
 
 namespace oryx {
 
-PresenceService::PresenceService() : m_addrMap(std::make_unique<AddressMapCache>(m_trace)) {}
+PresenceService::PresenceService()
+    : m_meter(std::make_shared<Meter>()), m_addrMap(std::make_unique<AddressMapCache>(m_trace))
+{
+}
 
 PresenceService::~PresenceService() = default;
 
@@ -17,9 +20,14 @@ void PresenceService::setSessionOptions(const SessionOptions& options)
     m_options = options;
 }
 
+SessionStatistics PresenceService::getStatistics() const
+{
+    return m_meter->read();
+}
+
 DatabaseResult PresenceService::connect(const char* uri, const char* user, const char* password)
 {
-    return reconnect(m_exec, m_options, uri, user, password);
+    return reconnect(m_exec, m_options, m_meter, uri, user, password);
 }
 
 void PresenceService::checkConnect(DatabaseResult& result)

@@ -4,6 +4,7 @@
 #include <dal/DatabaseResult.h>
 #include <dal/PresenceDal.h>
 #include <dal/SessionOptions.h>
+#include <dal/SessionStatistics.h>
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
@@ -14,6 +15,7 @@
 namespace oryx {
 
 class AddressMapCache;
+class Meter;
 class PresenceDatabaseCommandExecutor;
 
 /// What a presence and event server holds: dialogs, watchers, sources, lists, conference extensions, the change feed,
@@ -44,6 +46,8 @@ public:
 
     /// How the next connection sends its statements; until this is called, as the environment says.
     void setSessionOptions(const SessionOptions& options);
+    /// What has become of the service's connections and statements so far; for any thread.
+    SessionStatistics getStatistics() const;
     /// Connects to the database at `uri` ("scheme://host/database", or a bare database name), replacing the connection
     /// held so far. Neither database nor user may be empty; none of the texts may hold a blank or a backslash, or begin
     /// with a quote. Okay, or a connection error with the server's reason.
@@ -250,6 +254,7 @@ private:
     std::unique_ptr<PresenceDatabaseCommandExecutor> m_exec;
     zel::Trace m_trace{"PresenceService"};
     SessionOptions m_options = SessionOptions::fromEnvironment();
+    std::shared_ptr<Meter> m_meter;
     std::unique_ptr<AddressMapCache> m_addrMap;
 };
 

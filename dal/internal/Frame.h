@@ -3,6 +3,7 @@
 #include <dal/DatabaseConnection.h>
 #include <dal/DatabaseResult.h>
 #include <dal/QueryResult.h>
+#include <dal/internal/Meter.h>
 #include <dal/internal/Row.h>
 #include <dal/internal/Statement.h>
 #include <zel/Trace.h>
@@ -54,7 +55,7 @@ inline std::string copied(const char* text)
 class Frame {
 public:
     /// Without a connection; traces on the channel of that name.
-    explicit Frame(const char* channel) : trace(channel) {}
+    explicit Frame(const char* channel) : meter(std::make_shared<Meter>()), trace(channel) {}
 
     bool connect(const char* uri, const char* user, const char* password);
     /// Whether there is a usable connection; one that was lost is reset first.
@@ -242,6 +243,7 @@ public:
 
     std::unique_ptr<DatabaseConnection> connection; ///< Null until the first `connect`.
     std::optional<SessionOptions> options;          ///< For the next `connect`; none: the environment's.
+    std::shared_ptr<Meter> meter;                   ///< Counts for all connections; may be others' too.
     std::string errorText;                          ///< The reason of the last failure.
     std::string sqlState;     ///< Of the last failure; empty unless the server refused a statement.
     mutable zel::Trace trace; ///< The executor's channel; a suite's own traces need not be const.

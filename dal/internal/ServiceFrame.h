@@ -27,14 +27,15 @@ private:
 
 /// Replaces a service's executor by a new one, connected; the old connection is closed first.
 template <typename Executor>
-DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const SessionOptions& options, const char* uri,
-                         const char* user, const char* password)
+DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const SessionOptions& options,
+                         const std::shared_ptr<Meter>& meter, const char* uri, const char* user, const char* password)
 {
     const KeptText keptUri(uri);
     const KeptText keptUser(user);
     const KeptText keptPassword(password);
     executor = std::make_unique<Executor>();
     executor->setSessionOptions(options);
+    frameOf(*executor).meter = meter;
     DatabaseResult result;
     if (!executor->connect(keptUri.get(), keptUser.get(), keptPassword.get())) {
         result.setConnectionError();

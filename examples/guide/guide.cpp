@@ -28,6 +28,13 @@ void bindStatements(oryx::LocationService& service)
     service.setSessionOptions(options);
 }
 
+std::string health()
+{
+    const oryx::SessionStatistics all = oryx::SessionStatistics::ofProcess();
+    return std::to_string(all.losses) + " connections lost, " + std::to_string(all.failures) +
+           " could not be made, last: " + all.lastError;
+}
+
 int sipStatus(const oryx::DatabaseResult& result)
 {
     switch (result.getStatus()) {

@@ -20,6 +20,9 @@ std::string TraceLog::take()
     const std::lock_guard lock(m_mutex);
     std::string text;
     for (const Line& line : std::exchange(m_lines, {})) {
+        if (line.text.starts_with("connections to the database are being lost")) {
+            continue;
+        }
         text.append(line.channel).append(line.kind == zel::TraceKind::log ? " log: " : " prn: ").append(line.text) +=
             '\n';
     }

@@ -15,7 +15,8 @@ public:
     TraceLog(const TraceLog&) = delete;
     TraceLog& operator=(const TraceLog&) = delete;
 
-    /// The lines since the last call.
+    /// The lines since the last call; without those that report an outage, which come once a minute, whichever test
+    /// loses a connection first.
     std::string take();
     /// The lines of one channel since the last call; those of the others are dropped.
     std::string take(std::string_view channel);

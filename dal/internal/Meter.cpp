@@ -1,0 +1,132 @@
+#include <dal/internal/Meter.h>
+
+#include <util/MaskSecrets.h>
+#include <zel/Trace.h>
+
+#include <exception>
+
+namespace oryx {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+/// An outage is told once a minute, however many services meet it.
+constexpr std::chrono::minutes kBetweenReports(1);
+
+/// Whether a minute has gone by since this was last so.
+bool reportIsDue()
+{
+    static std::atomic<steady_clock::rep> due = steady_clock::time_point::min().time_since_epoch().count();
+    const steady_clock::time_point now = steady_clock::now();
+    steady_clock::rep next = due.load(std::memory_order_relaxed);
+    return now.time_since_epoch().count() >= next &&
+           due.compare_exchange_strong(next, (now + kBetweenReports).time_since_epoch().count());
+}
+
+void reportOutage()
+{
+    if (!zel::Trace::enabled(zel::TraceKind::log) || !reportIsDue()) {
+        return;
+    }
+    const SessionStatistics all = SessionStatistics::ofProcess();
+    zel::Trace("oryx").log("connections to the database are being lost: since this process began %llu were lost, and "
+                           "%llu could not be made; the last reason: %s",
+                           static_cast<unsigned long long>(all.losses), static_cast<unsigned long long>(all.failures),
+                           all.lastError.c_str());
+}
+
+} // namespace
+
+SessionStatistics SessionStatistics::ofProcess()
+{
+    return Meter::ofProcess().read();
+}
+
+/// Never destroyed: connections may end when the program does.
+Meter& Meter::ofProcess()
+{
+    static auto* const meter = new Meter;
+    return *meter;
+}
+
+void Meter::count(Counter Meter::*counter)
+{
+    (this->*counter).fetch_add(1, std::memory_order_relaxed);
+    (ofProcess().*counter).fetch_add(1, std::memory_order_relaxed);
+}
+
+void Meter::keep(const std::string& error)
+{
+    try {
+        const std::string masked = maskSecrets(error.substr(0, error.find_last_not_of('\n') + 1));
+        const auto now = std::chrono::system_clock::now();
+        for (Meter* const meter : {this, &ofProcess()}) {
+            const std::lock_guard lock(meter->m_mutex);
+            meter->m_lastError = masked;
+            meter->m_lastErrorAt = now;
+        }
+    } catch (const std::exception&) { // the counters tell enough
+    }
+}
+
+void Meter::failed(const std::string& why)
+{
+    count(&Meter::m_failures);
+    keep(why);
+    reportOutage();
+}
+
+void Meter::lost(const std::string& why)
+{
+    count(&Meter::m_losses);
+    keep(why);
+    reportOutage();
+}
+
+void Meter::refused(const std::string& sqlState)
+{
+    count(&Meter::m_refusals);
+    keep("a statement was refused: " + sqlState);
+}
+
+void Meter::ranLate(const std::string& why)
+{
+    count(&Meter::m_late);
+    keep(why);
+    reportOutage();
+}
+
+void Meter::keepLongest(std::uint64_t microseconds)
+{
+    std::uint64_t longest = m_longest.load(std::memory_order_relaxed);
+    while (microseconds > longest &&
+           !m_longest.compare_exchange_weak(longest, microseconds, std::memory_order_relaxed)) {
+    }
+}
+
+void Meter::took(steady_clock::duration time)
+{
+    const auto microseconds =
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+    keepLongest(microseconds);
+    ofProcess().keepLongest(microseconds);
+}
+
+SessionStatistics Meter::read() const
+{
+    SessionStatistics statistics;
+    statistics.connects = m_connects;
+    statistics.failures = m_failures;
+    statistics.losses = m_losses;
+    statistics.repetitions = m_repetitions;
+    statistics.refusals = m_refusals;
+    statistics.late = m_late;
+    statistics.longest = std::chrono::microseconds(m_longest);
+    const std::lock_guard lock(m_mutex);
+    statistics.lastError = m_lastError;
+    statistics.lastErrorAt = m_lastErrorAt;
+    return statistics;
+}
+
+} // namespace oryx
