@@ -27,6 +27,9 @@ namespace {
 constexpr const char* kNumber = "'^sip:' || 1000000 + n || '@oryx\\.example'";
 constexpr const char* kNumberInGroup = "'^sips?:(' || 1000000 + n || ')@oryx\\.example'";
 
+constexpr auto kPlain = oryx::SessionOptions::Statements::plain;
+constexpr auto kBound = oryx::SessionOptions::Statements::bound;
+
 /// Maps of seven-digit numbers, each with its own contact set.
 void makeMaps(const server::Database& database, int maps, const char* pattern)
 {
@@ -63,13 +66,14 @@ bool servesItsNumber(oryx::LocationService& service, const std::string& uri)
            contacts.front().address() == "sip:" + uri.substr(4, 7) + "@gateway.oryx.example";
 }
 
-void lookup(benchmark::State& state, const char* pattern)
+void lookup(benchmark::State& state, const char* pattern, oryx::SessionOptions::Statements statements)
 {
     const int maps = static_cast<int>(state.range(0));
     zel::setTraceSink({});
     const server::Database database;
     makeMaps(database, maps, pattern);
     oryx::LocationService service;
+    service.setSessionOptions({.statements = statements});
     service.connect(database.uri().c_str(), server::kUser, server::kPassword);
     const std::string uri = lastUri(maps);
     bool served = servesItsNumber(service, uri); // the first lookup compiles the maps
@@ -82,7 +86,10 @@ void lookup(benchmark::State& state, const char* pattern)
     countPerMap(state);
 }
 
-void rowsByLibpq(benchmark::State& state)
+constexpr const char* kRows =
+    "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
+
+void rowsByLibpq(benchmark::State& state, bool prepared)
 {
     const server::Database database;
     makeMaps(database, static_cast<int>(state.range(0)), kNumber);
@@ -91,10 +98,12 @@ void rowsByLibpq(benchmark::State& state)
             ("host=127.0.0.1 dbname=" + database.name() + " user=" + server::kUser + " password=" + server::kPassword)
                 .c_str()),
         PQfinish);
+    if (prepared) {
+        PQclear(PQprepare(connection.get(), "maps", kRows, 0, nullptr));
+    }
     for (auto _ : state) {
-        PGresult* const result = PQexec(
-            connection.get(),
-            "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ");
+        PGresult* const result = prepared ? PQexecPrepared(connection.get(), "maps", 0, nullptr, nullptr, nullptr, 0)
+                                          : PQexec(connection.get(), kRows);
         if (PQntuples(result) != state.range(0)) {
             state.SkipWithError(PQresultErrorMessage(result));
         }
@@ -159,9 +168,11 @@ void worstPattern(benchmark::State& state, bool first)
     state.SetLabel(worst.pattern);
 }
 
-BENCHMARK_CAPTURE(lookup, number, kNumber)->Name("address_map_lookup")->Apply(sizes);
-BENCHMARK_CAPTURE(lookup, number_in_group, kNumberInGroup)->Name("address_map_lookup_in_groups")->Apply(sizes);
-BENCHMARK(rowsByLibpq)->Name("address_map_rows_by_libpq")->Apply(sizes);
+BENCHMARK_CAPTURE(lookup, number, kNumber, kPlain)->Name("address_map_lookup")->Apply(sizes);
+BENCHMARK_CAPTURE(lookup, number_in_group, kNumberInGroup, kPlain)->Name("address_map_lookup_in_groups")->Apply(sizes);
+BENCHMARK_CAPTURE(lookup, number_bound, kNumber, kBound)->Name("address_map_lookup_bound")->Apply(sizes);
+BENCHMARK_CAPTURE(rowsByLibpq, text, false)->Name("address_map_rows_by_libpq")->Apply(sizes);
+BENCHMARK_CAPTURE(rowsByLibpq, prepared, true)->Name("address_map_rows_by_libpq_prepared")->Apply(sizes);
 BENCHMARK_CAPTURE(worstPattern, first, true)
     ->Name("address_map_worst_first")
     ->DenseRange(0, kWorst.size() - 1)
