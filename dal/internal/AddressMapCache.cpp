@@ -32,16 +32,16 @@ Hashtable<std::string> partsOf(const wex::Uri& uri)
 }
 
 /// The seconds of one moment in winter and one in summer: a row's time is read in the zone of the process.
-std::array<time_t, 2> zone()
+std::array<time_t, 2> localZone()
 {
     return {convertTime("Thu Jan  1 12:00:00 2004"), convertTime("Thu Jul  1 12:00:00 2004")};
 }
 
 // The columns that an entry is made of: handle, csid, pattern, modification time. The others are but traced.
-constexpr std::array kColumns{2, 3, 4, 5};
+constexpr std::array kMapColumns{2, 3, 4, 5};
 
 /// NULL and empty come to the same in these: a contact set's key, that the maps are joined by, is neither.
-const char* textOf(const Row& row, int column)
+const char* columnText(const Row& row, int column)
 {
     const char* const text = row.text(column);
     return text != nullptr ? text : "";
@@ -99,7 +99,7 @@ DatabaseResult AddressMapCache::readTable(const Queries& queries)
 /// Whether the cache is in line with these rows, and there is nothing to trace of them.
 bool AddressMapCache::seenBefore(const QueryResult& rows)
 {
-    const Zone former = std::exchange(m_zone, zone());
+    const Zone former = std::exchange(m_zone, localZone());
     if (m_zone != former) {
         m_seen = SeenRows(); // their times are others now
     }
@@ -115,8 +115,8 @@ AddressMapCache::SeenRows::SeenRows(std::size_t rows, const SeenRows& other) : m
 void AddressMapCache::SeenRows::add(const Row& row, Entry& entry)
 {
     const std::size_t begin = m_texts.size();
-    for (const int column : kColumns) {
-        m_texts.append(textOf(row, column)).push_back('\0');
+    for (const int column : kMapColumns) {
+        m_texts.append(columnText(row, column)).push_back('\0');
     }
     m_rows.push_back({&entry, begin});
     m_unshared = m_unshared && !entry.shared;
@@ -151,8 +151,8 @@ bool AddressMapCache::SeenRows::unchanged(std::size_t place, const Row& row) con
 bool AddressMapCache::SeenRows::sameTexts(std::size_t place, const Row& row) const
 {
     const char* seen = m_texts.c_str() + m_rows[place].texts;
-    for (const int column : kColumns) {
-        if (std::strcmp(textOf(row, column), seen) != 0) {
+    for (const int column : kMapColumns) {
+        if (std::strcmp(columnText(row, column), seen) != 0) {
             return false;
         }
         seen += std::strlen(seen) + 1;

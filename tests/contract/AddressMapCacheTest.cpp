@@ -118,6 +118,11 @@ public:
     std::vector<Entry> entries;
 };
 
+std::string shownEntry(const ModelCache::Entry& entry)
+{
+    return entry.key + " csid=" + std::to_string(entry.csid) + " pattern='" + entry.pattern + "'";
+}
+
 class UntracedLookup : public ConnectedServiceTest {
 protected:
     void SetUp() override
@@ -240,6 +245,9 @@ TEST_F(UntracedLookup, MakesOfTheRowsWhatReadingThemAllWouldMake)
         EXPECT_EQ(mapKeys(service), model.keys()) << "lookup " << i;
     }
     EXPECT_GT(served, 1000);
+    for (const ModelCache::Entry& entry : model.entries) {
+        EXPECT_EQ(mapEntry(service, entry.key), shownEntry(entry));
+    }
 }
 
 TEST_F(UntracedLookup, MindsWhatItsCallersDoToTheMaps)
@@ -269,8 +277,7 @@ TEST_F(UntracedLookup, MindsWhatItsCallersDoToTheMaps)
         case 2:
         case 3:
             some.handedOut = service.lookupMapEntry(key);
-            EXPECT_EQ(mapEntry(service, key),
-                      key + " csid=" + std::to_string(some.csid) + " pattern='" + some.pattern + "'");
+            EXPECT_EQ(mapEntry(service, key), shownEntry(some));
             break;
         default:
             break;
