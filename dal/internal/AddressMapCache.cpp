@@ -1,6 +1,5 @@
 #include <dal/internal/AddressMapCache.h>
 
-#include <dal/UtilityConvert.h>
 #include <dal/location/LocationRows.h>
 
 #include <VariableSubstitution.h>
@@ -31,10 +30,16 @@ Hashtable<std::string> partsOf(const wex::Uri& uri)
     return parts;
 }
 
-/// The seconds of one moment in winter and one in summer: a row's time is read in the zone of the process.
-std::array<time_t, 2> localZone()
+/// The first second of a month in the zone of the process.
+time_t beginning(int month)
 {
-    return {convertTime("Thu Jan  1 12:00:00 2004"), convertTime("Thu Jul  1 12:00:00 2004")};
+    constexpr int kYear = 104; // 2004
+    std::tm local{};
+    local.tm_year = kYear;
+    local.tm_mon = month;
+    local.tm_mday = 1;
+    local.tm_isdst = -1;
+    return std::mktime(&local);
 }
 
 // The columns that an entry is made of: handle, csid, pattern, modification time. The others are but traced.
@@ -99,9 +104,10 @@ DatabaseResult AddressMapCache::readTable(const Queries& queries)
 /// Whether the cache is in line with these rows, and there is nothing to trace of them.
 bool AddressMapCache::seenBefore(const QueryResult& rows)
 {
-    const Zone former = std::exchange(m_zone, localZone());
+    constexpr int kJuly = 6;
+    const Zone former = std::exchange(m_zone, {beginning(0), beginning(kJuly)});
     if (m_zone != former) {
-        m_seen = SeenRows(); // their times are others now
+        m_seen = SeenRows(); // their times would be read as others now
     }
     return !zel::Trace::enabled(zel::TraceKind::prn) && m_seen.areJust(rows);
 }

@@ -20,7 +20,8 @@ namespace oryx {
 
 /// The address maps of one service, compiled, in the order in which their keys first came.
 ///
-/// A key keeps its place while it stays in the table, whatever becomes of its priority. Used by one thread at a time.
+/// A key keeps its place while it stays in the table, whatever becomes of its priority. Each lookup reads the whole
+/// table; rows that are as they were the last time are only compared. Used by one thread at a time.
 class AddressMapCache {
 public:
     /// What a lookup asks of the service's executor.
@@ -87,7 +88,7 @@ private:
         bool m_unshared = false; // the entries are just what the rows make of them; unknown before there are any
     };
 
-    /// The seconds of one moment in winter and one in summer.
+    /// A time zone, by the first seconds of a January and a July.
     using Zone = std::array<time_t, 2>;
     class Finder;
 
@@ -104,7 +105,7 @@ private:
 
     Entries m_entries;
     SeenRows m_seen; // by the last lookup, or none; their entries are the cache's, all of them
-    Zone m_zone{};   // in which it read their times
+    Zone m_zone{};   // that their times were read in
     zel::Trace m_trace;
 };
 
