@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <ctime>
 #include <iterator>
 #include <memory>
 #include <random>
@@ -26,6 +27,9 @@ namespace {
 // A dial plan's usual pattern, and one whose beginning tells nothing.
 constexpr const char* kNumber = "'^sip:' || 1000000 + n || '@oryx\\.example'";
 constexpr const char* kNumberInGroup = "'^sips?:(' || 1000000 + n || ')@oryx\\.example'";
+
+constexpr auto kPlain = oryx::SessionOptions::Statements::plain;
+constexpr auto kBound = oryx::SessionOptions::Statements::bound;
 
 /// Maps of seven-digit numbers, each with its own contact set.
 void makeMaps(const server::Database& database, int maps, const char* pattern)
@@ -63,13 +67,14 @@ bool servesItsNumber(oryx::LocationService& service, const std::string& uri)
            contacts.front().address() == "sip:" + uri.substr(4, 7) + "@gateway.oryx.example";
 }
 
-void lookup(benchmark::State& state, const char* pattern)
+void lookup(benchmark::State& state, const char* pattern, oryx::SessionOptions::Statements statements)
 {
     const int maps = static_cast<int>(state.range(0));
     zel::setTraceSink({});
     const server::Database database;
     makeMaps(database, maps, pattern);
     oryx::LocationService service;
+    service.setSessionOptions({.statements = statements});
     service.connect(database.uri().c_str(), server::kUser, server::kPassword);
     const std::string uri = lastUri(maps);
     bool served = servesItsNumber(service, uri); // the first lookup compiles the maps
@@ -82,25 +87,110 @@ void lookup(benchmark::State& state, const char* pattern)
     countPerMap(state);
 }
 
-void rowsByLibpq(benchmark::State& state)
+constexpr const char* kRows =
+    "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
+
+/// The rows by hand.
+class Rows {
+public:
+    Rows(const server::Database& database, bool prepared)
+        : m_connection(PQconnectdb(("host=127.0.0.1 dbname=" + database.name() + " user=" + server::kUser +
+                                    " password=" + server::kPassword)
+                                       .c_str()),
+                       PQfinish),
+          m_prepared(prepared)
+    {
+        PQclear(PQprepare(m_connection.get(), "maps", kRows, 0, nullptr));
+    }
+
+    int fetch()
+    {
+        PGresult* const result = m_prepared
+                                     ? PQexecPrepared(m_connection.get(), "maps", 0, nullptr, nullptr, nullptr, 0)
+                                     : PQexec(m_connection.get(), kRows);
+        const int rows = PQntuples(result);
+        PQclear(result);
+        return rows;
+    }
+
+private:
+    std::unique_ptr<PGconn, void (*)(PGconn*)> m_connection;
+    bool m_prepared;
+};
+
+void rowsByLibpq(benchmark::State& state, bool prepared)
 {
     const server::Database database;
     makeMaps(database, static_cast<int>(state.range(0)), kNumber);
-    const std::unique_ptr<PGconn, void (*)(PGconn*)> connection(
-        PQconnectdb(
-            ("host=127.0.0.1 dbname=" + database.name() + " user=" + server::kUser + " password=" + server::kPassword)
-                .c_str()),
-        PQfinish);
+    Rows rows(database, prepared);
     for (auto _ : state) {
-        PGresult* const result = PQexec(
-            connection.get(),
-            "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ");
-        if (PQntuples(result) != state.range(0)) {
-            state.SkipWithError(PQresultErrorMessage(result));
+        if (rows.fetch() != state.range(0)) {
+            state.SkipWithError("not every map has a row");
         }
-        PQclear(result);
     }
     countPerMap(state);
+}
+
+double seconds(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+/// What work took each time, by two clocks.
+class Durations {
+public:
+    template <typename Work>
+    void time(Work work)
+    {
+        const double cpu = seconds(CLOCK_THREAD_CPUTIME_ID);
+        const double real = seconds(CLOCK_MONOTONIC);
+        work();
+        m_real.push_back(seconds(CLOCK_MONOTONIC) - real);
+        m_cpu.push_back(seconds(CLOCK_THREAD_CPUTIME_ID) - cpu);
+    }
+    double real() { return median(m_real); }
+    double cpu() { return median(m_cpu); }
+
+private:
+    static double median(std::vector<double>& values)
+    {
+        const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+        std::nth_element(values.begin(), middle, values.end());
+        return *middle;
+    }
+
+    std::vector<double> m_real;
+    std::vector<double> m_cpu;
+};
+
+/// What the library adds to fetching the rows: lookups and fetches take turns, so that other work on the machine meets
+/// both alike, and the difference of their medians counts.
+void clientShare(benchmark::State& state, oryx::SessionOptions::Statements statements)
+{
+    const int maps = static_cast<int>(state.range(0));
+    zel::setTraceSink({});
+    const server::Database database;
+    makeMaps(database, maps, kNumber);
+    oryx::LocationService service;
+    service.setSessionOptions({.statements = statements});
+    service.connect(database.uri().c_str(), server::kUser, server::kPassword);
+    Rows rows(database, statements == kBound);
+    const std::string uri = lastUri(maps);
+    bool served = servesItsNumber(service, uri) && rows.fetch() == maps;
+    Durations lookups;
+    Durations fetches;
+    for (auto _ : state) {
+        lookups.time([&] { served = servesItsNumber(service, uri) && served; });
+        fetches.time([&] { served = rows.fetch() == maps && served; });
+    }
+    if (!served) {
+        state.SkipWithError("the last map does not serve its number, or a row is missing");
+    }
+    const auto perMap = [&](double of) { return benchmark::Counter(of / maps); };
+    state.counters["real_per_map"] = perMap(lookups.real() - fetches.real());
+    state.counters["cpu_per_map"] = perMap(lookups.cpu() - fetches.cpu());
 }
 
 void sizes(benchmark::internal::Benchmark* benchmark)
@@ -159,9 +249,13 @@ void worstPattern(benchmark::State& state, bool first)
     state.SetLabel(worst.pattern);
 }
 
-BENCHMARK_CAPTURE(lookup, number, kNumber)->Name("address_map_lookup")->Apply(sizes);
-BENCHMARK_CAPTURE(lookup, number_in_group, kNumberInGroup)->Name("address_map_lookup_in_groups")->Apply(sizes);
-BENCHMARK(rowsByLibpq)->Name("address_map_rows_by_libpq")->Apply(sizes);
+BENCHMARK_CAPTURE(lookup, number, kNumber, kPlain)->Name("address_map_lookup")->Apply(sizes);
+BENCHMARK_CAPTURE(lookup, number_in_group, kNumberInGroup, kPlain)->Name("address_map_lookup_in_groups")->Apply(sizes);
+BENCHMARK_CAPTURE(lookup, number_bound, kNumber, kBound)->Name("address_map_lookup_bound")->Apply(sizes);
+BENCHMARK_CAPTURE(rowsByLibpq, text, false)->Name("address_map_rows_by_libpq")->Apply(sizes);
+BENCHMARK_CAPTURE(rowsByLibpq, prepared, true)->Name("address_map_rows_by_libpq_prepared")->Apply(sizes);
+BENCHMARK_CAPTURE(clientShare, plain, kPlain)->Name("address_map_client_share")->Apply(sizes)->Iterations(100);
+BENCHMARK_CAPTURE(clientShare, bound, kBound)->Name("address_map_client_share_bound")->Apply(sizes)->Iterations(100);
 BENCHMARK_CAPTURE(worstPattern, first, true)
     ->Name("address_map_worst_first")
     ->DenseRange(0, kWorst.size() - 1)

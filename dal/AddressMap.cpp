@@ -13,13 +13,11 @@ bool AddressMap::compile(const char* pattern, time_t modTime)
     }
     const char* const given = pattern != nullptr ? m_pattern.c_str() : ""; // it may have been a part of the text before
     m_trace.prn("compiling expression '%s'", given);
-    m_time = modTime;
+    m_regex.free();
     // To the regular-expression library an empty pattern matches everything; to an operator it is a map not filled in.
-    if (*given == '\0') {
-        m_regex.free();
-        return false;
-    }
-    return m_regex.compile(given, false);
+    const bool valid = *given != '\0' && m_regex.compile(given, false);
+    m_time = modTime; // only now: where memory runs out before, the next attempt compiles again
+    return valid;
 }
 
 bool AddressMap::matches(const char* uri)

@@ -1,11 +1,14 @@
 #include <dal/internal/AddressMapCache.h>
 
+#include <dal/location/LocationRows.h>
+
 #include <VariableSubstitution.h>
 #include <wex/Uri.h>
 
 #include <algorithm>
-#include <ctime>
+#include <cstring>
 #include <unordered_map>
+#include <utility>
 
 namespace oryx {
 
@@ -27,6 +30,28 @@ Hashtable<std::string> partsOf(const wex::Uri& uri)
     return parts;
 }
 
+/// The first second of a month in the zone of the process.
+time_t beginning(int month)
+{
+    constexpr int kYear = 104; // 2004
+    std::tm local{};
+    local.tm_year = kYear;
+    local.tm_mon = month;
+    local.tm_mday = 1;
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
+// The columns that an entry is made of: handle, csid, pattern, modification time. The others are but traced.
+constexpr std::array kMapColumns{2, 3, 4, 5};
+
+/// NULL and empty come to the same in these: a contact set's key, that the maps are joined by, is neither.
+const char* columnText(const Row& row, int column)
+{
+    const char* const text = row.text(column);
+    return text != nullptr ? text : "";
+}
+
 } // namespace
 
 DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const char* uri, const Queries& queries,
@@ -43,14 +68,11 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
         return result;
     }
     const std::string request = uri; // what follows may change whose text it is: a contact's, the ordering, a map's
-    std::vector<AddressMapRecord> records;
-    result = queries.addressMaps(records);
+    result = readTable(queries);
     if (!result.okay()) {
         m_trace.prn(result.getErrorMessage());
         return result;
     }
-    m_trace.prn("result contains %d maps", static_cast<int>(records.size()));
-    bringIntoLine(records);
     const AddressMap* const match = firstMatch(request.c_str());
     if (match == nullptr || match->csid() <= 0) {
         result.setNotFound();
@@ -66,46 +88,131 @@ DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const ch
     return result;
 }
 
-/// Finds the entry of every row of the table without walking the cache for each: rows mostly come in the cache's own
-/// order, so the entry behind the one found last is tried first, and an index serves the others.
+DatabaseResult AddressMapCache::readTable(const Queries& queries)
+{
+    QueryResult rows;
+    DatabaseResult result = queries.addressMaps(rows);
+    if (result.okay()) {
+        m_trace.prn("result contains %d maps", rows.rows());
+        if (!seenBefore(rows)) {
+            bringIntoLine(rows);
+        }
+    }
+    return result;
+}
+
+/// Whether the cache is in line with these rows, and there is nothing to trace of them.
+bool AddressMapCache::seenBefore(const QueryResult& rows)
+{
+    constexpr int kJuly = 6;
+    const Zone former = std::exchange(m_zone, {beginning(0), beginning(kJuly)});
+    if (m_zone != former) {
+        m_seen = SeenRows(); // their times would be read as others now
+    }
+    return !zel::Trace::enabled(zel::TraceKind::prn) && m_seen.areJust(rows);
+}
+
+AddressMapCache::SeenRows::SeenRows(std::size_t rows, const SeenRows& other) : m_unshared(true)
+{
+    m_rows.reserve(rows);
+    m_texts.reserve(other.m_texts.size());
+}
+
+void AddressMapCache::SeenRows::add(const Row& row, Entry& entry)
+{
+    const std::size_t begin = m_texts.size();
+    for (const int column : kMapColumns) {
+        m_texts.append(columnText(row, column)).push_back('\0');
+    }
+    m_rows.push_back({&entry, begin});
+    m_unshared = m_unshared && !entry.shared;
+}
+
+void AddressMapCache::SeenRows::share(Entry& entry)
+{
+    entry.shared = true;
+    m_unshared = false;
+}
+
+bool AddressMapCache::SeenRows::areJust(const QueryResult& rows) const
+{
+    const int count = rows.rows();
+    if (!m_unshared || m_rows.size() != static_cast<std::size_t>(count)) {
+        return false;
+    }
+    int same = 0;
+    while (same < count && sameTexts(static_cast<std::size_t>(same), Row(rows, same))) {
+        ++same;
+    }
+    return same == count;
+}
+
+bool AddressMapCache::SeenRows::unchanged(std::size_t place, const Row& row) const
+{
+    const Entry* const seen = entry(place);
+    // One that is current already has got another row in this lookup.
+    return seen != nullptr && !seen->shared && !seen->current && sameTexts(place, row);
+}
+
+bool AddressMapCache::SeenRows::sameTexts(std::size_t place, const Row& row) const
+{
+    const char* seen = m_texts.c_str() + m_rows[place].texts;
+    for (const int column : kMapColumns) {
+        if (std::strcmp(columnText(row, column), seen) != 0) {
+            return false;
+        }
+        seen += std::strlen(seen) + 1;
+    }
+    return true;
+}
+
+/// Finds the entry of a row without walking the cache for each.
 class AddressMapCache::Finder {
 public:
     explicit Finder(const Entries& entries) : m_entries(entries) {}
 
-    Entry* find(std::string_view key)
+    /// The entry expected, if it has that key.
+    Entry* find(std::string_view key, Entry* expected)
     {
-        if (m_next < m_entries.size() && key == m_entries[m_next]->map.key()) {
-            return m_entries[m_next++].get();
+        if (expected != nullptr && key == expected->map.key()) {
+            return expected;
         }
         for (; m_indexed < m_entries.size(); ++m_indexed) { // those added since the last time, too
-            m_index.emplace(m_entries[m_indexed]->map.key(), m_indexed);
+            Entry* const entry = m_entries[m_indexed].get();
+            m_index.emplace(entry->map.key(), entry);
         }
         const auto found = m_index.find(key);
-        if (found == m_index.end()) {
-            return nullptr;
-        }
-        m_next = found->second + 1;
-        return m_entries[found->second].get();
+        return found != m_index.end() ? found->second : nullptr;
     }
 
 private:
     const Entries& m_entries;
-    std::size_t m_next = 0;
-    std::unordered_map<std::string_view, std::size_t> m_index;
+    std::unordered_map<std::string_view, Entry*> m_index;
     std::size_t m_indexed = 0;
 };
 
-void AddressMapCache::bringIntoLine(const std::vector<AddressMapRecord>& records)
+void AddressMapCache::bringIntoLine(const QueryResult& rows)
 {
+    const bool traced = zel::Trace::enabled(zel::TraceKind::prn); // each row has lines of its own then
+    const SeenRows before = std::exchange(m_seen, SeenRows());    // nothing is seen if this ends early
+    SeenRows now(static_cast<std::size_t>(rows.rows()), before);
     const std::size_t oldEntries = m_entries.size();
     mark();
     Finder finder(m_entries);
-    std::string key;
-    for (const AddressMapRecord& record : records) {
-        key.assign(record.handle()).append("-").append(std::to_string(record.csid()));
-        refresh(record, key, finder);
+    std::size_t next = 0; // where the row was before, as far as the rows are the same
+    for (int i = 0; i < rows.rows(); ++i) {
+        const Row row(rows, i);
+        Entry* entry = before.entry(next);
+        if (traced || !before.unchanged(next, row)) {
+            entry = &refresh(readAddressMap(row), finder, entry);
+        }
+        next = entry->place ? *entry->place + 1 : next;
+        entry->place = static_cast<std::size_t>(i);
+        entry->current = true;
+        now.add(row, *entry);
     }
     sweep(oldEntries);
+    m_seen = std::move(now);
 }
 
 void AddressMapCache::mark()
@@ -116,16 +223,18 @@ void AddressMapCache::mark()
     }
 }
 
-void AddressMapCache::refresh(const AddressMapRecord& record, const std::string& key, Finder& finder)
+AddressMapCache::Entry& AddressMapCache::refresh(const AddressMapRecord& record, Finder& finder, Entry* expected)
 {
+    const std::string key = std::string(record.handle()).append("-").append(std::to_string(record.csid()));
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
         m_trace.prn("tnow is %ld", static_cast<long>(std::time(nullptr)));
         m_trace.prn("key=%s, pat=%s, time=%ld, priority=%d, ordering=%s", key.c_str(), record.pattern().c_str(),
                     record.wholeModTime(), record.priority(), record.ordering().c_str());
     }
-    Entry* entry = finder.find(key);
+    Entry* entry = finder.find(key, expected);
     if (entry != nullptr) {
         m_trace.prn("updating existing map entry for %s", key.c_str());
+        entry->shared = entry->shared || entry->current;
     } else {
         m_trace.prn("adding new map for %s", key.c_str());
         entry = m_entries.emplace_back(std::make_unique<Entry>()).get();
@@ -133,7 +242,7 @@ void AddressMapCache::refresh(const AddressMapRecord& record, const std::string&
     }
     entry->map.compile(record.pattern().c_str(), record.wholeModTime());
     entry->map.setCsid(record.csid());
-    entry->current = true;
+    return *entry;
 }
 
 void AddressMapCache::sweep(std::size_t oldEntries)
@@ -189,28 +298,33 @@ void AddressMapCache::getKeys(std::vector<std::string>& keys) const
     }
 }
 
-AddressMap* AddressMapCache::find(std::string_view key) const
+AddressMap* AddressMapCache::find(std::string_view key)
 {
     const auto found = position(key);
-    return found != m_entries.end() ? &(*found)->map : nullptr;
+    if (found == m_entries.end()) {
+        return nullptr;
+    }
+    m_seen.share(**found);
+    return &(*found)->map;
 }
 
 void AddressMapCache::remove(std::string_view key)
 {
     const auto found = position(key);
     if (found != m_entries.end()) {
+        m_seen = SeenRows();
         m_entries.erase(found);
     }
 }
 
-std::vector<std::unique_ptr<AddressMapCache::Entry>>::const_iterator
-AddressMapCache::position(std::string_view key) const
+AddressMapCache::Entries::iterator AddressMapCache::position(std::string_view key)
 {
     return std::find_if(m_entries.begin(), m_entries.end(), [&](const auto& entry) { return key == entry->map.key(); });
 }
 
 void AddressMapCache::clear()
 {
+    m_seen = SeenRows();
     m_entries.clear();
 }
 

@@ -3,6 +3,7 @@
 #include <dal/SessionOptions.h>
 #include <dal/internal/AddressMapCache.h>
 #include <dal/internal/Call.h>
+#include <dal/location/LocationRows.h>
 
 #include <memory>
 #include <optional>
@@ -78,7 +79,7 @@ DatabaseResult lookupMapped(const std::unique_ptr<Executor>& executor, AddressMa
         call.emplace(frameOf(*executor));
     }
     return cache.lookup(connected, uri,
-                        {[&](std::vector<AddressMapRecord>& maps) { return executor->getAddressMaps(maps); },
+                        {[&](QueryResult& maps) { return fetchAddressMaps(*executor, maps); },
                          [&](int csid) { return executor->lookupContacts(ordering, csid, replaceUri, contacts); }},
                         contacts);
 }

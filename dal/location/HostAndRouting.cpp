@@ -46,16 +46,26 @@ DatabaseResult DatabaseCommandExecutor::getHostInfo(HostInfo& info)
     return outcome;
 }
 
+DatabaseResult fetchAddressMaps(DatabaseCommandExecutor& executor, QueryResult& result)
+{
+    Frame& frame = frameOf(executor);
+    if (!frame.checkConnect()) {
+        return frame.connectionError();
+    }
+    frame.trace.prn("looking up address_maps");
+    DatabaseResult outcome = frame.runForResult(addressMapQuery(), result);
+    if (outcome.okay()) {
+        traceAddressMaps(result, frame.trace);
+    }
+    return outcome;
+}
+
 DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
 {
-    if (!checkConnect()) {
-        return m_frame->connectionError();
-    }
-    m_frame->trace.prn("looking up address_maps");
     QueryResult result;
-    DatabaseResult outcome = m_frame->runForResult(addressMapQuery(), result);
+    DatabaseResult outcome = fetchAddressMaps(*this, result);
     if (outcome.okay()) {
-        readAddressMaps(result, m_frame->trace, maps);
+        readAddressMaps(result, maps);
     }
     return outcome;
 }

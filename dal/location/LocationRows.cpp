@@ -67,19 +67,6 @@ long asLong(time_t seconds)
     return static_cast<long>(std::clamp<long long>(seconds, kMin, kMax));
 }
 
-AddressMapRecord readAddressMap(const Row& row)
-{
-    AddressMapRecord map;
-    map.setOrdering(row.text(0));
-    map.setReplaceUri(row.flag(1, true));
-    map.setHandle(row.text(2));
-    map.setCsid(row.integer(3, map.csid()));
-    map.setPattern(row.text(4));
-    map.setModTime(asLong(convertTime(row.text(5))));
-    map.setPriority(row.integer(6, map.priority()));
-    return map;
-}
-
 /// Fills in a text that nobody can guess, of 64 hexadecimal digits; false if the system gives no random numbers.
 /// Straight from the system, because a suite's own platform libraries need not have any.
 bool makeUnguessable(std::string& text)
@@ -133,14 +120,31 @@ Statement addressMapQuery()
         "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ");
 }
 
-void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<AddressMapRecord>& maps)
+void traceAddressMaps(const QueryResult& result, zel::Trace& trace)
 {
     const int rows = result.rows();
     if (rows == 0) {
         trace.prn("no address maps found");
-        return;
+    } else {
+        trace.prn("found %d address map records", rows);
     }
-    trace.prn("found %d address map records", rows);
+}
+
+AddressMapRecord readAddressMap(const Row& row)
+{
+    AddressMapRecord map;
+    map.setOrdering(row.text(0));
+    map.setReplaceUri(row.flag(1, true));
+    map.setHandle(row.text(2));
+    map.setCsid(row.integer(3, map.csid()));
+    map.setPattern(row.text(4));
+    map.setModTime(asLong(convertTime(row.text(5))));
+    map.setPriority(row.integer(6, map.priority()));
+    return map;
+}
+
+void readAddressMaps(const QueryResult& result, std::vector<AddressMapRecord>& maps)
+{
     forEachRow(result, maps, [&](const Row& row) { maps.push_back(readAddressMap(row)); });
 }
 

@@ -14,6 +14,9 @@
 
 namespace oryx {
 
+class DatabaseCommandExecutor;
+class PresenceDatabaseCommandExecutor;
+
 /// Where a query of contacts with their contact set has its columns, and what its trace calls the replace-URI flag.
 /// Columns 0 and 1 are the set's ordering and that flag.
 struct ContactQuery {
@@ -30,8 +33,16 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
 
 /// Every address map with its contact set, in the order of priority.
 Statement addressMapQuery();
-/// Appends the address maps of a successful `addressMapQuery`.
-void readAddressMaps(const QueryResult& result, zel::Trace& trace, std::vector<AddressMapRecord>& maps);
+///@{
+/// Runs it, up to the trace of how many there are, as that executor's `getAddressMaps` does.
+DatabaseResult fetchAddressMaps(DatabaseCommandExecutor& executor, QueryResult& result);
+DatabaseResult fetchAddressMaps(PresenceDatabaseCommandExecutor& executor, QueryResult& result);
+///@}
+void traceAddressMaps(const QueryResult& result, zel::Trace& trace);
+/// One of its rows.
+AddressMapRecord readAddressMap(const Row& row);
+/// Appends all of them.
+void readAddressMaps(const QueryResult& result, std::vector<AddressMapRecord>& maps);
 
 /// The subscriber whom an address of record belongs to: sid, auth_user_id, oid, s_type, auth_type, s_password, active.
 Statement subscriberQuery(const char* handle, const char* domain);

@@ -157,16 +157,26 @@ DatabaseResult PresenceDatabaseCommandExecutor::getCsidFromContactId(int contact
                       sql("SELECT csid FROM contact WHERE contact_id='{}';", contactId), csid);
 }
 
-DatabaseResult PresenceDatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
+DatabaseResult fetchAddressMaps(PresenceDatabaseCommandExecutor& executor, QueryResult& result)
 {
+    Frame& frame = frameOf(executor);
     DatabaseResult outcome;
-    if (!m_frame->begin(nullptr, {}, outcome)) {
+    if (!frame.begin(nullptr, {}, outcome)) {
         return outcome;
     }
-    m_frame->trace.prn("looking up address_maps");
+    frame.trace.prn("looking up address_maps");
+    if (frame.fetch(addressMapQuery(), result, outcome)) {
+        traceAddressMaps(result, frame.trace);
+    }
+    return outcome;
+}
+
+DatabaseResult PresenceDatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
+{
     QueryResult result;
-    if (m_frame->fetch(addressMapQuery(), result, outcome)) {
-        readAddressMaps(result, m_frame->trace, maps);
+    DatabaseResult outcome = fetchAddressMaps(*this, result);
+    if (outcome.okay()) {
+        readAddressMaps(result, maps);
     }
     return outcome;
 }

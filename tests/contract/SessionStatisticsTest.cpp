@@ -59,10 +59,11 @@ TEST(ConnectionStatistics, CountWhatIsAskedForAgain)
     oryx::DatabaseConnection connection;
     connection.connect("oryx", "u", "p");
     connection.reset();
+    libpq.errorMessage("no server\n");
     libpq.resetsTo({CONNECTION_BAD});
     connection.reset();
     EXPECT_EQ(show(connection.getStatistics()),
-              "2 connects, 1 failures, 0 losses, 0 repetitions, 0 refusals, 0 late: unspecified error");
+              "2 connects, 1 failures, 0 losses, 0 repetitions, 0 refusals, 0 late: no server");
 }
 
 template <typename Executor>

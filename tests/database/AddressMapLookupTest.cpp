@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -76,6 +77,19 @@ protected:
                     zone + "')::bigint || ', priority=' || priority || ', ordering=sequential' FROM address_map");
     }
 };
+
+/// How a plan that was run reads its tables.
+std::string scans(const std::string& plan)
+{
+    std::string text;
+    std::istringstream lines(plan);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(" Scan ") != std::string::npos) {
+            text += line.substr(line.find_first_not_of(" ->")) + "\n";
+        }
+    }
+    return text;
+}
 
 const std::string kNone = "not found - replacing";
 
@@ -262,4 +276,29 @@ TEST_F(AddressMaps, ServeOverANewConnectionWhenTheirsWasTerminated)
     EXPECT_EQ(served("sip:3@oryx.example"), "okay sequential replacing sip:3@sales");
     EXPECT_EQ(served("sip:2@oryx.example"), kNone);
     EXPECT_EQ(keys(), "[sales-12]");
+}
+
+TEST_F(AddressMaps, ReadNoContactSetsButTheirOwnAmongAMillion)
+{
+    const std::string statement =
+        "SELECT contact_set.ordering,  contact_set.replace_uri, address_map.handle, address_map.csid,  address_map.pattern, address_map.modification_time, address_map.priority  FROM contact_set, address_map  WHERE address_map.csid = contact_set.csid  ORDER BY address_map.priority ASC; ";
+    const std::string explain = "EXPLAIN (ANALYZE, COSTS OFF, TIMING OFF, SUMMARY OFF) ";
+    sql("SET session_replication_role = replica;"
+        "INSERT INTO contact_set (csid) SELECT generate_series(100, 1000099);"
+        "ANALYZE contact_set;"
+        "PREPARE maps AS " +
+        statement);
+    for (const std::string maps : {"10", "1000", "10000"}) {
+        sql("TRUNCATE address_map; INSERT INTO address_map (handle, csid, pattern, priority)"
+            "    SELECT 'map' || n, 100 + n * 97 % 1000000, 'sip:' || n, n FROM generate_series(1, " +
+            maps + ") n; ANALYZE address_map");
+        const std::string proportional = "Seq Scan on address_map (actual rows=" + maps +
+                                         " loops=1)\n"
+                                         "Index Scan using contact_set_pkey on contact_set (actual rows=1 loops=" +
+                                         maps + ")\n";
+        EXPECT_EQ(scans(rows(explain + statement)), proportional);
+        for (int i = 1; i <= 7; ++i) { // planned anew, as long as the server thinks that worth its while
+            EXPECT_EQ(scans(rows(explain + "EXECUTE maps")), proportional) << "execution " << i;
+        }
+    }
 }

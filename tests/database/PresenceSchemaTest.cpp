@@ -146,7 +146,7 @@ const std::vector<Search>
         {"SELECT * FROM conf_state ;", ""},
         {"SELECT * FROM conf_state WHERE (conf_status ~* 'use');", ""},
         {"SELECT * FROM conf_state WHERE NOT (conf_status ~* 'use');", ""},
-        {"select * from select_all_valid_conf_ext;", "conf_state read whole extension_conference"},
+        {"select * from select_all_valid_conf_ext;", "conf_state_pkey extension_conference"},
         {"select extension, conf_status from select_all_obsolete_conf_ext_not_in_use;",
          "conf_state read whole extension_conference"},
         {"select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;",

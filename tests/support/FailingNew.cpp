@@ -1,12 +1,15 @@
 #include "support/FailingNew.h"
 
 #include <cstdlib>
+#include <limits>
 #include <new>
 #include <utility>
 
 namespace {
 
-thread_local bool plainFails = false;
+constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
+thread_local std::size_t plainNews = 0;
+thread_local std::size_t failingNew = kNever;
 thread_local bool nothrowFails = false;
 
 void* allocate(std::size_t size)
@@ -18,7 +21,22 @@ void* allocate(std::size_t size)
 
 void failNextNew()
 {
-    plainFails = true;
+    failNewAfter(0);
+}
+
+void failNewAfter(std::size_t news)
+{
+    failingNew = plainNews + news;
+}
+
+void failNoNew()
+{
+    failingNew = kNever;
+}
+
+std::size_t newsSoFar()
+{
+    return plainNews;
 }
 
 void failNextNothrowNew()
@@ -28,7 +46,7 @@ void failNextNothrowNew()
 
 void* operator new(std::size_t size)
 {
-    void* const memory = std::exchange(plainFails, false) ? nullptr : allocate(size);
+    void* const memory = plainNews++ == failingNew ? nullptr : allocate(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 

@@ -61,6 +61,8 @@ public:
 
     /// The next PQexec without a reply queued fails the test and gives no result.
     void replies(std::vector<Reply> replies);
+    /// Those queued are not handed out any more.
+    void dropReplies() { m_replies.clear(); }
     /// Every connection attempt from now on ends with this status; a bad one also sets the message.
     void connectsWith(ConnStatusType status, const std::string& message = "");
     /// PQconnectdb gives a null pointer.
