@@ -7,6 +7,8 @@
 
 #include <sys/time.h>
 
+#include <utility>
+
 namespace oryx {
 
 namespace {
@@ -118,10 +120,10 @@ DatabaseResult LocationService::registerContacts(int key, std::vector<ContactRec
         }
         Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            transaction.statements.push_back(sql(
+            transaction.add(
                 "INSERT INTO contact(address,csid,qvalue,expires,permanent,capabilities,contact_header,call_id,cseq,id)  VALUES('{}',(SELECT csid FROM public_address where public_address_id = {}), '{}',{},'{}','{}','{}','{}','{}', 1); ",
                 contact.address(), key, contact.qvalue(), contact.expires(), contact.permanent(),
-                contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq()));
+                contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq());
         }
         return concluded(commit(transaction));
     });
@@ -136,13 +138,13 @@ DatabaseResult LocationService::unregisterContacts(int key, std::vector<ContactR
         }
         Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            transaction.statements.push_back(sql(
+            transaction.add(
                 "DELETE FROM contact WHERE address = '{}' AND csid = (SELECT csid FROM public_address where id = {}); ",
-                contact.address(), key));
+                contact.address(), key);
         }
-        const DatabaseResult result = commit(transaction, "executing: ");
+        DatabaseResult result = commit(transaction, "executing: ");
         m_trace.prn(result.okay() ? "execute okay" : "execute failed");
-        return concluded(result);
+        return concluded(std::move(result));
     });
 }
 
@@ -155,10 +157,10 @@ DatabaseResult LocationService::updateContacts(int key, std::vector<ContactRecor
         m_trace.prn("updateContacts invoked for key=%d", key);
         Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            transaction.statements.push_back(sql(
+            transaction.add(
                 "UPDATE contact SET contact_header = '{}', expires = {}, call_id = '{}', cseq = '{}', qvalue = '{}', capabilities = '{}' WHERE csid = (SELECT csid FROM public_address where id = {}) AND address = '{}' ;",
                 contact.contactHeader(), contact.expires(), contact.callId(), contact.cseq(), contact.qvalue(),
-                contact.capabilities(), key, contact.address()));
+                contact.capabilities(), key, contact.address());
             traceText(transaction);
         }
         return concluded(commit(transaction));
@@ -179,7 +181,7 @@ DatabaseResult LocationService::commit(Transaction& transaction, const char* pre
     return frameOf(*m_exec).execute(transaction);
 }
 
-DatabaseResult LocationService::concluded(const DatabaseResult& result)
+DatabaseResult LocationService::concluded(DatabaseResult result)
 {
     if (!result.okay() && !frameOf(*m_exec).bound()) {
         m_exec->execute("ROLLBACK");

@@ -197,7 +197,7 @@ private:
     /// Sends a transaction that is complete, and traces its text behind the prefix.
     DatabaseResult commit(Transaction& transaction, const char* prefix = "");
     /// Rolls a failed transaction back, so that none stays open on the connection; its result passes through.
-    DatabaseResult concluded(const DatabaseResult& result);
+    DatabaseResult concluded(DatabaseResult result);
 
     void traceRules(const std::vector<DomainAccess>& rules);
     bool internalAllowed(const HostInfo& info, std::vector<DomainAccess>& rules, std::string& host);

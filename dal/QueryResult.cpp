@@ -13,7 +13,9 @@ const std::string QueryResult::SQL_INTEGRITY_CONSTRAINT_VIOLATION = "23000";
 
 QueryResult::~QueryResult()
 {
-    setResult(nullptr);
+    if (m_result != nullptr) {
+        PQclear(m_result);
+    }
 }
 
 void QueryResult::setResult(PGresult* pres)
@@ -22,6 +24,8 @@ void QueryResult::setResult(PGresult* pres)
         PQclear(m_result);
     }
     m_result = pres;
+    m_rows = pres != nullptr ? PQntuples(pres) : 0;
+    m_columns = pres != nullptr ? PQnfields(pres) : 0;
     m_refusal.clear();
 }
 
@@ -44,16 +48,6 @@ bool QueryResult::failed() const
     return status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK;
 }
 
-int QueryResult::rows() const
-{
-    return m_result != nullptr ? PQntuples(m_result) : 0;
-}
-
-int QueryResult::columns() const
-{
-    return m_result != nullptr ? PQnfields(m_result) : 0;
-}
-
 int QueryResult::updateCount() const
 {
     const char* const count = m_result != nullptr ? PQcmdTuples(m_result) : nullptr;
@@ -63,11 +57,6 @@ int QueryResult::updateCount() const
 const char* QueryResult::getColumnName(int col) const
 {
     return col >= 0 && col < columns() ? PQfname(m_result, col) : nullptr;
-}
-
-bool QueryResult::contains(int row, int col) const
-{
-    return row >= 0 && row < rows() && col >= 0 && col < columns();
 }
 
 const char* QueryResult::getValue(int row, int col) const

@@ -45,9 +45,9 @@ public:
     bool failed() const;
 
     /// Rows of the result; 0 without one.
-    int rows() const;
+    int rows() const { return m_rows; }
     /// Columns of the result; 0 without one.
-    int columns() const;
+    int columns() const { return m_columns; }
     /// Rows that the command changed (or selected); 0 without a result.
     int updateCount() const;
 
@@ -69,9 +69,11 @@ public:
     int getErrorCode(std::string& s) const;
 
 private:
-    bool contains(int row, int col) const;
+    bool contains(int row, int col) const { return row >= 0 && row < m_rows && col >= 0 && col < m_columns; }
 
     PGresult* m_result = nullptr;
+    int m_rows = 0;
+    int m_columns = 0;
     std::string m_refusal; // why the statement was not sent, if it was not
     std::string m_refusalState;
     // The connection's own channel: an operator follows a statement and its result as one story. Mutable, because a

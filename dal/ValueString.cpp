@@ -4,6 +4,11 @@ namespace oryx {
 
 namespace {
 
+// What most statements need, in bytes.
+constexpr std::size_t kUsualColumns = 12;
+constexpr std::size_t kUsualNames = 150;
+constexpr std::size_t kUsualValues = 500;
+
 void separate(std::string& list)
 {
     if (list.size() != 1) {
@@ -12,6 +17,15 @@ void separate(std::string& list)
 }
 
 } // namespace
+
+ValueString::ValueString()
+{
+    m_names.reserve(kUsualNames);
+    m_names = '(';
+    m_values.reserve(kUsualValues);
+    m_values = '(';
+    m_places.reserve(kUsualColumns);
+}
 
 void ValueString::addName(const char* nm)
 {

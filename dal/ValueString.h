@@ -29,6 +29,9 @@ struct ValuePlace {
 /// \ingroup core
 class ORYX_EXPORT ValueString {
 public:
+    /// Empty, with room for the columns of most tables.
+    ValueString();
+
     /// Adds a column; null is an empty name.
     void addName(const char* nm);
     /// Adds a value: a quoted text, or NULL for a null pointer.
@@ -64,8 +67,8 @@ private:
 
     void addNumber(const char* nm, const std::string& digits);
 
-    std::string m_names = "(";
-    std::string m_values = "(";
+    std::string m_names;
+    std::string m_values;
     std::vector<detail::ValuePlace> m_places;
 };
 

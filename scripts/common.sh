@@ -7,7 +7,7 @@ readonly kBuildPackages=(
     postgresql
 )
 readonly kTestPackages=(
-    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck
+    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind
 )
 
 logs=$PWD/build/logs

@@ -1,64 +1,63 @@
 #include <dal/internal/Statement.h>
 
-#include <algorithm>
-
 namespace oryx {
+
+/// Writes texts behind each other into one that is as long as all of them from the start: what building a statement
+/// costs is little more than the copying.
+class Splicer {
+public:
+    explicit Splicer(std::size_t size) : m_out(size, '\0'), m_next(m_out.data()) {}
+
+    Splicer& add(std::string_view text)
+    {
+        m_next += text.copy(m_next, text.size());
+        return *this;
+    }
+
+    /// Adds a fixed text with each of its gaps filled by its value.
+    void add(std::string_view text, std::span<const std::uint16_t> gaps, const SqlValue* value)
+    {
+        std::size_t begin = 0;
+        for (const std::size_t gap : gaps) {
+            add(text.substr(begin, gap - begin)).add((value++)->text());
+            begin = gap + kGap.size();
+        }
+        add(text.substr(begin));
+    }
+
+    std::string take() { return std::move(m_out); }
+
+private:
+    std::string m_out;
+    char* m_next;
+};
 
 namespace {
 
-/// Takes what stands before the next gap, and the gap.
-std::string_view takeUntilGap(std::string_view& text)
+std::size_t sizeOf(std::span<const SqlValue> values)
 {
-    const std::size_t gap = text.find(kGap);
-    const std::string_view before = text.substr(0, gap);
-    text.remove_prefix(gap + kGap.size());
-    return before;
-}
-
-/// Room for so much more, however often a text is added to.
-void makeRoom(std::string& out, std::size_t more)
-{
-    const std::size_t needed = out.size() + more;
-    if (needed > out.capacity()) {
-        out.reserve(std::max(needed, 2 * out.capacity()));
-    }
-}
-
-} // namespace
-
-namespace detail {
-
-std::size_t splicedSize(std::string_view text, std::span<const SqlValue> values)
-{
-    std::size_t size = text.size();
+    std::size_t size = 0;
     for (const SqlValue& value : values) {
         size += value.text().size();
     }
     return size;
 }
 
-void splice(std::string& out, std::string_view text, std::span<const SqlValue> values)
-{
-    for (const SqlValue& value : values) {
-        out.append(takeUntilGap(text)).append(value.text());
-    }
-    out.append(text);
-}
+} // namespace
 
-} // namespace detail
-
-void Statement::add(std::string_view text, std::span<const SqlValue> values)
+std::string detail::splice(std::string_view text, std::span<const std::uint16_t> gaps, std::span<const SqlValue> values)
 {
-    m_parts.at(m_partCount++) = text;
-    for (const SqlValue& value : values) {
-        m_values.at(m_valueCount++) = value;
-    }
+    Splicer splicer(text.size() + sizeOf(values) - kGap.size() * gaps.size());
+    splicer.add(text, gaps, values.data());
+    return splicer.take();
 }
 
 const std::string& Statement::text()
 {
     if (m_text.empty()) {
-        appendTo(m_text);
+        Splicer splicer(m_size);
+        spliceInto(splicer);
+        m_text = splicer.take();
     }
     return m_text;
 }
@@ -69,34 +68,33 @@ std::string Statement::takeText()
     return std::move(m_text);
 }
 
-void Statement::appendTo(std::string& out) const
+void Statement::spliceInto(Splicer& splicer) const
 {
     if (m_lists) {
-        spliceLists(out);
+        spliceLists(splicer);
         return;
     }
-    std::size_t size = detail::splicedSize({}, values());
-    for (const std::string_view part : parts()) {
-        size += part.size();
-    }
-    makeRoom(out, size);
-    std::span<const SqlValue> rest = values();
-    for (const std::string_view part : parts()) {
-        const std::size_t gaps = gapsOf(part);
-        detail::splice(out, part, rest.first(gaps));
-        rest = rest.subspan(gaps);
+    std::size_t first = 0;
+    for (std::size_t part = 0; part < m_partCount; ++part) {
+        const std::size_t gaps = m_partGaps[part];
+        splicer.add(m_parts[part], {m_gaps.data() + first, gaps}, m_values.data() + first);
+        first += gaps;
     }
 }
 
-void Statement::spliceLists(std::string& out) const
+void Statement::spliceLists(Splicer& splicer) const
 {
-    std::string_view text = m_parts.front();
-    const bool insertion = gapsOf(text) == 2;
-    makeRoom(out, text.size() + m_lists->nameList().size() + m_lists->valueList().size() + 2);
-    if (insertion) {
-        out.append(takeUntilGap(text)).append(m_lists->nameList()).append(")");
+    const std::string_view text = m_parts.front();
+    std::size_t begin = 0;
+    if (hasColumnList()) {
+        splicer.add(text.substr(0, m_gaps.front())).add(m_lists->nameList()).add(")");
+        begin = m_gaps.front() + kGap.size();
     }
-    out.append(takeUntilGap(text)).append(m_lists->valueList()).append(")").append(text);
+    const std::size_t values = m_gaps.at(m_gapCount - 1);
+    splicer.add(text.substr(begin, values - begin))
+        .add(m_lists->valueList())
+        .add(")")
+        .add(text.substr(values + kGap.size()));
 }
 
 std::size_t gapsOf(std::string_view text)
@@ -110,11 +108,17 @@ std::size_t gapsOf(std::string_view text)
 
 std::string Transaction::text() const
 {
-    std::string text(begin);
+    std::size_t size = begin.size() + commit.size();
     for (const Statement& statement : statements) {
-        statement.appendTo(text);
+        size += statement.size();
     }
-    return text.append(commit);
+    Splicer splicer(size);
+    splicer.add(begin);
+    for (const Statement& statement : statements) {
+        statement.spliceInto(splicer);
+    }
+    splicer.add(commit);
+    return splicer.take();
 }
 
 } // namespace oryx

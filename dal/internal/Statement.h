@@ -2,13 +2,17 @@
 
 #include <dal/ValueString.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -17,7 +21,10 @@
 
 namespace oryx {
 
-/// A statement's fixed text, checked while compiling to hold one "{}" for each value.
+/// Where a value goes in a fixed text.
+inline constexpr std::string_view kGap = "{}";
+
+/// A statement's fixed text, checked while compiling to hold one "{}" for each value; where they stand is known then.
 template <typename... Values>
 class SqlText {
 public:
@@ -25,26 +32,33 @@ public:
     // NOLINTNEXTLINE(google-explicit-constructor): the literal itself is the argument
     consteval SqlText(const char (&text)[Size]) : m_text(text, Size - 1)
     {
+        static_assert(Size <= std::numeric_limits<std::uint16_t>::max());
         std::size_t gaps = 0;
-        for (std::size_t at = m_text.find("{}"); at != std::string_view::npos; at = m_text.find("{}", at + 2)) {
+        for (std::size_t at = m_text.find(kGap); at != std::string_view::npos;
+             at = m_text.find(kGap, at + kGap.size())) {
+            if (gaps < m_gaps.size()) {
+                m_gaps[gaps] = static_cast<std::uint16_t>(at);
+            }
             ++gaps;
         }
-        if (gaps != sizeof...(Values)) {
+        if (gaps != m_gaps.size()) {
             throw "a statement needs one {} for each of its values"; // never runs: it stops the compiler
         }
     }
 
     std::string_view text() const { return m_text; }
+    std::span<const std::uint16_t> gaps() const { return m_gaps; }
 
 private:
     std::string_view m_text;
+    std::array<std::uint16_t, sizeof...(Values)> m_gaps{};
 };
 
 /// One value of a statement: a text as it stands (null as an empty one), or a whole number in decimal. Refers to the
 /// caller's text, which ends in a NUL.
 class SqlValue {
 public:
-    SqlValue() : m_text("") {}
+    SqlValue() = default;
     explicit SqlValue(const std::string& text) : m_text(text.c_str()), m_length(text.size()) {}
     explicit SqlValue(const char* text) : m_text(text != nullptr ? text : ""), m_length(std::string_view(m_text).size())
     {
@@ -62,16 +76,14 @@ public:
 
 private:
     const char* m_text; // null for a number
-    std::size_t m_length = 0;
+    std::size_t m_length;
     std::array<char, std::numeric_limits<unsigned long long>::digits10 + 3> m_digits;
 };
 
 namespace detail {
 
-/// Appends a fixed text with each "{}" replaced by its value.
-void splice(std::string& out, std::string_view text, std::span<const SqlValue> values);
-/// How long that is at most.
-std::size_t splicedSize(std::string_view text, std::span<const SqlValue> values);
+/// A fixed text with each "{}" replaced by its value.
+std::string splice(std::string_view text, std::span<const std::uint16_t> gaps, std::span<const SqlValue> values);
 
 } // namespace detail
 
@@ -79,56 +91,81 @@ std::size_t splicedSize(std::string_view text, std::span<const SqlValue> values)
 template <typename... Values>
 std::string spliced(std::type_identity_t<SqlText<Values...>> text, const Values&... values)
 {
-    const std::array<SqlValue, sizeof...(Values)> given{SqlValue(values)...};
-    std::string out;
-    out.reserve(detail::splicedSize(text.text(), given));
-    detail::splice(out, text.text(), given);
-    return out;
+    return detail::splice(text.text(), text.gaps(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
 }
 
-/// Where a value goes in a fixed text.
-inline constexpr std::string_view kGap = "{}";
-/// The number of them in a text.
+/// The number of gaps in a text.
 std::size_t gapsOf(std::string_view text);
 
 /// Whether a value given so outlives the call it is given to: a text that is made for it does not.
 template <typename Value>
 inline constexpr bool outlivesTheCall = !std::is_same_v<std::remove_cv_t<Value>, std::string>;
 
+class Splicer;
+
 /// One statement: its fixed texts and its values, not yet joined. How they are sent is the connection's business.
 ///
 /// Refers to the caller's values, so it is used up before the operation that made it returns.
 class Statement {
 public:
-    /// A fixed text with one value for each "{}".
-    explicit Statement(std::string_view text, std::span<const SqlValue> values = {}) { add(text, values); }
-    /// A fixed text whose last "{}" is a value list, and the one before, if there is one, its column list.
-    Statement(std::string_view text, ValueString&& lists) : m_lists(std::move(lists)), m_parts{text}, m_partCount(1) {}
+    /// A fixed text with one value for each of its gaps.
+    template <typename... Values>
+    explicit Statement(std::string_view text, std::span<const std::uint16_t> gaps, const Values&... values)
+    {
+        add(text, gaps, values...);
+    }
+    /// A fixed text whose last gap is for a value list, and the one before, if there is one, for its column list.
+    Statement(std::string_view text, std::span<const std::uint16_t> gaps, ValueString&& lists)
+        : m_lists(std::move(lists))
+    {
+        addText(text, gaps);
+        m_size += m_lists->valueList().size() + 1 + (hasColumnList() ? m_lists->nameList().size() + 1 : 0);
+    }
 
     /// Appends a further text with its values.
     template <typename... Values>
     Statement& append(std::type_identity_t<SqlText<std::remove_cvref_t<Values>...>> text, Values&&... values)
     {
         static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
-        add(text.text(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
+        add(text.text(), text.gaps(), values...);
         return *this;
     }
 
     /// The whole text, its values spliced in unescaped; one allocation, made at the first call.
     const std::string& text();
-    /// Appends the whole text.
-    void appendTo(std::string& out) const;
     /// The whole text, handed over.
     std::string takeText();
+    /// How long it is.
+    std::size_t size() const { return m_size; }
+    /// Adds it to a longer one.
+    void spliceInto(Splicer& splicer) const;
 
     /// What stays the same whatever the values are: the fixed texts, and the columns of the lists.
     std::span<const std::string_view> parts() const { return {m_parts.data(), m_partCount}; }
-    std::span<const SqlValue> values() const { return {m_values.data(), m_valueCount}; }
+    std::span<const SqlValue> values() const { return {m_values.data(), m_lists ? 0 : m_gapCount}; }
     const ValueString* lists() const { return m_lists ? &*m_lists : nullptr; }
 
 private:
-    void add(std::string_view text, std::span<const SqlValue> values);
-    void spliceLists(std::string& out) const;
+    template <typename... Values>
+    void add(std::string_view text, std::span<const std::uint16_t> gaps, const Values&... values)
+    {
+        std::size_t next = m_gapCount;
+        addText(text, gaps); // makes sure that there is room
+        ((m_size += std::construct_at(&m_values[next++], values)->text().size()), ...);
+    }
+    void addText(std::string_view text, std::span<const std::uint16_t> gaps)
+    {
+        if (m_partCount == kMostParts || gaps.size() > kMostValues - m_gapCount) {
+            throw std::length_error("a statement of more parts than any of the library needs");
+        }
+        m_partGaps[m_partCount] = static_cast<std::uint8_t>(gaps.size());
+        m_parts[m_partCount++] = text;
+        std::copy(gaps.begin(), gaps.end(), m_gaps.begin() + static_cast<std::ptrdiff_t>(m_gapCount));
+        m_gapCount += gaps.size();
+        m_size += text.size() - kGap.size() * gaps.size();
+    }
+    void spliceLists(Splicer& splicer) const;
+    bool hasColumnList() const { return m_gapCount == 2; }
 
     // The most that any statement of the library needs.
     static constexpr std::size_t kMostParts = 10;
@@ -136,9 +173,12 @@ private:
 
     std::optional<ValueString> m_lists;
     std::array<std::string_view, kMostParts> m_parts;
+    std::array<std::uint8_t, kMostParts> m_partGaps;
     std::size_t m_partCount = 0;
     std::array<SqlValue, kMostValues> m_values;
-    std::size_t m_valueCount = 0;
+    std::array<std::uint16_t, kMostValues> m_gaps; // each in its part
+    std::size_t m_gapCount = 0;
+    std::size_t m_size = 0;
     std::string m_text;
 };
 
@@ -147,19 +187,19 @@ template <typename... Values>
 Statement sql(std::type_identity_t<SqlText<Values...>> text, Values&&... values)
 {
     static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
-    return Statement(text.text(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
+    return Statement(text.text(), text.gaps(), values...);
 }
 
 /// An INSERT: the text has a "{}" for the column list and one for the value list.
 inline Statement insertion(SqlText<ValueString, ValueString> text, ValueString&& columns)
 {
-    return {text.text(), std::move(columns)};
+    return {text.text(), text.gaps(), std::move(columns)};
 }
 
 /// A call of a stored function: the text has a "{}" for the argument list.
 inline Statement call(SqlText<ValueString> text, ValueString&& arguments)
 {
-    return {text.text(), std::move(arguments)};
+    return {text.text(), text.gaps(), std::move(arguments)};
 }
 
 /// Statements that take effect together or not at all.
@@ -167,6 +207,14 @@ struct Transaction {
     std::string_view begin;
     std::vector<Statement> statements;
     std::string_view commit;
+
+    /// Adds a statement of a fixed text and its values.
+    template <typename... Values>
+    void add(std::type_identity_t<SqlText<Values...>> text, Values&&... values)
+    {
+        static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
+        statements.emplace_back(text.text(), text.gaps(), values...);
+    }
 
     /// All of it as one text.
     std::string text() const;

@@ -16,9 +16,8 @@ namespace oryx {
 namespace {
 
 /// Reads a contact from address, q-value, expiry, capabilities, header, Call-ID, CSeq and type, in this order.
-ContactRecord readContact(const Row& row, int first)
+void readContact(const Row& row, int first, ContactRecord& contact)
 {
-    ContactRecord contact;
     contact.setAddress(row.text(first));
     contact.setQvalue(row.text(first + 1));
     contact.setExpires(row.number(first + 2, contact.expires()));
@@ -27,20 +26,18 @@ ContactRecord readContact(const Row& row, int first)
     contact.setCallId(row.text(first + 5));
     contact.setCseq(row.number(first + 6, contact.cseq()));
     contact.setType(row.text(first + 7));
-    return contact;
 }
 
 /// And from permanent flag, contact key, contact set key and path vector, which follow.
-ContactRecord readWholeContact(const Row& row, int first)
+void readWholeContact(const Row& row, int first, ContactRecord& contact)
 {
-    ContactRecord contact = readContact(row, first);
+    readContact(row, first, contact);
     if (const char* const permanent = row.text(first + 8); permanent != nullptr) {
         contact.setPermanent(*permanent);
     }
     contact.setContactid(row.integer(first + 9, contact.contactid()));
     contact.setCsid(row.integer(first + 10, contact.csid()));
     contact.setPathVector(row.text(first + 11));
-    return contact;
 }
 
 /// Reads the contact set from the first row; false when its subscriber is inactive.
@@ -107,10 +104,8 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
         outcome.setNotFound();
         return outcome;
     }
-    forEachRow(result, contacts, [&](const Row& row) {
-        contacts.push_back(query.whole ? readWholeContact(row, query.firstContactColumn)
-                                       : readContact(row, query.firstContactColumn));
-    });
+    const auto read = query.whole ? readWholeContact : readContact;
+    forEachRow(result, contacts, [&](const Row& row) { read(row, query.firstContactColumn, contacts.emplace_back()); });
     return outcome;
 }
 

@@ -66,6 +66,20 @@ unsigned decided()
     return wanted.load(std::memory_order_relaxed);
 }
 
+/// Part of every call, so that one costs a load and a comparison while tracing is off.
+inline bool goesAnywhere(TraceKind kind) noexcept
+{
+    unsigned kinds = wanted.load(std::memory_order_relaxed);
+    if (kinds == kUndecided) [[unlikely]] {
+        try {
+            kinds = decided();
+        } catch (...) {
+            return false;
+        }
+    }
+    return (kinds & bit(kind)) != 0;
+}
+
 std::shared_ptr<const TraceSink> currentSink()
 {
     Current& state = current();
@@ -119,20 +133,12 @@ TraceSink setTraceSink(TraceSink sink)
 
 bool Trace::enabled(TraceKind kind) noexcept
 {
-    unsigned kinds = wanted.load(std::memory_order_relaxed);
-    if (kinds == kUndecided) {
-        try {
-            kinds = decided();
-        } catch (...) {
-            return false;
-        }
-    }
-    return (kinds & bit(kind)) != 0;
+    return goesAnywhere(kind);
 }
 
 void Trace::prn(const char* format, ...) const
 {
-    if (enabled(TraceKind::prn)) {
+    if (goesAnywhere(TraceKind::prn)) {
         va_list arguments;
         va_start(arguments, format);
         emitFormatted(m_channel, TraceKind::prn, format, arguments);
@@ -142,7 +148,7 @@ void Trace::prn(const char* format, ...) const
 
 void Trace::prn(const std::string& text) const
 {
-    if (!enabled(TraceKind::prn)) {
+    if (!goesAnywhere(TraceKind::prn)) {
         return;
     }
     try {
@@ -153,7 +159,7 @@ void Trace::prn(const std::string& text) const
 
 void Trace::log(const char* format, ...) const
 {
-    if (enabled(TraceKind::log)) {
+    if (goesAnywhere(TraceKind::log)) {
         va_list arguments;
         va_start(arguments, format);
         emitFormatted(m_channel, TraceKind::log, format, arguments);
