@@ -40,7 +40,10 @@ void DbcNoticeProcessor(void* arg, const char* message)
 
 DatabaseConnection::DatabaseConnection() : DatabaseConnection(SessionOptions::fromEnvironment()) {}
 
-DatabaseConnection::DatabaseConnection(const SessionOptions& options) : m_options(options) {}
+DatabaseConnection::DatabaseConnection(const SessionOptions& options, int interruption)
+    : m_options(options), m_interruption(interruption)
+{
+}
 
 DatabaseConnection::~DatabaseConnection()
 {
@@ -54,14 +57,14 @@ bool DatabaseConnection::connect(const char* uri, const char* user, const char* 
     }
     const std::string cs = connectionString(uri, user, password);
     m_trace.prn(cs);
-    if (zel::Trace::enabled(zel::TraceKind::log)) {
+    if (zel::Trace::enabled(zel::TraceKind::log) && !listens()) { // a listener tells once, and connects often
         tellWhatIsIgnored(uri, user);
     }
-    if (m_options.statements == SessionOptions::Statements::bound) {
-        m_bound = std::make_unique<BoundSession>(m_options.deadline);
+    if (m_options.statements == SessionOptions::Statements::bound || listens()) {
+        m_bound = std::make_unique<BoundSession>(m_options.deadline, m_interruption);
         m_connectionString = cs;
         beginOperation();
-        return resetBound();
+        return connectBound();
     }
     m_conn = PQconnectdb(cs.c_str());
     return connected();
@@ -134,6 +137,9 @@ bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
 
 bool DatabaseConnection::execute(Statement& statement, QueryResult& result)
 {
+    if (m_bound && !bound()) {
+        return executeBound(statement.takeText(), result);
+    }
     return m_bound ? executeBound({&statement, 1}, result) : run(statement.takeText(), result);
 }
 
@@ -144,7 +150,7 @@ bool DatabaseConnection::execute(const Transaction& transaction, QueryResult& re
 
 const std::string& DatabaseConnection::textOf(Statement& statement)
 {
-    return m_bound ? m_bound->textOf(statement) : statement.text();
+    return bound() ? m_bound->textOf(statement) : statement.text();
 }
 
 std::string DatabaseConnection::textOf(const Transaction& transaction)

@@ -8,7 +8,8 @@ bool Frame::connect(const char* uri, const char* user, const char* password)
 {
     sqlState.clear();
     connection.reset();
-    connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment()));
+    connection.reset(new (std::nothrow)
+                         DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(), interruption));
     if (!connection) {
         return error("failed to allocate connection object");
     }
