@@ -98,6 +98,14 @@ bool DatabaseConnection::resetBound()
     if (m_connectionString.empty()) {
         return error("no connection to reset");
     }
+    if (listens()) {
+        return error(); // why this one is lost
+    }
+    return connectBound();
+}
+
+bool DatabaseConnection::connectBound()
+{
     if (m_conn != nullptr) {
         drop();
     }
@@ -111,7 +119,9 @@ bool DatabaseConnection::resetBound()
 /// The server is told to stop, and the connection given up: what it may still answer is nobody's any more.
 bool DatabaseConnection::tooLate()
 {
-    BoundSession::cancel(m_conn);
+    if (!listens()) { // what a listener asks for is short and changes nothing
+        BoundSession::cancel(m_conn);
+    }
     return givenUp();
 }
 

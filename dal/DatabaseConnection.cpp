@@ -49,8 +49,8 @@ DatabaseConnection::DatabaseConnection()
 {
 }
 
-DatabaseConnection::DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter)
-    : m_options(options), m_meter(std::move(meter))
+DatabaseConnection::DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter, int interruption)
+    : m_options(options), m_interruption(interruption), m_meter(std::move(meter))
 {
 }
 
@@ -66,14 +66,14 @@ bool DatabaseConnection::connect(const char* uri, const char* user, const char* 
     }
     const std::string cs = connectionString(uri, user, password);
     m_trace.prn(cs);
-    if (zel::Trace::enabled(zel::TraceKind::log)) {
+    if (zel::Trace::enabled(zel::TraceKind::log) && !listens()) { // a listener tells once, and connects often
         tellWhatIsIgnored(uri, user);
     }
-    if (m_options.statements == SessionOptions::Statements::bound) {
-        m_bound = std::make_unique<BoundSession>(m_options.deadline);
+    if (m_options.statements == SessionOptions::Statements::bound || listens()) {
+        m_bound = std::make_unique<BoundSession>(m_options.deadline, m_interruption);
         m_connectionString = cs;
         beginOperation();
-        return resetBound();
+        return connectBound();
     }
     m_conn = PQconnectdb(cs.c_str());
     return connected();
@@ -181,6 +181,9 @@ bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
 
 bool DatabaseConnection::execute(Statement& statement, QueryResult& result)
 {
+    if (m_bound && !bound()) {
+        return executeBound(statement.takeText(), result);
+    }
     return m_bound ? executeBound({&statement, 1}, result) : run(statement.takeText(), result);
 }
 
@@ -191,7 +194,7 @@ bool DatabaseConnection::execute(const Transaction& transaction, QueryResult& re
 
 const std::string& DatabaseConnection::textOf(Statement& statement)
 {
-    return m_bound ? m_bound->textOf(statement) : statement.text();
+    return bound() ? m_bound->textOf(statement) : statement.text();
 }
 
 std::string DatabaseConnection::textOf(const Transaction& transaction)

@@ -5,6 +5,7 @@
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -17,6 +18,7 @@ using PGresult = pg_result;
 namespace oryx {
 
 class BoundSession;
+class Deadline;
 class Meter;
 class QueryResult;
 class Statement;
@@ -86,7 +88,7 @@ public:
     /// later ones wait for that long each, or for further input. A connection that is lost while it subscribes is reset
     /// and has then lost the subscriptions before. True when the wait has ended; the caller looks at `active()` for the
     /// reason. False when a subscription fails (earlier ones stay), when a signal interrupts the wait, or when the
-    /// connection's socket is numbered 65,536 or above.
+    /// connection's socket is numbered 65,536 or above. A `ChangeListener` has none of these limits.
     bool waitOnListen(TableChangeCallback handleAdminChangeGlobal);
 
     /// The reason of the last failure; empty after a success.
@@ -105,9 +107,12 @@ public:
 
 private:
     friend class Frame;
+    friend class ListeningConnection;
 
-    // Not connected; sends as it is told, and counts there.
-    DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter);
+    // Not connected; sends as it is told, and counts there. With a descriptor it is a listener's: whatever it waits for
+    // ends when the descriptor has input or the server has said nothing for the time of the deadline, in both ways of
+    // sending, and it is never made anew, since a new one has no subscriptions.
+    DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter, int interruption = -1);
     // The library's own statements, sent as the options say: as one text, or bound. A bound one that the server
     // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
     bool execute(Statement& statement, QueryResult& result);
@@ -116,7 +121,14 @@ private:
     const std::string& textOf(Statement& statement);
     std::string textOf(const Transaction& transaction);
     // Whether values travel apart from the text.
-    bool bound() const { return m_bound != nullptr; }
+    bool bound() const { return m_bound != nullptr && m_options.statements == SessionOptions::Statements::bound; }
+    bool listens() const { return m_interruption >= 0; }
+    // Of a listener's: waits for input; false when there is none.
+    bool awaitInput(const Deadline& deadline);
+    // Of a listener's: hands over channel and payload of all notifications that have arrived; false when the
+    // connection is lost.
+    using NotificationTaker = std::function<void(const char* channel, const char* payload)>;
+    bool takeNotifications(const NotificationTaker& take);
     // An operation begins: the deadline, if there is one, counts from now.
     void beginOperation();
     bool m_inOperation = false; // the owner says when one begins
@@ -140,6 +152,7 @@ private:
     bool executeBound(const std::string& text, QueryResult& result);
     template <typename Send>
     bool runBound(Send send, QueryResult& result);
+    bool connectBound();
     bool received(Sent&& sent, QueryResult& result);
     bool resetBound();
     bool tooLate();
@@ -149,8 +162,9 @@ private:
     PGconn* m_conn = nullptr;
     unsigned m_generation = 0; // of the process that the connection was made in
     SessionOptions m_options;
+    int m_interruption = -1;
     std::string m_connectionString;        // of a bound connection, which is made anew instead of being reset
-    std::unique_ptr<BoundSession> m_bound; // null while values are spliced into the text
+    std::unique_ptr<BoundSession> m_bound; // null where statements are sent plain, but for a listener's
     std::shared_ptr<Meter> m_meter;
     std::string m_errorMsg;
     zel::Trace m_trace{"DatabaseConnection"};

@@ -3,6 +3,7 @@
 #include <dal/DatabaseConnection.h>
 
 #include <dal/internal/BoundSession.h>
+#include <dal/internal/NotifierTables.h>
 #include <dal/internal/Statement.h>
 
 #include <libpq-fe.h>
@@ -10,6 +11,7 @@
 #include <sys/select.h>
 
 #include <array>
+#include <chrono>
 #include <climits>
 #include <memory>
 
@@ -17,13 +19,12 @@ namespace oryx {
 
 namespace {
 
-/// Every table whose changes the servers follow, in the order in which they are subscribed. A channel has its table's
-/// name.
-constexpr std::array kNotifierTables{
-    "acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
-    "subscriber", "contact_set", "sip_event_aggregator"};
-
 constexpr time_t kIdleSeconds = 5;
+
+/// While notifications keep arriving, those so far are handed on after so long.
+constexpr std::chrono::milliseconds kLongestTaking(50);
+
+using Notification = std::unique_ptr<PGnotify, void (*)(void*)>;
 
 /// A server with many calls open has descriptors beyond the 1,024 that an fd_set ends at; the system itself reads as
 /// many bits as it is told.
@@ -159,7 +160,7 @@ bool DatabaseConnection::waitForInput()
 bool DatabaseConnection::handOn(TableChangeCallback callback)
 {
     PQconsumeInput(m_conn);
-    const std::unique_ptr<PGnotify, void (*)(void*)> notification(PQnotifies(m_conn), PQfreemem);
+    const Notification notification(PQnotifies(m_conn), PQfreemem);
     if (!notification) {
         return callback(false, "");
     }
@@ -170,6 +171,30 @@ bool DatabaseConnection::handOn(TableChangeCallback callback)
         m_trace.log("notifier table has no name!");
     }
     return false;
+}
+
+// What a listener's connection does instead (ListeningConnection)
+
+bool DatabaseConnection::awaitInput(const Deadline& deadline)
+{
+    return m_bound->awaitInput(m_conn, deadline);
+}
+
+/// Takes everything that has arrived, and what arrives meanwhile; but comes to an end where it does not end.
+bool DatabaseConnection::takeNotifications(const NotificationTaker& take)
+{
+    const Deadline end(kLongestTaking);
+    bool more = true;
+    while (more && !end.passed() && PQconsumeInput(m_conn) != 0) {
+        more = false;
+        while (const Notification notification{PQnotifies(m_conn), PQfreemem}) {
+            if (notification->relname != nullptr) {
+                take(notification->relname, notification->extra);
+            }
+            more = true;
+        }
+    }
+    return PQstatus(m_conn) == CONNECTION_OK || error();
 }
 
 } // namespace oryx

@@ -137,14 +137,31 @@ int Deadline::pollTimeout() const
 }
 
 /// Waits until the socket is ready; false when the deadline passes first.
-bool BoundSession::await(PGconn* connection, short events) const
+bool BoundSession::await(PGconn* connection, short events)
 {
-    pollfd socket{PQsocket(connection), events, 0};
-    if (socket.fd < 0) {
+    const bool ready = await(connection, events, m_deadline);
+    if (ready && m_interruption >= 0) {
+        begin();
+    }
+    return ready;
+}
+
+bool BoundSession::awaitInput(PGconn* connection, const Deadline& deadline) const
+{
+    return await(connection, POLLIN, deadline);
+}
+
+bool BoundSession::await(PGconn* connection, short events, const Deadline& deadline) const
+{
+    std::array<pollfd, 2> sockets{{{PQsocket(connection), events, 0}, {m_interruption, POLLIN, 0}}};
+    if (sockets[0].fd < 0) {
         return true; // lost already: libpq says so without waiting, and poll(2) would ignore it
     }
-    while (!m_deadline.passed()) {
-        const int ready = poll(&socket, 1, m_deadline.pollTimeout());
+    while (!deadline.passed()) {
+        const int ready = poll(sockets.data(), m_interruption >= 0 ? 2 : 1, deadline.pollTimeout());
+        if (sockets[1].revents != 0) {
+            return false;
+        }
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
             return true; // what went wrong with the socket is libpq's to find out
         }

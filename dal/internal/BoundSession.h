@@ -60,9 +60,12 @@ struct Sent {
 /// effect together or not at all.
 class BoundSession {
 public:
-    /// The deadline is held to what poll(2) can wait for; one below zero is none.
-    explicit BoundSession(std::chrono::milliseconds deadline)
-        : m_duration(std::clamp(deadline, std::chrono::milliseconds(0),
+    /// The deadline is held to what poll(2) can wait for; one below zero is none. With a descriptor for interruption,
+    /// whatever is waited for counts as late when that has input, and the deadline is for silence: it counts anew
+    /// whenever the server is heard of.
+    explicit BoundSession(std::chrono::milliseconds deadline, int interruption = -1)
+        : m_interruption(interruption),
+          m_duration(std::clamp(deadline, std::chrono::milliseconds(0),
                                 std::chrono::milliseconds(std::numeric_limits<int>::max())))
     {
     }
@@ -85,6 +88,8 @@ public:
     bool rollback(PGconn* connection);
     /// Whether the server answers, within a deadline of its own.
     bool answers(PGconn* connection);
+    /// Waits for input; false when the deadline passes first, or with an interruption.
+    bool awaitInput(PGconn* connection, const Deadline& deadline) const;
 
     /// Asks the server, beside the connection, to stop what it is doing for it; waits for nothing.
     static void cancel(PGconn* connection);
@@ -104,8 +109,10 @@ private:
     Sent forget(PGconn* connection, const char* text);
     bool flush(PGconn* connection);
     bool next(PGconn* connection, Result& result);
-    bool await(PGconn* connection, short events) const;
+    bool await(PGconn* connection, short events);
+    bool await(PGconn* connection, short events, const Deadline& deadline) const;
 
+    int m_interruption;
     std::chrono::milliseconds m_duration;
     Deadline m_deadline;
     std::unordered_map<std::string, BoundText> m_texts; // by key; as many as the library has statements

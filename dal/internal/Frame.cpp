@@ -8,8 +8,8 @@ bool Frame::connect(const char* uri, const char* user, const char* password)
 {
     sqlState.clear();
     connection.reset();
-    connection.reset(new (std::nothrow)
-                         DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(), meter));
+    connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(),
+                                                           meter, interruption));
     if (!connection) {
         return error("failed to allocate connection object");
     }

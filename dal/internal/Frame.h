@@ -243,6 +243,7 @@ public:
 
     std::unique_ptr<DatabaseConnection> connection; ///< Null until the first `connect`.
     std::optional<SessionOptions> options;          ///< For the next `connect`; none: the environment's.
+    int interruption = -1;                          ///< For the next `connect`, where it is a listener's.
     std::shared_ptr<Meter> meter;                   ///< Counts for all connections; may be others' too.
     std::string errorText;                          ///< The reason of the last failure.
     std::string sqlState;     ///< Of the last failure; empty unless the server refused a statement.

@@ -3,6 +3,7 @@
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <dal/internal/Frame.h>
+#include <dal/presence/ChangeLog.h>
 #include <dal/presence/SqlCommand.h>
 
 namespace oryx {
@@ -87,20 +88,26 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
                                                                       const std::string& since,
                                                                       std::vector<DatabaseUpdate>& updates)
 {
+    return readChangeLog(*m_frame, tableName, since, updates);
+}
+
+DatabaseResult readChangeLog(Frame& frame, const std::string& tableName, const std::string& since,
+                             std::vector<DatabaseUpdate>& updates)
+{
     DatabaseResult outcome;
-    if (!m_frame->begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
+    if (!frame.begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
         return outcome;
     }
     const std::string table = copied(tableName.c_str()); // each update repeats it, and it may be an update's text
     Statement statement = changesQuery(table, since);
-    m_frame->traceText(statement, "sql: ");
+    frame.traceText(statement, "sql: ");
     QueryResult result;
-    outcome = m_frame->runForResult(statement, result);
+    outcome = frame.runForResult(statement, result);
     if (!outcome.okay()) {
         return outcome;
     }
     const int rows = result.rows();
-    m_frame->trace.prn("retrieved %d rows", rows);
+    frame.trace.prn("retrieved %d rows", rows);
     if (rows == 0) {
         outcome.setNotFound();
     }
@@ -112,9 +119,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
         readText(row, 1, text);
         readText(row, 2, timestamp);
         const DatabaseUpdate& update = updates.emplace_back(table, leadingInt(number.c_str()), text, "", timestamp);
-        m_frame->trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ",
-                           update.relation_name().c_str(), update.intpkey(), update.strpkey().c_str(),
-                           update.cmd().c_str(), update.timestamp().c_str());
+        frame.trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ", update.relation_name().c_str(),
+                        update.intpkey(), update.strpkey().c_str(), update.cmd().c_str(), update.timestamp().c_str());
     });
     return outcome;
 }

@@ -1,6 +1,7 @@
 // The code of docs/guide.md, compiled: each block of the guide stands here as it is there.
 
 #include <Crypt.h>
+#include <dal/ChangeListener.h>
 #include <dal/DatabaseCommandExecutor.h>
 #include <dal/LocationService.h>
 #include <dal/PresenceService.h>
@@ -19,6 +20,11 @@
 #include <vector>
 
 namespace guide {
+
+// What the guide leaves to the server.
+void readWhole(const std::string& /*table*/) {}
+void readRow(const std::string& /*table*/, int /*number*/, const std::string& /*text*/) {}
+void keep(const oryx::ChangePosition& /*position*/) {}
 
 void bindStatements(oryx::LocationService& service)
 {
@@ -145,6 +151,45 @@ bool mayGoOut(oryx::LocationService& service, const std::string& user, const std
 
 std::atomic<bool> shuttingDown = false;
 std::atomic<bool> subscribersChanged = false;
+
+void watchTables(oryx::ChangeListener& listener)
+{
+    listener.run([](const oryx::ChangeSet& changes) {
+        for (const oryx::ChangedTable& table : changes.tables) { // all of them after every connection
+            if (table.name == "subscriber") {
+                subscribersChanged = true; // the workers read what they keep of it again, with their own services
+            }
+        }
+    });
+}
+
+std::atomic<oryx::ChangeListener*> listening = nullptr;
+
+void onTerminate(int /*signal*/)
+{
+    if (oryx::ChangeListener* const listener = listening) {
+        listener->stop(); // the run that is under way returns within 100 ms
+    }
+}
+
+void followLog(const oryx::ChangePosition& position)
+{
+    oryx::ChangeListenerOptions options;
+    options.followLog = true;
+    options.position = position;
+    oryx::ChangeListener listener("postgresql://db.oryx.example/oryx", "events1", "secret", options);
+    listener.run([](const oryx::ChangeSet& changes) {
+        for (const oryx::ChangedTable& table : changes.tables) {
+            if (table.readAgain) {
+                readWhole(table.name);
+            }
+            for (const oryx::DatabaseUpdate& row : table.rows) {
+                readRow(table.name, row.intpkey(), row.strpkey());
+            }
+        }
+        keep(changes.position); // what is not kept comes again after the next start
+    });
+}
 
 bool onTableChange(bool changed, const std::string& table)
 {

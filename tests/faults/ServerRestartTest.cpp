@@ -1,12 +1,16 @@
 #include "support/DatabaseTest.h"
 #include "support/Show.h"
 
+#include <dal/ChangeListener.h>
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <semaphore>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -123,4 +127,30 @@ TEST_F(ServerRestart, IsToldAsAConnectionErrorUntilTheServerIsBack)
     EXPECT_EQ(registerAll({kB}), "okay");
     lookAgain();
     EXPECT_EQ(addresses(), kA + "|2000000000\n" + kB + "|2000000000\n");
+}
+
+TEST_F(ServerRestart, IsSurvivedByAListenerWhichTellsToReadEverything)
+{
+    using Signal = std::counting_semaphore<>;
+    constexpr std::chrono::seconds kPatience(60);
+    Signal everything(0);
+    Signal changed(0);
+    oryx::ChangeListener listener(m_database.uri(), server::kUser, server::kPassword);
+    auto running = std::async(std::launch::async, [&] {
+        return show(listener.run(
+            [&](const oryx::ChangeSet& changes) { (changes.everything ? everything : changed).release(); }));
+    });
+    EXPECT_TRUE(everything.try_acquire_for(kPatience));
+    for (const char* const mode : {"fast", "immediate"}) {
+        m_server.restart(mode);
+        EXPECT_TRUE(everything.try_acquire_for(kPatience)) << mode;
+        lookAgain();
+        sql("NOTIFY acp");
+        EXPECT_TRUE(changed.try_acquire_for(kPatience)) << mode;
+    }
+    m_server.stop("fast");
+    listener.stop();
+    EXPECT_EQ(running.get(), "okay");
+    m_server.start();
+    lookAgain();
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <regex>
 #include <stdexcept>
 #include <utility>
 
@@ -15,6 +16,8 @@ struct pg_conn {
     ConnStatusType status;
     PQnoticeProcessor noticeProcessor;
     void* noticeArgument;
+    bool starting;    // nothing was sent on it yet
+    PGresult* answer; // to what was sent
 };
 
 namespace fake {
@@ -132,13 +135,16 @@ void Libpq::errorMessage(std::optional<std::string> message)
     m_error = std::move(message);
 }
 
-Libpq::Notification::Notification(const std::optional<std::string>& channel) : PGnotify(), name(channel.value_or(""))
+Libpq::Notification::Notification(const std::optional<std::string>& channel, std::string text)
+    : PGnotify(), name(channel.value_or("")), payload(std::move(text))
 {
     relname = channel ? name.data() : nullptr;
+    extra = payload.data();
 }
 
 void Libpq::notifies(const std::vector<std::optional<std::string>>& channels)
 {
+    const std::lock_guard lock(m_mutex);
     for (const auto& channel : channels) {
         m_notifications.push_back(std::make_unique<Notification>(channel));
     }
@@ -147,6 +153,11 @@ void Libpq::notifies(const std::vector<std::optional<std::string>>& channels)
 void Libpq::socket(int number)
 {
     m_socket = number;
+}
+
+void Libpq::echoes()
+{
+    m_echoes = true;
 }
 
 void Libpq::notice(const char* message)
@@ -210,14 +221,30 @@ PGconn* Libpq::connect(const char* conninfo)
     if (m_connectsToNothing) {
         return nullptr;
     }
-    return m_open.emplace_back(std::make_unique<PGconn>(PGconn{m_connectStatus, nullptr, nullptr})).get();
+    return m_open.emplace_back(std::make_unique<PGconn>(PGconn{m_connectStatus, nullptr, nullptr, false, nullptr}))
+        .get();
+}
+
+PGconn* Libpq::start(const char* conninfo)
+{
+    const std::lock_guard lock(m_mutex);
+    record("start", conninfo);
+    return m_open.emplace_back(std::make_unique<PGconn>(PGconn{m_connectStatus, nullptr, nullptr, true, nullptr}))
+        .get();
+}
+
+PostgresPollingStatusType Libpq::poll(const PGconn* conn)
+{
+    const std::lock_guard lock(m_mutex);
+    return open(conn).status == CONNECTION_OK ? PGRES_POLLING_OK : PGRES_POLLING_FAILED;
 }
 
 ConnStatusType Libpq::statusOf(const PGconn* conn)
 {
     const std::lock_guard lock(m_mutex);
     const PGconn& connection = open(conn);
-    EXPECT_NE(connection.noticeProcessor, nullptr) << "until it is installed, notices go to standard error";
+    EXPECT_TRUE(connection.starting || connection.noticeProcessor != nullptr)
+        << "until it is installed, notices go to standard error";
     return connection.status;
 }
 
@@ -250,11 +277,14 @@ void Libpq::setNoticeProcessor(const PGconn* conn, PQnoticeProcessor processor, 
     connection.noticeArgument = arg;
 }
 
-PGresult* Libpq::exec(const PGconn* conn, const char* statement)
+PGresult* Libpq::exec(const PGconn* conn, const char* statement, const char* call)
 {
     const std::lock_guard lock(m_mutex);
-    record("exec", statement);
+    record(call, statement);
     open(conn);
+    if (echoed(statement)) {
+        return result(rows({{""}}));
+    }
     if (m_replies.empty()) {
         ADD_FAILURE() << "no reply is scripted for: " << statement;
         return nullptr;
@@ -262,6 +292,34 @@ PGresult* Libpq::exec(const PGconn* conn, const char* statement)
     Reply reply = std::move(m_replies.front());
     m_replies.pop_front();
     return reply.null ? nullptr : result(std::move(reply));
+}
+
+void Libpq::send(const PGconn* conn, const char* statement)
+{
+    PGresult* const answer = exec(conn, statement, "send");
+    const std::lock_guard lock(m_mutex);
+    PGconn& connection = open(conn);
+    EXPECT_NE(connection.noticeProcessor, nullptr) << "until it is installed, notices go to standard error";
+    connection.starting = false;
+    connection.answer = answer;
+    connection.status = answer != nullptr ? connection.status : CONNECTION_BAD;
+}
+
+PGresult* Libpq::nextResult(const PGconn* conn)
+{
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(open(conn).answer, nullptr);
+}
+
+bool Libpq::echoed(const std::string& statement)
+{
+    static const std::regex kNotify("SELECT pg_notify\\('([^']*)', '([^']*)'\\);");
+    std::smatch match;
+    if (!m_echoes || !std::regex_match(statement, match, kNotify)) {
+        return false;
+    }
+    m_notifications.push_back(std::make_unique<Notification>(match[1].str(), match[2].str()));
+    return true;
 }
 
 void Libpq::clear(PGresult* result)
@@ -327,6 +385,47 @@ extern "C" {
 PGconn* PQconnectdb(const char* conninfo)
 {
     return fake::current->connect(conninfo);
+}
+
+PGconn* PQconnectStart(const char* conninfo)
+{
+    return fake::current->start(conninfo);
+}
+
+PostgresPollingStatusType PQconnectPoll(PGconn* conn)
+{
+    return fake::current->poll(conn);
+}
+
+int PQsetnonblocking(PGconn* /*conn*/, int /*arg*/)
+{
+    return 0;
+}
+
+int PQsendQuery(PGconn* conn, const char* query)
+{
+    fake::current->send(conn, query);
+    return 1;
+}
+
+int PQflush(PGconn* /*conn*/)
+{
+    return 0;
+}
+
+int PQisBusy(PGconn* /*conn*/)
+{
+    return 0;
+}
+
+PGresult* PQgetResult(PGconn* conn)
+{
+    return fake::current->nextResult(conn);
+}
+
+PGTransactionStatusType PQtransactionStatus(const PGconn* /*conn*/)
+{
+    return PQTRANS_IDLE;
 }
 
 ConnStatusType PQstatus(const PGconn* conn)

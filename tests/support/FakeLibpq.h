@@ -79,13 +79,16 @@ public:
     void notifies(const std::vector<std::optional<std::string>>& channels);
     /// What PQsocket gives from now on; without it, a descriptor that always has input.
     void socket(int number);
+    /// Every pg_notify that is sent is answered, and told of by PQnotifies, from whichever connection.
+    void echoes();
     /// Has the server send a notice through the processor installed on the connection opened last.
     void notice(const char* message);
     /// A result as PQexec gives it.
     PGresult* result(Reply reply);
 
     /// What was called since the last take, a line each: "connect STRING", "notices", "exec STATEMENT", "reset",
-    /// "consume", "notifies", "finish". PQstatus, PQsocket and the reading of results are not recorded.
+    /// "consume", "notifies", "finish", and of a connection that nobody waits for, "start STRING" and "send STATEMENT".
+    /// PQstatus, PQsocket and the reading of results are not recorded.
     std::string take();
     /// The statements sent since the last take, without the other calls.
     std::vector<std::string> takeStatements();
@@ -99,7 +102,11 @@ public:
     void finish(const PGconn* conn);
     const char* lastError() const { return m_error ? m_error->c_str() : nullptr; }
     void setNoticeProcessor(const PGconn* conn, PQnoticeProcessor processor, void* arg);
-    PGresult* exec(const PGconn* conn, const char* statement);
+    PGresult* exec(const PGconn* conn, const char* statement, const char* call = "exec");
+    PGconn* start(const char* conninfo);
+    PostgresPollingStatusType poll(const PGconn* conn);
+    void send(const PGconn* conn, const char* statement);
+    PGresult* nextResult(const PGconn* conn);
     void clear(PGresult* result);
     int socketOf(const PGconn* conn);
     void consumeInput(const PGconn* conn);
@@ -113,13 +120,15 @@ private:
     };
 
     struct Notification : PGnotify {
-        explicit Notification(const std::optional<std::string>& channel);
+        explicit Notification(const std::optional<std::string>& channel, std::string payload = "");
 
         std::string name;
+        std::string payload;
     };
 
     std::vector<Call> takeCalls();
     void record(const char* call, const char* text = "");
+    bool echoed(const std::string& statement);
     PGconn& open(const PGconn* conn);
 
     std::mutex m_mutex;
@@ -130,6 +139,7 @@ private:
     std::deque<std::unique_ptr<Notification>> m_notifications;
     std::vector<std::unique_ptr<Notification>> m_handedOut;
     std::optional<int> m_socket;
+    bool m_echoes = false;
     std::vector<std::unique_ptr<PGconn>> m_open;
     std::size_t m_leftOpen = 0;
     int m_nullsCleared = 0;

@@ -133,6 +133,12 @@ void Proxy::swallow(bool swallowing)
     m_swallowing = swallowing;
 }
 
+void Proxy::lend(bool lending)
+{
+    const std::lock_guard lock(m_mutex);
+    m_lending = lending;
+}
+
 void Proxy::serve()
 {
     while (!m_stop) {
@@ -168,6 +174,7 @@ void Proxy::accept()
     Link link;
     link.client = Socket(::accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     link.server = newSocket();
+    link.lent = m_lending;
     const sockaddr_in address = loopback(static_cast<std::uint16_t>(std::stoi(server::port())));
     if (::connect(link.server.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         m_links.push_back(std::move(link));
@@ -183,8 +190,41 @@ void Proxy::forward(Link& link, bool fromClient)
     if (size < 0 && errno == EAGAIN) {
         return;
     }
-    link.open = link.open && size > 0 && !isLost(link, fromClient, bytes[0]) &&
-                (m_swallowing || sendAll(to, bytes.data(), static_cast<std::size_t>(size)));
+    link.open = link.open && size > 0 && !isLost(link, fromClient, bytes[0]);
+    if (!link.open || m_swallowing) {
+        return;
+    }
+    std::string passed(bytes.data(), static_cast<std::size_t>(size));
+    if (fromClient) {
+        link.asked = true;
+    } else if (link.lent) {
+        passed = withoutUnasked(link, passed);
+    }
+    link.open = sendAll(to, passed.data(), passed.size());
+}
+
+std::string Proxy::withoutUnasked(Link& link, std::string_view bytes)
+{
+    constexpr std::size_t kHead = 5; // a message's type, and its length without that
+    std::string passed;
+    link.partial += bytes;
+    while (link.partial.size() >= kHead) {
+        std::size_t size = 0;
+        for (std::size_t i = 1; i < kHead; ++i) {
+            size = size << 8U | static_cast<unsigned char>(link.partial.at(i));
+        }
+        ++size;
+        if (link.partial.size() < size) {
+            break;
+        }
+        const char type = link.partial.front();
+        if (type != 'A' || link.asked) {
+            passed.append(link.partial, 0, size);
+        }
+        link.asked = link.asked && type != 'Z'; // the server is ready for the next
+        link.partial.erase(0, size);
+    }
+    return passed;
 }
 
 bool Proxy::isLost(Link& link, bool fromClient, char first)

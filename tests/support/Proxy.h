@@ -8,6 +8,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -54,6 +55,9 @@ public:
     void refuse(bool refusing);
     /// Whatever is sent from now on gets nowhere, and nobody is told; or it arrives again.
     void swallow(bool swallowing);
+    /// Connections that are made from now on hear notifications only with an answer, as through a pooler that lends
+    /// sessions by the transaction; or they hear all again.
+    void lend(bool lending);
 
 private:
     struct Link {
@@ -62,6 +66,9 @@ private:
         bool answered = false; // the client's next bytes begin a message: it waits for every answer
         bool loseAnswer = false;
         bool open = true;
+        bool lent = false;
+        bool asked = true;   // it waits for an answer, or to be let in
+        std::string partial; // the beginning of a message from the server
     };
 
     void serve();
@@ -69,6 +76,7 @@ private:
     void accept();
     void forward(Link& link, bool fromClient);
     bool isLost(Link& link, bool fromClient, char first);
+    static std::string withoutUnasked(Link& link, std::string_view bytes);
 
     Socket m_reservation; // bound and never listening: keeps the port while nobody listens
     std::uint16_t m_port;
@@ -76,6 +84,7 @@ private:
     std::list<Link> m_links;
     std::deque<Loss> m_losses;
     bool m_swallowing = false;
+    bool m_lending = false;
     std::mutex m_mutex;
     std::atomic<bool> m_stop = false;
     std::thread m_thread;

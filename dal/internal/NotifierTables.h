@@ -1,0 +1,13 @@
+#pragma once
+
+#include <array>
+
+namespace oryx {
+
+/// Every table whose changes the servers follow, in the order in which they are subscribed and told. A channel has its
+/// table's name.
+inline constexpr std::array kNotifierTables{
+    "acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
+    "subscriber", "contact_set", "sip_event_aggregator"};
+
+} // namespace oryx
