@@ -15,7 +15,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 namespace oryx {
@@ -220,7 +219,9 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
     }
     const Measured measured(*m_meter);
     m_trace.prn("executing query");
-    cmd.resize(std::min(cmd.size(), cmd.find('\0'))); // what is sent ends there
+    if (const std::size_t nul = cmd.find('\0'); nul != std::string::npos) {
+        cmd.resize(nul); // what is sent ends there
+    }
     result.setSqlCommand(std::move(cmd));
     const char* const statement = result.getSqlCommand().c_str();
     PGresult* received = PQexec(m_conn, statement);

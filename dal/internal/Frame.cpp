@@ -160,8 +160,11 @@ bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outc
 bool Frame::fetch(Statement statement, QueryResult& result, DatabaseResult& outcome)
 {
     traceText(statement);
-    outcome = runForResult(statement, result);
-    return outcome.okay();
+    const Run ended = run(statement, result);
+    if (ended != Run::okay) {
+        outcome = resultOf(ended);
+    }
+    return ended == Run::okay;
 }
 
 const std::string& Frame::textOf(Statement& statement) const

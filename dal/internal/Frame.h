@@ -179,7 +179,7 @@ public:
     /// The first half of every operation: its trace, connection and arguments. An operation without a trace text has
     /// traced by itself, or does not.
     bool begin(const char* operation, Refusals refusals, DatabaseResult& outcome);
-    /// Traces a query and runs it.
+    /// Traces a query and runs it; `outcome` is changed by a failure alone.
     bool fetch(Statement statement, QueryResult& result, DatabaseResult& outcome);
 
     /// A query for any number of rows; `append` is called for each. `rowsTrace` is a format for their number.

@@ -55,17 +55,21 @@ std::string detail::splice(std::string_view text, std::span<const std::uint16_t>
 const std::string& Statement::text()
 {
     if (m_text.empty()) {
-        Splicer splicer(m_size);
-        spliceInto(splicer);
-        m_text = splicer.take();
+        m_text = spliced();
     }
     return m_text;
 }
 
 std::string Statement::takeText()
 {
-    text();
-    return std::move(m_text);
+    return m_text.empty() ? spliced() : std::move(m_text);
+}
+
+std::string Statement::spliced() const
+{
+    Splicer splicer(m_size);
+    spliceInto(splicer);
+    return splicer.take();
 }
 
 void Statement::spliceInto(Splicer& splicer) const
@@ -75,10 +79,9 @@ void Statement::spliceInto(Splicer& splicer) const
         return;
     }
     std::size_t first = 0;
-    for (std::size_t part = 0; part < m_partCount; ++part) {
-        const std::size_t gaps = m_partGaps[part];
-        splicer.add(m_parts[part], {m_gaps.data() + first, gaps}, m_values.data() + first);
-        first += gaps;
+    for (const SqlPart& part : parts()) {
+        splicer.add(part, {m_gaps.data() + first, part.gaps}, m_values.data() + first);
+        first += part.gaps;
     }
 }
 

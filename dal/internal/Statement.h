@@ -103,6 +103,16 @@ inline constexpr bool outlivesTheCall = !std::is_same_v<std::remove_cv_t<Value>,
 
 class Splicer;
 
+/// One of a statement's fixed texts.
+struct SqlPart {
+    const char* text;
+    std::uint16_t size;
+    std::uint8_t gaps; // how many it has
+
+    // NOLINTNEXTLINE(google-explicit-constructor): it is a text
+    operator std::string_view() const { return {text, size}; }
+};
+
 /// One statement: its fixed texts and its values, not yet joined. How they are sent is the connection's business.
 ///
 /// Refers to the caller's values, so it is used up before the operation that made it returns.
@@ -141,7 +151,7 @@ public:
     void spliceInto(Splicer& splicer) const;
 
     /// What stays the same whatever the values are: the fixed texts, and the columns of the lists.
-    std::span<const std::string_view> parts() const { return {m_parts.data(), m_partCount}; }
+    std::span<const SqlPart> parts() const { return {m_parts.data(), m_partCount}; }
     std::span<const SqlValue> values() const { return {m_values.data(), m_lists ? 0 : m_gapCount}; }
     const ValueString* lists() const { return m_lists ? &*m_lists : nullptr; }
 
@@ -158,12 +168,13 @@ private:
         if (m_partCount == kMostParts || gaps.size() > kMostValues - m_gapCount) {
             throw std::length_error("a statement of more parts than any of the library needs");
         }
-        m_partGaps[m_partCount] = static_cast<std::uint8_t>(gaps.size());
-        m_parts[m_partCount++] = text;
+        m_parts[m_partCount++] = {text.data(), static_cast<std::uint16_t>(text.size()),
+                                  static_cast<std::uint8_t>(gaps.size())};
         std::copy(gaps.begin(), gaps.end(), m_gaps.begin() + static_cast<std::ptrdiff_t>(m_gapCount));
         m_gapCount += gaps.size();
         m_size += text.size() - kGap.size() * gaps.size();
     }
+    std::string spliced() const;
     void spliceLists(Splicer& splicer) const;
     bool hasColumnList() const { return m_gapCount == 2; }
 
@@ -172,8 +183,7 @@ private:
     static constexpr std::size_t kMostValues = 9;
 
     std::optional<ValueString> m_lists;
-    std::array<std::string_view, kMostParts> m_parts;
-    std::array<std::uint8_t, kMostParts> m_partGaps;
+    std::array<SqlPart, kMostParts> m_parts;
     std::size_t m_partCount = 0;
     std::array<SqlValue, kMostValues> m_values;
     std::array<std::uint16_t, kMostValues> m_gaps; // each in its part
