@@ -12,49 +12,73 @@
 
 #include <valgrind/callgrind.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
 using namespace peers;
 
-void count(Contender& contender, const std::string& name, const Job::Step& step, std::vector<Input>& inputs)
+/// One of the two, with addresses of record to work on.
+struct Side {
+    const char* name;
+    std::unique_ptr<Contender> contender;
+    std::vector<Input> inputs;
+};
+
+Side side(const char* name, std::unique_ptr<Contender> contender, int size, int runs, int series)
 {
-    const std::string title = name + "\t" + step.name;
-    CALLGRIND_ZERO_STATS;
-    CALLGRIND_TOGGLE_COLLECT;
-    for (Input& input : inputs) {
-        step.run(contender, input);
+    Side made{name, std::move(contender), {}};
+    made.inputs.reserve(static_cast<std::size_t>(runs));
+    for (int n = 1; n <= runs; ++n) {
+        made.inputs.emplace_back(n, size, series);
     }
-    CALLGRIND_TOGGLE_COLLECT;
-    CALLGRIND_DUMP_STATS_AT(title.c_str());
+    return made;
 }
 
-/// Once uncounted, for what a first time costs; then counted.
-void run(Contender& contender, const std::string& name, int size, int runs)
+using Sides = std::array<Side, 2>;
+
+/// Both run the step in turns, so that both meet the allocator in the same state, and one of them, if any, is counted.
+void run(Sides& sides, const Job::Step& step, const Side* counted)
 {
-    std::vector<Input> inputs;
-    inputs.reserve(static_cast<std::size_t>(runs));
-    for (int n = 1; n <= runs; ++n) {
-        inputs.emplace_back(n, size, 0);
+    for (std::size_t i = 0; i < sides.front().inputs.size(); ++i) {
+        for (Side& each : sides) {
+            if (&each == counted) {
+                CALLGRIND_TOGGLE_COLLECT;
+            }
+            step.run(*each.contender, each.inputs[i]);
+            if (&each == counted) {
+                CALLGRIND_TOGGLE_COLLECT;
+            }
+        }
     }
+}
+
+void count(Sides& sides, const Job::Step& step, const Side* counted)
+{
+    CALLGRIND_ZERO_STATS;
+    run(sides, step, counted);
+    if (counted != nullptr) {
+        const std::string title = std::string(counted->name) + "\t" + step.name;
+        CALLGRIND_DUMP_STATS_AT(title.c_str());
+    }
+}
+
+/// Each step is taken uncounted first, for what a first time costs.
+void count(Sides& sides)
+{
     for (const Job& job : allJobs()) {
-        for (const bool counted : {false, true}) {
-            const auto step = [&](const Job::Step& taken) {
-                if (counted) {
-                    count(contender, name, taken, inputs);
-                    return;
-                }
-                for (Input& input : inputs) {
-                    taken.run(contender, input);
-                }
-            };
-            step(job.step);
+        for (const Side* const counted : std::array<const Side*, 3>{nullptr, &sides.front(), &sides.back()}) {
+            count(sides, job.step, counted);
             if (job.undo) {
-                step(*job.undo);
+                count(sides, *job.undo, counted);
             }
         }
     }
@@ -71,8 +95,11 @@ int main(int argc, char** argv)
     zel::setTraceSink({});
     try {
         const Database database = databaseNamed(argv[1]);
-        run(*makePlain(database), "oryx", std::atoi(argv[2]), std::atoi(argv[3]));
-        run(*makeLibpqPlain(database), "libpq", std::atoi(argv[2]), std::atoi(argv[3]));
+        const int size = std::atoi(argv[2]);
+        const int runs = std::atoi(argv[3]);
+        Sides sides{side("oryx", makePlain(database), size, runs, 0),
+                    side("libpq", makeLibpqPlain(database), size, runs, 1)};
+        count(sides);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "instructions: %s\n", failure.what());
         return EXIT_FAILURE;
