@@ -27,10 +27,10 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     if (m_connectionString.empty()) {
         return error("no connection");
     }
+    const Measured measured(*m_meter);
     if ((m_conn == nullptr || inherited()) && !resetBound()) {
         return false; // it was given up, or is the parent's, and cannot be made anew
     }
-    const Measured measured(*m_meter);
     m_trace.prn("executing query");
     Sent sent = send(m_conn);
     if (sent.outcome == Sent::Outcome::lost) {
@@ -45,6 +45,7 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     }
     switch (sent.outcome) {
     case Sent::Outcome::lost:
+        m_meter->lost(reason());
         return error("fatal query error after reset");
     case Sent::Outcome::late:
         return tooLate();
@@ -87,9 +88,7 @@ bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
         result.setSqlCommand(sent.text->text());
     }
     result.setResult(sent.result.release());
-    if (result.failed()) {
-        m_meter->refused(result.getSqlState());
-    }
+    countRefusal(result);
     return okay();
 }
 
@@ -100,6 +99,9 @@ bool DatabaseConnection::resetBound()
     }
     if (listens()) {
         return error(); // why this one is lost
+    }
+    if (m_bound->late()) {
+        return m_conn != nullptr ? givenUp() : error(lateness().c_str());
     }
     return connectBound();
 }
@@ -128,9 +130,16 @@ bool DatabaseConnection::tooLate()
 bool DatabaseConnection::givenUp()
 {
     drop();
-    const std::string why = "no answer within the deadline of " + std::to_string(m_bound->duration().count()) + " ms";
-    m_meter->ranLate(why);
+    const std::string why = lateness();
+    if (!m_bound->interrupted()) {
+        m_meter->ranLate(why);
+    }
     return error(why.c_str());
+}
+
+std::string DatabaseConnection::lateness() const
+{
+    return "no answer within the deadline of " + std::to_string(m_bound->duration().count()) + " ms";
 }
 
 void DatabaseConnection::drop()

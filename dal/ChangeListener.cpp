@@ -57,6 +57,7 @@ DatabaseResult ChangeListener::run(const Callback& callback)
     if (!callback) {
         return refusedRun(DatabaseResult::QUERY_ERROR, "a listener needs a callback");
     }
+    m_stop->adopt();
     if (!m_stop->valid()) {
         return refusedRun(DatabaseResult::CONNECTION_ERROR, "the process has no descriptor left");
     }

@@ -10,10 +10,9 @@ namespace oryx {
 
 /// The registrar's statements: subscribers, public addresses, contacts, and the tables that configure host and routing.
 ///
-/// - Values go into plain statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL:
-/// at
-///   best the statement fails as a query error, at worst it does what the value says. In bound ones (`SessionOptions`)
-///   it is a character.
+/// - Values go into plain statements as they are, unescaped. A quote in one ends it, and what follows is read as SQL.
+///   The statement fails as a query error at best, and does what the value says at worst. In bound statements
+///   (`SessionOptions`) a quote is a character.
 /// - `getErrorMessage()` holds the reason of a failure unless a result is said to.
 /// - A statement that the server refuses costs a reset of the connection and is sent a second time;
 ///   `DatabaseConnection::execute` has the whole rule.
@@ -137,7 +136,7 @@ public:
     ///@}
 
 private:
-    /// Fills the list that the process shares, unless another thread has filled it meanwhile. Whether there is one now.
+    /// Fills the list that the process shares, unless another thread has filled it meanwhile.
     void readDomains();
 };
 

@@ -91,7 +91,9 @@ bool DatabaseConnection::connected()
     if (status != CONNECTION_OK) {
         m_trace.prn("connection failed, status=%d\n", static_cast<int>(status));
         error();
-        m_meter->failed(m_errorMsg);
+        if (!m_bound || !m_bound->interrupted()) {
+            m_meter->failed(m_errorMsg);
+        }
         return false;
     }
     m_meter->connected();
@@ -236,7 +238,6 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
     std::string name;
     if (result.failed() && result.getErrorCode(name) == PGRES_FATAL_ERROR) {
         m_trace.prn("fatal error, retrying after: %s", name.c_str());
-        countFailure(result);
         return repeatAfterFatalResult(statement, result);
     }
     return okay();
@@ -254,6 +255,7 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     m_trace.prn("connection reset, retrying query");
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
+        m_meter->lost(reason());
         error("fatal query error after reset");
     }
     return received;
@@ -261,27 +263,49 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
 
 bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& result)
 {
+    const bool refused = countFailure(result);
     if (!reset()) {
         return error("fatal query error, connection reset failed");
     }
     m_meter->repeated();
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
+        m_meter->lost(reason());
         return error("fatal query error after reset");
     }
     result.setResult(received);
+    if (!refused) {
+        countFailure(result);
+    }
     return okay();
 }
 
-/// A fatal result tells of a refused statement, or of the connection.
-void DatabaseConnection::countFailure(const QueryResult& result)
+/// Counts a fatal result, which tells of a refused statement or of the connection; whether it was a refusal.
+bool DatabaseConnection::countFailure(const QueryResult& result)
 {
+    static constexpr std::array<std::string_view, 4> kOfTheConnection{"00000", "08", "57P", "25P03"};
     const std::string state = result.getSqlState();
-    if (state == QueryResult::SQL_SUCCESSFUL_COMPLETION || state.starts_with("08") || state.starts_with("57P")) {
-        m_meter->lost(reason());
-    } else {
-        m_meter->refused(state);
+    const bool lost = std::any_of(kOfTheConnection.begin(), kOfTheConnection.end(),
+                                  [&](std::string_view beginning) { return state.starts_with(beginning); });
+    std::string name;
+    if (!lost) {
+        return countRefusal(result);
     }
+    if (result.getErrorCode(name) == PGRES_FATAL_ERROR) {
+        m_meter->lost(reason());
+    }
+    return false;
+}
+
+/// Counts a statement that the server refused; whether it did.
+bool DatabaseConnection::countRefusal(const QueryResult& result)
+{
+    std::string name;
+    const bool refused = result.getErrorCode(name) == PGRES_FATAL_ERROR;
+    if (refused) {
+        m_meter->refused(result.getSqlState());
+    }
+    return refused;
 }
 
 SessionStatistics DatabaseConnection::getStatistics() const

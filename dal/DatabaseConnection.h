@@ -32,8 +32,9 @@ ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
 /// One connection to the PostgreSQL server, and the only place that opens, resets, closes or executes on one.
 ///
 /// A lost connection is reset and its statement sent again (`execute` has the rule); every failure leaves its reason in
-/// `getErrorMessage()`, every success empties it. Used by one thread at a time. In a process that was forked from the
-/// one it was made in, it is lost: the parent keeps it, and the child connects anew. \ingroup core
+/// `getErrorMessage()`, every success empties it. Used by one thread at a time. In a child process
+/// it is lost: the parent keeps it, and the child connects anew.
+/// \ingroup core
 class ORYX_EXPORT DatabaseConnection {
 public:
     /// Not connected; sends as the environment says (`SessionOptions::fromEnvironment`).
@@ -140,7 +141,8 @@ private:
     bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
-    void countFailure(const QueryResult& result);
+    bool countFailure(const QueryResult& result);
+    bool countRefusal(const QueryResult& result);
     bool subscribe(const std::string& table);
     PGresult* listen(const std::string& statement);
     PGresult* listenAfterReset(const std::string& statement);
@@ -157,6 +159,7 @@ private:
     bool resetBound();
     bool tooLate();
     bool givenUp();
+    std::string lateness() const;
     void drop();
 
     PGconn* m_conn = nullptr;

@@ -39,9 +39,8 @@ ORYX_EXPORT bool checkOutboundAllowed(std::vector<DomainAccess>& list, std::stri
 /// - A statement that the server refuses costs a reset of the connection and is sent a second time;
 ///   `DatabaseConnection::execute` has the whole rule. A failed transaction leaves nothing behind.
 /// - Texts go into plain statements as they are: what comes from the network must hold no quote (`isCleanText`); in
-/// bound
-///   ones (`SessionOptions`) a quote is a character. Handles,
-///   domains and hosts are compared byte for byte; the tables hold lower case.
+///   bound ones (`SessionOptions`) a quote is a character. Handles, domains and hosts are compared byte for byte; the
+///   tables hold lower case.
 /// - One service serves one thread at a time; several services may run at once.
 /// \ingroup registrar
 class ORYX_EXPORT LocationService {

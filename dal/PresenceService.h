@@ -30,8 +30,7 @@ class PresenceDatabaseCommandExecutor;
 /// - A statement that the server refuses costs a reset of the connection and is sent a second time;
 ///   `DatabaseConnection::execute` has the whole rule.
 /// - Texts go into plain statements as they are: what comes from the network must hold no quote (`isCleanText`); in
-/// bound
-///   ones (`SessionOptions`) a quote is a character.
+///   bound ones (`SessionOptions`) a quote is a character.
 /// - One service serves one thread at a time; several services may run at once, and a server that waits for
 ///   notifications holds one for that alone.
 /// \ingroup events

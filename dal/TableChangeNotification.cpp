@@ -3,6 +3,7 @@
 #include <dal/DatabaseConnection.h>
 
 #include <dal/internal/BoundSession.h>
+#include <dal/internal/Meter.h>
 #include <dal/internal/NotifierTables.h>
 #include <dal/internal/Statement.h>
 
@@ -104,10 +105,14 @@ PGresult* DatabaseConnection::listen(const std::string& statement)
 PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 {
     m_trace.prn("listenForDbTableChangeNotification: resetting the connection");
+    if (m_conn != nullptr) {
+        m_meter->lost(reason());
+    }
     if (!(m_bound ? resetBound() : reset())) {
         m_trace.log("listenForDbTableChangeNotification: reset failed");
         return nullptr;
     }
+    m_meter->repeated();
     m_trace.log("listenForDbTableChangeNotification: connection reset, retrying query");
     PGresult* const result = listen(statement);
     if (result == nullptr) {
@@ -128,11 +133,14 @@ bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGloba
         }
     }
     bool stop = false;
-    while (!stop && PQstatus(m_conn) == CONNECTION_OK) {
+    while (!stop && PQstatus(m_conn) == CONNECTION_OK && !inherited()) {
         if (!waitForInput()) {
             return false;
         }
         stop = handOn(handleAdminChangeGlobal);
+    }
+    if (m_conn != nullptr && PQstatus(m_conn) != CONNECTION_OK) {
+        m_meter->lost(reason());
     }
     return true;
 }
@@ -151,6 +159,7 @@ bool DatabaseConnection::waitForInput()
     }
     // A server that is gone without a word is only found out by asking it.
     if (ready == 0 && m_bound && m_bound->duration().count() > 0 && !m_bound->answers(m_conn)) {
+        m_meter->lost("no answer to a listener");
         drop();
     }
     return true;

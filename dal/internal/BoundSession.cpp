@@ -1,5 +1,7 @@
 #include <dal/internal/BoundSession.h>
 
+#include <dal/internal/Process.h>
+
 #include <libpq-fe.h>
 
 #include <fcntl.h>
@@ -169,6 +171,12 @@ bool BoundSession::await(PGconn* connection, short events, const Deadline& deadl
     return false;
 }
 
+bool BoundSession::interrupted() const
+{
+    pollfd interruption{m_interruption, POLLIN, 0};
+    return m_interruption >= 0 && poll(&interruption, 1, 0) > 0;
+}
+
 Connection BoundSession::connect(const std::string& connectionString)
 {
     m_prepared.clear();
@@ -225,6 +233,9 @@ bool BoundSession::rollback(PGconn* connection)
 
 Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> statements)
 {
+    if (PQpipelineStatus(connection) != PQ_PIPELINE_OFF) {
+        return {Sent::Outcome::lost}; // memory ran out while it was filled: what it holds must never be sent
+    }
     m_commands.clear();
     PQsetnonblocking(connection, 1);
     if (PQenterPipelineMode(connection) == 0 || !queue(connection, statements) || PQpipelineSync(connection) == 0) {
@@ -347,6 +358,10 @@ bool BoundSession::next(PGconn* connection, Result& result)
 void BoundSession::cancel(PGconn* connection)
 {
     static std::atomic<int> underWay = 0;
+    static std::atomic<unsigned> countedIn = generation();
+    if (countedIn.exchange(generation()) != generation()) {
+        underWay = 0; // the parent's threads are not here
+    }
     if (++underWay > kMostCancelRequests) {
         --underWay; // a server that answers nobody is asked no more
         return;

@@ -75,6 +75,8 @@ public:
     void begin() { m_deadline = Deadline(m_duration); }
     /// Whether the operation has run out of time.
     bool late() const { return m_deadline.passed(); }
+    /// Whether the descriptor that interrupts has input.
+    bool interrupted() const;
 
     /// Connects; not usable, or null, when that fails. Nothing is prepared on it yet.
     Connection connect(const std::string& connectionString);

@@ -1,5 +1,7 @@
 #include <dal/internal/Meter.h>
 
+#include <dal/internal/Process.h>
+
 #include <util/MaskSecrets.h>
 #include <zel/Trace.h>
 
@@ -30,10 +32,11 @@ void reportOutage()
         return;
     }
     const SessionStatistics all = SessionStatistics::ofProcess();
-    zel::Trace("oryx").log("connections to the database are being lost: since this process began %llu were lost, and "
-                           "%llu could not be made; the last reason: %s",
-                           static_cast<unsigned long long>(all.losses), static_cast<unsigned long long>(all.failures),
-                           all.lastError.c_str());
+    zel::Trace("oryx").log(
+        "connections to the database are being lost, refused or late: since this process began %llu "
+        "were lost, %llu could not be made and %llu were given up for a deadline; the last reason: %s",
+        static_cast<unsigned long long>(all.losses), static_cast<unsigned long long>(all.failures),
+        static_cast<unsigned long long>(all.late), all.lastError.c_str());
 }
 
 } // namespace
@@ -61,8 +64,9 @@ void Meter::keep(const std::string& error)
     try {
         const std::string masked = maskSecrets(error.substr(0, error.find_last_not_of('\n') + 1));
         const auto now = std::chrono::system_clock::now();
-        for (Meter* const meter : {this, &ofProcess()}) {
-            const std::lock_guard lock(meter->m_mutex);
+        Meter& all = ofProcess();
+        const std::lock_guard lock(mutexAcrossForks());
+        for (Meter* const meter : {this, &all}) {
             meter->m_lastError = masked;
             meter->m_lastErrorAt = now;
         }
@@ -123,7 +127,7 @@ SessionStatistics Meter::read() const
     statistics.refusals = m_refusals;
     statistics.late = m_late;
     statistics.longest = std::chrono::microseconds(m_longest);
-    const std::lock_guard lock(m_mutex);
+    const std::lock_guard lock(mutexAcrossForks());
     statistics.lastError = m_lastError;
     statistics.lastErrorAt = m_lastErrorAt;
     return statistics;

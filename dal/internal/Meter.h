@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace oryx {
@@ -41,8 +40,7 @@ private:
     Counter m_late = 0;
     Counter m_longest = 0; // microseconds
 
-    mutable std::mutex m_mutex; // for the following two
-    std::string m_lastError;
+    std::string m_lastError; // this and the next under the mutex across forks
     std::chrono::system_clock::time_point m_lastErrorAt;
 };
 

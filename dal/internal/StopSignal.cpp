@@ -1,6 +1,7 @@
 #include <dal/internal/StopSignal.h>
 
 #include <dal/internal/BoundSession.h>
+#include <dal/internal/Process.h>
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -8,10 +9,11 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <utility>
 
 namespace oryx {
 
-StopSignal::StopSignal() : m_descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+StopSignal::StopSignal() : m_descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_generation(generation()) {}
 
 StopSignal::~StopSignal()
 {
@@ -20,8 +22,20 @@ StopSignal::~StopSignal()
     }
 }
 
+void StopSignal::adopt()
+{
+    if (m_generation != generation()) {
+        const int inherited = std::exchange(m_descriptor, eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        m_generation = generation();
+        close(inherited);
+    }
+}
+
 void StopSignal::request() const noexcept
 {
+    if (m_generation != generation()) {
+        return;
+    }
     const int before = errno;
     const std::uint64_t one = 1;
     // It fails only where so many requests are noted already that no more can be counted.
