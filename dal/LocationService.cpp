@@ -21,6 +21,21 @@ Transaction opened(std::size_t statements)
     return transaction;
 }
 
+DatabaseResult findKey(DatabaseCommandExecutor& executor, zel::Trace& trace, const char* handle, const char* domain,
+                       int& key)
+{
+    key = -1;
+    PublicAddressRecord address;
+    DatabaseResult result = executor.lookupPublicAddress(handle, domain, address);
+    if (result.okay()) {
+        key = address.public_address_id();
+        trace.prn("public address found, key=%d", key);
+    } else {
+        trace.prn("lookup failed");
+    }
+    return result;
+}
+
 } // namespace
 
 LocationService::LocationService()
@@ -64,16 +79,7 @@ DatabaseResult LocationService::getPublicAddressKey(const char* handle, const ch
         m_trace.prn("connection error");
         return result;
     }
-    key = -1;
-    PublicAddressRecord address;
-    result = m_exec->lookupPublicAddress(handle, domain, address);
-    if (result.okay()) {
-        key = address.public_address_id();
-        m_trace.prn("public address found, key=%d", key);
-    } else {
-        m_trace.prn("lookup failed");
-    }
-    return result;
+    return findKey(*m_exec, m_trace, handle, domain, key);
 }
 
 DatabaseResult LocationService::lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec)

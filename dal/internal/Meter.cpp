@@ -101,20 +101,14 @@ void Meter::ranLate(const std::string& why)
     reportOutage();
 }
 
-void Meter::keepLongest(std::uint64_t microseconds)
+/// What is not the longest here is not the longest of the process either.
+void Meter::keepLongest(Ticks time)
 {
-    std::uint64_t longest = m_longest.load(std::memory_order_relaxed);
-    while (microseconds > longest &&
-           !m_longest.compare_exchange_weak(longest, microseconds, std::memory_order_relaxed)) {
+    for (Meter* const meter : {this, &ofProcess()}) {
+        Ticks longest = meter->m_longest.load(std::memory_order_relaxed);
+        while (time > longest && !meter->m_longest.compare_exchange_weak(longest, time, std::memory_order_relaxed)) {
+        }
     }
-}
-
-void Meter::took(steady_clock::duration time)
-{
-    const auto microseconds =
-        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
-    keepLongest(microseconds);
-    ofProcess().keepLongest(microseconds);
 }
 
 SessionStatistics Meter::read() const
@@ -126,7 +120,7 @@ SessionStatistics Meter::read() const
     statistics.repetitions = m_repetitions;
     statistics.refusals = m_refusals;
     statistics.late = m_late;
-    statistics.longest = std::chrono::microseconds(m_longest);
+    statistics.longest = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::duration(m_longest));
     const std::lock_guard lock(mutexAcrossForks());
     statistics.lastError = m_lastError;
     statistics.lastErrorAt = m_lastErrorAt;

@@ -20,17 +20,24 @@ public:
     void repeated() { count(&Meter::m_repetitions); }
     void refused(const std::string& sqlState);
     void ranLate(const std::string& why);
-    void took(std::chrono::steady_clock::duration time);
+    /// Every statement asks, and few are the longest.
+    void took(std::chrono::steady_clock::duration time)
+    {
+        if (time.count() > m_longest.load(std::memory_order_relaxed)) {
+            keepLongest(time.count());
+        }
+    }
 
     SessionStatistics read() const;
     static Meter& ofProcess();
 
 private:
     using Counter = std::atomic<std::uint64_t>;
+    using Ticks = std::chrono::steady_clock::rep;
 
     void count(Counter Meter::*counter);
     void keep(const std::string& error);
-    void keepLongest(std::uint64_t microseconds);
+    void keepLongest(Ticks time);
 
     Counter m_connects = 0;
     Counter m_failures = 0;
@@ -38,7 +45,7 @@ private:
     Counter m_repetitions = 0;
     Counter m_refusals = 0;
     Counter m_late = 0;
-    Counter m_longest = 0; // microseconds
+    std::atomic<Ticks> m_longest = 0;
 
     std::string m_lastError; // this and the next under the mutex across forks
     std::chrono::system_clock::time_point m_lastErrorAt;
