@@ -18,8 +18,9 @@ struct ORYX_EXPORT SessionStatistics {
     std::uint64_t refusals = 0;    ///< Statements that the server refused; a repeated one counts once.
     std::uint64_t late = 0;        ///< Operations that ran into their deadline.
 
-    /// How long a statement has taken at most, resets and repetitions included.
-    std::chrono::microseconds longest{0};
+    /// How long a statement has taken at most, resets and repetitions included; in steps of the kernel's tick, which is
+    /// 10 milliseconds at most.
+    std::chrono::milliseconds longest{0};
 
     /// The last of the failures, losses, refusals and deadlines, without a value or a password: libpq's words, or the
     /// SQLSTATE. Empty while there was none.

@@ -120,7 +120,7 @@ SessionStatistics Meter::read() const
     statistics.repetitions = m_repetitions;
     statistics.refusals = m_refusals;
     statistics.late = m_late;
-    statistics.longest = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::duration(m_longest));
+    statistics.longest = std::chrono::duration_cast<std::chrono::milliseconds>(TickClock::duration(m_longest));
     const std::lock_guard lock(mutexAcrossForks());
     statistics.lastError = m_lastError;
     statistics.lastErrorAt = m_lastErrorAt;

@@ -138,6 +138,7 @@ public:
     {
         static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
         add(text.text(), text.gaps(), values...);
+        m_text.clear();
         return *this;
     }
 
@@ -165,7 +166,8 @@ private:
     }
     void addText(std::string_view text, std::span<const std::uint16_t> gaps)
     {
-        if (m_partCount == kMostParts || gaps.size() > kMostValues - m_gapCount) {
+        const bool takesMore = m_partCount < kMostParts && gaps.size() <= kMostValues - m_gapCount;
+        if (!takesMore || (m_lists && m_partCount > 0)) {
             throw std::length_error("a statement of more parts than any of the library needs");
         }
         m_parts[m_partCount++] = {text.data(), static_cast<std::uint16_t>(text.size()),
