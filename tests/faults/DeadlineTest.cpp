@@ -101,7 +101,7 @@ protected:
         for (std::size_t i = 0; i < count; ++i) {
             DatabaseResult result;
             const milliseconds took = timed([&] { result = operations[i % operations.size()](); });
-            late += took > kMeasure.deadline + kMeasure.grace ? 1 : 0;
+            late += took > kMeasure.deadline + kMeasure.grace ? 1U : 0U;
             slowest = std::max(slowest, took);
             if (!result.connectionError() || !result.getErrorMessage().starts_with("no answer within the deadline")) {
                 return "operation " + std::to_string(i % operations.size()) + " answered: " + outcome(result);
