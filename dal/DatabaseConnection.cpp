@@ -6,6 +6,7 @@
 #include <dal/internal/Meter.h>
 #include <dal/internal/Process.h>
 #include <dal/internal/Statement.h>
+#include <dal/internal/Traced.h>
 
 #include <wex/URL.h>
 
@@ -220,7 +221,7 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
         return false;
     }
     const Measured measured(*m_meter);
-    m_trace.prn("executing query");
+    traceProgress(m_trace, "executing query");
     if (const std::size_t nul = cmd.find('\0'); nul != std::string::npos) {
         cmd.resize(nul); // what is sent ends there
     }
@@ -233,7 +234,7 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
             return false;
         }
     }
-    m_trace.prn("query returned, setting result");
+    traceProgress(m_trace, "query returned, setting result");
     result.setResult(received);
     std::string name;
     if (result.failed() && result.getErrorCode(name) == PGRES_FATAL_ERROR) {

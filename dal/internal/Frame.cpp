@@ -1,5 +1,7 @@
 #include <dal/internal/Frame.h>
 
+#include <dal/internal/Traced.h>
+
 #include <new>
 
 namespace oryx {
@@ -142,7 +144,7 @@ void Frame::rollback() const
 bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outcome)
 {
     if (operation != nullptr) {
-        trace.prn("%s", operation);
+        traceProgress(trace, operation);
     }
     if (!checkConnect()) {
         outcome = connectionError();

@@ -29,8 +29,6 @@ struct TickClock {
 /// Counts for one `SessionStatistics`, and for the process. Used by any thread.
 class Meter {
 public:
-    Meter() = default;
-
     void connected() { count(&Meter::m_connects); }
     void failed(const std::string& why);
     void lost(const std::string& why);
