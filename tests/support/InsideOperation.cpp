@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -71,5 +72,13 @@ bool insideOperation()
     while (depth > 0 && !library.holds(callers.at(static_cast<std::size_t>(depth - 1)))) {
         --depth;
     }
-    return depth > 0 && isOfAnOperation(callers.at(static_cast<std::size_t>(depth - 1)));
+    if (depth == 0) {
+        return false;
+    }
+    thread_local std::pair<void*, bool> last; // mostly it is the same call as before, and a symbol takes long to find
+    void* const outermost = callers.at(static_cast<std::size_t>(depth - 1));
+    if (outermost != last.first) {
+        last = {outermost, isOfAnOperation(outermost)};
+    }
+    return last.second;
 }
