@@ -8,6 +8,7 @@ namespace oryx {
 
 bool Frame::connect(const char* uri, const char* user, const char* password)
 {
+    return guarded(false, [&] {
     sqlState.clear();
     connection.reset();
     connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(),
@@ -17,6 +18,7 @@ bool Frame::connect(const char* uri, const char* user, const char* password)
     }
     connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
     return connection->connect(uri, user, password) ? okay() : errorConnection();
+    });
 }
 
 bool Frame::checkConnect()
@@ -95,6 +97,14 @@ DatabaseResult Frame::refuse(const char* why)
     return queryError();
 }
 
+DatabaseResult Frame::outOfMemory() noexcept
+{
+    if (connection) {
+        connection->settle();
+    }
+    return refuse(kOutOfMemory);
+}
+
 bool Frame::require(bool valid, const char* msg)
 {
     return valid || error(msg);
@@ -138,7 +148,7 @@ void Frame::rollback() const
         return; // a refused statement has ended its transaction
     }
     QueryResult ignored;
-    connection->execute("ROLLBACK", ignored);
+    connection->send("ROLLBACK", ignored);
 }
 
 bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outcome)
