@@ -389,8 +389,8 @@ bool DatabaseConnection::error(const char* msg)
 {
     return unlessOutOfMemory(
         [&] {
-    m_errorMsg = msg != nullptr ? msg : "";
-    return false;
+            m_errorMsg = msg != nullptr ? msg : "";
+            return false;
         },
         [this] {
             m_errorMsg = kOutOfMemory;

@@ -9,15 +9,15 @@ namespace oryx {
 bool Frame::connect(const char* uri, const char* user, const char* password)
 {
     return guarded(false, [&] {
-    sqlState.clear();
-    connection.reset();
-    connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(),
-                                                           meter, interruption));
-    if (!connection) {
-        return error("failed to allocate connection object");
-    }
-    connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
-    return connection->connect(uri, user, password) ? okay() : errorConnection();
+        sqlState.clear();
+        connection.reset();
+        connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(),
+                                                               meter, interruption));
+        if (!connection) {
+            return error("failed to allocate connection object");
+        }
+        connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
+        return connection->connect(uri, user, password) ? okay() : errorConnection();
     });
 }
 
