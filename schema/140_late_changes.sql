@@ -24,6 +24,21 @@ $$;
 CREATE TRIGGER keep_newer AFTER UPDATE ON contact
     FOR EACH ROW WHEN (NEW.call_id = OLD.call_id AND NEW.cseq < OLD.cseq) EXECUTE FUNCTION contact_keep_newer();
 
+-- The same within a dialog, where each side counts its own requests (RFC 3261 section 12.2). Below 0 is no CSeq.
+CREATE FUNCTION subscription_states_keep_newer() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+    UPDATE public.subscription_states
+        SET (fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi, packageid)
+            = (OLD.fromhdr, OLD.tohdr, OLD.callid, OLD.subcseq, OLD.eventhdr, OLD.remotecontacthdr, OLD.routeset,
+               OLD.notcseq, OLD.requesturi, OLD.packageid)
+        WHERE subscriptionid = NEW.subscriptionid;
+    RETURN NULL;
+END
+$$;
+CREATE TRIGGER keep_newer AFTER UPDATE ON subscription_states
+    FOR EACH ROW WHEN (NEW.subcseq >= 0 AND NEW.subcseq < OLD.subcseq OR NEW.notcseq >= 0 AND NEW.notcseq < OLD.notcseq)
+    EXECUTE FUNCTION subscription_states_keep_newer();
+
 CREATE FUNCTION change_nothing() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     RETURN NULL;
@@ -50,23 +65,28 @@ CREATE TABLE sending (
     sent_at timestamp with time zone NOT NULL DEFAULT now()
 ) WITH (fillfactor = 50);
 
--- What the change under way is answered: whether it has taken effect before, and what it gave then. If not it is kept
--- with the answer that it will give now. To be called where the setting "oryx.sending" is not empty: it holds the
--- session and the number. Empties it, for all statements of a transaction are one change, and sets "oryx.repeated".
--- A session says nothing of others: its name is random, and nobody can read the table.
+-- What the change under way is answered: whether it has taken effect before, and what it gave then; if not, it is kept
+-- with the answer that it will give. To be called where the setting "oryx.sending" holds a token, which is the session
+-- and the number: it becomes "repeated", or empty, for all statements of a transaction are one change. A session says
+-- nothing of others: its name is random, and nobody can read the table.
 CREATE FUNCTION answer_sending(INOUT answer text, OUT repeated boolean) LANGUAGE plpgsql
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
-    token CONSTANT text[] := string_to_array(current_setting('oryx.sending'), '.');
-    of_session CONSTANT uuid := token[1];
-    new_number CONSTANT bigint := token[2];
+    token CONSTANT text := current_setting('oryx.sending');
+    of_session CONSTANT uuid := split_part(token, '.', 1);
+    new_number CONSTANT bigint := split_part(token, '.', 2);
+    new_answer CONSTANT text := answer;
 BEGIN
-    INSERT INTO public.sending AS kept (session, number, answer) VALUES (of_session, new_number, answer_sending.answer)
-        ON CONFLICT (session) DO UPDATE
-            SET number = excluded.number, answer = excluded.answer, sent_at = excluded.sent_at
-            WHERE kept.number < excluded.number;
+    UPDATE public.sending SET number = new_number, answer = new_answer, sent_at = now()
+        WHERE session = of_session AND number < new_number;
+    IF NOT FOUND THEN  -- a repetition, or the session's first
+        INSERT INTO public.sending AS kept (session, number, answer) VALUES (of_session, new_number, new_answer)
+            ON CONFLICT (session) DO UPDATE
+                SET number = excluded.number, answer = excluded.answer, sent_at = excluded.sent_at
+                WHERE kept.number < excluded.number;
+    END IF;
     repeated := NOT FOUND;
-    PERFORM set_config('oryx.sending', '', true), set_config('oryx.repeated', repeated::text, true);
+    PERFORM set_config('oryx.sending', CASE WHEN repeated THEN 'repeated' ELSE '' END, true);
     IF repeated THEN
         answer := (SELECT kept.answer FROM public.sending kept WHERE session = of_session AND number = new_number);
     ELSIF new_number = 1 THEN
@@ -84,23 +104,23 @@ BEGIN
 END
 $$;
 CREATE TRIGGER keep_sending BEFORE INSERT OR DELETE ON contact
-    FOR EACH STATEMENT WHEN (current_setting('oryx.sending', true) <> '') EXECUTE FUNCTION keep_sending();
+    FOR EACH STATEMENT WHEN (current_setting('oryx.sending', true) LIKE '%.%') EXECUTE FUNCTION keep_sending();
 CREATE TRIGGER keep_sending BEFORE INSERT OR UPDATE ON conf_state
-    FOR EACH STATEMENT WHEN (current_setting('oryx.sending', true) <> '') EXECUTE FUNCTION keep_sending();
+    FOR EACH STATEMENT WHEN (current_setting('oryx.sending', true) LIKE '%.%') EXECUTE FUNCTION keep_sending();
 
 -- A repetition changes nothing. Its caller takes an insertion or a removal of nothing as done; a release has to find the
 -- extension.
 CREATE TRIGGER already_changed BEFORE INSERT OR DELETE ON contact
-    FOR EACH ROW WHEN (current_setting('oryx.repeated', true) = 'true') EXECUTE FUNCTION change_nothing();
+    FOR EACH ROW WHEN (current_setting('oryx.sending', true) = 'repeated') EXECUTE FUNCTION change_nothing();
 CREATE TRIGGER already_added BEFORE INSERT ON conf_state
-    FOR EACH ROW WHEN (current_setting('oryx.repeated', true) = 'true') EXECUTE FUNCTION change_nothing();
+    FOR EACH ROW WHEN (current_setting('oryx.sending', true) = 'repeated') EXECUTE FUNCTION change_nothing();
 CREATE FUNCTION conf_state_as_it_is() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     RETURN OLD;
 END
 $$;
 CREATE TRIGGER already_changed BEFORE UPDATE ON conf_state
-    FOR EACH ROW WHEN (current_setting('oryx.repeated', true) = 'true') EXECUTE FUNCTION conf_state_as_it_is();
+    FOR EACH ROW WHEN (current_setting('oryx.sending', true) = 'repeated') EXECUTE FUNCTION conf_state_as_it_is();
 
 -- A repetition is given what the first sending took. If that is still under way, this one waits for its end here, and
 -- takes its own choice if it comes to nothing.
@@ -111,7 +131,7 @@ DECLARE
 BEGIN
     SELECT extension INTO reserved FROM conf_state
         WHERE conf_status = 'IDLE' ORDER BY random() LIMIT 1 FOR UPDATE SKIP LOCKED;
-    IF current_setting('oryx.sending', true) <> '' THEN
+    IF current_setting('oryx.sending', true) LIKE '%.%' THEN
         sent := answer_sending(reserved);
         IF sent.repeated THEN
             RETURN sent.answer;
@@ -132,7 +152,7 @@ DECLARE
     of_csid CONSTANT integer := address_csid(of_handle, of_domain);
     key integer;
 BEGIN
-    IF current_setting('oryx.sending', true) <> '' THEN
+    IF current_setting('oryx.sending', true) LIKE '%.%' THEN
         IF (SELECT repeated FROM answer_sending(NULL)) THEN
             RETURN (SELECT contact_id FROM contact WHERE csid = of_csid AND address = new_address);
         END IF;

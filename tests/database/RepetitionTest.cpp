@@ -198,6 +198,26 @@ TEST_F(Repetition, OfTheLatestRefreshAndRefreshesOfAnotherCallAreWritten)
     EXPECT_EQ(bindingsStored(), row(2));
 }
 
+TEST_F(Repetition, OfARefreshOfADialogDoesNotUndoANewerOne)
+{
+    const auto refresh = [](Servers& servers, const char* contact, int cseq) {
+        return outcome(servers.events.updateWatcherContact("incoming#1", contact, cseq));
+    };
+    const auto notify = [](Servers& servers, const char* contact, int cseq) {
+        return outcome(servers.events.updatePresentityContact("incoming#1", contact, cseq));
+    };
+    const auto dialog = [this] { return rows("SELECT subcseq, notcseq, remotecontacthdr FROM subscription_states"); };
+    sql("INSERT INTO subscription_states (subscriptionid, subcseq, notcseq) VALUES ('incoming#1', 1, 1)");
+    overtake([&] { EXPECT_EQ(refresh(m_other, "newer", 3), "okay"); });
+    EXPECT_EQ(refresh(m_server, "older", 2), "okay");
+    EXPECT_EQ(dialog(), "3|1|newer\n");
+    overtake([&] { EXPECT_EQ(notify(m_other, "newest", 3), "okay"); });
+    EXPECT_EQ(notify(m_server, "older", 2), "okay");
+    EXPECT_EQ(dialog(), "3|3|newest\n");
+    EXPECT_EQ(refresh(m_server, "as new", 3), "okay");
+    EXPECT_EQ(dialog(), "3|3|as new\n");
+}
+
 // Removals ---------------------------------------------------------------------------------------------------------
 
 TEST_F(Repetition, OfARemovalLeavesANewerRegistrationWhereItIsKnownAgain)
