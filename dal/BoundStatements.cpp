@@ -68,6 +68,7 @@ bool DatabaseConnection::executeBound(std::span<const Statement> statements, Que
         result.setRefusal("a value holds a NUL", "22021");
         return okay();
     }
+    m_bound->number(statements);
     return runBound([&](PGconn* connection) { return m_bound->send(connection, statements); }, result);
 }
 

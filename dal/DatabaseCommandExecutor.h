@@ -92,7 +92,8 @@ public:
     ///@{
 
     /// Stores or refreshes a contact of an address of record: everything but type, path and the keys, which are not
-    /// read. Refreshing stores the permanent flag too. 0 done, -1 failed: also when the address is unknown.
+    /// read. Refreshing stores the permanent flag too; a record with the stored Call-ID and a lower CSeq changes
+    /// nothing (RFC 3261 section 10.3). 0 done, -1 failed: also when the address is unknown.
     int addContact(const char* handle, const char* domain, ContactRecord& rec);
     /// Stores a contact in the contact set that the record names: everything but type, path and contact key. 0 done, -1
     /// failed: also when the contact is already there.

@@ -126,7 +126,7 @@ DatabaseResult LocationService::registerContacts(int key, std::vector<ContactRec
         }
         Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            transaction.add(
+            transaction.addOnce(
                 "INSERT INTO contact(address,csid,qvalue,expires,permanent,capabilities,contact_header,call_id,cseq,id)  VALUES('{}',(SELECT csid FROM public_address where public_address_id = {}), '{}',{},'{}','{}','{}','{}','{}', 1); ",
                 contact.address(), key, contact.qvalue(), contact.expires(), contact.permanent(),
                 contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq());
@@ -144,7 +144,7 @@ DatabaseResult LocationService::unregisterContacts(int key, std::vector<ContactR
         }
         Transaction transaction = opened(contacts.size());
         for (const ContactRecord& contact : contacts) {
-            transaction.add(
+            transaction.addOnce(
                 "DELETE FROM contact WHERE address = '{}' AND csid = (SELECT csid FROM public_address where id = {}); ",
                 contact.address(), key);
         }

@@ -101,8 +101,8 @@ public:
     ///
     /// Stores address, expiry, q-value, capabilities, header, Call-ID, CSeq and the permanent flag; neither type nor
     /// path. The key decides the contact set, the records' `csid` is not read. Okay (also for an empty vector, which
-    /// sends nothing), connection error, or query error: also when one of them is already there (as after
-    /// an answer that was lost), or the key is unknown.
+    /// sends nothing), connection error, or query error: also when one of them is already there (with plain statements,
+    /// as after an answer that was lost), or the key is unknown.
     DatabaseResult registerContacts(int key, std::vector<ContactRecord>& contacts);
     /// Removes all contacts of the vector in one transaction, or none of them; of a record only the address is read.
     /// Okay (also for an empty vector, which sends nothing, for a contact that is not there and for an unknown key),
@@ -111,8 +111,9 @@ public:
     /// Refreshes all contacts of the vector in one transaction, or none of them, each found by its address.
     ///
     /// Stores expiry, q-value, capabilities, header, Call-ID and CSeq; permanent flag, type and path stay as they are.
-    /// Okay (also for an empty vector, which sends nothing, for a contact that is not there and for an unknown key),
-    /// connection or query error.
+    /// One with the Call-ID of the stored contact and a lower CSeq is older, and changes nothing (RFC 3261
+    /// section 10.3). Okay (also then, for an empty vector, which sends nothing, for a contact that is not there and
+    /// for an unknown key), connection or query error.
     DatabaseResult updateContacts(int key, std::vector<ContactRecord>& contacts);
     /// Removes the contacts of all addresses that expired before the current second, permanent ones and those without
     /// an expiry excepted. Okay, also when there are none; connection or query error.

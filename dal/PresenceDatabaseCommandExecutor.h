@@ -57,11 +57,13 @@ public:
     DatabaseResult addWatcher(const PresenceRecord& record);
     /// Removes a dialog, and not its watcher. Okay, also when there is none; connection error when the statement fails.
     DatabaseResult deleteWatcher(const char* subscriptionId);
-    /// Stores remote contact and CSeq of a dialog's last SUBSCRIBE; identifier and contact are needed. Okay, also when
+    /// Stores remote contact and CSeq of a dialog's last SUBSCRIBE; identifier and contact are needed. A lower CSeq
+    /// than the stored one, but for one below 0, changes nothing (RFC 3261 section 12.2.2). Okay, also then and when
     /// there is no such dialog; connection error when the statement fails.
     DatabaseResult updateWatcherContact(const char* subscriptionId, const char* contact, int subcseq);
     /// Stores remote contact and CSeq of a dialog's last NOTIFY; the identifier is needed, and a null contact leaves
-    /// the stored one as it is. Okay, also when there is no such dialog; connection error when the statement fails.
+    /// the stored one as it is. A lower CSeq than the stored one, but for one below 0, changes nothing. Okay, also then
+    /// and when there is no such dialog; connection error when the statement fails.
     DatabaseResult updatePresentityContact(const char* subscriptionId, const char* contact, int notcseq);
     /// Appends **copies of one** dialog that has a watcher row, as many as there are such dialogs, with watcher
     /// identity, expiry time and document type. Okay, not found when there are none, query error when the statement
@@ -208,8 +210,10 @@ public:
     /// which here stands for every failure too, with its message, but for an empty extension (query error, both
     /// untouched).
     DatabaseResult getConfExtState(const std::string& extension, std::string& status, unsigned int& start_time);
-    /// Sets an extension's status and when it was set; every time reads back as it was written. Okay, not found when
-    /// there is no such extension, query error when it is empty or the statement fails.
+    /// Sets an extension's status and when it was set; every time reads back as it was written. An extension that is
+    /// "IN USE" since a later time than this, 0 excepted, keeps its state unless it is to be "IN USE" again: who
+    /// releases it holds it no longer. Okay, not found then and when there is no such extension, query error when it is
+    /// empty or the statement fails.
     DatabaseResult setConfExtState(const std::string& extension, const std::string& status, unsigned int start_time);
     /// Stores an extension with its state, the start time whole. Okay, or query error when the extension is empty or
     /// the statement fails, also when the extension is already there.
@@ -236,9 +240,9 @@ public:
     /// there are none, query error when the statement fails.
     DatabaseResult deleteAllObsoleteConfExtNotInUse();
     /// Marks an "IDLE" extension as "IN USE" since now and gives it; no two callers get the same. One that is no longer
-    /// provisioned counts until it is removed. Sent again after a lost answer it marks a second one, and the first
-    /// stays in use. Okay, not found when none is idle, query error when the statement fails; `extension` is empty
-    /// unless okay.
+    /// provisioned counts until it is removed. Sent again after a lost answer it gives the same with bound statements;
+    /// with plain ones it marks a second one, and the first stays in use. Okay, not found when none is idle, query
+    /// error when the statement fails; `extension` is empty unless okay.
     DatabaseResult reserveRandomlyIdleConfExtAsInUse(std::string& extension);
 
     ///@}

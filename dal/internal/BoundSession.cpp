@@ -1,6 +1,7 @@
 #include <dal/internal/BoundSession.h>
 
 #include <dal/internal/Process.h>
+#include <dal/internal/RandomText.h>
 
 #include <libpq-fe.h>
 
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <csignal>
 #include <exception>
+#include <functional>
 #include <string_view>
 #include <thread>
 
@@ -46,6 +48,11 @@ bool copies(const PGresult* result)
 {
     const ExecStatusType status = PQresultStatus(result);
     return status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH;
+}
+
+bool takeEffectOnce(std::span<const Statement> statements)
+{
+    return std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::takesEffectOnce));
 }
 
 constexpr int kMostCancelRequests = 8;
@@ -208,6 +215,20 @@ const BoundText& BoundSession::bound(const Statement& statement)
     return known != m_texts.end() ? known->second : m_texts.emplace(m_key, statement).first->second;
 }
 
+void BoundSession::number(std::span<const Statement> statements)
+{
+    if (!takeEffectOnce(statements)) {
+        return;
+    }
+    if (m_name.empty() || m_generation != generation()) { // a parent goes on counting under its name
+        const std::optional<std::string> name = randomText(16);
+        m_name = name ? *name + "." : "";
+        m_generation = generation();
+        m_number = 0;
+    }
+    m_sending = m_name.empty() ? "" : m_name + std::to_string(++m_number);
+}
+
 Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements)
 {
     Sent sent = sendOnce(connection, statements);
@@ -253,22 +274,31 @@ Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> state
 
 bool BoundSession::queue(PGconn* connection, std::span<const Statement> statements)
 {
-    for (const Statement& statement : statements) {
-        const BoundText& text = bound(statement);
-        const char* const name = text.name().c_str();
-        if (m_prepared.insert(name).second) {
-            if (PQsendPrepare(connection, name, text.text().c_str(), 0, nullptr) == 0) {
-                return false;
-            }
-            m_commands.push_back({&text, true});
-        }
-        text.fill(statement, m_parameters);
-        if (PQsendQueryPrepared(connection, name, static_cast<int>(m_parameters.values.size()),
-                                m_parameters.values.data(), nullptr, nullptr, 0) == 0) {
+    // Before the statements, which are in one transaction with it. A schema that does not know of it pays no heed.
+    if (!m_sending.empty() && takeEffectOnce(statements) &&
+        !queue(connection, sql("SELECT set_config('oryx.sending','{}',true);", m_sending))) {
+        return false;
+    }
+    return std::all_of(statements.begin(), statements.end(),
+                       [&](const Statement& statement) { return queue(connection, statement); });
+}
+
+bool BoundSession::queue(PGconn* connection, const Statement& statement)
+{
+    const BoundText& text = bound(statement);
+    const char* const name = text.name().c_str();
+    if (m_prepared.insert(name).second) {
+        if (PQsendPrepare(connection, name, text.text().c_str(), 0, nullptr) == 0) {
             return false;
         }
-        m_commands.push_back({&text, false});
+        m_commands.push_back({&text, true});
     }
+    text.fill(statement, m_parameters);
+    if (PQsendQueryPrepared(connection, name, static_cast<int>(m_parameters.values.size()), m_parameters.values.data(),
+                            nullptr, nullptr, 0) == 0) {
+        return false;
+    }
+    m_commands.push_back({&text, false});
     return true;
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -82,7 +83,11 @@ public:
     Connection connect(const std::string& connectionString);
     /// The text that the server gets for a statement.
     const std::string& textOf(const Statement& statement) { return bound(statement).text(); }
-    /// Sends statements; those that the connection does not know yet are prepared on the way.
+    /// Statements are about to be sent for the first time: a change that must not take effect again gets the next
+    /// number.
+    void number(std::span<const Statement> statements);
+    /// Sends statements; those that the connection does not know yet are prepared on the way. Ones that were numbered
+    /// are sent with that number, for the schema to know again.
     Sent send(PGconn* connection, std::span<const Statement> statements);
     /// Sends a text of one or more statements as it stands.
     Sent send(PGconn* connection, const std::string& text);
@@ -108,6 +113,7 @@ private:
     const BoundText& bound(const Statement& statement);
     Sent sendOnce(PGconn* connection, std::span<const Statement> statements);
     bool queue(PGconn* connection, std::span<const Statement> statements);
+    bool queue(PGconn* connection, const Statement& statement);
     Sent collect(PGconn* connection);
     void keep(Result&& result, const Command& command, Sent& sent);
     Sent forget(PGconn* connection, const char* text);
@@ -122,6 +128,10 @@ private:
     std::unordered_map<std::string, BoundText> m_texts; // by key; as many as the library has statements
     std::unordered_set<std::string_view> m_prepared;    // names that the present connection knows, or soon will
     bool m_outdated = false;                            // what is prepared must be forgotten
+    std::string m_name;        // which no other session has, with a dot; empty without random numbers
+    unsigned m_generation = 0; // of the process that it was given in
+    std::uint64_t m_number = 0;
+    std::string m_sending; // name and number
     // Kept from statement to statement, so that they allocate nothing.
     std::string m_key;
     std::vector<Command> m_commands;

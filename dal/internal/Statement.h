@@ -139,6 +139,18 @@ public:
         return *this;
     }
 
+    ///@{
+    /// A change that does harm where it takes effect again, late: a bound one says which one it is, so that the schema
+    /// knows its repetition.
+    Statement& once() &
+    {
+        m_once = true;
+        return *this;
+    }
+    Statement&& once() && { return std::move(once()); }
+    ///@}
+    bool takesEffectOnce() const { return m_once; }
+
     /// The whole text, its values spliced in unescaped; one allocation, made at the first call.
     const std::string& text();
     /// The whole text, handed over.
@@ -188,6 +200,7 @@ private:
     std::array<std::uint16_t, kMostValues> m_gaps; // each in its part
     std::size_t m_gapCount = 0;
     std::size_t m_size = 0;
+    bool m_once = false;
     std::string m_text;
 };
 
@@ -219,10 +232,16 @@ struct Transaction {
 
     /// Adds a statement of a fixed text and its values.
     template <typename... Values>
-    void add(std::type_identity_t<SqlText<Values...>> text, Values&&... values)
+    Statement& add(std::type_identity_t<SqlText<Values...>> text, Values&&... values)
     {
         static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
-        statements.emplace_back(text.text(), text.gaps(), values...);
+        return statements.emplace_back(text.text(), text.gaps(), values...);
+    }
+    /// The same, of a change that does harm where it takes effect again.
+    template <typename... Values>
+    void addOnce(std::type_identity_t<SqlText<Values...>> text, Values&&... values)
+    {
+        add<Values...>(text, std::forward<Values>(values)...).once();
     }
 
     /// All of it as one text.

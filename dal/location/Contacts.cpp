@@ -42,7 +42,7 @@ int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, 
         arguments.add("handle", handle);
         arguments.add("sip_domain", domain);
         addContactColumns(arguments, rec);
-        Statement statement = call("SELECT add_contact{}", std::move(arguments));
+        Statement statement = call("SELECT add_contact{}", std::move(arguments)).once();
         m_frame->traceText(statement);
         return m_frame->callFunction(std::move(statement)) ? 0 : -1;
     });
@@ -57,7 +57,7 @@ int DatabaseCommandExecutor::addContact(ContactRecord& rec)
         ValueString columns;
         columns.add("csid", std::to_string(rec.csid()));
         addContactColumns(columns, rec);
-        Statement statement = insertion("INSERT INTO contact{} VALUES{};", std::move(columns));
+        Statement statement = insertion("INSERT INTO contact{} VALUES{};", std::move(columns)).once();
         m_frame->traceText(statement);
         QueryResult result;
         return m_frame->run(statement, result) == Run::okay ? 0 : -1;
@@ -77,7 +77,7 @@ int DatabaseCommandExecutor::removeContact(const char* handle, const char* domai
         arguments.add("handle", handle);
         arguments.add("sip_domain", domain);
         arguments.add("address", address);
-        Statement statement = call("SELECT remove_contact{}", std::move(arguments));
+        Statement statement = call("SELECT remove_contact{}", std::move(arguments)).once();
         m_frame->traceText(statement);
         QueryResult result;
         return m_frame->run(statement, result) == Run::okay ? 0 : -1;

@@ -1,15 +1,14 @@
 #include <dal/location/LocationRows.h>
 
 #include <dal/UtilityConvert.h>
+#include <dal/internal/RandomText.h>
 
 #include <Crypt.h>
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <limits>
+#include <optional>
 #include <utility>
 
 namespace oryx {
@@ -60,19 +59,14 @@ long asLong(time_t seconds)
     return static_cast<long>(std::clamp<long long>(seconds, kMin, kMax));
 }
 
-/// Fills in a text that nobody can guess, of 64 hexadecimal digits; false if the system gives no random numbers.
-/// Straight from the system, because a suite's own platform libraries need not have any.
+/// Fills in a text that nobody can guess; false if the system gives no random numbers.
 bool makeUnguessable(std::string& text)
 {
-    std::array<unsigned char, 32> random{};
-    if (getentropy(random.data(), random.size()) != 0) {
-        return false;
+    std::optional<std::string> random = randomText(32);
+    if (random) {
+        text = std::move(*random);
     }
-    text.clear();
-    for (const unsigned char byte : random) {
-        text.append({"0123456789abcdef"[byte >> 4U], "0123456789abcdef"[byte & 15U]});
-    }
-    return true;
+    return random.has_value();
 }
 
 /// The clear password behind a stored one. One that cannot be decrypted comes out of every Crypt empty, and whoever

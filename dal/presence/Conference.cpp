@@ -119,7 +119,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::strin
         return executeSqlCommand(
             *m_frame,
             sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';", status,
-                static_cast<int>(start_time), extension),
+                static_cast<int>(start_time), extension)
+                .once(),
             result);
     });
 }
@@ -136,8 +137,12 @@ DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRec
         columns.add("conf_status", record.conf_status());
         columns.addExplicit("start_time", record.start_time());
         QueryResult result;
-        return executeSqlCommand(*m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)),
-                                 result);
+        DatabaseResult outcome = executeSqlCommand(
+            *m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)).once(), result);
+        if (m_frame->bound() && outcome.notFound()) {
+            outcome.setOkay(); // it was sent again, and adds nothing to what the first sending did
+        }
+        return outcome;
     });
 }
 
@@ -209,7 +214,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUs
         QueryResult result;
         DatabaseResult outcome = executeSqlCommand(
             *m_frame,
-            sql("select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;"),
+            sql("select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;")
+                .once(),
             result);
         if (outcome.okay()) {
             if (result.rows() > 0) {

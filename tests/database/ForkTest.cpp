@@ -71,6 +71,16 @@ TEST_F(Fork, LeavesTheParentItsConnectionWhereTheChildOnlyEndsIt)
     EXPECT_EQ(rows("SELECT pid FROM pg_stat_activity WHERE pid = " + before), before + "\n");
 }
 
+TEST_F(Fork, LetsEachProcessMakeItsOwnChanges)
+{
+    EXPECT_EQ(registerAll({"sip:before@192.0.2.1"}), "okay");
+    EXPECT_EQ(inChild([this] { return registerAll({"sip:child@192.0.2.1"}); }), "okay");
+    EXPECT_EQ(registerAll({"sip:parent@192.0.2.1"}), "okay");
+    EXPECT_EQ(inChild([this] { return registerAll({"sip:second@192.0.2.1"}); }), "okay");
+    EXPECT_EQ(rows("SELECT address FROM contact ORDER BY contact_id"),
+              "sip:before@192.0.2.1\nsip:child@192.0.2.1\nsip:parent@192.0.2.1\nsip:second@192.0.2.1\n");
+}
+
 TEST_F(Fork, GivesEachProcessItsOwnAnswers)
 {
     sql("INSERT INTO public_address (public_address_id, handle, sip_domain, csid) VALUES (43, 'bob', 'oryx.example', 12)");

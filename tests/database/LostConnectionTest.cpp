@@ -129,7 +129,7 @@ TEST_F(LostService, SendsALostRequestAgain)
 TEST_F(LostService, ShowsARegistrationThatTookEffectAndWasSentAgain)
 {
     m_proxy.lose({Proxy::Loss::answer});
-    EXPECT_EQ(registerAll({kA, kB}), kDuplicate);
+    EXPECT_EQ(registerAll({kA, kB}), plainOrBound(kDuplicate, "okay"));
     EXPECT_EQ(addresses(), kRowOfA + kB + "|2000000000\n");
     EXPECT_EQ(sessionState(), "idle");
     EXPECT_EQ(registerAll({kC}), "okay");
@@ -366,8 +366,11 @@ TEST_F(LostExecutor, ShowsAnInsertionThatTookEffectAndWasSentAgain)
     oryx::ContactRecord binding = contact(kA);
     binding.setCsid(13);
     loseAnswer();
-    EXPECT_EQ(m_executor.addContact(binding), -1);
-    EXPECT_EQ(reason(), "[23505] ERROR:  duplicate key value violates unique constraint \"contact_csid_address_key\"");
+    EXPECT_EQ(m_executor.addContact(binding), plainOrBound(-1, 0));
+    if (!bound()) {
+        EXPECT_EQ(reason(),
+                  "[23505] ERROR:  duplicate key value violates unique constraint \"contact_csid_address_key\"");
+    }
     EXPECT_EQ(rows("SELECT csid, address FROM contact_set LEFT JOIN contact USING (csid) ORDER BY csid"),
               "12|NULL\n13|" + kA + "\n");
 }

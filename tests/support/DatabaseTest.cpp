@@ -69,6 +69,7 @@ DatabaseTest::DatabaseTest() : m_session(m_database.name())
 {
     // An encrypted connection would be attempted beside a plain one, and each tells its refusal.
     setenv("PGSSLMODE", "disable", 1);
+    setenv("PGPORT", server::port().c_str(), 1); // an earlier test may have set another
 }
 
 void DatabaseTest::TearDown()

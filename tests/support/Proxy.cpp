@@ -118,6 +118,12 @@ void Proxy::lose(const std::vector<Loss>& losses)
     m_losses.assign(losses.begin(), losses.end());
 }
 
+void Proxy::meanwhile(std::function<void()> happens)
+{
+    const std::lock_guard lock(m_mutex);
+    m_meanwhile = std::move(happens);
+}
+
 void Proxy::refuse(bool refusing)
 {
     const std::lock_guard lock(m_mutex);
@@ -232,6 +238,9 @@ bool Proxy::isLost(Link& link, bool fromClient, char first)
     constexpr std::string_view kStatements = "QPB"; // a text; a preparation or an execution that begins a round trip
     if (!fromClient) {
         link.answered = true;
+        if (link.loseAnswer && m_meanwhile) {
+            std::exchange(m_meanwhile, nullptr)();
+        }
         return link.loseAnswer;
     }
     if (!std::exchange(link.answered, false) || kStatements.find(first) == std::string_view::npos || m_losses.empty()) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <string>
@@ -51,6 +52,9 @@ public:
     void hangUp();
     /// Has these losses befall the next statements, one each.
     void lose(const std::vector<Loss>& losses);
+    /// Has something happen when the server has carried out the next statement whose answer gets lost, before the loss
+    /// is noticed. It runs on the serving thread, and must not need it.
+    void meanwhile(std::function<void()> happens);
     /// Nobody listens from now on; or somebody does again.
     void refuse(bool refusing);
     /// Whatever is sent from now on gets nowhere, and nobody is told; or it arrives again.
@@ -83,6 +87,7 @@ private:
     Socket m_listener;
     std::list<Link> m_links;
     std::deque<Loss> m_losses;
+    std::function<void()> m_meanwhile;
     bool m_swallowing = false;
     bool m_lending = false;
     std::mutex m_mutex;
