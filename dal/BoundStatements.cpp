@@ -46,7 +46,6 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     }
     switch (sent.outcome) {
     case Sent::Outcome::lost:
-        m_meter->lost(reason());
         return failAfterReset();
     case Sent::Outcome::late:
         return tooLate();
@@ -97,12 +96,7 @@ bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
 /// What the statement did counts, also where there is no memory for its words.
 void DatabaseConnection::keepText(const BoundText& text, QueryResult& result)
 {
-    unlessOutOfMemory(
-        [&] {
-            result.setSqlCommand(text.text());
-            return true;
-        },
-        [] { return false; });
+    unlessOutOfMemory([&] { result.setSqlCommand(text.text()); }, [] {});
 }
 
 /// Half of a round trip must never be sent, and what nobody has read is no answer to the next statement.

@@ -7,6 +7,20 @@
 
 namespace oryx {
 
+namespace {
+
+/// Has a reason kept; where there is no memory for it, that is the reason. Always false.
+template <typename Keep>
+bool keptReason(Frame& frame, Keep keep)
+{
+    return unlessOutOfMemory(keep, [&] {
+        frame.errorText = kOutOfMemory;
+        return false;
+    });
+}
+
+} // namespace
+
 const std::string CommandExecutor::SYSTEM_PARAMETERS_ORYX_PROXY = "oryxproxy";
 const std::string CommandExecutor::SYSTEM_PARAMETERS_SERVER_INFO = "ServerInfo";
 const std::string CommandExecutor::SYSTEM_PARAMETERS_SERVER_NAMES = "ServerNames";
@@ -58,17 +72,17 @@ bool CommandExecutor::okay()
 
 bool CommandExecutor::error(const char* msg)
 {
-    return m_frame->guarded(false, [&] { return m_frame->error(msg); });
+    return keptReason(*m_frame, [&] { return m_frame->error(msg); });
 }
 
 bool CommandExecutor::error(const QueryResult& r)
 {
-    return m_frame->guarded(false, [&] { return m_frame->error(r); });
+    return keptReason(*m_frame, [&] { return m_frame->error(r); });
 }
 
 bool CommandExecutor::errorConnection()
 {
-    return m_frame->guarded(false, [this] { return m_frame->errorConnection(); });
+    return keptReason(*m_frame, [this] { return m_frame->errorConnection(); });
 }
 
 int CommandExecutor::getDomainNameList(std::vector<std::string>& domainNameList)

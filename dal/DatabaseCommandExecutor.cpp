@@ -147,7 +147,7 @@ void DatabaseCommandExecutor::readDomains()
 {
     const DomainReading reading;
     const Call call(*m_frame);
-    if (!checkConnect()) {
+    if (!m_frame->checkConnect()) {
         m_frame->trace.prn("getNthElementOfDomainList(): *** ERROR ***: No database connection opened!");
         return;
     }

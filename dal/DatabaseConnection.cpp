@@ -139,6 +139,7 @@ void DatabaseConnection::close()
     m_connectionString.clear();
     if (m_conn != nullptr) {
         leaveToParent();
+        m_unsettled = false;
         PQfinish(m_conn);
         m_trace.prn("connection closed");
         m_conn = nullptr;
@@ -170,6 +171,7 @@ bool DatabaseConnection::resetPlainOrBound()
         return error("no connection to reset");
     }
     leaveToParent();
+    m_unsettled = false;
     PQreset(m_conn);
     if (PQstatus(m_conn) != CONNECTION_OK) {
         error();
@@ -188,11 +190,7 @@ bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
 
 bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
 {
-    return unlessOutOfMemory([&] { return send(cmd, result); },
-                             [this] {
-                                 settle();
-                                 return error(kOutOfMemory);
-                             });
+    return unlessOutOfMemory([&] { return send(cmd, result); }, [this] { return failForMemory(); });
 }
 
 bool DatabaseConnection::send(const std::string& cmd, QueryResult& result)
@@ -277,8 +275,13 @@ void DatabaseConnection::settle() noexcept
         settleBound();
     } else if (m_unsettled) {
         reset(); // as after every failed statement
-        m_unsettled = false;
     }
+}
+
+bool DatabaseConnection::failForMemory() noexcept
+{
+    settle();
+    return error(kOutOfMemory);
 }
 
 PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
@@ -293,18 +296,18 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     m_trace.prn("connection reset, retrying query");
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
-        m_meter->lost(reason());
         failAfterReset();
     }
     return received;
 }
 
-/// A statement that libpq could not even send again.
+/// A statement that brought back nothing on a new connection either.
 bool DatabaseConnection::failAfterReset()
 {
-    const std::string_view why = reason();
-    if (why.find(kOutOfMemory) != std::string_view::npos ||
-        why.find("cannot allocate memory") != std::string_view::npos) {
+    const std::string why = reason();
+    m_meter->lost(why);
+    if (why.find(kOutOfMemory) != std::string::npos || why.find("cannot allocate memory") != std::string::npos) {
+        m_unsettled = false; // nothing could be sent
         throw std::bad_alloc();
     }
     return error("fatal query error after reset");
@@ -319,7 +322,6 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
     m_meter->repeated();
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
-        m_meter->lost(reason());
         return failAfterReset();
     }
     result.setResult(received);

@@ -90,8 +90,9 @@ public:
     /// The callback also gets a call after every 5 seconds without a notification. Of several that arrive together, the
     /// later ones wait for that long each, or for further input. A connection that is lost while it subscribes is reset
     /// and has then lost the subscriptions before. True when the wait has ended; the caller looks at `active()` for the
-    /// reason. False when a subscription fails (earlier ones stay), when a signal interrupts the wait, or when the
-    /// connection's socket is numbered 65,536 or above. A `ChangeListener` has none of these limits.
+    /// reason. False when a subscription fails (earlier ones stay), when a signal interrupts the wait, when memory runs
+    /// out (the callback's too), or when the connection's socket is numbered 65,536 or above. A `ChangeListener` has
+    /// none of these limits.
     bool waitOnListen(TableChangeCallback handleAdminChangeGlobal);
 
     /// The reason of the last failure; empty after a success.
@@ -140,6 +141,8 @@ private:
 
     // After memory ran out: whatever a statement may have left open ends, with the connection it is open on.
     void settle() noexcept;
+    // The same, and says so. Always false.
+    bool failForMemory() noexcept;
 
     const char* reason() const;
     bool connectPlainOrBound(const char* uri, const char* user, const char* password);
@@ -156,6 +159,7 @@ private:
     bool subscribe(const std::string& table);
     PGresult* listen(const std::string& statement);
     PGresult* listenAfterReset(const std::string& statement);
+    bool listenAndWait(TableChangeCallback callback);
     bool waitForInput();
     bool handOn(TableChangeCallback callback);
 
@@ -175,7 +179,7 @@ private:
     void drop();
 
     PGconn* m_conn = nullptr;
-    bool m_unsettled = false;  // a plain statement has failed, and none that ends its transaction has gone well since
+    bool m_unsettled = false;  // a plain statement is under way, or the last one failed: it may have left a transaction
     unsigned m_generation = 0; // of the process that the connection was made in
     SessionOptions m_options;
     int m_interruption = -1;

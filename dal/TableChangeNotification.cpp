@@ -3,6 +3,7 @@
 #include <dal/DatabaseConnection.h>
 
 #include <dal/internal/BoundSession.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Meter.h>
 #include <dal/internal/NotifierTables.h>
 #include <dal/internal/Statement.h>
@@ -62,8 +63,12 @@ int wait(int socket)
 
 bool DatabaseConnection::listenForDbTableChangeNotification(const std::string& table)
 {
-    beginOperation();
-    return (!inherited() || reset()) && subscribe(table);
+    return unlessOutOfMemory(
+        [&] {
+            beginOperation();
+            return (!inherited() || reset()) && subscribe(table);
+        },
+        [this] { return failForMemory(); });
 }
 
 bool DatabaseConnection::subscribe(const std::string& table)
@@ -123,6 +128,12 @@ PGresult* DatabaseConnection::listenAfterReset(const std::string& statement)
 
 bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGlobal)
 {
+    return unlessOutOfMemory([&] { return listenAndWait(handleAdminChangeGlobal); },
+                             [this] { return failForMemory(); });
+}
+
+bool DatabaseConnection::listenAndWait(TableChangeCallback callback)
+{
     beginOperation();
     if (inherited() && !reset()) {
         return false;
@@ -137,7 +148,7 @@ bool DatabaseConnection::waitOnListen(TableChangeCallback handleAdminChangeGloba
         if (!waitForInput()) {
             return false;
         }
-        stop = handOn(handleAdminChangeGlobal);
+        stop = handOn(callback);
     }
     if (m_conn != nullptr && PQstatus(m_conn) != CONNECTION_OK) {
         m_meter->lost(reason());

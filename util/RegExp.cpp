@@ -5,6 +5,7 @@
 #include <Tracer.h>
 
 #include <cstring>
+#include <new>
 
 namespace oryx {
 
@@ -12,6 +13,15 @@ namespace {
 
 /// One for all expressions, so that their header needs no header of the suite's.
 Tracer tracer("RegEx");
+
+/// A text that memory did not suffice for has not been judged: it is not one that does not match.
+bool found(int outcome)
+{
+    if (outcome == REG_ESPACE) {
+        throw std::bad_alloc();
+    }
+    return outcome == 0;
+}
 
 } // namespace
 
@@ -44,10 +54,10 @@ bool RegExp::match(const char* text)
         tracer.prn("match failed, invalid regex");
         return false;
     }
-    const bool found = text != nullptr && std::strstr(text, m_required.c_str()) != nullptr &&
-                       regexec(&m_regex, text, 0, nullptr, 0) == 0;
-    tracer.prn(found ? "match found" : "not a match");
-    return found;
+    const bool matches = text != nullptr && std::strstr(text, m_required.c_str()) != nullptr &&
+                         found(regexec(&m_regex, text, 0, nullptr, 0));
+    tracer.prn(matches ? "match found" : "not a match");
+    return matches;
 }
 
 void RegExp::free()

@@ -10,7 +10,8 @@ namespace oryx {
 
 /// A compiled POSIX extended regular expression.
 ///
-/// Holds at most one expression; one that did not compile never matches. Used by one thread at a time.
+/// Holds at most one expression; one that did not compile never matches. Throws std::bad_alloc where memory runs out.
+/// Used by one thread at a time.
 /// \ingroup conversions
 class ORYX_EXPORT RegExp {
 public:

@@ -148,7 +148,7 @@ void Frame::rollback() const
         return; // a refused statement has ended its transaction
     }
     QueryResult ignored;
-    connection->send("ROLLBACK", ignored);
+    connection->execute("ROLLBACK", ignored);
 }
 
 bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outcome)

@@ -55,13 +55,9 @@ void addAllOrNone(std::vector<Record>& records, Add add)
 template <typename Record, typename Fill>
 void fillAllOrNone(Record& record, Fill fill)
 {
-    Record before = record;
-    try {
-        fill(record);
-    } catch (...) {
-        record = std::move(before);
-        throw;
-    }
+    Record filled = record;
+    fill(filled);
+    record = std::move(filled);
 }
 
 } // namespace oryx

@@ -177,7 +177,7 @@ private:
     {
         const bool takesMore = m_partCount < kMostParts && gaps.size() <= kMostValues - m_gapCount;
         if (!takesMore || (m_lists && m_partCount > 0)) {
-            throw std::length_error("a statement of more parts than any of the library needs");
+            throw std::logic_error("a statement of more parts than any of the library needs");
         }
         m_parts[m_partCount++] = {text.data(), static_cast<std::uint16_t>(text.size()),
                                   static_cast<std::uint8_t>(gaps.size())};

@@ -35,7 +35,7 @@ DatabaseResult fetchContacts(Frame& frame, Statement statement, const ContactQue
 int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, ContactRecord& rec)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return -1;
         }
         ValueString arguments;
@@ -51,7 +51,7 @@ int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, 
 int DatabaseCommandExecutor::addContact(ContactRecord& rec)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return -1;
         }
         ValueString columns;
@@ -67,7 +67,7 @@ int DatabaseCommandExecutor::addContact(ContactRecord& rec)
 int DatabaseCommandExecutor::removeContact(const char* handle, const char* domain, const char* address)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return 0; // a registrar that lost its database still answers the phone that signs off
         }
         if (!m_frame->require(handle != nullptr && domain != nullptr && address != nullptr, "invalid parameters")) {
@@ -89,7 +89,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(const char* handle, const
 {
     return m_frame->guarded([&] {
         replaceUri = true;
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
@@ -108,7 +108,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std:
 {
     return m_frame->guarded([&] {
         replaceUri = true;
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         Statement statement = sql(
@@ -124,7 +124,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, in
 {
     return m_frame->guarded([&] {
         replaceUri = true;
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         if (csid < 1) {
@@ -133,7 +133,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, in
             result.setErrorMessage("NULL csid");
             return result;
         }
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         Statement statement = sql(

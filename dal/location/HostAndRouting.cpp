@@ -28,7 +28,7 @@ void readHostInfo(const Row& row, HostInfo& info)
 DatabaseResult DatabaseCommandExecutor::getHostInfo(HostInfo& info)
 {
     return m_frame->guarded([&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         m_frame->trace.prn("looking up host info");
@@ -77,7 +77,7 @@ DatabaseResult DatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRec
 DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, std::vector<ProxyConfig>& items)
 {
     return m_frame->guarded([&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         if (!m_frame->require(proxyName != nullptr, "null proxy name")) {
@@ -107,7 +107,7 @@ DatabaseResult DatabaseCommandExecutor::getProxyConfig(const char* proxyName, st
 DatabaseResult DatabaseCommandExecutor::getDomainAccessList(std::vector<DomainAccess>& rules)
 {
     return m_frame->guarded([&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         m_frame->trace.prn("getting domain access list");

@@ -21,7 +21,7 @@ void addUnlessEmpty(ValueString& columns, const char* name, const std::string& v
 int DatabaseCommandExecutor::addSubscriber(const SubscriberRecord& rec)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return -1;
         }
         const std::string sid = std::to_string(rec.sid());
@@ -51,8 +51,8 @@ int DatabaseCommandExecutor::addSubscriber(const SubscriberRecord& rec)
 int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect() || !m_frame->require(handle != nullptr && domain != nullptr,
-                                                 "invalid parameters passed to lookupSubscriber")) {
+        if (!m_frame->checkConnect() || !m_frame->require(handle != nullptr && domain != nullptr,
+                                                          "invalid parameters passed to lookupSubscriber")) {
             return -1;
         }
         Statement statement = subscriberQuery(handle, domain);
@@ -79,7 +79,7 @@ int DatabaseCommandExecutor::lookupSubscriber(const char* handle, const char* do
 int DatabaseCommandExecutor::removeSubscriber(int sid)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect() || !m_frame->require(sid != 0, "missing parameters")) {
+        if (!m_frame->checkConnect() || !m_frame->require(sid != 0, "missing parameters")) {
             return -1;
         }
         ValueString arguments;
@@ -91,7 +91,7 @@ int DatabaseCommandExecutor::removeSubscriber(int sid)
 int DatabaseCommandExecutor::changeSubscriberPassword(int sid, const char* password)
 {
     return m_frame->guarded(-1, [&] {
-        if (!checkConnect() || !m_frame->require(sid != 0 && password != nullptr, "missing parameters")) {
+        if (!m_frame->checkConnect() || !m_frame->require(sid != 0 && password != nullptr, "missing parameters")) {
             return -1;
         }
         int count = 0;
@@ -104,7 +104,7 @@ int DatabaseCommandExecutor::changeSubscriberPassword(int sid, const char* passw
 DatabaseResult DatabaseCommandExecutor::addContactSet(const ContactSetRecord& rec)
 {
     return m_frame->guarded([&] {
-        if (!checkConnect()) {
+        if (!m_frame->checkConnect()) {
             return m_frame->connectionError();
         }
         ValueString columns;

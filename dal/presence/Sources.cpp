@@ -147,7 +147,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::updateWinfoForPresentity(Watcher
             "UPDATE watcherinfo SET presurlscheme='{}', startingdocversion = {},expirytime = {} WHERE subscriberkey='{}';",
             record.presurlscheme(), record.startingdocversion(), record.expirytime(), record.subscribekey());
     });
-    if (outcome.queryError()) {
+    if (incomplete && outcome.queryError()) {
         m_frame->trace.prn("%s", kIncomplete);
     }
     return outcome;

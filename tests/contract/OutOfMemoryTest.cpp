@@ -198,6 +198,14 @@ TEST(ConnectionOutOfMemory, IsAFailureWithThatReason)
     EXPECT_EQ(connection.getErrorMessage(), kOutOfMemory);
     libpq.replies({command()});
     EXPECT_TRUE(connection.execute(kLong.c_str(), result));
+    failNextNew();
+    EXPECT_FALSE(connection.listenForDbTableChangeNotification(kLong));
+    failNoNew();
+    EXPECT_EQ(connection.getErrorMessage(), kOutOfMemory);
+    failNextNew();
+    EXPECT_FALSE(connection.waitOnListen([](bool /*changed*/, const std::string& /*table*/) { return true; }));
+    failNoNew();
+    EXPECT_EQ(connection.getErrorMessage(), kOutOfMemory);
 }
 
 TEST(ServiceOutOfMemoryWithoutConnection, IsAConnectionErrorAllTheSame)
