@@ -177,3 +177,12 @@ template <typename Target>
 Entries conferenceEntries();
 template <typename Target>
 Entries provisioningEntries();
+
+Entries allEntries();
+/// One entry of each operation that has a text argument: which of them holds the text makes no difference to its memory
+/// and its time, and a service's operation goes through that of its executor, so of these two the first is taken. Left
+/// out are the entries that call several operations.
+Entries oneOfEachOperation();
+
+/// A text that every place takes, and that no string holds without an allocation.
+inline const std::string kPlainText = "text that is too long for the place of a string";

@@ -14,8 +14,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
-#include <iterator>
-#include <map>
 #include <optional>
 #include <set>
 #include <sstream>
@@ -314,37 +312,6 @@ TEST_P(Hostile, TextsAreThatTextAndNothingElse)
     }
 }
 
-void append(Entries& table, Entries entries)
-{
-    std::move(entries.begin(), entries.end(), std::back_inserter(table));
-}
-
-template <typename Target>
-void appendPresence(Entries& table)
-{
-    append(table, dialogEntries<Target>());
-    append(table, watcherEntries<Target>());
-    append(table, sourceEntries<Target>());
-    append(table, authorizationEntries<Target>());
-    append(table, conferenceEntries<Target>());
-    append(table, provisioningEntries<Target>());
-}
-
-Entries allEntries()
-{
-    Entries table = registrationEntries();
-    append(table, registrarEntries());
-    append(table, addressMapEntries<oryx::LocationService>());
-    append(table, addressMapEntries<oryx::PresenceService>());
-    append(table, settingEntries<oryx::DatabaseCommandExecutor>());
-    append(table, settingEntries<oryx::PresenceDatabaseCommandExecutor>());
-    append(table, proxyEntries<oryx::LocationService>());
-    append(table, proxyEntries<oryx::DatabaseCommandExecutor>());
-    appendPresence<oryx::PresenceService>(table);
-    appendPresence<oryx::PresenceDatabaseCommandExecutor>(table);
-    return table;
-}
-
 /// The argument as a test's name; tests/completeness/texts makes the same ones of the headers' arguments.
 std::string testName(const testing::TestParamInfo<Entry>& entry)
 {
@@ -396,29 +363,6 @@ TEST_F(BoundTexts, WhatIsNotUtf8IsRefusedAndCostsNoConnection)
     EXPECT_EQ(told(m_world.library.location.getPublicAddressKey("o\xff", "oryx.example", key)), "query error 22021\n");
     EXPECT_EQ(m_world.snapshot(), before);
     EXPECT_TRUE(m_world.sessionsKept());
-}
-
-/// A text that every place takes, and that no string holds without an allocation.
-const std::string kPlainText = "text that is too long for the place of a string";
-
-/// One entry of each operation: which of its arguments holds the text makes no difference to its memory, and a
-/// service's operation goes through that of its executor, so of these two the first is taken. Left out are the entries
-/// that call several operations.
-Entries oneOfEachOperation()
-{
-    static const std::set<std::string> kSeveralCalls{"lookupMapEntry", "removeMapEntry", "checkInboundDomainAccess"};
-    Entries table;
-    std::set<std::string> operations;
-    for (Entry& entry : allEntries()) {
-        const std::size_t begin = entry.argument.find("::") + 2;
-        const std::string operation = entry.argument.substr(begin, entry.argument.find(')') - begin);
-        const std::string server = entry.argument.starts_with("Presence") ? "events " : "registrar ";
-        if (!kSeveralCalls.contains(operation.substr(0, operation.find('('))) &&
-            operations.insert(server + operation).second) {
-            table.push_back(std::move(entry));
-        }
-    }
-    return table;
 }
 
 using WayAndEntry = std::tuple<SessionOptions::Statements, Entry>;
