@@ -1,0 +1,103 @@
+#include "drills/Late.h"
+
+#include "drills/Children.h"
+#include "drills/Jobs.h"
+#include "drills/Load.h"
+#include "support/Proxy.h"
+#include "support/Server.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+
+namespace drill {
+
+namespace {
+
+/// How long connecting again takes, and how far into it the newer request is sent: more than a second after the older
+/// one, so that a start time in seconds tells them apart.
+constexpr std::chrono::milliseconds kReconnect(1300);
+constexpr std::chrono::milliseconds kNewer(1050);
+
+class Phone {
+public:
+    Phone(const Account& account, int number, const std::string& journal)
+        : m_number(number),
+          m_name("c" + std::to_string(number) + ".0"),
+          m_journal(journal),
+          m_slow(account, m_journal),
+          m_other(account, m_journal)
+    {
+    }
+
+    void connect()
+    {
+        m_other.connect();
+        server::port();                              // the relay's way to the server, read before
+        setenv("PGPORT", m_relay.port().c_str(), 1); // for the connections to come
+        m_slow.connect();
+        m_relay.delay(kReconnect);
+    }
+
+    void work(const Stop& stop)
+    {
+        while (!stop.isThere()) {
+            m_other.registerContacts(address(), m_name, ++m_cseq);
+            const long older = ++m_cseq;
+            late([this, older] { m_slow.refreshContacts(address(), m_name, older); },
+                 [this] { m_other.refreshContacts(address(), m_name, ++m_cseq); });
+            m_other.lookUpContacts(m_name);
+            late([this] { m_slow.removeContacts(address(), m_name); },
+                 [this] { m_other.registerContacts(address(), m_name, ++m_cseq); });
+            m_other.lookUpContacts(m_name);
+            m_other.removeContacts(address(), m_name);
+            if (m_number == 0) {
+                conference();
+            }
+        }
+    }
+
+private:
+    int address() const { return m_number * kAddresses + 1; }
+
+    void late(const std::function<void()>& older, const std::function<void()>& newer)
+    {
+        m_relay.lose({server::Proxy::Loss::answer});
+        const auto repeated = std::async(std::launch::async, older);
+        std::this_thread::sleep_for(kNewer);
+        newer();
+    }
+
+    void conference()
+    {
+        const std::string extension = m_other.reserve().seen;
+        late([this, &extension] { m_slow.release(extension); }, [this] { m_other.reserve(); });
+        m_other.reserve(); // there is none, unless the late release took it from the second
+        m_other.release(extension);
+    }
+
+    int m_number;
+    std::string m_name;
+    server::Proxy m_relay;
+    Journal m_journal;
+    Jobs m_slow;
+    Jobs m_other;
+    long m_cseq = 0;
+};
+
+} // namespace
+
+void runLate(const Account& account, const std::string& folder)
+{
+    // In processes, each of which has its own way to the server in PGPORT.
+    runChildren(kWorkers, [&](int number) {
+        Phone phone(account, number, folder + "/journal/" + std::to_string(number));
+        phone.connect();
+        phone.work(Stop(folder));
+    });
+}
+
+} // namespace drill
