@@ -3,6 +3,7 @@
 #include "support/Server.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -62,6 +63,15 @@ std::uint16_t portOf(const Socket& socket)
     socklen_t size = sizeof address;
     check(::getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &size));
     return ntohs(address.sin_port);
+}
+
+/// Has the kernel drop every packet for a socket, before it is confirmed; or no longer.
+void dropPackets(const Socket& socket, bool dropping)
+{
+    sock_filter nothing{BPF_RET | BPF_K, 0, 0, 0}; // of each packet, pass 0 bytes on
+    const sock_fprog program{1, &nothing};
+    check(::setsockopt(socket.fd(), SOL_SOCKET, dropping ? SO_ATTACH_FILTER : SO_DETACH_FILTER, &program,
+                       sizeof program));
 }
 
 bool sendAll(int fd, const char* bytes, std::size_t size)
@@ -139,6 +149,22 @@ void Proxy::swallow(bool swallowing)
     m_swallowing = swallowing;
 }
 
+void Proxy::blackHole(bool dark)
+{
+    const std::lock_guard lock(m_mutex);
+    m_dark = dark;
+    dropPackets(m_listener, dark);
+    for (const Link& link : m_links) {
+        dropPackets(link.client, dark);
+    }
+}
+
+void Proxy::delay(std::chrono::milliseconds delay)
+{
+    const std::lock_guard lock(m_mutex);
+    m_delay = delay;
+}
+
 void Proxy::lend(bool lending)
 {
     const std::lock_guard lock(m_mutex);
@@ -181,6 +207,7 @@ void Proxy::accept()
     link.client = Socket(::accept4(m_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     link.server = newSocket();
     link.lent = m_lending;
+    link.from = std::chrono::steady_clock::now() + m_delay;
     const sockaddr_in address = loopback(static_cast<std::uint16_t>(std::stoi(server::port())));
     if (::connect(link.server.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         m_links.push_back(std::move(link));
@@ -189,6 +216,9 @@ void Proxy::accept()
 
 void Proxy::forward(Link& link, bool fromClient)
 {
+    if (m_dark || std::chrono::steady_clock::now() < link.from) {
+        return;
+    }
     const int from = fromClient ? link.client.fd() : link.server.fd();
     const int to = fromClient ? link.server.fd() : link.client.fd();
     std::array<char, 65536> bytes;

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -59,6 +60,12 @@ public:
     void refuse(bool refusing);
     /// Whatever is sent from now on gets nowhere, and nobody is told; or it arrives again.
     void swallow(bool swallowing);
+    /// Every packet from the clients is lost from now on, and nothing is sent to them, as when the network is gone: no
+    /// client's send is confirmed, no connection made. Or packets arrive again; what has been sent meanwhile comes
+    /// late.
+    void blackHole(bool dark);
+    /// Connections that are made from now on are served only after so long.
+    void delay(std::chrono::milliseconds delay);
     /// Connections that are made from now on hear notifications only with an answer, as through a pooler that lends
     /// sessions by the transaction; or they hear all again.
     void lend(bool lending);
@@ -71,8 +78,9 @@ private:
         bool loseAnswer = false;
         bool open = true;
         bool lent = false;
-        bool asked = true;   // it waits for an answer, or to be let in
-        std::string partial; // the beginning of a message from the server
+        std::chrono::steady_clock::time_point from; // served from then on
+        bool asked = true;                          // it waits for an answer, or to be let in
+        std::string partial;                        // the beginning of a message from the server
     };
 
     void serve();
@@ -89,6 +97,8 @@ private:
     std::deque<Loss> m_losses;
     std::function<void()> m_meanwhile;
     bool m_swallowing = false;
+    bool m_dark = false;
+    std::chrono::milliseconds m_delay{0};
     bool m_lending = false;
     std::mutex m_mutex;
     std::atomic<bool> m_stop = false;

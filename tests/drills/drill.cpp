@@ -1,0 +1,124 @@
+// The programs of the drills, in one: what tests/drills/run calls against the servers that it runs and breaks.
+//
+//     drill load FOLDER [answers|hang-ups|silence|fork]   workers, over a network with that trouble or as processes
+//     drill late FOLDER registration|refresh|removal|release   late repetitions of that change
+//     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
+//     drill burst NAME                                    100,000 notifications, and a line
+//     drill memory NAME                                   a listing that does not fit into memory, and a line
+//     drill heading                                       the table's first line
+//
+// A folder holds a drill's journals ("journal/"), the moments of its faults ("marks"), and what the database held in
+// the end ("stored"); `check` adds what was wrong ("findings"). Workers work until it holds "stop". ORYX_DRILL_HOSTS
+// and ORYX_DRILL_PASSWORD name the server and the services' password, PGPORT its port. Exit status: 1 where something
+// is wrong that no limit explains.
+
+#include "drills/Burst.h"
+#include "drills/Checker.h"
+#include "drills/Late.h"
+#include "drills/Load.h"
+#include "drills/Memory.h"
+#include "drills/Network.h"
+#include "drills/Table.h"
+#include "support/Server.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace drill;
+
+void load(const std::string& folder, const std::string& how)
+{
+    std::optional<Network> network;
+    if (!how.empty() && how != "fork") {
+        server::port(); // the relay's way to the server, before the services get another one
+        network.emplace(how, Marks(folder + "/marks"));
+        setenv("PGPORT", network->port().c_str(), 1);
+    }
+    runLoad(Account(), folder, how == "fork");
+}
+
+std::vector<std::vector<Entry>> journalsOf(const std::string& folder)
+{
+    std::vector<std::vector<Entry>> journals;
+    for (const auto& file : std::filesystem::directory_iterator(folder + "/journal")) {
+        journals.push_back(Journal::read(file.path()));
+    }
+    return journals;
+}
+
+bool check(const std::string& folder, const std::string& name, const std::string& limit)
+{
+    const std::vector<std::vector<Entry>> journals = journalsOf(folder);
+    Line line{name, 0, judge(journals, Snapshot::read(folder + "/stored")), Time(0), ""};
+    std::vector<Time> returns;
+    std::ifstream marks(folder + "/marks");
+    std::string what;
+    Time::rep at = 0;
+    for (std::size_t count = 0; marks >> what >> at >> count;) {
+        line.faults += what == "fault" ? count : 0;
+        if (what == "back") {
+            returns.emplace_back(at);
+        }
+    }
+    line.recovery = recovery(journals, returns);
+    // A repeated reservation must give the same extension again where the schema can know it by its token.
+    const bool orphansAreWrong = Account::variable("ORYX_STATEMENTS") == "bound";
+    line.verdict.doubled += orphansAreWrong ? line.verdict.orphaned : 0;
+    const bool wrong = line.verdict.wrong() > 0;
+    if (line.verdict.orphaned > 0) {
+        line.remark = std::to_string(line.verdict.orphaned) + " extensions reserved for nobody";
+    }
+    if (wrong && !limit.empty()) {
+        line.remark += (line.remark.empty() ? "" : "; ") + limit;
+    }
+    std::ofstream findings(folder + "/findings");
+    for (const std::string& finding : line.verdict.findings) {
+        findings << finding << '\n';
+    }
+    std::fputs(show(line).c_str(), stdout);
+    return (!wrong || !limit.empty()) && line.recovery.count() >= 0 && line.verdict.acknowledged > 0;
+}
+
+bool run(const std::vector<std::string>& arguments)
+{
+    const auto argument = [&](std::size_t index) { return index < arguments.size() ? arguments[index] : ""; };
+    const std::string what = argument(0);
+    if (what == "load") {
+        load(argument(1), argument(2));
+    } else if (what == "late") {
+        runLate(Account(), argument(1), argument(2));
+    } else if (what == "check") {
+        return check(argument(1), argument(2), argument(3));
+    } else if (what == "burst" || what == "memory") {
+        Line line = (what == "burst" ? runBurst : runMemory)(Account());
+        line.name = argument(1);
+        std::fputs(show(line).c_str(), stdout);
+        return line.verdict.wrong() == 0;
+    } else if (what == "heading") {
+        std::fputs(heading().c_str(), stdout);
+    } else {
+        throw std::runtime_error("no such drill program: " + what);
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(std::vector<std::string>(argv + 1, argv + argc)) ? EXIT_SUCCESS : EXIT_FAILURE;
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "drill: %s\n", failure.what());
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,137 @@
+# shellcheck shell=bash
+# Servers of the drills' own: made below a folder of their own, on ports of their own, gone with the script, also when
+# it is interrupted. Sourced.
+#
+# A server is its folder's name below $base: "$base/one" holds data, log and port. Only this script's own processes are
+# ever signalled: each server's postmaster, by the number in its postmaster.pid.
+
+binaries=$(pg_config --bindir 2>/dev/null || true)
+[[ -x $binaries/postgres ]] || binaries=$(find /usr/lib/postgresql/*/bin -name postgres -printf '%h\n' | sort -V | tail -n 1)
+
+# In memory, where there is room; a path of a Unix socket has at most 107 bytes.
+base=$(mktemp -d "$([[ -w /dev/shm ]] && echo /dev/shm || echo /tmp)/oryx-drills.XXXXXX")
+
+# PostgreSQL does not run as root.
+as_server() {
+    if [[ $(id -u) -eq 0 ]]; then runuser -u postgres -- "$@"; else "$@"; fi
+}
+
+# A port that nobody answers on, below the range the kernel takes outgoing ports from.
+free_port() {
+    local port
+    while port=$((20000 + RANDOM % 12000)); (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
+    echo "$port"
+}
+
+port_of() { cat "$base/$1/port"; }
+postmaster_of() { head -n 1 "$base/$1/data/postmaster.pid"; }
+is_running() { as_server "$binaries/pg_ctl" -s -D "$base/$1/data" status >/dev/null 2>&1; }
+
+# Superuser's psql, through the server's Unix socket.
+sql() {
+    local server=$1
+    shift
+    env -u PGSERVICE PGUSER=postgres PGOPTIONS='-c client_min_messages=error' psql --no-psqlrc --quiet --no-align --tuples-only --set=ON_ERROR_STOP=1 \
+        --host="$base" --port="$(port_of "$server")" --dbname="${database:-oryx}" "$@"
+}
+
+# Like sql for statements, until the server takes them.
+sql_when_it_can() {
+    until sql "$@" 2>/dev/null; do sleep 0.1; done
+}
+
+new_folder() {
+    mkdir "$base/$1"
+    free_port >"$base/$1/port"
+    if [[ $(id -u) -eq 0 ]]; then chown -R postgres "$base/$1"; fi
+}
+
+start() {
+    as_server "$binaries/pg_ctl" -s -w -t 30 -D "$base/$1/data" -l "$base/$1/log" -o "-p $(port_of "$1")" start >/dev/null
+}
+
+# "fast": sessions are told and ended; "immediate": the server is gone as after a crash.
+stop() {
+    as_server "$binaries/pg_ctl" -s -w -t 30 -D "$base/$1/data" -m "$2" stop >/dev/null
+}
+
+promote() {
+    as_server "$binaries/pg_ctl" -s -w -t 30 -D "$base/$1/data" promote >/dev/null
+}
+
+# Sends a signal to a server's postmaster and its children; SIGSTOP and SIGCONT, so that none of them runs.
+signal_all() {
+    local postmaster children
+    postmaster=$(postmaster_of "$1")
+    read -r -a children <"/proc/$postmaster/task/$postmaster/children" || true
+    kill -s "$2" "$postmaster" "${children[@]}" 2>/dev/null || true
+}
+
+# The server that all others are copies of: schema, roles, and what the workers own.
+make_original() {
+    chmod 711 "$base"
+    if [[ $(id -u) -eq 0 ]]; then chown postgres "$base"; fi
+    new_folder original
+    as_server "$binaries/initdb" --pgdata="$base/original/data" --username=postgres --encoding=UTF8 --locale=C.UTF-8 \
+        --auth-local=trust --auth-host=scram-sha-256 --wal-segsize=1 >/dev/null
+    cat >>"$base/original/data/postgresql.conf" <<SETTINGS
+listen_addresses = '127.0.0.1'
+unix_socket_directories = '$base'
+log_min_messages = fatal
+max_connections = 60
+max_wal_size = 64MB
+min_wal_size = 8MB
+SETTINGS
+    start original
+    database=postgres sql original --command 'CREATE DATABASE oryx'
+    env -u PGSERVICE PGHOST="$base" PGPORT="$(port_of original)" PGUSER=postgres "$root/schema/apply" oryx >/dev/null 2>&1
+    ORYX_REGISTRAR_PASSWORD=$ORYX_DRILL_PASSWORD ORYX_EVENTS_PASSWORD=$ORYX_DRILL_PASSWORD sql original --file="$root/deploy/roles.sql"
+    sql original --file="$root/tests/drills/provision.sql" --command 'VACUUM ANALYZE'
+    stop original fast
+}
+
+# A copy of the original, started; further arguments are settings.
+new_server() {
+    local setting
+    new_folder "$1"
+    as_server cp -a "$base/original/data" "$base/$1/data"
+    for setting in "${@:2}"; do
+        echo "$setting" >>"$base/$1/data/postgresql.conf"
+    done
+    start "$1"
+}
+
+# A streaming standby of another server.
+new_standby() {
+    new_folder "$1"
+    as_server env -u PGSERVICE "$binaries/pg_basebackup" --pgdata="$base/$1/data" --write-recovery-conf --checkpoint=fast \
+        --dbname="host=$base port=$(port_of "$2") user=postgres application_name=$1"
+    start "$1"
+    sql_when_it_can "$2" --command "DO \$\$ BEGIN ASSERT EXISTS (SELECT FROM pg_stat_replication WHERE state = 'streaming'); END \$\$"
+}
+
+# Ends the servers of a drill and removes them.
+remove_servers() {
+    local folder server
+    for folder in "$base"/*/port; do
+        server=$(basename "${folder%/port}")
+        [[ $server != original || ${1:-} == original ]] || continue
+        if [[ -s $base/$server/data/postmaster.pid ]]; then
+            signal_all "$server" CONT
+            stop "$server" immediate || true
+        fi
+        ! mountpoint -q "$base/$server/small" || umount "$base/$server/small"
+        rm -rf "${base:?}/$server"
+    done
+}
+
+# What is still at work when a script is interrupted: the drill, and its load.
+finish() {
+    local process
+    for process in $(jobs -p) $(cat "$base/load" 2>/dev/null); do
+        kill "$process" 2>/dev/null || true
+    done
+    wait
+    remove_servers original
+    rm -rf "$base"
+}
