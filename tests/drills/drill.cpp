@@ -4,6 +4,7 @@
 //     drill late FOLDER                                   late repetitions
 //     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
 //     drill burst NAME                                    100,000 notifications, and a line
+//     drill stale SECONDS                                 what standbys show, at the hosts of ORYX_DRILL_STANDBYS
 //     drill heading                                       the table's first line
 //
 // A folder holds a drill's journals ("journal/"), the moments of its faults ("marks"), and what the database held in
@@ -16,10 +17,12 @@
 #include "drills/Late.h"
 #include "drills/Load.h"
 #include "drills/Network.h"
+#include "drills/Stale.h"
 #include "drills/Table.h"
 #include "support/Server.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -98,6 +101,10 @@ bool run(const std::vector<std::string>& arguments)
         line.name = argument(1);
         std::fputs(show(line).c_str(), stdout);
         return line.verdict.wrong() == 0;
+    } else if (what == "stale") {
+        Account standbys;
+        standbys.uri = "postgresql://" + Account::variable("ORYX_DRILL_STANDBYS") + "/oryx";
+        std::puts(measureStaleReads(Account(), standbys, std::chrono::seconds(std::stoi(argument(1)))).c_str());
     } else if (what == "heading") {
         std::fputs(heading().c_str(), stdout);
     } else {
