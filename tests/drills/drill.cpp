@@ -4,6 +4,7 @@
 //     drill late FOLDER                                   late repetitions
 //     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
 //     drill burst NAME                                    100,000 notifications, and a line
+//     drill pace refresh|lookup SERVICES SECONDS          how many a second
 //     drill stale SECONDS                                 what standbys show, at the hosts of ORYX_DRILL_STANDBYS
 //     drill heading                                       the table's first line
 //
@@ -17,6 +18,7 @@
 #include "drills/Late.h"
 #include "drills/Load.h"
 #include "drills/Network.h"
+#include "drills/Pace.h"
 #include "drills/Stale.h"
 #include "drills/Table.h"
 #include "support/Server.h"
@@ -101,6 +103,9 @@ bool run(const std::vector<std::string>& arguments)
         line.name = argument(1);
         std::fputs(show(line).c_str(), stdout);
         return line.verdict.wrong() == 0;
+    } else if (what == "pace") {
+        const std::chrono::seconds time(std::stoi(argument(3)));
+        std::puts(measurePace(Account(), argument(1), std::stoi(argument(2)), time).c_str());
     } else if (what == "stale") {
         Account standbys;
         standbys.uri = "postgresql://" + Account::variable("ORYX_DRILL_STANDBYS") + "/oryx";
