@@ -12,6 +12,7 @@
 \getenv events_password ORYX_EVENTS_PASSWORD
 \getenv support_password ORYX_SUPPORT_PASSWORD
 
+SET client_min_messages = warning;
 BEGIN;
 
 SELECT format('CREATE ROLE %I', name)

@@ -4,6 +4,7 @@
 //     drill late FOLDER                                   late repetitions
 //     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
 //     drill burst NAME                                    100,000 notifications, and a line
+//     drill memory NAME                                   a listing that does not fit into memory, and a line
 //     drill pace refresh|lookup SERVICES SECONDS          how many a second
 //     drill stale SECONDS                                 what standbys show, at the hosts of ORYX_DRILL_STANDBYS
 //     drill heading                                       the table's first line
@@ -17,6 +18,7 @@
 #include "drills/Checker.h"
 #include "drills/Late.h"
 #include "drills/Load.h"
+#include "drills/Memory.h"
 #include "drills/Network.h"
 #include "drills/Pace.h"
 #include "drills/Stale.h"
@@ -98,8 +100,8 @@ bool run(const std::vector<std::string>& arguments)
         runLate(Account(), argument(1));
     } else if (what == "check") {
         return check(argument(1), argument(2), argument(3));
-    } else if (what == "burst") {
-        Line line = runBurst(Account());
+    } else if (what == "burst" || what == "memory") {
+        Line line = (what == "burst" ? runBurst : runMemory)(Account());
         line.name = argument(1);
         std::fputs(show(line).c_str(), stdout);
         return line.verdict.wrong() == 0;
