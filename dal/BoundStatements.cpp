@@ -4,6 +4,7 @@
 
 #include <dal/QueryResult.h>
 #include <dal/internal/BoundSession.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Meter.h>
 
 #include <libpq-fe.h>
@@ -46,7 +47,7 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     switch (sent.outcome) {
     case Sent::Outcome::lost:
         m_meter->lost(reason());
-        return error("fatal query error after reset");
+        return failAfterReset();
     case Sent::Outcome::late:
         return tooLate();
     case Sent::Outcome::answered:
@@ -84,12 +85,33 @@ bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
     if (m_conn != nullptr && PQtransactionStatus(m_conn) == PQTRANS_ACTIVE) {
         drop(); // it copies data, which nobody here takes or gives
     }
-    if (sent.text != nullptr) {
-        result.setSqlCommand(sent.text->text());
-    }
     result.setResult(sent.result.release());
+    if (sent.text != nullptr) {
+        keepText(*sent.text, result);
+    }
     countRefusal(result);
     return okay();
+}
+
+/// What the statement did counts, also where there is no memory for its words.
+void DatabaseConnection::keepText(const BoundText& text, QueryResult& result)
+{
+    unlessOutOfMemory(
+        [&] {
+            result.setSqlCommand(text.text());
+            return true;
+        },
+        [] { return false; });
+}
+
+/// Half of a round trip must never be sent, and what nobody has read is no answer to the next statement.
+void DatabaseConnection::settleBound() noexcept
+{
+    const bool busy =
+        m_conn != nullptr && (BoundSession::underWay(m_conn) || PQtransactionStatus(m_conn) == PQTRANS_INERROR);
+    if (busy) {
+        drop();
+    }
 }
 
 bool DatabaseConnection::resetBound()

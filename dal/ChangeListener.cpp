@@ -2,12 +2,14 @@
 
 #include <dal/internal/ConnectionAdvice.h>
 #include <dal/internal/ListeningConnection.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/StopSignal.h>
 
 #include <util/MaskSecrets.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <utility>
 
 namespace oryx {
@@ -34,7 +36,7 @@ DatabaseResult refusedRun(DatabaseResult::status status, const char* why)
 {
     DatabaseResult result;
     status == DatabaseResult::QUERY_ERROR ? result.setQueryError() : result.setConnectionError();
-    result.setErrorMessage(why);
+    unlessOutOfMemory([&] { result.setErrorMessage(why); }, [&] { result.setErrorMessage(kOutOfMemory); });
     return result;
 }
 
@@ -80,22 +82,47 @@ void ChangeListener::stop() noexcept
 /// Until the connection is lost, or the run stopped.
 void ChangeListener::listen(const Callback& callback)
 {
-    ListeningConnection connection(m_options, *m_stop);
-    if (connection.open(m_uri, m_user, m_password)) {
-        tellListening();
-        for (bool first = true; handOver(connection, first, callback) && connection.awaitAnnouncement();) {
-            first = false;
-        }
-    }
-    if (!m_stop->requested()) {
-        tellFailure(connection.reason());
+    std::optional<ListeningConnection> connection;
+    ChangeSet changes;
+    while (unlessOutOfMemory([&] { return hear(connection, changes); }, [this] { return tellOutOfMemory(); })) {
+        callback(changes); // what it throws is the caller's
+        m_position = std::move(changes.position);
     }
 }
 
-/// Calls back with everything announced so far; false when there is no going on.
-bool ChangeListener::handOver(ListeningConnection& connection, bool everything, const Callback& callback)
+/// Waits for the next changes, on a new connection if there is none yet; false when there is no going on.
+bool ChangeListener::hear(std::optional<ListeningConnection>& connection, ChangeSet& changes)
 {
-    ChangeSet changes{everything, {}, m_position};
+    if (m_stop->requested()) {
+        return false;
+    }
+    const bool first = !connection;
+    if (first) {
+        connection.emplace(m_options, *m_stop);
+    }
+    const bool heard = first ? open(*connection) : connection->awaitAnnouncement();
+    if (heard && take(*connection, first, changes)) {
+        return true;
+    }
+    if (!m_stop->requested()) {
+        tellFailure(connection->reason());
+    }
+    return false;
+}
+
+bool ChangeListener::open(ListeningConnection& connection)
+{
+    const bool listening = connection.open(m_uri, m_user, m_password);
+    if (listening) {
+        tellListening();
+    }
+    return listening;
+}
+
+/// Takes everything announced so far; false when it is not to be handed over.
+bool ChangeListener::take(ListeningConnection& connection, bool everything, ChangeSet& changes)
+{
+    changes = {everything, {}, m_position};
     const TableSet announced = connection.takeAnnounced();
     for (std::size_t i = 0; i < announced.size(); ++i) {
         if (!announced.test(i)) {
@@ -107,11 +134,6 @@ bool ChangeListener::handOver(ListeningConnection& connection, bool everything, 
             return false;
         }
     }
-    if (m_stop->requested()) {
-        return false;
-    }
-    callback(changes);
-    m_position = std::move(changes.position);
     return !m_stop->requested();
 }
 
@@ -160,6 +182,16 @@ void ChangeListener::tellFailure(const std::string& reason)
     }
     m_toldFailure = reason;
     m_trace.log("change listener: not listening: %s", maskSecrets(reason).c_str());
+}
+
+/// The same, without a text made for it. Always false.
+bool ChangeListener::tellOutOfMemory()
+{
+    if (m_toldFailure != kOutOfMemory) {
+        m_toldFailure = kOutOfMemory;
+        m_trace.log("change listener: not listening: %s", kOutOfMemory);
+    }
+    return false;
 }
 
 } // namespace oryx

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -95,8 +96,9 @@ public:
     /// Listens and calls back, until `stop`; may then be run again. Okay when it was stopped; at once a query error
     /// without a callback, and a connection error when the process has no descriptor left to be stopped by.
     ///
-    /// What the callback throws comes out of here: the connection is closed, and as the position counts only what the
-    /// callback has returned from, the same rows come again with the next run.
+    /// Where memory runs out the listener connects anew, as after a lost connection. What the callback throws comes out
+    /// of here: the connection is closed, and as the position counts only what the callback has returned from, the same
+    /// rows come again with the next run.
     DatabaseResult run(const Callback& callback);
     /// Ends the run that is under way, or the next one as it begins; asked several times until then, it ends that one
     /// run. Safe in a signal handler and from any thread.
@@ -109,10 +111,13 @@ public:
 
 private:
     void listen(const Callback& callback);
-    bool handOver(ListeningConnection& connection, bool everything, const Callback& callback);
+    bool hear(std::optional<ListeningConnection>& connection, ChangeSet& changes);
+    bool open(ListeningConnection& connection);
+    bool take(ListeningConnection& connection, bool everything, ChangeSet& changes);
     bool readLog(ListeningConnection& connection, ChangedTable& table, ChangePosition& position);
     void tellListening();
     void tellFailure(const std::string& reason);
+    bool tellOutOfMemory();
 
     std::string m_uri;
     std::string m_user;

@@ -22,7 +22,7 @@ bool CommandExecutor::connect(const char* uri, const char* user, const char* pas
 
 bool CommandExecutor::checkConnect()
 {
-    return m_frame->checkConnect();
+    return m_frame->guarded(false, [this] { return m_frame->checkConnect(); });
 }
 
 DatabaseResult CommandExecutor::execute(const std::string& query)
@@ -38,7 +38,7 @@ void CommandExecutor::setSessionOptions(const SessionOptions& options)
 bool CommandExecutor::executeUpdate(const std::string& cmd, int& count)
 {
     const Call call(*m_frame);
-    return m_frame->executeUpdate(cmd, count);
+    return m_frame->guarded(false, [&] { return m_frame->executeUpdate(cmd, count); });
 }
 
 const std::string& CommandExecutor::getSqlState() const
@@ -58,17 +58,17 @@ bool CommandExecutor::okay()
 
 bool CommandExecutor::error(const char* msg)
 {
-    return m_frame->error(msg);
+    return m_frame->guarded(false, [&] { return m_frame->error(msg); });
 }
 
 bool CommandExecutor::error(const QueryResult& r)
 {
-    return m_frame->error(r);
+    return m_frame->guarded(false, [&] { return m_frame->error(r); });
 }
 
 bool CommandExecutor::errorConnection()
 {
-    return m_frame->errorConnection();
+    return m_frame->guarded(false, [this] { return m_frame->errorConnection(); });
 }
 
 int CommandExecutor::getDomainNameList(std::vector<std::string>& domainNameList)
@@ -80,10 +80,15 @@ int CommandExecutor::getDomainNameList(std::vector<std::string>& domainNameList)
         m_frame->trace.prn("getDomainNameList(): *** WARNING ***: Empty value for domains found!");
         return 0;
     }
-    StringTokenizer domains(value, " ,;:");
-    while (domains.hasMoreTokens()) {
-        domainNameList.push_back(domains.nextToken());
-    }
+    m_frame->guarded(false, [&] {
+        addAllOrNone(domainNameList, [&] {
+            StringTokenizer domains(value, " ,;:");
+            while (domains.hasMoreTokens()) {
+                domainNameList.push_back(domains.nextToken());
+            }
+        });
+        return true;
+    });
     const int count = static_cast<int>(domainNameList.size());
     m_frame->trace.prn("getDomainNameList(): read %d domains, first is %s", count,
                        domainNameList.empty() ? "" : domainNameList.front().c_str());

@@ -17,8 +17,9 @@ class Frame;
 /// What both command executors stand on: the connection they own, the running of statements, the error text, and the
 /// server's domain list.
 ///
-/// Nothing is thrown but std::bad_alloc. Operations that return `bool` leave the reason of a failure in
-/// `getErrorMessage()`. An executor is used by one thread at a time.
+/// Nothing is thrown by an operation: where memory runs out it fails for that reason, "out of memory", and what it was
+/// given is as it was. Operations that return `bool` leave the reason of a failure in `getErrorMessage()`. An executor
+/// is used by one thread at a time.
 /// \ingroup core
 class ORYX_EXPORT CommandExecutor {
 public:

@@ -89,7 +89,13 @@ std::string& DatabaseCommandExecutor::getErrorMessage()
 DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& cmd, DatabaseResult& result,
                                                             QueryResult& qres, bool isTransaction)
 {
-    executeTraced(*m_frame, cmd, result, qres);
+    const bool ended = m_frame->guarded(false, [&] {
+        executeTraced(*m_frame, cmd, result, qres);
+        return true;
+    });
+    if (!ended) {
+        result = m_frame->queryError();
+    }
     if (!result.okay() && isTransaction && (!m_frame->connection || !m_frame->connection->execute("ROLLBACK;", qres))) {
         m_frame->trace.prn("rollback execution failed\n");
     }
@@ -99,31 +105,42 @@ DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& c
 std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& application, const std::string& scope,
                                                              const std::string& name)
 {
-    if (!systemParameterNamed(m_frame->trace, application, scope, name)) {
-        return {};
-    }
-    DatabaseResult outcome;
-    QueryResult result;
-    executeTraced(*m_frame, systemParameterQuery(application, scope, name), outcome, result);
-    if (!outcome.okay()) {
-        return {};
-    }
-    if (result.rows() == 0) {
-        m_frame->trace.prn("getSystemParameterValue(): Query returned 0 rows, No available domains found!");
-        return {};
-    }
-    const char* const value = result.getValue(0, 0);
-    return value != nullptr ? value : "";
+    return m_frame->guarded(std::string(), [&] {
+        if (!systemParameterNamed(m_frame->trace, application, scope, name)) {
+            return std::string();
+        }
+        DatabaseResult outcome;
+        QueryResult result;
+        executeTraced(*m_frame, systemParameterQuery(application, scope, name), outcome, result);
+        if (!outcome.okay()) {
+            return std::string();
+        }
+        if (result.rows() == 0) {
+            m_frame->trace.prn("getSystemParameterValue(): Query returned 0 rows, No available domains found!");
+            return std::string();
+        }
+        const char* const value = result.getValue(0, 0);
+        return std::string(value != nullptr ? value : "");
+    });
 }
 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
+    m_frame->guarded(false, [&] { return takeDomain(index, domainName); });
+    return domainName;
+}
+
+bool DatabaseCommandExecutor::takeDomain(unsigned int index, std::string& domainName)
+{
     if (knownDomains.load(std::memory_order_acquire) == nullptr && !DomainReading::underWay) {
         readDomains();
     }
     const Domains* const known = knownDomains.load(std::memory_order_acquire);
-    return known != nullptr ? pickDomain(m_frame->trace, *known, index, domainName) : domainName;
+    if (known != nullptr) {
+        pickDomain(m_frame->trace, *known, index, domainName);
+    }
+    return known != nullptr;
 }
 
 void DatabaseCommandExecutor::readDomains()

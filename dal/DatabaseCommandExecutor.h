@@ -136,6 +136,8 @@ public:
     ///@}
 
 private:
+    /// The domain at `index` of the list that the process shares; false when there is none yet.
+    bool takeDomain(unsigned int index, std::string& domainName);
     /// Fills the list that the process shares, unless another thread has filled it meanwhile.
     void readDomains();
 };

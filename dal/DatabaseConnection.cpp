@@ -3,9 +3,11 @@
 #include <dal/QueryResult.h>
 #include <dal/internal/BoundSession.h>
 #include <dal/internal/ConnectionAdvice.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Meter.h>
 #include <dal/internal/Process.h>
 #include <dal/internal/Statement.h>
+#include <dal/internal/Traced.h>
 
 #include <wex/URL.h>
 
@@ -15,6 +17,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
+#include <new>
+#include <string_view>
 #include <utility>
 
 namespace oryx {
@@ -59,6 +64,12 @@ DatabaseConnection::~DatabaseConnection()
 }
 
 bool DatabaseConnection::connect(const char* uri, const char* user, const char* password)
+{
+    return unlessOutOfMemory([&] { return connectPlainOrBound(uri, user, password); },
+                             [this] { return error(kOutOfMemory); });
+}
+
+bool DatabaseConnection::connectPlainOrBound(const char* uri, const char* user, const char* password)
 {
     if (uri == nullptr || user == nullptr || password == nullptr) {
         return error("missing connection parameters");
@@ -144,6 +155,11 @@ bool DatabaseConnection::active()
 
 bool DatabaseConnection::reset()
 {
+    return unlessOutOfMemory([this] { return resetPlainOrBound(); }, [this] { return error(kOutOfMemory); });
+}
+
+bool DatabaseConnection::resetPlainOrBound()
+{
     if (m_bound) {
         if (!m_inOperation) {
             beginOperation();
@@ -166,10 +182,20 @@ bool DatabaseConnection::reset()
 
 bool DatabaseConnection::execute(const char* cmd, QueryResult& result)
 {
-    return execute(std::string(cmd != nullptr ? cmd : ""), result);
+    return unlessOutOfMemory([&] { return execute(std::string(cmd != nullptr ? cmd : ""), result); },
+                             [this] { return error(kOutOfMemory); });
 }
 
 bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
+{
+    return unlessOutOfMemory([&] { return send(cmd, result); },
+                             [this] {
+                                 settle();
+                                 return error(kOutOfMemory);
+                             });
+}
+
+bool DatabaseConnection::send(const std::string& cmd, QueryResult& result)
 {
     if (!m_bound) {
         return run(std::string(cmd), result);
@@ -180,7 +206,7 @@ bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
     return executeBound(cmd, result);
 }
 
-bool DatabaseConnection::execute(Statement& statement, QueryResult& result)
+bool DatabaseConnection::send(Statement& statement, QueryResult& result)
 {
     if (m_bound && !bound()) {
         return executeBound(statement.takeText(), result);
@@ -188,7 +214,7 @@ bool DatabaseConnection::execute(Statement& statement, QueryResult& result)
     return m_bound ? executeBound({&statement, 1}, result) : run(statement.takeText(), result);
 }
 
-bool DatabaseConnection::execute(const Transaction& transaction, QueryResult& result)
+bool DatabaseConnection::send(const Transaction& transaction, QueryResult& result)
 {
     return m_bound ? executeBound(transaction.statements, result) : run(transaction.text(), result);
 }
@@ -220,12 +246,13 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
         return false;
     }
     const Measured measured(*m_meter);
-    m_trace.prn("executing query");
+    traceProgress(m_trace, "executing query");
     if (const std::size_t nul = cmd.find('\0'); nul != std::string::npos) {
         cmd.resize(nul); // what is sent ends there
     }
     result.setSqlCommand(std::move(cmd));
     const char* const statement = result.getSqlCommand().c_str();
+    m_unsettled = true;
     PGresult* received = PQexec(m_conn, statement);
     if (received == nullptr) {
         received = repeatAfterLoss(statement);
@@ -233,14 +260,25 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
             return false;
         }
     }
-    m_trace.prn("query returned, setting result");
+    traceProgress(m_trace, "query returned, setting result");
     result.setResult(received);
-    std::string name;
-    if (result.failed() && result.getErrorCode(name) == PGRES_FATAL_ERROR) {
-        m_trace.prn("fatal error, retrying after: %s", name.c_str());
+    const bool failed = result.failed();
+    m_unsettled = failed;
+    if (failed && result.fatal()) {
+        m_trace.prn("fatal error, retrying after: %s", "PGRES_FATAL_ERROR");
         return repeatAfterFatalResult(statement, result);
     }
     return okay();
+}
+
+void DatabaseConnection::settle() noexcept
+{
+    if (m_bound) {
+        settleBound();
+    } else if (m_unsettled) {
+        reset(); // as after every failed statement
+        m_unsettled = false;
+    }
 }
 
 PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
@@ -256,9 +294,20 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         m_meter->lost(reason());
-        error("fatal query error after reset");
+        failAfterReset();
     }
     return received;
+}
+
+/// A statement that libpq could not even send again.
+bool DatabaseConnection::failAfterReset()
+{
+    const std::string_view why = reason();
+    if (why.find(kOutOfMemory) != std::string_view::npos ||
+        why.find("cannot allocate memory") != std::string_view::npos) {
+        throw std::bad_alloc();
+    }
+    return error("fatal query error after reset");
 }
 
 bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& result)
@@ -271,9 +320,10 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         m_meter->lost(reason());
-        return error("fatal query error after reset");
+        return failAfterReset();
     }
     result.setResult(received);
+    m_unsettled = result.fatal();
     if (!refused) {
         countFailure(result);
     }
@@ -287,11 +337,10 @@ bool DatabaseConnection::countFailure(const QueryResult& result)
     const std::string state = result.getSqlState();
     const bool lost = std::any_of(kOfTheConnection.begin(), kOfTheConnection.end(),
                                   [&](std::string_view beginning) { return state.starts_with(beginning); });
-    std::string name;
     if (!lost) {
         return countRefusal(result);
     }
-    if (result.getErrorCode(name) == PGRES_FATAL_ERROR) {
+    if (result.fatal()) {
         m_meter->lost(reason());
     }
     return false;
@@ -300,8 +349,7 @@ bool DatabaseConnection::countFailure(const QueryResult& result)
 /// Counts a statement that the server refused; whether it did.
 bool DatabaseConnection::countRefusal(const QueryResult& result)
 {
-    std::string name;
-    const bool refused = result.getErrorCode(name) == PGRES_FATAL_ERROR;
+    const bool refused = result.fatal();
     if (refused) {
         m_meter->refused(result.getSqlState());
     }
@@ -339,8 +387,15 @@ bool DatabaseConnection::error()
 
 bool DatabaseConnection::error(const char* msg)
 {
-    m_errorMsg = msg != nullptr ? msg : "";
-    return false;
+    return unlessOutOfMemory(
+        [&] {
+            m_errorMsg = msg != nullptr ? msg : "";
+            return false;
+        },
+        [this] {
+            m_errorMsg = kOutOfMemory;
+            return false;
+        });
 }
 
 } // namespace oryx

@@ -18,6 +18,7 @@ using PGresult = pg_result;
 namespace oryx {
 
 class BoundSession;
+class BoundText;
 class Deadline;
 class Meter;
 class QueryResult;
@@ -32,7 +33,8 @@ ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
 /// One connection to the PostgreSQL server, and the only place that opens, resets, closes or executes on one.
 ///
 /// A lost connection is reset and its statement sent again (`execute` has the rule); every failure leaves its reason in
-/// `getErrorMessage()`, every success empties it. Used by one thread at a time. In a child process
+/// `getErrorMessage()`, every success empties it; where memory runs out it is "out of memory". Used by one thread at a
+/// time. In a child process
 /// it is lost: the parent keeps it, and the child connects anew.
 /// \ingroup core
 class ORYX_EXPORT DatabaseConnection {
@@ -116,8 +118,10 @@ private:
     DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter, int interruption = -1);
     // The library's own statements, sent as the options say: as one text, or bound. A bound one that the server
     // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
-    bool execute(Statement& statement, QueryResult& result);
-    bool execute(const Transaction& transaction, QueryResult& result);
+    bool send(Statement& statement, QueryResult& result);
+    bool send(const Transaction& transaction, QueryResult& result);
+    // `execute` for those who tell by themselves when memory runs out.
+    bool send(const std::string& cmd, QueryResult& result);
     // The text that the server gets; without the values, where they travel apart from it.
     const std::string& textOf(Statement& statement);
     std::string textOf(const Transaction& transaction);
@@ -134,13 +138,19 @@ private:
     void beginOperation();
     bool m_inOperation = false; // the owner says when one begins
 
+    // After memory ran out: whatever a statement may have left open ends, with the connection it is open on.
+    void settle() noexcept;
+
     const char* reason() const;
+    bool connectPlainOrBound(const char* uri, const char* user, const char* password);
+    bool resetPlainOrBound();
     bool connected();
     bool inherited() const;
     void leaveToParent();
     bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
+    bool failAfterReset();
     bool countFailure(const QueryResult& result);
     bool countRefusal(const QueryResult& result);
     bool subscribe(const std::string& table);
@@ -156,13 +166,16 @@ private:
     bool runBound(Send send, QueryResult& result);
     bool connectBound();
     bool received(Sent&& sent, QueryResult& result);
+    static void keepText(const BoundText& text, QueryResult& result);
     bool resetBound();
+    void settleBound() noexcept;
     bool tooLate();
     bool givenUp();
     std::string lateness() const;
     void drop();
 
     PGconn* m_conn = nullptr;
+    bool m_unsettled = false;  // a plain statement has failed, and none that ends its transaction has gone well since
     unsigned m_generation = 0; // of the process that the connection was made in
     SessionOptions m_options;
     int m_interruption = -1;

@@ -23,7 +23,7 @@ public:
     /// There was no usable connection to the server. Where an operation says so, the server refused the statement: the
     /// event server's changes and `LocationService::lookupSubscriber` do not tell the two apart.
     bool connectionError() const { return m_status == CONNECTION_ERROR; }
-    /// The statement failed, or an argument was refused before anything was sent.
+    /// The statement failed, an argument was refused before anything was sent, or memory ran out ("out of memory").
     bool queryError() const { return m_status == QUERY_ERROR; }
     /// A connection or a query error: nothing is known about the rows asked for.
     bool fatalError() const { return connectionError() || queryError(); }

@@ -80,10 +80,11 @@ DatabaseResult LocationService::getOutboundRoute(const char* uri, bool internal,
             return result;
         }
         std::string host = request.getHost();
-        allowed = internal ? internalAllowed(info, rules, host) : externalAllowed(info);
-        if (allowed) {
+        const bool granted = internal ? internalAllowed(info, rules, host) : externalAllowed(info);
+        if (granted) {
             chooseProxy(info, host, proxy);
         }
+        allowed = granted; // only now: where memory runs out, it is what it was
         return result;
     });
 }

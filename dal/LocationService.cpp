@@ -26,7 +26,7 @@ DatabaseResult findKey(DatabaseCommandExecutor& executor, zel::Trace& trace, con
 {
     key = -1;
     PublicAddressRecord address;
-    DatabaseResult result = executor.lookupPublicAddress(handle, domain, address);
+    DatabaseResult result = findPublicAddress(executor, handle, domain, address);
     if (result.okay()) {
         key = address.public_address_id();
         trace.prn("public address found, key=%d", key);
@@ -79,7 +79,7 @@ DatabaseResult LocationService::getPublicAddressKey(const char* handle, const ch
         m_trace.prn("connection error");
         return result;
     }
-    return findKey(*m_exec, m_trace, handle, domain, key);
+    return frameOf(*m_exec).guarded([&] { return findKey(*m_exec, m_trace, handle, domain, key); });
 }
 
 DatabaseResult LocationService::lookupSubscriber(const char* handle, const char* domain, SubscriberRecord& rec)
@@ -235,7 +235,7 @@ DatabaseResult LocationService::lookupAddressMap(const char* uri, std::string& o
 
 void LocationService::getMapKeys(std::vector<std::string>& keys)
 {
-    m_addrMap->getKeys(keys);
+    appendKeys(*m_addrMap, keys);
 }
 
 AddressMap* LocationService::lookupMapEntry(std::string& key)

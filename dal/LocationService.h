@@ -150,7 +150,7 @@ public:
     /// says otherwise; `ordering` and `contacts` as `lookupContacts` leaves them.
     DatabaseResult lookupAddressMap(const char* uri, std::string& ordering, bool& replaceUri,
                                     std::vector<ContactRecord>& contacts);
-    /// Appends the keys of the compiled address maps: handle, hyphen, contact set key.
+    /// Appends the keys of the compiled address maps: handle, hyphen, contact set key. None where memory runs out.
     void getMapKeys(std::vector<std::string>& keys);
     /// The compiled address map with that key, or null. It belongs to the service and lives until a lookup finds its
     /// row gone, it is removed here, or the service ends.

@@ -346,7 +346,7 @@ DatabaseResult PresenceService::lookedUp(int& key, Operation operation, Found tr
         return result;
     }
     key = -1;
-    result = operation();
+    result = frameOf(*m_exec).guarded(operation);
     if (result.okay()) {
         traceFound();
     } else {
@@ -368,7 +368,7 @@ DatabaseResult PresenceService::getPublicAddressKey(const char* handle, const ch
             stringLower(handle, lowerHandle);
             stringLower(domain, lowerDomain);
             PublicAddressRecord address;
-            DatabaseResult result = m_exec->lookupPublicAddress(lowerHandle.c_str(), lowerDomain.c_str(), address);
+            DatabaseResult result = findPublicAddress(*m_exec, lowerHandle.c_str(), lowerDomain.c_str(), address);
             if (result.okay()) {
                 key = address.public_address_id();
                 csid = address.csid();
@@ -415,7 +415,7 @@ DatabaseResult PresenceService::lookupAddressMap(const char* uri, std::string& o
 
 void PresenceService::getMapKeys(std::vector<std::string>& keys)
 {
-    m_addrMap->getKeys(keys);
+    appendKeys(*m_addrMap, keys);
 }
 
 AddressMap* PresenceService::lookupMapEntry(std::string& key)

@@ -48,6 +48,11 @@ bool QueryResult::failed() const
     return status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK;
 }
 
+bool QueryResult::fatal() const
+{
+    return m_result != nullptr && PQresultStatus(m_result) == PGRES_FATAL_ERROR;
+}
+
 int QueryResult::updateCount() const
 {
     const char* const count = m_result != nullptr ? PQcmdTuples(m_result) : nullptr;

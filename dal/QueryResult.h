@@ -69,6 +69,10 @@ public:
     int getErrorCode(std::string& s) const;
 
 private:
+    friend class DatabaseConnection;
+
+    /// Whether the server refused the statement, or libpq lost it.
+    bool fatal() const;
     bool contains(int row, int col) const { return row >= 0 && row < m_rows && col >= 0 && col < m_columns; }
 
     PGresult* m_result = nullptr;

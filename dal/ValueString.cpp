@@ -30,19 +30,24 @@ ValueString::ValueString()
 void ValueString::addName(const char* nm)
 {
     separate(m_names);
-    m_names += nm != nullptr ? nm : "";
+    m_names += std::string_view(nm != nullptr ? nm : "");
+}
+
+void ValueString::addQuoted(std::string_view v, bool cut)
+{
+    separate(m_values);
+    m_values += '\'';
+    m_places.push_back({m_values.size(), v.size(), false, cut});
+    m_values += v;
+    m_values += '\'';
 }
 
 void ValueString::addValue(const char* v)
 {
-    separate(m_values);
     if (v != nullptr) {
-        const std::size_t begin = m_values.append("'").size();
-        m_places.push_back({begin, m_values.append(v).size() - begin});
-        m_values += '\'';
+        addQuoted(v, false);
     } else {
-        m_places.push_back({m_values.size(), 0, true});
-        m_values += "NULL";
+        addBare("NULL", true);
     }
 }
 
@@ -54,21 +59,27 @@ void ValueString::add(const char* nm, const char* v)
 
 void ValueString::add(const char* nm, const std::string& v)
 {
-    add(nm, v.empty() ? nullptr : v.c_str());
-    m_places.back().cut = v.find('\0') != std::string::npos;
+    addName(nm);
+    if (v.empty()) {
+        addValue(nullptr);
+        return;
+    }
+    const std::string_view whole = v;
+    const std::string_view text = whole.substr(0, whole.find('\0'));
+    addQuoted(text, text.size() < whole.size());
+}
+
+void ValueString::addBare(std::string_view v, bool null)
+{
+    separate(m_values);
+    m_places.push_back({m_values.size(), null ? 0 : v.size(), null});
+    m_values += v;
 }
 
 void ValueString::addExplicit(const char* nm, long v)
 {
-    addNumber(nm, std::to_string(v));
-}
-
-void ValueString::addNumber(const char* nm, const std::string& digits)
-{
     addName(nm);
-    separate(m_values);
-    m_places.push_back({m_values.size(), digits.size()});
-    m_values += digits;
+    addBare(std::to_string(v), false);
 }
 
 const char* ValueString::names()

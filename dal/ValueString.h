@@ -46,7 +46,8 @@ public:
     template <std::unsigned_integral Number>
     void addExplicit(const char* nm, Number v)
     {
-        addNumber(nm, std::to_string(v));
+        addName(nm);
+        addBare(std::to_string(v), false);
     }
 
     /// The column list with its closing parenthesis; valid until the next call that changes it.
@@ -65,7 +66,8 @@ private:
     // The values, in their order.
     const std::vector<detail::ValuePlace>& valuePlaces() const { return m_places; }
 
-    void addNumber(const char* nm, const std::string& digits);
+    void addQuoted(std::string_view v, bool cut);
+    void addBare(std::string_view v, bool null);
 
     std::string m_names;
     std::string m_values;

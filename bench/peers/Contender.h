@@ -43,7 +43,8 @@ public:
     virtual void refreshContact(int key, std::vector<oryx::ContactRecord>& contact) = 0;
     virtual void unregisterContact(int key, std::vector<oryx::ContactRecord>& contact) = 0;
 
-    virtual void storeDialog(const oryx::PresenceRecord& dialog) = 0;
+    /// The record is made for the call, as a server makes one for each dialog.
+    virtual void storeDialog(oryx::PresenceRecord dialog) = 0;
     virtual oryx::PresenceRecord findDialog(const std::string& id) = 0;
     virtual void removeDialog(const std::string& id) = 0;
     virtual std::vector<oryx::WatchersRecord> watchers(const std::string& presentityKey) = 0;

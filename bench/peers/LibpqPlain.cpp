@@ -19,7 +19,7 @@ public:
     bool registerContact(int key, std::vector<oryx::ContactRecord>& contact) override;
     void refreshContact(int key, std::vector<oryx::ContactRecord>& contact) override;
     void unregisterContact(int key, std::vector<oryx::ContactRecord>& contact) override;
-    void storeDialog(const oryx::PresenceRecord& dialog) override;
+    void storeDialog(oryx::PresenceRecord dialog) override;
     oryx::PresenceRecord findDialog(const std::string& id) override;
     void removeDialog(const std::string& id) override;
     std::vector<oryx::WatchersRecord> watchers(const std::string& presentityKey) override;
@@ -98,7 +98,7 @@ void LibpqPlain::unregisterContact(int key, std::vector<oryx::ContactRecord>& co
         "' AND csid = (SELECT csid FROM public_address where id = " + std::to_string(key) + "); COMMIT TRANSACTION;");
 }
 
-void LibpqPlain::storeDialog(const oryx::PresenceRecord& dialog)
+void LibpqPlain::storeDialog(oryx::PresenceRecord dialog)
 {
     const auto quotedOrNull = [](const std::string& text) { return text.empty() ? "NULL" : "'" + text + "'"; };
     run("INSERT INTO subscription_states (subscriptionid,fromhdr,tohdr,callid,subcseq,eventhdr,remotecontacthdr,routeset,notcseq,requesturi,packageid) VALUES('" +

@@ -63,7 +63,7 @@ public:
         run(kUnregister, contact.front().address().c_str(), std::to_string(key).c_str());
     }
 
-    void storeDialog(const oryx::PresenceRecord& dialog) override
+    void storeDialog(oryx::PresenceRecord dialog) override
     {
         run(kStoreDialog, dialog.subscriptionid().c_str(), dialog.fromhdr().c_str(), dialog.tohdr().c_str(),
             dialog.callId().c_str(), std::to_string(dialog.subcseq()).c_str(), dialog.eventhdr().c_str(),

@@ -129,7 +129,7 @@ public:
         run(kUnregister, contact.front().address(), key);
     }
 
-    void storeDialog(const oryx::PresenceRecord& dialog) override
+    void storeDialog(oryx::PresenceRecord dialog) override
     {
         run(kStoreDialog, dialog.subscriptionid(), dialog.fromhdr(), dialog.tohdr(), dialog.callId(), dialog.subcseq(),
             dialog.eventhdr(), dialog.remotecontacthdr(), dialog.routeset(), dialog.notcseq(), dialog.requestUri(),

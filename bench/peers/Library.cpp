@@ -1,6 +1,7 @@
 #include "Library.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace peers {
 
@@ -76,9 +77,9 @@ void Library::unregisterContact(int key, std::vector<oryx::ContactRecord>& conta
     require(m_location.unregisterContacts(key, contact));
 }
 
-void Library::storeDialog(const oryx::PresenceRecord& dialog)
+void Library::storeDialog(oryx::PresenceRecord dialog)
 {
-    require(m_presence.addWatcher(dialog));
+    require(m_presence.addWatcher(std::move(dialog)));
 }
 
 oryx::PresenceRecord Library::findDialog(const std::string& id)

@@ -20,7 +20,7 @@ public:
     bool registerContact(int key, std::vector<oryx::ContactRecord>& contact) override;
     void refreshContact(int key, std::vector<oryx::ContactRecord>& contact) override;
     void unregisterContact(int key, std::vector<oryx::ContactRecord>& contact) override;
-    void storeDialog(const oryx::PresenceRecord& dialog) override;
+    void storeDialog(oryx::PresenceRecord dialog) override;
     oryx::PresenceRecord findDialog(const std::string& id) override;
     void removeDialog(const std::string& id) override;
     std::vector<oryx::WatchersRecord> watchers(const std::string& presentityKey) override;

@@ -148,7 +148,7 @@ public:
         m_unregister.execute(true);
     }
 
-    void storeDialog(const oryx::PresenceRecord& dialog) override
+    void storeDialog(oryx::PresenceRecord dialog) override
     {
         m_id = dialog.subscriptionid();
         m_from = dialog.fromhdr();

@@ -54,10 +54,10 @@ const char* columnText(const Row& row, int column)
 
 } // namespace
 
-DatabaseResult AddressMapCache::lookup(const DatabaseResult& connected, const char* uri, const Queries& queries,
+DatabaseResult AddressMapCache::lookup(DatabaseResult connected, const char* uri, const Queries& queries,
                                        std::vector<ContactRecord>& contacts)
 {
-    DatabaseResult result = connected;
+    DatabaseResult result = std::move(connected);
     if (!result.okay()) {
         m_trace.prn(result.getErrorMessage());
         return result;
@@ -231,17 +231,22 @@ AddressMapCache::Entry& AddressMapCache::refresh(const AddressMapRecord& record,
         m_trace.prn("key=%s, pat=%s, time=%ld, priority=%d, ordering=%s", key.c_str(), record.pattern().c_str(),
                     record.wholeModTime(), record.priority(), record.ordering().c_str());
     }
+    std::unique_ptr<Entry> added;
     Entry* entry = finder.find(key, expected);
     if (entry != nullptr) {
         m_trace.prn("updating existing map entry for %s", key.c_str());
         entry->shared = entry->shared || entry->current;
     } else {
         m_trace.prn("adding new map for %s", key.c_str());
-        entry = m_entries.emplace_back(std::make_unique<Entry>()).get();
+        added = std::make_unique<Entry>();
+        entry = added.get();
         entry->map.setKey(key.c_str());
     }
     entry->map.compile(record.pattern().c_str(), record.wholeModTime());
     entry->map.setCsid(record.csid());
+    if (added) {
+        m_entries.push_back(std::move(added));
+    }
     return *entry;
 }
 

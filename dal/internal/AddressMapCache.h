@@ -36,7 +36,7 @@ public:
     /// The contacts that serve a request URI: brings the cache into line with the table, takes the first map that
     /// matches, appends its contacts, and fills their addresses from the parts of the URI. Where `connected` is not
     /// okay, that is the answer.
-    DatabaseResult lookup(const DatabaseResult& connected, const char* uri, const Queries& queries,
+    DatabaseResult lookup(DatabaseResult connected, const char* uri, const Queries& queries,
                           std::vector<ContactRecord>& contacts);
 
     /// Appends the keys in the cache's order.

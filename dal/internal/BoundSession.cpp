@@ -164,6 +164,11 @@ bool BoundSession::await(PGconn* connection, short events, const Deadline& deadl
     return false;
 }
 
+bool BoundSession::underWay(const PGconn* connection)
+{
+    return PQpipelineStatus(connection) != PQ_PIPELINE_OFF || PQtransactionStatus(connection) == PQTRANS_ACTIVE;
+}
+
 bool BoundSession::interrupted() const
 {
     pollfd interruption{m_interruption, POLLIN, 0};

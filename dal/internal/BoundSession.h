@@ -90,6 +90,8 @@ public:
     bool rollback(PGconn* connection);
     /// Whether the server answers, within a deadline of its own.
     bool answers(PGconn* connection);
+    /// Whether something was begun on the connection whose answer has not been taken.
+    static bool underWay(const PGconn* connection);
     /// Waits for input; false when the deadline passes first, or with an interruption.
     bool awaitInput(PGconn* connection, const Deadline& deadline) const;
 

@@ -42,7 +42,7 @@ void BoundText::writeKey(const Statement& statement, std::string& key)
 
 BoundText::BoundText(const Statement& statement)
 {
-    for (const std::string_view part : statement.parts()) {
+    for (const SqlPart& part : statement.parts()) {
         if (statement.lists() != nullptr) {
             bindLists(part, *statement.lists());
         } else {
@@ -98,9 +98,10 @@ std::string_view BoundText::bindQuoted(std::string_view quoted)
     return quoted;
 }
 
-void BoundText::bindLists(std::string_view text, const ValueString& lists)
+void BoundText::bindLists(const SqlPart& part, const ValueString& lists)
 {
-    if (gapsOf(text) == 2) {
+    std::string_view text = part;
+    if (part.gaps == 2) {
         const std::size_t gap = text.find(kGap);
         m_text.append(text.substr(0, gap)).append(lists.nameList()).append(")");
         text.remove_prefix(gap + kGap.size());

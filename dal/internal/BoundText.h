@@ -43,7 +43,7 @@ private:
 
     void bindPart(std::string_view part);
     std::string_view bindQuoted(std::string_view quoted);
-    void bindLists(std::string_view text, const ValueString& lists);
+    void bindLists(const SqlPart& part, const ValueString& lists);
     void appendPlaceholder();
     static void fillLists(const ValueString& lists, Parameters& parameters);
 

@@ -1,5 +1,7 @@
 #include <dal/internal/ConnectionAdvice.h>
 
+#include <dal/internal/Memory.h>
+
 #include <wex/URL.h>
 #include <zel/Trace.h>
 
@@ -44,9 +46,7 @@ Ignored::Ignored(std::string_view uri)
     settings = uri.find_first_of("?#") != std::string_view::npos;
 }
 
-} // namespace
-
-void tellWhatIsIgnored(const char* uri, const char* user)
+void tell(const char* uri, const char* user)
 {
     zel::Trace oryx("oryx"); // not const: a suite's own traces need not be
     const wex::URL url(uri);
@@ -73,6 +73,13 @@ void tellWhatIsIgnored(const char* uri, const char* user)
     if (*user == '\0') {
         oryx.log("the user is empty, so libpq takes the next item, the password, for it: give one to connect");
     }
+}
+
+} // namespace
+
+void tellWhatIsIgnored(const char* uri, const char* user)
+{
+    unlessOutOfMemory([&] { tell(uri, user); }, [] {}); // the connection matters more
 }
 
 } // namespace oryx

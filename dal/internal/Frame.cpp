@@ -1,20 +1,24 @@
 #include <dal/internal/Frame.h>
 
+#include <dal/internal/Traced.h>
+
 #include <new>
 
 namespace oryx {
 
 bool Frame::connect(const char* uri, const char* user, const char* password)
 {
-    sqlState.clear();
-    connection.reset();
-    connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(),
-                                                           meter, interruption));
-    if (!connection) {
-        return error("failed to allocate connection object");
-    }
-    connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
-    return connection->connect(uri, user, password) ? okay() : errorConnection();
+    return guarded(false, [&] {
+        sqlState.clear();
+        connection.reset();
+        connection.reset(new (std::nothrow) DatabaseConnection(options ? *options : SessionOptions::fromEnvironment(),
+                                                               meter, interruption));
+        if (!connection) {
+            return error("failed to allocate connection object");
+        }
+        connection->m_inOperation = true; // whoever uses a connection by itself has each of its calls bounded
+        return connection->connect(uri, user, password) ? okay() : errorConnection();
+    });
 }
 
 bool Frame::checkConnect()
@@ -93,6 +97,14 @@ DatabaseResult Frame::refuse(const char* why)
     return queryError();
 }
 
+DatabaseResult Frame::outOfMemory() noexcept
+{
+    if (connection) {
+        connection->settle();
+    }
+    return refuse(kOutOfMemory);
+}
+
 bool Frame::require(bool valid, const char* msg)
 {
     return valid || error(msg);
@@ -136,13 +148,13 @@ void Frame::rollback() const
         return; // a refused statement has ended its transaction
     }
     QueryResult ignored;
-    connection->execute("ROLLBACK", ignored);
+    connection->send("ROLLBACK", ignored);
 }
 
 bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outcome)
 {
     if (operation != nullptr) {
-        trace.prn("%s", operation);
+        traceProgress(trace, operation);
     }
     if (!checkConnect()) {
         outcome = connectionError();

@@ -3,6 +3,7 @@
 #include <dal/DatabaseConnection.h>
 #include <dal/DatabaseResult.h>
 #include <dal/QueryResult.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Meter.h>
 #include <dal/internal/Row.h>
 #include <dal/internal/Statement.h>
@@ -86,6 +87,26 @@ public:
     DatabaseResult refuse(const char* why);
     /// An argument check: false with `msg` as the reason unless `valid`.
     bool require(bool valid, const char* msg);
+    /// The query error of an operation whose memory has run out. Nothing that it began stays open on the connection.
+    [[gnu::cold]] DatabaseResult outOfMemory() noexcept;
+
+    ///@{
+    /// Runs an operation as its caller shall see it: nothing is thrown, and one whose memory runs out is a query error,
+    /// or answers as it does to every failure.
+    template <typename Operation>
+    DatabaseResult guarded(Operation operation)
+    {
+        return unlessOutOfMemory(operation, [this] { return outOfMemory(); });
+    }
+    template <typename Answer, typename Operation>
+    Answer guarded(const Answer& failed, Operation operation)
+    {
+        return unlessOutOfMemory(operation, [&] {
+            outOfMemory();
+            return failed;
+        });
+    }
+    ///@}
 
     // Statements, without checking the connection first
 
@@ -94,7 +115,7 @@ public:
     template <typename Command>
     bool exchange(Command&& command, QueryResult& result)
     {
-        if (connection && connection->execute(command, result)) {
+        if (connection && connection->send(command, result)) {
             return true;
         }
         sqlState.clear(); // of an earlier failure
@@ -141,25 +162,27 @@ public:
     template <typename Command>
     DatabaseResult execute(Command&& command)
     {
-        if (!checkConnect()) {
-            return connectionError();
-        }
-        if (zel::Trace::enabled(zel::TraceKind::prn)) {
-            trace.prn("execute: '%s'", textOf(command).c_str());
-        }
-        QueryResult result;
-        DatabaseResult outcome;
-        if (!exchange(command, result)) {
-            errorConnection();
-            outcome = connectionError();
-        }
-        // A fatal result may have been stored before the connection failed; what the server said of the statement then
-        // tells the caller more than the lost connection does.
-        if (result.failed()) {
-            error(result);
-            outcome = queryError();
-        }
-        return outcome;
+        return guarded([&] {
+            if (!checkConnect()) {
+                return connectionError();
+            }
+            if (zel::Trace::enabled(zel::TraceKind::prn)) {
+                trace.prn("execute: '%s'", textOf(command).c_str());
+            }
+            QueryResult result;
+            DatabaseResult outcome;
+            if (!exchange(command, result)) {
+                errorConnection();
+                outcome = connectionError();
+            }
+            // A fatal result may have been stored before the connection failed; what the server said of the statement
+            // then tells the caller more than the lost connection does.
+            if (result.failed()) {
+                error(result);
+                outcome = queryError();
+            }
+            return outcome;
+        });
     }
     /// Runs a call of a stored function, and a rollback after one that failed.
     bool callFunction(Statement statement);
@@ -187,19 +210,21 @@ public:
     DatabaseResult list(const char* operation, Refusals refusals, Listing kind, std::vector<Record>& records,
                         MakeStatement statement, Append append, const char* rowsTrace = nullptr)
     {
-        DatabaseResult outcome;
-        QueryResult result;
-        if (!begin(operation, refusals, outcome) || !fetch(statement(), result, outcome)) {
+        return guarded([&] {
+            DatabaseResult outcome;
+            QueryResult result;
+            if (!begin(operation, refusals, outcome) || !fetch(statement(), result, outcome)) {
+                return outcome;
+            }
+            const int rows = result.rows();
+            traceRows(rowsTrace, rows);
+            if (rows == 0 && kind != Listing::mayBeEmpty) {
+                outcome.setNotFound();
+            }
+            forEachRow(result, records,
+                       [&](const Row& row) { append(kind == Listing::firstRowThroughout ? Row(result, 0) : row); });
             return outcome;
-        }
-        const int rows = result.rows();
-        traceRows(rowsTrace, rows);
-        if (rows == 0 && kind != Listing::mayBeEmpty) {
-            outcome.setNotFound();
-        }
-        forEachRow(result, records,
-                   [&](const Row& row) { append(kind == Listing::firstRowThroughout ? Row(result, 0) : row); });
-        return outcome;
+        });
     }
 
     /// A query for one row: `read` is called for the first; not found without one.
@@ -207,19 +232,21 @@ public:
     DatabaseResult find(const char* operation, Refusals refusals, MakeStatement statement, Read read,
                         const char* rowsTrace = nullptr)
     {
-        DatabaseResult outcome;
-        QueryResult result;
-        if (!begin(operation, refusals, outcome) || !fetch(statement(), result, outcome)) {
+        return guarded([&] {
+            DatabaseResult outcome;
+            QueryResult result;
+            if (!begin(operation, refusals, outcome) || !fetch(statement(), result, outcome)) {
+                return outcome;
+            }
+            const int rows = result.rows();
+            traceRows(rowsTrace, rows);
+            if (rows == 0) {
+                outcome.setNotFound();
+            } else {
+                read(Row(result, 0));
+            }
             return outcome;
-        }
-        const int rows = result.rows();
-        traceRows(rowsTrace, rows);
-        if (rows == 0) {
-            outcome.setNotFound();
-        } else {
-            read(Row(result, 0));
-        }
-        return outcome;
+        });
     }
 
     /// A change of rows that may or may not be there: okay in either case. Every failure is a connection error, with
@@ -227,8 +254,10 @@ public:
     template <typename MakeStatement>
     DatabaseResult update(const char* operation, Refusals refusals, MakeStatement statement)
     {
-        DatabaseResult outcome;
-        return begin(operation, refusals, outcome) ? updated(statement()) : outcome;
+        return guarded([&] {
+            DatabaseResult outcome;
+            return begin(operation, refusals, outcome) ? updated(statement()) : std::move(outcome);
+        });
     }
 
     /// A new row, or the removal of rows that may or may not be there. A failed statement is a connection error, with
@@ -237,8 +266,10 @@ public:
     DatabaseResult insertOrDelete(const char* operation, Refusals refusals, MakeStatement statement,
                                   Violation violation = Violation::isConnectionError)
     {
-        DatabaseResult outcome;
-        return begin(operation, refusals, outcome) ? insertedOrDeleted(statement(), violation) : outcome;
+        return guarded([&] {
+            DatabaseResult outcome;
+            return begin(operation, refusals, outcome) ? insertedOrDeleted(statement(), violation) : std::move(outcome);
+        });
     }
 
     std::unique_ptr<DatabaseConnection> connection; ///< Null until the first `connect`.

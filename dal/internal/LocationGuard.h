@@ -14,8 +14,11 @@ DatabaseResult LocationService::guarded(Operation operation)
     if (!result.okay()) {
         return result;
     }
-    const Call call(frameOf(*m_exec));
-    return operation();
+    Frame& frame = frameOf(*m_exec);
+    return frame.guarded([&] {
+        const Call call(frame);
+        return operation();
+    });
 }
 
 } // namespace oryx

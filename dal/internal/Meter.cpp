@@ -5,7 +5,10 @@
 #include <util/MaskSecrets.h>
 #include <zel/Trace.h>
 
+#include <array>
+#include <cstddef>
 #include <exception>
+#include <new>
 
 namespace oryx {
 
@@ -31,12 +34,15 @@ void reportOutage()
     if (!zel::Trace::enabled(zel::TraceKind::log) || !reportIsDue()) {
         return;
     }
-    const SessionStatistics all = SessionStatistics::ofProcess();
-    zel::Trace("oryx").log(
-        "connections to the database are being lost, refused or late: since this process began %llu "
-        "were lost, %llu could not be made and %llu were given up for a deadline; the last reason: %s",
-        static_cast<unsigned long long>(all.losses), static_cast<unsigned long long>(all.failures),
-        static_cast<unsigned long long>(all.late), all.lastError.c_str());
+    try {
+        const SessionStatistics all = SessionStatistics::ofProcess();
+        zel::Trace("oryx").log(
+            "connections to the database are being lost, refused or late: since this process began %llu "
+            "were lost, %llu could not be made and %llu were given up for a deadline; the last reason: %s",
+            static_cast<unsigned long long>(all.losses), static_cast<unsigned long long>(all.failures),
+            static_cast<unsigned long long>(all.late), all.lastError.c_str());
+    } catch (const std::exception&) { // it is told in a minute
+    }
 }
 
 } // namespace
@@ -49,7 +55,8 @@ SessionStatistics SessionStatistics::ofProcess()
 /// Never destroyed: connections may end when the program does.
 Meter& Meter::ofProcess()
 {
-    static auto* const meter = new Meter;
+    alignas(Meter) static std::array<std::byte, sizeof(Meter)> place;
+    static auto* const meter = new (place.data()) Meter;
     return *meter;
 }
 
@@ -59,10 +66,11 @@ void Meter::count(Counter Meter::*counter)
     (ofProcess().*counter).fetch_add(1, std::memory_order_relaxed);
 }
 
-void Meter::keep(const std::string& error)
+void Meter::keep(std::string_view prefix, std::string_view error)
 {
     try {
-        const std::string masked = maskSecrets(error.substr(0, error.find_last_not_of('\n') + 1));
+        const std::string masked =
+            maskSecrets(std::string(prefix).append(error.substr(0, error.find_last_not_of('\n') + 1)));
         const auto now = std::chrono::system_clock::now();
         Meter& all = ofProcess();
         const std::lock_guard lock(mutexAcrossForks());
@@ -74,30 +82,30 @@ void Meter::keep(const std::string& error)
     }
 }
 
-void Meter::failed(const std::string& why)
+void Meter::failed(std::string_view why)
 {
     count(&Meter::m_failures);
-    keep(why);
+    keep("", why);
     reportOutage();
 }
 
-void Meter::lost(const std::string& why)
+void Meter::lost(std::string_view why)
 {
     count(&Meter::m_losses);
-    keep(why);
+    keep("", why);
     reportOutage();
 }
 
-void Meter::refused(const std::string& sqlState)
+void Meter::refused(std::string_view sqlState)
 {
     count(&Meter::m_refusals);
-    keep("a statement was refused: " + sqlState);
+    keep("a statement was refused: ", sqlState);
 }
 
-void Meter::ranLate(const std::string& why)
+void Meter::ranLate(std::string_view why)
 {
     count(&Meter::m_late);
-    keep(why);
+    keep("", why);
     reportOutage();
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 namespace oryx {
 
@@ -26,17 +27,15 @@ struct TickClock {
     }
 };
 
-/// Counts for one `SessionStatistics`, and for the process. Used by any thread.
+/// Counts for one `SessionStatistics`, and for the process. Used by any thread; throws nothing but in `read`.
 class Meter {
 public:
-    Meter() = default;
-
     void connected() { count(&Meter::m_connects); }
-    void failed(const std::string& why);
-    void lost(const std::string& why);
+    void failed(std::string_view why);
+    void lost(std::string_view why);
     void repeated() { count(&Meter::m_repetitions); }
-    void refused(const std::string& sqlState);
-    void ranLate(const std::string& why);
+    void refused(std::string_view sqlState);
+    void ranLate(std::string_view why);
     /// Every statement asks, and few are the longest.
     void took(TickClock::duration time)
     {
@@ -53,7 +52,7 @@ private:
     using Ticks = TickClock::rep;
 
     void count(Counter Meter::*counter);
-    void keep(const std::string& error);
+    void keep(std::string_view prefix, std::string_view error);
     void keepLongest(Ticks time);
 
     Counter m_connects = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dal/QueryResult.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Number.h>
 
 #include <algorithm>
@@ -71,15 +72,27 @@ private:
     int m_row;
 };
 
-/// Has a record made of every row of a result, in the rows' order, with room for all of them.
+/// Has a record made of every row of a result, in the rows' order, with room for all of them; or of none, when memory
+/// runs out.
 template <typename Record, typename Append>
 void forEachRow(const QueryResult& result, std::vector<Record>& records, Append append)
 {
-    const int rows = result.rows();
-    makeRoom(records, rows);
-    for (int i = 0; i < rows; ++i) {
-        append(Row(result, i));
-    }
+    addAllOrNone(records, [&] {
+        const int rows = result.rows();
+        makeRoom(records, rows);
+        for (int i = 0; i < rows; ++i) {
+            append(Row(result, i));
+        }
+    });
+}
+
+/// The same in the place of the records that are there.
+template <typename Record, typename Append>
+void replaceByRows(const QueryResult& result, std::vector<Record>& records, Append append)
+{
+    std::vector<Record> read;
+    forEachRow(result, read, [&](const Row& row) { append(read, row); });
+    records.swap(read);
 }
 
 } // namespace oryx

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// \file
@@ -31,28 +32,45 @@ template <typename Executor>
 DatabaseResult reconnect(std::unique_ptr<Executor>& executor, const SessionOptions& options,
                          const std::shared_ptr<Meter>& meter, const char* uri, const char* user, const char* password)
 {
-    const KeptText keptUri(uri);
-    const KeptText keptUser(user);
-    const KeptText keptPassword(password);
-    executor = std::make_unique<Executor>();
-    executor->setSessionOptions(options);
-    frameOf(*executor).meter = meter;
-    DatabaseResult result;
-    if (!executor->connect(keptUri.get(), keptUser.get(), keptPassword.get())) {
-        result.setConnectionError();
-        result.setErrorMessage(executor->getErrorMessage());
-    }
-    return result;
+    return unlessOutOfMemory(
+        [&] {
+            const KeptText keptUri(uri);
+            const KeptText keptUser(user);
+            const KeptText keptPassword(password);
+            executor = std::make_unique<Executor>();
+            executor->setSessionOptions(options);
+            frameOf(*executor).meter = meter;
+            DatabaseResult result;
+            if (!executor->connect(keptUri.get(), keptUser.get(), keptPassword.get())) {
+                result.setConnectionError();
+                result.setErrorMessage(executor->getErrorMessage());
+            }
+            return result;
+        },
+        [] {
+            DatabaseResult result;
+            result.setConnectionError();
+            result.setErrorMessage(kOutOfMemory);
+            return result;
+        });
 }
 
 /// What every operation of a service without an executor answers.
 template <typename Executor>
 void checkConnected(const std::unique_ptr<Executor>& executor, DatabaseResult& result)
 {
-    if (!executor) {
-        result.setConnectionError();
-        result.setErrorMessage("lookup attempted without a database connection");
+    if (executor) {
+        return;
     }
+    result.setConnectionError();
+    unlessOutOfMemory([&] { result.setErrorMessage("lookup attempted without a database connection"); },
+                      [&] { result.setErrorMessage(kOutOfMemory); });
+}
+
+/// Appends the keys of a service's compiled address maps; none, when memory runs out.
+inline void appendKeys(const AddressMapCache& cache, std::vector<std::string>& keys)
+{
+    unlessOutOfMemory([&] { addAllOrNone(keys, [&] { cache.getKeys(keys); }); }, [] {});
 }
 
 /// The first SIP domain this server answers for; empty on a service without an executor.
@@ -74,14 +92,28 @@ DatabaseResult lookupMapped(const std::unique_ptr<Executor>& executor, AddressMa
     replaceUri = true;
     DatabaseResult connected;
     checkConnected(executor, connected);
-    std::optional<Call> call;
-    if (executor) {
-        call.emplace(frameOf(*executor));
+    if (!executor) {
+        return cache.lookup(std::move(connected), uri, {}, contacts);
     }
-    return cache.lookup(connected, uri,
-                        {[&](QueryResult& maps) { return fetchAddressMaps(*executor, maps); },
-                         [&](int csid) { return executor->lookupContacts(ordering, csid, replaceUri, contacts); }},
-                        contacts);
+    Frame& frame = frameOf(*executor);
+    return frame.guarded([&] {
+        const Call call(frame);
+        // The caller's own are filled when nothing can fail any more.
+        std::string set = ordering;
+        bool replaces = true;
+        std::vector<ContactRecord> filled = contacts;
+        DatabaseResult result =
+            cache.lookup(std::move(connected), uri,
+                         {[&](QueryResult& maps) { return fetchAddressMaps(*executor, maps); },
+                          [&](int csid) { return executor->lookupContacts(set, csid, replaces, filled); }},
+                         filled);
+        if (result.okay()) {
+            ordering.swap(set);
+            replaceUri = replaces;
+            contacts.swap(filled);
+        }
+        return result;
+    });
 }
 
 } // namespace oryx

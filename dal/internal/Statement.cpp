@@ -100,15 +100,6 @@ void Statement::spliceLists(Splicer& splicer) const
         .add(text.substr(values + kGap.size()));
 }
 
-std::size_t gapsOf(std::string_view text)
-{
-    std::size_t gaps = 0;
-    for (std::size_t at = text.find(kGap); at != std::string_view::npos; at = text.find(kGap, at + kGap.size())) {
-        ++gaps;
-    }
-    return gaps;
-}
-
 std::string Transaction::text() const
 {
     std::size_t size = begin.size() + commit.size();

@@ -94,9 +94,6 @@ std::string spliced(std::type_identity_t<SqlText<Values...>> text, const Values&
     return detail::splice(text.text(), text.gaps(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
 }
 
-/// The number of gaps in a text.
-std::size_t gapsOf(std::string_view text);
-
 /// Whether a value given so outlives the call it is given to: a text that is made for it does not.
 template <typename Value>
 inline constexpr bool outlivesTheCall = !std::is_same_v<std::remove_cv_t<Value>, std::string>;

@@ -34,101 +34,115 @@ DatabaseResult fetchContacts(Frame& frame, Statement statement, const ContactQue
 
 int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, ContactRecord& rec)
 {
-    if (!checkConnect()) {
-        return -1;
-    }
-    ValueString arguments;
-    arguments.add("handle", handle);
-    arguments.add("sip_domain", domain);
-    addContactColumns(arguments, rec);
-    Statement statement = call("SELECT add_contact{}", std::move(arguments));
-    m_frame->traceText(statement);
-    return m_frame->callFunction(std::move(statement)) ? 0 : -1;
+    return m_frame->guarded(-1, [&] {
+        if (!checkConnect()) {
+            return -1;
+        }
+        ValueString arguments;
+        arguments.add("handle", handle);
+        arguments.add("sip_domain", domain);
+        addContactColumns(arguments, rec);
+        Statement statement = call("SELECT add_contact{}", std::move(arguments));
+        m_frame->traceText(statement);
+        return m_frame->callFunction(std::move(statement)) ? 0 : -1;
+    });
 }
 
 int DatabaseCommandExecutor::addContact(ContactRecord& rec)
 {
-    if (!checkConnect()) {
-        return -1;
-    }
-    ValueString columns;
-    columns.add("csid", std::to_string(rec.csid()));
-    addContactColumns(columns, rec);
-    Statement statement = insertion("INSERT INTO contact{} VALUES{};", std::move(columns));
-    m_frame->traceText(statement);
-    QueryResult result;
-    return m_frame->run(statement, result) == Run::okay ? 0 : -1;
+    return m_frame->guarded(-1, [&] {
+        if (!checkConnect()) {
+            return -1;
+        }
+        ValueString columns;
+        columns.add("csid", std::to_string(rec.csid()));
+        addContactColumns(columns, rec);
+        Statement statement = insertion("INSERT INTO contact{} VALUES{};", std::move(columns));
+        m_frame->traceText(statement);
+        QueryResult result;
+        return m_frame->run(statement, result) == Run::okay ? 0 : -1;
+    });
 }
 
 int DatabaseCommandExecutor::removeContact(const char* handle, const char* domain, const char* address)
 {
-    if (!checkConnect()) {
-        return 0; // a registrar that lost its database still answers the phone that signs off
-    }
-    if (!m_frame->require(handle != nullptr && domain != nullptr && address != nullptr, "invalid parameters")) {
-        return -1;
-    }
-    ValueString arguments;
-    arguments.add("handle", handle);
-    arguments.add("sip_domain", domain);
-    arguments.add("address", address);
-    Statement statement = call("SELECT remove_contact{}", std::move(arguments));
-    m_frame->traceText(statement);
-    QueryResult result;
-    return m_frame->run(statement, result) == Run::okay ? 0 : -1;
+    return m_frame->guarded(-1, [&] {
+        if (!checkConnect()) {
+            return 0; // a registrar that lost its database still answers the phone that signs off
+        }
+        if (!m_frame->require(handle != nullptr && domain != nullptr && address != nullptr, "invalid parameters")) {
+            return -1;
+        }
+        ValueString arguments;
+        arguments.add("handle", handle);
+        arguments.add("sip_domain", domain);
+        arguments.add("address", address);
+        Statement statement = call("SELECT remove_contact{}", std::move(arguments));
+        m_frame->traceText(statement);
+        QueryResult result;
+        return m_frame->run(statement, result) == Run::okay ? 0 : -1;
+    });
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(const char* handle, const char* domain, std::string& ordering,
                                                        bool& replaceUri, std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    if (!checkConnect()) {
-        return m_frame->connectionError();
-    }
-    if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
-        return m_frame->queryError();
-    }
-    Statement statement = sql(
-        "SELECT contact_set.ordering,contact_set.replace_uri,subscriber.active, contact.address,contact.qvalue,contact.expires,contact.capabilities,contact.contact_header, contact.call_id,contact.cseq,contact.c_type   FROM public_address, contact_set, contact, subscriber WHERE  (public_address.handle = '{}' AND public_address.sip_domain = '{}' AND public_address.csid = contact_set.csid AND  contact.csid = contact_set.csid AND subscriber.sid = contact_set.sid);",
-        handle, domain);
-    return fetchContacts(*m_frame, std::move(statement), {"replace uri", 2, 3, false}, ordering, replaceUri, contacts);
+    return m_frame->guarded([&] {
+        replaceUri = true;
+        if (!checkConnect()) {
+            return m_frame->connectionError();
+        }
+        if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
+            return m_frame->queryError();
+        }
+        Statement statement = sql(
+            "SELECT contact_set.ordering,contact_set.replace_uri,subscriber.active, contact.address,contact.qvalue,contact.expires,contact.capabilities,contact.contact_header, contact.call_id,contact.cseq,contact.c_type   FROM public_address, contact_set, contact, subscriber WHERE  (public_address.handle = '{}' AND public_address.sip_domain = '{}' AND public_address.csid = contact_set.csid AND  contact.csid = contact_set.csid AND subscriber.sid = contact_set.sid);",
+            handle, domain);
+        return fetchContacts(*m_frame, std::move(statement), {"replace uri", 2, 3, false}, ordering, replaceUri,
+                             contacts);
+    });
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std::string& ordering, bool& replaceUri,
                                                        std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    if (!checkConnect()) {
-        return m_frame->connectionError();
-    }
-    Statement statement = sql(
-        "SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM public_address, contact_set, contact, subscriber WHERE (public_address.id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
-        publicAddressId);
-    m_frame->traceText(statement);
-    return fetchContacts(*m_frame, std::move(statement), {"replace", 2, 3, false}, ordering, replaceUri, contacts);
+    return m_frame->guarded([&] {
+        replaceUri = true;
+        if (!checkConnect()) {
+            return m_frame->connectionError();
+        }
+        Statement statement = sql(
+            "SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM public_address, contact_set, contact, subscriber WHERE (public_address.id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
+            publicAddressId);
+        m_frame->traceText(statement);
+        return fetchContacts(*m_frame, std::move(statement), {"replace", 2, 3, false}, ordering, replaceUri, contacts);
+    });
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, int csid, bool& replaceUri,
                                                        std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    if (!checkConnect()) {
-        return m_frame->connectionError();
-    }
-    if (csid < 1) {
-        DatabaseResult result;
-        result.setQueryError();
-        result.setErrorMessage("NULL csid");
-        return result;
-    }
-    if (!checkConnect()) {
-        return m_frame->connectionError();
-    }
-    Statement statement = sql(
-        "SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
-        csid);
-    m_frame->traceText(statement);
-    return fetchContacts(*m_frame, std::move(statement), {"replaceUri", -1, 2, false}, ordering, replaceUri, contacts);
+    return m_frame->guarded([&] {
+        replaceUri = true;
+        if (!checkConnect()) {
+            return m_frame->connectionError();
+        }
+        if (csid < 1) {
+            DatabaseResult result;
+            result.setQueryError();
+            result.setErrorMessage("NULL csid");
+            return result;
+        }
+        if (!checkConnect()) {
+            return m_frame->connectionError();
+        }
+        Statement statement = sql(
+            "SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
+            csid);
+        m_frame->traceText(statement);
+        return fetchContacts(*m_frame, std::move(statement), {"replaceUri", -1, 2, false}, ordering, replaceUri,
+                             contacts);
+    });
 }
 
 } // namespace oryx

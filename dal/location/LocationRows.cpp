@@ -10,6 +10,7 @@
 #include <array>
 #include <ctime>
 #include <limits>
+#include <utility>
 
 namespace oryx {
 
@@ -40,14 +41,9 @@ void readWholeContact(const Row& row, int first, ContactRecord& contact)
     contact.setPathVector(row.text(first + 11));
 }
 
-/// Reads the contact set from the first row; false when its subscriber is inactive.
-bool readContactSet(const Row& row, const ContactQuery& query, zel::Trace& trace, std::string& ordering,
-                    bool& replaceUri)
+/// Whether the subscriber is active, by the first row, or not joined.
+bool isActive(const Row& row, const ContactQuery& query, zel::Trace& trace)
 {
-    ordering = row.string(0);
-    trace.prn("ordering is '%s'", ordering.c_str());
-    replaceUri = row.flag(1, true);
-    trace.prn("%s is %s", query.replaceUriName, replaceUri ? "true" : "false");
     const char* const active = query.activeColumn >= 0 ? row.text(query.activeColumn) : nullptr;
     if (active == nullptr) {
         return true;
@@ -100,12 +96,20 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
     if (rows == 0) {
         return outcome;
     }
-    if (!readContactSet(Row(result, 0), query, trace, ordering, replaceUri)) {
+    const Row first(result, 0);
+    std::string set = first.string(0);
+    trace.prn("ordering is '%s'", set.c_str());
+    const bool replaces = first.flag(1, true);
+    trace.prn("%s is %s", query.replaceUriName, replaces ? "true" : "false");
+    if (isActive(first, query, trace)) {
+        const auto read = query.whole ? readWholeContact : readContact;
+        forEachRow(result, contacts,
+                   [&](const Row& row) { read(row, query.firstContactColumn, contacts.emplace_back()); });
+    } else {
         outcome.setNotFound();
-        return outcome;
     }
-    const auto read = query.whole ? readWholeContact : readContact;
-    forEachRow(result, contacts, [&](const Row& row) { read(row, query.firstContactColumn, contacts.emplace_back()); });
+    ordering = std::move(set); // only now: where memory runs out, it is what it was
+    replaceUri = replaces;
     return outcome;
 }
 
@@ -159,12 +163,14 @@ bool readSubscriber(const Row& row, zel::Trace& trace, SubscriberRecord& rec)
     if (stored != nullptr && !readPassword(stored, password)) {
         return false;
     }
-    rec.setId(row.integer(0, rec.sid()));
-    rec.setUserId(row.text(1));
-    rec.setOid(row.integer(2, rec.oid()));
-    rec.setType(row.text(3));
-    rec.setAuthType(row.text(4));
-    rec.setPassword(stored != nullptr ? password.c_str() : nullptr);
+    fillAllOrNone(rec, [&](SubscriberRecord& filled) {
+        filled.setId(row.integer(0, filled.sid()));
+        filled.setUserId(row.text(1));
+        filled.setOid(row.integer(2, filled.oid()));
+        filled.setType(row.text(3));
+        filled.setAuthType(row.text(4));
+        filled.setPassword(stored != nullptr ? password.c_str() : nullptr);
+    });
     return true;
 }
 

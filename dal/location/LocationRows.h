@@ -31,6 +31,15 @@ struct ContactQuery {
 DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query, zel::Trace& trace,
                             std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts);
 
+///@{
+/// That executor's `lookupPublicAddress`, inside an operation that looks up for itself: a record that is not filled
+/// whole when memory runs out is nobody's.
+DatabaseResult findPublicAddress(DatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec);
+DatabaseResult findPublicAddress(PresenceDatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec);
+///@}
+
 /// Every address map with its contact set, in the order of priority.
 Statement addressMapQuery();
 ///@{

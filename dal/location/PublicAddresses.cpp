@@ -3,6 +3,7 @@
 #include <dal/DatabaseCommandExecutor.h>
 
 #include <dal/internal/Frame.h>
+#include <dal/location/LocationRows.h>
 
 namespace oryx {
 
@@ -22,58 +23,80 @@ int provision(Frame& frame, Statement statement)
 
 int DatabaseCommandExecutor::createPublicAddress(int sid, const char* handle, const char* domain)
 {
-    ValueString arguments;
-    arguments.add("sid", std::to_string(sid));
-    arguments.add("handle", handle);
-    arguments.add("sip_domain", domain);
-    return provision(*m_frame, call("SELECT create_public_address{}", std::move(arguments)));
+    return m_frame->guarded(-1, [&] {
+        ValueString arguments;
+        arguments.add("sid", std::to_string(sid));
+        arguments.add("handle", handle);
+        arguments.add("sip_domain", domain);
+        return provision(*m_frame, call("SELECT create_public_address{}", std::move(arguments)));
+    });
 }
 
 int DatabaseCommandExecutor::aliasPublicAddress(const char* handle, const char* domain, const char* alias)
 {
-    ValueString arguments;
-    arguments.add("handle", handle);
-    arguments.add("sip_domain", domain);
-    arguments.add("alias", alias);
-    return provision(*m_frame, call("SELECT create_public_address_alias{}", std::move(arguments)));
+    return m_frame->guarded(-1, [&] {
+        ValueString arguments;
+        arguments.add("handle", handle);
+        arguments.add("sip_domain", domain);
+        arguments.add("alias", alias);
+        return provision(*m_frame, call("SELECT create_public_address_alias{}", std::move(arguments)));
+    });
 }
 
 int DatabaseCommandExecutor::importPublicAddress(int sid, const char* handle, const char* domain, const char* contact)
 {
-    ValueString arguments;
-    arguments.add("sid", std::to_string(sid));
-    arguments.add("handle", handle);
-    arguments.add("sip_domain", domain);
-    arguments.add("contact", contact);
-    return provision(*m_frame, call("SELECT import_public_address{}", std::move(arguments)));
+    return m_frame->guarded(-1, [&] {
+        ValueString arguments;
+        arguments.add("sid", std::to_string(sid));
+        arguments.add("handle", handle);
+        arguments.add("sip_domain", domain);
+        arguments.add("contact", contact);
+        return provision(*m_frame, call("SELECT import_public_address{}", std::move(arguments)));
+    });
 }
 
 int DatabaseCommandExecutor::addPublicAddress(const PublicAddressRecord& rec)
 {
-    if (!checkConnect() || !m_frame->require(!rec.handle().empty() && !rec.domain().empty() && rec.csid() > 0,
-                                             "addPublicAddress: missing one or more parameters\n")) {
-        return -1;
-    }
-    ValueString columns;
-    columns.add("handle", rec.handle());
-    columns.add("sip_domain", rec.domain());
-    columns.add("csid", std::to_string(rec.csid()));
-    QueryResult result;
-    Statement statement = insertion("INSERT INTO public_address{} VALUES{};", std::move(columns));
-    return m_frame->run(statement, result) == Run::okay ? 0 : -1;
+    return m_frame->guarded(-1, [&] {
+        if (!checkConnect() || !m_frame->require(!rec.handle().empty() && !rec.domain().empty() && rec.csid() > 0,
+                                                 "addPublicAddress: missing one or more parameters\n")) {
+            return -1;
+        }
+        ValueString columns;
+        columns.add("handle", rec.handle());
+        columns.add("sip_domain", rec.domain());
+        columns.add("csid", std::to_string(rec.csid()));
+        QueryResult result;
+        Statement statement = insertion("INSERT INTO public_address{} VALUES{};", std::move(columns));
+        return m_frame->run(statement, result) == Run::okay ? 0 : -1;
+    });
 }
 
 DatabaseResult DatabaseCommandExecutor::lookupPublicAddress(const char* handle, const char* domain,
                                                             PublicAddressRecord& rec)
 {
-    if (!checkConnect()) {
-        return m_frame->connectionError();
+    return m_frame->guarded([&] {
+        PublicAddressRecord found = rec; // where memory runs out, the caller's is what it was
+        DatabaseResult outcome = findPublicAddress(*this, handle, domain, found);
+        if (outcome.okay()) {
+            rec = std::move(found);
+        }
+        return outcome;
+    });
+}
+
+DatabaseResult findPublicAddress(DatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec)
+{
+    Frame& frame = frameOf(executor);
+    if (!frame.checkConnect()) {
+        return frame.connectionError();
     }
-    if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
-        return m_frame->queryError();
+    if (!frame.require(handle != nullptr && domain != nullptr, "invalid parameters")) {
+        return frame.queryError();
     }
     QueryResult result;
-    DatabaseResult outcome = m_frame->runForResult(
+    DatabaseResult outcome = frame.runForResult(
         sql("SELECT handle, sip_domain, csid, scope, public_address_id FROM public_address WHERE  handle='{}' AND sip_domain='{}';",
             handle, domain),
         result);

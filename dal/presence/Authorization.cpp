@@ -77,7 +77,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAccessControlList(const char*
         return outcome;
     }
     m_frame->trace.prn("No ACL entries found for %s, getting the system default policy", shown(handle));
-    return defaultPolicy(*m_frame, application, entries);
+    return m_frame->guarded([&] { return defaultPolicy(*m_frame, application, entries); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getListId(const char* listName, int* id)
@@ -106,9 +106,11 @@ DatabaseResult PresenceDatabaseCommandExecutor::getListEntries(int listId, std::
 
 DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToAccessList(int /*watcher*/, int /*listId*/)
 {
-    DatabaseResult outcome;
-    m_frame->begin("isWatcherAllowedToAccessList()", {}, outcome);
-    return outcome;
+    return m_frame->guarded([&] {
+        DatabaseResult outcome;
+        m_frame->begin("isWatcherAllowedToAccessList()", {}, outcome);
+        return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::isWatcherAllowedToSubscribeToList(int listId, const char* handle,
@@ -143,17 +145,16 @@ DatabaseResult PresenceDatabaseCommandExecutor::removeListMapping(const char* li
 DatabaseResult PresenceDatabaseCommandExecutor::getAllMappingsForList(const char* listFsmId,
                                                                       std::vector<ListSubscriptionRecord>& records)
 {
+    std::string key;
     return m_frame->list(
         "getAllMappingsForList()", {}, Listing::notFoundWhenEmpty, records,
         [&] {
+            key = copied(listFsmId);
             return sql(
                 "SELECT subscriptionidentifier, expirytime FROM listsubscriptions WHERE  listfsmidentifier='{}';",
                 listFsmId);
         },
-        [&, key = copied(listFsmId)](const Row& row) {
-            records.emplace_back(key.c_str(), row.text(0), row.number(1, 0));
-        },
-        "retrieved %d rows");
+        [&](const Row& row) { records.emplace_back(key.c_str(), row.text(0), row.number(1, 0)); }, "retrieved %d rows");
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateStateForListMapping(const char* listFsmId,

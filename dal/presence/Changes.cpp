@@ -76,12 +76,14 @@ void readCallManager(const Row& row, CMRecord& record)
 
 DatabaseResult PresenceDatabaseCommandExecutor::waitForNotify(bool (*callback)(bool, const std::string&))
 {
-    DatabaseResult outcome;
-    if (m_frame->begin("waitForNotify() ", {}, outcome) && !m_frame->connection->waitOnListen(callback)) {
-        errorConnection();
-        return m_frame->connectionError();
-    }
-    return outcome;
+    return m_frame->guarded([&] {
+        DatabaseResult outcome;
+        if (m_frame->begin("waitForNotify() ", {}, outcome) && !m_frame->connection->waitOnListen(callback)) {
+            errorConnection();
+            return m_frame->connectionError();
+        }
+        return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std::string& tableName,
@@ -94,53 +96,57 @@ DatabaseResult PresenceDatabaseCommandExecutor::getUpdatedPrimaryKeys(const std:
 DatabaseResult readChangeLog(Frame& frame, const std::string& tableName, const std::string& since,
                              std::vector<DatabaseUpdate>& updates)
 {
-    DatabaseResult outcome;
-    if (!frame.begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
+    return frame.guarded([&] {
+        DatabaseResult outcome;
+        if (!frame.begin("getUpdatedPrimaryKeys()", {{tableName.empty(), "invalid parameters"}}, outcome)) {
+            return outcome;
+        }
+        const std::string table = copied(tableName.c_str()); // each update repeats it, and it may be an update's text
+        Statement statement = changesQuery(table, since);
+        frame.traceText(statement, "sql: ");
+        QueryResult result;
+        outcome = frame.runForResult(statement, result);
+        if (!outcome.okay()) {
+            return outcome;
+        }
+        const int rows = result.rows();
+        frame.trace.prn("retrieved %d rows", rows);
+        if (rows == 0) {
+            outcome.setNotFound();
+        }
+        std::string number;
+        std::string text;
+        std::string timestamp;
+        forEachRow(result, updates, [&](const Row& row) {
+            readText(row, 0, number);
+            readText(row, 1, text);
+            readText(row, 2, timestamp);
+            const DatabaseUpdate& update = updates.emplace_back(table, leadingInt(number.c_str()), text, "", timestamp);
+            frame.trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ",
+                            update.relation_name().c_str(), update.intpkey(), update.strpkey().c_str(),
+                            update.cmd().c_str(), update.timestamp().c_str());
+        });
         return outcome;
-    }
-    const std::string table = copied(tableName.c_str()); // each update repeats it, and it may be an update's text
-    Statement statement = changesQuery(table, since);
-    frame.traceText(statement, "sql: ");
-    QueryResult result;
-    outcome = frame.runForResult(statement, result);
-    if (!outcome.okay()) {
-        return outcome;
-    }
-    const int rows = result.rows();
-    frame.trace.prn("retrieved %d rows", rows);
-    if (rows == 0) {
-        outcome.setNotFound();
-    }
-    std::string number;
-    std::string text;
-    std::string timestamp;
-    forEachRow(result, updates, [&](const Row& row) {
-        readText(row, 0, number);
-        readText(row, 1, text);
-        readText(row, 2, timestamp);
-        const DatabaseUpdate& update = updates.emplace_back(table, leadingInt(number.c_str()), text, "", timestamp);
-        frame.trace.prn("getUpdatedPrimaryKeys: DatabaseUpdate - [%s, %d, %s, %s, %s] ", update.relation_name().c_str(),
-                        update.intpkey(), update.strpkey().c_str(), update.cmd().c_str(), update.timestamp().c_str());
     });
-    return outcome;
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getCMforBulkSub(std::vector<CMRecord>& records, bool regexMatch)
 {
-    DatabaseResult outcome;
-    if (!m_frame->begin("getCMforBulkSub(): getCMRecord ...", {}, outcome)) {
+    return m_frame->guarded([&] {
+        DatabaseResult outcome;
+        if (!m_frame->begin("getCMforBulkSub(): getCMRecord ...", {}, outcome)) {
+            return outcome;
+        }
+        Statement statement = callManagerQuery(records, regexMatch);
+        m_frame->traceText(statement, "PresenceDatabaseCommandExecutor::getCMforBulkSub(): ");
+        QueryResult result;
+        executeSqlCommand(*m_frame, std::move(statement), result); // call managers that cannot be read are none
+        m_frame->trace.prn("cmRecordList size %d", result.rows());
+        replaceByRows(result, records, [](auto& read, const Row& row) { readCallManager(row, read.emplace_back()); });
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): subscriptions size %d ",
+                           static_cast<int>(records.size()));
         return outcome;
-    }
-    Statement statement = callManagerQuery(records, regexMatch);
-    m_frame->traceText(statement, "PresenceDatabaseCommandExecutor::getCMforBulkSub(): ");
-    QueryResult result;
-    executeSqlCommand(*m_frame, std::move(statement), result); // call managers that cannot be read are none
-    m_frame->trace.prn("cmRecordList size %d", result.rows());
-    records.clear();
-    forEachRow(result, records, [&](const Row& row) { readCallManager(row, records.emplace_back()); });
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getCMforBulkSub(): subscriptions size %d ",
-                       static_cast<int>(records.size()));
-    return outcome;
+    });
 }
 
 } // namespace oryx

@@ -32,20 +32,23 @@ Statement conferenceQuery(const std::string& pattern, bool negate)
 }
 
 template <typename Command>
-DatabaseResult selectRecords(Frame& frame, Command command, std::vector<ConfExtRecord>& out)
+DatabaseResult selectRecords(Frame& frame, Command&& command, std::vector<ConfExtRecord>& out)
 {
-    frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
-    QueryResult result;
-    DatabaseResult outcome = executeSqlCommand(frame, std::move(command), result);
-    const int rows = result.rows();
-    if (rows == 0) {
-        frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
+    return frame.guarded([&] {
+        frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(): ");
+        QueryResult result;
+        DatabaseResult outcome = executeSqlCommand(frame, std::forward<Command>(command), result);
+        const int rows = result.rows();
+        if (rows == 0) {
+            frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: Empty results!");
+            return outcome;
+        }
+        frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
+        replaceByRows(result, out, [](auto& read, const Row& row) {
+            read.emplace_back(row.string(0), row.string(1), readTime(row, 2));
+        });
         return outcome;
-    }
-    frame.trace.prn("PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords: retrieved %d rows", rows);
-    out.clear();
-    forEachRow(result, out, [&](const Row& row) { out.emplace_back(row.string(0), row.string(1), readTime(row, 2)); });
-    return outcome;
+    });
 }
 
 } // namespace
@@ -68,6 +71,9 @@ const std::string& PresenceDatabaseCommandExecutor::confStateEnumToString(unsign
 
 unsigned int PresenceDatabaseCommandExecutor::confStateStringToEnum(const std::string& text)
 {
+    if (text.size() > STR_CONF_INVALID.size()) {
+        return kInvalid; // longer than any state
+    }
     std::string upper = text;
     UtilityConvert::toUpperCase(upper);
     if (upper.empty() || upper == STR_CONF_IDLE) {
@@ -79,71 +85,83 @@ unsigned int PresenceDatabaseCommandExecutor::confStateStringToEnum(const std::s
 DatabaseResult PresenceDatabaseCommandExecutor::getConfExtState(const std::string& extension, std::string& status,
                                                                 unsigned int& start_time)
 {
-    m_frame->trace.prn("getConfExtState()");
-    if (extension.empty()) {
-        return m_frame->refuse("getConfExtState: missing one or more parameters\n");
-    }
-    // Before the answer is written: the extension may be the very text that gets the status.
-    Statement statement = sql("SELECT conf_status, start_time FROM conf_state WHERE extension = '{}';", extension);
-    start_time = 0;
-    QueryResult result;
-    DatabaseResult outcome = executeSqlCommand(*m_frame, std::move(statement), result);
-    if (outcome.okay() && result.rows() > 0) {
-        const Row row(result, 0);
-        status = row.string(0);
-        start_time = readTime(row, 1);
-    } else {
-        status.clear();
-        outcome.setNotFound(); // to the caller, what cannot be read is not there
-    }
-    return outcome;
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("getConfExtState()");
+        if (extension.empty()) {
+            return m_frame->refuse("getConfExtState: missing one or more parameters\n");
+        }
+        // Before the answer is written: the extension may be the very text that gets the status.
+        Statement statement = sql("SELECT conf_status, start_time FROM conf_state WHERE extension = '{}';", extension);
+        QueryResult result;
+        DatabaseResult outcome = executeSqlCommand(*m_frame, std::move(statement), result);
+        if (outcome.okay() && result.rows() > 0) {
+            const Row row(result, 0);
+            status = row.string(0);
+            start_time = readTime(row, 1);
+        } else {
+            status.clear();
+            start_time = 0;
+            outcome.setNotFound(); // to the caller, what cannot be read is not there
+        }
+        return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::string& extension, const std::string& status,
                                                                 unsigned int start_time)
 {
-    m_frame->trace.prn("setConfExtState()");
-    if (extension.empty()) {
-        return m_frame->refuse("setConfExtState: missing one or more parameters\n");
-    }
-    QueryResult result;
-    return executeSqlCommand(*m_frame,
-                             sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';",
-                                 status, static_cast<int>(start_time), extension),
-                             result);
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("setConfExtState()");
+        if (extension.empty()) {
+            return m_frame->refuse("setConfExtState: missing one or more parameters\n");
+        }
+        QueryResult result;
+        return executeSqlCommand(
+            *m_frame,
+            sql("UPDATE conf_state SET conf_status ='{}', start_time ='{}' WHERE extension = '{}';", status,
+                static_cast<int>(start_time), extension),
+            result);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRecord& record)
 {
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::addConfExtState()");
-    if (record.extension().empty()) {
-        return m_frame->refuse("addConfExtState: missing one or more parameters\n");
-    }
-    ValueString columns;
-    columns.add("extension", record.extension());
-    columns.add("conf_status", record.conf_status());
-    columns.addExplicit("start_time", record.start_time());
-    QueryResult result;
-    return executeSqlCommand(*m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)), result);
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::addConfExtState()");
+        if (record.extension().empty()) {
+            return m_frame->refuse("addConfExtState: missing one or more parameters\n");
+        }
+        ValueString columns;
+        columns.add("extension", record.extension());
+        columns.add("conf_status", record.conf_status());
+        columns.addExplicit("start_time", record.start_time());
+        QueryResult result;
+        return executeSqlCommand(*m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)),
+                                 result);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteConfExtState(const std::string& extension)
 {
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteConfExtState()");
-    if (extension.empty()) {
-        return m_frame->refuse("deleteConfExtState(): missing one or more parameters\n");
-    }
-    QueryResult result;
-    return executeSqlCommand(*m_frame, sql("DELETE FROM conf_state WHERE extension = '{}';", extension), result);
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteConfExtState()");
+        if (extension.empty()) {
+            return m_frame->refuse("deleteConfExtState(): missing one or more parameters\n");
+        }
+        QueryResult result;
+        return executeSqlCommand(*m_frame, sql("DELETE FROM conf_state WHERE extension = '{}';", extension), result);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllConfExtRecord(std::vector<ConfExtRecord>& out,
                                                                     const std::string& pattern, bool negate)
 {
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord(): ");
-    Statement statement = conferenceQuery(pattern, negate);
-    m_frame->traceText(statement, "PresenceDatabaseCommandExecutor::getAllConfExtRecord: ");
-    return selectRecords(*m_frame, std::move(statement), out);
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::getAllConfExtRecord(): ");
+        Statement statement = conferenceQuery(pattern, negate);
+        m_frame->traceText(statement, "PresenceDatabaseCommandExecutor::getAllConfExtRecord: ");
+        return selectRecords(*m_frame, std::move(statement), out);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::selectMultipleConfExtRecords(const std::string& sqlText,
@@ -167,37 +185,41 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAllObsoleteConfExtNotInUse(st
 
 DatabaseResult PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse()
 {
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): ");
-    QueryResult result;
-    DatabaseResult outcome = executeSqlCommand(
-        *m_frame,
-        sql("delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');"),
-        result);
-    if (outcome.okay() && result.rows() > 0) {
-        m_frame->trace.prn(
-            "PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): --- Deleted obsolete rows= %s",
-            result.getValue(0, 0));
-    }
-    return outcome;
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): ");
+        QueryResult result;
+        DatabaseResult outcome = executeSqlCommand(
+            *m_frame,
+            sql("delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');"),
+            result);
+        if (outcome.okay() && result.rows() > 0) {
+            m_frame->trace.prn(
+                "PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse(): --- Deleted obsolete rows= %s",
+                result.getValue(0, 0));
+        }
+        return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(std::string& extension)
 {
-    m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
-    extension.clear();
-    QueryResult result;
-    DatabaseResult outcome = executeSqlCommand(
-        *m_frame,
-        sql("select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;"),
-        result);
-    if (outcome.okay()) {
-        if (result.rows() > 0) {
-            extension = Row(result, 0).string(0);
+    return m_frame->guarded([&] {
+        m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
+        extension.clear();
+        QueryResult result;
+        DatabaseResult outcome = executeSqlCommand(
+            *m_frame,
+            sql("select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;"),
+            result);
+        if (outcome.okay()) {
+            if (result.rows() > 0) {
+                extension = Row(result, 0).string(0);
+            }
+            m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
+                               result.rows());
         }
-        m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
-                           result.rows());
-    }
-    return outcome;
+        return outcome;
+    });
 }
 
 } // namespace oryx

@@ -68,7 +68,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getWatcher(const char* subscript
                 "SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states WHERE subscriptionid = '{}';",
                 subscriptionId);
         },
-        [&](const Row& row) { readDialog(row, out); });
+        [&](const Row& row) { fillAllOrNone(out, [&](PresenceRecord& filled) { readDialog(row, filled); }); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::addWatcher(const PresenceRecord& record)

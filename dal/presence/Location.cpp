@@ -7,7 +7,10 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 namespace oryx {
 
@@ -82,46 +85,63 @@ DatabaseResult findNumber(Frame& frame, Refusals refusals, Statement statement, 
 DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(int publicAddressId, std::string& ordering,
                                                                bool& replaceUri, std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    DatabaseResult outcome;
-    QueryResult result;
-    if (!m_frame->begin(nullptr, {}, outcome) ||
-        !m_frame->fetch(
-            sql("SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type,contact.permanent,contact.contact_id,contact.csid, contact.path_vector  FROM public_address, contact_set, contact, subscriber WHERE (public_address.public_address_id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
-                publicAddressId),
-            result, outcome)) {
-        return outcome;
-    }
-    return readContacts(result, {"replace", 2, 3, true}, m_frame->trace, ordering, replaceUri, contacts);
+    return m_frame->guarded([&] {
+        replaceUri = true;
+        DatabaseResult outcome;
+        QueryResult result;
+        if (!m_frame->begin(nullptr, {}, outcome) ||
+            !m_frame->fetch(
+                sql("SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type,contact.permanent,contact.contact_id,contact.csid, contact.path_vector  FROM public_address, contact_set, contact, subscriber WHERE (public_address.public_address_id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
+                    publicAddressId),
+                result, outcome)) {
+            return outcome;
+        }
+        return readContacts(result, {"replace", 2, 3, true}, m_frame->trace, ordering, replaceUri, contacts);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(std::string& ordering, int csid, bool& replaceUri,
                                                                std::vector<ContactRecord>& contacts)
 {
-    replaceUri = true;
-    DatabaseResult outcome;
-    if (!m_frame->begin(nullptr, {}, outcome)) {
-        return outcome;
-    }
-    if (csid < 1) {
-        outcome.setQueryError();
-        outcome.setErrorMessage("NULL csid");
-        return outcome;
-    }
-    QueryResult result;
-    if (!m_frame->fetch(
-            sql("SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type,contact.permanent,contact.contact_id,contact.csid,contact.path_vector  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
-                csid),
-            result, outcome)) {
-        return outcome;
-    }
-    return readContacts(result, {"replaceUri", -1, 2, true}, m_frame->trace, ordering, replaceUri, contacts);
+    return m_frame->guarded([&] {
+        replaceUri = true;
+        DatabaseResult outcome;
+        if (!m_frame->begin(nullptr, {}, outcome)) {
+            return outcome;
+        }
+        if (csid < 1) {
+            outcome.setQueryError();
+            outcome.setErrorMessage("NULL csid");
+            return outcome;
+        }
+        QueryResult result;
+        if (!m_frame->fetch(
+                sql("SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type,contact.permanent,contact.contact_id,contact.csid,contact.path_vector  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
+                    csid),
+                result, outcome)) {
+            return outcome;
+        }
+        return readContacts(result, {"replaceUri", -1, 2, true}, m_frame->trace, ordering, replaceUri, contacts);
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::lookupPublicAddress(const char* handle, const char* domain,
                                                                     PublicAddressRecord& rec)
 {
-    return m_frame->find(
+    return m_frame->guarded([&] {
+        PublicAddressRecord found = rec; // where memory runs out, the caller's is what it was
+        DatabaseResult outcome = findPublicAddress(*this, handle, domain, found);
+        if (outcome.okay()) {
+            rec = std::move(found);
+        }
+        return outcome;
+    });
+}
+
+DatabaseResult findPublicAddress(PresenceDatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec)
+{
+    return frameOf(executor).find(
         nullptr, {{!handle || !domain, "invalid parameters"}},
         [&] {
             return sql(
@@ -173,12 +193,14 @@ DatabaseResult fetchAddressMaps(PresenceDatabaseCommandExecutor& executor, Query
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAddressMaps(std::vector<AddressMapRecord>& maps)
 {
-    QueryResult result;
-    DatabaseResult outcome = fetchAddressMaps(*this, result);
-    if (outcome.okay()) {
-        readAddressMaps(result, maps);
-    }
-    return outcome;
+    return m_frame->guarded([&] {
+        QueryResult result;
+        DatabaseResult outcome = fetchAddressMaps(*this, result);
+        if (outcome.okay()) {
+            readAddressMaps(result, maps);
+        }
+        return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAliases(const char* handle, const char* domain,
@@ -197,41 +219,45 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAliases(const char* handle, c
 DatabaseResult PresenceDatabaseCommandExecutor::areAliases(const char* handle1, const char* domain1,
                                                            const char* handle2, const char* domain2, bool& aliases)
 {
-    aliases = false;
-    DatabaseResult outcome;
-    QueryResult result;
-    if (!m_frame->begin(nullptr, {{!handle1 || !domain1 || !handle2 || !domain2, "invalid parameters"}}, outcome) ||
-        !m_frame->fetch(
-            sql("SELECT csid FROM public_address WHERE (handle='{}' AND sip_domain='{}') OR (handle='{}' AND sip_domain='{}');",
-                handle1, domain1, handle2, domain2),
-            result, outcome)) {
+    return m_frame->guarded([&] {
+        aliases = false;
+        DatabaseResult outcome;
+        QueryResult result;
+        if (!m_frame->begin(nullptr, {{!handle1 || !domain1 || !handle2 || !domain2, "invalid parameters"}}, outcome) ||
+            !m_frame->fetch(
+                sql("SELECT csid FROM public_address WHERE (handle='{}' AND sip_domain='{}') OR (handle='{}' AND sip_domain='{}');",
+                    handle1, domain1, handle2, domain2),
+                result, outcome)) {
+            return outcome;
+        }
+        const int rows = result.rows();
+        m_frame->trace.prn("retrieved %d rows", rows);
+        if (rows < 2) {
+            outcome.setNotFound();
+        } else {
+            aliases = Row(result, 0).string(0) == Row(result, 1).string(0);
+        }
         return outcome;
-    }
-    const int rows = result.rows();
-    m_frame->trace.prn("retrieved %d rows", rows);
-    if (rows < 2) {
-        outcome.setNotFound();
-    } else {
-        aliases = Row(result, 0).string(0) == Row(result, 1).string(0);
-    }
-    return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getProxyConfig(std::vector<ProxyConfig>& items)
 {
-    DatabaseResult outcome;
-    if (!m_frame->begin(nullptr, {}, outcome)) {
+    return m_frame->guarded([&] {
+        DatabaseResult outcome;
+        if (!m_frame->begin(nullptr, {}, outcome)) {
+            return outcome;
+        }
+        m_frame->trace.prn("looking up proxy configuration");
+        QueryResult result;
+        if (!m_frame->fetch(sql("SELECT scope, name, value FROM system_parameters   WHERE application = 'oryxproxy';"),
+                            result, outcome)) {
+            return outcome;
+        }
+        m_frame->trace.prn("retrieved %d proxy config items", result.rows());
+        forEachRow(result, items, [&](const Row& row) { items.emplace_back(row.text(0), row.text(1), row.text(2)); });
         return outcome;
-    }
-    m_frame->trace.prn("looking up proxy configuration");
-    QueryResult result;
-    if (!m_frame->fetch(sql("SELECT scope, name, value FROM system_parameters   WHERE application = 'oryxproxy';"),
-                        result, outcome)) {
-        return outcome;
-    }
-    m_frame->trace.prn("retrieved %d proxy config items", result.rows());
-    forEachRow(result, items, [&](const Row& row) { items.emplace_back(row.text(0), row.text(1), row.text(2)); });
-    return outcome;
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getSubscribers(std::vector<SubscriberRecord>& subscribers,
@@ -253,7 +279,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupSubscriber(const std::stri
                                                                  SubscriberRecord& rec)
 {
     bool filled = true;
-    const DatabaseResult outcome = m_frame->find(
+    DatabaseResult outcome = m_frame->find(
         "lookupSubscriber()", {{handle.empty() || domain.empty(), "invalid parameters passed to lookupSubscriber"}},
         [&] { return subscriberQuery(handle.c_str(), domain.c_str()); },
         [&](const Row& row) {
@@ -263,7 +289,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupSubscriber(const std::stri
             }
         },
         "retrieved %d rows");
-    return filled ? outcome : m_frame->queryError();
+    return filled ? std::move(outcome) : m_frame->guarded([&] { return m_frame->queryError(); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vector<PublicAddressRecord>& addresses,
@@ -284,33 +310,39 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAllPublicAddresses(std::vecto
 
 DatabaseResult PresenceDatabaseCommandExecutor::flushExpiredContacts(std::vector<ExtendedContactRecord>& expired)
 {
-    DatabaseResult outcome;
-    if (!m_frame->begin("flushExpiredContacts()", {}, outcome)) {
+    return m_frame->guarded([&] {
+        DatabaseResult outcome;
+        if (!m_frame->begin("flushExpiredContacts()", {}, outcome)) {
+            return outcome;
+        }
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        QueryResult contacts;
+        if (!m_frame->fetch(
+                sql("SELECT public_address_id,contact_header,expires,call_id,cseq,handle,sip_domain FROM contact, contact_set, public_address  WHERE expires < {} AND contact_set.csid = contact.csid  AND public_address.csid = contact.csid FOR UPDATE ",
+                    now.tv_sec),
+                contacts, outcome)) {
+            return outcome;
+        }
+        const int rows = contacts.rows();
+        m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
+        if (rows == 0) {
+            outcome.setNotFound();
+            return outcome;
+        }
+        // Before they are removed: whom memory runs out on finds them again with the next call.
+        std::vector<ExtendedContactRecord> flushed;
+        forEachRow(contacts, flushed, [&](const Row& row) { readExpiredContact(row, flushed.emplace_back()); });
+        makeRoom(expired, rows);
+        QueryResult removal;
+        if (!m_frame->fetch(sql("DELETE FROM contact WHERE expires < {}", now.tv_sec), removal, outcome)) {
+            outcome.setConnectionError(); // whatever kept the contacts from being removed
+            return outcome;
+        }
+        m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
+        std::move(flushed.begin(), flushed.end(), std::back_inserter(expired));
         return outcome;
-    }
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    QueryResult contacts;
-    if (!m_frame->fetch(
-            sql("SELECT public_address_id,contact_header,expires,call_id,cseq,handle,sip_domain FROM contact, contact_set, public_address  WHERE expires < {} AND contact_set.csid = contact.csid  AND public_address.csid = contact.csid FOR UPDATE ",
-                now.tv_sec),
-            contacts, outcome)) {
-        return outcome;
-    }
-    const int rows = contacts.rows();
-    m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
-    if (rows == 0) {
-        outcome.setNotFound();
-        return outcome;
-    }
-    QueryResult removal;
-    if (!m_frame->fetch(sql("DELETE FROM contact WHERE expires < {}", now.tv_sec), removal, outcome)) {
-        outcome.setConnectionError(); // whatever kept the contacts from being removed
-        return outcome;
-    }
-    m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
-    forEachRow(contacts, expired, [&](const Row& row) { readExpiredContact(row, expired.emplace_back()); });
-    return outcome;
+    });
 }
 
 } // namespace oryx

@@ -35,30 +35,32 @@ DatabaseResult PresenceDatabaseCommandExecutor::removeWinfoWatchers()
 
 DatabaseResult PresenceDatabaseCommandExecutor::removeEventServerState()
 {
-    DatabaseResult outcome;
-    if (!m_frame->begin("removeEventServerState()", {}, outcome)) {
+    return m_frame->guarded([&] {
+        DatabaseResult outcome;
+        if (!m_frame->begin("removeEventServerState()", {}, outcome)) {
+            return outcome;
+        }
+        const Transaction transaction{"BEGIN TRANSACTION;",
+                                      {sql("DELETE FROM SUBSCRIPTION_STATES;"), sql("DELETE FROM EVENT_WATCHERS;"),
+                                       sql("DELETE FROM EVENT_SOURCES;"), sql("DELETE FROM LISTSUBSCRIPTIONS;"),
+                                       sql("DELETE FROM WATCHERINFO;")},
+                                      "COMMIT TRANSACTION;"};
+        if (zel::Trace::enabled(zel::TraceKind::prn)) {
+            m_frame->trace.prn(m_frame->textOf(transaction));
+        }
+        QueryResult result;
+        if (!m_frame->exchange(transaction, result)) {
+            outcome = m_frame->connectionError(); // with the last failure that had words
+            m_frame->trace.prn("transaction failed because of connection error, rolling back");
+            m_frame->rollback();
+        } else if (result.failed()) {
+            error(result);
+            outcome = m_frame->connectionError();
+            m_frame->trace.prn("transaction failed, rolling back");
+            m_frame->rollback();
+        }
         return outcome;
-    }
-    const Transaction transaction{"BEGIN TRANSACTION;",
-                                  {sql("DELETE FROM SUBSCRIPTION_STATES;"), sql("DELETE FROM EVENT_WATCHERS;"),
-                                   sql("DELETE FROM EVENT_SOURCES;"), sql("DELETE FROM LISTSUBSCRIPTIONS;"),
-                                   sql("DELETE FROM WATCHERINFO;")},
-                                  "COMMIT TRANSACTION;"};
-    if (zel::Trace::enabled(zel::TraceKind::prn)) {
-        m_frame->trace.prn(m_frame->textOf(transaction));
-    }
-    QueryResult result;
-    if (!m_frame->exchange(transaction, result)) {
-        outcome = m_frame->connectionError(); // with the last failure that had words
-        m_frame->trace.prn("transaction failed because of connection error, rolling back");
-        m_frame->rollback();
-    } else if (result.failed()) {
-        error(result);
-        outcome = m_frame->connectionError();
-        m_frame->trace.prn("transaction failed, rolling back");
-        m_frame->rollback();
-    }
-    return outcome;
+    });
 }
 
 } // namespace oryx

@@ -53,14 +53,16 @@ DatabaseResult PresenceDatabaseCommandExecutor::getAllEventSources(const char* e
 DatabaseResult PresenceDatabaseCommandExecutor::getSourceOpaque(const char* presentityKey,
                                                                 std::vector<SourcesRecord>& records)
 {
+    std::string key;
     return m_frame->list(
         "getSourceOpaque()", {}, Listing::mayBeEmpty, records,
         [&] {
+            key = copied(presentityKey);
             return sql(
                 "SELECT sourceopaque, contact, expirytime, event, presentity  FROM event_sources WHERE presentitykey ='{}';",
                 presentityKey);
         },
-        [&, key = copied(presentityKey)](const Row& row) {
+        [&](const Row& row) {
             records.emplace_back(key.c_str(), row.text(0), row.text(1), row.number(2, 0), row.text(3), row.text(4));
         },
         "retrieved %d rows");
@@ -84,10 +86,12 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSources(std::vector<SourcesRe
 
 DatabaseResult PresenceDatabaseCommandExecutor::addSourceOpaque(SourcesRecord record)
 {
-    return m_frame->insertOrDelete("addSourceOpaque()",
-                                   {{record.presentitykey().empty() || record.sourceopaque().empty(),
-                                     "addSourceOpaque: missing one or more parameters\n"}},
-                                   [&] { return addition(record); });
+    return m_frame->guarded([&] {
+        return m_frame->insertOrDelete("addSourceOpaque()",
+                                       {{record.presentitykey().empty() || record.sourceopaque().empty(),
+                                         "addSourceOpaque: missing one or more parameters\n"}},
+                                       [&] { return addition(record); });
+    });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::updateSourceExpiry(const char* presentityKey, const char* sourceOpaque,
@@ -109,15 +113,17 @@ DatabaseResult PresenceDatabaseCommandExecutor::deleteSourceOpaque(const char* /
 DatabaseResult PresenceDatabaseCommandExecutor::getWinfoForPresentity(const char* winfoKey,
                                                                       std::vector<WatcherInfoRecord>& records)
 {
+    std::string key;
     return m_frame->list(
         "getWinfoForPresentity()", {{!winfoKey, "invalid parameters passed to getWinfoForPresentity"}},
         Listing::notFoundWhenEmpty, records,
         [&] {
+            key = copied(winfoKey);
             return sql(
                 "SELECT subscriberkey, startingdocversion,expirytime,presurlscheme  FROM watcherinfo WHERE winfokey='{}';",
                 winfoKey);
         },
-        [&, key = copied(winfoKey)](const Row& row) {
+        [&](const Row& row) {
             records.emplace_back(key.c_str(), row.text(0), row.text(3), row.integer(1, 0), row.number(2, 0));
         },
         "Retrieved %d rows");

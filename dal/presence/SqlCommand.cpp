@@ -1,5 +1,7 @@
 #include <dal/presence/SqlCommand.h>
 
+#include <dal/internal/Traced.h>
+
 namespace oryx {
 
 namespace {
@@ -46,7 +48,7 @@ DatabaseResult runTraced(Frame& frame, Command& command, const std::string& show
 
 DatabaseResult executeSqlCommand(Frame& frame, Statement statement, QueryResult& result)
 {
-    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
+    traceProgress(frame.trace, "PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
     const bool traced = zel::Trace::enabled(zel::TraceKind::prn);
     const std::string shown = traced ? frame.textOf(statement) : std::string();
     return runTraced(frame, statement, shown, result);
@@ -57,7 +59,7 @@ DatabaseResult executeSqlCommand(Frame& frame, const std::string& text, QueryRes
     if (&text == &frame.errorText) {
         return executeSqlCommand(frame, std::string(text), result); // a failure changes it before it is traced
     }
-    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
+    traceProgress(frame.trace, "PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
     if (text.empty()) {
         DatabaseResult refusal;
         refusal.setQueryError();

@@ -37,15 +37,16 @@ Statement addition(const WatchersRecord& record)
 DatabaseResult PresenceDatabaseCommandExecutor::getWatcherState(const char* presentityKey,
                                                                 std::vector<WatchersRecord>& records)
 {
+    std::string key;
     return m_frame->list(
         "getWatcherState()", {}, Listing::mayBeEmpty, records,
         [&] {
+            key = copied(presentityKey);
             return sql(
                 "SELECT watcheropaque,doctype,watchertype,watcherstate,expirytime,watcheridentity,presentity,docversion,remotecontacthdr FROM event_watchers,subscription_states WHERE presentitykey ='{}' and watcheropaque=subscriptionid;",
                 presentityKey);
         },
-        [&, key = copied(presentityKey)](const Row& row) { records.push_back(readWatcher(row, key, row.string(8))); },
-        "retrieved %d rows");
+        [&](const Row& row) { records.push_back(readWatcher(row, key, row.string(8))); }, "retrieved %d rows");
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getWatcherState(const char* presentityKey, const char* watcherOpaque)

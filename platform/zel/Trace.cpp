@@ -10,17 +10,14 @@
 #include <zel/internal/BuiltInSink.h>
 
 namespace zel {
+
+constinit std::atomic<unsigned> detail::tracedKinds{kUndecided};
+
 namespace {
 
-constexpr unsigned bit(TraceKind kind)
-{
-    return 1U << static_cast<unsigned>(kind);
-}
-constexpr unsigned kEverything = bit(TraceKind::prn) | bit(TraceKind::log);
-constexpr unsigned kUndecided = 1U << 31U;
+using detail::tracedKinds;
 
-/// The kinds that go anywhere: all that a call reads while tracing is off.
-constinit std::atomic<unsigned> wanted{kUndecided};
+constexpr unsigned kEverything = detail::bit(TraceKind::prn) | detail::bit(TraceKind::log);
 
 struct Current {
     std::mutex mutex;
@@ -39,8 +36,8 @@ Current& current()
 void exchange(Current& state, std::shared_ptr<const TraceSink>& next)
 {
     const auto* builtIn = next ? next->target<BuiltInSink>() : nullptr;
-    const unsigned accepted = builtIn && builtIn->failuresOnly() ? bit(TraceKind::log) : kEverything;
-    wanted.store(next ? accepted : 0, std::memory_order_relaxed);
+    const unsigned accepted = builtIn && builtIn->failuresOnly() ? detail::bit(TraceKind::log) : kEverything;
+    tracedKinds.store(next ? accepted : 0, std::memory_order_relaxed);
     state.sink.swap(next);
 }
 
@@ -52,32 +49,10 @@ std::shared_ptr<const TraceSink> shared(TraceSink sink)
 /// The caller holds the mutex.
 void decideFromEnvironment(Current& state)
 {
-    if (wanted.load(std::memory_order_relaxed) == kUndecided) {
+    if (tracedKinds.load(std::memory_order_relaxed) == detail::kUndecided) {
         auto sink = shared(sinkFromEnvironment());
         exchange(state, sink);
     }
-}
-
-unsigned decided()
-{
-    Current& state = current();
-    const std::lock_guard lock(state.mutex);
-    decideFromEnvironment(state);
-    return wanted.load(std::memory_order_relaxed);
-}
-
-/// Part of every call, so that one costs a load and a comparison while tracing is off.
-inline bool goesAnywhere(TraceKind kind) noexcept
-{
-    unsigned kinds = wanted.load(std::memory_order_relaxed);
-    if (kinds == kUndecided) [[unlikely]] {
-        try {
-            kinds = decided();
-        } catch (...) {
-            return false;
-        }
-    }
-    return (kinds & bit(kind)) != 0;
 }
 
 std::shared_ptr<const TraceSink> currentSink()
@@ -119,6 +94,18 @@ __attribute__((format(printf, 3, 0))) void emitFormatted(const char* channel, Tr
 
 } // namespace
 
+unsigned detail::decideTracedKinds() noexcept
+{
+    try {
+        Current& state = current();
+        const std::lock_guard lock(state.mutex);
+        decideFromEnvironment(state);
+        return tracedKinds.load(std::memory_order_relaxed);
+    } catch (...) {
+        return 0;
+    }
+}
+
 TraceSink setTraceSink(TraceSink sink)
 {
     auto previous = shared(std::move(sink));
@@ -131,14 +118,9 @@ TraceSink setTraceSink(TraceSink sink)
     return previous ? *previous : TraceSink();
 }
 
-bool Trace::enabled(TraceKind kind) noexcept
-{
-    return goesAnywhere(kind);
-}
-
 void Trace::prn(const char* format, ...) const
 {
-    if (goesAnywhere(TraceKind::prn)) {
+    if (enabled(TraceKind::prn)) {
         va_list arguments;
         va_start(arguments, format);
         emitFormatted(m_channel, TraceKind::prn, format, arguments);
@@ -148,7 +130,7 @@ void Trace::prn(const char* format, ...) const
 
 void Trace::prn(const std::string& text) const
 {
-    if (!goesAnywhere(TraceKind::prn)) {
+    if (!enabled(TraceKind::prn)) {
         return;
     }
     try {
@@ -159,7 +141,7 @@ void Trace::prn(const std::string& text) const
 
 void Trace::log(const char* format, ...) const
 {
-    if (goesAnywhere(TraceKind::log)) {
+    if (enabled(TraceKind::log)) {
         va_list arguments;
         va_start(arguments, format);
         emitFormatted(m_channel, TraceKind::log, format, arguments);

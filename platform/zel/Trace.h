@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,21 @@ namespace zel {
 /// The kinds of lines: routine progress (`prn`), failures an operator must see (`log`).
 /// \ingroup platform
 enum class TraceKind { prn, log };
+
+namespace detail {
+
+inline constexpr unsigned kUndecided = 1U << 31U;
+// A bit for each kind that goes anywhere: all that a call reads while tracing is off.
+ORYX_EXPORT extern constinit std::atomic<unsigned> tracedKinds;
+// Has the environment decide; the kinds.
+ORYX_EXPORT unsigned decideTracedKinds() noexcept;
+
+constexpr unsigned bit(TraceKind kind)
+{
+    return 1U << static_cast<unsigned>(kind);
+}
+
+} // namespace detail
 
 /// Receives every line of the process, formatted, whole and unaltered: of any length, newlines included. Called on the
 /// tracing thread, by several at once; both texts are valid during the call only. What it throws is dropped.
@@ -58,7 +74,11 @@ public:
     void log(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
     /// True if lines of this kind go anywhere: lets a caller skip making an argument that costs something.
-    static bool enabled(TraceKind kind) noexcept;
+    static bool enabled(TraceKind kind) noexcept
+    {
+        const unsigned kinds = detail::tracedKinds.load(std::memory_order_relaxed);
+        return ((kinds == detail::kUndecided ? detail::decideTracedKinds() : kinds) & detail::bit(kind)) != 0;
+    }
 
 private:
     const char* m_channel;

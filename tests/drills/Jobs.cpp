@@ -4,6 +4,7 @@
 #include <dal/PresenceDal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -130,8 +131,10 @@ Answer Jobs::reserve()
 
 Answer Jobs::release(const std::string& extension)
 {
+    // Not by time(), which may be a tick behind the clock that the reservation was stamped by.
+    const auto at = std::chrono::duration_cast<std::chrono::seconds>(now()).count();
     const std::uint64_t number = m_journal->ask(Kind::release, "extension/" + extension);
-    return noted(number, m_events.setConfExtState(extension, "IDLE", static_cast<unsigned int>(std::time(nullptr))));
+    return noted(number, m_events.setConfExtState(extension, "IDLE", static_cast<unsigned int>(at)));
 }
 
 } // namespace drill

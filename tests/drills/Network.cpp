@@ -54,9 +54,9 @@ void Network::fallSilent()
 
 bool Network::wait(std::chrono::milliseconds time) const
 {
-    constexpr std::chrono::milliseconds kStep(10);
-    for (; time.count() > 0 && !m_over; time -= kStep) {
-        std::this_thread::sleep_for(kStep);
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end && !m_over) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return !m_over;
 }

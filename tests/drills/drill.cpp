@@ -1,7 +1,7 @@
 // The programs of the drills, in one: what tests/drills/run calls against the servers that it runs and breaks.
 //
 //     drill load FOLDER [answers|hang-ups|silence|fork]   workers, over a network with that trouble or as processes
-//     drill late FOLDER                                   late repetitions
+//     drill late FOLDER registration|refresh|removal|release   late repetitions of that change
 //     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
 //     drill burst NAME                                    100,000 notifications, and a line
 //     drill memory NAME                                   a listing that does not fit into memory, and a line
@@ -75,6 +75,9 @@ bool check(const std::string& folder, const std::string& name, const std::string
         }
     }
     line.recovery = recovery(journals, returns);
+    // A repeated reservation must give the same extension again where the schema can know it by its token.
+    const bool orphansAreWrong = Account::variable("ORYX_STATEMENTS") == "bound";
+    line.verdict.doubled += orphansAreWrong ? line.verdict.orphaned : 0;
     const bool wrong = line.verdict.wrong() > 0;
     if (line.verdict.orphaned > 0) {
         line.remark = std::to_string(line.verdict.orphaned) + " extensions reserved for nobody";
@@ -97,7 +100,7 @@ bool run(const std::vector<std::string>& arguments)
     if (what == "load") {
         load(argument(1), argument(2));
     } else if (what == "late") {
-        runLate(Account(), argument(1));
+        runLate(Account(), argument(1), argument(2));
     } else if (what == "check") {
         return check(argument(1), argument(2), argument(3));
     } else if (what == "burst" || what == "memory") {

@@ -31,7 +31,7 @@ is_running() { as_server "$binaries/pg_ctl" -s -D "$base/$1/data" status >/dev/n
 sql() {
     local server=$1
     shift
-    env -u PGSERVICE PGUSER=postgres psql --no-psqlrc --quiet --no-align --tuples-only --set=ON_ERROR_STOP=1 \
+    env -u PGSERVICE PGUSER=postgres PGOPTIONS='-c client_min_messages=error' psql --no-psqlrc --quiet --no-align --tuples-only --set=ON_ERROR_STOP=1 \
         --host="$base" --port="$(port_of "$server")" --dbname="${database:-oryx}" "$@"
 }
 

@@ -1,19 +1,26 @@
 // Bound statements: a text in an argument is that text and nothing else, whatever it holds. Each entry of the table is
-// called with each of the texts, and the whole database is compared with what the call shall have done.
+// called with each of the texts, and the whole database is compared with what the call shall have done. And in both
+// ways of sending: what the calls of the table do when memory runs out.
 
 #include "hostile/Entry.h"
 #include "hostile/Texts.h"
+#include "support/FailingNew.h"
+#include "support/InsideOperation.h"
 #include "support/Server.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <exception>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -105,6 +112,10 @@ constexpr const char* kRestartKeys =
 constexpr const char* kLibrarysSessions =
     "SELECT pid FROM pg_stat_activity WHERE datname = current_database() AND usename = 'oryx_test_server' ORDER BY pid";
 
+constexpr const char* kOpenTransactions =
+    "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND usename = 'oryx_test_server' AND "
+    "state LIKE 'idle in transaction%'";
+
 /// Lines in order.
 using Snapshot = std::vector<std::string>;
 
@@ -137,7 +148,8 @@ std::string substituted(std::string pattern, const std::string& text)
 /// One database and one connected library for all entries.
 class World {
 public:
-    World() : m_session(m_database.name()), m_keeper(m_database.name())
+    explicit World(SessionOptions::Statements statements = SessionOptions::Statements::bound)
+        : m_statements(statements), m_session(m_database.name()), m_keeper(m_database.name())
     {
         setenv("PGSSLMODE", "disable", 1);
         // A transaction that the library leaves open must not keep the test waiting.
@@ -222,10 +234,21 @@ public:
         return answer.rows.empty() ? entry.answer : "okay\n" + answer.rows;
     }
 
+    /// What the call shall answer after these, and where `arrange` met with that refusal.
+    std::string answer(const Entry& entry, const Expected& expected, const std::string& absent, const std::string& text)
+    {
+        const bool refused = !absent.empty() || !expected.refusal.empty();
+        return !entry.found.empty()                ? search(entry, text)
+               : refused && !entry.refused.empty() ? entry.refused
+                                                   : substituted(entry.answer, text);
+    }
+
     Snapshot snapshot() { return linesOf(m_session.rows("EXECUTE snapshot")); }
 
     /// Whether the library still has the sessions that it began with.
     bool sessionsKept() { return m_session.rows(kLibrarysSessions) == m_sessions; }
+    /// How many of them are in a transaction.
+    std::string openTransactions() { return m_session.value(kOpenTransactions); }
 
     Library library;
 
@@ -234,11 +257,12 @@ private:
     void connect(Part& part)
     {
         SessionOptions options;
-        options.statements = SessionOptions::Statements::bound;
+        options.statements = m_statements;
         part.setSessionOptions(options);
         part.connect(m_database.uri().c_str(), server::kUser, server::kPassword);
     }
 
+    SessionOptions::Statements m_statements;
     server::Database m_database;
     server::Session m_session;
     server::Session m_keeper; // adds and removes rows that are there before a call, without triggers and references
@@ -279,10 +303,7 @@ TEST_P(Hostile, TextsAreThatTextAndNothingElse)
         const std::string absent = s_world->arrange(entry, text);
         const World::Expected expected = s_world->expect(entry, text);
         EXPECT_EQ(absent.empty() ? expected.refusal : absent, expectedRefusal(entry.place, text));
-        const bool refused = !absent.empty() || !expected.refusal.empty();
-        const std::string answer = !entry.found.empty()                ? s_world->search(entry, text)
-                                   : refused && !entry.refused.empty() ? entry.refused
-                                                                       : substituted(entry.answer, text);
+        const std::string answer = s_world->answer(entry, expected, absent, text);
         s_world->library.registrar.okay(); // forgets the SQLSTATE of an earlier failure
         EXPECT_EQ(entry.call(s_world->library, text), answer);
         const Snapshot snapshot = s_world->snapshot();
@@ -375,6 +396,119 @@ TEST_F(BoundTexts, WhatIsNotUtf8IsRefusedAndCostsNoConnection)
     EXPECT_EQ(m_world.snapshot(), before);
     EXPECT_TRUE(m_world.sessionsKept());
 }
+
+/// A text that every place takes, and that no string holds without an allocation.
+const std::string kPlainText = "text that is too long for the place of a string";
+
+/// One entry of each operation: which of its arguments holds the text makes no difference to its memory, and a
+/// service's operation goes through that of its executor, so of these two the first is taken. Left out are the entries
+/// that call several operations.
+Entries oneOfEachOperation()
+{
+    static const std::set<std::string> kSeveralCalls{"lookupMapEntry", "removeMapEntry", "checkInboundDomainAccess"};
+    Entries table;
+    std::set<std::string> operations;
+    for (Entry& entry : allEntries()) {
+        const std::size_t begin = entry.argument.find("::") + 2;
+        const std::string operation = entry.argument.substr(begin, entry.argument.find(')') - begin);
+        const std::string server = entry.argument.starts_with("Presence") ? "events " : "registrar ";
+        if (!kSeveralCalls.contains(operation.substr(0, operation.find('('))) &&
+            operations.insert(server + operation).second) {
+            table.push_back(std::move(entry));
+        }
+    }
+    return table;
+}
+
+using WayAndEntry = std::tuple<SessionOptions::Statements, Entry>;
+
+std::string wayAndName(const testing::TestParamInfo<WayAndEntry>& parameters)
+{
+    const auto& [statements, entry] = parameters.param;
+    return testName({entry, 0}) + (statements == SessionOptions::Statements::bound ? "__bound" : "__plain");
+}
+
+/// Memory that runs out at each of an operation's allocations, one after the other.
+class OutOfMemory : public testing::TestWithParam<WayAndEntry> {
+protected:
+    static void TearDownTestSuite() { s_world.reset(); }
+
+    OutOfMemory() : m_world(worldOf(std::get<0>(GetParam()))) {}
+
+    /// The answer of the call while the operation's allocation behind so many others fails.
+    std::string answer(std::size_t news)
+    {
+        countNewsOnly(insideOperation);
+        failNewAfter(news);
+        std::string text;
+        try {
+            text = m_entry.call(m_world.library, kPlainText);
+        } catch (const std::exception& thrown) {
+            text = std::string("thrown: ") + thrown.what();
+        }
+        m_ranOut = newHasFailed();
+        failNoNew();
+        countNewsOnly(nullptr);
+        return text;
+    }
+    const Entry m_entry = std::get<1>(GetParam());
+    World& m_world;
+    bool m_ranOut = true; // in the last call
+
+private:
+    static World& worldOf(SessionOptions::Statements statements)
+    {
+        if (!s_world || s_way != statements) {
+            s_world.reset(); // databases are named alike
+            s_world.emplace(statements);
+            s_way = statements;
+        }
+        return *s_world;
+    }
+
+    static std::optional<World> s_world;
+    static SessionOptions::Statements s_way;
+};
+
+std::optional<World> OutOfMemory::s_world;
+SessionOptions::Statements OutOfMemory::s_way;
+
+TEST_P(OutOfMemory, IsAnAnswerAndLeavesNothingHalfDone)
+{
+    const std::string absent = m_world.arrange(m_entry, kPlainText);
+    const World::Expected expected = m_world.expect(m_entry, kPlainText);
+    const std::string right = m_world.answer(m_entry, expected, absent, kPlainText);
+    const Snapshot before = m_world.snapshot();
+    std::string untouched; // what the call answers when it has got no memory at all
+    for (std::size_t news = 0; m_ranOut; ++news) {
+        SCOPED_TRACE("memory runs out after " + std::to_string(news));
+        m_world.library.registrar.okay(); // forgets the SQLSTATE of an earlier failure
+        const std::string given = answer(news);
+        untouched = news == 0 ? given : untouched;
+        if (!m_ranOut || given != untouched) {
+            EXPECT_EQ(given, right);
+        }
+        EXPECT_EQ(given.find("thrown"), std::string::npos) << given;
+        if (!m_entry.change.empty()) {
+            const Snapshot after = m_world.snapshot();
+            // What took effect before memory ran out has taken effect whole.
+            EXPECT_TRUE(after == expected.snapshot || (given != right && after == before));
+            EXPECT_EQ(m_world.openTransactions(), "0");
+            m_world.bringBack(after);
+            m_world.arrange(m_entry, kPlainText);
+        }
+    }
+    EXPECT_NE(untouched, "okay\n");
+    const Snapshot after = m_world.snapshot();
+    EXPECT_EQ(after, before);
+    m_world.bringBack(after);
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, OutOfMemory,
+                         testing::Combine(testing::Values(SessionOptions::Statements::plain,
+                                                          SessionOptions::Statements::bound),
+                                          testing::ValuesIn(oneOfEachOperation())),
+                         wayAndName);
 
 INSTANTIATE_TEST_SUITE_P(Bound, Hostile, testing::ValuesIn(allEntries()), testName);
 

@@ -151,20 +151,7 @@ void addAddresses(Entries& table, const AddressPart& part)
             .refused = "not found\n",
         });
     }
-    table.push_back({
-        .argument = argumentOf<Target>("lookupSubscriber(handle, domain, rec) ") + part.name,
-        .place = Place::key,
-        .before = {kAddress.with(part.column).insert()},
-        .call =
-            [=](Library& library, const std::string& text) {
-                oryx::SubscriberRecord rec;
-                const DatabaseResult result =
-                    library.get<Target>().lookupSubscriber(part.handle(text), part.domain(text), rec);
-                return told(result) + rec.userId() + "\n";
-            },
-        .answer = "okay\ncarol\n",
-        .refused = "not found\n\n",
-    });
+    table.push_back(subscriberLookup<Target>(part));
 }
 
 /// The service finds an address of record however it is written.
@@ -184,25 +171,6 @@ void addServiceLookups(Entries& table, const AddressPart& part)
             },
         .answer = "okay\n44 14\n",
         .refused = "not found\n-1 0\n",
-    });
-}
-
-void addExecutorLookups(Entries& table, const AddressPart& part)
-{
-    table.push_back({
-        .argument =
-            argumentOf<oryx::PresenceDatabaseCommandExecutor>("lookupPublicAddress(handle, domain, rec) ") + part.name,
-        .place = Place::key,
-        .before = {kAddress.with(part.column).insert()},
-        .call =
-            [=](Library& library, const std::string& text) {
-                PublicAddressRecord rec;
-                const DatabaseResult result =
-                    library.events.lookupPublicAddress(part.handle(text), part.domain(text), rec);
-                return told(result) + rec.handle() + "@" + rec.domain() + "\n";
-            },
-        .answer = std::string("okay\n") + part.address() + "\n",
-        .refused = "not found\n@\n",
     });
 }
 
@@ -236,7 +204,7 @@ Entries provisioningEntries()
         if constexpr (std::is_same_v<Target, oryx::PresenceService>) {
             addServiceLookups(table, part);
         } else {
-            addExecutorLookups(table, part);
+            table.push_back(addressLookup<Target>(part));
         }
     }
     if constexpr (std::is_same_v<Target, oryx::PresenceDatabaseCommandExecutor>) {

@@ -84,6 +84,46 @@ struct AddressPart {
 };
 inline constexpr AddressPart kAddressParts[]{{"handle", "handle", true}, {"domain", "sip_domain", false}};
 
+/// An executor's lookup of an address of record.
+template <typename Target>
+Entry addressLookup(const AddressPart& part)
+{
+    return {
+        .argument = argumentOf<Target>("lookupPublicAddress(handle, domain, rec) ") + part.name,
+        .place = Place::key,
+        .before = {kAddress.with(part.column).insert()},
+        .call =
+            [=](Library& library, const std::string& text) {
+                oryx::PublicAddressRecord rec;
+                const oryx::DatabaseResult result =
+                    library.get<Target>().lookupPublicAddress(part.handle(text), part.domain(text), rec);
+                return told(result) + rec.handle() + "@" + rec.domain() + "\n";
+            },
+        .answer = std::string("okay\n") + part.address() + "\n",
+        .refused = "not found\n@\n",
+    };
+}
+
+/// The lookup of an address's subscriber, where it answers with a result.
+template <typename Target>
+Entry subscriberLookup(const AddressPart& part)
+{
+    return {
+        .argument = argumentOf<Target>("lookupSubscriber(handle, domain, rec) ") + part.name,
+        .place = Place::key,
+        .before = {kAddress.with(part.column).insert()},
+        .call =
+            [=](Library& library, const std::string& text) {
+                oryx::SubscriberRecord rec;
+                const oryx::DatabaseResult result =
+                    library.get<Target>().lookupSubscriber(part.handle(text), part.domain(text), rec);
+                return told(result) + rec.userId() + "\n";
+            },
+        .answer = "okay\ncarol\n",
+        .refused = "not found\n\n",
+    };
+}
+
 /// What a lookup of contacts answers and gives.
 template <typename Lookup>
 std::string contactsFound(const Lookup& lookup)

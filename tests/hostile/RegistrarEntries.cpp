@@ -131,20 +131,7 @@ void addAddresses(Entries& table)
 {
     for (const AddressPart& part : kAddressParts) {
         addProvisioning(table, part);
-        table.push_back({
-            .argument = argumentOf<DatabaseCommandExecutor>("lookupPublicAddress(handle, domain, rec) ") + part.name,
-            .place = Place::key,
-            .before = {kAddress.with(part.column).insert()},
-            .call =
-                [=](Library& library, const std::string& text) {
-                    PublicAddressRecord rec;
-                    const DatabaseResult result =
-                        library.registrar.lookupPublicAddress(part.handle(text), part.domain(text), rec);
-                    return told(result) + rec.handle() + "@" + rec.domain() + "\n";
-                },
-            .answer = std::string("okay\n") + part.address() + "\n",
-            .refused = "not found\n@\n",
-        });
+        table.push_back(addressLookup<DatabaseCommandExecutor>(part));
         table.push_back({
             .argument = argumentOf<DatabaseCommandExecutor>("lookupSubscriber(handle, domain, rec) ") + part.name,
             .place = Place::key,

@@ -84,20 +84,7 @@ void addLookups(Entries& table)
             .answer = "okay\n44\n",
             .refused = "not found\n-1\n",
         });
-        table.push_back({
-            .argument = argumentOf<LocationService>("lookupSubscriber(handle, domain, rec) ") + part.name,
-            .place = Place::key,
-            .before = {kAddress.with(part.column).insert()},
-            .call =
-                [=](Library& library, const std::string& text) {
-                    oryx::SubscriberRecord rec;
-                    const DatabaseResult result =
-                        library.location.lookupSubscriber(part.handle(text), part.domain(text), rec);
-                    return told(result) + rec.userId() + "\n";
-                },
-            .answer = "okay\ncarol\n",
-            .refused = "not found\n\n",
-        });
+        table.push_back(subscriberLookup<LocationService>(part));
         table.push_back({
             .argument = argumentOf<LocationService>("lookupContacts(handle, domain, ordering, replaceUri, contacts) ") +
                         part.name,

@@ -11,10 +11,19 @@ constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
 thread_local std::size_t plainNews = 0;
 thread_local std::size_t failingNew = kNever;
 thread_local bool nothrowFails = false;
+thread_local bool (*counted)() = nullptr;
 
 void* allocate(std::size_t size)
 {
     return std::malloc(size == 0 ? 1 : size);
+}
+
+bool fails()
+{
+    if (counted != nullptr && !counted()) {
+        return false;
+    }
+    return plainNews++ == failingNew;
 }
 
 } // namespace
@@ -29,6 +38,11 @@ void failNewAfter(std::size_t news)
     failingNew = plainNews + news;
 }
 
+bool newHasFailed()
+{
+    return plainNews > failingNew;
+}
+
 void failNoNew()
 {
     failingNew = kNever;
@@ -39,6 +53,11 @@ std::size_t newsSoFar()
     return plainNews;
 }
 
+void countNewsOnly(bool (*where)())
+{
+    counted = where;
+}
+
 void failNextNothrowNew()
 {
     nothrowFails = true;
@@ -46,7 +65,7 @@ void failNextNothrowNew()
 
 void* operator new(std::size_t size)
 {
-    void* const memory = plainNews++ == failingNew ? nullptr : allocate(size);
+    void* const memory = fails() ? nullptr : allocate(size);
     return memory != nullptr ? memory : throw std::bad_alloc();
 }
 

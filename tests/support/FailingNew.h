@@ -10,9 +10,13 @@
 void failNextNew();
 /// The calling thread's plain `new` throws once, after so many that do not.
 void failNewAfter(std::size_t news);
+/// Whether it has.
+bool newHasFailed();
 /// None throws any more.
 void failNoNew();
 /// How often the calling thread has called plain `new`.
 std::size_t newsSoFar();
+/// From now on only those of the calling thread's plain `new` count, and fail, for which this is true; null for all.
+void countNewsOnly(bool (*where)());
 /// The calling thread's next `new (std::nothrow)` gives a null pointer.
 void failNextNothrowNew();

@@ -25,6 +25,16 @@ namespace fake {
 namespace {
 
 Libpq* current = nullptr;
+thread_local bool answersNow = false;
+
+/// Lives while a statement is answered.
+class Answering {
+public:
+    Answering() { answersNow = true; }
+    ~Answering() { answersNow = false; }
+    Answering(const Answering&) = delete;
+    Answering& operator=(const Answering&) = delete;
+};
 
 template <typename Owned, typename Base>
 auto find(std::vector<std::unique_ptr<Owned>>& owners, const Base* owned)
@@ -79,6 +89,11 @@ Reply status(ExecStatusType status)
     Reply reply;
     reply.status = status;
     return reply;
+}
+
+bool answering()
+{
+    return answersNow;
 }
 
 Libpq::Libpq()
@@ -250,6 +265,7 @@ ConnStatusType Libpq::statusOf(const PGconn* conn)
 
 void Libpq::reset(const PGconn* conn)
 {
+    const Answering answering;
     const std::lock_guard lock(m_mutex);
     record("reset");
     PGconn& connection = open(conn);
@@ -279,6 +295,7 @@ void Libpq::setNoticeProcessor(const PGconn* conn, PQnoticeProcessor processor, 
 
 PGresult* Libpq::exec(const PGconn* conn, const char* statement, const char* call)
 {
+    const Answering answering;
     const std::lock_guard lock(m_mutex);
     record(call, statement);
     open(conn);
@@ -421,6 +438,11 @@ int PQisBusy(PGconn* /*conn*/)
 PGresult* PQgetResult(PGconn* conn)
 {
     return fake::current->nextResult(conn);
+}
+
+PGpipelineStatus PQpipelineStatus(const PGconn* /*conn*/)
+{
+    return PQ_PIPELINE_OFF;
 }
 
 PGTransactionStatusType PQtransactionStatus(const PGconn* /*conn*/)

@@ -47,6 +47,9 @@ Reply refused(const std::string& sqlState, const std::string& message = "ERROR: 
 /// A result of that status and nothing else.
 Reply status(ExecStatusType status);
 
+/// Whether this thread is inside a statement's sending: what that allocates is not the library's.
+bool answering();
+
 /// The script and the record of one test; at most one lives at a time.
 ///
 /// At its end the test fails when a reply or a notification was left over, one that was handed out was not freed or was

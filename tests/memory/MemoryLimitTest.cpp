@@ -1,0 +1,134 @@
+// Listings that do not fit into a process's memory. Each runs in a child process under a limit of its own.
+
+#include "support/DatabaseTest.h"
+#include "support/Show.h"
+
+#include <dal/PresenceService.h>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <exception>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using oryx::DatabaseResult;
+
+/// So many rows take libpq some 70 MiB, and the library's records as much again.
+constexpr const char* kManyRows = R"(
+    ALTER TABLE public_address RENAME TO few_public_addresses;
+    CREATE VIEW public_address AS SELECT i AS public_address_id, 'oryx.example' AS sip_domain, 'handle' || i AS handle,
+        'public' AS scope, 'oryx.example' AS admin_domain, i AS csid FROM generate_series(1, 400000) i;
+    ALTER TABLE proxy_configuration RENAME TO few_proxy_configurations;
+    CREATE VIEW proxy_configuration AS SELECT 'proxy' AS proxy_name, 'scope of the property' AS scope,
+        'name' || i AS property_name, 'value' || i AS property_value FROM generate_series(1, 400000) i;
+    GRANT SELECT ON public_address, proxy_configuration TO oryx_server;
+    INSERT INTO buddy_list (buddy_list_id, buddy_list_name) VALUES (1, 'friends');
+    INSERT INTO host_info (node_type) VALUES ('leaf');
+)";
+
+constexpr rlim_t kMebibyte = 1024UL * 1024;
+
+/// Leaves the process so much memory beside what it has.
+void leaveMemory(rlim_t mebibytes)
+{
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + mebibytes * kMebibyte;
+    const rlimit limits{limit, limit};
+    setrlimit(RLIMIT_AS, &limits);
+}
+
+/// What a function says in a child process with so much memory beside its parent's.
+std::string saidWithMemory(rlim_t mebibytes, const std::function<std::string()>& say)
+{
+    constexpr unsigned kPatienceSeconds = 60;
+    std::array<int, 2> pipe{};
+    EXPECT_EQ(::pipe(pipe.data()), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(kPatienceSeconds);
+        leaveMemory(mebibytes);
+        std::string said;
+        try {
+            said = say();
+        } catch (const std::exception& thrown) {
+            said = std::string("thrown: ") + thrown.what();
+        }
+        _exit(::write(pipe[1], said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 1);
+    }
+    ::close(pipe[1]);
+    std::string said(4096, '\0');
+    const ssize_t size = ::read(pipe[0], said.data(), said.size());
+    said.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    ::close(pipe[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? said : "ended by signal " + std::to_string(WTERMSIG(status));
+}
+
+/// The status, and the message as far as it tells what ran out: libpq says more, and behind it stands the statement.
+std::string gistOf(const DatabaseResult& result)
+{
+    DatabaseResult brief = result;
+    const std::string reason = "out of memory";
+    if (result.getErrorMessage().starts_with(reason)) {
+        brief.setErrorMessage(reason);
+    }
+    return oryx::show(brief) + "\n";
+}
+
+class MemoryLimit : public testing::TestWithParam<rlim_t> {
+protected:
+    MemoryLimit() { server::Session(m_database.name()).run(kManyRows); }
+
+    template <typename Service>
+    void connect(Service& service)
+    {
+        service.connect(m_database.uri().c_str(), server::kUser, server::kPassword);
+    }
+
+    server::Database m_database;
+};
+
+TEST_P(MemoryLimit, IsAQueryErrorOfTheEventServersListing)
+{
+    const std::string said = saidWithMemory(GetParam(), [this] {
+        oryx::PresenceService service;
+        connect(service);
+        std::vector<oryx::PublicAddressRecord> addresses(1);
+        std::string text = gistOf(service.getAllPublicAddresses(addresses, false));
+        text += std::to_string(addresses.size()) + "\n";
+        int id = 0;
+        text += gistOf(service.getListId("friends", &id));
+        return text + std::to_string(id);
+    });
+    EXPECT_EQ(said, "query error: out of memory\n1\nokay\n1");
+}
+
+TEST_P(MemoryLimit, IsAQueryErrorOfTheRegistrarsListing)
+{
+    const std::string said = saidWithMemory(GetParam(), [this] {
+        oryx::LocationService service;
+        connect(service);
+        std::vector<oryx::ProxyConfig> items(1, oryx::ProxyConfig("before", "before", "before"));
+        std::string text = gistOf(service.getProxyConfig("proxy", items));
+        text += oryx::show(items);
+        std::string type;
+        text += gistOf(service.getNodeType(type));
+        return text + type;
+    });
+    std::vector<oryx::ProxyConfig> items(1, oryx::ProxyConfig("before", "before", "before"));
+    EXPECT_EQ(said, "query error: out of memory\n" + oryx::show(items) + "okay\nleaf");
+}
+
+// With the least it is libpq whose memory runs out, with more the library.
+INSTANTIATE_TEST_SUITE_P(Mebibytes, MemoryLimit, testing::Values(24, 96), testing::PrintToStringParamName());
+
+} // namespace
