@@ -139,7 +139,7 @@ bool DatabaseConnection::connectBound()
 bool DatabaseConnection::tooLate()
 {
     if (!listens()) { // what a listener asks for is short and changes nothing
-        BoundSession::cancel(m_conn);
+        BoundSession::giveUp(Connection(std::exchange(m_conn, nullptr)));
     }
     return givenUp();
 }

@@ -7,8 +7,11 @@ readonly kBuildPackages=(
     postgresql
 )
 readonly kTestPackages=(
-    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm shellcheck valgrind
+    clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm pgbouncer shellcheck
+    valgrind
 )
+# What a cluster of deploy/cluster is made of, beside the server.
+readonly kClusterPackages=(curl etcd-server haproxy iproute2 patroni pgbouncer)
 
 logs=$PWD/build/logs
 
@@ -46,19 +49,32 @@ missing_packages() {
     done
 }
 
-install_packages() {
-    # Debian makes and starts a database cluster with the server's package. Nobody asked for one.
-    local no_cluster=/etc/postgresql-common/createcluster.d/oryx-dal.conf
+# What is in the way of the packages' own services goes with the subshell, also when interrupted.
+install_packages() (
+    # Debian makes and starts a database cluster with the server's package, and each pooler and member of a cluster as a
+    # service of this machine. Nobody asked for them.
+    no_cluster=/etc/postgresql-common/createcluster.d/oryx-dal.conf no_services=/usr/sbin/policy-rc.d made=()
+    trap 'as_root rm -f "${made[@]}"' EXIT
     if [[ ! -e /usr/bin/pg_createcluster ]]; then
+        made+=("$no_cluster")
         as_root mkdir -p "${no_cluster%/*}"
         as_root tee "$no_cluster" <<<'create_main_cluster = false'
     fi
-    local status=0
+    if [[ ! -e $no_services ]]; then
+        made+=("$no_services")
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$no_services"
+        as_root chmod 755 "$no_services"
+    fi
+    status=0
     as_root apt-get update &&
         as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@" || status=$?
-    as_root rm -f "$no_cluster"
-    return "$status"
-}
+    for service in etcd haproxy patroni pgbouncer; do
+        if [[ " $* " == *" $service"[-\ ]* && -d /run/systemd/system ]]; then
+            as_root systemctl disable --quiet "$service" || true
+        fi
+    done
+    exit "$status"
+)
 
 # Installs those of the packages that are not there.
 need_packages() {

@@ -5,9 +5,7 @@
 
 #include <libpq-fe.h>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -59,20 +57,15 @@ constexpr int kMostCancelRequests = 8;
 /// How long the server is given to answer each request to cancel, before the next.
 constexpr std::array kCancelWaits{10, 100, 1000};
 
-/// What a connection was doing when it was given up. It may be closed meanwhile.
+/// A connection that was given up while the server was at work for it. It is closed when the server has been asked to
+/// stop: a pooler passes no request on for a client that has said goodbye.
 class Abandoned {
 public:
-    explicit Abandoned(PGconn* connection)
-        : m_request(PQgetCancel(connection)), m_socket(fcntl(PQsocket(connection), F_DUPFD_CLOEXEC, 0))
+    explicit Abandoned(Connection connection)
+        : m_connection(std::move(connection)), m_request(PQgetCancel(m_connection.get()))
     {
     }
-    ~Abandoned()
-    {
-        PQfreeCancel(m_request);
-        if (m_socket >= 0) {
-            close(m_socket);
-        }
-    }
+    ~Abandoned() { PQfreeCancel(m_request); }
     Abandoned(const Abandoned&) = delete;
     Abandoned& operator=(const Abandoned&) = delete;
 
@@ -83,7 +76,7 @@ public:
         for (std::size_t asked = 0; m_request != nullptr && asked < kCancelWaits.size(); ++asked) {
             std::array<char, 256> ignored{};
             PQcancel(m_request, ignored.data(), ignored.size());
-            pollfd socket{m_socket, POLLIN, 0};
+            pollfd socket{PQsocket(m_connection.get()), POLLIN, 0};
             if (poll(&socket, 1, kCancelWaits.at(asked)) > 0) {
                 return;
             }
@@ -91,8 +84,8 @@ public:
     }
 
 private:
+    Connection m_connection;
     PGcancel* m_request;
-    int m_socket;
 };
 
 /// Holds off the program's signals, also from the threads that are started meanwhile.
@@ -390,7 +383,7 @@ bool BoundSession::next(PGconn* connection, Result& result)
     return true;
 }
 
-void BoundSession::cancel(PGconn* connection)
+void BoundSession::giveUp(Connection connection)
 {
     static std::atomic<int> underWay = 0;
     static std::atomic<unsigned> countedIn = generation();
@@ -404,7 +397,7 @@ void BoundSession::cancel(PGconn* connection)
     // Asking takes as long as the server is silent, so it goes its own way.
     try {
         const SignalsHeldOff heldOff;
-        std::thread([abandoned = std::make_unique<const Abandoned>(connection)] {
+        std::thread([abandoned = std::make_unique<const Abandoned>(std::move(connection))] {
             abandoned->cancel();
             --underWay;
         }).detach();

@@ -100,8 +100,8 @@ public:
     /// Waits for input; false when the deadline passes first, or with an interruption.
     bool awaitInput(PGconn* connection, const Deadline& deadline) const;
 
-    /// Asks the server, beside the connection, to stop what it is doing for it; waits for nothing.
-    static void cancel(PGconn* connection);
+    /// Asks the server, beside the connection, to stop what it is doing for it, and closes it then; waits for nothing.
+    static void giveUp(Connection connection);
 
 private:
     /// A command under way: one statement's preparation, or its execution.

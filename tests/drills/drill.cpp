@@ -5,6 +5,8 @@
 //     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
 //     drill burst NAME                                    100,000 notifications, and a line
 //     drill memory NAME                                   a listing that does not fit into memory, and a line
+//     drill pace refresh|lookup SERVICES SECONDS          how many a second
+//     drill stale SECONDS                                 what standbys show, at the hosts of ORYX_DRILL_STANDBYS
 //     drill heading                                       the table's first line
 //
 // A folder holds a drill's journals ("journal/"), the moments of its faults ("marks"), and what the database held in
@@ -18,10 +20,13 @@
 #include "drills/Load.h"
 #include "drills/Memory.h"
 #include "drills/Network.h"
+#include "drills/Pace.h"
+#include "drills/Stale.h"
 #include "drills/Table.h"
 #include "support/Server.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -103,6 +108,13 @@ bool run(const std::vector<std::string>& arguments)
         line.name = argument(1);
         std::fputs(show(line).c_str(), stdout);
         return line.verdict.wrong() == 0;
+    } else if (what == "pace") {
+        const std::chrono::seconds time(std::stoi(argument(3)));
+        std::puts(measurePace(Account(), argument(1), std::stoi(argument(2)), time).c_str());
+    } else if (what == "stale") {
+        Account standbys;
+        standbys.uri = "postgresql://" + Account::variable("ORYX_DRILL_STANDBYS") + "/oryx";
+        std::puts(measureStaleReads(Account(), standbys, std::chrono::seconds(std::stoi(argument(1)))).c_str());
     } else if (what == "heading") {
         std::fputs(heading().c_str(), stdout);
     } else {
