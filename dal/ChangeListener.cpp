@@ -86,7 +86,7 @@ void ChangeListener::listen(const Callback& callback)
     ChangeSet changes;
     while (unlessOutOfMemory([&] { return hear(connection, changes); }, [this] { return tellOutOfMemory(); })) {
         callback(changes); // what it throws is the caller's
-        m_position = std::move(changes.position);
+        m_position.swap(changes.position);
     }
 }
 
