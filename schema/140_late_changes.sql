@@ -67,8 +67,8 @@ CREATE TABLE sending (
 ) WITH (fillfactor = 50);
 
 -- What the servers write there in place of a number that is not above the kept one. A repetition changes nothing, as its
--- whole transaction ends here; its server knows what the error means. Were it a trigger, it would have every change lock
--- the row first (scripts/with-server bench/schema/measure sendings).
+-- whole transaction ends here; its server knows what the error means. A trigger that refuses it would have every change
+-- look the row up once more.
 CREATE FUNCTION sending_has_taken_effect(kept_answer text) RETURNS bigint LANGUAGE plpgsql AS $$
 BEGIN
     IF kept_answer IS NULL THEN
@@ -89,19 +89,25 @@ END
 $$;
 CREATE TRIGGER forget_ended AFTER INSERT ON sending FOR EACH ROW EXECUTE FUNCTION sending_forget_ended();
 
--- Where the reservation says which change it is, what it gives is kept for its repetition.
+-- Where a reservation is said to be such a change, by session and number in the setting, it keeps them by itself, with
+-- what it gives. A repetition that comes while the first sending is under way waits for its end here.
 CREATE OR REPLACE FUNCTION reserve_one_available_conf_ext_randomly() RETURNS text LANGUAGE plpgsql AS $$
 DECLARE
-    of_session CONSTANT text := current_setting('oryx.sending', true);
+    token CONSTANT text := current_setting('oryx.sending', true);
     reserved text;
 BEGIN
     SELECT extension INTO reserved FROM conf_state
         WHERE conf_status = 'IDLE' ORDER BY random() LIMIT 1 FOR UPDATE SKIP LOCKED;
+    IF token <> '' THEN
+        INSERT INTO sending AS kept (session, number, answer)
+            VALUES (split_part(token, '.', 1)::uuid, split_part(token, '.', 2)::bigint, coalesce(reserved, ''))
+            ON CONFLICT (session) DO UPDATE
+                SET number = CASE WHEN kept.number < excluded.number THEN excluded.number
+                                  ELSE sending_has_taken_effect(kept.answer) END,
+                    answer = excluded.answer, sent_at = now();
+    END IF;
     UPDATE conf_state SET conf_status = 'IN USE', start_time = floor(extract(epoch FROM clock_timestamp()))
         WHERE extension = reserved;
-    IF of_session <> '' THEN
-        UPDATE sending SET answer = coalesce(reserved, '') WHERE session = of_session::uuid;
-    END IF;
     RETURN reserved;
 END
 $$;
@@ -109,7 +115,7 @@ $$;
 -- Rights -----------------------------------------------------------------------------------------------------------
 
 -- What the statement of a server's change needs, and the reservation.
-GRANT INSERT (session, number), UPDATE (number, answer, sent_at), SELECT (session, number, answer) ON sending TO oryx_server;
+GRANT INSERT (session, number, answer), UPDATE (number, answer, sent_at), SELECT (session, number, answer) ON sending TO oryx_server;
 GRANT EXECUTE ON FUNCTION sending_has_taken_effect(text) TO oryx_server;
 
 RESET ROLE;

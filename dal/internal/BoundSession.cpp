@@ -71,10 +71,10 @@ Statement sayNumber(const std::string& name, std::uint64_t number)
         name, number);
 }
 
-/// Has a function find the session that its answer is to be kept for.
-void tellFunction(Statement& saying)
+/// Says it to the function that follows, which keeps its answer too.
+Statement tellNumber(const std::string& name, std::uint64_t number)
 {
-    saying.append(" RETURNING set_config('oryx.sending', session::text, true)");
+    return sql("SELECT set_config('oryx.sending', '{}.{}', true)", name, number);
 }
 
 /// What a change is answered that has taken effect before: the schema says in its refusal what was kept.
@@ -363,10 +363,7 @@ bool BoundSession::queue(PGconn* connection, std::span<const Statement> statemen
 
 bool BoundSession::queueNumber(PGconn* connection, bool answerKept)
 {
-    Statement saying = sayNumber(m_name, m_number);
-    if (answerKept) {
-        tellFunction(saying);
-    }
+    const Statement saying = answerKept ? tellNumber(m_name, m_number) : sayNumber(m_name, m_number);
     m_saying = &bound(saying);
     return queue(connection, saying);
 }

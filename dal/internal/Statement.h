@@ -149,7 +149,7 @@ public:
     }
     Statement&& once() && { return std::move(once()); }
     ///@}
-    /// The same, of a call of a function whose answer the schema keeps for its repetition.
+    /// The same, of a call of a function that keeps by itself which change it is, and its answer for the repetition.
     Statement&& onceAnswered() &&
     {
         m_answerKept = true;

@@ -441,7 +441,7 @@ protected:
             "INSERT INTO sending AS kept (session, number) VALUES ('" + session + "', " + std::to_string(number) +
             ") ON CONFLICT (session) DO UPDATE SET number = CASE WHEN kept.number < excluded.number"
             " THEN excluded.number ELSE sending_has_taken_effect(kept.answer) END, answer = NULL, sent_at = now()"
-            " RETURNING set_config('oryx.sending', session::text, true);" +
+            ";" +
             statement));
     }
     std::string bindingsStored() { return rows("SELECT address FROM contact ORDER BY 1"); }
@@ -483,16 +483,26 @@ TEST_F(Sending, ThatIsRolledBackIsForgotten)
 
 TEST_F(Sending, OfAReservationKeepsItsAnswerUntilTheNext)
 {
-    const std::string reserve = "SELECT reserve_one_available_conf_ext_randomly()";
+    const auto reserve = [this](int number) {
+        const std::string token = m_one + "." + std::to_string(number);
+        return outcome(m_executor.execute("SELECT set_config('oryx.sending', '" + token +
+                                          "', true); SELECT reserve_one_available_conf_ext_randomly()"));
+    };
     const auto kept = [this] { return rows("SELECT number, answer FROM sending"); };
-    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
-    EXPECT_EQ(send(m_one, 1, reserve), "okay");
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0), ('701', 'DISABLED', 0)");
+    EXPECT_EQ(reserve(1), "okay");
     EXPECT_EQ(kept(), "1|700\n");
-    EXPECT_EQ(send(m_one, 1, reserve), m_refused);
+    sql("UPDATE conf_state SET conf_status = 'IDLE'");
+    EXPECT_EQ(reserve(1), m_refused);
+    EXPECT_EQ(rows("SELECT DISTINCT conf_status FROM conf_state"), "IDLE\n");
+    EXPECT_EQ(outcome(m_executor.execute("SELECT reserve_one_available_conf_ext_randomly()")), "okay"); // not said
+    EXPECT_EQ(kept(), "1|700\n");
     EXPECT_EQ(send(m_one, 2, m_add), "okay");
     EXPECT_EQ(kept(), "2|NULL\n");
-    EXPECT_EQ(outcome(m_executor.execute(reserve)), "okay"); // which one it is nobody says
-    EXPECT_EQ(kept(), "2|NULL\n");
+    EXPECT_EQ(reserve(2), m_refused);
+    sql("UPDATE conf_state SET conf_status = 'IN USE'");
+    EXPECT_EQ(reserve(3), "okay");
+    EXPECT_EQ(kept(), "3|\n");
 }
 
 TEST_F(Sending, IsKeptFromEverybodyElse)
