@@ -14,6 +14,7 @@
 #include <csignal>
 #include <exception>
 #include <functional>
+#include <new>
 #include <string_view>
 #include <thread>
 
@@ -24,6 +25,8 @@ namespace {
 constexpr std::string_view kNoSuchStatement = "26000"; // the server, or a pooler before it, has forgotten it
 constexpr std::string_view kPlanOutdated = "0A000";    // a migration changed what the statement returns
 constexpr std::string_view kAlreadyPrepared = "42P05"; // by whom a pooler gave this server connection to before
+constexpr std::string_view kNoSuchTable = "42P01";
+constexpr std::string_view kDoneBefore = "OX001"; // the schema's own: a change of this number has taken effect
 
 std::string_view sqlState(const PGresult* result)
 {
@@ -51,6 +54,42 @@ bool copies(const PGresult* result)
 bool takeEffectOnce(std::span<const Statement> statements)
 {
     return std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::takesEffectOnce));
+}
+
+bool answerKept(std::span<const Statement> statements)
+{
+    return std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::answerKept));
+}
+
+/// Says which change follows in the same transaction: refused, with all of that, if it has taken effect before.
+Statement sayNumber(const std::string& name, std::uint64_t number)
+{
+    return sql(
+        "INSERT INTO sending AS kept (session, number) VALUES ('{}', {}) ON CONFLICT (session) DO UPDATE SET number = CASE WHEN kept.number < excluded.number THEN excluded.number ELSE sending_has_taken_effect(kept.answer) END, answer = NULL, sent_at = now()",
+        name, number);
+}
+
+/// Says it to the function that follows, which keeps its answer too.
+Statement tellNumber(const std::string& name, std::uint64_t number)
+{
+    return sql("SELECT set_config('oryx.sending', '{}.{}', true)", name, number);
+}
+
+/// What a change is answered that has taken effect before: the schema says in its refusal what was kept.
+Result answerOfFirst(PGconn* connection, const PGresult* refusal)
+{
+    const char* const kept = PQresultErrorField(refusal, PG_DIAG_MESSAGE_DETAIL);
+    std::string value = kept != nullptr ? kept : "";
+    std::array name{'a', 'n', 's', 'w', 'e', 'r', '\0'};
+    PGresAttDesc column{};
+    column.name = name.data();
+    Result answer(PQmakeEmptyPGresult(connection, PGRES_TUPLES_OK));
+    const bool row = kept == nullptr || !value.empty();
+    if (!answer || PQsetResultAttrs(answer.get(), 1, &column) == 0 ||
+        (row && PQsetvalue(answer.get(), 0, 0, value.data(), static_cast<int>(value.size())) == 0)) {
+        throw std::bad_alloc();
+    }
+    return answer;
 }
 
 constexpr int kMostCancelRequests = 8;
@@ -186,6 +225,7 @@ Connection BoundSession::connect(const std::string& connectionString)
 {
     m_prepared.clear();
     m_outdated = false;
+    m_says = true;
     if (m_duration.count() == 0) {
         return Connection(PQconnectdb(connectionString.c_str())); // minds PGCONNECT_TIMEOUT, which polling does not
     }
@@ -214,15 +254,54 @@ void BoundSession::number(std::span<const Statement> statements)
         return;
     }
     if (m_name.empty() || m_generation != generation()) { // a parent goes on counting under its name
-        const std::optional<std::string> name = randomText(16);
-        m_name = name ? *name + "." : "";
+        nameAnew();
+    }
+    ++m_number;
+    m_lost = false;
+}
+
+void BoundSession::nameAnew()
+{
+    m_name = randomText(16).value_or("");
         m_generation = generation();
         m_number = 0;
-    }
-    m_sending = m_name.empty() ? "" : m_name + std::to_string(++m_number);
+}
+
+/// Inside a caller's transaction nothing says so: with the connection the whole of it is lost.
+bool BoundSession::saysNumber(const PGconn* connection, std::span<const Statement> statements) const
+{
+    return m_says && !m_name.empty() && takeEffectOnce(statements) && PQtransactionStatus(connection) == PQTRANS_IDLE;
 }
 
 Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements)
+{
+    m_saysNow = saysNumber(connection, statements);
+    Sent sent = m_saysNow ? sendNumbered(connection, statements) : sendPrepared(connection, statements);
+    m_lost = m_saysNow && sent.outcome == Sent::Outcome::lost;
+    return sent;
+}
+
+Sent BoundSession::sendNumbered(PGconn* connection, std::span<const Statement> statements)
+{
+    Sent sent = sendPrepared(connection, statements);
+    const std::string_view state = sqlState(sent.result.get());
+    if (state == kDoneBefore && m_lost) {
+        return {Sent::Outcome::answered, answerOfFirst(connection, sent.result.get()), &bound(statements.back())};
+    }
+    if (state == kDoneBefore) { // another goes by this name, such as the original of a copied machine
+        nameAnew();
+        ++m_number;
+        m_saysNow = !m_name.empty();
+    } else if (state == kNoSuchTable && sent.text == m_saying) {
+        m_says = m_saysNow = false; // a schema that does not know repetitions
+    } else {
+        return sent;
+    }
+    return sendPrepared(connection, statements);
+}
+
+/// Sends statements, and once more if the connection has them prepared otherwise than they are.
+Sent BoundSession::sendPrepared(PGconn* connection, std::span<const Statement> statements)
 {
     Sent sent = sendOnce(connection, statements);
     const std::string_view state = sqlState(sent.result.get());
@@ -267,13 +346,19 @@ Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> state
 
 bool BoundSession::queue(PGconn* connection, std::span<const Statement> statements)
 {
-    // Before the statements, which are in one transaction with it. A schema that does not know of it pays no heed.
-    if (!m_sending.empty() && takeEffectOnce(statements) &&
-        !queue(connection, sql("SELECT set_config('oryx.sending','{}',true);", m_sending))) {
+    // Before the statements, which are in one transaction with it.
+    if (m_saysNow && !queueNumber(connection, answerKept(statements))) {
         return false;
     }
     return std::all_of(statements.begin(), statements.end(),
                        [&](const Statement& statement) { return queue(connection, statement); });
+}
+
+bool BoundSession::queueNumber(PGconn* connection, bool answerKept)
+{
+    const Statement saying = answerKept ? tellNumber(m_name, m_number) : sayNumber(m_name, m_number);
+    m_saying = &bound(saying);
+    return queue(connection, saying);
 }
 
 bool BoundSession::queue(PGconn* connection, const Statement& statement)

@@ -87,7 +87,9 @@ public:
     /// number.
     void number(std::span<const Statement> statements);
     /// Sends statements; those that the connection does not know yet are prepared on the way. Ones that were numbered
-    /// are sent with that number, for the schema to know again.
+    /// say that number, for the schema to know them again. Sent once more after they were lost, they change nothing if
+    /// they have taken effect: the result is then one row, of what the function gave whose answer the schema keeps
+    /// (without such an answer, no row), or of nothing.
     Sent send(PGconn* connection, std::span<const Statement> statements);
     /// Sends a text of one or more statements as it stands.
     Sent send(PGconn* connection, const std::string& text);
@@ -111,8 +113,13 @@ private:
     };
 
     const BoundText& bound(const Statement& statement);
+    bool saysNumber(const PGconn* connection, std::span<const Statement> statements) const;
+    void nameAnew();
+    Sent sendNumbered(PGconn* connection, std::span<const Statement> statements);
+    Sent sendPrepared(PGconn* connection, std::span<const Statement> statements);
     Sent sendOnce(PGconn* connection, std::span<const Statement> statements);
     bool queue(PGconn* connection, std::span<const Statement> statements);
+    bool queueNumber(PGconn* connection, bool answerKept);
     bool queue(PGconn* connection, const Statement& statement);
     Sent collect(PGconn* connection);
     void keep(Result&& result, const Command& command, Sent& sent);
@@ -128,10 +135,13 @@ private:
     std::unordered_map<std::string, BoundText> m_texts; // by key; as many as the library has statements
     std::unordered_set<std::string_view> m_prepared;    // names that the present connection knows, or soon will
     bool m_outdated = false;                            // what is prepared must be forgotten
-    std::string m_name;        // which no other session has, with a dot; empty without random numbers
+    std::string m_name;                                 // which no other session has; empty without random numbers
     unsigned m_generation = 0; // of the process that it was given in
-    std::uint64_t m_number = 0;
-    std::string m_sending; // name and number
+    std::uint64_t m_number = 0;                         // of the latest change
+    bool m_says = true;                                 // which change it is: the present database keeps that
+    bool m_saysNow = false;                             // what is under way does
+    const BoundText* m_saying = nullptr;                // that statement
+    bool m_lost = false;                                // what is under way was sent before, and may have taken effect
     // Kept from statement to statement, so that they allocate nothing.
     std::string m_key;
     std::vector<Command> m_commands;

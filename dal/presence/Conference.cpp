@@ -137,12 +137,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::addConfExtState(const ConfExtRec
         columns.add("conf_status", record.conf_status());
         columns.addExplicit("start_time", record.start_time());
         QueryResult result;
-        DatabaseResult outcome = executeSqlCommand(
-            *m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)).once(), result);
-        if (m_frame->bound() && outcome.notFound()) {
-            outcome.setOkay(); // it was sent again, and adds nothing to what the first sending did
-        }
-        return outcome;
+        return executeSqlCommand(*m_frame, insertion("INSERT INTO conf_state {} VALUES{};", std::move(columns)).once(),
+                                 result);
     });
 }
 
@@ -215,7 +211,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUs
         DatabaseResult outcome = executeSqlCommand(
             *m_frame,
             sql("select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;")
-                .once(),
+                .onceAnswered(),
             result);
         if (outcome.okay()) {
             if (result.rows() > 0) {

@@ -378,6 +378,29 @@ TEST_F(Repetition, IsFollowedByChangesThatTakeEffect)
     EXPECT_EQ(rows("SELECT number FROM sending"), plainOrBound("", "4\n"));
 }
 
+TEST_F(Repetition, IsKnownAgainByANewNameWhereTheOldOneIsUsed)
+{
+    EXPECT_EQ(m_server.add(1), "okay");
+    sql("UPDATE sending SET number = 1000");
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), "");
+    overtake([this] { EXPECT_EQ(m_other.add(3), "okay"); });
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), plainOrBound("", row(3)));
+}
+
+TEST_F(Repetition, IsKnownAgainOnConnectionsAfterTheSchemasUpgrade)
+{
+    sql("ALTER TABLE sending RENAME TO away");
+    EXPECT_EQ(m_server.add(1), "okay");
+    sql("ALTER TABLE away RENAME TO sending");
+    m_proxy.hangUp();
+    EXPECT_EQ(m_server.remove(), "okay");
+    overtake([this] { EXPECT_EQ(m_other.add(3), "okay"); });
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), plainOrBound("", row(3)));
+}
+
 TEST_F(Repetition, IsCountedOnce)
 {
     loseAnswer();
@@ -391,8 +414,10 @@ TEST_F(Repetition, IsCountedOnce)
 
 TEST_F(Repetition, IsRememberedForADayAtLeast)
 {
-    sql("INSERT INTO sending VALUES ('00000000-0000-0000-0000-000000000001', 1, NULL, now() - interval '25 hours'),"
-        " ('00000000-0000-0000-0000-000000000002', 1, NULL, now() - interval '23 hours')");
+    const std::string session = "00000000-0000-0000-0000-00000000000";
+    sql("INSERT INTO sending VALUES ('" + session + "1', 1), ('" + session + "2', 1)");
+    sql("UPDATE sending SET sent_at = now() - CASE WHEN right(session::text, 1) = '1' THEN interval '25 hours'"
+        " ELSE interval '23 hours' END");
     EXPECT_EQ(m_server.add(1), "okay");
     EXPECT_EQ(rows("SELECT right(session::text, 1) FROM sending WHERE session::text LIKE '00000000-0000-%' ORDER BY 1"),
               plainOrBound("1\n2\n", "2\n"));
@@ -400,7 +425,7 @@ TEST_F(Repetition, IsRememberedForADayAtLeast)
 
 namespace {
 
-/// What the schema does with the settings that a server sends, whatever its way.
+/// What the schema does with the numbers that a server sends, whatever its way.
 class Sending : public ExecutorTest {
 protected:
     void SetUp() override
@@ -412,8 +437,12 @@ protected:
     /// A statement as the servers run it, as that change of the session.
     std::string send(const std::string& session, int number, const std::string& statement)
     {
-        const std::string token = session + "." + std::to_string(number);
-        return outcome(m_executor.execute("SELECT set_config('oryx.sending', '" + token + "', true);" + statement));
+        return outcome(m_executor.execute(
+            "INSERT INTO sending AS kept (session, number) VALUES ('" + session + "', " + std::to_string(number) +
+            ") ON CONFLICT (session) DO UPDATE SET number = CASE WHEN kept.number < excluded.number"
+            " THEN excluded.number ELSE sending_has_taken_effect(kept.answer) END, answer = NULL, sent_at = now()"
+            ";" +
+            statement));
     }
     std::string bindingsStored() { return rows("SELECT address FROM contact ORDER BY 1"); }
 
@@ -421,14 +450,16 @@ protected:
     const std::string m_two = "fedcba9876543210fedcba9876543210";
     const std::string m_add = "INSERT INTO contact (csid, address) VALUES (12, 'sip:a')";
     const std::string m_remove = "DELETE FROM contact WHERE address = 'sip:a'";
+    const std::string m_refused = "query error: [OX001] ERROR:  this change has taken effect before";
 };
 
 } // namespace
 
-TEST_F(Sending, ThatComesAfterALaterOneOfItsSessionChangesNothing)
+TEST_F(Sending, ThatComesAgainOrAfterALaterOneOfItsSessionChangesNothing)
 {
     EXPECT_EQ(send(m_one, 7, m_add), "okay");
-    EXPECT_EQ(send(m_one, 6, m_remove), "okay"); // its server has given it up
+    EXPECT_EQ(send(m_one, 7, m_remove), m_refused);
+    EXPECT_EQ(send(m_one, 6, m_remove), m_refused); // its server has given it up
     EXPECT_EQ(bindingsStored(), "sip:a\n");
     EXPECT_EQ(send(m_one, 8, m_remove), "okay");
     EXPECT_EQ(bindingsStored(), "");
@@ -450,28 +481,47 @@ TEST_F(Sending, ThatIsRolledBackIsForgotten)
     EXPECT_EQ(bindingsStored(), "sip:a\n");
 }
 
+TEST_F(Sending, OfAReservationKeepsItsAnswerUntilTheNext)
+{
+    const auto reserve = [this](int number) {
+        const std::string token = m_one + "." + std::to_string(number);
+        return outcome(m_executor.execute("SELECT set_config('oryx.sending', '" + token +
+                                          "', true); SELECT reserve_one_available_conf_ext_randomly()"));
+    };
+    const auto kept = [this] { return rows("SELECT number, answer FROM sending"); };
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0), ('701', 'DISABLED', 0)");
+    EXPECT_EQ(reserve(1), "okay");
+    EXPECT_EQ(kept(), "1|700\n");
+    sql("UPDATE conf_state SET conf_status = 'IDLE'");
+    EXPECT_EQ(reserve(1), m_refused);
+    EXPECT_EQ(rows("SELECT DISTINCT conf_status FROM conf_state"), "IDLE\n");
+    EXPECT_EQ(outcome(m_executor.execute("SELECT reserve_one_available_conf_ext_randomly()")), "okay"); // not said
+    EXPECT_EQ(kept(), "1|700\n");
+    EXPECT_EQ(send(m_one, 2, m_add), "okay");
+    EXPECT_EQ(kept(), "2|NULL\n");
+    EXPECT_EQ(reserve(2), m_refused);
+    sql("UPDATE conf_state SET conf_status = 'IN USE'");
+    EXPECT_EQ(reserve(3), "okay");
+    EXPECT_EQ(kept(), "3|\n");
+}
+
 TEST_F(Sending, IsKeptFromEverybodyElse)
 {
-    const auto denied = [](const std::string& what) {
-        return "query error: [42501] ERROR:  permission denied for " + what;
-    };
+    const std::string denied = "query error: [42501] ERROR:  permission denied for table sending";
     EXPECT_EQ(send(m_one, 7, m_add), "okay");
-    for (const std::string statement : {"SELECT * FROM sending", "INSERT INTO sending VALUES (gen_random_uuid(), 9)",
-                                        "UPDATE sending SET number = 9", "DELETE FROM sending", "TRUNCATE sending"}) {
-        EXPECT_EQ(outcome(m_executor.execute(statement)), denied("table sending")) << statement;
+    for (const std::string statement : {"SELECT sent_at FROM sending", "UPDATE sending SET session = gen_random_uuid()",
+                                        "DELETE FROM sending", "TRUNCATE sending"}) {
+        EXPECT_EQ(outcome(m_executor.execute(statement)), denied) << statement;
     }
-    const auto asReader = [this](const std::string& statement) {
-        return m_session.ask("SELECT $1::text", "").sqlState + m_session.ask(statement, "").sqlState;
-    };
     sql("SET ROLE oryx_reader");
-    EXPECT_EQ(asReader("SELECT $1::text FROM sending"), "42501");
-    EXPECT_EQ(asReader("SELECT answer_sending($1)"), "42501");
+    EXPECT_EQ(m_session.ask("SELECT $1::text", "").sqlState + m_session.ask("SELECT $1 FROM sending", "").sqlState,
+              "42501");
     sql("RESET ROLE");
 }
 
 TEST_F(Sending, IsPassedOverByASchemaThatDoesNotKnowOfIt)
 {
-    sql("DROP TABLE sending; DROP FUNCTION answer_sending, keep_sending, change_nothing, conf_state_as_it_is CASCADE;"
+    sql("DROP TABLE sending; DROP FUNCTION sending_has_taken_effect, sending_forget_ended;"
         "CREATE OR REPLACE FUNCTION reserve_one_available_conf_ext_randomly() RETURNS text LANGUAGE sql AS"
         " $$ UPDATE conf_state SET conf_status = 'IN USE' RETURNING extension $$;"
         "INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
@@ -479,4 +529,17 @@ TEST_F(Sending, IsPassedOverByASchemaThatDoesNotKnowOfIt)
     servers.connect(m_database.uri());
     EXPECT_EQ(servers.add(1) + servers.remove() + servers.insertOne(1) + servers.removeOne(), "okayokay00");
     EXPECT_EQ(servers.reserve() + servers.release("700", 0) + servers.addExtension("701"), "okay 700okayokay");
+    EXPECT_EQ(servers.registry.getStatistics().refusals, 0U);
+}
+
+TEST_F(Sending, IsNotSaidInsideACallersTransaction)
+{
+    Servers servers;
+    servers.connect(m_database.uri());
+    sql("ALTER TABLE sending RENAME TO away"); // or one that does not know of it would end here
+    EXPECT_EQ(outcome(servers.registry.execute("BEGIN")), "okay");
+    EXPECT_EQ(servers.insertOne(1) + servers.removeOne() + servers.addOne(2), "000");
+    EXPECT_EQ(outcome(servers.registry.execute("COMMIT")), "okay");
+    EXPECT_EQ(bindingsStored(), kA + "\n");
+    EXPECT_EQ(rows("SELECT count(*) FROM away"), "0\n");
 }
