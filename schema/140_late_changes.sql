@@ -10,6 +10,8 @@ SET LOCAL ROLE oryx_owner;
 -- must not have its way. What an older one has written is taken back before anybody sees it. A trigger before the
 -- update could refuse it, but would have every refresh lock its row first, which writes 1.3 times the log; a rule could
 -- too, but allows no INSERT ... ON CONFLICT (scripts/with-server bench/schema/measure fences).
+-- A binding that has expired is none, though not yet swept: a phone that has lost its state begins anew. Without a
+-- Call-ID nothing says that the two belong together, and below 0 is no CSeq.
 CREATE FUNCTION contact_keep_newer() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     UPDATE public.contact
@@ -22,9 +24,12 @@ BEGIN
 END
 $$;
 CREATE TRIGGER keep_newer AFTER UPDATE ON contact
-    FOR EACH ROW WHEN (NEW.call_id = OLD.call_id AND NEW.cseq < OLD.cseq) EXECUTE FUNCTION contact_keep_newer();
+    FOR EACH ROW WHEN (NEW.call_id = OLD.call_id AND NEW.cseq < OLD.cseq AND NEW.cseq >= 0 AND NEW.call_id <> ''
+                       AND (OLD.permanent OR OLD.expires IS NULL OR OLD.expires >= extract(epoch FROM now())))
+    EXECUTE FUNCTION contact_keep_newer();
 
--- The same within a dialog, where each side counts its own requests (RFC 3261 section 12.2). Below 0 is no CSeq.
+-- The same within a dialog, where each side counts its own requests (RFC 3261 section 12.2). What is taken back may be
+-- older by the other side's count, and stays taken back.
 CREATE FUNCTION subscription_states_keep_newer() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     UPDATE public.subscription_states
@@ -36,7 +41,8 @@ BEGIN
 END
 $$;
 CREATE TRIGGER keep_newer AFTER UPDATE ON subscription_states
-    FOR EACH ROW WHEN (NEW.subcseq >= 0 AND NEW.subcseq < OLD.subcseq OR NEW.notcseq >= 0 AND NEW.notcseq < OLD.notcseq)
+    FOR EACH ROW WHEN (pg_trigger_depth() = 0 AND (NEW.subcseq >= 0 AND NEW.subcseq < OLD.subcseq
+                                                   OR NEW.notcseq >= 0 AND NEW.notcseq < OLD.notcseq))
     EXECUTE FUNCTION subscription_states_keep_newer();
 
 CREATE FUNCTION change_nothing() RETURNS trigger LANGUAGE plpgsql AS $$
@@ -46,10 +52,11 @@ END
 $$;
 
 -- An extension that was released, and has been reserved since, is not released by the same release once more. A server
--- may leave the time out (0). Beyond 2^31 a change writes it as a negative number.
+-- may leave the time out (0). Beyond 2^31 a change writes it as a negative number. A second is nobody's fault: the time
+-- that time() gives lags by up to a tick of the kernel, and so by a second where one has just begun.
 CREATE TRIGGER keep_newer BEFORE UPDATE ON conf_state
-    FOR EACH ROW WHEN (OLD.conf_status = 'IN USE' AND NEW.conf_status <> 'IN USE' AND NEW.start_time <> 0
-                       AND (NEW.start_time & 4294967295) < (OLD.start_time & 4294967295))
+    FOR EACH ROW WHEN (OLD.conf_status = 'IN USE' AND upper(NEW.conf_status) <> 'IN USE' AND NEW.start_time <> 0
+                       AND (NEW.start_time & 4294967295) < (OLD.start_time & 4294967295) - 1)
     EXECUTE FUNCTION change_nothing();
 
 -- Repetitions ------------------------------------------------------------------------------------------------------
