@@ -263,8 +263,8 @@ void BoundSession::number(std::span<const Statement> statements)
 void BoundSession::nameAnew()
 {
     m_name = randomText(16).value_or("");
-        m_generation = generation();
-        m_number = 0;
+    m_generation = generation();
+    m_number = 0;
 }
 
 /// Inside a caller's transaction nothing says so: with the connection the whole of it is lost.

@@ -136,7 +136,7 @@ private:
     std::unordered_set<std::string_view> m_prepared;    // names that the present connection knows, or soon will
     bool m_outdated = false;                            // what is prepared must be forgotten
     std::string m_name;                                 // which no other session has; empty without random numbers
-    unsigned m_generation = 0; // of the process that it was given in
+    unsigned m_generation = 0;                          // of the process that it was given in
     std::uint64_t m_number = 0;                         // of the latest change
     bool m_says = true;                                 // which change it is: the present database keeps that
     bool m_saysNow = false;                             // what is under way does
