@@ -26,7 +26,7 @@ DatabaseResult findKey(DatabaseCommandExecutor& executor, zel::Trace& trace, con
 {
     key = -1;
     PublicAddressRecord address;
-    DatabaseResult result = executor.lookupPublicAddress(handle, domain, address);
+    DatabaseResult result = findPublicAddress(executor, handle, domain, address);
     if (result.okay()) {
         key = address.public_address_id();
         trace.prn("public address found, key=%d", key);

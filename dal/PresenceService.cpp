@@ -368,7 +368,7 @@ DatabaseResult PresenceService::getPublicAddressKey(const char* handle, const ch
             stringLower(handle, lowerHandle);
             stringLower(domain, lowerDomain);
             PublicAddressRecord address;
-            DatabaseResult result = m_exec->lookupPublicAddress(lowerHandle.c_str(), lowerDomain.c_str(), address);
+            DatabaseResult result = findPublicAddress(*m_exec, lowerHandle.c_str(), lowerDomain.c_str(), address);
             if (result.okay()) {
                 key = address.public_address_id();
                 csid = address.csid();

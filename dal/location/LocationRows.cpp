@@ -107,17 +107,6 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
     return outcome;
 }
 
-void readPublicAddress(const Row& row, PublicAddressRecord& rec)
-{
-    fillAllOrNone(rec, [&](PublicAddressRecord& filled) {
-        filled.setHandle(row.text(0));
-        filled.setDomain(row.text(1));
-        filled.setCsid(row.integer(2, filled.csid()));
-        filled.setScope(row.text(3));
-        filled.setPublicAddressId(row.integer(4, filled.public_address_id()));
-    });
-}
-
 Statement addressMapQuery()
 {
     return sql(

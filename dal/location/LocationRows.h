@@ -31,8 +31,14 @@ struct ContactQuery {
 DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query, zel::Trace& trace,
                             std::string& ordering, bool& replaceUri, std::vector<ContactRecord>& contacts);
 
-/// Fills a record from a row of an address of record: handle, sip_domain, csid, scope, public_address_id.
-void readPublicAddress(const Row& row, PublicAddressRecord& rec);
+///@{
+/// That executor's `lookupPublicAddress`, inside an operation that looks up for itself: a record that is not filled
+/// whole when memory runs out is nobody's.
+DatabaseResult findPublicAddress(DatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec);
+DatabaseResult findPublicAddress(PresenceDatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec);
+///@}
 
 /// Every address map with its contact set, in the order of priority.
 Statement addressMapQuery();

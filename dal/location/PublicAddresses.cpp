@@ -77,25 +77,42 @@ DatabaseResult DatabaseCommandExecutor::lookupPublicAddress(const char* handle, 
                                                             PublicAddressRecord& rec)
 {
     return m_frame->guarded([&] {
-        if (!m_frame->checkConnect()) {
-            return m_frame->connectionError();
-        }
-        if (!m_frame->require(handle != nullptr && domain != nullptr, "invalid parameters")) {
-            return m_frame->queryError();
-        }
-        QueryResult result;
-        DatabaseResult outcome = m_frame->runForResult(
-            sql("SELECT handle, sip_domain, csid, scope, public_address_id FROM public_address WHERE  handle='{}' AND sip_domain='{}';",
-                handle, domain),
-            result);
-        if (outcome.okay() && result.rows() == 0) {
-            outcome.setNotFound();
-        }
+        PublicAddressRecord found = rec; // where memory runs out, the caller's is what it was
+        DatabaseResult outcome = findPublicAddress(*this, handle, domain, found);
         if (outcome.okay()) {
-            readPublicAddress(Row(result, 0), rec);
+            rec = std::move(found);
         }
         return outcome;
     });
+}
+
+DatabaseResult findPublicAddress(DatabaseCommandExecutor& executor, const char* handle, const char* domain,
+                                 PublicAddressRecord& rec)
+{
+    Frame& frame = frameOf(executor);
+    if (!frame.checkConnect()) {
+        return frame.connectionError();
+    }
+    if (!frame.require(handle != nullptr && domain != nullptr, "invalid parameters")) {
+        return frame.queryError();
+    }
+    QueryResult result;
+    DatabaseResult outcome = frame.runForResult(
+        sql("SELECT handle, sip_domain, csid, scope, public_address_id FROM public_address WHERE  handle='{}' AND sip_domain='{}';",
+            handle, domain),
+        result);
+    if (outcome.okay() && result.rows() == 0) {
+        outcome.setNotFound();
+    }
+    if (outcome.okay()) {
+        const Row row(result, 0);
+        rec.setHandle(row.text(0));
+        rec.setDomain(row.text(1));
+        rec.setCsid(row.integer(2, rec.csid()));
+        rec.setScope(row.text(3));
+        rec.setPublicAddressId(row.integer(4, rec.public_address_id()));
+    }
+    return outcome;
 }
 
 } // namespace oryx

@@ -46,7 +46,7 @@ DatabaseResult runTraced(Frame& frame, Command& command, const std::string& show
 
 } // namespace
 
-DatabaseResult executeSqlCommand(Frame& frame, Statement statement, QueryResult& result)
+DatabaseResult executeSqlCommand(Frame& frame, Statement&& statement, QueryResult& result)
 {
     traceProgress(frame.trace, "PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
     const bool traced = zel::Trace::enabled(zel::TraceKind::prn);

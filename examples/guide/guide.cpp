@@ -41,6 +41,11 @@ std::string health()
            " could not be made, last: " + all.lastError;
 }
 
+bool ranOutOfMemory(const oryx::DatabaseResult& result)
+{
+    return !result.okay() && result.getErrorMessage().starts_with("out of memory");
+}
+
 int sipStatus(const oryx::DatabaseResult& result)
 {
     switch (result.getStatus()) {

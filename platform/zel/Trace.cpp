@@ -11,13 +11,18 @@
 
 namespace zel {
 
-constinit std::atomic<unsigned> detail::tracedKinds{kUndecided};
+constinit std::atomic<unsigned> Trace::s_kinds{kUndecided};
+
+/// Which kinds go anywhere, for those who decide it.
+struct TracedKinds {
+    static constexpr unsigned kLog = Trace::bit(TraceKind::log);
+    static constexpr unsigned kEverything = Trace::bit(TraceKind::prn) | kLog;
+
+    static bool undecided() { return Trace::s_kinds.load(std::memory_order_relaxed) == Trace::kUndecided; }
+    static void decide(unsigned kinds) { Trace::s_kinds.store(kinds, std::memory_order_relaxed); }
+};
 
 namespace {
-
-using detail::tracedKinds;
-
-constexpr unsigned kEverything = detail::bit(TraceKind::prn) | detail::bit(TraceKind::log);
 
 struct Current {
     std::mutex mutex;
@@ -36,8 +41,8 @@ Current& current()
 void exchange(Current& state, std::shared_ptr<const TraceSink>& next)
 {
     const auto* builtIn = next ? next->target<BuiltInSink>() : nullptr;
-    const unsigned accepted = builtIn && builtIn->failuresOnly() ? detail::bit(TraceKind::log) : kEverything;
-    tracedKinds.store(next ? accepted : 0, std::memory_order_relaxed);
+    const unsigned accepted = builtIn && builtIn->failuresOnly() ? TracedKinds::kLog : TracedKinds::kEverything;
+    TracedKinds::decide(next ? accepted : 0);
     state.sink.swap(next);
 }
 
@@ -49,7 +54,7 @@ std::shared_ptr<const TraceSink> shared(TraceSink sink)
 /// The caller holds the mutex.
 void decideFromEnvironment(Current& state)
 {
-    if (tracedKinds.load(std::memory_order_relaxed) == detail::kUndecided) {
+    if (TracedKinds::undecided()) {
         auto sink = shared(sinkFromEnvironment());
         exchange(state, sink);
     }
@@ -94,13 +99,13 @@ __attribute__((format(printf, 3, 0))) void emitFormatted(const char* channel, Tr
 
 } // namespace
 
-unsigned detail::decideTracedKinds() noexcept
+unsigned Trace::decidedKinds() noexcept
 {
     try {
         Current& state = current();
         const std::lock_guard lock(state.mutex);
         decideFromEnvironment(state);
-        return tracedKinds.load(std::memory_order_relaxed);
+        return s_kinds.load(std::memory_order_relaxed);
     } catch (...) {
         return 0;
     }

@@ -14,21 +14,6 @@ namespace zel {
 /// \ingroup platform
 enum class TraceKind { prn, log };
 
-namespace detail {
-
-inline constexpr unsigned kUndecided = 1U << 31U;
-// A bit for each kind that goes anywhere: all that a call reads while tracing is off.
-ORYX_EXPORT extern constinit std::atomic<unsigned> tracedKinds;
-// Has the environment decide; the kinds.
-ORYX_EXPORT unsigned decideTracedKinds() noexcept;
-
-constexpr unsigned bit(TraceKind kind)
-{
-    return 1U << static_cast<unsigned>(kind);
-}
-
-} // namespace detail
-
 /// Receives every line of the process, formatted, whole and unaltered: of any length, newlines included. Called on the
 /// tracing thread, by several at once; both texts are valid during the call only. What it throws is dropped.
 /// \ingroup platform
@@ -76,11 +61,20 @@ public:
     /// True if lines of this kind go anywhere: lets a caller skip making an argument that costs something.
     static bool enabled(TraceKind kind) noexcept
     {
-        const unsigned kinds = detail::tracedKinds.load(std::memory_order_relaxed);
-        return ((kinds == detail::kUndecided ? detail::decideTracedKinds() : kinds) & detail::bit(kind)) != 0;
+        const unsigned kinds = s_kinds.load(std::memory_order_relaxed);
+        return ((kinds == kUndecided ? decidedKinds() : kinds) & bit(kind)) != 0;
     }
 
 private:
+    friend struct TracedKinds;
+
+    static constexpr unsigned kUndecided = 1U << 31U;
+    static constexpr unsigned bit(TraceKind kind) { return 1U << static_cast<unsigned>(kind); }
+    // Has the environment decide.
+    static unsigned decidedKinds() noexcept;
+    // A bit for each kind that goes anywhere: all that a call reads while tracing is off.
+    static std::atomic<unsigned> s_kinds;
+
     const char* m_channel;
 };
 
