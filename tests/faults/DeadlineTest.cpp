@@ -3,17 +3,15 @@
 
 #include "support/DatabaseTest.h"
 #include "support/Proxy.h"
+#include "support/ServerControl.h"
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/QueryResult.h>
 #include <gtest/gtest.h>
 
-#include <signal.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -197,40 +195,13 @@ TEST_F(Deadline, HasTheServerCancelWhatItWorksAt)
     EXPECT_TRUE(eventually([this] { return allWork(); }));
 }
 
-/// The processes of the test's own server, asked not to run; they run again with the object's end.
-class Stopped {
-public:
-    explicit Stopped(const std::string& folder)
-    {
-        std::string postmaster;
-        std::ifstream(folder + "/postmaster.pid") >> postmaster;
-        std::ifstream children("/proc/" + postmaster + "/task/" + postmaster + "/children");
-        m_processes.push_back(std::stoi(postmaster));
-        for (pid_t child = 0; children >> child;) {
-            m_processes.push_back(child);
-        }
-        signal(SIGSTOP);
-    }
-    ~Stopped() { signal(SIGCONT); }
-    Stopped(const Stopped&) = delete;
-    Stopped& operator=(const Stopped&) = delete;
-
-private:
-    void signal(int number) const
-    {
-        std::for_each(m_processes.begin(), m_processes.end(), [&](pid_t process) { ::kill(process, number); });
-    }
-
-    std::vector<pid_t> m_processes;
-};
-
 TEST_F(Deadline, HoldsWhileTheServerIsStopped)
 {
     setenv("PGPORT", server::port().c_str(), 1); // the relay itself would wait for it
     ASSERT_TRUE(eventually([this] { return connect(); }));
     const std::string folder = m_session.value("SHOW data_directory");
     {
-        const Stopped stopped(folder);
+        const server::Stopped stopped(folder);
         EXPECT_EQ(calls(kMeasure.calls, m_operations), "in time");
     }
     EXPECT_TRUE(eventually([this] { return allWork(); }));

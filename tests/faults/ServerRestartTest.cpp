@@ -1,56 +1,18 @@
 #include "support/DatabaseTest.h"
+#include "support/ServerControl.h"
 #include "support/Show.h"
 
 #include <dal/ChangeListener.h>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <semaphore>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
-
-/// The throw-away server itself, told to stop and to start. It must be the test's own.
-class ServerControl {
-public:
-    explicit ServerControl(server::Session& session)
-        : m_folder(session.value("SHOW data_directory")),
-          m_program(session.value("SELECT setting FROM pg_config WHERE name = 'BINDIR'") + "/pg_ctl"),
-          m_settings(session.value("SHOW config_file"))
-    {
-    }
-
-    /// "fast": sessions are told and ended; "immediate": the server is gone as after a crash.
-    void stop(const std::string& mode) const { control("stop -m " + mode); }
-    void start() const { control("start -l '" + m_folder + "/restart.log' -o '-c config_file=" + m_settings + "'"); }
-    void restart(const std::string& mode) const
-    {
-        stop(mode);
-        start();
-    }
-
-private:
-    void control(const std::string& what) const
-    {
-        // The server does not run as root: neither may what controls it.
-        const std::string as = geteuid() == 0 ? "runuser -u postgres -- " : "";
-        const std::string command = "cd / && " + as + m_program + " -s -w -D '" + m_folder + "' " + what;
-        if (std::system(command.c_str()) != 0) {
-            throw std::runtime_error("failed: " + command);
-        }
-    }
-
-    std::string m_folder;
-    std::string m_program;
-    std::string m_settings;
-};
 
 class ServerRestart : public ServiceTest {
 protected:
@@ -59,7 +21,7 @@ protected:
 
     std::string addresses() { return rows("SELECT address, expires FROM contact ORDER BY contact_id"); }
 
-    ServerControl m_server{m_session};
+    server::ServerControl m_server{m_session};
 };
 
 const std::string kA = "sip:a@192.0.2.1";
