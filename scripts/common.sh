@@ -52,22 +52,30 @@ missing_packages() {
 # What is in the way of the packages' own services goes with the subshell, also when interrupted.
 install_packages() (
     # Debian makes and starts a database cluster with the server's package, and each pooler and member of a cluster as a
-    # service of this machine. Nobody asked for them.
+    # service of this machine. Nobody asked for them. While there is a policy-rc.d that says 101, no package starts a
+    # service, whoever installs it. A machine's own policy-rc.d stays as it is. Two runs at once take turns: the first to
+    # end would otherwise take away what the other one counts on.
     no_cluster=/etc/postgresql-common/createcluster.d/oryx-dal.conf no_services=/usr/sbin/policy-rc.d made=()
-    trap 'as_root rm -f "${made[@]}"' EXIT
+    policy=$'#!/bin/sh\n# For as long as oryx-dal installs packages.\nexit 101'
+    exec {turn}</etc/apt
+    flock "$turn"
+    remove_made() {
+        as_root rm -f "${made[@]}"
+        [[ $(cat "$no_services" 2>/dev/null) != "$policy" ]] || as_root rm -f "$no_services"
+    }
+    trap remove_made EXIT
     if [[ ! -e /usr/bin/pg_createcluster ]]; then
         made+=("$no_cluster")
         as_root mkdir -p "${no_cluster%/*}"
         as_root tee "$no_cluster" <<<'create_main_cluster = false'
     fi
     if [[ ! -e $no_services ]]; then
-        made+=("$no_services")
-        printf '#!/bin/sh\nexit 101\n' | as_root tee "$no_services"
+        as_root tee "$no_services" <<<"$policy"
         as_root chmod 755 "$no_services"
     fi
     status=0
-    as_root apt-get update &&
-        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@" || status=$?
+    as_root apt-get update {turn}<&- &&
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@" {turn}<&- || status=$?
     for service in etcd haproxy patroni pgbouncer; do
         if [[ " $* " == *" $service"[-\ ]* && -d /run/systemd/system ]]; then
             as_root systemctl disable --quiet "$service" || true

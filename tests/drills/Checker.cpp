@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <set>
+#include <utility>
 
 namespace drill {
 
@@ -35,7 +36,8 @@ public:
         } else if (!acknowledged) {
             m_unknown.push_back(entry);
         } else if (entry.kind == Kind::enter) {
-            settle({std::to_string(entry.value)}); // it would have been refused otherwise
+            compareEntered();
+            settle({std::to_string(entry.value)});
         } else {
             States states;
             for (const std::string& state : possible()) {
@@ -55,15 +57,30 @@ public:
         const bool torn = seen.find_first_not_of("0123456789") != std::string::npos; // absent, or a part of it
         std::size_t& count = torn ? m_verdict->lost : allAbsent ? m_verdict->doubled : m_verdict->overtaken;
         ++count;
-        std::string finding = m_key + ": " + how + " " + seen + ", but it must be";
-        for (const std::string& state : right) {
-            finding += " " + state;
-        }
-        m_verdict->findings.push_back(finding);
+        m_verdict->findings.push_back(m_key + ": " + how + " " + seen + ", but it must be" + listed(right));
         settle({seen}); // one fault counts once
     }
 
 private:
+    /// It would have been refused if anything had been there.
+    void compareEntered()
+    {
+        const States right = possible();
+        if (!right.contains(kAbsent)) {
+            ++m_verdict->lost;
+            m_verdict->findings.push_back(m_key + ": stored once more, but there must be" + listed(right));
+        }
+    }
+
+    static std::string listed(const States& states)
+    {
+        std::string all;
+        for (const std::string& state : states) {
+            all += " " + state;
+        }
+        return all;
+    }
+
     /// Unknown requests may take effect in any order, or not.
     States possible() const
     {
@@ -93,19 +110,26 @@ private:
 
 /// An extension, from the answer that gave it to the request that releases it: surely held by somebody.
 struct Hold {
+    Time asked;
     Time from;
     Time to;
 };
 
 class Extensions {
 public:
-    void follow(const Entry& entry)
+    void follow(std::size_t worker, const Entry& entry)
     {
         const bool okay = entry.answer && entry.answer->outcome == Outcome::okay;
         if (entry.kind == Kind::reserve && okay) {
-            m_holds["extension/" + entry.answer->seen].push_back({entry.answer->at, Time::max()});
+            const std::string extension = "extension/" + entry.answer->seen;
+            m_holds[extension].push_back({entry.asked, entry.answer->at, Time::max()});
+            m_workers.insert({worker, extension});
         } else if (entry.kind == Kind::release) {
             m_releases[entry.key].push_back(entry.asked);
+            const bool held = m_workers.erase({worker, entry.key}) > 0;
+            if (held && entry.answer && entry.answer->outcome == Outcome::none) {
+                m_vain.push_back(entry);
+            }
         }
         const bool known = entry.answer && entry.answer->outcome != Outcome::error;
         m_unknown += known ? 0U : 1U;
@@ -127,6 +151,7 @@ public:
             }
         }
         compare(stored, held, verdict);
+        judgeVain(verdict);
     }
 
 private:
@@ -162,8 +187,25 @@ private:
         verdict.orphaned = nobodys - std::min(nobodys, m_unknown);
     }
 
+    /// A release that found nothing. It took effect and was sent again if somebody else was given the extension
+    /// meanwhile; otherwise the reservation had been lost before.
+    void judgeVain(Verdict& verdict)
+    {
+        for (const Entry& release : m_vain) {
+            const std::vector<Hold>& holds = m_holds[release.key];
+            const bool sentAgain = std::any_of(holds.begin(), holds.end(), [&](const Hold& hold) {
+                return hold.from > release.asked && hold.asked < release.answer->at;
+            });
+            ++(sentAgain ? verdict.vain : verdict.lost);
+            verdict.findings.push_back(release.key + ": its release found nothing" +
+                                       (sentAgain ? ", after it was given to another" : ", but it had been given"));
+        }
+    }
+
     std::map<std::string, std::vector<Hold>> m_holds;
     std::map<std::string, std::vector<Time>> m_releases;
+    std::set<std::pair<std::size_t, std::string>> m_workers; // and what each of them holds
+    std::vector<Entry> m_vain;                               // releases of what was held that found nothing
     std::size_t m_unknown = 0;
 };
 
@@ -179,6 +221,15 @@ void count(const Entry& entry, Verdict& verdict)
 
 } // namespace
 
+std::size_t Verdict::wrongBeside(const std::set<std::string>& excused) const
+{
+    std::size_t wrong = 0;
+    for (const auto& [column, count] : {std::pair{"lost", lost}, {"doubled", doubled}, {"overtaken", overtaken}}) {
+        wrong += excused.contains(column) ? 0 : count;
+    }
+    return wrong;
+}
+
 Snapshot Snapshot::read(const std::string& file)
 {
     Snapshot snapshot;
@@ -193,12 +244,12 @@ Verdict judge(const std::vector<std::vector<Entry>>& journals, const Snapshot& e
 {
     Verdict verdict;
     Extensions extensions;
-    for (const std::vector<Entry>& journal : journals) {
+    for (std::size_t worker = 0; worker < journals.size(); ++worker) {
         std::map<std::string, Course> courses;
-        for (const Entry& entry : journal) {
+        for (const Entry& entry : journals[worker]) {
             count(entry, verdict);
             if (entry.kind == Kind::reserve || entry.kind == Kind::release) {
-                extensions.follow(entry);
+                extensions.follow(worker, entry);
             } else {
                 courses.try_emplace(entry.key, entry.key, verdict).first->second.follow(entry);
             }
@@ -213,9 +264,9 @@ Verdict judge(const std::vector<std::vector<Entry>>& journals, const Snapshot& e
     return verdict;
 }
 
-Time recovery(const std::vector<std::vector<Entry>>& journals, const std::vector<Time>& returns)
+std::optional<Time> recovery(const std::vector<std::vector<Entry>>& journals, const std::vector<Time>& returns)
 {
-    Time longest(0);
+    std::optional<Time> longest;
     for (const Time back : returns) {
         Time first = Time::max();
         for (const std::vector<Entry>& journal : journals) {
@@ -228,7 +279,7 @@ Time recovery(const std::vector<std::vector<Entry>>& journals, const std::vector
         if (first == Time::max()) {
             return std::chrono::seconds(-1);
         }
-        longest = std::max(longest, first);
+        longest = std::max(longest.value_or(first), first);
     }
     return longest;
 }

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -36,15 +38,19 @@ struct Verdict {
     std::size_t overtaken = 0;         ///< An older value is in the place of the newer, acknowledged one.
     std::size_t orphaned = 0;          ///< Extensions in use by nobody, beyond those of unknown requests.
     Time longest{0};                   ///< The longest call.
+    std::size_t vain = 0;              ///< Releases that took effect, were sent again, and then found nothing.
     std::vector<std::string> findings; ///< A line for each of the wrong ones.
 
     std::size_t wrong() const { return lost + doubled + overtaken; }
+    /// Beside the columns that a limit explains: "lost", "doubled", "overtaken".
+    std::size_t wrongBeside(const std::set<std::string>& excused) const;
 };
 
 /// One journal for each worker; keys of two workers are different.
 Verdict judge(const std::vector<std::vector<Entry>>& journals, const Snapshot& end);
 
-/// The longest that it took from any of these moments to the next okay answer; -1 s if there was none for one of them.
-Time recovery(const std::vector<std::vector<Entry>>& journals, const std::vector<Time>& returns);
+/// The longest that it took from any of these moments to the next okay answer; -1 s if there was none for one of them,
+/// and nothing if there are no moments.
+std::optional<Time> recovery(const std::vector<std::vector<Entry>>& journals, const std::vector<Time>& returns);
 
 } // namespace drill

@@ -8,7 +8,7 @@
 #include <vector>
 
 /// \file
-/// What the workers of a drill asked for and what they were told, on disk: every request before it is sent, every
+/// What the workers of a drill asked for and what they were told, in files: every request before it is sent, every
 /// answer before the next thing is done.
 
 namespace drill {

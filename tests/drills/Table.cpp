@@ -27,7 +27,7 @@ std::string show(const Line& line)
         std::snprintf(text.data(), text.size(), "%-38s %11zu %7zu %13zu %5zu %8zu %10zu %7zu %11s %8s",
                       line.name.c_str(), verdict.operations, line.faults, verdict.acknowledged, verdict.lost,
                       verdict.doubled, verdict.overtaken, verdict.errors, milliseconds(verdict.longest).c_str(),
-                      line.recovery.count() == 0 ? "-" : milliseconds(line.recovery).c_str());
+                      line.recovery ? milliseconds(*line.recovery).c_str() : "-");
     text.resize(static_cast<std::size_t>(size));
     return text + (line.remark.empty() ? "" : "  " + line.remark) + "\n";
 }

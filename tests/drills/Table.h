@@ -3,6 +3,7 @@
 #include "drills/Checker.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 namespace drill {
@@ -12,8 +13,8 @@ struct Line {
     std::string name;
     std::size_t faults = 0;
     Verdict verdict;
-    Time recovery{0};   ///< The longest from a return of the server to the next success; 0 where it never went.
-    std::string remark; ///< A documented limit that the wrong ones come from, say.
+    std::optional<Time> recovery; ///< The longest from a return to the next success; none where no return was marked.
+    std::string remark;           ///< A documented limit that the wrong ones come from, say.
 };
 
 std::string heading();

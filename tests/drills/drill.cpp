@@ -2,7 +2,9 @@
 //
 //     drill load FOLDER [answers|hang-ups|silence|fork]   workers, over a network with that trouble or as processes
 //     drill late FOLDER registration|refresh|removal|release   late repetitions of that change
-//     drill check FOLDER NAME [LIMIT]                     judges what they did, and prints a line of the table
+//     drill check FOLDER NAME [LIMIT COLUMN...]           judges what they did, and prints a line of the table; the
+//     limit
+//                                                         explains what is counted as "lost", "doubled" or "overtaken"
 //     drill burst NAME                                    100,000 notifications, and a line
 //     drill memory NAME                                   a listing that does not fit into memory, and a line
 //     drill pace refresh|lookup SERVICES SECONDS          how many a second
@@ -33,6 +35,8 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -60,10 +64,11 @@ std::vector<std::vector<Entry>> journalsOf(const std::string& folder)
     return journals;
 }
 
-bool check(const std::string& folder, const std::string& name, const std::string& limit)
+bool check(const std::string& folder, const std::string& name, const std::string& limit,
+           const std::set<std::string>& excused)
 {
     const std::vector<std::vector<Entry>> journals = journalsOf(folder);
-    Line line{name, 0, judge(journals, Snapshot::read(folder + "/stored")), Time(0), ""};
+    Line line{name, 0, judge(journals, Snapshot::read(folder + "/stored")), std::nullopt, ""};
     std::vector<Time> returns;
     std::ifstream marks(folder + "/marks");
     std::string what;
@@ -75,22 +80,29 @@ bool check(const std::string& folder, const std::string& name, const std::string
         }
     }
     line.recovery = recovery(journals, returns);
-    // A repeated reservation must give the same extension again where the schema can know it by its token.
-    const bool orphansAreWrong = Account::variable("ORYX_STATEMENTS") == "bound";
-    line.verdict.doubled += orphansAreWrong ? line.verdict.orphaned : 0;
-    const bool wrong = line.verdict.wrong() > 0;
-    if (line.verdict.orphaned > 0) {
-        line.remark = std::to_string(line.verdict.orphaned) + " extensions reserved for nobody";
+    // A repeated reservation must give the same extension again, and a repeated release be told that it was one, where
+    // the schema can know them by their tokens.
+    if (Account::variable("ORYX_STATEMENTS") == "bound") {
+        line.verdict.doubled += line.verdict.orphaned;
+        line.verdict.lost += line.verdict.vain;
     }
-    if (wrong && !limit.empty()) {
-        line.remark += (line.remark.empty() ? "" : "; ") + limit;
+    const bool wrong = line.verdict.wrongBeside(excused) > 0;
+    const auto remark = [&](const std::string& text) { line.remark += (line.remark.empty() ? "" : "; ") + text; };
+    if (line.verdict.orphaned > 0) {
+        remark(std::to_string(line.verdict.orphaned) + " extensions reserved for nobody");
+    }
+    if (line.verdict.vain > 0) {
+        remark(std::to_string(line.verdict.vain) + " releases were sent again and found nothing");
+    }
+    if (!wrong && line.verdict.wrong() > 0) {
+        remark(limit);
     }
     std::ofstream findings(folder + "/findings");
     for (const std::string& finding : line.verdict.findings) {
         findings << finding << '\n';
     }
     std::fputs(show(line).c_str(), stdout);
-    return (!wrong || !limit.empty()) && line.recovery.count() >= 0 && line.verdict.acknowledged > 0;
+    return !wrong && line.recovery.value_or(Time(0)) >= Time(0) && line.verdict.acknowledged > 0;
 }
 
 bool run(const std::vector<std::string>& arguments)
@@ -102,7 +114,8 @@ bool run(const std::vector<std::string>& arguments)
     } else if (what == "late") {
         runLate(Account(), argument(1), argument(2));
     } else if (what == "check") {
-        return check(argument(1), argument(2), argument(3));
+        const auto columns = std::span(arguments).subspan(std::min<std::size_t>(arguments.size(), 4));
+        return check(argument(1), argument(2), argument(3), {columns.begin(), columns.end()});
     } else if (what == "burst" || what == "memory") {
         Line line = (what == "burst" ? runBurst : runMemory)(Account());
         line.name = argument(1);

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # Servers of the drills' own: made below a folder of their own, on ports of their own, gone with the script, also when
-# it is interrupted. Sourced.
+# it is interrupted. Sourced, after load.sh.
 #
 # A server is its folder's name below $base: "$base/one" holds data, log and port. Only this script's own processes are
 # ever signalled: each server's postmaster, by the number in its postmaster.pid.
@@ -32,22 +32,34 @@ sql() {
     local server=$1
     shift
     env -u PGSERVICE PGUSER=postgres PGOPTIONS='-c client_min_messages=error' psql --no-psqlrc --quiet --no-align --tuples-only --set=ON_ERROR_STOP=1 \
-        --host="$base" --port="$(port_of "$server")" --dbname="${database:-oryx}" "$@"
+        --host="$base/socket" --port="$(port_of "$server")" --dbname="${database:-oryx}" "$@"
 }
 
 # Like sql for statements, until the server takes them.
 sql_when_it_can() {
-    until sql "$@" 2>/dev/null; do sleep 0.1; done
+    wait_until sql "$@"
 }
 
 new_folder() {
     mkdir "$base/$1"
-    free_port >"$base/$1/port"
     if [[ $(id -u) -eq 0 ]]; then chown -R postgres "$base/$1"; fi
 }
 
 start() {
     as_server "$binaries/pg_ctl" -s -w -t 30 -D "$base/$1/data" -l "$base/$1/log" -o "-p $(port_of "$1")" start >/dev/null
+}
+
+# For the first time. Ports are taken by chance: another server may win one between the look and the start.
+start_at_free_port() {
+    local attempt
+    for attempt in 1 2 3 4 5; do
+        free_port >"$base/$1/port"
+        if start "$1" 2>"$base/$1/failure"; then
+            return
+        fi
+    done
+    cat "$base/$1/failure" "$base/$1/log" >&2
+    return 1
 }
 
 # "fast": sessions are told and ended; "immediate": the server is gone as after a crash.
@@ -70,21 +82,23 @@ signal_all() {
 # The server that all others are copies of: schema, roles, and what the workers own.
 make_original() {
     chmod 711 "$base"
-    if [[ $(id -u) -eq 0 ]]; then chown postgres "$base"; fi
+    # The socket trusts whoever gets to it.
+    mkdir -m 700 "$base/socket"
+    if [[ $(id -u) -eq 0 ]]; then chown postgres "$base/socket"; fi
     new_folder original
     as_server "$binaries/initdb" --pgdata="$base/original/data" --username=postgres --encoding=UTF8 --locale=C.UTF-8 \
         --auth-local=trust --auth-host=scram-sha-256 --wal-segsize=1 >/dev/null
     cat >>"$base/original/data/postgresql.conf" <<SETTINGS
 listen_addresses = '127.0.0.1'
-unix_socket_directories = '$base'
+unix_socket_directories = '$base/socket'
 log_min_messages = fatal
 max_connections = 60
 max_wal_size = 64MB
 min_wal_size = 8MB
 SETTINGS
-    start original
+    start_at_free_port original
     database=postgres sql original --command 'CREATE DATABASE oryx'
-    env -u PGSERVICE PGHOST="$base" PGPORT="$(port_of original)" PGUSER=postgres "$root/schema/apply" oryx >/dev/null 2>&1
+    env -u PGSERVICE PGHOST="$base/socket" PGPORT="$(port_of original)" PGUSER=postgres "$root/schema/apply" oryx >/dev/null 2>&1
     ORYX_REGISTRAR_PASSWORD=$ORYX_DRILL_PASSWORD ORYX_EVENTS_PASSWORD=$ORYX_DRILL_PASSWORD sql original --file="$root/deploy/roles.sql"
     sql original --file="$root/tests/drills/provision.sql" --command 'VACUUM ANALYZE'
     stop original fast
@@ -98,23 +112,23 @@ new_server() {
     for setting in "${@:2}"; do
         echo "$setting" >>"$base/$1/data/postgresql.conf"
     done
-    start "$1"
+    start_at_free_port "$1"
 }
 
 # A streaming standby of another server.
 new_standby() {
     new_folder "$1"
     as_server env -u PGSERVICE "$binaries/pg_basebackup" --pgdata="$base/$1/data" --write-recovery-conf --checkpoint=fast \
-        --dbname="host=$base port=$(port_of "$2") user=postgres application_name=$1"
-    start "$1"
+        --dbname="host=$base/socket port=$(port_of "$2") user=postgres application_name=$1"
+    start_at_free_port "$1"
     sql_when_it_can "$2" --command "DO \$\$ BEGIN ASSERT EXISTS (SELECT FROM pg_stat_replication WHERE state = 'streaming'); END \$\$"
 }
 
 # Ends the servers of a drill and removes them.
 remove_servers() {
     local folder server
-    for folder in "$base"/*/port; do
-        server=$(basename "${folder%/port}")
+    for folder in "$base"/*/data; do
+        server=$(basename "${folder%/data}")
         [[ $server != original || ${1:-} == original ]] || continue
         if [[ -s $base/$server/data/postmaster.pid ]]; then
             signal_all "$server" CONT
@@ -125,12 +139,11 @@ remove_servers() {
     done
 }
 
-# What is still at work when a script is interrupted: the drill, and its load.
+# The drill that is still at work when a script is interrupted is told, and whatever it waits for, pg_ctl too, which ends
+# the server that it is starting.
 finish() {
-    local process
-    for process in $(jobs -p) $(cat "$base/load" 2>/dev/null); do
-        kill "$process" 2>/dev/null || true
-    done
+    trap '' INT TERM HUP
+    [[ -z ${drill:-} ]] || kill -INT -- "-$drill" 2>/dev/null || true
     wait
     remove_servers original
     rm -rf "$base"
