@@ -52,11 +52,12 @@ END
 $$;
 
 -- An extension that was released, and has been reserved since, is not released by the same release once more. A server
--- may leave the time out (0). Beyond 2^31 a change writes it as a negative number. A second is nobody's fault: the time
--- that time() gives lags by up to a tick of the kernel, and so by a second where one has just begun.
+-- may leave the time out (0). Beyond 2^31 a change writes it as a negative number. A conference that was over before
+-- the server's clock had come to where the database's was is released in vain; a second's grace for it would let go what
+-- was reserved since.
 CREATE TRIGGER keep_newer BEFORE UPDATE ON conf_state
     FOR EACH ROW WHEN (OLD.conf_status = 'IN USE' AND upper(NEW.conf_status) <> 'IN USE' AND NEW.start_time <> 0
-                       AND (NEW.start_time & 4294967295) < (OLD.start_time & 4294967295) - 1)
+                       AND (NEW.start_time & 4294967295) < (OLD.start_time & 4294967295))
     EXECUTE FUNCTION change_nothing();
 
 -- Repetitions ------------------------------------------------------------------------------------------------------
