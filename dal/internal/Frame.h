@@ -107,6 +107,19 @@ public:
         });
     }
     ///@}
+    /// The same of one that fills a caller's record: its answer is in it only when it is okay.
+    template <typename Record, typename Lookup>
+    DatabaseResult fill(Record& record, Lookup lookup)
+    {
+        return guarded([&] {
+            Record found = record;
+            DatabaseResult outcome = lookup(found);
+            if (outcome.okay()) {
+                record = std::move(found);
+            }
+            return outcome;
+        });
+    }
 
     // Statements, without checking the connection first
 

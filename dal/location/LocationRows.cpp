@@ -107,6 +107,15 @@ DatabaseResult readContacts(const QueryResult& result, const ContactQuery& query
     return outcome;
 }
 
+void readPublicAddress(const Row& row, PublicAddressRecord& rec)
+{
+    rec.setHandle(row.text(0));
+    rec.setDomain(row.text(1));
+    rec.setCsid(row.integer(2, rec.csid()));
+    rec.setScope(row.text(3));
+    rec.setPublicAddressId(row.integer(4, rec.public_address_id()));
+}
+
 Statement addressMapQuery()
 {
     return sql(

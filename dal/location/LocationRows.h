@@ -40,6 +40,9 @@ DatabaseResult findPublicAddress(PresenceDatabaseCommandExecutor& executor, cons
                                  PublicAddressRecord& rec);
 ///@}
 
+/// Fills a record from a row of an address of record: handle, sip_domain, csid, scope, public_address_id.
+void readPublicAddress(const Row& row, PublicAddressRecord& rec);
+
 /// Every address map with its contact set, in the order of priority.
 Statement addressMapQuery();
 ///@{

@@ -76,14 +76,8 @@ int DatabaseCommandExecutor::addPublicAddress(const PublicAddressRecord& rec)
 DatabaseResult DatabaseCommandExecutor::lookupPublicAddress(const char* handle, const char* domain,
                                                             PublicAddressRecord& rec)
 {
-    return m_frame->guarded([&] {
-        PublicAddressRecord found = rec; // where memory runs out, the caller's is what it was
-        DatabaseResult outcome = findPublicAddress(*this, handle, domain, found);
-        if (outcome.okay()) {
-            rec = std::move(found);
-        }
-        return outcome;
-    });
+    return m_frame->fill(rec,
+                         [&](PublicAddressRecord& found) { return findPublicAddress(*this, handle, domain, found); });
 }
 
 DatabaseResult findPublicAddress(DatabaseCommandExecutor& executor, const char* handle, const char* domain,
@@ -105,12 +99,7 @@ DatabaseResult findPublicAddress(DatabaseCommandExecutor& executor, const char* 
         outcome.setNotFound();
     }
     if (outcome.okay()) {
-        const Row row(result, 0);
-        rec.setHandle(row.text(0));
-        rec.setDomain(row.text(1));
-        rec.setCsid(row.integer(2, rec.csid()));
-        rec.setScope(row.text(3));
-        rec.setPublicAddressId(row.integer(4, rec.public_address_id()));
+        readPublicAddress(Row(result, 0), rec);
     }
     return outcome;
 }

@@ -128,14 +128,8 @@ DatabaseResult PresenceDatabaseCommandExecutor::lookupContacts(std::string& orde
 DatabaseResult PresenceDatabaseCommandExecutor::lookupPublicAddress(const char* handle, const char* domain,
                                                                     PublicAddressRecord& rec)
 {
-    return m_frame->guarded([&] {
-        PublicAddressRecord found = rec; // where memory runs out, the caller's is what it was
-        DatabaseResult outcome = findPublicAddress(*this, handle, domain, found);
-        if (outcome.okay()) {
-            rec = std::move(found);
-        }
-        return outcome;
-    });
+    return m_frame->fill(rec,
+                         [&](PublicAddressRecord& found) { return findPublicAddress(*this, handle, domain, found); });
 }
 
 DatabaseResult findPublicAddress(PresenceDatabaseCommandExecutor& executor, const char* handle, const char* domain,
@@ -148,13 +142,7 @@ DatabaseResult findPublicAddress(PresenceDatabaseCommandExecutor& executor, cons
                 "SELECT handle, sip_domain, csid, scope, public_address_id FROM public_address WHERE  handle='{}' AND sip_domain='{}';",
                 handle, domain);
         },
-        [&](const Row& row) {
-            rec.setHandle(row.text(0));
-            rec.setDomain(row.text(1));
-            rec.setCsid(row.integer(2, rec.csid()));
-            rec.setScope(row.text(3));
-            rec.setPublicAddressId(row.integer(4, rec.public_address_id()));
-        });
+        [&](const Row& row) { readPublicAddress(row, rec); });
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::getCsid(int publicAddressId, int& csid)

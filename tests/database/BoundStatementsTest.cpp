@@ -65,6 +65,24 @@ TEST_F(Bound, StatementsArePreparedAtTheirFirstUseAndKept)
     EXPECT_EQ(prepared(), "SELECT buddy_list_id FROM buddy_list WHERE buddy_list_name =$1;");
 }
 
+TEST_F(Bound, AChangeSaysItsNumberBeforeItsStatement)
+{
+    ASSERT_TRUE(m_executor.addConfExtState({"700", "IDLE", 5}).okay());
+    EXPECT_EQ(
+        prepared(),
+        "INSERT INTO sending AS kept (session, number) VALUES ($1, $2) ON CONFLICT (session) DO UPDATE SET number = CASE WHEN kept.number < excluded.number THEN excluded.number ELSE sending_has_taken_effect(kept.answer) END, answer = NULL, sent_at = now()|"
+        "INSERT INTO conf_state (extension,conf_status,start_time) VALUES($1,$2,$3);");
+}
+
+TEST_F(Bound, AReservationIsToldItsNumber)
+{
+    ASSERT_EQ(reserved(), "not found");
+    EXPECT_EQ(
+        prepared(),
+        "SELECT set_config('oryx.sending', $1, true)|"
+        "select * FROM reserve_one_available_conf_ext_randomly() where reserve_one_available_conf_ext_randomly IS NOT NULL;");
+}
+
 TEST_F(Bound, StatementsAreForgottenWithTheirConnection)
 {
     int id = 0;

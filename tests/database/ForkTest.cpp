@@ -1,5 +1,6 @@
 // A service that a child process inherits: the parent keeps its connection, and the child makes one of its own.
 
+#include "support/Child.h"
 #include "support/DatabaseTest.h"
 
 #include <dal/PresenceService.h>
@@ -18,27 +19,6 @@ namespace {
 /// No child takes longer, however busy the machine.
 constexpr unsigned kPatienceSeconds = 60;
 
-/// Runs a function in a child process; what it says there, which must be short.
-std::string inChild(const std::function<std::string()>& say)
-{
-    int pipe[2];
-    EXPECT_EQ(::pipe(pipe), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(kPatienceSeconds); // ends it when it hangs
-        const std::string said = say();
-        _exit(::write(pipe[1], said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 1);
-    }
-    ::close(pipe[1]);
-    std::string said(4096, '\0');
-    const ssize_t size = ::read(pipe[0], said.data(), said.size());
-    said.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-    ::close(pipe[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? said : "ended by signal " + std::to_string(WTERMSIG(status));
-}
-
 class Fork : public ServiceTest {
 protected:
     std::string lookUp(const std::string& handle)
@@ -53,7 +33,7 @@ TEST_F(Fork, LeavesTheParentItsConnection)
 {
     EXPECT_EQ(lookUp("alice"), "42");
     const std::string before = backend();
-    EXPECT_EQ(inChild([this] { return lookUp("alice"); }), "42");
+    EXPECT_EQ(saidInChild([this] { return lookUp("alice"); }), "42");
     EXPECT_EQ(lookUp("alice"), "42");
     EXPECT_EQ(rows("SELECT pid FROM pg_stat_activity WHERE pid = " + before), before + "\n");
 }
@@ -61,7 +41,7 @@ TEST_F(Fork, LeavesTheParentItsConnection)
 TEST_F(Fork, LeavesTheParentItsConnectionWhereTheChildOnlyEndsIt)
 {
     const std::string before = backend();
-    EXPECT_EQ(inChild([this] {
+    EXPECT_EQ(saidInChild([this] {
                   m_service.~LocationService();
                   new (&m_service) oryx::LocationService;
                   return "ended";
@@ -74,9 +54,9 @@ TEST_F(Fork, LeavesTheParentItsConnectionWhereTheChildOnlyEndsIt)
 TEST_F(Fork, LetsEachProcessMakeItsOwnChanges)
 {
     EXPECT_EQ(registerAll({"sip:before@192.0.2.1"}), "okay");
-    EXPECT_EQ(inChild([this] { return registerAll({"sip:child@192.0.2.1"}); }), "okay");
+    EXPECT_EQ(saidInChild([this] { return registerAll({"sip:child@192.0.2.1"}); }), "okay");
     EXPECT_EQ(registerAll({"sip:parent@192.0.2.1"}), "okay");
-    EXPECT_EQ(inChild([this] { return registerAll({"sip:second@192.0.2.1"}); }), "okay");
+    EXPECT_EQ(saidInChild([this] { return registerAll({"sip:second@192.0.2.1"}); }), "okay");
     EXPECT_EQ(rows("SELECT address FROM contact ORDER BY contact_id"),
               "sip:before@192.0.2.1\nsip:child@192.0.2.1\nsip:parent@192.0.2.1\nsip:second@192.0.2.1\n");
 }
@@ -84,8 +64,6 @@ TEST_F(Fork, LetsEachProcessMakeItsOwnChanges)
 TEST_F(Fork, GivesEachProcessItsOwnAnswers)
 {
     sql("INSERT INTO public_address (public_address_id, handle, sip_domain, csid) VALUES (43, 'bob', 'oryx.example', 12)");
-    int said[2];
-    ASSERT_EQ(::pipe(said), 0);
     const auto lookUpOften = [this](const std::string& handle, const std::string& key) {
         int wrong = 0;
         for (int i = 0; i < 500; ++i) {
@@ -112,7 +90,7 @@ TEST_F(Fork, LetsAnEventServerAndItsChildrenRunEachOnItsOwn)
         int id = 0;
         return outcome(service.getListId("friends", &id));
     };
-    EXPECT_EQ(inChild([&] { return find() + ", " + inChild(find) + ", " + find(); }),
+    EXPECT_EQ(saidInChild([&] { return find() + ", " + saidInChild(find) + ", " + find(); }),
               "not found, not found, not found");
     EXPECT_EQ(find(), "not found");
 }
@@ -131,7 +109,7 @@ TEST_F(Fork, IsNotHungByAThreadThatReadsTheDomainList)
     sql("INSERT INTO system_parameters (application, scope, name, value)"
         " VALUES ('oryxproxy', 'ServerInfo', 'ServerNames', 'oryx.example')");
     for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(inChild([&] {
+        EXPECT_EQ(saidInChild([&] {
                       std::string name;
                       return other.getDomainName(name);
                   }),

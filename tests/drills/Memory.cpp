@@ -1,11 +1,8 @@
 #include "drills/Memory.h"
 
-#include <sys/resource.h>
-#include <unistd.h>
+#include "support/LimitedMemory.h"
 
 #include <algorithm>
-#include <fstream>
-#include <string>
 #include <vector>
 
 namespace drill {
@@ -17,26 +14,6 @@ namespace {
 constexpr rlim_t kRoom = 16U << 20U;
 constexpr rlim_t kSteps = 64;
 
-/// Bounds the process's memory for as long as it lives.
-class Limit {
-public:
-    explicit Limit(rlim_t room)
-    {
-        ::getrlimit(RLIMIT_AS, &m_former);
-        rlim_t pages = 0;
-        std::ifstream("/proc/self/statm") >> pages;
-        rlimit bounded = m_former;
-        bounded.rlim_cur = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + room;
-        ::setrlimit(RLIMIT_AS, &bounded);
-    }
-    ~Limit() { ::setrlimit(RLIMIT_AS, &m_former); }
-    Limit(const Limit&) = delete;
-    Limit& operator=(const Limit&) = delete;
-
-private:
-    rlimit m_former{};
-};
-
 /// A listing within so much room: noted in the line, and whether it was okay.
 bool list(oryx::PresenceService& service, rlim_t room, Line& line)
 {
@@ -44,7 +21,7 @@ bool list(oryx::PresenceService& service, rlim_t room, Line& line)
     oryx::DatabaseResult listing;
     const Time began = now();
     {
-        const Limit limit(room);
+        const LimitedMemory limited(room);
         listing = service.getAllPublicAddresses(addresses, false);
     }
     line.verdict.longest = std::max(line.verdict.longest, now() - began);

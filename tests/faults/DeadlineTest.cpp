@@ -2,6 +2,7 @@
 // server does.
 
 #include "support/DatabaseTest.h"
+#include "support/Measure.h"
 #include "support/Proxy.h"
 #include "support/ServerControl.h"
 
@@ -23,26 +24,8 @@ using oryx::DatabaseResult;
 using oryx::SessionOptions;
 using server::Proxy;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
-/// What calls are held to. A drill holds them to what they promise, on a machine that does nothing else; a test, on a
-/// machine however busy, to what nothing without a deadline keeps.
-struct Measure {
-    std::size_t calls;
-    milliseconds deadline;
-    milliseconds grace;    // what a call may take beyond its deadline
-    milliseconds recovery; // until an operation works again
-};
-const Measure kMeasure = std::getenv("ORYX_DRILL") != nullptr
-                             ? Measure{1000, milliseconds(50), milliseconds(100), milliseconds(1000)}
-                             : Measure{14, milliseconds(500), milliseconds(10000), milliseconds(60000)};
-
-milliseconds timed(const std::function<void()>& call)
-{
-    const auto begin = steady_clock::now();
-    call();
-    return std::chrono::ceil<milliseconds>(steady_clock::now() - begin);
-}
+const Measure kMeasure = Measure::drillOr(14, milliseconds(500));
 
 using Operation = std::function<DatabaseResult()>;
 
@@ -56,25 +39,13 @@ protected:
         m_service.setSessionOptions(options);
         m_events.setSessionOptions(options);
         provisionAlice();
-        ASSERT_TRUE(eventually([this] { return connect(); }));
+        ASSERT_TRUE(kMeasure.eventually([this] { return connect(); }));
     }
 
-    /// On a busy machine the first attempts may be too late.
     bool connect()
     {
         return m_service.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay() &&
                m_events.connect(m_database.uri().c_str(), server::kUser, server::kPassword);
-    }
-
-    static bool eventually(const std::function<bool()>& succeeds)
-    {
-        const auto end = steady_clock::now() + kMeasure.recovery;
-        while (steady_clock::now() < end) {
-            if (succeeds()) {
-                return true;
-            }
-        }
-        return false;
     }
 
     DatabaseResult lookUp()
@@ -99,7 +70,7 @@ protected:
         for (std::size_t i = 0; i < count; ++i) {
             DatabaseResult result;
             const milliseconds took = timed([&] { result = operations[i % operations.size()](); });
-            late += took > kMeasure.deadline + kMeasure.grace ? 1U : 0U;
+            late += kMeasure.isLate(took) ? 1U : 0U;
             slowest = std::max(slowest, took);
             if (!result.connectionError() || !result.getErrorMessage().starts_with("no answer within the deadline")) {
                 return "operation " + std::to_string(i % operations.size()) + " answered: " + outcome(result);
@@ -148,7 +119,7 @@ TEST_F(Deadline, HoldsWhileEverythingSentIsSwallowed)
     m_proxy.swallow(true);
     EXPECT_EQ(calls(kMeasure.calls, m_operations), "in time");
     m_proxy.swallow(false);
-    EXPECT_TRUE(eventually([this] { return allWork(); }));
+    EXPECT_TRUE(kMeasure.eventually([this] { return allWork(); }));
 }
 
 TEST_F(Deadline, NamesItselfInTheMessage)
@@ -165,7 +136,7 @@ TEST_F(Deadline, HoldsForAConnectionThatIsMadeAnew)
     m_proxy.swallow(true);
     EXPECT_EQ(calls(m_operations.size(), m_operations), "in time");
     m_proxy.swallow(false);
-    EXPECT_TRUE(eventually([this] { return allWork(); }));
+    EXPECT_TRUE(kMeasure.eventually([this] { return allWork(); }));
 }
 
 TEST_F(Deadline, HoldsForAllStatementsOfAnOperationTogether)
@@ -190,21 +161,21 @@ TEST_F(Deadline, HasTheServerCancelWhatItWorksAt)
     const auto waiting = [&] {
         return holder.value("SELECT count(*) FROM pg_stat_activity WHERE wait_event_type = 'Lock'") == "0";
     };
-    EXPECT_TRUE(eventually(waiting));
+    EXPECT_TRUE(kMeasure.eventually(waiting));
     holder.run("COMMIT");
-    EXPECT_TRUE(eventually([this] { return allWork(); }));
+    EXPECT_TRUE(kMeasure.eventually([this] { return allWork(); }));
 }
 
 TEST_F(Deadline, HoldsWhileTheServerIsStopped)
 {
     setenv("PGPORT", server::port().c_str(), 1); // the relay itself would wait for it
-    ASSERT_TRUE(eventually([this] { return connect(); }));
+    ASSERT_TRUE(kMeasure.eventually([this] { return connect(); }));
     const std::string folder = m_session.value("SHOW data_directory");
     {
         const server::Stopped stopped(folder);
         EXPECT_EQ(calls(kMeasure.calls, m_operations), "in time");
     }
-    EXPECT_TRUE(eventually([this] { return allWork(); }));
+    EXPECT_TRUE(kMeasure.eventually([this] { return allWork(); }));
 }
 
 TEST_F(Deadline, HoldsForServicesOfSeveralThreads)

@@ -1,6 +1,7 @@
 // Every operation comes back within its deadline from a server of which nothing is heard.
 
 #include "hostile/Entry.h"
+#include "support/Measure.h"
 #include "support/Proxy.h"
 #include "support/Server.h"
 
@@ -18,19 +19,8 @@ namespace {
 
 using oryx::SessionOptions;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
-/// What operations are held to. A drill holds them to what they promise, on a machine that does nothing else; a test,
-/// on a machine however busy, to what nothing without a deadline keeps.
-struct Measure {
-    std::size_t calls; // at least so many
-    milliseconds deadline;
-    milliseconds grace;    // what a call may take beyond its deadline
-    milliseconds recovery; // until an operation works again
-};
-const Measure kMeasure = std::getenv("ORYX_DRILL") != nullptr
-                             ? Measure{1000, milliseconds(50), milliseconds(100), milliseconds(1000)}
-                             : Measure{1, milliseconds(30), milliseconds(10000), milliseconds(60000)};
+const Measure kMeasure = Measure::drillOr(1, milliseconds(30));
 
 /// What operations fill, of every kind.
 struct Filled {
@@ -131,22 +121,10 @@ protected:
     void SetUp() override
     {
         setenv("PGSSLMODE", "disable", 1); // the relay reads along
-        ASSERT_TRUE(eventually([this] {
+        ASSERT_TRUE(kMeasure.eventually([this] {
             return connect(m_library.location) && connect(m_library.presence) && connect(m_library.registrar) &&
                    connect(m_library.events);
         }));
-    }
-
-    /// On a busy machine the first attempts may be too late.
-    static bool eventually(const std::function<bool()>& succeeds)
-    {
-        const auto end = steady_clock::now() + kMeasure.recovery;
-        while (steady_clock::now() < end) {
-            if (succeeds()) {
-                return true;
-            }
-        }
-        return false;
     }
 
     /// The operations that took longer than they may.
@@ -158,11 +136,9 @@ protected:
         const Operations operations = allOperations();
         for (std::size_t i = 0; i < std::max(calls, operations.size()); ++i) {
             const Operation& operation = operations[i % operations.size()];
-            const auto begin = steady_clock::now();
-            operation.call(m_library, filled);
-            const auto took = std::chrono::ceil<milliseconds>(steady_clock::now() - begin);
+            const milliseconds took = timed([&] { operation.call(m_library, filled); });
             slowest = std::max(slowest, took);
-            if (took > kMeasure.deadline + kMeasure.grace) {
+            if (kMeasure.isLate(took)) {
                 names.push_back(operation.name);
             }
         }
@@ -194,7 +170,7 @@ TEST_F(EveryOperation, ComesBackWithinItsDeadlineWhileEverythingSentIsSwallowed)
     m_proxy.swallow(true);
     EXPECT_EQ(late(kMeasure.calls), std::vector<std::string>());
     m_proxy.swallow(false);
-    EXPECT_TRUE(eventually([this] {
+    EXPECT_TRUE(kMeasure.eventually([this] {
         int key = 0;
         return m_library.location.getPublicAddressKey("alice", "oryx.example", key).notFound();
     }));

@@ -1,17 +1,12 @@
 // Listings that do not fit into a process's memory. Each runs in a child process under a limit of its own.
 
+#include "support/Child.h"
 #include "support/DatabaseTest.h"
+#include "support/LimitedMemory.h"
 #include "support/Show.h"
 
 #include <dal/PresenceService.h>
 
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-#include <exception>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -35,42 +30,13 @@ constexpr const char* kManyRows = R"(
 
 constexpr rlim_t kMebibyte = 1024UL * 1024;
 
-/// Leaves the process so much memory beside what it has.
-void leaveMemory(rlim_t mebibytes)
-{
-    rlim_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    const rlim_t limit = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + mebibytes * kMebibyte;
-    const rlimit limits{limit, limit};
-    setrlimit(RLIMIT_AS, &limits);
-}
-
 /// What a function says in a child process with so much memory beside its parent's.
 std::string saidWithMemory(rlim_t mebibytes, const std::function<std::string()>& say)
 {
-    constexpr unsigned kPatienceSeconds = 60;
-    std::array<int, 2> pipe{};
-    EXPECT_EQ(::pipe(pipe.data()), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(kPatienceSeconds);
-        leaveMemory(mebibytes);
-        std::string said;
-        try {
-            said = say();
-        } catch (const std::exception& thrown) {
-            said = std::string("thrown: ") + thrown.what();
-        }
-        _exit(::write(pipe[1], said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 1);
-    }
-    ::close(pipe[1]);
-    std::string said(4096, '\0');
-    const ssize_t size = ::read(pipe[0], said.data(), said.size());
-    said.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-    ::close(pipe[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? said : "ended by signal " + std::to_string(WTERMSIG(status));
+    return saidInChild([&] {
+        const LimitedMemory limited(mebibytes * kMebibyte);
+        return say();
+    });
 }
 
 /// The status, and the message as far as it tells what ran out: libpq says more, and behind it stands the statement.

@@ -44,7 +44,9 @@ void makeTemplate(Session& session, const std::string& name)
 {
     session.run("DROP DATABASE IF EXISTS " + name);
     session.run("CREATE DATABASE " + name);
-    if (std::system(("'" ORYX_SCHEMA "/apply' " + name + " >&2").c_str()) != 0) {
+    // An earlier test of the process may have turned the environment to another server.
+    const std::string here = "env -u PGSERVICE PGPORT=" + port();
+    if (std::system((here + " '" ORYX_SCHEMA "/apply' " + name + " >&2").c_str()) != 0) {
         throw std::runtime_error("the schema cannot be applied");
     }
     session.run("DO $$ BEGIN IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = '" + std::string(kUser) +
