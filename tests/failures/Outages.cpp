@@ -427,12 +427,13 @@ Outage passwordChanged(Scene& scene)
 }
 
 const std::string kTables = "public_address, contact, subscription_states, event_watchers, conf_state";
+const std::string kGroups = "oryx_registrar, oryx_proxy, oryx_presence, oryx_provisioning";
 
 Outage permissionRevoked(Scene& scene)
 {
     return {.name = "permission revoked",
-            .begin = running(scene, "REVOKE ALL ON " + kTables + " FROM oryx_server"),
-            .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + kTables + " TO oryx_server"),
+            .begin = running(scene, "REVOKE ALL ON " + kTables + " FROM " + kGroups),
+            .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + kTables + " TO " + kGroups),
             .calls = 1};
 }
 
@@ -570,8 +571,8 @@ std::vector<Outage> misleadingOutages(Scene& scene)
                                "conf_state, acp, node, domain_access, system_parameters, listsubscriptions ";
     return {gone,
             {.name = "refused",
-             .begin = running(scene, "REVOKE ALL ON " + tables + "FROM oryx_server"),
-             .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + tables + "TO oryx_server"),
+             .begin = running(scene, "REVOKE ALL ON " + tables + "FROM " + kGroups),
+             .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + tables + "TO " + kGroups),
              .operations = misleading(),
              .calls = 1}};
 }
