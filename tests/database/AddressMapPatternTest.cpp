@@ -261,7 +261,12 @@ protected:
     {
         server::Session("postgres").run("CREATE DATABASE " + m_name);
         std::filesystem::copy(kSchema, m_folder.file("schema"));
-        std::filesystem::remove(m_folder.file("schema") + "/120_address_map_patterns.sql");
+        for (const auto& file : std::filesystem::directory_iterator(kSchema)) {
+            const std::string name = file.path().filename();
+            if (name.ends_with(".sql") && name >= "120") {
+                std::filesystem::remove(m_folder.file("schema") + "/" + name);
+            }
+        }
         EXPECT_EQ(run("'" + m_folder.file("schema") + "/apply' " + m_name), 0) << told();
         m_session = std::make_unique<server::Session>(m_name);
     }

@@ -1,8 +1,11 @@
 #include "support/DatabaseTest.h"
 #include "support/Show.h"
+#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -396,4 +399,30 @@ TEST_F(RolesTried, NobodyHasAnythingByBeingAbleToConnect)
                    " WHERE pronamespace = 'public'::regnamespace) p" +
                    ofAll + " AND NOT EXISTS (SELECT FROM pg_depend WHERE objid = oid AND deptype = 'e')"),
               "address_map_pattern\n");
+}
+
+// Without a superuser ----------------------------------------------------------------------------------------------
+
+TEST_F(DatabaseTest, AnOwnerWhoIsNoSuperuserAppliesTheSchemaAndIsToldWhatStaysOpen)
+{
+    const std::string owner = "oryx_owner_" + std::to_string(::getpid());
+    const std::string owned = m_database.name() + "_owned";
+    sql("DROP ROLE IF EXISTS " + owner + "; CREATE ROLE " + owner + " LOGIN IN ROLE oryx_owner");
+    sql("CREATE DATABASE " + owned + " OWNER " + owner);
+    const TemporaryDirectory folder;
+    const std::string socket = std::getenv("ORYX_SERVER_SOCKET");
+    EXPECT_EQ(std::system(("PGHOST='" + socket + "' PGUSER=" + owner + " '" ORYX_SCHEMA "/apply' " + owned + " >'" +
+                           folder.file("out") + "' 2>'" + folder.file("err") + "'")
+                              .c_str()),
+              0)
+        << folder.read("err");
+    const std::string told = folder.read("err");
+    EXPECT_NE(
+        told.find("WARNING:  locks by number, large objects and messages to the log stay open to everybody who can"
+                  " connect\nHINT:  Have a superuser run this statement of schema/190_roles_by_job.sql"),
+        std::string::npos)
+        << told;
+    EXPECT_EQ(server::Session(owned).value("SELECT has_table_privilege('oryx_registrar', 'contact', 'INSERT')"), "t");
+    sql("DROP DATABASE " + owned + " WITH (FORCE)");
+    sql("DROP ROLE " + owner);
 }

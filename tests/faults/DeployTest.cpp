@@ -144,15 +144,17 @@ TEST_F(Deployed, MakesEachLoginAMemberOfTheRoleForItsJobAlone)
 {
     sql("GRANT oryx_server TO registrar, events"); // as it was before there were roles by job
     makeRoles();
-    EXPECT_EQ(rows("SELECT member::regrole, roleid::regrole FROM pg_auth_members WHERE member IN (SELECT oid FROM"
-                   " pg_roles WHERE rolcanlogin AND rolname NOT LIKE 'oryx\\_%') ORDER BY 1::text, 2::text"),
-              "events|oryx_presence\n"
-              "operator|oryx_operator\n"
-              "provisioning|oryx_provisioning\n"
-              "proxy|oryx_proxy\n"
-              "registrar|oryx_proxy\n"
-              "registrar|oryx_registrar\n"
-              "support|oryx_reader\n");
+    EXPECT_EQ(
+        rows(
+            "SELECT member::regrole, roleid::regrole FROM pg_auth_members WHERE member IN (SELECT oid FROM"
+            " pg_roles WHERE rolcanlogin AND rolname NOT LIKE 'oryx\\_%') ORDER BY member::regrole::text, roleid::regrole::text"),
+        "events|oryx_presence\n"
+        "operator|oryx_operator\n"
+        "provisioning|oryx_provisioning\n"
+        "proxy|oryx_proxy\n"
+        "registrar|oryx_proxy\n"
+        "registrar|oryx_registrar\n"
+        "support|oryx_reader\n");
 }
 
 TEST_F(Deployed, ConnectsALoginThatHasSpoiltItsOwnSettings)
@@ -161,7 +163,7 @@ TEST_F(Deployed, ConnectsALoginThatHasSpoiltItsOwnSettings)
     ASSERT_TRUE(connect("registrar"));
     for (const std::string setting :
          {"search_path = nowhere", "DateStyle = 'ISO, DMY'", "local_preload_libraries = nowhere"}) {
-        EXPECT_EQ(ask(self + setting), "");
+        EXPECT_EQ(outcome(m_executor.execute(self + setting)), "okay");
     }
     ASSERT_TRUE(connect("registrar")) << m_executor.getErrorMessage();
     EXPECT_EQ(ask("SELECT count(*), timestamp '2027-02-03 04:05:06' FROM contact"), "0|Wed Feb 03 04:05:06 2027\n");
@@ -174,7 +176,7 @@ TEST_F(Deployed, MendsALoginThatHasSpoiltItsOwnSettings)
 {
     ASSERT_TRUE(connect("registrar"));
     const std::string sound = settings();
-    for (const std::string where : {" ", " IN DATABASE " + m_database.name() + " "}) {
+    for (const std::string& where : {std::string(" "), " IN DATABASE " + m_database.name() + " "}) {
         for (const std::string setting : {"statement_timeout = 1", "default_transaction_read_only = on"}) {
             sql("ALTER ROLE registrar" + where + "SET " + setting);
         }
