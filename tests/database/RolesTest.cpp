@@ -401,6 +401,22 @@ TEST_F(RolesTried, NobodyHasAnythingByBeingAbleToConnect)
               "address_map_pattern\n");
 }
 
+TEST_F(RolesTried, ProvisioningLoadsTheSamplesAndWholeTables)
+{
+    const std::string psql =
+        "PGHOST=\"$ORYX_SERVER_SOCKET\" psql --no-psqlrc --quiet --set=ON_ERROR_STOP=1 --username=" +
+        server::loginOf("oryx_provisioning") + " --dbname=" + m_database.name();
+    for (const std::string sample : {"registration", "presence", "registration"}) { // as often as one likes
+        EXPECT_EQ(std::system((psql + " --file='" ORYX_SCHEMA "/sample/" + sample + ".sql'").c_str()), 0);
+    }
+    EXPECT_EQ(std::system(("printf 'erin\tsecret\nfrank\tsecret\n' | " + psql +
+                           " --command='COPY subscriber (user_id, s_password) FROM STDIN'")
+                              .c_str()),
+              0);
+    EXPECT_EQ(rows("SELECT user_id, s_password FROM subscriber ORDER BY user_id"),
+              "alice|wonderland\nbob|builder\ncarol|christmas\nerin|secret\nfrank|secret\nsales|NULL\n");
+}
+
 // Without a superuser ----------------------------------------------------------------------------------------------
 
 TEST_F(DatabaseTest, AnOwnerWhoIsNoSuperuserAppliesTheSchemaAndIsToldWhatStaysOpen)
