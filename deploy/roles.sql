@@ -4,10 +4,13 @@
 --     psql --dbname=oryx --file=deploy/roles.sql
 --
 -- Passwords: `\password registrar` in psql, which sends none in clear. Where nobody types, they are taken from the
--- environment, ORYX_REGISTRAR_PASSWORD, ORYX_EVENTS_PASSWORD and ORYX_SUPPORT_PASSWORD; a role without one keeps its own,
--- and a new one cannot log in with a password until it has one.
+-- environment, ORYX_REGISTRAR_PASSWORD, ORYX_EVENTS_PASSWORD and ORYX_SUPPORT_PASSWORD; a role without one, or with an
+-- empty one, keeps its own, and a new one cannot log in with a password until it has one.
 
 \set ON_ERROR_STOP on
+\set registrar_password ''
+\set events_password ''
+\set support_password ''
 \getenv registrar_password ORYX_REGISTRAR_PASSWORD
 \getenv events_password ORYX_EVENTS_PASSWORD
 \getenv support_password ORYX_SUPPORT_PASSWORD
@@ -26,15 +29,10 @@ ALTER ROLE support LOGIN;
 GRANT oryx_server TO registrar, events;
 GRANT oryx_reader TO support;
 
-\if :{?registrar_password}
-ALTER ROLE registrar PASSWORD :'registrar_password';
-\endif
-\if :{?events_password}
-ALTER ROLE events PASSWORD :'events_password';
-\endif
-\if :{?support_password}
-ALTER ROLE support PASSWORD :'support_password';
-\endif
+SELECT format('ALTER ROLE %I PASSWORD %L', name, password)
+    FROM (VALUES ('registrar', :'registrar_password'), ('events', :'events_password'), ('support', :'support_password'))
+        AS given (name, password)
+    WHERE password <> '' \gexec
 
 -- The registrar's statements take milliseconds. One that takes seconds is answered with an error while its caller still
 -- waits (RFC 3261 has him wait for 32 seconds), and with plain statements it is sent twice before that.

@@ -139,6 +139,16 @@ TEST_F(Deployed, LeavesARoleItsPasswordWhereNoneIsGiven)
     EXPECT_TRUE(connect("registrar")) << m_executor.getErrorMessage();
 }
 
+TEST_F(Deployed, LeavesARoleItsPasswordWhereAnEmptyOneIsGiven)
+{
+    setenv("ORYX_REGISTRAR_PASSWORD", "", 1);
+    makeRoles();
+    EXPECT_TRUE(connect("registrar")) << m_executor.getErrorMessage();
+    setenv("ORYX_REGISTRAR_PASSWORD", "it's another", 1);
+    makeRoles();
+    EXPECT_FALSE(connect("registrar"));
+}
+
 TEST_F(Deployed, HasTheServiceFileWinOverTheRoleAndTheRoleOverTheDatabase)
 {
     sql("ALTER DATABASE " + m_database.name() + " SET standard_conforming_strings = off");
