@@ -297,17 +297,21 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         failAfterReset();
+    m_unsettled = true;
     }
     return received;
 }
 
-/// A statement that brought back nothing on a new connection either.
+/// A statement that brought back nothing on a new connection either. Where that is for want of libpq's own memory, it
+/// is told as such, since no connection was lost. libpq says it in its messages alone: where the program has those
+/// translated, it counts as a loss.
 bool DatabaseConnection::failAfterReset()
 {
     const std::string why = reason();
     m_meter->lost(why);
-    if (why.find(kOutOfMemory) != std::string::npos || why.find("cannot allocate memory") != std::string::npos) {
-        m_unsettled = false; // nothing could be sent
+    const bool unsent = why.find("cannot allocate memory") != std::string::npos;
+    if (unsent || why.find(kOutOfMemory) != std::string::npos) {
+        m_unsettled = m_unsettled && !unsent; // it may have left a transaction, and its result found no memory
         throw std::bad_alloc();
     }
     return error("fatal query error after reset");
@@ -323,6 +327,7 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         return failAfterReset();
+    m_unsettled = true;
     }
     result.setResult(received);
     m_unsettled = result.fatal();
