@@ -8,7 +8,7 @@
 
 /// \file
 /// What operations do when memory runs out: nothing is thrown at their callers, and what they were given to fill is as
-/// it was.
+/// it was, or as it is set before the server is asked.
 
 namespace oryx {
 
