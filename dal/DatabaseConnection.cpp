@@ -125,11 +125,14 @@ void DatabaseConnection::leaveToParent()
     }
     m_generation = generation();
     const int socket = PQsocket(m_conn);
-    const int nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (socket >= 0 && dup3(nowhere, socket, O_CLOEXEC) < 0) {
-        ::close(socket); // no descriptor is left
+    int nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (nowhere >= 0 && socket >= 0) {
+        dup3(nowhere, socket, O_CLOEXEC);
+    } else if (socket >= 0) { // no descriptor is left but the socket's own, which libpq will close
+        ::close(socket);
+        nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     }
-    if (nowhere >= 0) {
+    if (nowhere >= 0 && nowhere != socket) {
         ::close(nowhere);
     }
 }
@@ -294,10 +297,10 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     }
     m_meter->repeated();
     m_trace.prn("connection reset, retrying query");
+    m_unsettled = true;
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         failAfterReset();
-    m_unsettled = true;
     }
     return received;
 }
@@ -324,10 +327,10 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
         return error("fatal query error, connection reset failed");
     }
     m_meter->repeated();
+    m_unsettled = true;
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         return failAfterReset();
-    m_unsettled = true;
     }
     result.setResult(received);
     m_unsettled = result.fatal();
@@ -394,15 +397,8 @@ bool DatabaseConnection::error()
 
 bool DatabaseConnection::error(const char* msg)
 {
-    return unlessOutOfMemory(
-        [&] {
-            m_errorMsg = msg != nullptr ? msg : "";
-            return false;
-        },
-        [this] {
-            m_errorMsg = kOutOfMemory;
-            return false;
-        });
+    keepReason(msg != nullptr ? msg : "", [this](const char* why) { m_errorMsg = why; });
+    return false;
 }
 
 } // namespace oryx

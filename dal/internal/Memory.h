@@ -27,6 +27,13 @@ auto unlessOutOfMemory(Operation&& operation, Otherwise&& otherwise) -> decltype
     return otherwise();
 }
 
+/// Has a reason kept; where there is no memory for it, that is the reason.
+template <typename Keep>
+void keepReason(const char* reason, Keep keep)
+{
+    unlessOutOfMemory([&] { keep(reason); }, [&] { keep(kOutOfMemory); });
+}
+
 /// Takes back what was added behind the first `count` records, and the room that was made for it.
 template <typename Record>
 void takeBack(std::vector<Record>& records, std::size_t count, std::size_t capacity) noexcept
