@@ -119,6 +119,13 @@ measure_searches() {
     printf '%-34s%36s   %36s\n' '' 'plain' 'bound'
     measure_searching 'as released'
 
+    began=$SECONDS
+    "$root/schema/apply" searches
+    printf 'migrated in %d s\n' "$((SECONDS - began))"
+    run_sql searches -c 'VACUUM'
+    measure_searching "the schema's"
+    # What else was tried, of one search and with its whole pattern.
+    run_sql searches -c 'ALTER TABLE event_watchers ALTER presentitykey TYPE text'
     for each in "${kWatcherIndexes[@]}"; do
         began=$SECONDS
         run_sql searches -c 'DROP INDEX event_watchers_presentitykey' \
@@ -129,11 +136,4 @@ measure_searches() {
         next=$((next + kStoredPerRun))
         run_sql searches -c "SELECT '  ' || pg_size_pretty(pg_relation_size('event_watchers_presentitykey'))"
     done
-    run_sql searches -c 'DROP INDEX event_watchers_presentitykey' -c "${kSearchIndexes[2]}"
-
-    began=$SECONDS
-    "$root/schema/apply" searches
-    printf 'migrated in %d s\n' "$((SECONDS - began))"
-    run_sql searches -c 'VACUUM'
-    measure_searching 'the schema'"'"'s'
 }

@@ -25,12 +25,11 @@ sweep() {
 
 # Refreshes of contacts that expire half an hour later than they would have, and sweeps, with one of the aids.
 measure_aid() {
-    local name enable disable aid=$1 round before wal hot
+    local name enable disable aid=$1 round hot
     IFS='|' read -r name enable disable <<<"${kSweepAids[aid]}"
     run_sql sweeps -c "$enable" -c 'VACUUM ANALYZE contact'
     run_sql sweeps -c "SELECT pg_stat_reset_single_table_counters('contact'::regclass)" >"$folder/out"
     for ((round = 0; round < 3; round++)); do
-        before=$(run_sql sweeps -c 'SELECT pg_current_wal_insert_lsn()')
         run_sql sweeps --set=first="$(((aid * 3 + round) * kChangesPerRound))" --set=count="$kChangesPerRound" --set=size="$size" <<'SQL' >"$folder/refresh.sql"
 SELECT format('EXECUTE refresh(%s, %s, %L);', expires + 1800, csid, address) FROM contact
     JOIN (SELECT (:first + k) * 997 % :size + 1 AS csid FROM generate_series(1, :count) AS k) AS chosen USING (csid)
@@ -39,17 +38,16 @@ SQL
         work sweeps "$folder/refresh.sql" "$kChangesPerRound" "PREPARE refresh(bigint, int, text) AS
             UPDATE contact SET contact_header = 'header', expires = \$1, call_id = call_id, cseq = cseq + 1 WHERE csid = \$2 AND address = \$3;" \
             >>"$folder/aid.refresh.$aid"
-        wal=$(run_sql sweeps -c "SELECT (pg_current_wal_insert_lsn() - '$before')::bigint / $kChangesPerRound")
         sweep "$kRegistrarSweep" "$folder/aid.registrar.$aid"
         sweep "$kFlush" "$folder/aid.flush.$aid"
     done
     sleep 1
     hot=$(run_sql sweeps -c "SELECT round(100.0 * n_tup_hot_upd / n_tup_upd) FROM pg_stat_user_tables WHERE relname = 'contact'")
-    awk -v name="$name" -v hot="$hot" -v wal="$wal" -v refresh="$(median "$folder/aid.refresh.$aid")" -v base="$(median "$folder/aid.refresh.0")" \
+    awk -v name="$name" -v hot="$hot" -v refresh="$(median "$folder/aid.refresh.$aid")" -v base="$(median "$folder/aid.refresh.0")" \
         -v registrar="$(median "$folder/aid.registrar.$aid.work") $(median "$folder/aid.registrar.$aid.time")" \
         -v flush="$(median "$folder/aid.flush.$aid.work") $(median "$folder/aid.flush.$aid.time")" \
         'BEGIN { split(registrar, r, " "); split(flush, f, " ")
-                 printf "%-36s%8.1f (%.2f)%8d%9d%%%10.0f%8.0f%12.0f%8.0f\n", name, refresh, refresh / base, wal, hot, r[1], r[2], f[1], f[2] }'
+                 printf "%-36s%8.1f (%.2f)%9d%%%10.0f%8.0f%12.0f%8.0f\n", name, refresh, refresh / base, hot, r[1], r[2], f[1], f[2] }'
     run_sql sweeps -c "$disable"
 }
 
@@ -76,8 +74,8 @@ ALTER TABLE contact ADD CONSTRAINT contact_pkey PRIMARY KEY (contact_id),
 VACUUM ANALYZE;
 SQL
     printf '\n%d contacts, one in a hundred expired; shared_buffers %s\n' "$((size * 3 / 2))" "$(run_sql sweeps -c 'SHOW shared_buffers')"
-    printf '%-36s%15s%8s%10s%18s%20s\n%-36s%15s%8s%10s%18s%20s\n' '' 'refresh, us' 'log,' 'in place' "registrar's sweep" \
-        "flush, its SELECT" '' 'of processor' 'bytes' '' 'processor, all' 'processor, all'
+    printf '%-36s%15s%10s%18s%20s\n%-36s%15s%10s%18s%20s\n' '' 'refresh, us' 'in place' "registrar's, ms" \
+        'flush, ms' '' 'of processor' '' 'processor, all' 'processor, all'
     for aid in "${!kSweepAids[@]}"; do
         measure_aid "$aid"
     done

@@ -71,7 +71,7 @@ protected:
     {
         std::string made;
         for (const char c : text) {
-            made.append(c == '\'' ? 2 : 1, c);
+            made.append(c == '\'' ? 2U : 1U, c);
         }
         return made;
     }
