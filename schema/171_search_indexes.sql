@@ -16,8 +16,8 @@ BEGIN
 END
 $$;
 
--- With fastupdate, which is the stock setting, a row that is stored waits in a list that every search reads, until a row
--- comes that has to enter them all: up to half a second at a million rows.
+-- With fastupdate, which is the stock setting, a row that is stored waits in a list that every search reads, until one
+-- comes that has to enter all of them, and whoever stores that waits.
 -- The event package tells hardly any rows apart, so it is only looked at in what else is found. Its own index serves
 -- who asks for nothing else.
 CREATE INDEX IF NOT EXISTS subscription_states_received ON subscription_states

@@ -98,7 +98,7 @@ measure_searching() {
         measure_stored "$each"
     done
     next=$((next + kStoredPerRun))
-    run_sql searches -c "SELECT format('  %-32s%s', relname, pg_size_pretty(pg_relation_size(oid))) FROM pg_class
+    run_sql searches -c "SELECT format('  %-38s%s', relname, pg_size_pretty(pg_relation_size(oid))) FROM pg_class
                          WHERE relkind = 'i' AND relam <> (SELECT oid FROM pg_am WHERE amname = 'btree')
                             AND relnamespace = 'public'::regnamespace AND pg_relation_size(oid) > 1000000 ORDER BY 1"
 }
