@@ -119,7 +119,8 @@ CREATE VIEW horizon_holder AS
 -- on and on. What maintains the database takes its time.
 CREATE VIEW open_transaction AS
     SELECT pid, usename, application_name, state, clock_timestamp() - xact_start AS open_for,
-           clock_timestamp() - state_change AS idle_for, state LIKE 'idle in transaction%' AS is_idle
+           clock_timestamp() - state_change AS idle_for, state LIKE 'idle in transaction%' AS is_idle,
+           pg_has_role(usesysid, 'oryx_owner', 'MEMBER') AS may_migrate
         FROM pg_stat_activity
         WHERE backend_type = 'client backend' AND datname = current_database() AND pid <> pg_backend_pid()
             AND xact_start IS NOT NULL
@@ -128,7 +129,8 @@ CREATE VIEW open_transaction AS
                             UNION SELECT pid FROM pg_stat_progress_cluster);
 
 -- Ends the sessions that leave a transaction open without doing anything in it, and cancels statements whose transaction
--- has been open for too long. One row for each; a superuser's cannot be ended so, and says why.
+-- has been open for too long; not of who may change the schema, as a migration or a superuser's dump takes its time. One
+-- row for each; a superuser's session cannot be ended so, and says why.
 CREATE FUNCTION end_forgotten_transactions(idle_limit interval, running_limit interval)
 RETURNS TABLE (session text, ended boolean, failure text) LANGUAGE plpgsql
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
@@ -136,7 +138,7 @@ DECLARE
     forgotten record;
 BEGIN
     FOR forgotten IN SELECT * FROM public.open_transaction
-                         WHERE is_idle AND idle_for > idle_limit OR NOT is_idle AND open_for > running_limit LOOP
+                         WHERE is_idle AND idle_for > idle_limit OR NOT is_idle AND open_for > running_limit AND NOT may_migrate LOOP
         session := format('session %s of %s (%s), %s, open for %s s', forgotten.pid, forgotten.usename,
                           coalesce(nullif(forgotten.application_name, ''), 'no name'), forgotten.state,
                           floor(extract(epoch FROM forgotten.open_for)));

@@ -43,6 +43,14 @@ protected:
         sql("UPDATE alarm_limit SET allowed = " + std::to_string(allowed) + " WHERE alarm = '" + name + "'");
     }
 
+    /// A role that may log in, for all tests of it at once.
+    void makeRole(const std::string& name)
+    {
+        sql("DO $$ BEGIN CREATE ROLE " + name + " LOGIN PASSWORD '" + server::kPassword +
+            "'; EXCEPTION WHEN duplicate_object OR unique_violation THEN NULL; END $$");
+        sql("GRANT CONNECT ON DATABASE " + m_database.name() + " TO " + name);
+    }
+
     /// What a server is told.
     std::string ask(const std::string& statement) { return outcome(m_executor.execute(statement)); }
 
@@ -120,14 +128,27 @@ TEST_F(Upkeep, CancelsAStatementThatGoesOnAndOn)
     EXPECT_EQ(asked.get(), "query error: [57014] ERROR:  canceling statement due to user request");
 }
 
+TEST_F(Upkeep, LetsAMigrationTakeItsTime)
+{
+    makeRole("oryx_test_migration");
+    sql("GRANT oryx_owner TO oryx_test_migration");
+    ASSERT_TRUE(m_executor.connect(m_database.uri().c_str(), "oryx_test_migration", server::kPassword));
+    auto asked = std::async(std::launch::async, [this] { return ask("SELECT pg_sleep(2)"); });
+    while (m_session.value("SELECT count(*) FROM pg_stat_activity WHERE datname = current_database()"
+                           " AND usename = 'oryx_test_migration' AND wait_event = 'PgSleep'") == "0") {
+    }
+    EXPECT_EQ(doneAgain("running_limit => '0'"), kNothingForgotten);
+    EXPECT_EQ(asked.get(), "okay");
+}
+
 TEST_F(Upkeep, LetsAVacuumTakeItsTime)
 {
-    // What ends a statement of a superuser's session is refused in any case.
-    sql("DO $$ BEGIN CREATE ROLE oryx_test_owner LOGIN PASSWORD '" + std::string(server::kPassword) +
-        "' IN ROLE oryx_owner; EXCEPTION WHEN duplicate_object OR unique_violation THEN NULL; END $$");
+    // Not as the schema's owner, who is left alone in any case, nor as a superuser, whom nobody else can cancel.
+    makeRole("oryx_test_vacuum");
+    sql("ALTER DATABASE " + m_database.name() + " OWNER TO oryx_test_vacuum");
     sql("INSERT INTO contact_set (csid) VALUES (12);"
         "INSERT INTO contact (csid, address) SELECT 12, n FROM generate_series(1, 20000) n");
-    ASSERT_TRUE(m_executor.connect(m_database.uri().c_str(), "oryx_test_owner", server::kPassword));
+    ASSERT_TRUE(m_executor.connect(m_database.uri().c_str(), "oryx_test_vacuum", server::kPassword));
     ASSERT_EQ(ask("SET vacuum_cost_delay = 100"), "okay");
     ASSERT_EQ(ask("SET vacuum_cost_limit = 1"), "okay");
     auto asked = std::async(std::launch::async, [this] { return ask("VACUUM contact"); });
@@ -139,6 +160,7 @@ TEST_F(Upkeep, LetsAVacuumTakeItsTime)
     EXPECT_EQ(doneAgain("idle_limit => '0', running_limit => '0'"), kNothingForgotten);
     sql("SELECT pg_cancel_backend(" + pid + ")");
     asked.wait();
+    sql("ALTER DATABASE " + m_database.name() + " OWNER TO CURRENT_USER");
 }
 
 TEST_F(Upkeep, SaysWhatItMayNotEnd)
