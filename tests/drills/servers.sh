@@ -6,7 +6,8 @@
 # ever signalled: each server's postmaster, by the number in its postmaster.pid.
 
 binaries=$(pg_config --bindir 2>/dev/null || true)
-[[ -x $binaries/postgres ]] || binaries=$(find /usr/lib/postgresql/*/bin -name postgres -printf '%h\n' | sort -V | tail -n 1)
+[[ -x $binaries/postgres ]] ||
+    binaries=$(find /usr/lib/postgresql/*/bin -name postgres -printf '%h\n' | sort -V | tail -n 1)
 
 data=$(server_data)
 base=$(mktemp -d "${data:-${TMPDIR:-/tmp}}/oryx-drills.XXXXXX")
