@@ -2,6 +2,7 @@
 // does what it is there for.
 
 #include "support/DatabaseTest.h"
+#include "support/Measure.h"
 #include "support/Proxy.h"
 #include "support/Show.h"
 
@@ -15,7 +16,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -32,13 +32,6 @@ constexpr seconds kPatience(25);
 const std::string kSettings =
     "'client_connection_check_interval', 'client_encoding', 'default_transaction_isolation', "
     "'idle_in_transaction_session_timeout', 'lock_timeout', 'standard_conforming_strings', 'statement_timeout'";
-
-milliseconds timed(const std::function<void()>& call)
-{
-    const auto begin = std::chrono::steady_clock::now();
-    call();
-    return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - begin);
-}
 
 class Deployed : public DatabaseTest {
 protected:
@@ -222,6 +215,7 @@ TEST_F(Deployed, EndsTheStatementOfAClientThatIsGone)
         ask("SELECT pg_sleep(300)");
         ::_exit(0);
     }
+    ASSERT_GT(client, 0); // or everything would be killed
     const std::string session = waitingSession("support");
     EXPECT_NE(session, "");
     ::kill(client, SIGKILL);
