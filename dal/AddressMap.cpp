@@ -16,7 +16,8 @@ bool AddressMap::compile(const char* pattern, time_t modTime)
     m_regex.free();
     // To the regular-expression library an empty pattern matches everything; to an operator it is a map not filled in.
     const bool valid = *given != '\0' && m_regex.compile(given, false);
-    m_time = modTime; // only now: where memory runs out before, the next attempt compiles again
+    // Only now, and not for want of memory: where that runs out, the next attempt compiles again.
+    m_time = m_regex.lacksMemory() ? 0 : modTime;
     return valid;
 }
 

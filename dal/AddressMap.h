@@ -19,6 +19,8 @@ public:
     /// text is kept in any case. A pattern that is empty or does not compile never matches. The return value carries no
     /// meaning.
     bool compile(const char* pattern, time_t modTime);
+    /// Whether memory did not suffice for the last pattern: `compile` tries again whatever its time.
+    bool lacksMemory() const { return m_regex.lacksMemory(); }
     /// Whether the expression held is found in a request URI, which must not be null.
     bool matches(const char* uri);
 

@@ -36,7 +36,7 @@ DatabaseResult refusedRun(DatabaseResult::status status, const char* why)
 {
     DatabaseResult result;
     status == DatabaseResult::QUERY_ERROR ? result.setQueryError() : result.setConnectionError();
-    unlessOutOfMemory([&] { result.setErrorMessage(why); }, [&] { result.setErrorMessage(kOutOfMemory); });
+    keepReason(why, [&](const char* reason) { result.setErrorMessage(reason); });
     return result;
 }
 

@@ -94,14 +94,13 @@ int CommandExecutor::getDomainNameList(std::vector<std::string>& domainNameList)
         m_frame->trace.prn("getDomainNameList(): *** WARNING ***: Empty value for domains found!");
         return 0;
     }
-    m_frame->guarded(false, [&] {
+    m_frame->attempt([&] {
         addAllOrNone(domainNameList, [&] {
             StringTokenizer domains(value, " ,;:");
             while (domains.hasMoreTokens()) {
                 domainNameList.push_back(domains.nextToken());
             }
         });
-        return true;
     });
     const int count = static_cast<int>(domainNameList.size());
     m_frame->trace.prn("getDomainNameList(): read %d domains, first is %s", count,

@@ -18,8 +18,8 @@ class Frame;
 /// server's domain list.
 ///
 /// Nothing is thrown by an operation: where memory runs out it fails for that reason, "out of memory", and what it was
-/// given is as it was. Operations that return `bool` leave the reason of a failure in `getErrorMessage()`. An executor
-/// is used by one thread at a time.
+/// to fill is as it was, or as it is set before the server is asked (a key of -1, say). Operations that return `bool`
+/// leave the reason of a failure in `getErrorMessage()`. An executor is used by one thread at a time.
 /// \ingroup core
 class ORYX_EXPORT CommandExecutor {
 public:

@@ -89,11 +89,7 @@ std::string& DatabaseCommandExecutor::getErrorMessage()
 DatabaseResult& DatabaseCommandExecutor::transactionExecute(const std::string& cmd, DatabaseResult& result,
                                                             QueryResult& qres, bool isTransaction)
 {
-    const bool ended = m_frame->guarded(false, [&] {
-        executeTraced(*m_frame, cmd, result, qres);
-        return true;
-    });
-    if (!ended) {
+    if (!m_frame->attempt([&] { executeTraced(*m_frame, cmd, result, qres); })) {
         result = m_frame->queryError();
     }
     if (!result.okay() && isTransaction && (!m_frame->connection || !m_frame->connection->execute("ROLLBACK;", qres))) {
@@ -127,7 +123,7 @@ std::string DatabaseCommandExecutor::getSystemParameterValue(const std::string& 
 std::string& DatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
-    m_frame->guarded(false, [&] { return takeDomain(index, domainName); });
+    m_frame->attempt([&] { takeDomain(index, domainName); });
     return domainName;
 }
 

@@ -125,11 +125,14 @@ void DatabaseConnection::leaveToParent()
     }
     m_generation = generation();
     const int socket = PQsocket(m_conn);
-    const int nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (socket >= 0 && dup3(nowhere, socket, O_CLOEXEC) < 0) {
-        ::close(socket); // no descriptor is left
+    int nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (nowhere >= 0 && socket >= 0) {
+        dup3(nowhere, socket, O_CLOEXEC);
+    } else if (socket >= 0) { // no descriptor is left but the socket's own, which libpq will close
+        ::close(socket);
+        nowhere = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     }
-    if (nowhere >= 0) {
+    if (nowhere >= 0 && nowhere != socket) {
         ::close(nowhere);
     }
 }
@@ -294,6 +297,7 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     }
     m_meter->repeated();
     m_trace.prn("connection reset, retrying query");
+    m_unsettled = true;
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         failAfterReset();
@@ -301,13 +305,16 @@ PGresult* DatabaseConnection::repeatAfterLoss(const char* cmd)
     return received;
 }
 
-/// A statement that brought back nothing on a new connection either.
+/// A statement that brought back nothing on a new connection either. Where that is for want of libpq's own memory, it
+/// is told as such, since no connection was lost. libpq says it in its messages alone: where the program has those
+/// translated, it counts as a loss.
 bool DatabaseConnection::failAfterReset()
 {
     const std::string why = reason();
     m_meter->lost(why);
-    if (why.find(kOutOfMemory) != std::string::npos || why.find("cannot allocate memory") != std::string::npos) {
-        m_unsettled = false; // nothing could be sent
+    const bool unsent = why.find("cannot allocate memory") != std::string::npos;
+    if (unsent || why.find(kOutOfMemory) != std::string::npos) {
+        m_unsettled = m_unsettled && !unsent; // it may have left a transaction, and its result found no memory
         throw std::bad_alloc();
     }
     return error("fatal query error after reset");
@@ -320,6 +327,7 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
         return error("fatal query error, connection reset failed");
     }
     m_meter->repeated();
+    m_unsettled = true;
     PGresult* const received = PQexec(m_conn, cmd);
     if (received == nullptr) {
         return failAfterReset();
@@ -389,15 +397,8 @@ bool DatabaseConnection::error()
 
 bool DatabaseConnection::error(const char* msg)
 {
-    return unlessOutOfMemory(
-        [&] {
-            m_errorMsg = msg != nullptr ? msg : "";
-            return false;
-        },
-        [this] {
-            m_errorMsg = kOutOfMemory;
-            return false;
-        });
+    keepReason(msg != nullptr ? msg : "", [this](const char* why) { m_errorMsg = why; });
+    return false;
 }
 
 } // namespace oryx

@@ -34,8 +34,7 @@ ORYX_EXPORT void DbcNoticeProcessor(void* arg, const char* message);
 ///
 /// A lost connection is reset and its statement sent again (`execute` has the rule); every failure leaves its reason in
 /// `getErrorMessage()`, every success empties it; where memory runs out it is "out of memory". Used by one thread at a
-/// time. In a child process
-/// it is lost: the parent keeps it, and the child connects anew.
+/// time. In a child process it is lost: the parent keeps it, and the child connects anew.
 /// \ingroup core
 class ORYX_EXPORT DatabaseConnection {
 public:

@@ -44,11 +44,10 @@ std::string PresenceDatabaseCommandExecutor::getSystemParameterValue(const std::
 std::string& PresenceDatabaseCommandExecutor::getNthElementOfDomainList(std::string& domainName, unsigned int index)
 {
     domainName.clear();
-    m_frame->guarded(false, [&] {
+    m_frame->attempt([&] {
         std::vector<std::string> domains;
         getDomainNameList(domains);
         pickDomain(m_frame->trace, domains, index, domainName);
-        return true;
     });
     return domainName;
 }

@@ -5,8 +5,8 @@
 --     psql --dbname=oryx --file=deploy/roles.sql
 --
 -- Passwords: `\password registrar` in psql, which sends none in clear. Where nobody types, they are taken from the
--- environment, ORYX_REGISTRAR_PASSWORD, ORYX_PROXY_PASSWORD and so on for each of the roles; a role without one keeps its
--- own, and a new one cannot log in with a password until it has one.
+-- environment, ORYX_REGISTRAR_PASSWORD, ORYX_PROXY_PASSWORD and so on for each of the roles; a role without one, or with
+-- an empty one, keeps its own, and a new one cannot log in with a password until it has one.
 --
 -- A login can end its own sessions and spoil its own settings: give each process, or at least each machine, one of its own.
 
@@ -14,6 +14,12 @@
 \set logins 'unnest(ARRAY[''registrar'', ''proxy'', ''events'', ''provisioning'', ''operator'', ''support'']) login'
 \set servers 'unnest(ARRAY[''registrar'', ''proxy'', ''events'']) login'
 \set people 'unnest(ARRAY[''provisioning'', ''operator'', ''support'']) login'
+\set registrar_password ''
+\set proxy_password ''
+\set events_password ''
+\set provisioning_password ''
+\set operator_password ''
+\set support_password ''
 \getenv registrar_password ORYX_REGISTRAR_PASSWORD
 \getenv proxy_password ORYX_PROXY_PASSWORD
 \getenv events_password ORYX_EVENTS_PASSWORD
@@ -41,24 +47,11 @@ GRANT oryx_provisioning TO provisioning;
 GRANT oryx_operator TO operator;
 GRANT oryx_reader TO support;
 
-\if :{?registrar_password}
-ALTER ROLE registrar PASSWORD :'registrar_password';
-\endif
-\if :{?proxy_password}
-ALTER ROLE proxy PASSWORD :'proxy_password';
-\endif
-\if :{?events_password}
-ALTER ROLE events PASSWORD :'events_password';
-\endif
-\if :{?provisioning_password}
-ALTER ROLE provisioning PASSWORD :'provisioning_password';
-\endif
-\if :{?operator_password}
-ALTER ROLE operator PASSWORD :'operator_password';
-\endif
-\if :{?support_password}
-ALTER ROLE support PASSWORD :'support_password';
-\endif
+SELECT format('ALTER ROLE %I PASSWORD %L', name, password)
+    FROM (VALUES ('registrar', :'registrar_password'), ('proxy', :'proxy_password'), ('events', :'events_password'),
+                 ('provisioning', :'provisioning_password'), ('operator', :'operator_password'),
+                 ('support', :'support_password')) AS given (name, password)
+    WHERE password <> '' \gexec
 
 -- The registrar's and the proxy's statements take milliseconds. One that takes seconds is answered with an error while
 -- its caller still waits (RFC 3261 has him wait for 32 seconds), and with plain statements it is sent twice before that.
@@ -92,8 +85,5 @@ SELECT format('ALTER ROLE %I SET default_transaction_isolation = ''read committe
 -- As in deploy/pg_service.conf, for a service that connects without it.
 SELECT format('ALTER ROLE %I SET standard_conforming_strings = on', login) FROM :servers \gexec
 SELECT format('ALTER ROLE %I SET client_encoding = ''UTF8''', login) FROM :servers \gexec
-
--- The operator sees the statements that are under way, and would see passwords in these.
-ALTER ROLE provisioning SET track_activities = off;
 
 COMMIT;

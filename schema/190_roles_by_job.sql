@@ -21,11 +21,11 @@ BEGIN
 END
 $$;
 
--- The operator reads what the reader does, and sees how the server is: sessions, waits, settings, sizes.
+-- The operator reads what the reader does. Others' statements it does not see: there may be passwords in them.
 DO $$
 BEGIN
-    IF NOT pg_has_role('oryx_operator', 'oryx_reader', 'MEMBER') OR NOT pg_has_role('oryx_operator', 'pg_monitor', 'MEMBER') THEN
-        GRANT oryx_reader, pg_monitor TO oryx_operator;
+    IF NOT pg_has_role('oryx_operator', 'oryx_reader', 'MEMBER') THEN
+        GRANT oryx_reader TO oryx_operator;
     END IF;
 EXCEPTION WHEN unique_violation THEN
     NULL;  -- granted by another database's migration since the look
@@ -113,6 +113,9 @@ GRANT EXECUTE ON FUNCTION next_sid(), next_csid(), next_contact_id(), address_cs
     add_contact(text, text, text, bigint, boolean, text, text, text, text, bigint) TO oryx_provisioning;
 
 -- The operator: beside what it sees, the care of what grows.
-GRANT EXECUTE ON FUNCTION trim_event_notify(interval) TO oryx_operator;
+GRANT EXECUTE ON FUNCTION trim_event_notify(interval), oryx_upkeep(interval, interval, interval), oryx_alarms()
+    TO oryx_operator;
+GRANT UPDATE (allowed) ON alarm_limit TO oryx_operator;
+GRANT SELECT ON alarm_limit, upkeep_run TO oryx_reader;
 
 RESET ROLE;

@@ -49,7 +49,8 @@ missing_packages() {
     done
 }
 
-# What is in the way of the packages' own services goes with the subshell, also when interrupted.
+# What is in the way of the packages' own services goes with the subshell, also when interrupted. As a step's command it
+# must end by itself at what fails: packages would start services.
 install_packages() (
     # Debian makes and starts a database cluster with the server's package, and each pooler and member of a cluster as a
     # service of this machine. Nobody asked for them. While there is a policy-rc.d that says 101, no package starts a
@@ -57,8 +58,8 @@ install_packages() (
     # end would otherwise take away what the other one counts on.
     no_cluster=/etc/postgresql-common/createcluster.d/oryx-dal.conf no_services=/usr/sbin/policy-rc.d made=()
     policy=$'#!/bin/sh\n# For as long as oryx-dal installs packages.\nexit 101'
-    exec {turn}</etc/apt
-    flock "$turn"
+    exec {turn}</etc/apt || exit
+    flock "$turn" || exit
     remove_made() {
         as_root rm -f "${made[@]}"
         [[ $(cat "$no_services" 2>/dev/null) != "$policy" ]] || as_root rm -f "$no_services"
@@ -66,12 +67,12 @@ install_packages() (
     trap remove_made EXIT
     if [[ ! -e /usr/bin/pg_createcluster ]]; then
         made+=("$no_cluster")
-        as_root mkdir -p "${no_cluster%/*}"
-        as_root tee "$no_cluster" <<<'create_main_cluster = false'
+        as_root mkdir -p "${no_cluster%/*}" || exit
+        as_root tee "$no_cluster" <<<'create_main_cluster = false' || exit
     fi
     if [[ ! -e $no_services ]]; then
-        as_root tee "$no_services" <<<"$policy"
-        as_root chmod 755 "$no_services"
+        as_root tee "$no_services" <<<"$policy" || exit
+        as_root chmod 755 "$no_services" || exit
     fi
     status=0
     as_root apt-get update {turn}<&- &&

@@ -40,7 +40,10 @@ bool RegExp::compile(const char* expr, bool ignoreCase)
     // A dial plan's patterns hold the digits that tell them apart. A glance at those spares most texts the automaton;
     // thousands of automatons do not fit the processor's caches.
     m_required = ignoreCase ? "" : requiredText(m_pattern);
-    m_compiled = expr != nullptr && regcomp(&m_regex, expr, REG_EXTENDED | (ignoreCase ? REG_ICASE : 0)) == 0;
+    const int outcome =
+        expr != nullptr ? regcomp(&m_regex, expr, REG_EXTENDED | (ignoreCase ? REG_ICASE : 0)) : REG_BADPAT;
+    m_compiled = outcome == 0;
+    m_lacksMemory = outcome == REG_ESPACE;
     tracer.prn(m_compiled ? "compile ok" : "compile failed");
     return valid();
 }
@@ -62,6 +65,7 @@ bool RegExp::match(const char* text)
 
 void RegExp::free()
 {
+    m_lacksMemory = false;
     if (m_compiled) {
         m_compiled = false;
         regfree(&m_regex);

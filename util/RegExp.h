@@ -26,6 +26,8 @@ public:
     bool match(const char* text);
     /// Whether an expression is held.
     bool valid() const { return m_compiled; }
+    /// Whether memory ran out in the expression library the last time: the expression may be valid another time.
+    bool lacksMemory() const { return m_lacksMemory; }
     /// Lets go of the expression, if one is held.
     void free();
 
@@ -34,6 +36,7 @@ private:
     std::string m_required; // part of every text that matches
     regex_t m_regex{};
     bool m_compiled = false;
+    bool m_lacksMemory = false;
 };
 
 } // namespace oryx

@@ -45,6 +45,9 @@ time_t beginning(int month)
 // The columns that an entry is made of: handle, csid, pattern, modification time. The others are but traced.
 constexpr std::array kMapColumns{2, 3, 4, 5};
 
+/// A pattern that always needs more memory than there is must not keep lookups busy.
+constexpr std::chrono::seconds kLongestPauseOfMaps = std::chrono::hours(1);
+
 /// NULL and empty come to the same in these: a contact set's key, that the maps are joined by, is neither.
 const char* columnText(const Row& row, int column)
 {
@@ -109,7 +112,23 @@ bool AddressMapCache::seenBefore(const QueryResult& rows)
     if (m_zone != former) {
         m_seen = SeenRows(); // their times would be read as others now
     }
-    return !zel::Trace::enabled(zel::TraceKind::prn) && m_seen.areJust(rows);
+    return !zel::Trace::enabled(zel::TraceKind::prn) && !attemptIsDue() && m_seen.areJust(rows);
+}
+
+bool AddressMapCache::attemptIsDue() const
+{
+    return m_pause.count() != 0 && std::chrono::steady_clock::now() >= m_attempt;
+}
+
+/// After the cache was brought into line, when it may be that memory did not suffice for a map.
+void AddressMapCache::planAttempt(bool failed)
+{
+    if (!failed) {
+        m_pause = std::chrono::seconds(0);
+    } else if (m_pause.count() == 0 || attemptIsDue()) {
+        m_pause = std::clamp(2 * m_pause, std::chrono::seconds(1), kLongestPauseOfMaps);
+        m_attempt = std::chrono::steady_clock::now() + m_pause;
+    }
 }
 
 AddressMapCache::SeenRows::SeenRows(std::size_t rows, const SeenRows& other) : m_unshared(true)
@@ -194,7 +213,9 @@ private:
 void AddressMapCache::bringIntoLine(const QueryResult& rows)
 {
     const bool traced = zel::Trace::enabled(zel::TraceKind::prn); // each row has lines of its own then
-    const SeenRows before = std::exchange(m_seen, SeenRows());    // nothing is seen if this ends early
+    const bool again = attemptIsDue();
+    bool failed = false;
+    const SeenRows before = std::exchange(m_seen, SeenRows()); // nothing is seen if this ends early
     SeenRows now(static_cast<std::size_t>(rows.rows()), before);
     const std::size_t oldEntries = m_entries.size();
     mark();
@@ -203,15 +224,17 @@ void AddressMapCache::bringIntoLine(const QueryResult& rows)
     for (int i = 0; i < rows.rows(); ++i) {
         const Row row(rows, i);
         Entry* entry = before.entry(next);
-        if (traced || !before.unchanged(next, row)) {
+        if (traced || !before.unchanged(next, row) || (again && entry->map.lacksMemory())) {
             entry = &refresh(readAddressMap(row), finder, entry);
         }
         next = entry->place ? *entry->place + 1 : next;
         entry->place = static_cast<std::size_t>(i);
         entry->current = true;
+        failed = failed || entry->map.lacksMemory();
         now.add(row, *entry);
     }
     sweep(oldEntries);
+    planAttempt(failed);
     m_seen = std::move(now);
 }
 

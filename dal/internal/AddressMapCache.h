@@ -7,6 +7,7 @@
 #include <zel/Trace.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <ctime>
 #include <functional>
@@ -95,6 +96,8 @@ private:
     DatabaseResult readTable(const Queries& queries);
     bool seenBefore(const QueryResult& rows);
     void bringIntoLine(const QueryResult& rows);
+    bool attemptIsDue() const;
+    void planAttempt(bool failed);
     void mark();
     Entry& refresh(const AddressMapRecord& record, Finder& finder, Entry* expected);
     void sweep(std::size_t oldEntries);
@@ -106,6 +109,9 @@ private:
     Entries m_entries;
     SeenRows m_seen; // by the last lookup, or none; their entries are the cache's, all of them
     Zone m_zone{};   // that their times were read in
+    // When the maps that memory did not suffice for are compiled again, and how long after the attempt before; 0: none.
+    std::chrono::steady_clock::time_point m_attempt;
+    std::chrono::seconds m_pause{0};
     zel::Trace m_trace;
 };
 

@@ -2,6 +2,7 @@
 
 #include <dal/internal/Process.h>
 #include <dal/internal/RandomText.h>
+#include <zel/Trace.h>
 
 #include <libpq-fe.h>
 
@@ -26,7 +27,9 @@ constexpr std::string_view kNoSuchStatement = "26000"; // the server, or a poole
 constexpr std::string_view kPlanOutdated = "0A000";    // a migration changed what the statement returns
 constexpr std::string_view kAlreadyPrepared = "42P05"; // by whom a pooler gave this server connection to before
 constexpr std::string_view kNoSuchTable = "42P01";
-constexpr std::string_view kDoneBefore = "OX001"; // the schema's own: a change of this number has taken effect
+constexpr std::string_view kNoRight = "42501";
+constexpr std::string_view kConcurrentUpdate = "40001"; // of what this transaction must not see
+constexpr std::string_view kDoneBefore = "OX001";       // the schema's own: a change of this number has taken effect
 
 std::string_view sqlState(const PGresult* result)
 {
@@ -51,18 +54,23 @@ bool copies(const PGresult* result)
     return status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH;
 }
 
-bool takeEffectOnce(std::span<const Statement> statements)
+bool anyOf(std::span<const Statement> statements, bool (Statement::*is)() const)
 {
-    return std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::takesEffectOnce));
+    return std::any_of(statements.begin(), statements.end(), std::mem_fn(is));
 }
 
-bool answerKept(std::span<const Statement> statements)
+/// Once: every connection of such a role would tell it.
+void tellNoRightToSending()
 {
-    return std::any_of(statements.begin(), statements.end(), std::mem_fn(&Statement::answerKept));
+    static std::atomic<bool> told = false;
+    if (!told.exchange(true)) {
+        zel::Trace("oryx").log("a role may not write the table sending: its changes are not known again when they are "
+                               "sent again after a lost answer; oryx_server has the right");
+    }
 }
 
 /// Says which change follows in the same transaction: refused, with all of that, if it has taken effect before.
-Statement sayNumber(const std::string& name, std::uint64_t number)
+Statement sayNumber(const std::string& name, std::int64_t number)
 {
     return sql(
         "INSERT INTO sending AS kept (session, number) VALUES ('{}', {}) ON CONFLICT (session) DO UPDATE SET number = CASE WHEN kept.number < excluded.number THEN excluded.number ELSE sending_has_taken_effect(kept.answer) END, answer = NULL, sent_at = now()",
@@ -70,7 +78,7 @@ Statement sayNumber(const std::string& name, std::uint64_t number)
 }
 
 /// Says it to the function that follows, which keeps its answer too.
-Statement tellNumber(const std::string& name, std::uint64_t number)
+Statement tellNumber(const std::string& name, std::int64_t number)
 {
     return sql("SELECT set_config('oryx.sending', '{}.{}', true)", name, number);
 }
@@ -250,13 +258,13 @@ const BoundText& BoundSession::bound(const Statement& statement)
 
 void BoundSession::number(std::span<const Statement> statements)
 {
-    if (!takeEffectOnce(statements)) {
+    if (!anyOf(statements, &Statement::takesEffectOnce)) {
         return;
     }
     if (m_name.empty() || m_generation != generation()) { // a parent goes on counting under its name
         nameAnew();
     }
-    ++m_number;
+    nextNumber();
     m_lost = false;
 }
 
@@ -267,10 +275,18 @@ void BoundSession::nameAnew()
     m_number = 0;
 }
 
+/// By the clock, so that the copy of a process and its original, which go by the same name, say different ones.
+void BoundSession::nextNumber()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    m_number = std::max<std::int64_t>(m_number + 1, std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
 /// Inside a caller's transaction nothing says so: with the connection the whole of it is lost.
 bool BoundSession::saysNumber(const PGconn* connection, std::span<const Statement> statements) const
 {
-    return m_says && !m_name.empty() && takeEffectOnce(statements) && PQtransactionStatus(connection) == PQTRANS_IDLE;
+    return m_says && !m_name.empty() && anyOf(statements, &Statement::takesEffectOnce) &&
+           PQtransactionStatus(connection) == PQTRANS_IDLE;
 }
 
 Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements)
@@ -284,20 +300,63 @@ Sent BoundSession::send(PGconn* connection, std::span<const Statement> statement
 Sent BoundSession::sendNumbered(PGconn* connection, std::span<const Statement> statements)
 {
     Sent sent = sendPrepared(connection, statements);
+    if (m_lost && sqlState(sent.result.get()) == kConcurrentUpdate) {
+        sent = sendPrepared(connection, statements); // it waited for the first sending, and may see now what that did
+    }
     const std::string_view state = sqlState(sent.result.get());
-    if (state == kDoneBefore && m_lost) {
-        return {Sent::Outcome::answered, answerOfFirst(connection, sent.result.get()), &bound(statements.back())};
+    if (state == kDoneBefore) {
+        return passOver(connection, statements, sent);
     }
-    if (state == kDoneBefore) { // another goes by this name, such as the original of a copied machine
-        nameAnew();
-        ++m_number;
-        m_saysNow = !m_name.empty();
-    } else if (state == kNoSuchTable && sent.text == m_saying) {
-        m_says = m_saysNow = false; // a schema that does not know repetitions
-    } else {
-        return sent;
+    const bool saying = sent.text == m_saying || anyOf(statements, &Statement::keepsAnswer);
+    return saying && (state == kNoSuchTable || state == kNoRight) ? sendUnsaid(connection, statements, sent)
+                                                                  : std::move(sent);
+}
+
+/// Where the schema does not know repetitions, or the role may not have them known: until the next connection no change
+/// says its number. Unless the change is refused all the same.
+Sent BoundSession::sendUnsaid(PGconn* connection, std::span<const Statement> statements, const Sent& refused)
+{
+    const std::string_view why = sqlState(refused.result.get());
+    m_saysNow = false;
+    Sent sent = sendPrepared(connection, statements);
+    m_says = sqlState(sent.result.get()) == why;
+    if (!m_says && why == kNoRight) {
+        tellNoRightToSending();
     }
+    return sent;
+}
+
+/// A change of this number or a later one has taken effect: this one, if it was sent before and the latest is its own.
+/// A later one is somebody else's who goes by this name, such as the original of a copied machine. What became of a
+/// first sending nobody knows then.
+Sent BoundSession::passOver(PGconn* connection, std::span<const Statement> statements, const Sent& refused)
+{
+    if (m_lost) {
+        const Sent kept = readNumber(connection);
+        if (kept.outcome != Sent::Outcome::answered) {
+            return {kept.outcome};
+        }
+        if (PQntuples(kept.result.get()) == 1 && PQgetvalue(kept.result.get(), 0, 0) == std::to_string(m_number)) {
+            return {Sent::Outcome::answered, answerOfFirst(connection, refused.result.get()),
+                    &bound(statements.back())};
+        }
+    }
+    nameAnew();
+    nextNumber();
+    m_saysNow = !m_name.empty();
     return sendPrepared(connection, statements);
+}
+
+/// The number that the schema keeps for this session; what is refused counts as lost.
+Sent BoundSession::readNumber(PGconn* connection)
+{
+    m_saysNow = false;
+    const Statement asking = sql("SELECT number FROM sending WHERE session = '{}'", m_name);
+    Sent kept = sendPrepared(connection, {&asking, 1});
+    if (kept.outcome == Sent::Outcome::answered && !succeeded(kept.result.get())) {
+        kept.outcome = Sent::Outcome::lost;
+    }
+    return kept;
 }
 
 /// Sends statements, and once more if the connection has them prepared otherwise than they are.
@@ -347,16 +406,17 @@ Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> state
 bool BoundSession::queue(PGconn* connection, std::span<const Statement> statements)
 {
     // Before the statements, which are in one transaction with it.
-    if (m_saysNow && !queueNumber(connection, answerKept(statements))) {
+    if (m_saysNow && !queueNumber(connection, statements)) {
         return false;
     }
     return std::all_of(statements.begin(), statements.end(),
                        [&](const Statement& statement) { return queue(connection, statement); });
 }
 
-bool BoundSession::queueNumber(PGconn* connection, bool answerKept)
+bool BoundSession::queueNumber(PGconn* connection, std::span<const Statement> statements)
 {
-    const Statement saying = answerKept ? tellNumber(m_name, m_number) : sayNumber(m_name, m_number);
+    const Statement saying =
+        anyOf(statements, &Statement::keepsAnswer) ? tellNumber(m_name, m_number) : sayNumber(m_name, m_number);
     m_saying = &bound(saying);
     return queue(connection, saying);
 }
@@ -479,6 +539,8 @@ void BoundSession::giveUp(Connection connection)
         --underWay; // a server that answers nobody is asked no more
         return;
     }
+    PQsetNoticeProcessor(
+        connection.get(), [](void* /*nobody*/, const char* /*message*/) {}, nullptr);
     // Asking takes as long as the server is silent, so it goes its own way.
     try {
         const SignalsHeldOff heldOff;

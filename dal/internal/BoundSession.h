@@ -115,11 +115,15 @@ private:
     const BoundText& bound(const Statement& statement);
     bool saysNumber(const PGconn* connection, std::span<const Statement> statements) const;
     void nameAnew();
+    void nextNumber();
     Sent sendNumbered(PGconn* connection, std::span<const Statement> statements);
+    Sent passOver(PGconn* connection, std::span<const Statement> statements, const Sent& refused);
+    Sent readNumber(PGconn* connection);
+    Sent sendUnsaid(PGconn* connection, std::span<const Statement> statements, const Sent& refused);
     Sent sendPrepared(PGconn* connection, std::span<const Statement> statements);
     Sent sendOnce(PGconn* connection, std::span<const Statement> statements);
     bool queue(PGconn* connection, std::span<const Statement> statements);
-    bool queueNumber(PGconn* connection, bool answerKept);
+    bool queueNumber(PGconn* connection, std::span<const Statement> statements);
     bool queue(PGconn* connection, const Statement& statement);
     Sent collect(PGconn* connection);
     void keep(Result&& result, const Command& command, Sent& sent);
@@ -137,7 +141,7 @@ private:
     bool m_outdated = false;                            // what is prepared must be forgotten
     std::string m_name;                                 // which no other session has; empty without random numbers
     unsigned m_generation = 0;                          // of the process that it was given in
-    std::uint64_t m_number = 0;                         // of the latest change
+    std::int64_t m_number = 0;                          // of the latest change
     bool m_says = true;                                 // which change it is: the present database keeps that
     bool m_saysNow = false;                             // what is under way does
     const BoundText* m_saying = nullptr;                // that statement

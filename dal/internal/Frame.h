@@ -106,6 +106,15 @@ public:
             return failed;
         });
     }
+    /// An operation without an answer: whether memory sufficed for it.
+    template <typename Operation>
+    bool attempt(Operation operation)
+    {
+        return guarded(false, [&] {
+            operation();
+            return true;
+        });
+    }
     ///@}
     /// The same of one that fills a caller's record: its answer is in it only when it is okay.
     template <typename Record, typename Lookup>
@@ -134,8 +143,8 @@ public:
         sqlState.clear(); // of an earlier failure
         return false;
     }
-    /// The same, and looks at the result; the error text stays, for a caller that has
-    /// something to trace before it changes.
+    /// The same, and looks at the result; the error text stays, for a caller that has something to trace before it
+    /// changes.
     template <typename Command>
     Run send(Command&& command, QueryResult& result)
     {

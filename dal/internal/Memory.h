@@ -8,7 +8,7 @@
 
 /// \file
 /// What operations do when memory runs out: nothing is thrown at their callers, and what they were given to fill is as
-/// it was.
+/// it was, or as it is set before the server is asked.
 
 namespace oryx {
 
@@ -25,6 +25,13 @@ auto unlessOutOfMemory(Operation&& operation, Otherwise&& otherwise) -> decltype
     } catch (const std::length_error&) { // more than any memory holds
     }
     return otherwise();
+}
+
+/// Has a reason kept; where there is no memory for it, that is the reason.
+template <typename Keep>
+void keepReason(const char* reason, Keep keep)
+{
+    unlessOutOfMemory([&] { keep(reason); }, [&] { keep(kOutOfMemory); });
 }
 
 /// Takes back what was added behind the first `count` records, and the room that was made for it.

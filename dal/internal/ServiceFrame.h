@@ -63,8 +63,7 @@ void checkConnected(const std::unique_ptr<Executor>& executor, DatabaseResult& r
         return;
     }
     result.setConnectionError();
-    unlessOutOfMemory([&] { result.setErrorMessage("lookup attempted without a database connection"); },
-                      [&] { result.setErrorMessage(kOutOfMemory); });
+    keepReason("lookup attempted without a database connection", [&](const char* why) { result.setErrorMessage(why); });
 }
 
 /// Appends the keys of a service's compiled address maps; none, when memory runs out.

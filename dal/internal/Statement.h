@@ -152,11 +152,11 @@ public:
     /// The same, of a call of a function that keeps by itself which change it is, and its answer for the repetition.
     Statement&& onceAnswered() &&
     {
-        m_answerKept = true;
+        m_keepsAnswer = true;
         return std::move(once());
     }
     bool takesEffectOnce() const { return m_once; }
-    bool answerKept() const { return m_answerKept; }
+    bool keepsAnswer() const { return m_keepsAnswer; }
 
     /// The whole text, its values spliced in unescaped; one allocation, made at the first call.
     const std::string& text();
@@ -208,7 +208,7 @@ private:
     std::size_t m_gapCount = 0;
     std::size_t m_size = 0;
     bool m_once = false;
-    bool m_answerKept = false;
+    bool m_keepsAnswer = false;
     std::string m_text;
 };
 

@@ -85,26 +85,30 @@ unsigned int PresenceDatabaseCommandExecutor::confStateStringToEnum(const std::s
 DatabaseResult PresenceDatabaseCommandExecutor::getConfExtState(const std::string& extension, std::string& status,
                                                                 unsigned int& start_time)
 {
-    return m_frame->guarded([&] {
-        m_frame->trace.prn("getConfExtState()");
-        if (extension.empty()) {
-            return m_frame->refuse("getConfExtState: missing one or more parameters\n");
-        }
+    m_frame->trace.prn("getConfExtState()");
+    if (extension.empty()) {
+        return m_frame->guarded([&] { return m_frame->refuse("getConfExtState: missing one or more parameters\n"); });
+    }
+    bool read = false;
+    DatabaseResult outcome = m_frame->guarded([&] {
         // Before the answer is written: the extension may be the very text that gets the status.
         Statement statement = sql("SELECT conf_status, start_time FROM conf_state WHERE extension = '{}';", extension);
         QueryResult result;
-        DatabaseResult outcome = executeSqlCommand(*m_frame, std::move(statement), result);
-        if (outcome.okay() && result.rows() > 0) {
+        DatabaseResult answer = executeSqlCommand(*m_frame, std::move(statement), result);
+        if (answer.okay() && result.rows() > 0) {
             const Row row(result, 0);
             status = row.string(0);
             start_time = readTime(row, 1);
-        } else {
-            status.clear();
-            start_time = 0;
-            outcome.setNotFound(); // to the caller, what cannot be read is not there
+            read = true;
         }
-        return outcome;
+        return answer;
     });
+    if (!read) {
+        status.clear();
+        start_time = 0;
+        outcome.setNotFound(); // to the caller, what cannot be read is not there
+    }
+    return outcome;
 }
 
 DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::string& extension, const std::string& status,

@@ -86,6 +86,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::getSources(std::vector<SourcesRe
 
 DatabaseResult PresenceDatabaseCommandExecutor::addSourceOpaque(SourcesRecord record)
 {
+    // What asks for its texts makes copies, before the verb's own guard.
     return m_frame->guarded([&] {
         return m_frame->insertOrDelete("addSourceOpaque()",
                                        {{record.presentitykey().empty() || record.sourceopaque().empty(),

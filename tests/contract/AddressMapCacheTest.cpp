@@ -9,7 +9,12 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <regex.h>
+
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <ctime>
@@ -18,7 +23,23 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
+
+namespace {
+
+std::atomic<bool> compilationsFail = false;
+std::atomic<int> compilations = 0;
+
+} // namespace
+
+/// Stands before the C library's own.
+extern "C" int regcomp(regex_t* regex, const char* pattern, int flags)
+{
+    static auto* const real = reinterpret_cast<decltype(&regcomp)>(dlsym(RTLD_NEXT, "regcomp"));
+    ++compilations;
+    return compilationsFail ? REG_ESPACE : real(regex, pattern, flags);
+}
 
 namespace {
 
@@ -337,6 +358,37 @@ TEST_F(UntracedLookup, TakesNoMemoryForARowThatIsAsItWas)
         return after - before;
     };
     EXPECT_EQ(allocations(1000), allocations(10));
+}
+
+TEST_F(UntracedLookup, TriesAgainToCompileWhatMemoryDidNotSufficeFor)
+{
+    const Table table = {{"a", 1, "^sip:1", kOld}, {"b", 2, "^sip:2", kOld}};
+    compilations = 0;
+    compilationsFail = true;
+    expectServedBy(0, table, "sip:1@h");
+    expectServedBy(0, table, "sip:1@h");
+    EXPECT_EQ(compilations, 2); // it may never be enough: not at every lookup
+    compilationsFail = false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    expectServedBy(1, table, "sip:1@h");
+    expectServedBy(2, table, "sip:2@h");
+    EXPECT_EQ(compilations, 4);
+    expectServedBy(1, table, "sip:1@h");
+    EXPECT_EQ(compilations, 4);
+}
+
+TEST(AddressMapOutOfMemory, IsCompiledAgainWhateverItsTime)
+{
+    AddressMap map;
+    map.compile("^sip:1", 5);
+    compilationsFail = true;
+    map.compile("^sip:2", 6);
+    compilationsFail = false;
+    EXPECT_TRUE(map.lacksMemory());
+    EXPECT_FALSE(map.matches("sip:1@h"));
+    map.compile("^sip:1", 5);
+    EXPECT_FALSE(map.lacksMemory());
+    EXPECT_TRUE(map.matches("sip:1@h"));
 }
 
 TEST_F(UntracedLookup, IsRightAgainAfterMemoryRanOut)

@@ -160,6 +160,25 @@ TEST_F(EventsOutOfMemory, RemovesNoExpiredContactsThatItCannotTell)
         });
 }
 
+TEST_F(EventsOutOfMemory, LetsNoStateOfAnExtensionBeFound)
+{
+    std::string status;
+    unsigned int since = 0;
+    DatabaseResult result;
+    withEachFailing(
+        {rows({{kLong, "5"}})},
+        [&] {
+            status = "before";
+            since = 1;
+            result = service.getConfExtState(kLong, status, since);
+        },
+        [&](bool ranOut, const std::string& /*calls*/) {
+            EXPECT_EQ(show(result), ranOut ? "not found: out of memory" : "okay");
+            EXPECT_EQ(status, ranOut ? "" : kLong);
+            EXPECT_EQ(since, ranOut ? 0U : 5U);
+        });
+}
+
 /// What libpq says when its own memory runs out.
 class LibpqOutOfMemory : public RegistrarOutOfMemory, public testing::WithParamInterface<const char*> {};
 
@@ -172,6 +191,18 @@ TEST_P(LibpqOutOfMemory, IsAQueryError)
     EXPECT_EQ(type, "");
     libpq.replies({noRows()});
     EXPECT_EQ(show(service.getNodeType(type)), "not found");
+}
+
+TEST_P(LibpqOutOfMemory, CostsNoFurtherResetWhereNothingWasSent)
+{
+    const std::string message = GetParam();
+    libpq.errorMessage(message);
+    libpq.replies({nothing(), nothing()});
+    std::string type;
+    libpq.take();
+    service.getNodeType(type);
+    const std::string calls = libpq.take();
+    EXPECT_EQ(calls.ends_with("reset\n"), message.starts_with("out of memory")) << calls;
 }
 
 INSTANTIATE_TEST_SUITE_P(Messages, LibpqOutOfMemory,

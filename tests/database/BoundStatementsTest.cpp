@@ -289,6 +289,81 @@ TEST_F(BoundThroughRelay, AStatementWhoseConnectionIsCutWhileItIsSentIsSentAgain
     EXPECT_TRUE(m_executor.getListId(megabytes.c_str(), &id).notFound());
 }
 
+/// What the schema keeps of the changes that say their number.
+class BoundChange : public BoundThroughRelay {
+protected:
+    std::string add(const std::string& extension)
+    {
+        return outcome(m_executor.addConfExtState({extension, "IDLE", 5}));
+    }
+    std::string states() { return rows("SELECT extension || ' ' || conf_status FROM conf_state ORDER BY 1"); }
+    std::string numbers() { return rows("SELECT number FROM sending ORDER BY 1"); }
+    /// As if another went by the session's name.
+    void useName() { sql("UPDATE sending SET number = 1000"); }
+};
+
+TEST_F(BoundChange, ThatIsAReservationTakesANewNameWhereTheOldOneIsUsed)
+{
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 5)");
+    EXPECT_EQ(reserved(), "700");
+    useName();
+    sql("INSERT INTO conf_state VALUES ('701', 'IDLE', 5)");
+    EXPECT_EQ(reserved(), "701");
+    EXPECT_EQ(states(), "700 IN USE\n701 IN USE\n");
+    EXPECT_EQ(numbers(), "1\n1000\n");
+}
+
+TEST_F(BoundChange, MayBeRefusedUnderItsNewName)
+{
+    EXPECT_EQ(add("700"), "okay");
+    useName();
+    EXPECT_EQ(add("700"), "query error: [23505] ERROR:  duplicate key value violates unique constraint "
+                          "\"conf_state_pkey\"");
+    EXPECT_EQ(add("701"), "okay");
+    EXPECT_EQ(numbers(), "2\n1000\n");
+}
+
+TEST_F(BoundChange, MayLoseItsAnswerUnderItsNewName)
+{
+    EXPECT_EQ(add("700"), "okay");
+    useName();
+    m_relay.lose({server::Proxy::Loss::nothing, server::Proxy::Loss::answer});
+    EXPECT_EQ(add("701"), "okay");
+    EXPECT_EQ(m_relay.losses(), 1U);
+    EXPECT_EQ(states(), "700 IDLE\n701 IDLE\n");
+    EXPECT_EQ(numbers(), "1\n1000\n");
+}
+
+TEST_F(BoundChange, GoesOnSayingItsNumberWhereItsOwnTableWasMissing)
+{
+    sql("ALTER TABLE conf_state RENAME TO away");
+    EXPECT_EQ(add("700"), "query error: [42P01] ERROR:  relation \"conf_state\" does not exist");
+    sql("ALTER TABLE away RENAME TO conf_state");
+    EXPECT_EQ(add("700"), "okay");
+    EXPECT_EQ(numbers(), "2\n");
+}
+
+TEST_F(BoundChange, IsPreparedAgainWhenTheServerHasForgottenIt)
+{
+    EXPECT_EQ(add("700"), "okay");
+    QueryResult ignored;
+    m_executor.executeSqlCmd("DEALLOCATE ALL", ignored);
+    EXPECT_EQ(add("701"), "okay");
+    EXPECT_EQ(states(), "700 IDLE\n701 IDLE\n");
+    EXPECT_EQ(numbers(), "2\n");
+}
+
+TEST_F(BoundChange, ThatIsAReservationSaysNothingInsideACallersTransaction)
+{
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 5)");
+    QueryResult ignored;
+    m_executor.executeSqlCmd("BEGIN", ignored);
+    EXPECT_EQ(reserved(), "700");
+    m_executor.executeSqlCmd("COMMIT", ignored);
+    EXPECT_EQ(states(), "700 IN USE\n");
+    EXPECT_EQ(numbers(), "");
+}
+
 TEST_F(Bound, AReservationIsMadeOnce)
 {
     sql("INSERT INTO extension (extension, ext_type) VALUES ('700', 'c'), ('701', 'c');"

@@ -37,6 +37,19 @@ inline std::string sorted(const std::string& listing)
     return oryx::show(lines);
 }
 
+/// Lets a test store rows by the ten thousand: one by one they enter the indexes of what is searched for, which takes
+/// longer than entering all together at the end.
+constexpr const char* kStoreManyAtOnce = R"(
+    DO $$
+    DECLARE
+        searched regclass;
+    BEGIN
+        FOR searched IN SELECT oid FROM pg_class WHERE reloptions @> ARRAY['fastupdate=off'] LOOP
+            EXECUTE format('ALTER INDEX %s SET (fastupdate = on)', searched);
+        END LOOP;
+    END
+    $$)";
+
 class PresenceTest : public DatabaseTest {
 protected:
     void SetUp() override { connect(m_executor); }

@@ -1,3 +1,4 @@
+#include "database/PresenceFixture.h"
 #include "support/DatabaseTest.h"
 #include "support/Show.h"
 
@@ -108,11 +109,11 @@ const std::vector<Search>
         {"SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states  WHERE subscriptionid like '%%incoming#%%';",
          ""},
         {"SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states  WHERE subscriptionid like '%%incoming#%%' AND packageid like '%%package77#%%';",
-         "subscription_states_incoming"},
+         "subscription_states_received_package"},
         {"SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states  WHERE subscriptionid like '%%incoming#%%' and fromhdr like '%%user4711@%%' AND requesturi like '%%user4711@%%' AND packageid like '%%package7#%%';",
-         "subscription_states_incoming"},
+         "subscription_states_received"},
         {"SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states  WHERE subscriptionid like '%%outgoing#%%' and tohdr like '%%user4711@%%' AND packageid like '%%package7#%%';",
-         "subscription_states_outgoing"},
+         "subscription_states_sent"},
         {"SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid,watcheridentity,expirytime,doctype FROM subscription_states, event_watchers where subscriptionid = watcheropaque;",
          ""},
         {"SELECT watcheropaque,doctype,watchertype,watcherstate,expirytime,watcheridentity,presentity,docversion FROM event_watchers WHERE presentitykey ='presence#user7@oryx.example' and watcheropaque='incoming#7';",
@@ -126,7 +127,7 @@ const std::vector<Search>
         {"SELECT sourceopaque, contact, expirytime, event, presentity  FROM event_sources WHERE presentitykey ='presence#user7@oryx.example';",
          "event_sources_presentitykey"},
         {"SELECT sourceopaque, contact, expirytime,presentitykey,event FROM event_sources  WHERE presentity like '%%user4711@%%' and  event like '%%package%%';",
-         "event_sources_presentity"},
+         "event_sources_searched"},
         {"SELECT subscriberkey, startingdocversion,expirytime,presurlscheme  FROM watcherinfo WHERE winfokey='winfo7';",
          "watcherinfo_winfokey"},
         {"SELECT requester,access_action FROM access_control_list WHERE object='user7@oryx.example' and state ='ACTIVE' and application='presence';",
@@ -344,6 +345,7 @@ TEST_F(PresenceSchema, TakesEveryStatementOfAServer)
 
 TEST_F(PresenceSchema, FindsRowsAmongManyByTheirIndexes)
 {
+    sql(kStoreManyAtOnce);
     sql(kHundredThousandRows);
     for (const auto& statements : {kSearches, kChanges}) {
         for (const Search& search : statements) {

@@ -3,11 +3,15 @@
 
 #include "support/DatabaseTest.h"
 #include "support/Proxy.h"
+#include "support/TraceLog.h"
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/SessionOptions.h>
 #include <dal/SessionStatistics.h>
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
+
+#include <dlfcn.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -20,11 +24,28 @@
 
 namespace {
 
+/// Whether libpq finds no memory for a result that the library makes.
+bool makesNoResults = false;
+
+} // namespace
+
+/// Stands before libpq's own, which does not call it.
+extern "C" [[gnu::visibility("default")]] int PQsetResultAttrs(PGresult* result, int count, PGresAttDesc* columns)
+{
+    static auto* const real = reinterpret_cast<decltype(&PQsetResultAttrs)>(dlsym(RTLD_NEXT, "PQsetResultAttrs"));
+    return makesNoResults ? 0 : real(result, count, columns);
+}
+
+namespace {
+
 using oryx::ContactRecord;
 using server::Proxy;
 
 const std::string kA = "sip:a@192.0.2.1";
 const std::string kB = "sip:b@192.0.2.2";
+
+/// Later than any test: the schema takes an expired binding for none.
+const long kExpires = static_cast<long>(std::time(nullptr)) + 3600;
 
 /// A REGISTER request's contact: the same phone, its requests told apart by the CSeq.
 std::vector<ContactRecord> bindings(long cseq, const std::vector<std::string>& addresses = {kA})
@@ -32,7 +53,7 @@ std::vector<ContactRecord> bindings(long cseq, const std::vector<std::string>& a
     std::vector<ContactRecord> made = contacts(addresses);
     for (ContactRecord& binding : made) {
         binding.setCseq(cseq);
-        binding.setExpires(2000000000 + cseq);
+        binding.setExpires(kExpires + cseq);
     }
     return made;
 }
@@ -139,6 +160,9 @@ protected:
         return answered;
     }
 
+    /// As the original of a copied machine does, which goes by the same name.
+    void anotherSaysALaterOne() { sql("UPDATE sending SET number = number + 1000000000000, answer = '700'"); }
+
     std::string bindingsStored() { return rows("SELECT address, cseq, expires FROM contact ORDER BY address"); }
     std::string states() { return rows("SELECT extension, conf_status FROM conf_state ORDER BY extension"); }
 
@@ -152,7 +176,7 @@ const std::string kAgain = "query error: [23505] ERROR:  duplicate key value vio
 /// Such a contact as it is stored.
 std::string row(long cseq, const std::string& address = kA)
 {
-    return address + "|" + std::to_string(cseq) + "|" + std::to_string(2000000000 + cseq) + "\n";
+    return address + "|" + std::to_string(cseq) + "|" + std::to_string(kExpires + cseq) + "\n";
 }
 
 } // namespace
@@ -272,6 +296,7 @@ TEST_F(Repetition, OfARemovalThatDidNotArriveRemoves)
     ASSERT_EQ(m_server.add(1), "okay");
     m_proxy.lose({Proxy::Loss::request});
     EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(m_server.registrar.getStatistics().repetitions, 1U);
     EXPECT_EQ(bindingsStored(), "");
 }
 
@@ -370,8 +395,9 @@ TEST_F(Repetition, OfAReservationGivesTheLastExtension)
     loseAnswer();
     EXPECT_EQ(m_server.reserve(), plainOrBound("not found ", "okay 700"));
     EXPECT_EQ(m_server.reserve(), "not found ");
-    loseAnswer();
-    EXPECT_EQ(m_server.reserve(), "not found ");
+    overtake([this] { sql("UPDATE conf_state SET conf_status = 'IDLE'"); });
+    EXPECT_EQ(m_server.reserve(), plainOrBound("okay 700", "not found "));
+    EXPECT_EQ(states(), plainOrBound("700|IN USE\n", "700|IDLE\n"));
 }
 
 TEST_F(Repetition, OfAReservationWaitsForAFirstSendingThatIsUnderWay)
@@ -395,18 +421,144 @@ TEST_F(Repetition, IsFollowedByChangesThatTakeEffect)
     EXPECT_EQ(m_server.add(2), "okay");
     EXPECT_EQ(m_server.refresh(3), "okay"); // which does not say which change it is
     EXPECT_EQ(bindingsStored(), row(3));
-    EXPECT_EQ(rows("SELECT number FROM sending"), plainOrBound("", "4\n"));
+    EXPECT_EQ(rows("SELECT count(*) FROM sending"), plainOrBound("0\n", "1\n"));
 }
 
 TEST_F(Repetition, IsKnownAgainByANewNameWhereTheOldOneIsUsed)
 {
     EXPECT_EQ(m_server.add(1), "okay");
-    sql("UPDATE sending SET number = 1000");
+    anotherSaysALaterOne();
     EXPECT_EQ(m_server.remove(), "okay");
     EXPECT_EQ(bindingsStored(), "");
     overtake([this] { EXPECT_EQ(m_other.add(3), "okay"); });
     EXPECT_EQ(m_server.remove(), "okay");
     EXPECT_EQ(bindingsStored(), plainOrBound("", row(3)));
+}
+
+TEST_F(Repetition, IsNotSuspectedOfAReservationWhoseNameIsUsed)
+{
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
+    EXPECT_EQ(m_server.reserve(), "okay 700");
+    sql("INSERT INTO conf_state VALUES ('701', 'IDLE', 0)");
+    anotherSaysALaterOne();
+    EXPECT_EQ(m_server.reserve(), "okay 701");
+}
+
+TEST_F(Repetition, ThatIsRefusedSaysSo)
+{
+    ASSERT_EQ(m_other.add(3), "okay");
+    m_proxy.lose({Proxy::Loss::request});
+    EXPECT_EQ(m_server.add(1), kAgain + "\"contact_csid_address_key\"");
+    EXPECT_EQ(bindingsStored(), row(3));
+}
+
+TEST_F(Repetition, ThatIsLostTooLeavesTheChangeInDoubtAndTheNextOneTakesEffect)
+{
+    const std::string inDoubt = plainOrBound("query error: [00000] server closed the connection unexpectedly",
+                                             "connection error: fatal query error after reset");
+    m_proxy.lose({Proxy::Loss::answer, Proxy::Loss::answer});
+    EXPECT_EQ(m_server.add(1), inDoubt);
+    EXPECT_EQ(bindingsStored(), row(1));
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), "");
+    // The refusal arrives, and the look at whose number is kept does not.
+    m_proxy.lose({Proxy::Loss::answer, Proxy::Loss::nothing, Proxy::Loss::answer});
+    EXPECT_EQ(m_server.add(2), plainOrBound(kAgain + "\"contact_csid_address_key\"", inDoubt));
+    EXPECT_EQ(bindingsStored(), row(2));
+}
+
+TEST_F(Repetition, ThatFindsNoMemoryForItsAnswerIsToldSo)
+{
+    loseAnswer();
+    makesNoResults = true;
+    EXPECT_EQ(m_server.add(1), plainOrBound(kAgain + "\"contact_csid_address_key\"", "query error: out of memory"));
+    makesNoResults = false;
+    EXPECT_EQ(bindingsStored(), row(1));
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), "");
+}
+
+TEST_F(Repetition, IsKnownAgainAfterAChangeWhoseOwnTableWasMissing)
+{
+    sql("ALTER TABLE contact RENAME TO away");
+    EXPECT_EQ(m_server.remove(), "query error: [42P01] ERROR:  relation \"contact\" does not exist");
+    sql("ALTER TABLE away RENAME TO contact");
+    overtake([this] { EXPECT_EQ(m_other.add(3), "okay"); });
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), plainOrBound("", row(3)));
+}
+
+TEST_F(Repetition, IsKnownAgainWhereItsStatementsWereForgotten)
+{
+    ASSERT_EQ(m_server.addOne(1), "0");
+    ASSERT_EQ(m_server.removeOne(), "0");
+    EXPECT_EQ(outcome(m_server.registry.execute("DEALLOCATE ALL")), "okay");
+    EXPECT_EQ(m_server.addOne(2), "0");
+    EXPECT_EQ(bindingsStored(), row(2));
+    EXPECT_EQ(outcome(m_server.registry.execute("DEALLOCATE ALL")), "okay");
+    // What is lost is the word that they are forgotten, or the plain answer.
+    overtake([this] { EXPECT_EQ(m_other.addOne(3), "0"); });
+    EXPECT_EQ(m_server.removeOne(), "0");
+    EXPECT_EQ(bindingsStored(), "");
+}
+
+TEST_F(Repetition, IsNotTakenForDoneWhereAnotherOfItsNameSaidALaterOne)
+{
+    ASSERT_EQ(m_server.add(1), "okay");
+    anotherSaysALaterOne();
+    m_proxy.lose({Proxy::Loss::request});
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), "");
+    overtake([this] { EXPECT_EQ(m_other.add(3), "okay"); }); // and is known again by its new name
+    EXPECT_EQ(m_server.remove(), "okay");
+    EXPECT_EQ(bindingsStored(), plainOrBound("", row(3)));
+}
+
+TEST_F(Repetition, OfAReservationIsNotGivenWhatAnotherOfItsNameHasReserved)
+{
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
+    ASSERT_EQ(m_server.reserve(), "okay 700");
+    sql("INSERT INTO conf_state VALUES ('701', 'IDLE', 0)");
+    anotherSaysALaterOne();
+    m_proxy.lose({Proxy::Loss::request});
+    EXPECT_EQ(m_server.reserve(), "okay 701");
+}
+
+TEST_F(Repetition, IsDoneAgainWhereAnotherOfItsNameSaidALaterOneSince)
+{
+    overtake([this] { anotherSaysALaterOne(); });
+    EXPECT_EQ(m_server.add(1), kAgain + "\"contact_csid_address_key\"");
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
+    overtake([this] {
+        anotherSaysALaterOne();
+        sql("INSERT INTO conf_state VALUES ('701', 'IDLE', 0)");
+    });
+    EXPECT_EQ(m_server.reserve(), "okay 701");
+}
+
+TEST_F(Repetition, HasANumberOfTheClockWhichNoCopyOfItsServerSays)
+{
+    EXPECT_EQ(m_server.add(1), "okay");
+    const std::string distance = "SELECT abs(number / 1e6 - extract(epoch FROM now())) < 60 FROM sending";
+    EXPECT_EQ(rows(distance), plainOrBound("", "t\n"));
+}
+
+TEST_F(Repetition, IsKnownAgainUnderAStricterIsolation)
+{
+    sql("ALTER DATABASE " + m_database.name() + " SET default_transaction_isolation = 'repeatable read'");
+    m_proxy.hangUp();
+    ASSERT_EQ(m_server.remove(), "okay"); // on a new connection
+    const std::string added = sentTwiceBehind("LOCK TABLE contact IN SHARE MODE", [this] { return m_server.add(1); });
+    EXPECT_EQ(bindingsStored(), row(1));
+    ASSERT_EQ(m_server.reserve(), "not found "); // on a new connection
+    sql("INSERT INTO conf_state SELECT n, 'IDLE', 0 FROM generate_series(700, 709) n");
+    const std::string reserved =
+        sentTwiceBehind("LOCK TABLE conf_state IN EXCLUSIVE MODE", [this] { return m_server.reserve(); });
+    const std::string inUse = rows("SELECT 'okay ' || extension FROM conf_state WHERE conf_status = 'IN USE'");
+    if (bound()) { // of two plain ones either is the quicker
+        EXPECT_EQ(added, "okay");
+        EXPECT_EQ(inUse, reserved + "\n");
+    }
 }
 
 TEST_F(Repetition, IsKnownAgainOnConnectionsAfterTheSchemasUpgrade)
@@ -555,6 +707,45 @@ TEST_F(Sending, IsPassedOverByASchemaThatDoesNotKnowOfIt)
     EXPECT_EQ(servers.release("700", 0), "okay");
     EXPECT_EQ(servers.addExtension("701"), "okay");
     EXPECT_EQ(servers.registry.getStatistics().refusals, 0U);
+}
+
+TEST_F(Sending, IsPassedOverWhereTheRoleHasNoRightToIt)
+{
+    sql("REVOKE ALL ON sending FROM oryx_server; INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
+    TraceLog log;
+    Servers servers;
+    servers.connect(m_database.uri());
+    EXPECT_EQ(servers.reserve(), "okay 700");
+    EXPECT_EQ(servers.release("700", 0), "okay");
+    EXPECT_EQ(servers.add(1), "okay");
+    EXPECT_EQ(servers.remove(), "okay");
+    EXPECT_EQ(servers.insertOne(1), "0");
+    EXPECT_EQ(servers.registry.getStatistics().refusals, 0U);
+    EXPECT_EQ(log.take("oryx"),
+              plainOrBound("", "oryx log: a role may not write the table sending: its changes are not known again when "
+                               "they are sent again after a lost answer; oryx_server has the right\n"));
+}
+
+TEST_F(Sending, IsStillSaidWhereTheRoleHasNoRightToTheChangeItself)
+{
+    Servers servers;
+    servers.connect(m_database.uri());
+    sql("REVOKE ALL ON conf_state FROM oryx_server");
+    EXPECT_EQ(servers.reserve(), "query error: [42501] ERROR:  permission denied for table conf_state ");
+    sql("GRANT ALL ON conf_state TO oryx_server; INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
+    EXPECT_EQ(servers.reserve(), "okay 700");
+    EXPECT_EQ(rows("SELECT answer FROM sending"), plainOrBound("", "700\n"));
+}
+
+TEST_F(Sending, OfAReservationIsNotSaidInsideACallersTransaction)
+{
+    Servers servers;
+    servers.connect(m_database.uri());
+    sql("INSERT INTO conf_state VALUES ('700', 'IDLE', 0)");
+    EXPECT_EQ(outcome(servers.events.execute("BEGIN")), "okay");
+    EXPECT_EQ(servers.reserve(), "okay 700");
+    EXPECT_EQ(outcome(servers.events.execute("COMMIT")), "okay");
+    EXPECT_EQ(rows("SELECT count(*) FROM sending"), "0\n");
 }
 
 TEST_F(Sending, IsNotSaidInsideACallersTransaction)

@@ -75,6 +75,16 @@ TEST_F(Statistics, TellOfRefusedStatements)
     EXPECT_EQ(service.getStatistics().lastError, "a statement was refused: 22012");
 }
 
+TEST_F(Statistics, TellHowLongAStatementHasTakenAtMost)
+{
+    oryx::PresenceDatabaseCommandExecutor executor;
+    ASSERT_TRUE(executor.connect(m_database.uri().c_str(), server::kUser, server::kPassword));
+    EXPECT_TRUE(executor.execute("SELECT pg_sleep(0.05)").okay());
+    EXPECT_GE(executor.getStatistics().longest, std::chrono::milliseconds(40)); // a tick less
+    EXPECT_TRUE(executor.execute("SELECT 1").okay());
+    EXPECT_GE(executor.getStatistics().longest, std::chrono::milliseconds(40));
+}
+
 TEST_F(Statistics, OfAnExecutorAndAConnectionCountForTheProcess)
 {
     const SessionStatistics before = SessionStatistics::ofProcess();

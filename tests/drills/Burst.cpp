@@ -32,6 +32,7 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         ++m_calls;
+        m_unheard += changes.everything ? 1U : 0U;
         for (const oryx::ChangedTable& table : changes.tables) {
             m_tables.insert(table.name);
         }
@@ -43,6 +44,7 @@ public:
         const std::lock_guard lock(m_mutex);
         m_tables.clear();
         m_calls = 0;
+        m_unheard = 0;
     }
 
     /// How many tables have been named as soon as all have, or after the time.
@@ -59,11 +61,19 @@ public:
         return m_calls;
     }
 
+    /// In how many calls the tables are named because nobody was listening before.
+    std::size_t unheard()
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_unheard;
+    }
+
 private:
     std::mutex m_mutex;
     std::condition_variable m_added;
     std::set<std::string> m_tables;
     std::size_t m_calls = 0;
+    std::size_t m_unheard = 0;
 };
 
 /// A listener at work in a thread of its own, until the object's end at the latest.
@@ -108,17 +118,19 @@ Line runBurst(const Account& account)
 {
     Named named;
     Running listener(account, named);
-    named.await(std::chrono::seconds(10)); // the first call names all: there was no connection before
+    Line line;
+    // The first call names all: there was no connection before.
+    line.verdict.lost = kTables.size() - named.await(std::chrono::seconds(10));
     named.beginAnew();
     notifyAll();
 
-    Line line;
     const Time sent = now();
-    line.verdict.lost = kTables.size() - named.await(std::chrono::seconds(10));
+    line.verdict.lost += kTables.size() - named.await(std::chrono::seconds(10));
     line.verdict.longest = now() - sent;
     const Time asked = now();
     listener.stop();
     const Time stopping = now() - asked;
+    line.verdict.lost += named.unheard(); // what was sent was missed
     line.verdict.operations = kNotifications;
     line.verdict.acknowledged = kNotifications;
     line.remark = std::to_string(named.calls()) + " calls, stopped within " +

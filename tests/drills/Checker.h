@@ -27,18 +27,19 @@ struct Snapshot {
 /// What a drill has come to.
 ///
 /// A key belongs to one worker, so its requests have an order. A request that was answered with an error is unknown: it
-/// may have taken effect or not, until the next change of its key is acknowledged. Whatever else is read or found in
-/// the end was wrong:
+/// may have taken effect or not, until a read tells, or the next change of its key is acknowledged. Whatever else is
+/// read or found in the end was wrong:
 struct Verdict {
     std::size_t operations = 0;
     std::size_t acknowledged = 0;
     std::size_t errors = 0;            ///< Requests answered with an error, or not at all.
     std::size_t lost = 0;              ///< What was acknowledged is not there, or only a part of it.
-    std::size_t doubled = 0;           ///< An extension given to two, or something there again that was removed.
+    std::size_t doubled = 0;           ///< An extension given to two, or something there that was removed or never was.
     std::size_t overtaken = 0;         ///< An older value is in the place of the newer, acknowledged one.
     std::size_t orphaned = 0;          ///< Extensions in use by nobody, beyond those of unknown requests.
     Time longest{0};                   ///< The longest call.
     std::size_t vain = 0;              ///< Releases that took effect, were sent again, and then found nothing.
+    std::size_t taken = 0;             ///< Extensions that a release took, sent again, from whom they were given to.
     std::vector<std::string> findings; ///< A line for each of the wrong ones.
 
     std::size_t wrong() const { return lost + doubled + overtaken; }
@@ -49,8 +50,8 @@ struct Verdict {
 /// One journal for each worker; keys of two workers are different.
 Verdict judge(const std::vector<std::vector<Entry>>& journals, const Snapshot& end);
 
-/// The longest that it took from any of these moments to the next okay answer; -1 s if there was none for one of them,
-/// and nothing if there are no moments.
+/// The longest that it took any worker from any of these moments to its next acknowledged change; -1 s if one had none
+/// any more, and nothing if there are no moments.
 std::optional<Time> recovery(const std::vector<std::vector<Entry>>& journals, const std::vector<Time>& returns);
 
 } // namespace drill

@@ -5,7 +5,9 @@
 
 #include <dal/LocationService.h>
 #include <dal/PresenceService.h>
+#include <dal/SessionStatistics.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -38,15 +40,20 @@ public:
     Answer readDialog(const std::string& id);
 
     Answer reserve();
+    /// Its state, as the journal takes it: "IN_USE".
+    Answer readExtension(const std::string& extension);
     Answer release(const std::string& extension);
 
 private:
+    std::uint64_t ask(Kind kind, const std::string& key, long value = 0);
+    bool mayHaveArrived() const;
     Answer noted(std::uint64_t number, const oryx::DatabaseResult& result, const std::string& seen = kAbsent);
 
     const Account* m_account;
     Journal* m_journal;
     oryx::LocationService m_registrar;
     oryx::PresenceService m_events;
+    std::array<oryx::SessionStatistics, 2> m_before; // of both, when the latest request was made
 };
 
 } // namespace drill

@@ -6,8 +6,8 @@
 #include <array>
 #include <cerrno>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 namespace drill {
@@ -15,7 +15,7 @@ namespace drill {
 namespace {
 
 constexpr std::array<const char*, 6> kKinds{"enter", "refresh", "remove", "look", "reserve", "release"};
-constexpr std::array<const char*, 3> kOutcomes{"okay", "none", "error"};
+constexpr std::array<const char*, 4> kOutcomes{"okay", "none", "error", "unsent"};
 
 template <typename Enum, std::size_t Size>
 Enum named(const std::array<const char*, Size>& names, const std::string& name)
@@ -32,6 +32,38 @@ template <typename Enum, std::size_t Size>
 std::string nameOf(const std::array<const char*, Size>& names, Enum value)
 {
     return names.at(static_cast<std::size_t>(value));
+}
+
+std::string inOneWord(std::string text)
+{
+    constexpr const char* kBlanks = " \t\n\v\f\r";
+    for (std::size_t at = 0; (at = text.find_first_of(kBlanks, at)) != std::string::npos; ++at) {
+        text[at] = '_';
+    }
+    return text.empty() ? kAbsent : text;
+}
+
+/// Takes a line of a journal in; false when it is none.
+bool take(const std::string& line, std::vector<Entry>& entries)
+{
+    std::istringstream words(line);
+    std::string word;
+    std::size_t number = 0;
+    Time::rep at = 0;
+    std::string name;
+    std::string text;
+    long value = 0;
+    if (!(words >> word >> number >> at >> name >> text)) {
+        return false;
+    }
+    if (word == "ask" && number == entries.size() && words >> value) {
+        entries.push_back({named<Kind>(kKinds, name), text, value, Time(at), std::nullopt});
+    } else if (word == "got" && number < entries.size()) {
+        entries[number].answer = Answer{Time(at), named<Outcome>(kOutcomes, name), text};
+    } else {
+        return false;
+    }
+    return !(words >> word); // nothing more
 }
 
 } // namespace
@@ -67,7 +99,7 @@ void Journal::answer(std::uint64_t number, Outcome outcome, const std::string& s
     const Time at = now();
     const std::lock_guard lock(m_mutex);
     write("got " + std::to_string(number) + " " + std::to_string(at.count()) + " " + nameOf(kOutcomes, outcome) + " " +
-          seen + "\n");
+          inOneWord(seen) + "\n");
 }
 
 void Journal::write(const std::string& line)
@@ -81,18 +113,12 @@ std::vector<Entry> Journal::read(const std::string& file)
 {
     std::vector<Entry> entries;
     std::ifstream lines(file);
-    std::string word;
-    std::size_t number = 0;
-    Time::rep at = 0;
-    std::string name;
-    std::string text;
-    while (lines >> word >> number >> at >> name >> text) {
-        if (word == "ask") {
-            long value = 0;
-            lines >> value;
-            entries.push_back({named<Kind>(kKinds, name), text, value, Time(at), std::nullopt});
-        } else {
-            entries.at(number).answer = Answer{Time(at), named<Outcome>(kOutcomes, name), text};
+    if (!lines) {
+        throw std::system_error(errno, std::generic_category(), file);
+    }
+    for (std::string line; std::getline(lines, line) && !lines.eof();) { // one that was cut short ends with the file
+        if (!take(line, entries)) {
+            throw std::runtime_error("no line of a journal, in " + file + ": " + line);
         }
     }
     return entries;

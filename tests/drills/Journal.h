@@ -27,11 +27,21 @@ enum class Kind {
     release, ///< Makes an extension idle.
 };
 
-/// How a request was answered. An error tells nothing: the change may have taken effect or not.
-enum class Outcome { okay, none, error };
+/// How a request was answered. An error tells nothing: the change may have taken effect or not. What was not sent,
+/// because there was no connection, has surely not.
+enum class Outcome { okay, none, error, unsent };
+
+constexpr bool hasFailed(Outcome outcome)
+{
+    return outcome == Outcome::error || outcome == Outcome::unsent;
+}
 
 /// What stands for a value where there is none.
 constexpr const char* kAbsent = "-";
+/// What is read of an extension that somebody has reserved.
+constexpr const char* kInUse = "IN_USE";
+/// What is seen of a release that was sent again.
+constexpr const char* kRepeated = "again";
 
 struct Answer {
     Time at;
@@ -47,7 +57,8 @@ struct Entry {
     std::optional<Answer> answer; ///< None where the worker was ended before it came.
 };
 
-/// One file of a journal; for any thread. Blanks part the words of a line, so no key and no value holds one.
+/// One file of a journal; for any thread. Blanks part the words of a line, so no key holds one, and of a value each is
+/// written as "_".
 class Journal {
 public:
     explicit Journal(const std::string& file);
@@ -59,7 +70,8 @@ public:
     std::uint64_t ask(Kind kind, const std::string& key, long value = 0);
     void answer(std::uint64_t number, Outcome outcome, const std::string& seen = kAbsent);
 
-    /// The requests of a file in the order in which they were made.
+    /// The requests of a file in the order in which they were made. The last line may have been cut short with its
+    /// writer; any other that is none of a journal is thrown.
     static std::vector<Entry> read(const std::string& file);
 
 private:

@@ -61,11 +61,13 @@ private:
 
     void late(const std::function<void()>& older, const std::function<void()>& newer)
     {
+        const std::size_t before = m_relay.losses();
         m_relay.lose({server::Proxy::Loss::answer});
-        m_marks.fault();
-        const auto repeated = std::async(std::launch::async, older);
+        auto repeated = std::async(std::launch::async, older);
         std::this_thread::sleep_for(kNewer);
         newer();
+        repeated.get();
+        m_marks.fault(m_relay.losses() - before);
     }
 
     /// Followed by a removal.
@@ -109,6 +111,7 @@ private:
         const std::string third = m_other.reserve().seen;
         for (const std::string& held : {second, third}) {
             if (held != kAbsent) {
+                m_other.readExtension(held);
                 m_other.release(held);
             }
         }

@@ -42,7 +42,7 @@ public:
         while (!stop.isThere()) {
             const int choice = chance(100);
             const Answer answer = choice < 70 ? contact() : choice < 90 ? dialog() : extension();
-            if (answer.outcome == Outcome::error) {
+            if (hasFailed(answer.outcome)) {
                 std::this_thread::sleep_for(kPause);
             }
         }
@@ -53,7 +53,7 @@ private:
 
     static void learn(Belief& belief, const Answer& answer, bool present)
     {
-        belief.known = answer.outcome != Outcome::error;
+        belief.known = !hasFailed(answer.outcome);
         belief.present = present;
     }
 
@@ -65,18 +65,20 @@ private:
         Belief& belief = m_contacts.at(static_cast<std::size_t>(index));
         const int choice = chance(100);
         Answer answer{};
-        if (!belief.known || choice < 25) {
+        const bool remove = belief.present && choice >= 85;
+        if (!belief.known || choice < 25 || remove) {
             answer = m_jobs.lookUpContacts(name);
             learn(belief, answer, answer.seen != kAbsent);
+            if (remove && belief.known) { // nothing could be said of it behind its removal
+                answer = m_jobs.removeContacts(address, name);
+                learn(belief, answer, false);
+            }
         } else if (!belief.present || choice < 26) { // one in a hundred is there already, and refused
             answer = m_jobs.registerContacts(address, name, ++belief.cseq);
             learn(belief, answer, true);
-        } else if (choice < 85) {
+        } else {
             answer = m_jobs.refreshContacts(address, name, ++belief.cseq);
             learn(belief, answer, true);
-        } else {
-            answer = m_jobs.removeContacts(address, name);
-            learn(belief, answer, false);
         }
         return answer;
     }
@@ -93,15 +95,17 @@ private:
         }
         const int choice = chance(100);
         Answer answer{};
-        if (!dialog.belief.known || choice < 25) {
+        const bool remove = !dialog.belief.present || choice >= 75;
+        if (!dialog.belief.known || choice < 25 || remove) {
             answer = m_jobs.readDialog(dialog.id);
             learn(dialog.belief, answer, answer.seen != kAbsent);
-        } else if (dialog.belief.present && choice < 75) {
+            if (remove && dialog.belief.known) {
+                answer = m_jobs.removeDialog(dialog.id);
+                dialog.id.clear();
+            }
+        } else {
             answer = m_jobs.refreshDialog(dialog.id, ++dialog.belief.cseq);
             learn(dialog.belief, answer, true);
-        } else {
-            answer = m_jobs.removeDialog(dialog.id);
-            dialog.id.clear();
         }
         return answer;
     }
@@ -115,9 +119,13 @@ private:
             }
             return answer;
         }
-        const std::string extension = m_held.front(); // never released twice: somebody else may have it by then
-        m_held.erase(m_held.begin());
-        return m_jobs.release(extension);
+        const std::string extension = m_held.front();
+        Answer answer = m_jobs.readExtension(extension);
+        if (hasFailed(answer.outcome)) {
+            return answer;
+        }
+        m_held.erase(m_held.begin()); // never released twice: somebody else may have it by then
+        return answer.seen == kInUse ? m_jobs.release(extension) : answer;
     }
 
     struct Dialog {

@@ -27,9 +27,12 @@ Network::~Network()
 
 void Network::loseAnswers()
 {
-    while (wait(std::chrono::milliseconds(50))) {
+    std::size_t marked = 0;
+    for (bool goesOn = true; goesOn;) {
         m_relay.lose({server::Proxy::Loss::answer});
-        m_marks.fault();
+        goesOn = wait(std::chrono::milliseconds(50));
+        const std::size_t losses = m_relay.losses();
+        m_marks.fault(losses - std::exchange(marked, losses));
     }
     m_relay.lose({});
 }
@@ -37,8 +40,7 @@ void Network::loseAnswers()
 void Network::hangUp()
 {
     while (wait(std::chrono::milliseconds(200))) {
-        m_relay.hangUp();
-        m_marks.fault();
+        m_marks.fault(m_relay.hangUp());
     }
 }
 

@@ -14,7 +14,7 @@ namespace drill {
 class Marks {
 public:
     explicit Marks(std::string file) : m_file(std::move(file)) {}
-    void fault(std::size_t count = 1) const { write("fault", count); }
+    void fault(std::size_t count = 1) const { write("fault", count); } ///< So many that have befallen somebody.
     void back() const { write("back", 1); }
 
 private:

@@ -39,9 +39,12 @@ bool shows(oryx::LocationService& lookups, long cseq)
     std::string ordering;
     bool replaceUri = false;
     std::vector<oryx::ContactRecord> contacts;
-    lookups.lookupContacts(kHandle, "oryx.example", ordering, replaceUri, contacts);
+    require(lookups.lookupContacts(kHandle, "oryx.example", ordering, replaceUri, contacts));
     return contacts.size() == 1 && contacts.front().cseq() == cseq;
 }
+
+/// No standby is so far behind.
+constexpr std::chrono::seconds kPatience(60);
 
 /// From the acknowledgement to the lookup that showed the change; none if that was the first.
 microseconds untilShown(oryx::LocationService& lookups, long cseq)
@@ -51,6 +54,9 @@ microseconds untilShown(oryx::LocationService& lookups, long cseq)
         return microseconds(0);
     }
     while (!shows(lookups, cseq)) {
+        if (steady_clock::now() > acknowledged + kPatience) {
+            throw std::runtime_error("a standby does not show what was acknowledged");
+        }
     }
     return std::chrono::duration_cast<microseconds>(steady_clock::now() - acknowledged);
 }

@@ -3,8 +3,7 @@
 //     drill load FOLDER [answers|hang-ups|silence|fork]   workers, over a network with that trouble or as processes
 //     drill late FOLDER registration|refresh|removal|release   late repetitions of that change
 //     drill check FOLDER NAME [LIMIT COLUMN...]           judges what they did, and prints a line of the table; the
-//     limit
-//                                                         explains what is counted as "lost", "doubled" or "overtaken"
+//                                                         limit explains "lost", "doubled" or "overtaken" ones
 //     drill burst NAME                                    100,000 notifications, and a line
 //     drill memory NAME                                   a listing that does not fit into memory, and a line
 //     drill pace refresh|lookup SERVICES SECONDS          how many a second
@@ -14,7 +13,7 @@
 // A folder holds a drill's journals ("journal/"), the moments of its faults ("marks"), and what the database held in
 // the end ("stored"); `check` adds what was wrong ("findings"). Workers work until it holds "stop". ORYX_DRILL_HOSTS
 // and ORYX_DRILL_PASSWORD name the server and the services' password, PGPORT its port. Exit status: 1 where something
-// is wrong that no limit explains.
+// is wrong that no limit explains, where no fault has befallen anything, or where a worker never got over one.
 
 #include "drills/Burst.h"
 #include "drills/Checker.h"
@@ -84,7 +83,7 @@ bool check(const std::string& folder, const std::string& name, const std::string
     // the schema can know them by their tokens.
     if (Account::variable("ORYX_STATEMENTS") == "bound") {
         line.verdict.doubled += line.verdict.orphaned;
-        line.verdict.lost += line.verdict.vain;
+        line.verdict.lost += line.verdict.vain + line.verdict.taken;
     }
     const bool wrong = line.verdict.wrongBeside(excused) > 0;
     const auto remark = [&](const std::string& text) { line.remark += (line.remark.empty() ? "" : "; ") + text; };
@@ -94,15 +93,21 @@ bool check(const std::string& folder, const std::string& name, const std::string
     if (line.verdict.vain > 0) {
         remark(std::to_string(line.verdict.vain) + " releases were sent again and found nothing");
     }
+    if (line.verdict.taken > 0) {
+        remark(std::to_string(line.verdict.taken) + " extensions taken from the next by releases sent again");
+    }
     if (!wrong && line.verdict.wrong() > 0) {
         remark(limit);
+    }
+    if (line.faults == 0) {
+        remark("no fault has befallen anything");
     }
     std::ofstream findings(folder + "/findings");
     for (const std::string& finding : line.verdict.findings) {
         findings << finding << '\n';
     }
     std::fputs(show(line).c_str(), stdout);
-    return !wrong && line.recovery.value_or(Time(0)) >= Time(0) && line.verdict.acknowledged > 0;
+    return !wrong && line.faults > 0 && line.recovery.value_or(Time(0)) >= Time(0) && line.verdict.acknowledged > 0;
 }
 
 bool run(const std::vector<std::string>& arguments)

@@ -42,6 +42,9 @@ mark() {
     echo "$1 $(date +%s%6N) ${2:-1}" >>"$folder/marks"
 }
 
+# Whether each worker has been answered, be it with an error.
+all_work() { [[ $(grep -l '^got' "$folder"/journal/* 2>/dev/null | wc -l) -eq 8 ]]; }
+
 has_ended() { ! kill -0 "$1" 2>/dev/null; }
 
 # The load ends when it sees the file, each worker after its request.

@@ -1,26 +1,21 @@
 # shellcheck shell=bash
 # Servers of the drills' own: made below a folder of their own, on ports of their own, gone with the script, also when
-# it is interrupted. Sourced, after load.sh.
+# it is interrupted. Sourced, after scripts/servers.sh and load.sh.
 #
 # A server is its folder's name below $base: "$base/one" holds data, log and port. Only this script's own processes are
 # ever signalled: each server's postmaster, by the number in its postmaster.pid.
 
 binaries=$(pg_config --bindir 2>/dev/null || true)
-[[ -x $binaries/postgres ]] || binaries=$(find /usr/lib/postgresql/*/bin -name postgres -printf '%h\n' | sort -V | tail -n 1)
+[[ -x $binaries/postgres ]] ||
+    binaries=$(find /usr/lib/postgresql/*/bin -name postgres -printf '%h\n' | sort -V | tail -n 1)
 
-# In memory, where there is room; a path of a Unix socket has at most 107 bytes.
-base=$(mktemp -d "$([[ -w /dev/shm ]] && echo /dev/shm || echo /tmp)/oryx-drills.XXXXXX")
+data=$(server_data)
+base=$(mktemp -d "${data:-${TMPDIR:-/tmp}}/oryx-drills.XXXXXX")
+sockets=$(mktemp -d /tmp/oryx-drills.XXXXXX) # a socket's path has at most 107 bytes: not below $base, which may be long
 
 # PostgreSQL does not run as root.
 as_server() {
     if [[ $(id -u) -eq 0 ]]; then runuser -u postgres -- "$@"; else "$@"; fi
-}
-
-# A port that nobody answers on, below the range the kernel takes outgoing ports from.
-free_port() {
-    local port
-    while port=$((20000 + RANDOM % 12000)); (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
-    echo "$port"
 }
 
 port_of() { cat "$base/$1/port"; }
@@ -31,8 +26,9 @@ is_running() { as_server "$binaries/pg_ctl" -s -D "$base/$1/data" status >/dev/n
 sql() {
     local server=$1
     shift
-    env -u PGSERVICE PGUSER=postgres PGOPTIONS='-c client_min_messages=error' psql --no-psqlrc --quiet --no-align --tuples-only --set=ON_ERROR_STOP=1 \
-        --host="$base/socket" --port="$(port_of "$server")" --dbname="${database:-oryx}" "$@"
+    env -u PGSERVICE PGUSER=postgres PGOPTIONS='-c client_min_messages=error' \
+        psql --no-psqlrc --quiet --no-align --tuples-only --set=ON_ERROR_STOP=1 \
+        --host="$sockets" --port="$(port_of "$server")" --dbname="${database:-oryx}" "$@"
 }
 
 # Like sql for statements, until the server takes them.
@@ -46,7 +42,8 @@ new_folder() {
 }
 
 start() {
-    as_server "$binaries/pg_ctl" -s -w -t 30 -D "$base/$1/data" -l "$base/$1/log" -o "-p $(port_of "$1")" start >/dev/null
+    as_server "$binaries/pg_ctl" -s -w -t 30 -D "$base/$1/data" -l "$base/$1/log" -o "-p $(port_of "$1")" start \
+        >/dev/null
 }
 
 # For the first time. Ports are taken by chance: another server may win one between the look and the start.
@@ -83,23 +80,27 @@ signal_all() {
 make_original() {
     chmod 711 "$base"
     # The socket trusts whoever gets to it.
-    mkdir -m 700 "$base/socket"
-    if [[ $(id -u) -eq 0 ]]; then chown postgres "$base/socket"; fi
+    if [[ $(id -u) -eq 0 ]]; then chown postgres "$sockets"; fi
     new_folder original
     as_server "$binaries/initdb" --pgdata="$base/original/data" --username=postgres --encoding=UTF8 --locale=C.UTF-8 \
         --auth-local=trust --auth-host=scram-sha-256 --wal-segsize=1 >/dev/null
     cat >>"$base/original/data/postgresql.conf" <<SETTINGS
 listen_addresses = '127.0.0.1'
-unix_socket_directories = '$base/socket'
-log_min_messages = fatal
+unix_socket_directories = '$sockets'
+log_min_messages = error
+log_min_error_statement = panic
+log_checkpoints = off
+log_line_prefix = '%e '
 max_connections = 60
 max_wal_size = 64MB
 min_wal_size = 8MB
 SETTINGS
     start_at_free_port original
     database=postgres sql original --command 'CREATE DATABASE oryx'
-    env -u PGSERVICE PGHOST="$base/socket" PGPORT="$(port_of original)" PGUSER=postgres "$root/schema/apply" oryx >/dev/null 2>&1
-    ORYX_REGISTRAR_PASSWORD=$ORYX_DRILL_PASSWORD ORYX_EVENTS_PASSWORD=$ORYX_DRILL_PASSWORD sql original --file="$root/deploy/roles.sql"
+    env -u PGSERVICE PGHOST="$sockets" PGPORT="$(port_of original)" PGUSER=postgres \
+        "$root/schema/apply" oryx >/dev/null 2>&1
+    ORYX_REGISTRAR_PASSWORD=$ORYX_DRILL_PASSWORD ORYX_EVENTS_PASSWORD=$ORYX_DRILL_PASSWORD \
+        sql original --file="$root/deploy/roles.sql"
     sql original --file="$root/tests/drills/provision.sql" --command 'VACUUM ANALYZE'
     stop original fast
 }
@@ -118,10 +119,12 @@ new_server() {
 # A streaming standby of another server.
 new_standby() {
     new_folder "$1"
-    as_server env -u PGSERVICE "$binaries/pg_basebackup" --pgdata="$base/$1/data" --write-recovery-conf --checkpoint=fast \
-        --dbname="host=$base/socket port=$(port_of "$2") user=postgres application_name=$1"
+    as_server env -u PGSERVICE \
+        "$binaries/pg_basebackup" --pgdata="$base/$1/data" --write-recovery-conf --checkpoint=fast \
+        --dbname="host=$sockets port=$(port_of "$2") user=postgres application_name=$1"
     start_at_free_port "$1"
-    sql_when_it_can "$2" --command "DO \$\$ BEGIN ASSERT EXISTS (SELECT FROM pg_stat_replication WHERE state = 'streaming'); END \$\$"
+    sql_when_it_can "$2" --command \
+        "DO \$\$ BEGIN ASSERT EXISTS (SELECT FROM pg_stat_replication WHERE state = 'streaming'); END \$\$"
 }
 
 # Ends the servers of a drill and removes them.
@@ -146,5 +149,5 @@ finish() {
     [[ -z ${drill:-} ]] || kill -INT -- "-$drill" 2>/dev/null || true
     wait
     remove_servers original
-    rm -rf "$base"
+    rm -rf "$base" "$sockets"
 }

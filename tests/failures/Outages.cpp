@@ -31,13 +31,33 @@ void setForRoles(Scene& scene, const std::string& settings)
     }
 }
 
-/// The settings that the operator ships, again.
+/// The settings that the operator ships, again, and no others.
 void resetRoles()
 {
-    if (std::system("env -u PGSERVICE psql --no-psqlrc --quiet --dbname=oryx --file='" ORYX_DEPLOY "/roles.sql'") !=
-        0) {
+    if (std::system("env -u PGSERVICE psql --no-psqlrc --quiet --dbname=oryx --command='ALTER ROLE registrar RESET ALL'"
+                    " --command='ALTER ROLE events RESET ALL' --file='" ORYX_DEPLOY "/roles.sql'") != 0) {
         throw std::runtime_error("the roles cannot be set");
     }
+}
+
+/// Waits until something is so; throws when it has not come to be for so long that it never will.
+void awaitThat(const std::string& what, const std::function<bool()>& isSo)
+{
+    const auto end = steady_clock::now() + std::chrono::seconds(60);
+    while (!isSo()) {
+        if (steady_clock::now() > end) {
+            throw std::runtime_error("never: " + what);
+        }
+        std::this_thread::sleep_for(milliseconds(20));
+    }
+}
+
+/// What the services may do with which table.
+std::string rightsOf(Scene& scene)
+{
+    return scene.session().value("SELECT string_agg(table_name || ' ' || privilege_type, ', '"
+                                 " ORDER BY table_name, privilege_type)"
+                                 " FROM information_schema.role_table_grants WHERE grantee = 'oryx_server'");
 }
 
 /// The calls of one operation through one service.
@@ -165,9 +185,7 @@ void alterSystem(Scene& scene, const std::string& change, const std::string& nam
     scene.sql("ALTER SYSTEM " + change);
     scene.sql("SELECT pg_reload_conf()");
     server::Session observer("oryx");
-    for (int i = 0; i < 1000 && observer.value("SELECT current_setting('" + name + "')") != value; ++i) {
-        std::this_thread::sleep_for(milliseconds(10));
-    }
+    awaitThat(change, [&] { return observer.value("SELECT current_setting('" + name + "')") == value; });
     std::this_thread::sleep_for(milliseconds(200));
 }
 
@@ -278,9 +296,8 @@ Outage shuttingDown(Scene& scene)
                 [&scene] {
                     scene.stopped.reset();
                     scene.holder.reset();
-                    while (std::filesystem::exists(scene.control.folder() + "/postmaster.pid")) {
-                        std::this_thread::sleep_for(milliseconds(20));
-                    }
+                    awaitThat("the server has ended",
+                              [&] { return !std::filesystem::exists(scene.control.folder() + "/postmaster.pid"); });
                     scene.control.start();
                 }};
 }
@@ -384,14 +401,13 @@ std::string ownTransaction(Library& library)
     oryx::PresenceDatabaseCommandExecutor& own = *library.events.getPresenceDatabaseCommandExecutor();
     own.execute("BEGIN");
     server::Session session("oryx");
-    for (int i = 0;
-         i < 1000 && session.value("SELECT count(*)" + kServices + "AND state = 'idle in transaction'") != "0"; ++i) {
-        std::this_thread::sleep_for(milliseconds(10));
-    }
-    const std::string answer = told(own.execute("DELETE FROM acp"));
+    awaitThat("the session is ended", [&] {
+        return session.value("SELECT count(*)" + kServices + "AND state = 'idle in transaction'") == "0";
+    });
+    const std::string answer = told(own.execute("DELETE FROM conf_state WHERE extension = '8999'"));
     own.execute("ROLLBACK");
-    const bool undone = session.value("SELECT count(*) FROM acp") != "0";
-    session.run("INSERT INTO acp VALUES ('manager', 'udp', '192.0.2.1', '5070') ON CONFLICT DO NOTHING");
+    const bool undone = session.value("SELECT count(*) FROM conf_state WHERE extension = '8999'") != "0";
+    session.run("INSERT INTO conf_state VALUES ('8999', 'IDLE', 0) ON CONFLICT DO NOTHING");
     return answer + (undone ? "" : ", and `ROLLBACK` does not undo it");
 }
 
@@ -506,27 +522,18 @@ server::Session& Scene::session()
 
 void Scene::awaitRefusal() const
 {
-    while (std::system("pg_isready --quiet --dbname=oryx --timeout=1; test $? -eq 1") != 0) {
-        std::this_thread::sleep_for(milliseconds(20));
-    }
+    awaitThat("the server takes nobody in",
+              [] { return std::system("pg_isready --quiet --dbname=oryx --timeout=1; test $? -eq 1") == 0; });
 }
 
 void Scene::awaitReadiness() const
 {
-    while (std::system("pg_isready --quiet --dbname=oryx --timeout=1") != 0) {
-        std::this_thread::sleep_for(milliseconds(20));
-    }
+    awaitThat("the server is ready", [] { return std::system("pg_isready --quiet --dbname=oryx --timeout=1") == 0; });
 }
 
 void Scene::await(const std::string& query, const std::string& value)
 {
-    const auto end = steady_clock::now() + std::chrono::seconds(30);
-    while (session().value(query) != value) {
-        if (steady_clock::now() > end) {
-            throw std::runtime_error("never " + value + ": " + query);
-        }
-        std::this_thread::sleep_for(milliseconds(10));
-    }
+    awaitThat(value + ", " + query, [&] { return session().value(query) == value; });
 }
 
 std::vector<Outage> outages(Scene& scene)
@@ -567,18 +574,21 @@ std::vector<Outage> misleadingOutages(Scene& scene)
     Outage gone = unreachable(scene);
     gone.operations = misleading();
     // What is read before the trap is readable.
-    const std::string tables = "TABLE public_address, contact, subscriber, subscription_states, event_watchers, "
-                               "conf_state, acp, node, domain_access, system_parameters, listsubscriptions ";
+    const std::string changed = "public_address, contact, subscriber, subscription_states, event_watchers, conf_state, "
+                                "listsubscriptions";
+    const std::string read = "acp, node, domain_access, system_parameters";
     return {gone,
             {.name = "refused",
-             .begin = running(scene, "REVOKE ALL ON " + tables + "FROM " + kGroups),
-             .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + tables + "TO " + kGroups),
+             .begin = running(scene, "REVOKE ALL ON " + changed + ", " + read + " FROM " + kGroups),
+             .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + changed + " TO " + kGroups +
+                                       "; GRANT SELECT ON " + read + " TO " + kGroups),
              .operations = misleading(),
              .calls = 1}};
 }
 
 Provoked provoke(Scene& scene, const Outage& outage)
 {
+    const std::string rights = rightsOf(scene);
     setForRoles(scene, outage.settings);
     setenv("PGPORT", (outage.proxied ? scene.proxy.port() : server::port()).c_str(), 1);
     Questions questions(outage);
@@ -589,6 +599,9 @@ Provoked provoke(Scene& scene, const Outage& outage)
     setenv("PGPORT", server::port().c_str(), 1);
     if (!outage.settings.empty()) {
         resetRoles();
+    }
+    if (rightsOf(scene) != rights) {
+        throw std::runtime_error("the services may do other things after \"" + outage.name + "\"");
     }
     return provoked;
 }

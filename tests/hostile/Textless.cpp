@@ -57,11 +57,12 @@ void appendLocation(Entries& table)
     table.push_back(operation<Service>("getDefaultRoute(ordering, replaceUri, contacts)", [](Service& service) {
         return contactsFound([&](auto&... out) { return service.getDefaultRoute(out...); });
     }));
+    table.push_back(operation<Executor>(
+        "removeSubscriber(sid)", [](Executor& executor) { return told(executor.removeSubscriber(7), executor); }));
+    // Asks the server only where the connection has been given up before.
     table.push_back(operation<Executor>("checkConnect()", [](Executor& executor) {
         return std::string(executor.checkConnect() ? "connected\n" : "not connected\n");
     }));
-    table.push_back(operation<Executor>(
-        "removeSubscriber(sid)", [](Executor& executor) { return told(executor.removeSubscriber(7), executor); }));
     table.push_back(operation<Executor>("getHostInfo(info)", [](Executor& executor) {
         oryx::HostInfo info;
         const oryx::DatabaseResult result = executor.getHostInfo(info);

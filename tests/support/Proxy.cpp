@@ -116,16 +116,22 @@ Proxy::~Proxy()
     m_thread.join();
 }
 
-void Proxy::hangUp()
+std::size_t Proxy::hangUp()
 {
     const std::lock_guard lock(m_mutex);
-    m_links.clear();
+    return std::exchange(m_links, {}).size();
 }
 
 void Proxy::lose(const std::vector<Loss>& losses)
 {
     const std::lock_guard lock(m_mutex);
     m_losses.assign(losses.begin(), losses.end());
+}
+
+std::size_t Proxy::losses()
+{
+    const std::lock_guard lock(m_mutex);
+    return m_befallen;
 }
 
 void Proxy::meanwhile(std::function<void()> happens)
@@ -191,10 +197,17 @@ std::vector<pollfd> Proxy::watched()
     const std::lock_guard lock(m_mutex);
     std::vector<pollfd> sockets{{m_listener.fd(), POLLIN, 0}};
     for (const Link& link : m_links) {
-        sockets.push_back({link.client.fd(), POLLIN, 0});
-        sockets.push_back({link.server.fd(), POLLIN, 0});
+        if (isServed(link)) { // what waits at another would have poll return at once
+            sockets.push_back({link.client.fd(), POLLIN, 0});
+            sockets.push_back({link.server.fd(), POLLIN, 0});
+        }
     }
     return sockets;
+}
+
+bool Proxy::isServed(const Link& link) const
+{
+    return !m_dark && std::chrono::steady_clock::now() >= link.from;
 }
 
 void Proxy::accept()
@@ -216,7 +229,7 @@ void Proxy::accept()
 
 void Proxy::forward(Link& link, bool fromClient)
 {
-    if (m_dark || std::chrono::steady_clock::now() < link.from) {
+    if (!isServed(link)) {
         return;
     }
     const int from = fromClient ? link.client.fd() : link.server.fd();
@@ -271,6 +284,7 @@ bool Proxy::isLost(Link& link, bool fromClient, char first)
         if (link.loseAnswer && m_meanwhile) {
             std::exchange(m_meanwhile, nullptr)();
         }
+        m_befallen += link.loseAnswer ? 1U : 0U;
         return link.loseAnswer;
     }
     if (!std::exchange(link.answered, false) || kStatements.find(first) == std::string_view::npos || m_losses.empty()) {
@@ -279,6 +293,7 @@ bool Proxy::isLost(Link& link, bool fromClient, char first)
     const Loss loss = m_losses.front();
     m_losses.pop_front();
     link.loseAnswer = loss == Loss::answer;
+    m_befallen += loss == Loss::request ? 1U : 0U;
     return loss == Loss::request;
 }
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -49,10 +50,12 @@ public:
 
     std::string port() const { return std::to_string(m_port); }
 
-    /// Cuts every connection there is.
-    void hangUp();
+    /// Cuts every connection there is; how many.
+    std::size_t hangUp();
     /// Has these losses befall the next statements, one each.
     void lose(const std::vector<Loss>& losses);
+    /// How many have befallen one.
+    std::size_t losses();
     /// Has something happen when the server has carried out the next statement whose answer gets lost, before the loss
     /// is noticed. It runs on the serving thread, and must not need it.
     void meanwhile(std::function<void()> happens);
@@ -85,6 +88,7 @@ private:
 
     void serve();
     std::vector<pollfd> watched();
+    bool isServed(const Link& link) const;
     void accept();
     void forward(Link& link, bool fromClient);
     bool isLost(Link& link, bool fromClient, char first);
@@ -95,6 +99,7 @@ private:
     Socket m_listener;
     std::list<Link> m_links;
     std::deque<Loss> m_losses;
+    std::size_t m_befallen = 0;
     std::function<void()> m_meanwhile;
     bool m_swallowing = false;
     bool m_dark = false;

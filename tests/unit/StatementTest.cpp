@@ -84,6 +84,29 @@ TEST(StatementTest, JoinsTheArgumentsOfACall)
     EXPECT_EQ(call("SELECT remove_subscriber{}", std::move(arguments)).takeText(), "SELECT remove_subscriber('42')");
 }
 
+TEST(StatementTest, TakesEffectOnceWhereItIsSaid)
+{
+    const auto said = [](const Statement& statement) {
+        return std::string(statement.takesEffectOnce() ? "once" : "") + (statement.answerKept() ? ", answered" : "");
+    };
+    EXPECT_EQ(said(sql("DELETE FROM contact;")), "");
+    EXPECT_EQ(said(sql("DELETE FROM contact;").once()), "once");
+    EXPECT_EQ(said(sql("SELECT reserve();").onceAnswered()), "once, answered");
+    Statement statement = sql("DELETE FROM contact WHERE csid={}", 7);
+    EXPECT_EQ(said(statement.once().append(" AND address='{}';", "sip:a")), "once");
+    EXPECT_EQ(statement.text(), "DELETE FROM contact WHERE csid=7 AND address='sip:a';");
+}
+
+TEST(TransactionTest, KnowsWhichOfItsStatementsTakeEffectOnce)
+{
+    Transaction transaction{"BEGIN;", {}, "COMMIT;"};
+    transaction.addOnce("DELETE FROM contact WHERE csid={};", 7);
+    transaction.add("DELETE FROM node;");
+    EXPECT_TRUE(transaction.statements.front().takesEffectOnce());
+    EXPECT_FALSE(transaction.statements.back().takesEffectOnce());
+    EXPECT_EQ(transaction.text(), "BEGIN;DELETE FROM contact WHERE csid=7;DELETE FROM node;COMMIT;");
+}
+
 TEST(TransactionTest, IsItsStatementsInARow)
 {
     const Transaction transaction{"BEGIN TRANSACTION;",

@@ -1,0 +1,317 @@
+// The upkeep that a timer calls, and the alarms: what they do, what they find, and that they do no harm.
+
+#include "support/DatabaseTest.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+class Upkeep : public ExecutorTest {
+protected:
+    /// What a run did, without the alarms.
+    std::string done(const std::string& arguments = "")
+    {
+        return rows("SELECT state, item, value, unit, detail FROM oryx_upkeep(" + arguments +
+                    ") WHERE item NOT IN (SELECT alarm FROM alarm_limit)");
+    }
+
+    /// What a further run within the hour does.
+    std::string doneAgain(const std::string& arguments = "")
+    {
+        done();
+        return done(arguments);
+    }
+
+    /// An alarm's state, what there is, and the detail.
+    std::string alarm(const std::string& name)
+    {
+        return rows("SELECT state, value, detail FROM oryx_alarms() WHERE alarm = '" + name + "'");
+    }
+
+    std::string state(const std::string& name)
+    {
+        return m_session.value("SELECT state FROM oryx_alarms() WHERE alarm = '" + name + "'");
+    }
+
+    void allow(const std::string& name, int allowed)
+    {
+        sql("UPDATE alarm_limit SET allowed = " + std::to_string(allowed) + " WHERE alarm = '" + name + "'");
+    }
+
+    /// A role that may log in, for all tests of it at once.
+    void makeRole(const std::string& name)
+    {
+        sql("DO $$ BEGIN CREATE ROLE " + name + " LOGIN PASSWORD '" + server::kPassword +
+            "'; EXCEPTION WHEN duplicate_object OR unique_violation THEN NULL; END $$");
+        sql("GRANT CONNECT ON DATABASE " + m_database.name() + " TO " + name);
+    }
+
+    /// What a server is told.
+    std::string ask(const std::string& statement) { return outcome(m_executor.execute(statement)); }
+
+    /// How upkeep and alarms call the library's session in that state.
+    std::string session(const std::string& inState)
+    {
+        return "session " + backend() + " of " + server::kUser + " (no name), " + inState;
+    }
+
+    /// Without what differs from run to run.
+    static std::string withoutSeconds(std::string text)
+    {
+        const std::size_t open = text.find(", open for ");
+        return open == std::string::npos ? text : text.erase(open, text.find(" s", open) + 2 - open);
+    }
+};
+
+const std::string kNothingForgotten = "done|forget_sendings|0|rows|not written for a day\n";
+
+} // namespace
+
+TEST_F(Upkeep, TrimsTheChangeLogAndForgetsEndedSessions)
+{
+    sql("INSERT INTO acp VALUES ('manager')");
+    sql("INSERT INTO sending (session, number) VALUES ('00000000-0000-0000-0000-000000000001', 25),"
+        " ('00000000-0000-0000-0000-000000000002', 23)");
+    sql("UPDATE sending SET sent_at = now() - number * interval '1 hour'");
+    EXPECT_EQ(done("'1 hour'"), "done|trim_change_log|0|rows|older than 01:00:00\n"
+                                "done|forget_sendings|1|rows|not written for a day\n");
+    EXPECT_EQ(rows("SELECT number FROM sending"), "23\n");
+    sql("DELETE FROM upkeep_run");
+    EXPECT_EQ(done("'-1 hour'"), "done|trim_change_log|1|rows|older than -01:00:00\n" + kNothingForgotten);
+    EXPECT_EQ(rows("SELECT * FROM event_notify"), "");
+}
+
+TEST_F(Upkeep, ReadsTheChangeLogOnceAnHourOrUntilItIsTrimmed)
+{
+    EXPECT_EQ(doneAgain(), kNothingForgotten);
+    sql("UPDATE upkeep_run SET run_at = run_at - interval '61 minutes'");
+    EXPECT_EQ(done(), "done|trim_change_log|0|rows|older than 7 days\n" + kNothingForgotten);
+
+    sql("DELETE FROM upkeep_run; REVOKE EXECUTE ON FUNCTION trim_event_notify(interval) FROM oryx_owner");
+    const std::string refused =
+        "failed|trim_change_log|NULL|rows|permission denied for function trim_event_notify\n" + kNothingForgotten;
+    EXPECT_EQ(done(), refused);
+    EXPECT_EQ(done(), refused);
+    EXPECT_EQ(state("upkeep_failed"), "alarm");
+}
+
+TEST_F(Upkeep, EndsASessionThatLeavesATransactionOpen)
+{
+    ASSERT_EQ(ask("BEGIN; SELECT FROM contact"), "okay");
+    const std::string forgotten = backend();
+    const std::string named = session("idle in transaction");
+    EXPECT_EQ(doneAgain(), kNothingForgotten); // it has a minute
+    EXPECT_EQ(withoutSeconds(done("idle_limit => '0'")),
+              kNothingForgotten + "done|end_forgotten_transactions|1|sessions|" + named + "\n");
+    EXPECT_EQ(remaining(forgotten), "");
+    EXPECT_EQ(doneAgain("idle_limit => '0'"), kNothingForgotten);
+    EXPECT_EQ(ask("SELECT 1"), "okay"); // in a new session
+}
+
+TEST_F(Upkeep, CancelsAStatementThatGoesOnAndOn)
+{
+    auto asked = std::async(std::launch::async, [this] { return ask("SELECT pg_sleep(300)"); });
+    EXPECT_NE(waitingBackend(), "");
+    EXPECT_EQ(doneAgain("idle_limit => '0'"), kNothingForgotten);
+    const std::string cancelled = backend();
+    const std::string named = session("active");
+    EXPECT_EQ(withoutSeconds(done("running_limit => '0'")),
+              kNothingForgotten + "done|end_forgotten_transactions|1|sessions|" + named + "\n");
+    // A plain statement is sent once more.
+    EXPECT_NE(waitingBackend(cancelled), "");
+    done("running_limit => '0'");
+    EXPECT_EQ(asked.get(), "query error: [57014] ERROR:  canceling statement due to user request");
+}
+
+TEST_F(Upkeep, LetsAMigrationTakeItsTime)
+{
+    makeRole("oryx_test_migration");
+    sql("GRANT oryx_owner TO oryx_test_migration");
+    ASSERT_TRUE(m_executor.connect(m_database.uri().c_str(), "oryx_test_migration", server::kPassword));
+    auto asked = std::async(std::launch::async, [this] { return ask("SELECT pg_sleep(2)"); });
+    while (m_session.value("SELECT count(*) FROM pg_stat_activity WHERE datname = current_database()"
+                           " AND usename = 'oryx_test_migration' AND wait_event = 'PgSleep'") == "0") {
+    }
+    EXPECT_EQ(doneAgain("running_limit => '0'"), kNothingForgotten);
+    EXPECT_EQ(asked.get(), "okay");
+}
+
+TEST_F(Upkeep, LetsAVacuumTakeItsTime)
+{
+    // Not as the schema's owner, who is left alone in any case, nor as a superuser, whom nobody else can cancel.
+    makeRole("oryx_test_vacuum");
+    sql("ALTER DATABASE " + m_database.name() + " OWNER TO oryx_test_vacuum");
+    sql("INSERT INTO contact_set (csid) VALUES (12);"
+        "INSERT INTO contact (csid, address) SELECT 12, n FROM generate_series(1, 20000) n");
+    ASSERT_TRUE(m_executor.connect(m_database.uri().c_str(), "oryx_test_vacuum", server::kPassword));
+    ASSERT_EQ(ask("SET vacuum_cost_delay = 100"), "okay");
+    ASSERT_EQ(ask("SET vacuum_cost_limit = 1"), "okay");
+    auto asked = std::async(std::launch::async, [this] { return ask("VACUUM contact"); });
+    std::string pid;
+    while (pid.empty()) {
+        pid = m_session.value("SELECT pid FROM pg_stat_progress_vacuum WHERE datname = current_database()"
+                              " AND relid = 'contact'::regclass");
+    }
+    EXPECT_EQ(doneAgain("idle_limit => '0', running_limit => '0'"), kNothingForgotten);
+    sql("SELECT pg_cancel_backend(" + pid + ")");
+    asked.wait();
+    sql("ALTER DATABASE " + m_database.name() + " OWNER TO CURRENT_USER");
+}
+
+TEST_F(Upkeep, SaysWhatItMayNotEnd)
+{
+    server::Session superuser(m_database.name());
+    superuser.run("BEGIN; SELECT FROM contact");
+    EXPECT_EQ(withoutSeconds(doneAgain("idle_limit => '0'")),
+              kNothingForgotten + "failed|end_forgotten_transactions|1|sessions|session " +
+                  superuser.value("SELECT pg_backend_pid()") +
+                  " of postgres (no name), idle in transaction: must be a superuser to terminate superuser process\n");
+    EXPECT_EQ(alarm("upkeep_failed").substr(0, 9), "alarm|1|a");
+    superuser.run("ROLLBACK");
+    done();
+    EXPECT_EQ(state("upkeep_failed"), "ok");
+}
+
+TEST_F(Upkeep, TakesTurnsThatOnlyTheOwnerCanTake)
+{
+    server::Session other(m_database.name());
+    other.run("BEGIN; SELECT FROM oryx_upkeep()");
+    EXPECT_EQ(rows("SELECT * FROM oryx_upkeep()"), "upkeep|done|NULL|NULL|NULL|another run is at it|NULL\n");
+    other.run("COMMIT");
+    EXPECT_EQ(done(), kNothingForgotten);
+    EXPECT_EQ(ask("SELECT FROM upkeep_turn FOR UPDATE"),
+              "query error: [42501] ERROR:  permission denied for table upkeep_turn");
+}
+
+TEST_F(Upkeep, WaitsForNobody)
+{
+    done();
+    server::Session other(m_database.name());
+    other.run("BEGIN; LOCK TABLE sending");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(done(), "failed|forget_sendings|NULL|rows|canceling statement due to lock timeout\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    other.run("COMMIT");
+    EXPECT_EQ(done(), kNothingForgotten);
+}
+
+TEST_F(Upkeep, IsForOperatorsAlone)
+{
+    EXPECT_EQ(ask("SELECT * FROM oryx_upkeep()"),
+              "query error: [42501] ERROR:  permission denied for function oryx_upkeep");
+    EXPECT_EQ(ask("SELECT * FROM oryx_alarms()"),
+              "query error: [42501] ERROR:  permission denied for function oryx_alarms");
+    EXPECT_EQ(ask("SELECT * FROM end_forgotten_transactions('0', '0')"),
+              "query error: [42501] ERROR:  permission denied for function end_forgotten_transactions");
+    EXPECT_EQ(ask("SELECT * FROM horizon_holder"),
+              "query error: [42501] ERROR:  permission denied for view horizon_holder");
+}
+
+TEST_F(Upkeep, LimitsIdleTransactionsOfWhoeverHasNoLimit)
+{
+    EXPECT_EQ(m_session.value("SHOW idle_in_transaction_session_timeout"), "1min");
+}
+
+TEST_F(Upkeep, FindsNothingWrongInANewDatabase)
+{
+    done();
+    EXPECT_EQ(rows("SELECT alarm, state, allowed, unit FROM oryx_alarms()"),
+              "archiving_failed|ok|300|s\n"
+              "change_log_rows|ok|5000000|rows\n"
+              "connections_used|ok|80|% of max_connections\n"
+              "dead_rows|ok|40|% of the rows\n"
+              "extensions_in_use|ok|0|extensions\n"
+              "horizon_held_back|ok|1000000|transactions\n"
+              "invalid_indexes|ok|0|indexes\n"
+              "log_held_by_slots|ok|4096|MB\n"
+              "log_written|ok|150|GB a day\n"
+              "oldest_transaction|ok|120|s\n"
+              "prepared_transaction|ok|300|s\n"
+              "refreshes_moved|ok|20|% of the refreshes\n"
+              "replication_lag|ok|64|MB\n"
+              "sequences_used|ok|75|% of the numbers\n"
+              "transaction_ids_used|ok|60|% of what there is\n"
+              "upkeep_failed|ok|0|tasks\n"
+              "upkeep_missing|ok|600|s\n");
+}
+
+TEST_F(Upkeep, NamesWhoHoldsAnOldTransaction)
+{
+    sql("INSERT INTO contact_set (csid) VALUES (12)");
+    ASSERT_EQ(ask("BEGIN ISOLATION LEVEL REPEATABLE READ; SELECT FROM contact"), "okay");
+    sql("INSERT INTO contact_set (csid) VALUES (13)");
+    sql("INSERT INTO contact_set (csid) VALUES (14)");
+    allow("horizon_held_back", 1);
+    allow("oldest_transaction", -1);
+    EXPECT_NE(alarm("horizon_held_back").find(session("idle in transaction")), std::string::npos);
+    EXPECT_EQ(state("horizon_held_back"), "alarm");
+    EXPECT_NE(alarm("oldest_transaction").find(session("idle in transaction")), std::string::npos);
+    EXPECT_EQ(state("oldest_transaction"), "alarm");
+    ASSERT_EQ(ask("ROLLBACK"), "okay");
+    EXPECT_EQ(alarm("horizon_held_back"), "ok|0|NULL\n");
+    EXPECT_EQ(alarm("oldest_transaction"), "alarm|0|NULL\n");
+}
+
+TEST_F(Upkeep, AlarmsAtWhatWouldStopAService)
+{
+    EXPECT_EQ(state("upkeep_missing"), "unknown");
+    done();
+    sql("SELECT setval('subscriber_sid_seq', 1610612736)");
+    sql("SELECT setval('contact_contact_id_seq', 2147483647)"); // starts over
+    EXPECT_EQ(alarm("sequences_used"), "ok|75.0|subscriber_sid_seq\n");
+    sql("SELECT setval('subscriber_sid_seq', 1632087572)");
+    EXPECT_EQ(alarm("sequences_used"), "alarm|76.0|subscriber_sid_seq\n");
+
+    sql("UPDATE pg_index SET indisvalid = false WHERE indexrelid = 'contact_set_sid'::regclass");
+    EXPECT_EQ(alarm("invalid_indexes"), "alarm|1|public.contact_set_sid\n");
+
+    sql("INSERT INTO conf_state VALUES ('4711', 'IN USE', 5), ('4712', 'IDLE', 5),"
+        " ('4713', 'IN USE', floor(extract(epoch FROM now())))");
+    EXPECT_EQ(alarm("extensions_in_use"), "alarm|1|4711\n");
+
+    sql("UPDATE upkeep_run SET run_at = run_at - interval '601 seconds'");
+    EXPECT_EQ(state("upkeep_missing"), "alarm");
+    sql("UPDATE upkeep_run SET wal_position = '0/0'");
+    allow("log_written", 0);
+    EXPECT_EQ(state("log_written"), "alarm");
+    allow("connections_used", 0);
+    EXPECT_EQ(state("connections_used"), "alarm");
+    allow("transaction_ids_used", -1);
+    EXPECT_EQ(state("transaction_ids_used"), "alarm");
+}
+
+TEST_F(Upkeep, AlarmsAtRefreshesThatLeaveTheirPage)
+{
+    sql("INSERT INTO contact_set (csid) VALUES (12);"
+        "INSERT INTO contact (csid, address) SELECT 12, n FROM generate_series(1, 10000) n");
+    sql("VACUUM ANALYZE contact");
+    done();
+    sql("UPDATE contact SET expires = 1 WHERE contact_id % 10 = 0");
+    sql("SELECT pg_stat_force_next_flush()");
+    EXPECT_EQ(state("refreshes_moved"), "ok");
+    EXPECT_EQ(state("dead_rows"), "ok");
+    sql("DELETE FROM upkeep_run");
+    done();
+    ASSERT_EQ(ask("BEGIN ISOLATION LEVEL REPEATABLE READ; SELECT FROM contact"), "okay");
+    for (int refresh = 2; refresh < 5; ++refresh) {
+        sql("UPDATE contact SET expires = " + std::to_string(refresh));
+    }
+    sql("SELECT pg_stat_force_next_flush()");
+    EXPECT_EQ(state("refreshes_moved"), "alarm");
+    EXPECT_EQ(state("dead_rows"), "alarm");
+    ASSERT_EQ(ask("ROLLBACK"), "okay");
+}
+
+TEST_F(Upkeep, DoesNotTakeForGoodWhatItCannotSee)
+{
+    done();
+    sql("BEGIN; REVOKE pg_read_all_stats FROM oryx_owner");
+    EXPECT_EQ(rows("SELECT alarm FROM oryx_alarms() WHERE state = 'unknown'"),
+              "horizon_held_back\noldest_transaction\nreplication_lag\n");
+    sql("ROLLBACK");
+}
