@@ -250,6 +250,8 @@ namespace {
 class OlderDatabase : public MigrationTest {
 protected:
     OlderDatabase() : MigrationTest("120") {}
+
+    const server::Database m_other; // with which comes the role that the library connects as
 };
 
 } // namespace
