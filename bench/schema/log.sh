@@ -26,7 +26,7 @@ kLogs=(
     "the schema's: lock until it shows|new|"
     "lock until the flush|new|$(stamping "BEGIN LOCK TABLE event_turn IN EXCLUSIVE MODE; $kGive
         RAISE SQLSTATE 'OX000'; EXCEPTION WHEN SQLSTATE 'OX000' THEN NULL; END;")"
-    "no lock, a horizon for readers|new|$(stamping "$kGive")"
+    "no lock, a horizon for readers|new|$(stamping "given := nextval('event_notify_stamp');")"
     "the schema's, commits not flushed|new|DO \$\$ BEGIN
         EXECUTE format('ALTER DATABASE %I SET synchronous_commit = off', current_database()); END \$\$"
 )
