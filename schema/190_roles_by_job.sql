@@ -49,7 +49,7 @@ DECLARE
 BEGIN
     IF NOT (SELECT rolsuper FROM pg_roles WHERE rolname = current_user) THEN
         RAISE WARNING 'locks by number, large objects and messages to the log stay open to everybody who can connect'
-            USING HINT = 'Have a superuser run this statement of schema/190_roles_by_job.sql in the database.';
+            USING HINT = 'schema/apply --check has the statements with which a superuser closes them.';
         RETURN;
     END IF;
     FOR open_to_all IN SELECT oid FROM pg_proc
@@ -57,8 +57,6 @@ BEGIN
                                AND proname ~ '^(pg_(try_)?advisory_.*|lo_.*|loread|lowrite|pg_logical_emit_message)$' LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', open_to_all);
     END LOOP;
-    -- of schema/apply, and of who stamps the change log
-    GRANT EXECUTE ON FUNCTION pg_advisory_xact_lock(bigint) TO oryx_owner;
 END
 $$;
 
@@ -70,7 +68,8 @@ GRANT SELECT ON contact_set, public_address, host_info, proxy_configuration, sys
     TO oryx_registrar;
 GRANT SELECT, INSERT, UPDATE, DELETE ON contact TO oryx_registrar;
 GRANT USAGE ON SEQUENCE contact_contact_id_seq TO oryx_registrar;
-GRANT EXECUTE ON FUNCTION next_contact_id(), address_csid(text, text), remove_contact(text, text, text),
+GRANT EXECUTE ON FUNCTION next_contact_id(), skip_used_keys(regclass), address_csid(text, text),
+    remove_contact(text, text, text),
     add_contact(text, text, text, bigint, boolean, text, text, text, text, bigint) TO oryx_registrar;
 GRANT INSERT (session, number), UPDATE (number, answer, sent_at), SELECT (session, number, answer) ON sending
     TO oryx_registrar;
@@ -107,14 +106,15 @@ GRANT SELECT, INSERT, UPDATE, DELETE ON contact_set, public_address, contact, ho
 GRANT SELECT, UPDATE, DELETE ON address_map_refused TO oryx_provisioning;
 GRANT SELECT, INSERT, DELETE ON conf_state_reset TO oryx_provisioning;
 GRANT USAGE ON SEQUENCE subscriber_sid_seq, contact_set_csid_seq, contact_contact_id_seq TO oryx_provisioning;
-GRANT EXECUTE ON FUNCTION next_sid(), next_csid(), next_contact_id(), address_csid(text, text),
+GRANT SELECT ON public_address_not_in_lower_case TO oryx_provisioning;
+GRANT EXECUTE ON FUNCTION next_sid(), next_csid(), next_contact_id(), skip_used_keys(regclass), address_csid(text, text),
     create_public_address(integer, text, text), create_public_address_alias(text, text, text),
     import_public_address(integer, text, text, text), remove_subscriber(integer), remove_contact(text, text, text),
     add_contact(text, text, text, bigint, boolean, text, text, text, text, bigint) TO oryx_provisioning;
 
 -- The operator: beside what it sees, the care of what grows.
-GRANT EXECUTE ON FUNCTION trim_event_notify(interval), oryx_upkeep(interval, interval, interval), oryx_alarms()
-    TO oryx_operator;
+GRANT EXECUTE ON FUNCTION trim_event_notify(interval), oryx_upkeep(interval, interval, interval), oryx_alarms(),
+    set_key_sequences() TO oryx_operator;
 GRANT UPDATE (allowed) ON alarm_limit TO oryx_operator;
 GRANT SELECT ON alarm_limit, upkeep_run TO oryx_reader;
 

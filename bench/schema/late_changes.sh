@@ -120,7 +120,7 @@ measure_sendings() {
             work "sending$way" "$folder/sweep.sql" "$kChangesPerRound" \
                 "INSERT INTO contact (csid, address, expires) SELECT n, 'old', 5 FROM generate_series(1, $kChangesPerRound) n;" \
                 >>"$folder/sending.${#kChanges[@]}.$way"
-            run_sql "sending$way" -c 'TRUNCATE conf_state' -c 'DELETE FROM event_notify' -c 'VACUUM'
+            run_sql "sending$way" -c 'TRUNCATE conf_state' -c "SELECT trim_event_notify('0')" -c 'VACUUM' >"$folder/out"
         done
     done
     printf '\nmedian of %d rounds of %d changes, us of the server process (ratio to the first column)\n\n%-30s' \

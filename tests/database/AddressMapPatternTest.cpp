@@ -1,17 +1,11 @@
 #include "support/DatabaseTest.h"
+#include "support/MigrationTest.h"
 #include "support/Show.h"
-#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -19,7 +13,6 @@
 
 namespace {
 
-constexpr const char* kSchema = ORYX_SCHEMA;
 const std::string kTooLarge = "stands for more than 1000 characters and operators when its repetitions are written out";
 const std::string kTooManyStates = "needs more than 500 states: what follows a repetition matches what is repeated";
 
@@ -254,53 +247,11 @@ TEST_F(AddressMapPattern, LetsReadersSeeWhatWasRefusedAndServersNot)
 
 namespace {
 
-/// A further database, whose schema the test applies itself.
-class OlderDatabase : public testing::Test {
+class OlderDatabase : public MigrationTest {
 protected:
-    OlderDatabase()
-    {
-        server::Session("postgres").run("CREATE DATABASE " + m_name);
-        std::filesystem::copy(kSchema, m_folder.file("schema"));
-        for (const auto& file : std::filesystem::directory_iterator(kSchema)) {
-            const std::string name = file.path().filename();
-            if (name.ends_with(".sql") && name >= "120") {
-                std::filesystem::remove(m_folder.file("schema") + "/" + name);
-            }
-        }
-        EXPECT_EQ(run("'" + m_folder.file("schema") + "/apply' " + m_name), 0) << told();
-        m_session = std::make_unique<server::Session>(m_name);
-    }
+    OlderDatabase() : MigrationTest("120") {}
 
-    ~OlderDatabase() override
-    {
-        m_session.reset();
-        server::Session("postgres").run("DROP DATABASE IF EXISTS " + m_name + "_restored WITH (FORCE)");
-        server::Session("postgres").run("DROP DATABASE " + m_name + " WITH (FORCE)");
-    }
-
-    int run(const std::string& command) const
-    {
-        return std::system(
-            ("{ " + command + "; } >'" + m_folder.file("out") + "' 2>'" + m_folder.file("err") + "'").c_str());
-    }
-
-    int migrate() const { return run(std::string("'") + kSchema + "/apply' " + m_name); }
-    std::string told() const { return m_folder.read("out") + m_folder.read("err"); }
-
-    /// The warnings of the last command, without the place in the file.
-    std::string warnings() const
-    {
-        std::istringstream lines(m_folder.read("err"));
-        std::string text;
-        for (std::string line; std::getline(lines, line);) {
-            text += line.substr(std::min(line.find("WARNING:"), line.size())) + "\n";
-        }
-        return text;
-    }
-
-    std::string m_name = "oryx_older_" + std::to_string(getpid());
-    TemporaryDirectory m_folder;
-    std::unique_ptr<server::Session> m_session;
+    const server::Database m_other; // with which comes the role that the library connects as
 };
 
 } // namespace
@@ -318,7 +269,7 @@ TEST_F(OlderDatabase, KeepsGoodMapsAndMovesTheOthersAside)
     const std::string kept =
         m_session->rows("SELECT * FROM address_map WHERE map_id IN (102, 104, 105) ORDER BY map_id");
 
-    EXPECT_EQ(migrate(), 0);
+    EXPECT_EQ(apply(), 0);
 
     EXPECT_EQ(warnings(),
               "WARNING:  address map 101 (handle 'twice', csid 13) is moved to address_map_refused: its pattern has a"
@@ -357,17 +308,11 @@ TEST_F(OlderDatabase, KeepsGoodMapsAndMovesTheOthersAside)
 
 TEST_F(OlderDatabase, IsDumpedAndRestoredWithTheRule)
 {
-    ASSERT_EQ(migrate(), 0) << told();
+    ASSERT_EQ(apply(), 0) << told();
     m_session->run(
         "INSERT INTO contact_set (csid) VALUES (12);"
         "INSERT INTO address_map (handle, csid, pattern) VALUES ('a', 12, '^sip:(a|\\bb)[[:alnum:]]{1,9}.*$')");
-    const std::string restored = m_name + "_restored";
-    server::Session("postgres").run("CREATE DATABASE " + restored);
-    const std::string dump = m_folder.file("dump");
-    EXPECT_EQ(
-        run("pg_dump -f " + dump + " " + m_name + " && psql -X -q -v ON_ERROR_STOP=1 -f " + dump + " " + restored), 0)
-        << told();
-    server::Session session(restored);
+    server::Session session(restore());
     EXPECT_EQ(session.rows("SELECT handle FROM public.address_map"), "a\n");
     EXPECT_THROW(session.run("UPDATE public.address_map SET pattern = '(a*)*'"), std::runtime_error);
 }

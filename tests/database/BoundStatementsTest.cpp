@@ -181,7 +181,7 @@ TEST_F(Bound, AChangeThatIsRefusedAsItTakesEffectCostsNoReconnect)
 {
     // Changes of this table wait for their turn in the log, at the very end.
     server::Session other(m_database.name());
-    other.run("BEGIN; SELECT pg_advisory_xact_lock(4216580302)");
+    other.run("BEGIN; LOCK TABLE event_turn IN EXCLUSIVE MODE");
     const std::string before = session();
     QueryResult ignored;
     m_executor.executeSqlCmd("SET lock_timeout = '100ms'", ignored);

@@ -654,7 +654,7 @@ TEST_F(ListenerOfTheLog, IsToldToReadTheTablesAgainWhereTheLogIsRefused)
     EXPECT_EQ(m_calls.await(2), (std::vector<std::string>{kEverything, "acp!"}));
     EXPECT_TRUE(
         awaitTrace("oryx log: change listener: the log of acp cannot be read, so its rows are not told: ERROR:  "
-                   "permission denied for table event_notify"));
+                   "permission denied for view event_notify"));
     sql("GRANT SELECT ON event_notify TO oryx_server");
     addManager("manager2");
     EXPECT_EQ(m_calls.await(3).at(2), "acp manager1 manager2"); // the position has waited

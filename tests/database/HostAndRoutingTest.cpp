@@ -245,12 +245,12 @@ TEST_F(HostAndRouting, ReadsTheConfigurationOfOneProxy)
 {
     sql("INSERT INTO proxy_configuration (proxy_name, scope, property_name, property_value) VALUES"
         " ('edge', 'sip', 'port', '5060'), ('core', 'sip', 'port', '5061'), ('edge', NULL, 'realm', NULL),"
-        " ('edge', '', NULL, 'b\u00fccher.example'), ('edge', 'sip', 'port', '5060')");
+        " ('edge', '', NULL, 'b\u00fccher.example'), ('edge', 'sip', 'port', '5062')");
     EXPECT_EQ(proxyConfig("core"), "okay\n" + show(oryx::ProxyConfig("sip", "port", "5061")));
     EXPECT_EQ(proxyConfig("edge"), "okay\n" + show(std::vector<oryx::ProxyConfig>{{"sip", "port", "5060"},
                                                                                   {"", "realm", ""},
                                                                                   {"", "", "b\u00fccher.example"},
-                                                                                  {"sip", "port", "5060"}}));
+                                                                                  {"sip", "port", "5062"}}));
     EXPECT_EQ(proxyConfig("none"), "okay\n");
 }
 

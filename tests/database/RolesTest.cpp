@@ -213,7 +213,8 @@ TEST_F(RolesTried, RegistrarsKeepBindingsAndReadCredentials)
               "address_csid: EXECUTE\n"
               "next_contact_id: EXECUTE\n"
               "remove_contact: EXECUTE\n"
-              "sending_has_taken_effect: EXECUTE\n");
+              "sending_has_taken_effect: EXECUTE\n"
+              "skip_used_keys: EXECUTE\n");
 }
 
 TEST_F(RolesTried, ProxiesReadWhereRequestsGoAndNoPassword)
@@ -280,6 +281,7 @@ TEST_F(RolesTried, ProvisioningWritesWhatServersFindAndReadsNoPassword)
               "presence_list_authorization: SELECT INSERT UPDATE DELETE\n"
               "proxy_configuration: SELECT INSERT UPDATE DELETE\n"
               "public_address: SELECT INSERT UPDATE DELETE\n"
+              "public_address_not_in_lower_case: SELECT\n"
               "sip_event_aggregator: SELECT INSERT UPDATE DELETE\n"
               "subscriber: SELECT(sid user_id auth_user_id oid s_type auth_type active) INSERT UPDATE DELETE\n"
               "system_parameters: SELECT INSERT UPDATE DELETE\n"
@@ -295,7 +297,8 @@ TEST_F(RolesTried, ProvisioningWritesWhatServersFindAndReadsNoPassword)
               "next_csid: EXECUTE\n"
               "next_sid: EXECUTE\n"
               "remove_contact: EXECUTE\n"
-              "remove_subscriber: EXECUTE\n");
+              "remove_subscriber: EXECUTE\n"
+              "skip_used_keys: EXECUTE\n");
 }
 
 TEST_F(RolesTried, OperatorsReadAllButPasswordsAndTrimTheLog)
@@ -317,11 +320,13 @@ TEST_F(RolesTried, OperatorsReadAllButPasswordsAndTrimTheLog)
                                          "event_watchers: SELECT\n"
                                          "extension: SELECT\n"
                                          "host_info: SELECT\n"
+                                         "key_sequence: SELECT\n"
                                          "listsubscriptions: SELECT\n"
                                          "node: SELECT\n"
                                          "presence_list_authorization: SELECT\n"
                                          "proxy_configuration: SELECT\n"
                                          "public_address: SELECT\n"
+                                         "public_address_not_in_lower_case: SELECT\n"
                                          "schema_migration: SELECT\n"
                                          "select_all_obsolete_conf_ext_not_in_use: SELECT\n"
                                          "select_all_valid_conf_ext: SELECT\n"
@@ -333,6 +338,7 @@ TEST_F(RolesTried, OperatorsReadAllButPasswordsAndTrimTheLog)
                                          "watcherinfo: SELECT\n"
                                          "oryx_alarms: EXECUTE\n"
                                          "oryx_upkeep: EXECUTE\n"
+                                         "set_key_sequences: EXECUTE\n"
                                          "trim_event_notify: EXECUTE\n");
 }
 
@@ -355,11 +361,13 @@ TEST_F(RolesTried, ReadersReadAllButPasswords)
                                        "event_watchers: SELECT\n"
                                        "extension: SELECT\n"
                                        "host_info: SELECT\n"
+                                       "key_sequence: SELECT\n"
                                        "listsubscriptions: SELECT\n"
                                        "node: SELECT\n"
                                        "presence_list_authorization: SELECT\n"
                                        "proxy_configuration: SELECT\n"
                                        "public_address: SELECT\n"
+                                       "public_address_not_in_lower_case: SELECT\n"
                                        "schema_migration: SELECT\n"
                                        "select_all_obsolete_conf_ext_not_in_use: SELECT\n"
                                        "select_all_valid_conf_ext: SELECT\n"
@@ -441,7 +449,7 @@ TEST_F(DatabaseTest, AnOwnerWhoIsNoSuperuserAppliesTheSchemaAndIsToldWhatStaysOp
     const std::string told = folder.read("err");
     EXPECT_NE(
         told.find("WARNING:  locks by number, large objects and messages to the log stay open to everybody who can"
-                  " connect\nHINT:  Have a superuser run this statement of schema/190_roles_by_job.sql"),
+                  " connect\nHINT:  schema/apply --check has the statements"),
         std::string::npos)
         << told;
     EXPECT_EQ(server::Session(owned).value("SELECT has_table_privilege('oryx_registrar', 'contact', 'INSERT')"), "t");

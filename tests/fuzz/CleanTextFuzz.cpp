@@ -452,7 +452,7 @@ private:
               "conf_state", "subscriber", "contact_set", "public_address", "contact"}) {
             expect(table, m_session.rows(std::string("SELECT * FROM ") + table), "");
         }
-        m_session.run("DELETE FROM event_notify");
+        m_session.run("SELECT trim_event_notify('0')");
     }
 
     server::Database m_database;

@@ -86,7 +86,7 @@ void addChangeLog(Entries& table)
     table.push_back({
         .argument = argumentOf<Target>("getUpdatedPrimaryKeys(tableName, since, updates) tableName"),
         .place = Place::key,
-        .before = {"INSERT INTO event_notify (table_name, pk_int, evt_timestamp) VALUES ($1, 9, 99)"},
+        .before = {"INSERT INTO event_notify_earlier (table_name, pk_int, evt_timestamp) VALUES ($1, 9, 99)"},
         .call =
             [](Library& library, const std::string& text) {
                 return listed<oryx::DatabaseUpdate>(

@@ -132,7 +132,9 @@ const char* const kReadBySupport[]{"contact_set",
                                    "event_notify",
                                    "schema_migration",
                                    "alarm_limit",
-                                   "upkeep_run"};
+                                   "upkeep_run",
+                                   "key_sequence",
+                                   "public_address_not_in_lower_case"};
 
 /// What provisioning sends beside the library's operations: every row by hand, too.
 std::vector<std::string> provisioningStatements()
@@ -142,6 +144,7 @@ std::vector<std::string> provisioningStatements()
         "SELECT remove_contact('alice', 'oryx.example', 'sip:alice@192.0.2.3')",
         // The columns that can be read of it, by which subscribers are found.
         "SELECT sid, user_id, auth_user_id, oid, s_type, auth_type, active FROM subscriber",
+        "SELECT * FROM public_address_not_in_lower_case",
         "INSERT INTO conf_state_reset DEFAULT VALUES",
         "DELETE FROM conf_state_reset WHERE requested_at < now() - interval '1 day'",
         "UPDATE address_map_refused SET pattern = '^sip:twice@'",
@@ -169,7 +172,7 @@ std::vector<std::string> statementsOf(const std::string& group)
     }
     if (group == "oryx_operator") {
         return {"SELECT trim_event_notify('7 days')", "SELECT * FROM oryx_upkeep()", "SELECT * FROM oryx_alarms()",
-                "UPDATE alarm_limit SET allowed = allowed"};
+                "SELECT * FROM set_key_sequences()", "UPDATE alarm_limit SET allowed = allowed"};
     }
     std::vector<std::string> statements;
     if (group == "oryx_reader") {

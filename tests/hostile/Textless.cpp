@@ -59,6 +59,18 @@ void appendLocation(Entries& table)
     }));
     table.push_back(operation<Executor>(
         "removeSubscriber(sid)", [](Executor& executor) { return told(executor.removeSubscriber(7), executor); }));
+    // Where the numbers that come next are used.
+    table.push_back(operation<Executor>("addContact(rec)", [](Executor& executor) {
+        oryx::ContactRecord rec = carolsContact();
+        rec.setCsid(14);
+        return told(executor.addContact(rec), executor);
+    }));
+    table.back().before = {
+        "INSERT INTO contact (contact_id, csid, address) SELECT n, 13, n FROM generate_series(1001, 1020) n"};
+    table.push_back(operation<Executor>("addSubscriber(rec)", [](Executor& executor) {
+        return told(executor.addSubscriber(oryx::SubscriberRecord()), executor);
+    }));
+    table.back().before = {"INSERT INTO subscriber (sid) SELECT generate_series(1001, 1020)"};
     // Asks the server only where the connection has been given up before.
     table.push_back(operation<Executor>("checkConnect()", [](Executor& executor) {
         return std::string(executor.checkConnect() ? "connected\n" : "not connected\n");

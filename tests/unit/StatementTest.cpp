@@ -87,7 +87,7 @@ TEST(StatementTest, JoinsTheArgumentsOfACall)
 TEST(StatementTest, TakesEffectOnceWhereItIsSaid)
 {
     const auto said = [](const Statement& statement) {
-        return std::string(statement.takesEffectOnce() ? "once" : "") + (statement.answerKept() ? ", answered" : "");
+        return std::string(statement.takesEffectOnce() ? "once" : "") + (statement.keepsAnswer() ? ", answered" : "");
     };
     EXPECT_EQ(said(sql("DELETE FROM contact;")), "");
     EXPECT_EQ(said(sql("DELETE FROM contact;").once()), "once");

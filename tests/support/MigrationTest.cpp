@@ -1,0 +1,87 @@
+#include "support/MigrationTest.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+namespace {
+
+constexpr const char* kReleased = ORYX_SCHEMA;
+
+} // namespace
+
+MigrationTest::MigrationTest(const std::string& before)
+{
+    server::Session("postgres").run("CREATE DATABASE " + m_name);
+    const std::string copy = m_folder.file("schema");
+    std::filesystem::copy(kReleased, copy, std::filesystem::copy_options::recursive);
+    for (const auto& entry : std::filesystem::directory_iterator(kReleased)) {
+        const std::string name = entry.path().filename();
+        if (entry.path().extension() == ".sql" && name >= before) {
+            std::filesystem::remove(copy + "/" + name);
+        }
+    }
+    EXPECT_EQ(apply(), 0) << told();
+    std::filesystem::copy(kReleased, copy,
+                          std::filesystem::copy_options::recursive | std::filesystem::copy_options::skip_existing);
+    m_session = std::make_unique<server::Session>(m_name);
+}
+
+MigrationTest::~MigrationTest()
+{
+    m_session.reset();
+    server::Session("postgres").run("DROP DATABASE IF EXISTS " + m_name + "_restored WITH (FORCE)");
+    server::Session("postgres").run("DROP DATABASE " + m_name + " WITH (FORCE)");
+}
+
+int MigrationTest::run(const std::string& command) const
+{
+    const int status =
+        std::system(("{ " + command + "; } >'" + m_folder.file("out") + "' 2>'" + m_folder.file("err") + "'").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string MigrationTest::applyCommand(const std::string& options) const
+{
+    return "'" + m_folder.file("schema") + "/apply' " + options + " " + m_name;
+}
+
+int MigrationTest::apply(const std::string& options) const
+{
+    return run(applyCommand(options));
+}
+
+std::string MigrationTest::warnings() const
+{
+    std::istringstream lines(m_folder.read("err"));
+    std::string text;
+    for (std::string line; std::getline(lines, line);) {
+        text += line.substr(std::min(line.find("WARNING:"), line.size())) + "\n";
+    }
+    return text;
+}
+
+void MigrationTest::addMigration(const std::string& name, const std::string& text) const
+{
+    m_folder.write("schema/" + name + ".sql", text);
+}
+
+std::string MigrationTest::applied(const std::string& from) const
+{
+    return m_session->rows("SELECT name FROM schema_migration WHERE number >= " + from + " ORDER BY number");
+}
+
+std::string MigrationTest::restore() const
+{
+    const std::string restored = m_name + "_restored";
+    server::Session("postgres").run("CREATE DATABASE " + restored);
+    const std::string dump = m_folder.file("dump");
+    EXPECT_EQ(
+        run("pg_dump -f " + dump + " " + m_name + " && psql -X -q -v ON_ERROR_STOP=1 -f " + dump + " " + restored), 0)
+        << told();
+    return restored;
+}
