@@ -17,9 +17,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -37,9 +39,9 @@ class Deployed : public DatabaseTest {
 protected:
     Deployed()
     {
-        setenv("ORYX_REGISTRAR_PASSWORD", server::kPassword, 1);
-        setenv("ORYX_EVENTS_PASSWORD", server::kPassword, 1);
-        setenv("ORYX_SUPPORT_PASSWORD", server::kPassword, 1);
+        for (const char* const login : {"REGISTRAR", "PROXY", "EVENTS", "PROVISIONING", "OPERATOR", "SUPPORT"}) {
+            setenv(("ORYX_" + std::string(login) + "_PASSWORD").c_str(), server::kPassword, 1);
+        }
         makeRoles();
         setenv("PGSERVICEFILE", ORYX_DEPLOY "/pg_service.conf", 1);
         setenv("PGSERVICE", "oryx", 1);
@@ -123,6 +125,88 @@ TEST_F(Deployed, SetsForEachRoleWhatItNeeds)
     ASSERT_TRUE(connect("support"));
     EXPECT_EQ(settings("'statement_timeout'"), "statement_timeout|300000|user\n");
     EXPECT_EQ(ask("DELETE FROM contact"), "query error: [42501] ERROR:  permission denied for table contact");
+    ASSERT_TRUE(connect("proxy"));
+    EXPECT_EQ(settings("'lock_timeout', 'statement_timeout'"), "lock_timeout|1500|user\nstatement_timeout|2000|user\n");
+    ASSERT_TRUE(connect("provisioning"));
+    EXPECT_EQ(settings("'idle_in_transaction_session_timeout', 'temp_file_limit', 'track_activities'"),
+              "idle_in_transaction_session_timeout|300000|user\ntemp_file_limit|1048576|user\n"
+              "track_activities|off|user\n");
+}
+
+TEST_F(Deployed, MakesEachLoginAMemberOfTheRoleForItsJobAlone)
+{
+    sql("GRANT oryx_server TO registrar, events"); // as it was before there were roles by job
+    makeRoles();
+    EXPECT_EQ(
+        rows(
+            "SELECT member::regrole, roleid::regrole FROM pg_auth_members WHERE member IN (SELECT oid FROM"
+            " pg_roles WHERE rolcanlogin AND rolname NOT LIKE 'oryx\\_%') ORDER BY member::regrole::text, roleid::regrole::text"),
+        "events|oryx_presence\n"
+        "operator|oryx_operator\n"
+        "provisioning|oryx_provisioning\n"
+        "proxy|oryx_proxy\n"
+        "registrar|oryx_proxy\n"
+        "registrar|oryx_registrar\n"
+        "support|oryx_reader\n");
+}
+
+TEST_F(Deployed, ConnectsALoginThatHasSpoiltItsOwnSettings)
+{
+    const std::string self = "ALTER ROLE CURRENT_USER IN DATABASE " + m_database.name() + " SET ";
+    ASSERT_TRUE(connect("registrar"));
+    for (const std::string setting :
+         {"search_path = nowhere", "DateStyle = 'ISO, DMY'", "local_preload_libraries = nowhere"}) {
+        EXPECT_EQ(outcome(m_executor.execute(self + setting)), "okay");
+    }
+    ASSERT_TRUE(connect("registrar")) << m_executor.getErrorMessage();
+    EXPECT_EQ(ask("SELECT count(*), timestamp '2027-02-03 04:05:06' FROM contact"), "0|Wed Feb 03 04:05:06 2027\n");
+
+    unsetenv("PGSERVICE");
+    EXPECT_FALSE(connect("registrar"));
+}
+
+TEST_F(Deployed, MendsALoginThatHasSpoiltItsOwnSettings)
+{
+    ASSERT_TRUE(connect("registrar"));
+    const std::string sound = settings();
+    for (const std::string& where : {std::string(" "), " IN DATABASE " + m_database.name() + " "}) {
+        for (const std::string setting : {"statement_timeout = 1", "default_transaction_read_only = on"}) {
+            sql("ALTER ROLE registrar" + where + "SET " + setting);
+        }
+    }
+    EXPECT_FALSE(connect("registrar"));
+    makeRoles();
+    ASSERT_TRUE(connect("registrar")) << m_executor.getErrorMessage();
+    EXPECT_EQ(settings(), sound);
+}
+
+TEST_F(Deployed, KeepsSessionsOfPeopleFromFillingTheServer)
+{
+    std::vector<std::unique_ptr<server::Session>> sessions;
+    const std::string refusal = "too many connections for role \"support\"";
+    std::string told;
+    while (told.empty() && sessions.size() < 20) {
+        try {
+            sessions.push_back(std::make_unique<server::Session>(m_database.name(), "support"));
+        } catch (const std::runtime_error& failure) {
+            told = failure.what();
+        }
+    }
+    EXPECT_NE(told.find(refusal), std::string::npos) << told;
+    EXPECT_EQ(sessions.size(), 5U);
+}
+
+TEST_F(Deployed, HidesPasswordsUnderWayFromTheOperator)
+{
+    server::Session provisioning(m_database.name(), "provisioning");
+    provisioning.run("UPDATE subscriber SET s_password = 'wonderland' WHERE sid = 7");
+    server::Session events(m_database.name(), "events");
+    events.run("SELECT 'wonderland' = 'here'");
+    server::Session support(m_database.name(), "operator");
+    EXPECT_EQ(
+        support.rows("SELECT usename, query FROM pg_stat_activity WHERE datname = current_database() AND usename IN"
+                     " ('provisioning', 'events') ORDER BY usename"),
+        "events|SELECT 'wonderland' = 'here'\nprovisioning|\n");
 }
 
 TEST_F(Deployed, LeavesARoleItsPasswordWhereNoneIsGiven)

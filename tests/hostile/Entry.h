@@ -183,6 +183,8 @@ Entries allEntries();
 /// and its time, and a service's operation goes through that of its executor, so of these two the first is taken. Left
 /// out are the entries that call several operations.
 Entries oneOfEachOperation();
+/// The operations that take no text, as entries whose call does not look at one.
+Entries textlessOperations();
 
 /// A text that every place takes, and that no string holds without an allocation.
 inline const std::string kPlainText = "text that is too long for the place of a string";

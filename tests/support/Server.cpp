@@ -40,6 +40,12 @@ std::string migrations()
     return text.str();
 }
 
+void makeLogin(Session& session, const std::string& login, const std::string& group)
+{
+    session.run("DO $$ BEGIN IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = '" + login + "') THEN CREATE ROLE " +
+                login + " LOGIN PASSWORD '" + kPassword + "' IN ROLE " + group + "; END IF; END $$");
+}
+
 void makeTemplate(Session& session, const std::string& name)
 {
     session.run("DROP DATABASE IF EXISTS " + name);
@@ -49,9 +55,10 @@ void makeTemplate(Session& session, const std::string& name)
     if (std::system((here + " '" ORYX_SCHEMA "/apply' " + name + " >&2").c_str()) != 0) {
         throw std::runtime_error("the schema cannot be applied");
     }
-    session.run("DO $$ BEGIN IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = '" + std::string(kUser) +
-                "') THEN CREATE ROLE " + kUser + " LOGIN PASSWORD '" + kPassword +
-                "' IN ROLE oryx_server; END IF; END $$");
+    makeLogin(session, kUser, "oryx_server");
+    for (const char* const group : kGroups) {
+        makeLogin(session, loginOf(group), group);
+    }
     session.run("ALTER DATABASE " + name + " IS_TEMPLATE true");
 }
 
@@ -80,7 +87,12 @@ const std::string& port()
     return kPort;
 }
 
-Session::Session(const std::string& database)
+std::string loginOf(const std::string& group)
+{
+    return group + "_login";
+}
+
+Session::Session(const std::string& database, const std::string& user)
 {
     requireThrowAwayServer();
     // The socket asks for no password and encrypts nothing, which would be a third of a short test's work.
@@ -88,7 +100,8 @@ Session::Session(const std::string& database)
     const std::string host = socket != nullptr ? std::string(" host=") + socket : std::string();
     // A test may have set a service that wants a server that takes writes.
     const std::string whatever = " target_session_attrs=any";
-    m_connection.reset(PQconnectdb(("dbname=" + database + " port=" + port() + host + whatever).c_str()));
+    const std::string role = user.empty() ? std::string() : " user=" + user;
+    m_connection.reset(PQconnectdb(("dbname=" + database + " port=" + port() + host + whatever + role).c_str()));
     if (PQstatus(m_connection.get()) != CONNECTION_OK) {
         throw std::runtime_error(PQerrorMessage(m_connection.get()));
     }
@@ -159,6 +172,19 @@ Database::Database() : m_name("oryx_test_" + std::to_string(getpid()))
                 m_name + "' AND source.datname = '" + source + "'");
     session.run("UPDATE pg_database SET datacl = source.datacl FROM pg_database source WHERE pg_database.datname = '" +
                 m_name + "' AND source.datname = '" + source + "'");
+}
+
+std::string Database::socketUri() const
+{
+    const char* const socket = std::getenv("ORYX_SERVER_SOCKET");
+    if (socket == nullptr) {
+        return uri();
+    }
+    std::string host;
+    for (const char* at = socket; *at != '\0'; ++at) {
+        host += *at == '/' ? "%2F" : std::string(1, *at);
+    }
+    return "postgresql://" + host + "/" + m_name;
 }
 
 Database::~Database()
