@@ -11,15 +11,15 @@
 -- A login can end its own sessions and spoil its own settings: give each process, or at least each machine, one of its own.
 
 \set ON_ERROR_STOP on
-\set logins 'unnest(ARRAY[''registrar'', ''proxy'', ''events'', ''provisioning'', ''operator'', ''support'']) login'
-\set servers 'unnest(ARRAY[''registrar'', ''proxy'', ''events'']) login'
-\set people 'unnest(ARRAY[''provisioning'', ''operator'', ''support'']) login'
 \set registrar_password ''
 \set proxy_password ''
 \set events_password ''
 \set provisioning_password ''
 \set operator_password ''
 \set support_password ''
+\set logins 'unnest(ARRAY[''registrar'', ''proxy'', ''events'', ''provisioning'', ''operator'', ''support'']) login'
+\set servers 'unnest(ARRAY[''registrar'', ''proxy'', ''events'']) login'
+\set people 'unnest(ARRAY[''provisioning'', ''operator'', ''support'']) login'
 \getenv registrar_password ORYX_REGISTRAR_PASSWORD
 \getenv proxy_password ORYX_PROXY_PASSWORD
 \getenv events_password ORYX_EVENTS_PASSWORD
@@ -47,10 +47,10 @@ GRANT oryx_provisioning TO provisioning;
 GRANT oryx_operator TO operator;
 GRANT oryx_reader TO support;
 
-SELECT format('ALTER ROLE %I PASSWORD %L', name, password)
+SELECT format('ALTER ROLE %I PASSWORD %L', login, password)
     FROM (VALUES ('registrar', :'registrar_password'), ('proxy', :'proxy_password'), ('events', :'events_password'),
                  ('provisioning', :'provisioning_password'), ('operator', :'operator_password'),
-                 ('support', :'support_password')) AS given (name, password)
+                 ('support', :'support_password')) AS given (login, password)
     WHERE password <> '' \gexec
 
 -- The registrar's and the proxy's statements take milliseconds. One that takes seconds is answered with an error while

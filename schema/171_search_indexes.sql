@@ -1,3 +1,4 @@
+-- outside a transaction
 -- The indexes of what is searched for, beside a server at work. Each statement can be repeated.
 
 SET ROLE oryx_owner;
@@ -20,16 +21,16 @@ $$;
 -- comes that has to enter all of them, and whoever stores that waits.
 -- The event package tells hardly any rows apart, so it is only looked at in what else is found. Its own index serves
 -- who asks for nothing else.
-CREATE INDEX IF NOT EXISTS subscription_states_received ON subscription_states
+CREATE INDEX CONCURRENTLY IF NOT EXISTS subscription_states_received ON subscription_states
     USING gin (fromhdr gin_trgm_ops, requesturi gin_trgm_ops) WITH (fastupdate = off)
     WHERE subscriptionid LIKE '%%incoming#%%';
-CREATE INDEX IF NOT EXISTS subscription_states_received_package ON subscription_states
+CREATE INDEX CONCURRENTLY IF NOT EXISTS subscription_states_received_package ON subscription_states
     USING gin (packageid gin_trgm_ops) WITH (fastupdate = off) WHERE subscriptionid LIKE '%%incoming#%%';
-CREATE INDEX IF NOT EXISTS subscription_states_sent ON subscription_states
+CREATE INDEX CONCURRENTLY IF NOT EXISTS subscription_states_sent ON subscription_states
     USING gin (tohdr gin_trgm_ops) WITH (fastupdate = off) WHERE subscriptionid LIKE '%%outgoing#%%';
-CREATE INDEX IF NOT EXISTS event_sources_searched ON event_sources
+CREATE INDEX CONCURRENTLY IF NOT EXISTS event_sources_searched ON event_sources
     USING gin (presentity gin_trgm_ops) WITH (fastupdate = off);
-DROP INDEX IF EXISTS event_sources_presentity;
+DROP INDEX CONCURRENTLY IF EXISTS event_sources_presentity;
 ALTER INDEX event_watchers_presentitykey SET (fastupdate = off);
 SELECT gin_clean_pending_list('event_watchers_presentitykey') \g /dev/null
 

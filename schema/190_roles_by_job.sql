@@ -107,8 +107,9 @@ GRANT SELECT, UPDATE, DELETE ON address_map_refused TO oryx_provisioning;
 GRANT SELECT, INSERT, DELETE ON conf_state_reset TO oryx_provisioning;
 GRANT USAGE ON SEQUENCE subscriber_sid_seq, contact_set_csid_seq, contact_contact_id_seq TO oryx_provisioning;
 GRANT SELECT ON public_address_not_in_lower_case TO oryx_provisioning;
-GRANT EXECUTE ON FUNCTION next_sid(), next_csid(), next_contact_id(), skip_used_keys(regclass), address_csid(text, text),
-    create_public_address(integer, text, text), create_public_address_alias(text, text, text),
+GRANT EXECUTE ON FUNCTION next_sid(), next_csid(), next_contact_id(), skip_used_keys(regclass), set_key_sequences(),
+    address_csid(text, text), create_public_address(integer, text, text),
+    create_public_address_alias(text, text, text),
     import_public_address(integer, text, text, text), remove_subscriber(integer), remove_contact(text, text, text),
     add_contact(text, text, text, bigint, boolean, text, text, text, text, bigint) TO oryx_provisioning;
 

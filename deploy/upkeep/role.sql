@@ -5,6 +5,7 @@
 -- Its password: `\password upkeep` in psql, or ORYX_UPKEEP_PASSWORD in the environment; without either it keeps its own.
 
 \set ON_ERROR_STOP on
+\set upkeep_password ''
 \getenv upkeep_password ORYX_UPKEEP_PASSWORD
 
 SET client_min_messages = warning;
@@ -13,9 +14,7 @@ BEGIN;
 SELECT 'CREATE ROLE upkeep' WHERE NOT EXISTS (SELECT FROM pg_roles WHERE rolname = 'upkeep') \gexec
 ALTER ROLE upkeep LOGIN;
 GRANT oryx_operator TO upkeep;
-\if :{?upkeep_password}
-ALTER ROLE upkeep PASSWORD :'upkeep_password';
-\endif
+SELECT format('ALTER ROLE upkeep PASSWORD %L', :'upkeep_password') WHERE :'upkeep_password' <> '' \gexec
 
 -- Two runs, and one that hangs.
 ALTER ROLE upkeep CONNECTION LIMIT 3;

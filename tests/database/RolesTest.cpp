@@ -298,6 +298,7 @@ TEST_F(RolesTried, ProvisioningWritesWhatServersFindAndReadsNoPassword)
               "next_sid: EXECUTE\n"
               "remove_contact: EXECUTE\n"
               "remove_subscriber: EXECUTE\n"
+              "set_key_sequences: EXECUTE\n"
               "skip_used_keys: EXECUTE\n");
 }
 

@@ -55,9 +55,9 @@ void awaitThat(const std::string& what, const std::function<bool()>& isSo)
 /// What the services may do with which table.
 std::string rightsOf(Scene& scene)
 {
-    return scene.session().value("SELECT string_agg(table_name || ' ' || privilege_type, ', '"
-                                 " ORDER BY table_name, privilege_type)"
-                                 " FROM information_schema.role_table_grants WHERE grantee = 'oryx_server'");
+    return scene.session().value("SELECT string_agg(concat_ws(' ', grantee, table_name, column_name, privilege_type),"
+                                 " ', ' ORDER BY grantee, table_name, column_name, privilege_type)"
+                                 " FROM information_schema.column_privileges WHERE grantee LIKE 'oryx_%'");
 }
 
 /// The calls of one operation through one service.
@@ -445,11 +445,27 @@ Outage passwordChanged(Scene& scene)
 const std::string kTables = "public_address, contact, subscription_states, event_watchers, conf_state";
 const std::string kGroups = "oryx_registrar, oryx_proxy, oryx_presence, oryx_provisioning";
 
+/// The statements that give the services the rights on these tables which they have now.
+std::string grantsOn(Scene& scene, const std::string& tables)
+{
+    const std::string of = " = ANY (string_to_array('" + tables +
+                           "', ', ')::regclass[]) AND grantee::regrole = ANY"
+                           " (string_to_array('" +
+                           kGroups + "', ', ')::regrole[])";
+    return scene.session().value(
+        "SELECT string_agg(statement, '; ') FROM (SELECT format('GRANT %s ON %s TO %s', privilege_type, oid::regclass,"
+        " grantee::regrole) FROM pg_class, aclexplode(relacl) WHERE oid" +
+        of +
+        " UNION ALL SELECT format('GRANT %s (%I) ON %s TO %s', privilege_type, attname, attrelid::regclass,"
+        " grantee::regrole) FROM pg_attribute, aclexplode(attacl) WHERE attrelid" +
+        of + ") AS given (statement)");
+}
+
 Outage permissionRevoked(Scene& scene)
 {
     return {.name = "permission revoked",
             .begin = running(scene, "REVOKE ALL ON " + kTables + " FROM " + kGroups),
-            .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + kTables + " TO " + kGroups),
+            .end = running(scene, grantsOn(scene, kTables)),
             .calls = 1};
 }
 
@@ -574,14 +590,12 @@ std::vector<Outage> misleadingOutages(Scene& scene)
     Outage gone = unreachable(scene);
     gone.operations = misleading();
     // What is read before the trap is readable.
-    const std::string changed = "public_address, contact, subscriber, subscription_states, event_watchers, conf_state, "
-                                "listsubscriptions";
-    const std::string read = "acp, node, domain_access, system_parameters";
+    const std::string tables = "public_address, contact, subscriber, subscription_states, event_watchers, conf_state, "
+                               "listsubscriptions, acp, node, domain_access, system_parameters";
     return {gone,
             {.name = "refused",
-             .begin = running(scene, "REVOKE ALL ON " + changed + ", " + read + " FROM " + kGroups),
-             .end = running(scene, "GRANT SELECT, INSERT, UPDATE, DELETE ON " + changed + " TO " + kGroups +
-                                       "; GRANT SELECT ON " + read + " TO " + kGroups),
+             .begin = running(scene, "REVOKE ALL ON " + tables + " FROM " + kGroups),
+             .end = running(scene, grantsOn(scene, tables)),
              .operations = misleading(),
              .calls = 1}};
 }

@@ -144,6 +144,7 @@ std::vector<std::string> provisioningStatements()
         "SELECT remove_contact('alice', 'oryx.example', 'sip:alice@192.0.2.3')",
         // The columns that can be read of it, by which subscribers are found.
         "SELECT sid, user_id, auth_user_id, oid, s_type, auth_type, active FROM subscriber",
+        "SELECT * FROM set_key_sequences()",
         "SELECT * FROM public_address_not_in_lower_case",
         "INSERT INTO conf_state_reset DEFAULT VALUES",
         "DELETE FROM conf_state_reset WHERE requested_at < now() - interval '1 day'",
