@@ -36,6 +36,8 @@ struct LiveBinding {
     std::uint32_t cseq = 0;
     /// Whether it was provisioned: no request changes or removes it.
     bool permanent = false;
+    /// The contact's key.
+    int contactId = -1;
 };
 
 /// How the bindings of an address of record are tried.

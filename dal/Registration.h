@@ -81,7 +81,7 @@ struct RegisterAnswer {
 ///   first time, and two servers that have got the same request both succeed. (A request that comes so late that its
 ///   binding has been removed since by a newer one is not known again.) Without a Call-ID nothing is older.
 /// - A permanent binding is provisioning's: it stays as it is whatever the request says, and is listed.
-/// - Requests for one address of record take effect one after another, whichever servers they come through.
+/// - Requests for one address of record take effect as if one came after another, whichever servers they come through.
 ///
 /// What is the server's own: whether the sender may register, 423 for an `expires` that is too brief, the sizes of
 /// texts

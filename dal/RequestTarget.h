@@ -35,7 +35,8 @@ enum class TargetReason {
     addressMap,    ///< to the live contacts of the address map that matches
     defaultRoute,  ///< to those of the parent node: the host is served, and nobody here has that user
     outbound,      ///< to its URI, through `proxy` unless that is empty: the host is not served, and may be sent to
-    notRegistered, ///< nowhere: the address of record, or the matching map's contact set, has no live binding (480)
+    notRegistered, ///< nowhere: the address of record, or where a map or the default route leads, has no live binding
+                   ///< (480)
     inactiveSubscriber, ///< nowhere: provisioning has barred the subscriber (404, 403)
     notAllowed,         ///< nowhere: the host is not served, and must not be sent to (403)
     unknown,            ///< nowhere: nobody has that user, and there is no default route (404)
@@ -45,7 +46,7 @@ enum class TargetReason {
 /// \ingroup registrar_requests
 struct RequestTarget {
     TargetReason reason = TargetReason::failed;
-    /// The reason in words, for a trace: what was asked, and what decided. It shows texts of the question.
+    /// The reason in words, for a trace: whom it is for, and what decided. Of the question it shows handle and domain.
     std::string why;
     /// What it is sent to: not empty with `registered`, `addressMap` and `defaultRoute`.
     BindingSet set;
