@@ -26,9 +26,10 @@ CREATE FUNCTION is_live(permanent boolean, expires bigint, at bigint) RETURNS bo
 LANGUAGE sql IMMUTABLE PARALLEL SAFE
 RETURN permanent OR expires IS NULL OR expires > at;
 
--- The current second, by the clock: a transaction may have waited for another since it began.
-CREATE FUNCTION current_second() RETURNS bigint LANGUAGE sql VOLATILE PARALLEL SAFE
-RETURN floor(date_part('epoch', clock_timestamp()));
+-- The second in which the request came, as the fence against older refreshes has it: what expires at a whole second is
+-- live up to it.
+CREATE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE PARALLEL SAFE
+RETURN ceil(date_part('epoch', now())) - 1;
 
 -- Does what is more than the refresh of one live binding, whole or not at all; returns the outcome. A contact is its
 -- address, seconds, q-value, Contact header, capabilities and type; each address comes once. Permanent bindings are
@@ -37,7 +38,7 @@ CREATE FUNCTION apply_registration(of_csid integer, new_call_id text, new_cseq b
                                    removes_all boolean, contacts text[]) RETURNS text
 LANGUAGE plpgsql AS $$
 DECLARE
-    seconds bigint;
+    seconds CONSTANT bigint := current_second();
     given text[];           -- one of the contacts
     stored record;          -- its binding
     kinds text[];           -- of all of them: what is stored
@@ -49,7 +50,6 @@ BEGIN
     -- Such requests go one after another for each contact set, and a refresh waits for the rows that are looked at: what
     -- is found holds until it is changed.
     PERFORM pg_advisory_xact_lock(4216580, of_csid);
-    seconds := current_second();
     IF removes_all THEN
         PERFORM FROM contact c WHERE c.csid = of_csid FOR UPDATE;
         IF EXISTS (SELECT FROM contact c

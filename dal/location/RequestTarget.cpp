@@ -16,6 +16,12 @@ std::string counted(const BindingSet& set)
     return std::to_string(set.bindings.size()) + " live bindings";
 }
 
+/// Whether a text would be cut where it goes to C.
+bool isCut(const std::string& text)
+{
+    return text.find('\0') != std::string::npos;
+}
+
 /// A search for one request's target. Each step either decides or leaves it to the next.
 class TargetSearch {
 public:
@@ -166,6 +172,9 @@ DatabaseResult findTarget(LocationService& service, const TargetQuestion& questi
 {
     target = RequestTarget();
     return LocationAccess::guarded(service, [&] {
+        if (isCut(question.uri) || isCut(question.handle) || isCut(question.domain)) {
+            return frameOf(LocationAccess::executor(service)).refuse("a text of the question holds a NUL");
+        }
         RequestTarget found;
         DatabaseResult result = TargetSearch(service, question, found).run();
         target = std::move(found);

@@ -248,6 +248,16 @@ TEST_F(RegistrationTest, ATargetIsAskedForStepByStep)
     EXPECT_EQ(libpq.take(), sent({kMaps, kHost, kRules}));
 }
 
+TEST_F(RegistrationTest, ATargetIsNotLookedForByHalfAText)
+{
+    const std::string cut("alice\0s", 7);
+    const std::string refused = "query error: a text of the question holds a NUL\nfailed ()\nparallel, replaced\n";
+    EXPECT_EQ(find({cut, "alice", "oryx.example", true, true}), refused);
+    EXPECT_EQ(find({"sip:alice@oryx.example", cut, "oryx.example", true, true}), refused);
+    EXPECT_EQ(find({"sip:alice@oryx.example", "alice", cut, true, true}), refused);
+    EXPECT_EQ(libpq.take(), "");
+}
+
 TEST_F(RegistrationTest, MemoryThatRunsOutLeavesNothingHalfSaid)
 {
     const zel::TraceSink sink = zel::setTraceSink({}); // tracing has allocations of its own

@@ -57,7 +57,7 @@ const std::string kBefore = "parallel, replaced\n'before' for good q='' (1000) p
 
 TEST_F(LiveBindings, AreGivenWholeByKeyAndByAddress)
 {
-    sql("CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql VOLATILE RETURN 1000000::bigint");
+    sql("CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE RETURN 1000000::bigint");
     sql("INSERT INTO contact (csid, address, qvalue, expires, capabilities, contact_header, call_id, cseq, c_type, "
         "path_vector) VALUES (12, 'sip:a', '0.5', 1000090, 'audio', '<sip:a>', 'call', 4711, 'mobile', '<sip:edge;lr>')");
     sql("UPDATE contact_set SET replace_uri = false");
@@ -69,7 +69,7 @@ TEST_F(LiveBindings, AreGivenWholeByKeyAndByAddress)
 
 TEST_F(LiveBindings, AreNotWhatHasExpired)
 {
-    sql("CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql VOLATILE RETURN 1000000::bigint");
+    sql("CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE RETURN 1000000::bigint");
     add("sip:last", "", 1);
     add("sip:gone", "", 0);
     add("sip:long gone", "", -9);

@@ -15,7 +15,7 @@ protected:
     void SetUp() override
     {
         ServiceTest::SetUp();
-        sql("CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql VOLATILE RETURN 1000000::bigint");
+        sql("CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE RETURN 1000000::bigint");
         sql("INSERT INTO contact_set (csid, sid, ordering) VALUES (20, NULL, 'parallel'), (30, NULL, NULL)");
         sql("INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('gateway', 20, '^sip:[0-9]+@', 1)");
         sql("INSERT INTO host_info (parent_contact, outbound_allow_internal, outbound_allow_external, outbound_proxy) "
@@ -89,7 +89,7 @@ TEST_F(RequestTargets, AreWhatAnAddressMapSaysWhereNobodyHasTheUser)
         find("5551234"),
         "okay\naddress map (an address map leads 5551234@oryx.example to contact set 20, with 1 live bindings)\n" +
             kNone + shown("sip:5551234@gateway.oryx.example"));
-    // The first answer was compiled; the next is asked of a host that is not served.
+    // A map is asked for a host that is not served, too.
     EXPECT_EQ(
         find("42", "elsewhere.example", false),
         "okay\naddress map (an address map leads 42@elsewhere.example to contact set 20, with 1 live bindings)\n" +

@@ -69,7 +69,7 @@ constexpr const char* kAlwaysThere = R"(
 
 /// What is registered for an hour expires when the contacts of the tables do.
 constexpr const char* kStopClock =
-    "CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql VOLATILE RETURN 1999996400::bigint";
+    "CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE RETURN 1999996400::bigint";
 
 /// Every row of every table, a line each. The change log's stamps are moments, so it goes without them.
 constexpr const char* kMakeSnapshot = R"(

@@ -92,10 +92,10 @@ constexpr RequestText kRequestTexts[]{
 }
 ;
 
-/// The answer to a registration: how many bindings there are.
-std::string told(const DatabaseResult& result, const RegisterAnswer& answer)
+/// A result, and how many bindings came with it.
+std::string toldWith(const std::vector<oryx::LiveBinding>& bindings, const DatabaseResult& result)
 {
-    return told(result) + std::to_string(answer.bindings.size()) + "\n";
+    return told(result) + std::to_string(bindings.size()) + "\n";
 }
 
 constexpr const char* kTwo = "okay\n2\n";
@@ -116,7 +116,7 @@ void addRegistrations(Entries& table, const RequestText& text)
                 of(request) = value;
                 RegisterAnswer answer;
                 const DatabaseResult result = applyRegistration(library.location, 44, request, answer);
-                return told(result, answer);
+                return toldWith(answer.bindings, result);
             },
         .answer = kTwo,
         .refused = kTooLongAddress,
@@ -129,7 +129,7 @@ void addRegistrations(Entries& table, const RequestText& text)
         of(request) = value;
         RegisterAnswer answer;
         const DatabaseResult result = applyRegistration(library.location, "carol", "oryx.example", request, answer);
-        return told(result, answer);
+        return toldWith(answer.bindings, result);
     };
     table.push_back(std::move(entry));
 }
@@ -149,7 +149,7 @@ void addByAddress(Entries& table, const AddressPart& part)
                 RegisterAnswer answer;
                 const DatabaseResult result =
                     applyRegistration(library.location, part.handle(text), part.domain(text), request, answer);
-                return told(result, answer);
+                return toldWith(answer.bindings, result);
             },
         .answer = "okay\n0\n",
         .refused = kNoAddressOfRecord,
@@ -163,7 +163,7 @@ void addByAddress(Entries& table, const AddressPart& part)
                 oryx::BindingSet found;
                 const DatabaseResult result =
                     lookupBindings(library.location, part.handle(text), part.domain(text), found);
-                return told(result) + std::to_string(found.bindings.size()) + "\n";
+                return toldWith(found.bindings, result);
             },
         .answer = "okay\n1\n",
         .refused = kNoAddressOfRecord,
@@ -178,7 +178,7 @@ void addByAddress(Entries& table, const AddressPart& part)
                 const DatabaseResult result =
                     findTarget(library.location,
                                {"sip:carol@oryx.example", part.handle(text), part.domain(text), true, true}, target);
-                return told(result) + std::to_string(target.set.bindings.size()) + "\n";
+                return toldWith(target.set.bindings, result);
             },
         .answer = "okay\n1\n",
         .refused = kNoAddressOfRecord,
@@ -205,7 +205,7 @@ Entries requestEntries()
                 oryx::RequestTarget target;
                 const DatabaseResult result =
                     findTarget(library.location, {text, "carol", "elsewhere.example", false, true}, target);
-                return told(result) + std::to_string(target.set.bindings.size()) + "\n";
+                return toldWith(target.set.bindings, result);
             },
         .answer = "okay\n1\n",
     });
