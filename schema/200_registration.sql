@@ -1,5 +1,5 @@
 -- A REGISTER request as one statement. It is a function, so that a client that prepares nothing does not have the
--- statements within it planned each time (scripts/with-server bench/schema/measure registrations).
+-- statements within it planned each time (bench/run registration).
 
 SET LOCAL ROLE oryx_owner;
 

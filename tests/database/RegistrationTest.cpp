@@ -241,6 +241,7 @@ TEST_F(Registration, ThatComesAgainIsAnsweredAsTheFirstTimeAndChangesNothing)
     apply(request(1, {binding(kB, 0)}, "another"));
     setSecond(1000100);
     EXPECT_EQ(apply(request(5, {binding(kA), binding(kB), binding(kC, 0)})), kDone + "; sip:a 3500 5");
+    EXPECT_EQ(apply(request(5, {binding(kA)})), kDone + "; sip:a 3500 5");
 }
 
 TEST_F(Registration, IsRefusedWholeWhereThereWouldBeTooManyBindings)
@@ -382,6 +383,7 @@ TEST_F(Registration, MeetsWithOtherWritersOfTheSameBinding)
     other.run("COMMIT");
     EXPECT_EQ(answer.get(), kDone + "; sip:a 3600 1");
     EXPECT_EQ(stored(), kA + "|1003600|call|1\n");
+    EXPECT_EQ(m_registrar.service.getStatistics().refusals, 0U);
 }
 
 class RegistrationThroughProxy : public Registration {
