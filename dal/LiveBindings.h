@@ -29,10 +29,13 @@ struct LiveBinding {
     std::string path;
     /// The Contact header field as it was registered.
     std::string contactHeader;
+    /// What the contact can do, as it was registered.
     std::string capabilities;
+    /// What it is, in the word it was registered with.
     std::string type;
-    /// The request that it was last registered by.
+    /// The Call-ID of the request that it was last registered by.
     std::string callId;
+    /// The number of that request's CSeq.
     std::uint32_t cseq = 0;
     /// Whether it was provisioned: no request changes or removes it.
     bool permanent = false;
@@ -50,6 +53,7 @@ enum class ContactOrder {
 /// The live bindings of an address of record.
 /// \ingroup registrar_requests
 struct BindingSet {
+    /// How they are tried.
     ContactOrder order = ContactOrder::parallel;
     /// Whether a binding's address takes the place of the request URI.
     bool replaceUri = true;

@@ -24,7 +24,9 @@ struct RegisterContact {
     std::string qvalue;
     /// The Contact header field as received, for whoever reads the binding; empty for none.
     std::string contactHeader;
+    /// What the contact can do, as the server writes it; empty for nothing said.
     std::string capabilities;
+    /// A word of the server's own for what it is; empty for none.
     std::string type;
 };
 
@@ -33,6 +35,7 @@ struct RegisterContact {
 /// Without contacts it changes nothing and asks for the bindings (RFC 3261 section 10.2.3).
 /// \ingroup registrar_requests
 struct RegisterRequest {
+    /// The Call-ID; requests without one are never older than others.
     std::string callId;
     /// The CSeq's number.
     std::uint32_t cseq = 0;
@@ -62,6 +65,7 @@ enum class RegisterOutcome {
 /// The answer to a REGISTER request.
 /// \ingroup registrar_requests
 struct RegisterAnswer {
+    /// Whether it took effect, and if not, why.
     RegisterOutcome outcome = RegisterOutcome::failed;
     /// When it is done, all live bindings of the address of record, in the order of `lookupBindings`: what the 200
     /// lists (RFC 3261 section 10.3, item 8). Empty otherwise.

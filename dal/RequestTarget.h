@@ -16,9 +16,10 @@ struct TargetQuestion {
     /// Its request URI as received, of at most 512 bytes: what address maps are matched with and filled from, and what
     /// an outbound route is for.
     std::string uri;
-    /// The URI's user part and host, in lower case, as addresses of record are stored. Without a user part no address
+    /// The URI's user part, as handles are stored: mostly in lower case. Without a user part no address
     /// of record is looked for.
     std::string handle;
+    /// The URI's host, in lower case and without the final dot of DNS.
     std::string domain;
     /// Whether the host is one that this server answers for.
     bool served = true;
@@ -45,6 +46,7 @@ enum class TargetReason {
 /// Where a request goes.
 /// \ingroup registrar_requests
 struct RequestTarget {
+    /// What decided.
     TargetReason reason = TargetReason::failed;
     /// The reason in words, for a trace: whom it is for, and what decided. Of the question it shows handle and domain.
     std::string why;
