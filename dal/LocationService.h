@@ -190,6 +190,8 @@ public:
     ///@}
 
 private:
+    friend struct LocationAccess;
+
     /// Runs an operation of a service that was connected.
     template <typename Operation>
     DatabaseResult guarded(Operation operation);

@@ -3,8 +3,11 @@
 #include <Crypt.h>
 #include <dal/ChangeListener.h>
 #include <dal/DatabaseCommandExecutor.h>
+#include <dal/LiveBindings.h>
 #include <dal/LocationService.h>
 #include <dal/PresenceService.h>
+#include <dal/Registration.h>
+#include <dal/RequestTarget.h>
 #include <util/CleanText.h>
 #include <util/MaskSecrets.h>
 #include <zel/Trace.h>
@@ -138,6 +141,56 @@ int route(oryx::LocationService& service, const std::string& user, const std::st
     }
     // ... fork to the contacts
     return sipStatus(result);
+}
+
+/// Answers a REGISTER whose sender may register: the status, and what the Contact of a 200 says.
+int registerContacts(oryx::LocationService& service, const std::string& user, const std::string& host,
+                     oryx::RegisterRequest request, std::vector<std::string>& contacts)
+{
+    request.maxBindings = 10;
+    oryx::RegisterAnswer answer;
+    const oryx::DatabaseResult result =
+        oryx::applyRegistration(service, lowerCase(user).c_str(), normalisedHost(host).c_str(), request, answer);
+    switch (answer.outcome) {
+    case oryx::RegisterOutcome::done:
+        for (const oryx::LiveBinding& binding : answer.bindings) {
+            const std::string qvalue = binding.qvalue.empty() ? "" : ";q=" + binding.qvalue;
+            contacts.push_back("<" + binding.address + ">" + qvalue +
+                               ";expires=" + std::to_string(binding.expires.value_or(3600)));
+        }
+        return 200;
+    case oryx::RegisterOutcome::inactiveSubscriber:
+    case oryx::RegisterOutcome::tooManyBindings:
+        return 403;
+    case oryx::RegisterOutcome::olderRequest: // RFC 3261 section 10.3: the request fails, nothing has changed
+    case oryx::RegisterOutcome::unknownAddress:
+    case oryx::RegisterOutcome::failed:
+        break;
+    }
+    return sipStatus(result); // 500, 404, and 503 where there is no database
+}
+
+/// Where an INVITE goes: the status to answer it with at once, or 0 and the targets, those to be tried together in one.
+int targetsOf(oryx::LocationService& service, const oryx::TargetQuestion& question,
+              std::vector<std::vector<oryx::LiveBinding>>& targets)
+{
+    oryx::RequestTarget target;
+    const oryx::DatabaseResult result = oryx::findTarget(service, question, target);
+    if (result.notFound()) {
+        return target.reason == oryx::TargetReason::notRegistered ? 480
+               : target.reason == oryx::TargetReason::notAllowed  ? 403
+                                                                  : 404;
+    }
+    for (const oryx::LiveBinding& binding : target.set.bindings) { // the highest preference first
+        const bool together = !targets.empty() && (target.set.order == oryx::ContactOrder::parallel ||
+                                                   targets.back().front().preference == binding.preference);
+        if (!together) {
+            targets.emplace_back();
+        }
+        targets.back().push_back(binding); // a binding's path becomes the Route
+    }
+    // ... with TargetReason::outbound there are none: it goes to its own URI, through target.proxy
+    return result.okay() ? 0 : sipStatus(result);
 }
 
 bool mayComeIn(oryx::LocationService& service, const std::string& host)

@@ -31,6 +31,7 @@ Entries allEntries()
 {
     Entries table = registrationEntries();
     append(table, registrarEntries());
+    append(table, requestEntries());
     append(table, addressMapEntries<oryx::LocationService>());
     append(table, addressMapEntries<oryx::PresenceService>());
     append(table, settingEntries<oryx::DatabaseCommandExecutor>());

@@ -159,6 +159,7 @@ std::string listedKeys(const List& list, const Key& key)
 
 Entries registrationEntries();
 Entries registrarEntries();
+Entries requestEntries();
 template <typename Service>
 Entries addressMapEntries();
 template <typename Executor>

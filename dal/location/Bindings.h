@@ -1,0 +1,33 @@
+#pragma once
+
+#include <dal/LiveBindings.h>
+#include <dal/internal/Frame.h>
+
+#include <string>
+
+/// \file
+/// The rows in which the schema answers about live bindings.
+
+namespace oryx {
+
+/// An address of record, told by its key, or by handle and domain.
+struct AddressOfRecord {
+    int key = 0;
+    const char* handle = nullptr; // null: by key
+    const char* domain = nullptr;
+};
+
+/// An answer about the bindings of an address of record.
+struct BindingsFound {
+    std::string outcome; // the schema's word
+    BindingSet set;
+};
+
+/// Traces a statement that gives such rows, and runs it: okay, connection or query error.
+DatabaseResult fetchBindings(Frame& frame, Statement statement, BindingsFound& found);
+/// The bindings of an address of record; its outcome is "done", "unknown" or "inactive".
+DatabaseResult fetchBindings(Frame& frame, const AddressOfRecord& address, BindingsFound& found);
+/// The bindings of a contact set, whoever it belongs to; none of one that is not there.
+DatabaseResult fetchBindings(Frame& frame, int csid, BindingsFound& found);
+
+} // namespace oryx
