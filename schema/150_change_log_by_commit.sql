@@ -22,6 +22,8 @@ CREATE TABLE event_change (
     first      boolean NOT NULL          -- of its transaction in this table: it has both stamped at commit
 );
 CREATE INDEX event_change_xid ON event_change (table_name, xid);
+-- For servers whose changes are published: a row can be told from others by all of its columns alone.
+ALTER TABLE event_change REPLICA IDENTITY FULL;
 
 -- When it was committed: one stamp for all that it has changed in a table. A server remembers the highest stamp it has
 -- seen of a table and asks for later ones, so no row may ever show behind one with a higher stamp.
@@ -57,7 +59,7 @@ $$;
 
 -- Who is about to commit a change has this locked, until others see it. Nobody but the owner can lock it so. Always
 -- empty.
-CREATE TABLE event_turn (turn integer);
+CREATE TABLE event_turn (turn integer PRIMARY KEY);
 
 -- Runs at commit, with nothing to come but the commit itself: who holds the lock keeps nobody waiting who is not
 -- committing too, and lets go of it when the rows can be seen. So stamps are given in the order in which rows show.

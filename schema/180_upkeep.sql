@@ -225,7 +225,8 @@ CREATE VIEW alarm_finding AS
     SELECT 'replication_lag', round(coalesce(max(behind), 0) / 1e6, 1), max(standby)
         FROM (SELECT application_name AS standby, public.wal_position() - replay_lsn AS behind FROM pg_stat_replication
               UNION ALL
-              SELECT 'this one', greatest(pg_last_wal_receive_lsn(), pg_last_wal_replay_lsn()) - pg_last_wal_replay_lsn()
+              SELECT 'this one' AS standby,
+                     greatest(pg_last_wal_receive_lsn(), pg_last_wal_replay_lsn()) - pg_last_wal_replay_lsn()
                   WHERE pg_is_in_recovery()
               ORDER BY behind DESC NULLS LAST LIMIT 1) worst
         HAVING pg_has_role(current_user, 'pg_read_all_stats', 'USAGE')

@@ -31,6 +31,13 @@ RETURN permanent OR expires IS NULL OR expires > at;
 CREATE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE PARALLEL SAFE
 RETURN ceil(date_part('epoch', now())) - 1;
 
+-- Has requests that change a contact set's bindings go one after another, to the end of the transaction. With the owner's
+-- rights: no login may lock by numbers, and a lock of the contact set's row would keep provisioning waiting.
+CREATE FUNCTION take_registration_turn(of_csid integer) RETURNS void LANGUAGE sql
+SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
+    SELECT pg_advisory_xact_lock(4216580, of_csid)
+$$;
+
 -- Does what is more than the refresh of one live binding, whole or not at all; returns the outcome. A contact is its
 -- address, seconds, q-value, Contact header, capabilities and type; each address comes once. Permanent bindings are
 -- provisioning's, and stay as they are.
@@ -49,7 +56,7 @@ DECLARE
 BEGIN
     -- Such requests go one after another for each contact set, and a refresh waits for the rows that are looked at: what
     -- is found holds until it is changed.
-    PERFORM FROM contact_set WHERE csid = of_csid FOR NO KEY UPDATE;
+    PERFORM take_registration_turn(of_csid);
     IF removes_all THEN
         PERFORM FROM contact c WHERE c.csid = of_csid FOR UPDATE;
         IF EXISTS (SELECT FROM contact c
@@ -190,9 +197,7 @@ CREATE TRIGGER keep_newer AFTER UPDATE ON contact
 GRANT EXECUTE ON FUNCTION is_live(boolean, bigint, bigint), current_second(),
     register_bindings(integer, text, text, text, bigint, text, bigint, boolean, text[])
     TO oryx_server, oryx_registrar, oryx_proxy;
-GRANT EXECUTE ON FUNCTION apply_registration(integer, text, bigint, text, bigint, boolean, text[])
-    TO oryx_server, oryx_registrar;
--- For the lock: who may change some column of a row may lock it. Nothing refers to a contact set but by this one.
-GRANT UPDATE (csid) ON contact_set TO oryx_registrar;
+GRANT EXECUTE ON FUNCTION apply_registration(integer, text, bigint, text, bigint, boolean, text[]),
+    take_registration_turn(integer) TO oryx_server, oryx_registrar;
 
 RESET ROLE;

@@ -211,10 +211,15 @@ TEST_F(RolesTried, RegistrarsKeepBindingsAndReadCredentials)
               "contact_contact_id_seq: nextval\n"
               "add_contact: EXECUTE\n"
               "address_csid: EXECUTE\n"
+              "apply_registration: EXECUTE\n"
+              "current_second: EXECUTE\n"
+              "is_live: EXECUTE\n"
               "next_contact_id: EXECUTE\n"
+              "register_bindings: EXECUTE\n"
               "remove_contact: EXECUTE\n"
               "sending_has_taken_effect: EXECUTE\n"
-              "skip_used_keys: EXECUTE\n");
+              "skip_used_keys: EXECUTE\n"
+              "take_registration_turn: EXECUTE\n");
 }
 
 TEST_F(RolesTried, ProxiesReadWhereRequestsGoAndNoPassword)
@@ -228,7 +233,10 @@ TEST_F(RolesTried, ProxiesReadWhereRequestsGoAndNoPassword)
                                       "proxy_configuration: SELECT\n"
                                       "public_address: SELECT\n"
                                       "subscriber: SELECT(sid active)\n"
-                                      "system_parameters: SELECT\n");
+                                      "system_parameters: SELECT\n"
+                                      "current_second: EXECUTE\n"
+                                      "is_live: EXECUTE\n"
+                                      "register_bindings: EXECUTE\n");
 }
 
 TEST_F(RolesTried, EventServersKeepTheirStateAndSweepContacts)
