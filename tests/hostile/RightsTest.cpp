@@ -49,6 +49,9 @@ const std::map<std::string, Names> kServed{
     {"LocationService::getDefaultRoute", {"oryx_proxy"}},
     {"LocationService::getOutboundRoute", {"oryx_proxy"}},
     {"LocationService::checkInboundDomainAccess", {"oryx_proxy"}},
+    {"oryx::applyRegistration", {"oryx_registrar"}},
+    {"oryx::lookupBindings", {"oryx_registrar", "oryx_proxy"}},
+    {"oryx::findTarget", {"oryx_proxy"}},
     {"DatabaseCommandExecutor::checkConnect", {"oryx_registrar", "oryx_proxy", "oryx_provisioning"}},
     {"DatabaseCommandExecutor::getSystemParameterValue", {"oryx_registrar", "oryx_proxy"}},
     {"DatabaseCommandExecutor::getNthElementOfDomainList", {"oryx_registrar", "oryx_proxy"}},
@@ -234,6 +237,7 @@ Entries callsOf(const std::string& group)
 /// more when they are bound, and are refused then.
 const std::map<std::string, Names> kChangesBeside{
     {"oryx_presence", {"LocationService::removeExpiredContacts", "LocationService::unregisterContacts"}},
+    {"oryx_registrar", {"oryx::findTarget"}}, // which changes nothing; of what is registered alone
     {"oryx_provisioning",
      {"DatabaseCommandExecutor::addContact", "DatabaseCommandExecutor::removeContact",
       "LocationService::registerContacts", "LocationService::removeExpiredContacts",
