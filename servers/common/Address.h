@@ -1,0 +1,31 @@
+#pragma once
+
+#include <common/Sofia.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace oryx::sip {
+
+/// An address of record as the database has it: in lower case, its escapes read, the host without DNS' final dot.
+struct Address {
+    std::string handle;
+    std::string domain;
+
+    std::string text() const { return handle + "@" + domain; }
+    /// What all that is about the address goes to the same worker by.
+    std::size_t key() const { return std::hash<std::string>()(text()); }
+};
+
+/// The address in a SIP URI; none where it is no SIP URI, or holds what no text in the database can: control characters
+/// or broken UTF-8.
+std::optional<Address> addressOf(const url_t& url);
+/// A URI's host in lower case, without the final dot; empty where there is none.
+std::string hostOf(const url_t& url);
+/// Whether a text can stand in the database.
+bool canBeStored(const char* text);
+/// A URI as text, scheme and host in lower case: the form by which bindings are told apart (RFC 3261 section 19.1.4).
+std::string normalized(const url_t& url);
+
+} // namespace oryx::sip

@@ -1,0 +1,20 @@
+#include <common/Database.h>
+
+#include <cstdlib>
+
+namespace oryx::sip {
+
+SessionOptions sessionOptions()
+{
+    constexpr std::chrono::milliseconds kDeadline{1500};
+    SessionOptions options = SessionOptions::fromEnvironment();
+    if (options.deadline.count() == 0) {
+        options.deadline = kDeadline;
+    }
+    if (std::getenv("ORYX_STATEMENTS") == nullptr) {
+        options.statements = SessionOptions::Statements::bound;
+    }
+    return options;
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <common/Endpoint.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+/// \file
+/// Digest authentication (RFC 7616; its algorithms in SIP, RFC 8760).
+
+namespace oryx::sip {
+
+enum class Algorithm { sha256, md5 };
+
+/// What a client sends to prove that it knows the password.
+struct Credentials {
+    Algorithm algorithm = Algorithm::md5;
+    std::string user;
+    std::string realm;
+    std::string nonce;
+    std::string uri;
+    std::string cnonce;
+    std::string count; ///< As it was sent: part of what is hashed.
+    std::string response;
+    bool qop = false; ///< Whether it is "auth"; none as in RFC 2069 otherwise.
+
+    /// Whether they were made for a request of that method by who knows the secret.
+    bool match(std::string_view method, std::string_view secret) const;
+};
+
+/// What can be kept in place of a password: the hash of user, realm and password, in hexadecimal digits.
+std::string secretOf(Algorithm algorithm, std::string_view user, std::string_view realm, std::string_view password);
+
+/// The credentials for that realm among a request's; those of the stronger algorithm where there are several. False
+/// where there are none, or what there is cannot be read.
+bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credentials& credentials);
+
+/// Nonces that tell by themselves when they were made, and by whom. Used by any thread.
+class Nonces {
+public:
+    Nonces();
+    std::string make() const;
+    /// Whether it was made here less than five minutes ago.
+    bool fresh(std::string_view nonce) const;
+
+    static constexpr std::chrono::seconds kLife{300};
+
+private:
+    std::string sealed(std::string_view time) const;
+
+    std::array<unsigned char, 32> m_key;
+};
+
+/// Which nonce counts have been used, so that nobody sends another's request again (RFC 7616 section 5.12).
+class NonceCounts {
+public:
+    /// Whether the count is higher than all before it with that nonce; it is used then.
+    bool use(const std::string& nonce, std::string_view count);
+
+private:
+    void forgetOld();
+
+    struct Used {
+        std::uint32_t count = 0;
+        std::chrono::steady_clock::time_point since;
+    };
+    std::unordered_map<std::string, Used> m_used;
+    std::size_t m_forgetAt = 1024;
+};
+
+/// Answers a request with a challenge for each algorithm: 401, or 407 for a proxy's. `stale` says that the credentials
+/// were right but for their nonce.
+///
+/// MD5 comes first, in spite of RFC 8760 section 2.3: telephones that know nothing else read the first challenge alone,
+/// and those that know SHA-256 find theirs behind it.
+void challenge(Incoming& request, int status, const std::string& realm, const std::string& nonce, bool stale);
+
+} // namespace oryx::sip

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <common/Loop.h>
+#include <common/Metrics.h>
+#include <common/Options.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace oryx::sip {
+
+struct MessageDeleter {
+    void operator()(msg_t* message) const { msg_destroy(message); }
+};
+/// A message of the stack's, or a reference to one.
+using Message = std::unique_ptr<msg_t, MessageDeleter>;
+
+/// A request with its server transaction (RFC 3261 section 17.2), which answers what is sent again. A request that is
+/// given up without a final answer is answered 500.
+class Incoming {
+public:
+    Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction);
+    ~Incoming();
+    Incoming(const Incoming&) = delete;
+    Incoming& operator=(const Incoming&) = delete;
+
+    const sip_t& sip() const { return *m_sip; }
+    msg_t* message() const { return m_request.get(); }
+    nta_agent_t* agent() const { return m_agent; }
+    bool answered() const { return m_answered; }
+
+    /// An answer of this server's own, with the header fields that the tags say.
+    template <typename... Tags>
+    void answer(int status, const char* phrase, Tags... tags)
+    {
+        nta_incoming_tag(m_transaction, nullptr);
+        nta_incoming_treply(m_transaction, status, phrase, SIPTAG_SERVER_STR(kServer), tags..., TAG_END());
+        count(status);
+    }
+    /// 503: the database is away, or too much is waiting for it.
+    void answerUnavailable() { answer(SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("2")); }
+    /// Somebody else's answer; its Via is this transaction's.
+    void forward(Message response);
+    /// Called when the client cancels the request, or acknowledges its final answer.
+    void onCancel(std::function<void()> cancel) { m_cancel = std::move(cancel); }
+
+    static constexpr const char* kServer = "oryx/" ORYX_VERSION;
+
+private:
+    static int acknowledgedOrCancelled(void* self, nta_incoming_t* transaction, const sip_t* sip);
+    void count(int status);
+
+    nta_agent_t* m_agent;
+    Metrics& m_metrics;
+    nta_incoming_t* m_transaction;
+    Message m_request;
+    const sip_t* m_sip;
+    std::function<void()> m_cancel;
+    bool m_answered = false;
+};
+
+/// The sockets, and what comes in on them.
+class Endpoint {
+public:
+    /// Gets each new request but ACK and CANCEL.
+    using OnRequest = std::function<void(std::shared_ptr<Incoming> request)>;
+    /// Gets what no transaction is for: an ACK for a 2xx, a response.
+    using OnStray = std::function<void(Message message, const sip_t& sip)>;
+
+    /// Throws `std::runtime_error` when one of the sockets cannot be had.
+    Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest, OnStray onStray);
+    ~Endpoint();
+    Endpoint(const Endpoint&) = delete;
+    Endpoint& operator=(const Endpoint&) = delete;
+
+    nta_agent_t* agent() const { return m_agent; }
+    /// Whether host and port are those of one of the sockets.
+    bool isOurs(const url_t& url) const;
+    bool isOurs(const sip_via_t& via) const;
+    /// The socket's URI that a request of this server's over that transport comes from, such as
+    /// "sip:192.0.2.1:5060;transport=udp".
+    std::string uri(const char* protocol) const;
+    /// From now on every request is answered 503.
+    void refuseRequests() { m_refusing = true; }
+
+private:
+    static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);
+    void take(Message message, sip_t* sip);
+
+    Metrics& m_metrics;
+    OnRequest m_onRequest;
+    OnStray m_onStray;
+    nta_agent_t* m_agent;
+    bool m_refusing = false;
+};
+
+} // namespace oryx::sip

@@ -1,0 +1,56 @@
+#include <common/Server.h>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+namespace oryx::sip {
+
+namespace {
+
+/// The signals that end a server, as something that the loop can wait for. Held off in all threads that are started
+/// later, too.
+int endingSignals()
+{
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    sigaddset(&ending, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+    return signalfd(-1, &ending, SFD_CLOEXEC);
+}
+
+} // namespace
+
+int serve(int argc, char** argv, const std::function<void(Loop& loop, const Options& options)>& serve)
+{
+    const Parsed parsed = parseOptions(argc, argv);
+    if (!parsed.options) {
+        return parsed.status;
+    }
+    std::signal(SIGPIPE, SIG_IGN); // a telephone that hangs up
+    const int signals = endingSignals();
+    int status = 0;
+    try {
+        Loop loop;
+        loop.watch(signals, [&] { loop.stop(); });
+        serve(loop, *parsed.options);
+        loop.unwatch(signals);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        status = 1;
+    }
+    close(signals);
+    return status;
+}
+
+void tellReady()
+{
+    std::puts("ready");
+    std::fflush(stdout);
+}
+
+} // namespace oryx::sip

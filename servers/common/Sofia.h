@@ -1,0 +1,43 @@
+#pragma once
+
+// The SIP stack, whose callbacks get their objects as plain pointers.
+#define SU_ROOT_MAGIC_T void
+#define SU_WAKEUP_ARG_T void
+#define SU_TIMER_ARG_T void
+#define NTA_AGENT_MAGIC_T void
+#define NTA_INCOMING_MAGIC_T void
+#define NTA_OUTGOING_MAGIC_T void
+
+#include <sofia-sip/msg_addr.h>
+#include <sofia-sip/msg_header.h>
+#include <sofia-sip/nta.h>
+#include <sofia-sip/nta_stateless.h>
+#include <sofia-sip/nta_tport.h>
+#include <sofia-sip/sip.h>
+#include <sofia-sip/sip_header.h>
+#include <sofia-sip/sip_status.h>
+#include <sofia-sip/sip_tag.h>
+#include <sofia-sip/sip_util.h>
+#include <sofia-sip/su.h>
+#include <sofia-sip/su_wait.h>
+#include <sofia-sip/tport_tag.h>
+
+#include <sofia-sip/hostdomain.h>
+#include <sofia-sip/url.h>
+
+namespace oryx::sip {
+
+/// A URI's text where the stack takes a URI or its text; null stays null.
+inline const url_string_t* urlText(const char* text)
+{
+    return static_cast<const url_string_t*>(static_cast<const void*>(text));
+}
+
+/// A header field of any kind, as those operations of the stack take it that are for all kinds.
+template <typename Header>
+sip_header_t* anyHeader(Header* header)
+{
+    return static_cast<sip_header_t*>(static_cast<void*>(header));
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,155 @@
+#pragma once
+
+#include <common/Loop.h>
+#include <common/Metrics.h>
+#include <common/Ring.h>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace oryx::sip {
+
+/// Something that wakes another thread which waits for its descriptor.
+class Bell {
+public:
+    Bell();
+    ~Bell();
+    Bell(const Bell&) = delete;
+    Bell& operator=(const Bell&) = delete;
+
+    void ring() const;
+    /// Waits until it has been rung, once or several times since the last call.
+    void await() const;
+    int descriptor() const { return m_descriptor; }
+
+private:
+    int m_descriptor;
+};
+
+/// Threads that each hold a session with the database, and do what the SIP thread gives them: so that a slow statement
+/// holds up only what is behind it. What has the same key is done in order, by the same thread.
+///
+/// `Session` is made and used on its thread alone. Its `connect()` is called until it answers true.
+template <typename Session>
+class Workers {
+public:
+    using MakeSession = std::function<std::unique_ptr<Session>()>;
+
+    /// Starts `count` threads. All connect at once; `connected` is called on the loop's thread when all of them have.
+    Workers(Loop& loop, Metrics& metrics, unsigned count, const MakeSession& makeSession,
+            std::function<void()> connected)
+        : m_loop(loop), m_metrics(metrics), m_connected(std::move(connected)), m_unconnected(count)
+    {
+        loop.watch(m_bell.descriptor(), [this] { finish(); });
+        for (unsigned n = 0; n < count; ++n) {
+            m_workers.push_back(std::make_unique<Worker>());
+            Worker& worker = *m_workers.back();
+            worker.thread = std::thread([this, &worker, makeSession] { run(worker, *makeSession()); });
+        }
+    }
+    /// Waits for what is under way; what has not begun is not done.
+    ~Workers()
+    {
+        m_stop = true;
+        for (const auto& worker : m_workers) {
+            worker->bell.ring();
+        }
+        for (const auto& worker : m_workers) {
+            worker->thread.join();
+        }
+        m_bell.ring();
+        finish();
+        m_loop.unwatch(m_bell.descriptor());
+    }
+    Workers(const Workers&) = delete;
+    Workers& operator=(const Workers&) = delete;
+
+    /// Has `work(session)` done by the thread of that key and `then(answer)` on the loop's. False, and neither is done,
+    /// when too much is waiting for that thread already.
+    template <typename Work, typename Then>
+    bool give(std::size_t key, Work work, Then then)
+    {
+        Worker& worker = *m_workers[key % m_workers.size()];
+        std::unique_ptr<Task> task = std::make_unique<TaskOf<Work, Then>>(std::move(work), std::move(then));
+        if (!worker.tasks.push(task)) {
+            return false;
+        }
+        worker.bell.ring();
+        return true;
+    }
+
+private:
+    /// As many as are done before their clients send them again, half a second later.
+    static constexpr std::size_t kMostWaiting = 1024;
+
+    struct Task {
+        virtual ~Task() = default;
+        virtual void work(Session& session) = 0;
+        virtual void finish() = 0;
+    };
+    template <typename Work, typename Then>
+    struct TaskOf : Task {
+        TaskOf(Work w, Then t) : toDo(std::move(w)), then(std::move(t)) {}
+        void work(Session& session) override { answer.emplace(toDo(session)); }
+        void finish() override { then(std::move(*answer)); }
+
+        Work toDo;
+        Then then;
+        std::optional<std::invoke_result_t<Work&, Session&>> answer;
+    };
+    struct Worker {
+        Ring<Task, kMostWaiting> tasks;
+        Ring<Task, 2 * kMostWaiting> done; // never full: the loop takes whatever is there
+        Bell bell;
+        std::thread thread;
+    };
+
+    void run(Worker& worker, Session& session)
+    {
+        while (!m_stop && !session.connect()) {
+        }
+        --m_unconnected;
+        m_bell.ring();
+        while (!m_stop) {
+            worker.bell.await();
+            for (std::unique_ptr<Task> task = worker.tasks.pop(); task && !m_stop; task = worker.tasks.pop()) {
+                const Metrics::Timing timing(m_metrics);
+                task->work(session);
+                while (!worker.done.push(task)) {
+                    std::this_thread::yield();
+                }
+                m_bell.ring();
+            }
+        }
+    }
+
+    void finish()
+    {
+        m_bell.await();
+        for (const auto& worker : m_workers) {
+            for (std::unique_ptr<Task> task = worker->done.pop(); task; task = worker->done.pop()) {
+                task->finish();
+            }
+        }
+        if (m_connected && m_unconnected == 0 && !m_stop) {
+            std::exchange(m_connected, nullptr)();
+        }
+    }
+
+    Loop& m_loop;
+    Metrics& m_metrics;
+    std::function<void()> m_connected;
+    std::atomic<unsigned> m_unconnected;
+    std::atomic<bool> m_stop{false};
+    Bell m_bell; // wakes the loop
+    std::vector<std::unique_ptr<Worker>> m_workers;
+};
+
+} // namespace oryx::sip

@@ -1,0 +1,235 @@
+#include <registrar/Fork.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace oryx::sip {
+
+namespace {
+
+constexpr std::chrono::seconds kRinging{20}; // of one telephone, before the next is tried
+constexpr std::chrono::seconds kLinger{32};  // 64 * T1: as long as a 2xx is sent again
+
+/// A response as the one before this proxy gets it: without this proxy's Via.
+Message withoutOwnVia(msg_t* response)
+{
+    Message copy(msg_dup(response));
+    if (copy) {
+        sip_via_remove(copy.get(), sip_object(copy.get()));
+    }
+    return copy;
+}
+
+/// What a caller can do something about comes before what he cannot (RFC 3261 section 16.7, item 6).
+int rank(int status)
+{
+    if (status >= 600) {
+        return 0;
+    }
+    constexpr std::array useful{401, 407, 415, 420, 484};
+    const bool is = std::find(useful.begin(), useful.end(), status) != useful.end();
+    const bool last = status == 408 || status == 503;
+    return 10 * (status / 100) + (is ? 0 : last ? 9 : 5);
+}
+
+} // namespace
+
+struct Fork::Branch {
+    Fork& fork;
+    nta_outgoing_t* transaction = nullptr;
+    Message response; // its final one
+    bool ended = false;
+};
+
+Fork::Fork(const Loop& loop, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
+           std::vector<Hop> hops)
+    : m_request(std::move(request)),
+      m_outgoing(std::move(outgoing)),
+      m_branch(std::move(branch)),
+      m_hops(std::move(hops)),
+      m_patience(loop, [this] { cancelPending(); }),
+      m_linger(loop, [this] { m_self.reset(); })
+{
+}
+
+Fork::~Fork()
+{
+    for (const std::unique_ptr<Branch>& branch : m_branches) {
+        nta_outgoing_destroy(branch->transaction);
+    }
+}
+
+void Fork::start(bool sequential)
+{
+    m_self = shared_from_this();
+    m_sequential = sequential;
+    // The request outlives the fork only where it is still to be answered.
+    m_request->onCancel([fork = weak_from_this()] {
+        if (const std::shared_ptr<Fork> alive = fork.lock()) {
+            alive->cancel();
+        }
+    });
+    tryNext();
+}
+
+void Fork::cancel()
+{
+    m_tried = m_hops.size();
+    cancelPending();
+}
+
+/// The next hops, all or those of the same preference; those after them where none of these can be sent to. When there
+/// are no more, the answer.
+void Fork::tryNext()
+{
+    while (m_tried < m_hops.size() && !pending()) {
+        const int preference = m_hops[m_tried].preference;
+        while (m_tried < m_hops.size() && (!m_sequential || m_hops[m_tried].preference == preference)) {
+            send(m_hops[m_tried++]);
+        }
+    }
+    if (m_tried < m_hops.size()) {
+        m_patience.set(kRinging);
+    }
+    if (pending()) {
+        return;
+    }
+    if (!m_decided) {
+        answerBest();
+    }
+    m_linger.set(kLinger);
+}
+
+void Fork::send(const Hop& hop)
+{
+    Message message(msg_dup(m_outgoing.get()));
+    sip_t* const sip = sip_object(message.get());
+    su_home_t* const home = msg_home(message.get());
+    if (!hop.uri.empty()) {
+        const sip_request_t* const line = sip->sip_request;
+        sip_request_t* const retargeted =
+            sip_request_create(home, line->rq_method, line->rq_method_name, urlText(hop.uri.c_str()), nullptr);
+        sip_header_insert(message.get(), sip, anyHeader(retargeted));
+    }
+    if (!hop.route.empty()) {
+        sip_add_tl(message.get(), sip, SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END());
+    }
+    m_branches.push_back(std::make_unique<Branch>(Branch{*this, nullptr, nullptr, false}));
+    Branch& branch = *m_branches.back();
+    const std::string key = m_branch + "." + std::to_string(m_branches.size());
+    branch.transaction = nta_outgoing_mcreate(m_request->agent(), &Fork::responded, &branch,
+                                              hop.next.empty() ? nullptr : urlText(hop.next.c_str()), message.release(),
+                                              NTATAG_BRANCH_KEY(key.c_str()), TAG_END());
+    branch.ended = branch.transaction == nullptr; // nowhere: no such host
+}
+
+int Fork::responded(void* branch, nta_outgoing_t* /*transaction*/, const sip_t* sip)
+{
+    auto* const of = static_cast<Branch*>(branch);
+    const std::shared_ptr<Fork> alive = of->fork.m_self;
+    of->fork.take(*of, sip);
+    return 0;
+}
+
+void Fork::take(Branch& branch, const sip_t* sip)
+{
+    const int status = sip != nullptr ? sip->sip_status->st_status : nta_outgoing_status(branch.transaction);
+    const Message response(sip != nullptr ? nta_outgoing_getresponse(branch.transaction) : nullptr);
+    if (status < 200) {
+        if (status > 100 && response && !m_decided) {
+            forward(response.get());
+        }
+        return;
+    }
+    if (status < 300) {
+        // Each 2xx is passed on: of several telephones that were answered at once, the caller chooses.
+        forward(response.get());
+        m_decided = true;
+        m_tried = m_hops.size();
+        end(branch);
+        cancelPending();
+        return;
+    }
+    if (response) {
+        branch.response.reset(msg_ref(response.get()));
+    }
+    if (status >= 600) { // nobody else shall be asked (section 16.7, item 5)
+        m_tried = m_hops.size();
+        cancelPending();
+    }
+    end(branch);
+}
+
+void Fork::end(Branch& branch)
+{
+    branch.ended = true;
+    if (!pending()) {
+        m_patience.cancel();
+        tryNext();
+    }
+}
+
+void Fork::cancelPending()
+{
+    for (const std::unique_ptr<Branch>& branch : m_branches) {
+        if (!branch->ended && nta_outgoing_method(branch->transaction) == sip_method_invite) {
+            nta_outgoing_cancel(branch->transaction);
+        }
+    }
+}
+
+bool Fork::pending() const
+{
+    return std::any_of(m_branches.begin(), m_branches.end(),
+                       [](const std::unique_ptr<Branch>& branch) { return !branch->ended; });
+}
+
+void Fork::answerBest()
+{
+    m_decided = true;
+    const Message chosen = best();
+    if (!chosen) {
+        m_request->answer(SIP_408_REQUEST_TIMEOUT);
+    } else if (sip_object(chosen.get())->sip_status->st_status == 503) { // that one is overloaded, this one is not
+        m_request->answer(SIP_500_INTERNAL_SERVER_ERROR);
+    } else {
+        forward(chosen.get());
+    }
+}
+
+/// The best response, with everybody's challenges (section 16.7, items 6 and 7).
+Message Fork::best()
+{
+    const Branch* chosen = nullptr;
+    for (const std::unique_ptr<Branch>& branch : m_branches) {
+        const auto rankOf = [](const Branch& of) { return rank(sip_object(of.response.get())->sip_status->st_status); };
+        if (branch->response && (chosen == nullptr || rankOf(*branch) < rankOf(*chosen))) {
+            chosen = branch.get();
+        }
+    }
+    if (chosen == nullptr) {
+        return nullptr;
+    }
+    Message best(msg_dup(chosen->response.get()));
+    sip_t* const sip = sip_object(best.get());
+    const int status = sip->sip_status->st_status;
+    for (const std::unique_ptr<Branch>& branch : m_branches) {
+        if (branch.get() == chosen || !branch->response || (status != 401 && status != 407)) {
+            continue;
+        }
+        const sip_t* const other = sip_object(branch->response.get());
+        sip_add_tl(best.get(), sip, SIPTAG_WWW_AUTHENTICATE(other->sip_www_authenticate),
+                   SIPTAG_PROXY_AUTHENTICATE(other->sip_proxy_authenticate), TAG_END());
+    }
+    return best;
+}
+
+void Fork::forward(msg_t* response)
+{
+    if (Message upstream = withoutOwnVia(response)) {
+        m_request->forward(std::move(upstream));
+    }
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <common/Endpoint.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace oryx::sip {
+
+/// Somewhere that a request is sent to.
+struct Hop {
+    std::string uri;       ///< Its request URI; empty: as it came.
+    std::string route;     ///< The proxies on the way, a Route header field's value; empty: none.
+    std::string next;      ///< Where it is sent in spite of all that; empty: as Route and request URI say.
+    int preference = 1000; ///< Those of the same preference are tried together.
+};
+
+/// One request sent on to several places, and the answer chosen among theirs (RFC 3261 sections 16.6 to 16.10). It
+/// lives until the last of its transactions has ended.
+class Fork : public std::enable_shared_from_this<Fork> {
+public:
+    /// `outgoing` is the request as it is to be sent, but for its request URI and route; `branch` begins the branch
+    /// parameters of its Via. The hops come by preference.
+    Fork(const Loop& loop, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
+         std::vector<Hop> hops);
+    ~Fork();
+    Fork(const Fork&) = delete;
+    Fork& operator=(const Fork&) = delete;
+
+    /// Sends the request to all at once, or to those of the highest preference first.
+    void start(bool sequential);
+    /// The client does not want an answer any more.
+    void cancel();
+
+private:
+    struct Branch;
+
+    void tryNext();
+    void send(const Hop& hop);
+    static int responded(void* branch, nta_outgoing_t* transaction, const sip_t* sip);
+    void take(Branch& branch, const sip_t* sip);
+    void end(Branch& branch);
+    void cancelPending();
+    bool pending() const;
+    void answerBest();
+    Message best();
+    void forward(msg_t* response);
+
+    std::shared_ptr<Fork> m_self; // while anything is under way
+    std::shared_ptr<Incoming> m_request;
+    Message m_outgoing;
+    std::string m_branch;
+    std::vector<Hop> m_hops;
+    std::size_t m_tried = 0;
+    bool m_sequential = false;
+    bool m_decided = false; // a final answer has been given, or none is wanted
+    std::vector<std::unique_ptr<Branch>> m_branches;
+    Timer m_patience; // with those that are being tried, before the next ones
+    Timer m_linger;   // for what is sent again after the answer
+};
+
+} // namespace oryx::sip

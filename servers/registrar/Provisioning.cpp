@@ -1,0 +1,74 @@
+#include <registrar/Provisioning.h>
+
+#include <dal/DatabaseCommandExecutor.h>
+
+#include <algorithm>
+#include <cctype>
+#include <utility>
+
+namespace oryx::sip {
+
+namespace {
+
+ChangeListenerOptions boundListening()
+{
+    ChangeListenerOptions options;
+    options.session.statements = SessionOptions::Statements::bound;
+    return options;
+}
+
+} // namespace
+
+Provisioning::Provisioning(const Options& options)
+    : m_options(options),
+      m_domains(nullptr),
+      m_listener(options.database, options.user, options.password, boundListening())
+{
+    m_lists.push_back(std::make_unique<const Domains>());
+    m_domains = m_lists.back().get();
+    m_thread = std::thread([this] {
+        m_listener.run([this](const ChangeSet& /*changes*/) {
+            m_changes.fetch_add(1, std::memory_order_release);
+            readDomains(); // which has no announcement of its own: with every other
+        });
+    });
+}
+
+Provisioning::~Provisioning()
+{
+    m_listener.stop();
+    m_thread.join();
+}
+
+bool Provisioning::serves(const std::string& host) const
+{
+    const Domains& domains = *m_domains.load(std::memory_order_acquire);
+    return std::find(domains.begin(), domains.end(), host) != domains.end();
+}
+
+std::string Provisioning::realm() const
+{
+    const Domains& domains = *m_domains.load(std::memory_order_acquire);
+    return !m_options.realm.empty() || domains.empty() ? m_options.realm : domains.front();
+}
+
+void Provisioning::readDomains()
+{
+    DatabaseCommandExecutor executor;
+    Domains domains;
+    if (!executor.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str())) {
+        return; // the next call reads it
+    }
+    executor.getDomainNameList(domains);
+    for (std::string& domain : domains) {
+        std::transform(domain.begin(), domain.end(), domain.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    }
+    if (domains != *m_lists.back()) {
+        m_lists.push_back(std::make_unique<const Domains>(std::move(domains)));
+        m_domains.store(m_lists.back().get(), std::memory_order_release);
+    }
+    m_known.store(true, std::memory_order_release);
+}
+
+} // namespace oryx::sip

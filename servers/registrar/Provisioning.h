@@ -1,0 +1,47 @@
+#pragma once
+
+#include <common/Options.h>
+
+#include <dal/ChangeListener.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace oryx::sip {
+
+/// What provisioning has decided and servers keep: the domains that are served, and how often anything has changed.
+/// Heard of on a thread of its own.
+class Provisioning {
+public:
+    explicit Provisioning(const Options& options);
+    ~Provisioning();
+    Provisioning(const Provisioning&) = delete;
+    Provisioning& operator=(const Provisioning&) = delete;
+
+    /// Whether the list of domains has been read. For any thread, as the others.
+    bool known() const { return m_known.load(std::memory_order_acquire); }
+    /// Whether the server answers for that host, in lower case.
+    bool serves(const std::string& host) const;
+    /// The realm of credentials: the first domain served, unless the command line says another.
+    std::string realm() const;
+    /// Counts up whenever subscribers or addresses may have changed: what was kept of them holds no longer.
+    unsigned changes() const { return m_changes.load(std::memory_order_acquire); }
+
+private:
+    using Domains = std::vector<std::string>;
+
+    void readDomains();
+
+    Options m_options;
+    std::atomic<unsigned> m_changes{0};
+    std::atomic<bool> m_known{false};
+    std::vector<std::unique_ptr<const Domains>> m_lists; // all so far: others may be reading the last but one
+    std::atomic<const Domains*> m_domains;
+    ChangeListener m_listener;
+    std::thread m_thread;
+};
+
+} // namespace oryx::sip

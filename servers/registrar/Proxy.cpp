@@ -1,0 +1,294 @@
+// RFC 3261 section 16, in its order: what a request must be (16.3), its route (16.4), where it goes (16.5), and its
+// sending (16.6). The answers are Fork's.
+
+#include <registrar/Proxy.h>
+
+#include <array>
+#include <cstring>
+#include <functional>
+#include <utility>
+
+namespace oryx::sip {
+
+namespace {
+
+constexpr const char* kCookie = "oryx"; // a parameter of this proxy's Record-Route
+constexpr unsigned long kMaxForwards = 70;
+
+std::string hexOf(std::size_t value)
+{
+    std::string text(2 * sizeof value, '0');
+    for (std::size_t at = text.size(); at > 0; value >>= 4U) {
+        text[--at] = "0123456789abcdef"[value & 0xfU];
+    }
+    return text;
+}
+
+std::string textOf(const url_t& url)
+{
+    std::string text(static_cast<std::size_t>(url_len(&url)) + 1, '\0');
+    url_e(text.data(), static_cast<isize_t>(text.size()), &url);
+    text.pop_back();
+    return text;
+}
+
+const char* orEmpty(const char* text)
+{
+    return text != nullptr ? text : "";
+}
+
+/// What makes a request come back here the same, not another one on its way through (section 16.6, item 8).
+std::string loopMark(const sip_t& sip)
+{
+    const std::string request = textOf(*sip.sip_request->rq_url) + "\n" + orEmpty(sip.sip_from->a_tag) + "\n" +
+                                orEmpty(sip.sip_to->a_tag) + "\n" + sip.sip_call_id->i_id + "\n" +
+                                std::to_string(sip.sip_cseq->cs_seq) + "\n" +
+                                (sip.sip_route != nullptr ? textOf(*sip.sip_route->r_url) : "");
+    return hexOf(std::hash<std::string>()(request));
+}
+
+bool inDialog(const sip_t& sip)
+{
+    return sip.sip_to->a_tag != nullptr;
+}
+
+} // namespace
+
+Proxy::Proxy(const Loop& loop, const Options& options, const Provisioning& provisioning, const Nonces& nonces,
+             Workers<Session>& workers)
+    : m_loop(loop),
+      m_options(options),
+      m_provisioning(provisioning),
+      m_nonces(nonces),
+      m_workers(workers),
+      m_secret(nonces.make())
+{
+}
+
+void Proxy::take(const std::shared_ptr<Incoming>& request)
+{
+    if (!valid(*request)) {
+        return;
+    }
+    bool routedHere = false;
+    Message outgoing = prepared(request->sip(), request->message(), routedHere);
+    if (routedHere) { // a dialog that began here: where it goes was settled then
+        send(request, std::move(outgoing), {Hop{}}, false);
+    } else {
+        find(request, std::move(outgoing));
+    }
+}
+
+/// Section 16.3. False when the request has been answered.
+bool Proxy::valid(Incoming& request) const
+{
+    const sip_t& sip = request.sip();
+    const auto scheme = static_cast<url_type_e>(sip.sip_request->rq_url->url_type);
+    if (scheme != url_sip && scheme != url_sips) {
+        request.answer(SIP_416_UNSUPPORTED_URI);
+    } else if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
+        request.answer(SIP_483_TOO_MANY_HOPS);
+    } else if (loops(sip)) {
+        request.answer(SIP_482_LOOP_DETECTED);
+    } else if (sip.sip_proxy_require != nullptr && sip.sip_proxy_require->k_items != nullptr &&
+               sip.sip_proxy_require->k_items[0] != nullptr) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(sip.sip_proxy_require->k_items[0]));
+    } else {
+        return true;
+    }
+    return false;
+}
+
+bool Proxy::loops(const sip_t& sip) const
+{
+    const std::string mark = "." + loopMark(sip) + ".";
+    for (const sip_via_t* via = sip.sip_via; via != nullptr; via = via->v_next) {
+        if (m_endpoint->isOurs(*via) && via->v_branch != nullptr &&
+            std::strstr(via->v_branch, mark.c_str()) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Section 16.4, and what is the same of all copies of the request (16.6, items 1, 3 and 4). `ours` is whether the
+/// request comes by way of this proxy in a dialog that it has recorded itself in, or that a served domain takes part
+/// in.
+Message Proxy::prepared(const sip_t& sip, msg_t* message, bool& ours) const
+{
+    Message outgoing(msg_dup(message));
+    sip_t* const copy = sip_object(outgoing.get());
+    su_home_t* const home = msg_home(outgoing.get());
+    ours = false;
+    if (copy->sip_route != nullptr && m_endpoint->isOurs(*copy->sip_route->r_url)) {
+        std::array<char, 64> value{};
+        url_param(copy->sip_route->r_url->url_params, kCookie, value.data(), static_cast<isize_t>(value.size()));
+        // Telephones put their outbound proxy into the route of every request, recorded or not.
+        ours = inDialog(sip) && (cookie(sip) == value.data() || m_provisioning.serves(hostOf(*sip.sip_from->a_url)) ||
+                                 m_provisioning.serves(hostOf(*sip.sip_to->a_url)));
+        sip_route_remove(outgoing.get(), copy);
+    }
+    const unsigned long left = sip.sip_max_forwards != nullptr ? sip.sip_max_forwards->mf_count - 1 : kMaxForwards;
+    const std::string forwards = std::to_string(left);
+    sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
+    if (m_options.recordRoute && !inDialog(sip) && sip.sip_request->rq_method != sip_method_register) {
+        const std::string route =
+            "<" + m_endpoint->uri(sip.sip_via->v_protocol) + ";lr;" + kCookie + "=" + cookie(sip) + ">";
+        sip_record_route_t* const record = sip_record_route_make(home, route.c_str());
+        sip_header_insert(outgoing.get(), copy, anyHeader(record));
+    }
+    return outgoing;
+}
+
+/// Section 16.5, in a worker.
+void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing)
+{
+    const sip_t& sip = request->sip();
+    const sip_t* const next = sip_object(outgoing.get());
+    const url_t& to = next->sip_route != nullptr ? *next->sip_route->r_url : *sip.sip_request->rq_url;
+    const std::optional<Address> address = addressOf(to);
+    Question question;
+    question.from = hostOf(*sip.sip_from->a_url);
+    question.target.uri = textOf(to);
+    if (!address || !canBeStored(question.from.c_str()) || !canBeStored(question.target.uri.c_str())) {
+        request->answer(SIP_400_BAD_REQUEST);
+        return;
+    }
+    question.target.handle = address->handle;
+    question.target.domain = address->domain;
+    question.target.served = m_provisioning.serves(address->domain);
+    question.target.internal = m_provisioning.serves(question.from);
+    question.sender = addressOf(*sip.sip_from->a_url);
+    Credentials credentials;
+    if (readCredentials(sip.sip_proxy_authorization, m_provisioning.realm(), credentials)) {
+        question.credentials = std::move(credentials);
+    }
+    // All that one caller sends comes to one worker, which knows his credentials.
+    const std::size_t key = question.sender ? question.sender->key() : 0;
+    const std::string method = sip.sip_request->rq_method_name;
+    auto work = [this, question = std::move(question), method](Session& session) {
+        return answer(session, question, method);
+    };
+    auto then = [this, request, shared = std::make_shared<Message>(std::move(outgoing))](const Answer& answer) {
+        conclude(request, std::move(*shared), answer);
+    };
+    if (!m_workers.give(key, std::move(work), std::move(then))) {
+        request->answerUnavailable();
+    }
+}
+
+/// In a worker: whether the sender's domain is accepted, where the request goes, and, before it leaves for elsewhere in
+/// the name of a subscriber, whether it is he.
+Proxy::Answer Proxy::answer(Session& session, const Question& question, const std::string& method) const
+{
+    Answer answer;
+    if (!question.target.internal) {
+        bool allowed = true;
+        answer.failed = !session.service().checkInboundDomainAccess(question.from.c_str(), allowed).okay();
+        answer.denied = !allowed;
+        if (answer.failed || answer.denied) {
+            return answer;
+        }
+    }
+    findTarget(session.service(), question.target, answer.target);
+    if (answer.target.reason == TargetReason::outbound && question.target.internal && m_options.digest) {
+        answer.sender = question.sender && question.credentials
+                            ? session.authenticate(*question.sender, *question.credentials, method)
+                            : Verdict::wrong;
+    }
+    return answer;
+}
+
+void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer) const
+{
+    if (request->answered()) { // it was cancelled meanwhile
+        return;
+    }
+    if (answer.denied) {
+        request->answer(SIP_403_FORBIDDEN);
+        return;
+    }
+    if (answer.sender == Verdict::wrong || answer.sender == Verdict::stale) {
+        challenge(*request, answer.sender == Verdict::stale);
+        return;
+    }
+    if (answer.sender == Verdict::unknown || answer.sender == Verdict::barred) {
+        request->answer(SIP_403_FORBIDDEN);
+        return;
+    }
+    const TargetReason reason =
+        answer.failed || answer.sender == Verdict::failed ? TargetReason::failed : answer.target.reason;
+    std::vector<Hop> hops;
+    switch (reason) {
+    case TargetReason::registered:
+    case TargetReason::addressMap:
+    case TargetReason::defaultRoute:
+        for (const LiveBinding& binding : answer.target.set.bindings) {
+            const bool replaces = answer.target.set.replaceUri;
+            hops.push_back({replaces ? binding.address : "", binding.path,
+                            replaces || !binding.path.empty() ? "" : binding.address, binding.preference});
+        }
+        break;
+    case TargetReason::outbound:
+        hops.push_back({"", "", answer.target.proxy.empty() ? "" : "sip:" + answer.target.proxy, 0});
+        break;
+    case TargetReason::notRegistered:
+        request->answer(SIP_480_TEMPORARILY_UNAVAILABLE);
+        return;
+    case TargetReason::inactiveSubscriber:
+    case TargetReason::unknown:
+        request->answer(SIP_404_NOT_FOUND);
+        return;
+    case TargetReason::notAllowed:
+        request->answer(SIP_403_FORBIDDEN);
+        return;
+    case TargetReason::failed:
+        request->answerUnavailable();
+        return;
+    }
+    send(request, std::move(outgoing), std::move(hops), answer.target.set.order == ContactOrder::sequential);
+}
+
+void Proxy::challenge(Incoming& request, bool stale) const
+{
+    sip::challenge(request, 407, m_provisioning.realm(), m_nonces.make(), stale);
+}
+
+/// Section 16.6.
+void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops,
+                 bool sequential) const
+{
+    if (request->sip().sip_request->rq_method == sip_method_invite) {
+        request->answer(SIP_100_TRYING);
+    }
+    const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(request->sip());
+    std::make_shared<Fork>(m_loop, request, std::move(outgoing), branch, std::move(hops))->start(sequential);
+}
+
+void Proxy::takeStray(Message message, const sip_t& sip) const
+{
+    if (sip.sip_request == nullptr) { // section 16.7, item 2: a response without a transaction is passed on
+        if (sip.sip_via != nullptr && m_endpoint->isOurs(*sip.sip_via) && sip.sip_via->v_next != nullptr) {
+            sip_via_remove(message.get(), sip_object(message.get()));
+            nta_msg_tsend(m_endpoint->agent(), message.release(), nullptr, TAG_END());
+        }
+        return;
+    }
+    if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
+        return; // nothing answers an ACK
+    }
+    bool ours = false;
+    Message outgoing = prepared(sip, message.get(), ours);
+    if (ours) {
+        const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(sip) + ".0";
+        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), nullptr, NTATAG_BRANCH_KEY(branch.c_str()), TAG_END());
+    }
+}
+
+/// What this proxy knows a route of its own by.
+std::string Proxy::cookie(const sip_t& sip) const
+{
+    return hexOf(std::hash<std::string>()(m_secret + sip.sip_call_id->i_id));
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <common/Endpoint.h>
+#include <common/Workers.h>
+#include <registrar/Fork.h>
+#include <registrar/Session.h>
+
+#include <dal/RequestTarget.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace oryx::sip {
+
+/// Sends requests on (RFC 3261 section 16).
+class Proxy {
+public:
+    Proxy(const Loop& loop, const Options& options, const Provisioning& provisioning, const Nonces& nonces,
+          Workers<Session>& workers);
+
+    /// Once the sockets are there: whose names this proxy goes by.
+    void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
+
+    void take(const std::shared_ptr<Incoming>& request);
+    /// An ACK for a 2xx, or a response whose transaction has ended: sent on without a transaction.
+    void takeStray(Message message, const sip_t& sip) const;
+
+private:
+    /// What decides where a request goes.
+    struct Question {
+        TargetQuestion target;
+        std::string from; ///< The domain that it comes from.
+        std::optional<Address> sender;
+        std::optional<Credentials> credentials;
+    };
+    struct Answer {
+        bool denied = false; ///< Requests from that domain are not accepted.
+        bool failed = false;
+        Verdict sender = Verdict::accepted;
+        RequestTarget target;
+    };
+
+    bool valid(Incoming& request) const;
+    bool loops(const sip_t& sip) const;
+    Message prepared(const sip_t& sip, msg_t* message, bool& ours) const;
+    void find(const std::shared_ptr<Incoming>& request, Message outgoing);
+    Answer answer(Session& session, const Question& question, const std::string& method) const;
+    void conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer) const;
+    void challenge(Incoming& request, bool stale) const;
+    void send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential) const;
+    std::string cookie(const sip_t& sip) const;
+
+    const Loop& m_loop;
+    const Options& m_options;
+    const Provisioning& m_provisioning;
+    const Nonces& m_nonces;
+    Workers<Session>& m_workers;
+    const Endpoint* m_endpoint = nullptr;
+    std::string m_secret; // of this process: what it has put into routes it knows again
+};
+
+} // namespace oryx::sip

@@ -1,0 +1,272 @@
+// RFC 3261 section 10.3, its items in their order.
+
+#include <registrar/Registrar.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+namespace oryx::sip {
+
+namespace {
+
+/// Of one address of record; a person has a few telephones.
+constexpr std::uint32_t kMostBindings = 32;
+constexpr std::size_t kMostContacts = 32; // in one request
+constexpr std::size_t kLongestText = 1024;
+
+bool fits(const char* text)
+{
+    return text == nullptr || (std::strlen(text) <= kLongestText && canBeStored(text));
+}
+
+/// A header field's value, as it is written.
+template <typename Header>
+std::string headerText(Header& header)
+{
+    su_home_t home[1] = {SU_HOME_INIT(home)};
+    const char* const text = sip_header_as_string(home, anyHeader(&header));
+    std::string copy = text != nullptr ? text : "";
+    su_home_deinit(home);
+    return copy;
+}
+
+std::string pathOf(const sip_t& sip)
+{
+    std::string path;
+    for (const sip_path_t* hop = sip.sip_path; hop != nullptr; hop = hop->r_next) {
+        sip_path_t one = *hop;
+        one.r_next = nullptr;
+        path.append(path.empty() ? "" : ", ").append(headerText(one));
+    }
+    return path;
+}
+
+} // namespace
+
+Registrar::Registrar(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
+                     Workers<Session>& workers)
+    : m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers)
+{
+}
+
+void Registrar::take(const std::shared_ptr<Incoming>& request)
+{
+    // 1. Whether the request is for this server is the caller's to know: it is a proxy too.
+    Order order;
+    if (understands(*request) && readSender(*request, order) && readAddress(*request, order) &&
+        readContacts(*request, order.request)) {
+        apply(request, std::move(order));
+    }
+}
+
+/// Item 2: extensions that must be understood, and are not. Path is (RFC 3327). False when the request has been
+/// answered, here and below.
+bool Registrar::understands(Incoming& request)
+{
+    const sip_require_t* const require = request.sip().sip_require;
+    const msg_param_t* const items = require != nullptr ? require->k_items : nullptr;
+    for (std::size_t n = 0; items != nullptr && items[n] != nullptr; ++n) {
+        if (std::strcmp(items[n], "path") != 0) {
+            request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(items[n]));
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Item 3: who sends it must prove it, if proof is asked for. Item 4: who he is decides whose bindings he may change:
+/// the credentials must be those of the address of record's own subscriber, which the worker finds out.
+bool Registrar::readSender(Incoming& request, Order& order) const
+{
+    if (!m_options.digest) {
+        return true;
+    }
+    order.credentials.emplace();
+    if (readCredentials(request.sip().sip_authorization, m_provisioning.realm(), *order.credentials)) {
+        return true;
+    }
+    challenge(request, false);
+    return false;
+}
+
+/// Item 5: the address of record. One that is not served here has no bindings here.
+bool Registrar::readAddress(Incoming& request, Order& order) const
+{
+    std::optional<Address> address = addressOf(*request.sip().sip_to->a_url);
+    if (!address) {
+        request.answer(SIP_400_BAD_REQUEST);
+        return false;
+    }
+    if (!m_provisioning.serves(address->domain)) {
+        request.answer(SIP_404_NOT_FOUND);
+        return false;
+    }
+    order.address = std::move(*address);
+    return true;
+}
+
+/// Items 6 and 7, up to where the bindings must be known. False when the request has been answered.
+bool Registrar::readContacts(Incoming& request, RegisterRequest& order) const
+{
+    const sip_t& sip = request.sip();
+    order.callId = sip.sip_call_id->i_id;
+    order.cseq = sip.sip_cseq->cs_seq;
+    order.path = pathOf(sip);
+    order.maxBindings = kMostBindings;
+    if (!fits(order.callId.c_str()) || !fits(order.path.c_str())) {
+        request.answer(SIP_400_BAD_REQUEST);
+        return false;
+    }
+    for (const sip_contact_t* contact = sip.sip_contact; contact != nullptr; contact = contact->m_next) {
+        order.removesAll = order.removesAll || contact->m_url->url_type == url_any;
+    }
+    if (order.removesAll) { // item 6: "*" alone, and with an Expires of 0
+        const bool alone = sip.sip_contact != nullptr && sip.sip_contact->m_next == nullptr;
+        if (!alone || sip.sip_expires == nullptr || sip.sip_expires->ex_delta != 0 || sip.sip_expires->ex_date != 0) {
+            request.answer(SIP_400_BAD_REQUEST);
+            return false;
+        }
+        return true;
+    }
+    for (const sip_contact_t* contact = sip.sip_contact; contact != nullptr; contact = contact->m_next) {
+        if (!readContact(request, *contact, order)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, RegisterRequest& order) const
+{
+    RegisterContact read;
+    if (!readExpiry(request, contact, read.expires)) {
+        return false;
+    }
+    sip_contact_t one = contact;
+    one.m_next = nullptr;
+    read.address = normalized(*contact.m_url);
+    read.contactHeader = headerText(one);
+    read.qvalue = contact.m_q != nullptr ? contact.m_q : "";
+    if (read.address.empty() || !fits(read.address.c_str()) || !fits(read.contactHeader.c_str()) ||
+        !fits(read.qvalue.c_str()) || order.contacts.size() == kMostContacts) {
+        request.answer(SIP_400_BAD_REQUEST);
+        return false;
+    }
+    order.contacts.push_back(std::move(read));
+    return true;
+}
+
+/// Item 7: the contact's own parameter, else the request's header field, else what the server gives. What cannot be
+/// read counts as not said (section 10.2.1.1).
+bool Registrar::readExpiry(Incoming& request, const sip_contact_t& contact, std::uint32_t& expires) const
+{
+    expires = m_options.defaultExpires;
+    if (contact.m_expires != nullptr) {
+        const char* const end = contact.m_expires + std::strlen(contact.m_expires);
+        std::uint32_t said = 0;
+        const auto [behind, error] = std::from_chars(contact.m_expires, end, said);
+        if (error == std::errc() && behind == end) {
+            expires = said;
+        } else if (error == std::errc::result_out_of_range) {
+            expires = m_options.maxExpires;
+        }
+    } else if (request.sip().sip_expires != nullptr && request.sip().sip_expires->ex_date == 0) {
+        expires = static_cast<std::uint32_t>(request.sip().sip_expires->ex_delta);
+    }
+    if (expires > 0 && expires < m_options.minExpires) {
+        const std::string least = std::to_string(m_options.minExpires);
+        request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
+        return false;
+    }
+    expires = std::min(expires, m_options.maxExpires);
+    return true;
+}
+
+/// Items 3 to 7 in a worker, where the subscriber and the bindings are known.
+void Registrar::apply(const std::shared_ptr<Incoming>& request, Order order)
+{
+    const std::size_t key = order.address.key();
+    auto work = [order = std::move(order)](Session& session) {
+        Outcome outcome;
+        if (order.credentials) {
+            outcome.verdict = session.authenticate(order.address, *order.credentials, "REGISTER");
+        }
+        if (outcome.verdict == Verdict::accepted) {
+            applyRegistration(session.service(), order.address.handle.c_str(), order.address.domain.c_str(),
+                              order.request, outcome.answer);
+        }
+        return outcome;
+    };
+    auto then = [this, request](const Outcome& outcome) { conclude(*request, outcome); };
+    if (!m_workers.give(key, std::move(work), std::move(then))) {
+        request->answerUnavailable();
+    }
+}
+
+void Registrar::challenge(Incoming& request, bool stale) const
+{
+    sip::challenge(request, 401, m_provisioning.realm(), m_nonces.make(), stale);
+}
+
+void Registrar::conclude(Incoming& request, const Outcome& outcome) const
+{
+    switch (outcome.verdict) {
+    case Verdict::accepted:
+        break;
+    case Verdict::wrong:
+    case Verdict::stale:
+        challenge(request, outcome.verdict == Verdict::stale);
+        return;
+    case Verdict::unknown:
+        request.answer(SIP_404_NOT_FOUND);
+        return;
+    case Verdict::barred:
+        request.answer(SIP_403_FORBIDDEN);
+        return;
+    case Verdict::failed:
+        request.answerUnavailable();
+        return;
+    }
+    switch (outcome.answer.outcome) {
+    case RegisterOutcome::done:
+        listBindings(request, outcome.answer);
+        return;
+    case RegisterOutcome::unknownAddress:
+        request.answer(SIP_404_NOT_FOUND);
+        return;
+    case RegisterOutcome::inactiveSubscriber:
+    case RegisterOutcome::tooManyBindings:
+        request.answer(SIP_403_FORBIDDEN);
+        return;
+    case RegisterOutcome::olderRequest: // item 7: the update is aborted
+        request.answer(500, "Request Is Out of Order");
+        return;
+    case RegisterOutcome::failed:
+        request.answerUnavailable();
+        return;
+    }
+}
+
+/// Item 8: all that is bound now, each with what is left of its time.
+void Registrar::listBindings(Incoming& request, const RegisterAnswer& answer) const
+{
+    std::string contacts;
+    for (const LiveBinding& binding : answer.bindings) {
+        contacts.append(contacts.empty() ? "<" : ", <").append(binding.address).append(">");
+        if (!binding.qvalue.empty()) {
+            contacts.append(";q=").append(binding.qvalue);
+        }
+        contacts.append(";expires=").append(std::to_string(binding.expires.value_or(m_options.maxExpires)));
+    }
+    const std::string path = pathOf(request.sip());
+    sip_date_t date{};
+    sip_date_init(&date);
+    date.d_time = sip_now();
+    request.answer(SIP_200_OK, TAG_IF(!contacts.empty(), SIPTAG_CONTACT_STR(contacts.c_str())),
+                   TAG_IF(!path.empty(), SIPTAG_PATH_STR(path.c_str())), SIPTAG_SUPPORTED_STR("path"),
+                   SIPTAG_DATE(&date));
+}
+
+} // namespace oryx::sip

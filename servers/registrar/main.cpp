@@ -1,0 +1,59 @@
+// oryx-registrar: a registrar and proxy (RFC 3261 sections 10 and 16) whose state is the database's.
+
+#include <common/Endpoint.h>
+#include <common/Server.h>
+#include <common/Workers.h>
+#include <registrar/Proxy.h>
+#include <registrar/Registrar.h>
+
+#include <optional>
+
+namespace {
+
+using namespace oryx::sip;
+
+/// Whether a request without a user part is for the server itself, as those are by which a peer looks if it is there.
+bool isForServer(const sip_t& sip, const Endpoint& endpoint, const Provisioning& provisioning)
+{
+    const url_t& url = *sip.sip_request->rq_url;
+    return url.url_user == nullptr && (endpoint.isOurs(url) || provisioning.serves(hostOf(url)));
+}
+
+void run(Loop& loop, const Options& options)
+{
+    Metrics metrics;
+    const Nonces nonces;
+    const Provisioning provisioning(options);
+    Workers<Session> workers(
+        loop, metrics, options.workers, [&] { return std::make_unique<Session>(options, provisioning, nonces); },
+        &tellReady);
+    Registrar registrar(options, provisioning, nonces, workers);
+    Proxy proxy(loop, options, provisioning, nonces, workers);
+    std::optional<Endpoint> endpoint;
+    const auto take = [&](const std::shared_ptr<Incoming>& request) {
+        const sip_t& sip = request->sip();
+        const bool here = isForServer(sip, *endpoint, provisioning);
+        if (sip.sip_request->rq_method == sip_method_register && here) {
+            registrar.take(request);
+        } else if (sip.sip_request->rq_method == sip_method_options && here) {
+            request->answer(SIP_200_OK, SIPTAG_ALLOW_STR("REGISTER, OPTIONS"), SIPTAG_SUPPORTED_STR("path"));
+        } else {
+            proxy.take(request);
+        }
+    };
+    endpoint.emplace(loop, metrics, options.listen, take,
+                     [&](Message message, const sip_t& sip) { proxy.takeStray(std::move(message), sip); });
+    proxy.setEndpoint(*endpoint);
+    std::optional<MetricsPage> page;
+    if (options.metrics) {
+        page.emplace(metrics, *options.metrics);
+    }
+    loop.run();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return serve(argc, argv, run);
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "sip/Program.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+/// A telephone that nobody here wrote: baresip, without a screen and without a sound card. It hears a tone and records
+/// what it is told.
+class Baresip {
+public:
+    /// A telephone of user@oryx.example, with the user's name as its password unless another is given, at the proxy on
+    /// that port.
+    Baresip(const std::string& user, int proxy, const std::string& password = "");
+    ~Baresip();
+    Baresip(const Baresip&) = delete;
+    Baresip& operator=(const Baresip&) = delete;
+
+    /// Has it do something: "dial", "sip:bob@oryx.example".
+    void command(const std::string& name, const std::string& parameters = "");
+    /// Waits until it tells of such an event ("REGISTER_OK"); false when it does not in time.
+    bool tells(const std::string& event, int seconds = 15);
+    /// How many seconds of the other's tone it has recorded.
+    double heard() const;
+    /// What it has said so far, for whoever wonders why a test has failed.
+    std::string said() const { return m_said + "\n" + m_program->soFar(); }
+
+private:
+    bool read(int milliseconds);
+
+    std::filesystem::path m_folder;
+    std::unique_ptr<Program> m_program;
+    int m_control = -1;
+    std::string m_said;
+    std::size_t m_seen = 0;
+};

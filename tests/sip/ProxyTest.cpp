@@ -1,0 +1,290 @@
+// The proxy as telephones see it: RFC 3261 section 16.
+
+#include "sip/SipTest.h"
+
+#include <algorithm>
+
+namespace {
+
+using phone::Message;
+using phone::Phone;
+
+class Proxy : public SipTest {
+protected:
+    void answerOn(Phone& telephone, const std::string& parameters = "")
+    {
+        ASSERT_EQ(status(telephone.ask(telephone.registration("<" + telephone.contact() + ">" + parameters))),
+                  "200 OK");
+    }
+    Phone alice() const { return {"alice", "oryx.example", m_port}; }
+    Phone bob() const { return {"bob", "oryx.example", m_port}; }
+    static Message invite(Phone& caller, const std::string& to = "sip:alice@oryx.example")
+    {
+        Message request = caller.request("INVITE", to);
+        request.add("Content-Type", "application/sdp");
+        request.body = "v=0\r\n";
+        return request;
+    }
+    /// What the caller gets, provisional responses too, up to the final one.
+    static std::string answers(Phone& caller)
+    {
+        std::string all;
+        for (int last = 0; last < 200;) {
+            const Message answer = caller.receive();
+            last = answer.status();
+            all += (all.empty() ? "" : ", ") + std::to_string(last);
+        }
+        return all;
+    }
+};
+
+/// Sections 16.6 and 16.7.
+TEST_F(Proxy, ConnectsACall)
+{
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    EXPECT_EQ(offered.first, "INVITE " + called.contact() + " SIP/2.0");
+    EXPECT_EQ(offered.field("Max-Forwards"), "69");
+    const std::string via = offered.field("Via");
+    EXPECT_EQ(std::count(via.begin(), via.end(), 'z'), 2) << via; // each branch begins with it
+    EXPECT_EQ(offered.body, request.body);
+    called.send(called.response(offered, 180, "Ringing"));
+    const Message accepted = called.response(offered, 200, "OK");
+    called.send(accepted);
+    EXPECT_EQ(answers(caller), "100, 180, 200");
+
+    // The dialog's own requests come the way that was recorded.
+    const std::string route = offered.field("Record-Route");
+    EXPECT_NE(route.find(";lr"), std::string::npos);
+    Message acknowledgement = caller.request("ACK", called.contact());
+    for (const char* const same : {"From", "Call-ID"}) {
+        acknowledgement.set(same, request.field(same));
+    }
+    acknowledgement.set("To", accepted.field("To")).set("CSeq", "1 ACK").set("Route", route);
+    caller.send(acknowledgement);
+    const Message acknowledged = called.receive();
+    EXPECT_EQ(acknowledged.first, "ACK " + called.contact() + " SIP/2.0");
+    EXPECT_EQ(acknowledged.field("Route"), "");
+
+    Message end = caller.request("BYE", called.contact());
+    end.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
+    end.set("To", accepted.field("To")).set("Route", route);
+    caller.send(end);
+    const Message ended = called.receive();
+    EXPECT_EQ(ended.method(), "BYE");
+    called.send(called.response(ended, 200, "OK"));
+    EXPECT_EQ(answers(caller), "200");
+}
+
+/// Section 21.4.18, and 21.4.5.
+TEST_F(Proxy, TellsWhoIsAwayFromWhoIsNot)
+{
+    startRegistrar();
+    Phone caller = bob();
+    EXPECT_EQ(status(caller.ask(invite(caller))), "480 Temporarily Unavailable");
+    EXPECT_EQ(status(caller.ask(invite(caller, "sip:nobody@oryx.example"))), "404 Not Found");
+    EXPECT_EQ(status(caller.ask(invite(caller, "sip:carol@oryx.example"))), "404 Not Found");
+}
+
+TEST_F(Proxy, LetsNothingOutThatTheRulesDoNot)
+{
+    startRegistrar();
+    Phone caller = bob();
+    EXPECT_EQ(status(caller.ask(invite(caller, "sip:x@elsewhere.example"))), "403 Forbidden");
+}
+
+TEST_F(Proxy, TakesNothingFromADomainThatIsDenied)
+{
+    sql("INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('i', 'bad.example', 'd', 1)");
+    startRegistrar();
+    Phone caller("mallory", "bad.example", m_port);
+    EXPECT_EQ(status(caller.ask(invite(caller))), "403 Forbidden");
+    Phone other("zoe", "good.example", m_port);
+    EXPECT_EQ(status(other.ask(invite(other))), "480 Temporarily Unavailable");
+}
+
+/// Section 16.3.
+TEST_F(Proxy, RefusesWhatItCannotSendOn)
+{
+    startRegistrar();
+    Phone caller = bob();
+    EXPECT_EQ(status(caller.ask(invite(caller).set("Max-Forwards", "0"))), "483 Too Many Hops");
+    EXPECT_EQ(status(caller.ask(invite(caller, "tel:+4930123456"))), "416 Unsupported URI Scheme");
+    const Message answer = caller.ask(invite(caller).set("Proxy-Require", "teleport"));
+    EXPECT_EQ(status(answer), "420 Bad Extension");
+    EXPECT_EQ(answer.field("Unsupported"), "teleport");
+}
+
+/// Section 16.3, item 4.
+TEST_F(Proxy, NoticesALoop)
+{
+    startRegistrar();
+    Phone caller = bob();
+    Phone called = alice();
+    answerOn(called);
+    caller.send(invite(caller));
+    Message back = called.receive();
+    back.first = "INVITE sip:alice@oryx.example SIP/2.0"; // sent back as it came
+    called.send(back);
+    EXPECT_EQ(status(called.receive()), "482 Loop Detected");
+}
+
+/// Section 16.6: all at once; 16.7, item 10: those that have not answered are cancelled.
+TEST_F(Proxy, RingsAllTelephonesAndCancelsTheOthers)
+{
+    startRegistrar();
+    Phone desk = alice();
+    Phone mobile = alice();
+    Phone caller = bob();
+    answerOn(desk);
+    answerOn(mobile);
+    caller.send(invite(caller));
+    const Message atDesk = desk.receive();
+    const Message atMobile = mobile.receive();
+    desk.send(desk.response(atDesk, 180, "Ringing"));
+    mobile.send(mobile.response(atMobile, 180, "Ringing"));
+    desk.send(desk.response(atDesk, 200, "OK"));
+    EXPECT_EQ(answers(caller), "100, 180, 180, 200");
+    const Message cancel = mobile.receive();
+    EXPECT_EQ(cancel.first, "CANCEL " + mobile.contact() + " SIP/2.0");
+    mobile.send(mobile.response(cancel, 200, "OK"));
+    mobile.send(mobile.response(atMobile, 487, "Request Terminated"));
+    EXPECT_EQ(mobile.receive().method(), "ACK");
+    EXPECT_TRUE(caller.socket().silent());
+}
+
+TEST_F(Proxy, RingsByPreferenceWhereProvisioningSaysSo)
+{
+    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+    startRegistrar();
+    Phone first = alice();
+    Phone second = alice();
+    Phone caller = bob();
+    answerOn(second, ";q=0.3");
+    answerOn(first, ";q=0.9");
+    caller.send(invite(caller));
+    const Message atFirst = first.receive();
+    EXPECT_TRUE(second.socket().silent());
+    first.send(first.response(atFirst, 486, "Busy Here"));
+    const Message atSecond = second.receive();
+    second.send(second.response(atSecond, 200, "OK"));
+    EXPECT_EQ(answers(caller), "100, 200");
+}
+
+/// Section 16.7, item 6.
+TEST_F(Proxy, GivesTheBestAnswer)
+{
+    startRegistrar();
+    Phone desk = alice();
+    Phone mobile = alice();
+    Phone caller = bob();
+    answerOn(desk);
+    answerOn(mobile);
+    const auto best = [&](int one, int other) {
+        caller.send(invite(caller));
+        const Message atDesk = desk.receive();
+        const Message atMobile = mobile.receive();
+        desk.send(desk.response(atDesk, one, "One"));
+        mobile.send(mobile.response(atMobile, other, "Other"));
+        EXPECT_EQ(desk.receive().method(), "ACK");
+        EXPECT_EQ(mobile.receive().method(), "ACK");
+        const std::string all = answers(caller);
+        return all.substr(all.rfind(' ') + 1);
+    };
+    EXPECT_EQ(best(486, 302), "302");
+    EXPECT_EQ(best(480, 415), "415");
+    EXPECT_EQ(best(500, 486), "486");
+    EXPECT_EQ(best(408, 480), "480");
+    EXPECT_EQ(best(486, 603), "603");
+    EXPECT_EQ(best(503, 503), "500");
+}
+
+/// Section 16.10.
+TEST_F(Proxy, CancelsWhatTheCallerCancels)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(caller.receive().status(), 180);
+    Message cancel = request;
+    cancel.first.replace(0, 6, "CANCEL");
+    cancel.set("CSeq", std::to_string(caller.cseq) + " CANCEL").set("Contact", "").set("Content-Type", "");
+    cancel.body.clear();
+    caller.send(cancel);
+    const Message answer = caller.receive();
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("CSeq"), cancel.field("CSeq"));
+    const Message cancelled = called.receive();
+    EXPECT_EQ(cancelled.method(), "CANCEL");
+    called.send(called.response(cancelled, 200, "OK"));
+    called.send(called.response(offered, 487, "Request Terminated"));
+    EXPECT_EQ(status(caller.receive()), "487 Request Terminated");
+}
+
+/// RFC 3327 section 5.4.
+TEST_F(Proxy, SendsAlongThePath)
+{
+    startRegistrar();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    Phone called = alice();
+    called.ask(called.registration("<sip:alice@192.0.2.1>").add("Path", "<sip:" + edge.socket().hostPort() + ";lr>"));
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = edge.receive();
+    EXPECT_EQ(passed.first, "MESSAGE sip:alice@192.0.2.1 SIP/2.0");
+    EXPECT_EQ(passed.field("Route"), "<sip:" + edge.socket().hostPort() + ";lr>");
+    edge.send(edge.response(passed, 202, "Accepted"));
+    EXPECT_EQ(answers(caller), "202");
+}
+
+TEST_F(Proxy, FollowsAnAddressMap)
+{
+    Phone gateway("gateway", "oryx.example", m_port);
+    sql("INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
+        "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
+        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@" +
+        gateway.socket().hostPort() + "', true)");
+    startRegistrar();
+    Phone caller = bob();
+    caller.send(caller.request("MESSAGE", "sip:0301234@oryx.example"));
+    EXPECT_EQ(gateway.receive().first, "MESSAGE sip:0301234@" + gateway.socket().hostPort() + " SIP/2.0");
+}
+
+/// Whoever sends a request out in a subscriber's name must prove that he is the subscriber.
+TEST_F(Proxy, AsksForProofBeforeARequestLeaves)
+{
+    Phone elsewhere("x", "elsewhere.example", m_port);
+    sql("INSERT INTO host_info (node_type, outbound_allow_internal) VALUES ('leaf', true)");
+    startRegistrar({});
+    Phone caller = bob();
+    const std::string to = "sip:x@" + elsewhere.socket().hostPort();
+    EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", to), "wrong")), "407 Proxy Authentication Required");
+    Message request = caller.request("MESSAGE", to);
+    const Message challenge = caller.ask(request);
+    request = caller.request("MESSAGE", to);
+    request.set("Proxy-Authorization", caller.credentials(request, challenge, "bob", "SHA-256"));
+    caller.send(request);
+    EXPECT_EQ(elsewhere.receive().first, "MESSAGE " + to + " SIP/2.0");
+}
+
+/// Section 11.
+TEST_F(Proxy, AnswersWhoeverLooksIfItIsThere)
+{
+    startRegistrar();
+    Phone caller = bob();
+    EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:127.0.0.1:" + std::to_string(m_port)))), "200 OK");
+    EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+}
+
+} // namespace

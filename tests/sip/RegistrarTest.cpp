@@ -1,0 +1,237 @@
+// The registrar as telephones see it: RFC 3261 section 10.3, item by item, and what goes with it.
+
+#include "sip/SipTest.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using phone::Message;
+using phone::Phone;
+
+class Registrar : public SipTest {};
+
+/// Section 10.3, item 8.
+TEST_F(Registrar, StoresABindingAndListsIt)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message answer = alice.ask(alice.registration("<sip:alice@192.0.2.1:5070>;q=0.5"));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Contact"), "<sip:alice@192.0.2.1:5070>;q=0.5;expires=3600");
+    EXPECT_NE(answer.field("Date"), "");
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1:5070\n");
+}
+
+TEST_F(Registrar, EndsWithinTwoSecondsWhenItIsTold)
+{
+    startRegistrar();
+    EXPECT_EQ(stop(), 0);
+}
+
+/// Section 10.2.3.
+TEST_F(Registrar, ListsBindingsWithoutAContact)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    alice.ask(alice.registration("<sip:alice@192.0.2.2>"));
+    const Message answer = alice.ask(alice.registration("", -1));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Contact"), "<sip:alice@192.0.2.1>;expires=3600, <sip:alice@192.0.2.2>;expires=3600");
+}
+
+/// Section 10.3, item 6, and 10.2.2.
+TEST_F(Registrar, RemovesAllBindingsWithAStar)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    const Message answer = alice.ask(alice.registration("*", 0));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Contact"), "");
+    EXPECT_EQ(bindings(), "");
+}
+
+TEST_F(Registrar, RefusesAStarWithAnExpiryOrBesideAContact)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    EXPECT_EQ(status(alice.ask(alice.registration("*", 3600))), "400 Bad Request");
+    EXPECT_EQ(status(alice.ask(alice.registration("*", -1))), "400 Bad Request");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>", 0).add("Contact", "*"))), "400 Bad Request");
+}
+
+/// Section 10.3, item 7.
+TEST_F(Registrar, TakesTheExpiryOfParameterOrFieldOrItsOwn)
+{
+    startRegistrar({"--auth", "none", "--min-expires", "30", "--max-expires", "5000", "--default-expires", "300"});
+    Phone alice("alice", "oryx.example", m_port);
+    const auto granted = [&](const std::string& parameter, int field) {
+        return alice.ask(alice.registration("<sip:alice@192.0.2.1>" + parameter, field))
+            .parameter("Contact", "expires");
+    };
+    EXPECT_EQ(granted(";expires=100", 200), "100");
+    EXPECT_EQ(granted("", 200), "200");
+    EXPECT_EQ(granted("", -1), "300");
+    EXPECT_EQ(granted(";expires=6000", -1), "5000");
+    EXPECT_EQ(granted(";expires=99999999999", -1), "5000");
+    EXPECT_EQ(granted(";expires=soon", -1), "300");
+    EXPECT_EQ(granted(";expires=0", 200), "");
+    EXPECT_EQ(bindings(), "");
+}
+
+/// Sections 10.3, item 7, and 21.4.17.
+TEST_F(Registrar, RefusesAnExpiryThatIsTooBrief)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message answer = alice.ask(alice.registration("<sip:alice@192.0.2.1>", 10));
+    EXPECT_EQ(status(answer), "423 Interval Too Brief");
+    EXPECT_EQ(answer.field("Min-Expires"), "60");
+    EXPECT_EQ(bindings(), "");
+}
+
+/// Section 10.3, item 7: an older request of the same Call-ID.
+TEST_F(Registrar, RefusesARequestThatANewerOneOvertook)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message older = alice.registration("<sip:alice@192.0.2.1>", 100);
+    const Message newer = alice.registration("<sip:alice@192.0.2.1>", 200);
+    EXPECT_EQ(status(alice.ask(newer)), "200 OK");
+    EXPECT_EQ(alice.ask(older).status(), 500);
+    EXPECT_EQ(alice.ask(alice.registration("", -1)).parameter("Contact", "expires"), "200");
+}
+
+/// Section 17.2.2: what is sent again is answered again.
+TEST_F(Registrar, AnswersARequestThatIsSentAgain)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message request = alice.registration("<sip:alice@192.0.2.1>");
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+}
+
+/// Section 10.3, item 5.
+TEST_F(Registrar, KnowsNoAddressThatIsNotProvisioned)
+{
+    startRegistrar();
+    Phone nobody("nobody", "oryx.example", m_port);
+    Phone stranger("alice", "elsewhere.example", m_port);
+    EXPECT_EQ(status(nobody.ask(nobody.registration("<sip:nobody@192.0.2.1>"))), "404 Not Found");
+    EXPECT_EQ(
+        status(stranger.ask(stranger.registration("<sip:a@192.0.2.1>").set("To", "<sip:alice@elsewhere.example>"))),
+        "403 Forbidden"); // it would have to leave
+    EXPECT_EQ(bindings(), "");
+}
+
+TEST_F(Registrar, TakesAnAddressInAnyCaseWithEscapesAndByItsAlias)
+{
+    startRegistrar();
+    for (const char* const to :
+         {"<sip:ALICE@Oryx.Example>", "<sip:%61lice@oryx.example>", "<sip:1001@oryx.example.>"}) {
+        Phone alice("alice", "oryx.example", m_port);
+        EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>").set("To", to))), "200 OK") << to;
+    }
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
+}
+
+/// Section 10.3, item 2.
+TEST_F(Registrar, RefusesExtensionsThatItDoesNotKnow)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message answer = alice.ask(alice.registration("<sip:alice@192.0.2.1>").add("Require", "path, gruu"));
+    EXPECT_EQ(status(answer), "420 Bad Extension");
+    EXPECT_EQ(answer.field("Unsupported"), "gruu");
+}
+
+/// RFC 3327 section 5.3.
+TEST_F(Registrar, KeepsThePathAndReturnsIt)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message answer = alice.ask(alice.registration("<sip:alice@192.0.2.1>")
+                                         .add("Supported", "path")
+                                         .add("Path", "<sip:edge1.example;lr>")
+                                         .add("Path", "<sip:edge2.example;lr>"));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Path"), "<sip:edge1.example;lr>, <sip:edge2.example;lr>");
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1 <sip:edge1.example;lr>, <sip:edge2.example;lr>\n");
+}
+
+TEST_F(Registrar, LimitsTheBindingsOfAnAddress)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    for (int n = 0; n < 32; ++n) {
+        ASSERT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2." + std::to_string(n) + ">"))), "200 OK");
+    }
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.99>"))), "403 Forbidden");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.5>"))), "200 OK");
+}
+
+/// RFC 7616 and RFC 8760.
+TEST_F(Registrar, AsksForProofAndTakesIt)
+{
+    startRegistrar({});
+    for (const char* const algorithm : {"MD5", "SHA-256"}) {
+        Phone alice("alice", "oryx.example", m_port);
+        const Message challenge = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+        EXPECT_EQ(status(challenge), "401 Unauthorized");
+        EXPECT_EQ(challenge.parameter("WWW-Authenticate", "realm"), "oryx.example");
+        EXPECT_EQ(challenge.parameter("WWW-Authenticate", "algorithm", 0), "MD5");
+        EXPECT_EQ(challenge.parameter("WWW-Authenticate", "algorithm", 1), "SHA-256");
+        EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice", algorithm)), "200 OK");
+        EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "wrong", algorithm)),
+                  "401 Unauthorized");
+    }
+}
+
+TEST_F(Registrar, TakesAProofOnce)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    const Message challenge = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    request.set("Authorization", alice.credentials(request, challenge, "alice", "MD5"));
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    Message again = alice.registration("<sip:mallory@192.0.2.66>");
+    again.set("Authorization", alice.credentials(again, challenge, "alice", "MD5"));
+    const Message answer = alice.ask(again);
+    EXPECT_EQ(status(answer), "401 Unauthorized");
+    EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "true");
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
+}
+
+TEST_F(Registrar, TakesNobodyElsesProofAndNoBarredSubscribers)
+{
+    startRegistrar({});
+    Phone bob("bob", "oryx.example", m_port);
+    Message request = bob.registration("<sip:bob@192.0.2.66>");
+    request.set("To", "<sip:alice@oryx.example>");
+    EXPECT_EQ(status(bob.ask(request, "bob")), "401 Unauthorized");
+    Phone carol("carol", "oryx.example", m_port);
+    EXPECT_EQ(status(carol.ask(carol.registration("<sip:carol@192.0.2.1>"), "carol")), "403 Forbidden");
+    EXPECT_EQ(bindings(), "");
+}
+
+TEST_F(Registrar, HearsOfANewPassword)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice")), "200 OK");
+    sql("UPDATE subscriber SET s_password = 'new' WHERE sid = 1");
+    std::string last;
+    for (int look = 0; look < 100 && last != "200 OK"; ++look) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        last = status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "new"));
+    }
+    EXPECT_EQ(last, "200 OK");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice")), "401 Unauthorized");
+}
+
+} // namespace

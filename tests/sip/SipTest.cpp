@@ -1,0 +1,31 @@
+#include "sip/SipTest.h"
+
+#include <csignal>
+
+SipTest::SipTest() : m_session(m_database.name()), m_port(phone::freePort())
+{
+    sql("INSERT INTO system_parameters VALUES ('oryxproxy', 'ServerInfo', 'ServerNames', 'oryx.example');"
+        "INSERT INTO subscriber (sid, user_id, auth_user_id, s_password, active) VALUES (1, 'alice', 'alice', 'alice', true),"
+        " (2, 'bob', 'bob', 'bob', true), (3, 'carol', 'carol', 'carol', false);"
+        "INSERT INTO contact_set (csid, sid, ordering) VALUES (1, 1, 'parallel'), (2, 2, 'parallel'), (3, 3, 'parallel');"
+        "INSERT INTO public_address (handle, sip_domain, csid) VALUES ('alice', 'oryx.example', 1),"
+        " ('1001', 'oryx.example', 1), ('bob', 'oryx.example', 2), ('carol', 'oryx.example', 3)");
+}
+
+void SipTest::startRegistrar(const std::vector<std::string>& options)
+{
+    std::vector<std::string> arguments{"--listen",   "udp:127.0.0.1:" + std::to_string(m_port),
+                                       "--listen",   "tcp:127.0.0.1:" + std::to_string(m_port),
+                                       "--database", m_database.uri(),
+                                       "--user",     server::kUser};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    m_server = std::make_unique<Program>(ORYX_REGISTRAR, arguments,
+                                         std::vector<std::string>{std::string("PGPASSWORD=") + server::kPassword});
+    ASSERT_EQ(m_server->line(), "ready");
+}
+
+int SipTest::stop()
+{
+    m_server->signal(SIGTERM);
+    return m_server->wait(3);
+}

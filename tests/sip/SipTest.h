@@ -1,0 +1,42 @@
+#pragma once
+
+#include "sip/Phone.h"
+#include "sip/Program.h"
+#include "support/Server.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// A server of the suite with a database of its own: alice (handle "alice", alias "1001"), bob and the inactive carol
+/// at oryx.example, with their names as passwords.
+class SipTest : public testing::Test {
+protected:
+    SipTest();
+
+    /// Starts the registrar with these options beside its sockets and its database, and waits until it is ready.
+    void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
+    /// Ends it as an operator does; its exit status.
+    int stop();
+
+    void sql(const std::string& statements) { m_session.run(statements); }
+    std::string rows(const std::string& query) { return m_session.rows(query); }
+    /// What is bound: address, and path where there is one.
+    std::string bindings()
+    {
+        return rows("SELECT address || coalesce(' ' || nullif(path_vector, ''), '') FROM contact ORDER BY address");
+    }
+
+    server::Database m_database;
+    server::Session m_session;
+    int m_port;
+    std::unique_ptr<Program> m_server;
+};
+
+/// The status line of an answer.
+inline std::string status(const phone::Message& answer)
+{
+    return answer.first.substr(answer.first.find(' ') + 1);
+}
