@@ -130,7 +130,7 @@ bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credenti
     return found;
 }
 
-Nonces::Nonces() : m_key{}
+Nonces::Nonces()
 {
     if (sodium_init() < 0) {
         throw std::runtime_error("no random numbers");

@@ -52,7 +52,7 @@ public:
 private:
     std::string sealed(std::string_view time) const;
 
-    std::array<unsigned char, 32> m_key;
+    std::array<unsigned char, 32> m_key{};
 };
 
 /// Which nonce counts have been used, so that nobody sends another's request again (RFC 7616 section 5.12).
