@@ -117,7 +117,10 @@ CREATE FUNCTION set_key_sequences() RETURNS TABLE (sequence text, was bigint, is
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
     numbered public.key_sequence;
-    behind CONSTANT text := 'SELECT last_value, highest FROM %1$s, (SELECT max(%2$I) AS highest FROM %3$s) AS keys
+    -- A key in the last quarter of the numbers was given by somebody, and is passed over when its time comes: behind it
+    -- there would soon be none left.
+    behind CONSTANT text := 'SELECT last_value, highest
+                                 FROM %1$s, (SELECT max(%2$I) AS highest FROM %3$s WHERE %2$I <= 1610612735) AS keys
                                  WHERE last_value < highest OR last_value = highest AND NOT is_called';
 BEGIN
     FOR numbered IN SELECT * FROM public.key_sequence k ORDER BY k.sequence::text LOOP

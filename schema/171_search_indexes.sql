@@ -4,18 +4,11 @@
 SET ROLE oryx_owner;
 
 -- What a build that was broken off has left is no index, but is written like one.
-DO $$
-DECLARE
-    leftover regclass;
-BEGIN
-    FOR leftover IN SELECT indexrelid FROM pg_index JOIN pg_class ON pg_class.oid = indexrelid
-                        WHERE NOT indisvalid AND relnamespace = 'public'::regnamespace
-                            AND relname IN ('subscription_states_received', 'subscription_states_received_package',
-                                            'subscription_states_sent', 'event_sources_searched') LOOP
-        EXECUTE format('DROP INDEX %s', leftover);
-    END LOOP;
-END
-$$;
+SELECT format('DROP INDEX CONCURRENTLY %s', indexrelid::regclass)
+    FROM pg_index JOIN pg_class ON pg_class.oid = indexrelid
+    WHERE NOT indisvalid AND relnamespace = 'public'::regnamespace
+        AND relname IN ('subscription_states_received', 'subscription_states_received_package',
+                        'subscription_states_sent', 'event_sources_searched') \gexec
 
 -- With fastupdate, which is the stock setting, a row that is stored waits in a list that every search reads, until one
 -- comes that has to enter all of them, and whoever stores that waits.

@@ -57,7 +57,6 @@ BEGIN
                                AND proname ~ '^(pg_(try_)?advisory_.*|lo_.*|loread|lowrite|pg_logical_emit_message)$' LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', open_to_all);
     END LOOP;
-    GRANT EXECUTE ON FUNCTION pg_advisory_xact_lock(integer, integer) TO oryx_owner; -- for the schema's functions
 END
 $$;
 

@@ -31,11 +31,15 @@ RETURN permanent OR expires IS NULL OR expires > at;
 CREATE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE PARALLEL SAFE
 RETURN ceil(date_part('epoch', now())) - 1;
 
--- Has requests that change a contact set's bindings go one after another, to the end of the transaction. With the owner's
--- rights: no login may lock by numbers, and a lock of the contact set's row would keep provisioning waiting.
-CREATE FUNCTION take_registration_turn(of_csid integer) RETURNS void LANGUAGE sql
+-- Turns for requests that change the bindings of a contact set: one after another, to the end of the transaction. A lock
+-- of the set's own row would keep provisioning waiting, and a lock by number is one that any login could take.
+CREATE TABLE registration_turn (turn integer PRIMARY KEY);
+INSERT INTO registration_turn SELECT generate_series(0, 1023);
+CREATE FUNCTION take_registration_turn(of_csid integer) RETURNS void LANGUAGE plpgsql
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
-    SELECT pg_advisory_xact_lock(4216580, of_csid)
+BEGIN
+    PERFORM FROM public.registration_turn WHERE turn = of_csid & 1023 FOR UPDATE;
+END
 $$;
 
 -- Does what is more than the refresh of one live binding, whole or not at all; returns the outcome. A contact is its
@@ -188,8 +192,7 @@ BEGIN
     RETURN NULL;
 END
 $$;
-DROP TRIGGER keep_newer ON contact;
-CREATE TRIGGER keep_newer AFTER UPDATE ON contact
+CREATE OR REPLACE TRIGGER keep_newer AFTER UPDATE ON contact
     FOR EACH ROW WHEN (NEW.cseq < OLD.cseq) EXECUTE FUNCTION contact_keep_newer();
 
 -- Rights -----------------------------------------------------------------------------------------------------------

@@ -13,7 +13,14 @@ BEGIN;
 
 SELECT 'CREATE ROLE upkeep' WHERE NOT EXISTS (SELECT FROM pg_roles WHERE rolname = 'upkeep') \gexec
 ALTER ROLE upkeep LOGIN;
-GRANT oryx_operator TO upkeep;
+ALTER ROLE upkeep RESET ALL;
+SELECT format('ALTER ROLE upkeep IN DATABASE %I RESET ALL', datname)
+    FROM pg_db_role_setting JOIN pg_database ON pg_database.oid = setdatabase
+    WHERE setrole = 'upkeep'::regrole \gexec
+-- This and nothing else.
+SELECT format('GRANT CONNECT ON DATABASE %I TO upkeep', current_database()) \gexec
+GRANT USAGE ON SCHEMA public TO upkeep;
+GRANT EXECUTE ON FUNCTION oryx_upkeep(interval, interval, interval), oryx_alarms() TO upkeep;
 SELECT format('ALTER ROLE upkeep PASSWORD %L', :'upkeep_password') WHERE :'upkeep_password' <> '' \gexec
 
 -- Two runs, and one that hangs.

@@ -349,7 +349,7 @@ TEST_F(Registration, OfTwoServersAtOnceSucceedsOnBoth)
 {
     const auto both = [this](const RegisterRequest& request) {
         server::Session holder(m_database.name());
-        holder.run("BEGIN; SELECT FROM contact WHERE csid = 12 FOR UPDATE; SELECT pg_advisory_xact_lock(4216580, 12)");
+        holder.run("BEGIN; SELECT FROM contact WHERE csid = 12 FOR UPDATE; SELECT take_registration_turn(12)");
         Registrar other;
         other.connect(m_database.uri());
         auto first = std::async(std::launch::async, [&] { return m_registrar.apply(request); });

@@ -92,9 +92,9 @@ TEST_F(Upkeep, ReadsTheChangeLogOnceAnHourOrUntilItIsTrimmed)
     sql("UPDATE upkeep_run SET run_at = run_at - interval '61 minutes'");
     EXPECT_EQ(done(), "done|trim_change_log|0|rows|older than 7 days\n" + kNothingForgotten);
 
-    sql("DELETE FROM upkeep_run; REVOKE EXECUTE ON FUNCTION trim_event_notify(interval) FROM oryx_owner");
+    sql("DELETE FROM upkeep_run; REVOKE EXECUTE ON FUNCTION trim_some_changes(interval, integer) FROM oryx_owner");
     const std::string refused =
-        "failed|trim_change_log|NULL|rows|permission denied for function trim_event_notify\n" + kNothingForgotten;
+        "failed|trim_change_log|NULL|rows|permission denied for function trim_some_changes\n" + kNothingForgotten;
     EXPECT_EQ(done(), refused);
     EXPECT_EQ(done(), refused);
     EXPECT_EQ(state("upkeep_failed"), "alarm");
