@@ -160,6 +160,13 @@ TEST_F(Keys, AreSetRightAfterACopy)
     EXPECT_EQ(rows("INSERT INTO contact_set DEFAULT VALUES RETURNING csid"), "101\n");
 }
 
+TEST_F(Keys, ThatWereGivenNearTheEndUseUpNoOthers)
+{
+    sql("INSERT INTO subscriber (sid) VALUES (7), (2147483647)");
+    EXPECT_EQ(rows("SELECT * FROM set_key_sequences()"), "public.subscriber_sid_seq|1|7\n");
+    EXPECT_EQ(rows("INSERT INTO subscriber DEFAULT VALUES RETURNING sid"), "8\n");
+}
+
 TEST_F(Keys, AreSetByTheOwnerAlone)
 {
     for (const std::string role : {"oryx_server", "oryx_reader"}) {

@@ -128,6 +128,23 @@ TEST_F(Upkeep, CancelsAStatementThatGoesOnAndOn)
     EXPECT_EQ(asked.get(), "query error: [57014] ERROR:  canceling statement due to user request");
 }
 
+TEST_F(Upkeep, LetsAMigrationWaitForWhatItBuildsElsewhere)
+{
+    server::Session applying(m_database.name());
+    applying.run("BEGIN; LOCK TABLE schema_migration IN SHARE UPDATE EXCLUSIVE MODE");
+    EXPECT_EQ(doneAgain("idle_limit => '0'"), kNothingForgotten);
+    applying.run("COMMIT");
+}
+
+TEST_F(Upkeep, TrimsALongLogRunByRun)
+{
+    sql("INSERT INTO event_notify_earlier SELECT 'acp', NULL, 'manager', n FROM generate_series(1, 200001) n");
+    EXPECT_EQ(done(),
+              "done|trim_change_log|200000|rows|older than 7 days, and the next run goes on\n" + kNothingForgotten);
+    EXPECT_EQ(done(), "done|trim_change_log|1|rows|older than 7 days\n" + kNothingForgotten);
+    EXPECT_EQ(doneAgain(), kNothingForgotten);
+}
+
 TEST_F(Upkeep, LetsAMigrationTakeItsTime)
 {
     makeRole("oryx_test_migration");
