@@ -6,7 +6,7 @@ namespace oryx::sip {
 
 SessionOptions sessionOptions()
 {
-    constexpr std::chrono::milliseconds kDeadline{1500};
+    constexpr std::chrono::milliseconds kDeadline{600}; // a request asks up to three times
     SessionOptions options = SessionOptions::fromEnvironment();
     if (options.deadline.count() == 0) {
         options.deadline = kDeadline;

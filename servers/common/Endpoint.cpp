@@ -62,10 +62,14 @@ void Incoming::count(int status)
 int Incoming::acknowledgedOrCancelled(void* self, nta_incoming_t* /*transaction*/, const sip_t* sip)
 {
     auto* const incoming = static_cast<Incoming*>(self);
-    if (sip != nullptr && sip->sip_request != nullptr && sip->sip_request->rq_method == sip_method_cancel &&
-        incoming->m_cancel) {
+    if (sip == nullptr || sip->sip_request == nullptr || sip->sip_request->rq_method != sip_method_cancel) {
+        return 0;
+    }
+    if (incoming->m_cancel) {
         const std::function<void()> cancel = incoming->m_cancel; // which may end the request
         cancel();
+    } else if (!incoming->m_answered) {
+        incoming->answer(SIP_487_REQUEST_TERMINATED);
     }
     return 0;
 }
@@ -146,13 +150,13 @@ int Endpoint::received(void* self, nta_agent_t* /*agent*/, msg_t* message, sip_t
 void Endpoint::take(Message message, sip_t* sip)
 {
     if (sip->sip_request == nullptr) {
-        m_onStray(std::move(message), *sip);
+        m_onStray(message, *sip);
         return;
     }
     const sip_method_t method = sip->sip_request->rq_method;
     m_metrics.request();
     if (method == sip_method_ack) {
-        m_onStray(std::move(message), *sip);
+        m_onStray(message, *sip);
     } else if (method == sip_method_cancel) { // of nothing that is known
         nta_msg_treply(m_agent, message.release(), SIP_481_NO_TRANSACTION, TAG_END());
     } else if (m_refusing) {

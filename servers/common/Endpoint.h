@@ -36,14 +36,17 @@ public:
     void answer(int status, const char* phrase, Tags... tags)
     {
         nta_incoming_tag(m_transaction, nullptr);
-        nta_incoming_treply(m_transaction, status, phrase, SIPTAG_SERVER_STR(kServer), tags..., TAG_END());
+        if (nta_incoming_treply(m_transaction, status, phrase, SIPTAG_SERVER_STR(kServer), tags..., TAG_END()) < 0) {
+            // A text among the tags is none that can be sent.
+            nta_incoming_treply(m_transaction, SIP_500_INTERNAL_SERVER_ERROR, TAG_END());
+        }
         count(status);
     }
     /// 503: the database is away, or too much is waiting for it.
     void answerUnavailable() { answer(SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("2")); }
     /// Somebody else's answer; its Via is this transaction's.
     void forward(Message response);
-    /// Called when the client cancels the request, or acknowledges its final answer.
+    /// Called when the client cancels the request; until this is called, it is answered 487 then.
     void onCancel(std::function<void()> cancel) { m_cancel = std::move(cancel); }
 
     static constexpr const char* kServer = "oryx/" ORYX_VERSION;
@@ -67,7 +70,7 @@ public:
     /// Gets each new request but ACK and CANCEL.
     using OnRequest = std::function<void(std::shared_ptr<Incoming> request)>;
     /// Gets what no transaction is for: an ACK for a 2xx, a response.
-    using OnStray = std::function<void(Message message, const sip_t& sip)>;
+    using OnStray = std::function<void(const Message& message, const sip_t& sip)>;
 
     /// Throws `std::runtime_error` when one of the sockets cannot be had.
     Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest, OnStray onStray);

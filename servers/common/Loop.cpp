@@ -69,7 +69,8 @@ void Timer::set(std::chrono::milliseconds after)
 
 void Timer::expired(void* /*magic*/, su_timer_t* /*timer*/, void* self)
 {
-    static_cast<Timer*>(self)->m_call();
+    const std::function<void()> call = static_cast<Timer*>(self)->m_call; // which may end the timer
+    call();
 }
 
 } // namespace oryx::sip

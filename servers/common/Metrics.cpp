@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 
@@ -67,7 +68,8 @@ bool readable(int descriptor, int stop, int milliseconds)
 
 void Metrics::answer(int status)
 {
-    m_answers.at(static_cast<std::size_t>(status) / 100).fetch_add(1, std::memory_order_relaxed);
+    m_answers.at(std::min<std::size_t>(static_cast<std::size_t>(status) / 100, m_answers.size() - 1))
+        .fetch_add(1, std::memory_order_relaxed);
 }
 
 void Metrics::statement(std::chrono::nanoseconds time)

@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -145,6 +146,7 @@ public:
             break;
         case defaultExpires:
             right = set(options.defaultExpires, numberOf(value, 1, kMostSeconds));
+            m_defaultSaid = true;
             break;
         case recordRoute:
             options.recordRoute = true;
@@ -163,16 +165,25 @@ public:
         if (options.listen.empty() || options.database.empty() || options.user.empty()) {
             return "--listen, --database and --user are needed; --help tells of them all";
         }
-        if (options.minExpires > options.defaultExpires || options.defaultExpires > options.maxExpires) {
+        if (options.minExpires > options.maxExpires ||
+            (m_defaultSaid &&
+             (options.minExpires > options.defaultExpires || options.defaultExpires > options.maxExpires))) {
             return "--min-expires, --default-expires and --max-expires must be in this order";
         }
         return "";
+    }
+
+    /// What nobody has said fits what somebody has.
+    void settle()
+    {
+        options.defaultExpires = std::clamp(options.defaultExpires, options.minExpires, options.maxExpires);
     }
 
     Options options;
 
 private:
     static constexpr unsigned kMostSeconds = 0x7fffffff;
+    bool m_defaultSaid = false;
 
     static const char* wanted(int option)
     {
@@ -244,6 +255,9 @@ Parsed parseOptions(int argc, char** argv)
         return refused(program, std::string(argv[optind]) + ": no option");
     }
     const std::string wrong = reader.check();
+    if (wrong.empty()) {
+        reader.settle();
+    }
     return wrong.empty() ? Parsed{std::move(reader.options)} : refused(program, wrong);
 }
 

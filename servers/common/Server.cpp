@@ -25,7 +25,7 @@ int endingSignals()
 
 } // namespace
 
-int serve(int argc, char** argv, const std::function<void(Loop& loop, const Options& options)>& serve)
+int serve(int argc, char** argv, const std::function<void(Loop& loop, const Options& options, int signals)>& serve)
 {
     const Parsed parsed = parseOptions(argc, argv);
     if (!parsed.options) {
@@ -36,9 +36,7 @@ int serve(int argc, char** argv, const std::function<void(Loop& loop, const Opti
     int status = 0;
     try {
         Loop loop;
-        loop.watch(signals, [&] { loop.stop(); });
-        serve(loop, *parsed.options);
-        loop.unwatch(signals);
+        serve(loop, *parsed.options, signals);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
         status = 1;

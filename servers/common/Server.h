@@ -9,9 +9,9 @@ namespace oryx::sip {
 
 /// A program's whole run: options, signals, what the server is, and its end.
 ///
-/// `serve(loop, options)` makes the server and runs the loop, which stops at SIGTERM and SIGINT. Returns the program's
-/// exit status; what is thrown is told in a line and ends it with 1.
-int serve(int argc, char** argv, const std::function<void(Loop& loop, const Options& options)>& serve);
+/// `serve(loop, options, signals)` makes the server and runs the loop until `signals` can be read: SIGTERM or SIGINT
+/// has come. Returns the program's exit status; what is thrown is told in a line and ends it with 1.
+int serve(int argc, char** argv, const std::function<void(Loop& loop, const Options& options, int signals)>& serve);
 
 /// Tells whoever started the server that it answers.
 void tellReady();

@@ -54,7 +54,7 @@ public:
             worker.thread = std::thread([this, &worker, makeSession] { run(worker, *makeSession()); });
         }
     }
-    /// Waits for what is under way; what has not begun is not done.
+    /// Waits for what is under way; what has not begun is not done, and nobody hears of what has ended by now.
     ~Workers()
     {
         m_stop = true;
@@ -64,23 +64,25 @@ public:
         for (const auto& worker : m_workers) {
             worker->thread.join();
         }
-        m_bell.ring();
-        finish();
         m_loop.unwatch(m_bell.descriptor());
     }
     Workers(const Workers&) = delete;
     Workers& operator=(const Workers&) = delete;
 
+    /// Whether nothing is under way.
+    bool idle() const { return m_underWay == 0; }
+
     /// Has `work(session)` done by the thread of that key and `then(answer)` on the loop's. False, and neither is done,
-    /// when too much is waiting for that thread already.
+    /// when that thread has no connection yet, or too much is waiting for it already.
     template <typename Work, typename Then>
     bool give(std::size_t key, Work work, Then then)
     {
         Worker& worker = *m_workers[key % m_workers.size()];
         std::unique_ptr<Task> task = std::make_unique<TaskOf<Work, Then>>(std::move(work), std::move(then));
-        if (!worker.tasks.push(task)) {
+        if (!worker.connected || !worker.tasks.push(task)) {
             return false;
         }
+        ++m_underWay;
         worker.bell.ring();
         return true;
     }
@@ -108,6 +110,7 @@ private:
         Ring<Task, kMostWaiting> tasks;
         Ring<Task, 2 * kMostWaiting> done; // never full: the loop takes whatever is there
         Bell bell;
+        std::atomic<bool> connected{false};
         std::thread thread;
     };
 
@@ -115,11 +118,16 @@ private:
     {
         while (!m_stop && !session.connect()) {
         }
+        worker.connected = true;
         --m_unconnected;
         m_bell.ring();
         while (!m_stop) {
             worker.bell.await();
-            for (std::unique_ptr<Task> task = worker.tasks.pop(); task && !m_stop; task = worker.tasks.pop()) {
+            while (!m_stop) {
+                std::unique_ptr<Task> task = worker.tasks.pop();
+                if (!task) {
+                    break;
+                }
                 const Metrics::Timing timing(m_metrics);
                 task->work(session);
                 while (!worker.done.push(task)) {
@@ -135,6 +143,7 @@ private:
         m_bell.await();
         for (const auto& worker : m_workers) {
             for (std::unique_ptr<Task> task = worker->done.pop(); task; task = worker->done.pop()) {
+                --m_underWay;
                 task->finish();
             }
         }
@@ -148,7 +157,8 @@ private:
     std::function<void()> m_connected;
     std::atomic<unsigned> m_unconnected;
     std::atomic<bool> m_stop{false};
-    Bell m_bell; // wakes the loop
+    std::size_t m_underWay = 0; // the loop's thread counts
+    Bell m_bell;                // wakes the loop
     std::vector<std::unique_ptr<Worker>> m_workers;
 };
 

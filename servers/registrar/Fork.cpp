@@ -29,7 +29,7 @@ int rank(int status)
     }
     constexpr std::array useful{401, 407, 415, 420, 484};
     const bool is = std::find(useful.begin(), useful.end(), status) != useful.end();
-    const bool last = status == 408 || status == 503;
+    const bool last = status == 408 || status == 487 || status == 503; // nobody was there, or this proxy cancelled it
     return 10 * (status / 100) + (is ? 0 : last ? 9 : 5);
 }
 
@@ -42,14 +42,15 @@ struct Fork::Branch {
     bool ended = false;
 };
 
-Fork::Fork(const Loop& loop, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
+Fork::Fork(const Loop& loop, Forks& forks, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
            std::vector<Hop> hops)
-    : m_request(std::move(request)),
+    : m_forks(forks),
+      m_request(std::move(request)),
       m_outgoing(std::move(outgoing)),
       m_branch(std::move(branch)),
       m_hops(std::move(hops)),
       m_patience(loop, [this] { cancelPending(); }),
-      m_linger(loop, [this] { m_self.reset(); })
+      m_linger(loop, [this] { m_forks.erase(shared_from_this()); })
 {
 }
 
@@ -62,7 +63,7 @@ Fork::~Fork()
 
 void Fork::start(bool sequential)
 {
-    m_self = shared_from_this();
+    m_forks.insert(shared_from_this());
     m_sequential = sequential;
     // The request outlives the fork only where it is still to be answered.
     m_request->onCancel([fork = weak_from_this()] {
@@ -127,7 +128,7 @@ void Fork::send(const Hop& hop)
 int Fork::responded(void* branch, nta_outgoing_t* /*transaction*/, const sip_t* sip)
 {
     auto* const of = static_cast<Branch*>(branch);
-    const std::shared_ptr<Fork> alive = of->fork.m_self;
+    const std::shared_ptr<Fork> alive = of->fork.shared_from_this();
     of->fork.take(*of, sip);
     return 0;
 }
@@ -143,15 +144,17 @@ void Fork::take(Branch& branch, const sip_t* sip)
         return;
     }
     if (status < 300) {
-        // Each 2xx is passed on: of several telephones that were answered at once, the caller chooses.
-        forward(response.get());
+        // Each 2xx of an INVITE is passed on: of several telephones that were answered at once, the caller chooses.
+        if (!m_decided || nta_outgoing_method(branch.transaction) == sip_method_invite) {
+            forward(response.get());
+        }
         m_decided = true;
         m_tried = m_hops.size();
         end(branch);
         cancelPending();
         return;
     }
-    if (response) {
+    if (response && status < 700) {
         branch.response.reset(msg_ref(response.get()));
     }
     if (status >= 600) { // nobody else shall be asked (section 16.7, item 5)

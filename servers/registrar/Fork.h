@@ -3,6 +3,7 @@
 #include <common/Endpoint.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,13 +17,17 @@ struct Hop {
     int preference = 1000; ///< Those of the same preference are tried together.
 };
 
+class Fork;
+/// Those that are under way; what is taken out ends.
+using Forks = std::set<std::shared_ptr<Fork>>;
+
 /// One request sent on to several places, and the answer chosen among theirs (RFC 3261 sections 16.6 to 16.10). It
 /// lives until the last of its transactions has ended.
 class Fork : public std::enable_shared_from_this<Fork> {
 public:
     /// `outgoing` is the request as it is to be sent, but for its request URI and route; `branch` begins the branch
     /// parameters of its Via. The hops come by preference.
-    Fork(const Loop& loop, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
+    Fork(const Loop& loop, Forks& forks, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
          std::vector<Hop> hops);
     ~Fork();
     Fork(const Fork&) = delete;
@@ -47,7 +52,7 @@ private:
     Message best();
     void forward(msg_t* response);
 
-    std::shared_ptr<Fork> m_self; // while anything is under way
+    Forks& m_forks;
     std::shared_ptr<Incoming> m_request;
     Message m_outgoing;
     std::string m_branch;

@@ -1,3 +1,4 @@
+#include <common/Database.h>
 #include <registrar/Provisioning.h>
 
 #include <dal/DatabaseCommandExecutor.h>
@@ -29,13 +30,14 @@ Provisioning::Provisioning(const Options& options)
     m_thread = std::thread([this] {
         m_listener.run([this](const ChangeSet& /*changes*/) {
             m_changes.fetch_add(1, std::memory_order_release);
-            readDomains(); // which has no announcement of its own: with every other
+            readDomainsAtLast(); // which has no announcement of its own: with every other
         });
     });
 }
 
 Provisioning::~Provisioning()
 {
+    m_stop = true;
     m_listener.stop();
     m_thread.join();
 }
@@ -52,14 +54,23 @@ std::string Provisioning::realm() const
     return !m_options.realm.empty() || domains.empty() ? m_options.realm : domains.front();
 }
 
-void Provisioning::readDomains()
+void Provisioning::readDomainsAtLast()
+{
+    while (!readDomains() && !m_stop) {
+        std::this_thread::sleep_for(kReconnectPause);
+    }
+}
+
+/// False when it could not be read, and is as it was: better than none.
+bool Provisioning::readDomains()
 {
     DatabaseCommandExecutor executor;
     Domains domains;
-    if (!executor.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str())) {
-        return; // the next call reads it
+    executor.setSessionOptions(sessionOptions());
+    if (!executor.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str()) ||
+        (executor.getDomainNameList(domains) == 0 && !executor.getErrorMessage().empty())) {
+        return false;
     }
-    executor.getDomainNameList(domains);
     for (std::string& domain : domains) {
         std::transform(domain.begin(), domain.end(), domain.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -69,6 +80,7 @@ void Provisioning::readDomains()
         m_domains.store(m_lists.back().get(), std::memory_order_release);
     }
     m_known.store(true, std::memory_order_release);
+    return true;
 }
 
 } // namespace oryx::sip

@@ -33,11 +33,13 @@ public:
 private:
     using Domains = std::vector<std::string>;
 
-    void readDomains();
+    bool readDomains();
+    void readDomainsAtLast();
 
     Options m_options;
     std::atomic<unsigned> m_changes{0};
     std::atomic<bool> m_known{false};
+    std::atomic<bool> m_stop{false};
     std::vector<std::unique_ptr<const Domains>> m_lists; // all so far: others may be reading the last but one
     std::atomic<const Domains*> m_domains;
     ChangeListener m_listener;

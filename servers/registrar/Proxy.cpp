@@ -47,6 +47,12 @@ std::string loopMark(const sip_t& sip)
     return hexOf(std::hash<std::string>()(request));
 }
 
+/// A proxy as provisioning names it, with or without its scheme.
+std::string sipUri(const std::string& proxy)
+{
+    return proxy.empty() || proxy.starts_with("sip:") || proxy.starts_with("sips:") ? proxy : "sip:" + proxy;
+}
+
 bool inDialog(const sip_t& sip)
 {
     return sip.sip_to->a_tag != nullptr;
@@ -56,12 +62,7 @@ bool inDialog(const sip_t& sip)
 
 Proxy::Proxy(const Loop& loop, const Options& options, const Provisioning& provisioning, const Nonces& nonces,
              Workers<Session>& workers)
-    : m_loop(loop),
-      m_options(options),
-      m_provisioning(provisioning),
-      m_nonces(nonces),
-      m_workers(workers),
-      m_secret(nonces.make())
+    : m_loop(loop), m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers)
 {
 }
 
@@ -111,31 +112,45 @@ bool Proxy::loops(const sip_t& sip) const
     return false;
 }
 
+/// Whether a route leads through this proxy: by the address of a socket, or by the name of what it serves.
+bool Proxy::leadsHere(const url_t& route) const
+{
+    return m_endpoint->isOurs(route) || (route.url_user == nullptr && m_provisioning.serves(hostOf(route)));
+}
+
 /// Section 16.4, and what is the same of all copies of the request (16.6, items 1, 3 and 4). `ours` is whether the
-/// request comes by way of this proxy in a dialog that it has recorded itself in, or that a served domain takes part
-/// in.
+/// request is of a dialog that this proxy has put itself on the way of.
 Message Proxy::prepared(const sip_t& sip, msg_t* message, bool& ours) const
 {
     Message outgoing(msg_dup(message));
     sip_t* const copy = sip_object(outgoing.get());
     su_home_t* const home = msg_home(outgoing.get());
+    const bool routed = copy->sip_route != nullptr && leadsHere(*copy->sip_route->r_url);
     ours = false;
-    if (copy->sip_route != nullptr && m_endpoint->isOurs(*copy->sip_route->r_url)) {
+    if (routed) {
         std::array<char, 64> value{};
         url_param(copy->sip_route->r_url->url_params, kCookie, value.data(), static_cast<isize_t>(value.size()));
-        // Telephones put their outbound proxy into the route of every request, recorded or not.
-        ours = inDialog(sip) && (cookie(sip) == value.data() || m_provisioning.serves(hostOf(*sip.sip_from->a_url)) ||
-                                 m_provisioning.serves(hostOf(*sip.sip_to->a_url)));
+        // The tag of whoever began the dialog is the one's or the other's, by who sends.
+        ours = inDialog(sip) &&
+               (cookie(sip, sip.sip_from->a_tag) == value.data() || cookie(sip, sip.sip_to->a_tag) == value.data());
         sip_route_remove(outgoing.get(), copy);
     }
     const unsigned long left = sip.sip_max_forwards != nullptr ? sip.sip_max_forwards->mf_count - 1 : kMaxForwards;
     const std::string forwards = std::to_string(left);
     sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
-    if (m_options.recordRoute && !inDialog(sip) && sip.sip_request->rq_method != sip_method_register) {
-        const std::string route =
-            "<" + m_endpoint->uri(sip.sip_via->v_protocol) + ";lr;" + kCookie + "=" + cookie(sip) + ">";
+    // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
+    if ((m_options.recordRoute || routed) && !inDialog(sip)) {
+        const std::string route = "<" + m_endpoint->uri(sip.sip_via->v_protocol) + ";lr;" + kCookie + "=" +
+                                  cookie(sip, sip.sip_from->a_tag) + ">";
         sip_record_route_t* const record = sip_record_route_make(home, route.c_str());
         sip_header_insert(outgoing.get(), copy, anyHeader(record));
+    }
+    // Who the sender is was proved to this proxy, and is nobody else's business.
+    Credentials own;
+    if (readCredentials(copy->sip_proxy_authorization, m_provisioning.realm(), own)) {
+        while (copy->sip_proxy_authorization != nullptr) {
+            sip_header_remove(outgoing.get(), copy, anyHeader(copy->sip_proxy_authorization));
+        }
     }
     return outgoing;
 }
@@ -191,7 +206,10 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
         }
     }
     findTarget(session.service(), question.target, answer.target);
-    if (answer.target.reason == TargetReason::outbound && question.target.internal && m_options.digest) {
+    const TargetReason reason = answer.target.reason;
+    const bool leaves =
+        reason == TargetReason::outbound || reason == TargetReason::addressMap || reason == TargetReason::defaultRoute;
+    if (leaves && question.target.internal && m_options.digest) {
         answer.sender = question.sender && question.credentials
                             ? session.authenticate(*question.sender, *question.credentials, method)
                             : Verdict::wrong;
@@ -199,7 +217,7 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
     return answer;
 }
 
-void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer) const
+void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer)
 {
     if (request->answered()) { // it was cancelled meanwhile
         return;
@@ -230,7 +248,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
         }
         break;
     case TargetReason::outbound:
-        hops.push_back({"", "", answer.target.proxy.empty() ? "" : "sip:" + answer.target.proxy, 0});
+        hops.push_back({"", "", sipUri(answer.target.proxy), 0});
         break;
     case TargetReason::notRegistered:
         request->answer(SIP_480_TEMPORARILY_UNAVAILABLE);
@@ -255,27 +273,20 @@ void Proxy::challenge(Incoming& request, bool stale) const
 }
 
 /// Section 16.6.
-void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops,
-                 bool sequential) const
+void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential)
 {
     if (request->sip().sip_request->rq_method == sip_method_invite) {
         request->answer(SIP_100_TRYING);
     }
     const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(request->sip());
-    std::make_shared<Fork>(m_loop, request, std::move(outgoing), branch, std::move(hops))->start(sequential);
+    std::make_shared<Fork>(m_loop, m_forks, request, std::move(outgoing), branch, std::move(hops))->start(sequential);
 }
 
-void Proxy::takeStray(Message message, const sip_t& sip) const
+void Proxy::takeStray(const Message& message, const sip_t& sip) const
 {
-    if (sip.sip_request == nullptr) { // section 16.7, item 2: a response without a transaction is passed on
-        if (sip.sip_via != nullptr && m_endpoint->isOurs(*sip.sip_via) && sip.sip_via->v_next != nullptr) {
-            sip_via_remove(message.get(), sip_object(message.get()));
-            nta_msg_tsend(m_endpoint->agent(), message.release(), nullptr, TAG_END());
-        }
+    // A response without a transaction is nobody's (RFC 6026 section 7.3), and nothing answers an ACK.
+    if (sip.sip_request == nullptr || (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0)) {
         return;
-    }
-    if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
-        return; // nothing answers an ACK
     }
     bool ours = false;
     Message outgoing = prepared(sip, message.get(), ours);
@@ -285,10 +296,10 @@ void Proxy::takeStray(Message message, const sip_t& sip) const
     }
 }
 
-/// What this proxy knows a route of its own by.
-std::string Proxy::cookie(const sip_t& sip) const
+/// What this proxy knows a route of its own by, in a dialog that began with that tag.
+std::string Proxy::cookie(const sip_t& sip, const char* tag) const
 {
-    return hexOf(std::hash<std::string>()(m_secret + sip.sip_call_id->i_id));
+    return m_nonces.seal(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
 }
 
 } // namespace oryx::sip

@@ -23,8 +23,10 @@ public:
     void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
 
     void take(const std::shared_ptr<Incoming>& request);
-    /// An ACK for a 2xx, or a response whose transaction has ended: sent on without a transaction.
-    void takeStray(Message message, const sip_t& sip) const;
+    /// An ACK for a 2xx: sent on without a transaction.
+    void takeStray(const Message& message, const sip_t& sip) const;
+    /// Ends whatever is under way.
+    void stop() { m_forks.clear(); }
 
 private:
     /// What decides where a request goes.
@@ -43,13 +45,14 @@ private:
 
     bool valid(Incoming& request) const;
     bool loops(const sip_t& sip) const;
+    bool leadsHere(const url_t& route) const;
     Message prepared(const sip_t& sip, msg_t* message, bool& ours) const;
     void find(const std::shared_ptr<Incoming>& request, Message outgoing);
     Answer answer(Session& session, const Question& question, const std::string& method) const;
-    void conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer) const;
+    void conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer);
     void challenge(Incoming& request, bool stale) const;
-    void send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential) const;
-    std::string cookie(const sip_t& sip) const;
+    void send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential);
+    std::string cookie(const sip_t& sip, const char* tag) const;
 
     const Loop& m_loop;
     const Options& m_options;
@@ -57,7 +60,7 @@ private:
     const Nonces& m_nonces;
     Workers<Session>& m_workers;
     const Endpoint* m_endpoint = nullptr;
-    std::string m_secret; // of this process: what it has put into routes it knows again
+    Forks m_forks;
 };
 
 } // namespace oryx::sip

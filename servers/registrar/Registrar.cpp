@@ -173,7 +173,8 @@ bool Registrar::readExpiry(Incoming& request, const sip_contact_t& contact, std:
             expires = m_options.maxExpires;
         }
     } else if (request.sip().sip_expires != nullptr && request.sip().sip_expires->ex_date == 0) {
-        expires = static_cast<std::uint32_t>(request.sip().sip_expires->ex_delta);
+        expires = static_cast<std::uint32_t>(
+            std::min<unsigned long>(request.sip().sip_expires->ex_delta, m_options.maxExpires));
     }
     if (expires > 0 && expires < m_options.minExpires) {
         const std::string least = std::to_string(m_options.minExpires);

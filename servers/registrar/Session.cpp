@@ -43,8 +43,11 @@ Verdict Session::authenticate(const Address& address, const Credentials& credent
     if (credentials.user != secrets.user || !credentials.match(method, secret)) {
         return Verdict::wrong;
     }
-    const bool fresh =
-        m_nonces.fresh(credentials.nonce) && (!credentials.qop || m_counts.use(credentials.nonce, credentials.count));
+    // Without a count they could be sent again by anybody.
+    if (!credentials.qop) {
+        return Verdict::wrong;
+    }
+    const bool fresh = m_nonces.fresh(credentials.nonce) && m_counts.use(credentials.nonce, credentials.count);
     return fresh ? Verdict::accepted : Verdict::stale;
 }
 

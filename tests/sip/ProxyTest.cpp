@@ -25,6 +25,14 @@ protected:
         request.body = "v=0\r\n";
         return request;
     }
+    static Message cancelOf(const Message& request, const Phone& caller)
+    {
+        Message cancel = request;
+        cancel.first.replace(0, 6, "CANCEL");
+        cancel.set("CSeq", std::to_string(caller.cseq) + " CANCEL").set("Contact", "").set("Content-Type", "");
+        cancel.body.clear();
+        return cancel;
+    }
     /// What the caller gets, provisional responses too, up to the final one.
     static std::string answers(Phone& caller)
     {
@@ -217,10 +225,7 @@ TEST_F(Proxy, CancelsWhatTheCallerCancels)
     called.send(called.response(offered, 180, "Ringing"));
     EXPECT_EQ(caller.receive().status(), 100);
     EXPECT_EQ(caller.receive().status(), 180);
-    Message cancel = request;
-    cancel.first.replace(0, 6, "CANCEL");
-    cancel.set("CSeq", std::to_string(caller.cseq) + " CANCEL").set("Contact", "").set("Content-Type", "");
-    cancel.body.clear();
+    const Message cancel = cancelOf(request, caller);
     caller.send(cancel);
     const Message answer = caller.receive();
     EXPECT_EQ(status(answer), "200 OK");
@@ -230,6 +235,48 @@ TEST_F(Proxy, CancelsWhatTheCallerCancels)
     called.send(called.response(cancelled, 200, "OK"));
     called.send(called.response(offered, 487, "Request Terminated"));
     EXPECT_EQ(status(caller.receive()), "487 Request Terminated");
+}
+
+/// Section 9.2: while nobody has been asked yet.
+TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    const Message request = invite(caller);
+    caller.send(request);
+    caller.send(cancelOf(request, caller));
+    const std::string both = std::to_string(caller.receive().status()) + std::to_string(caller.receive().status());
+    EXPECT_TRUE(both == "200487" || both == "487200") << both;
+    holder.run("COMMIT");
+    EXPECT_TRUE(called.socket().silent());
+}
+
+TEST_F(Proxy, SendsNothingOnForWhoeverSaysThatItIsOfADialog)
+{
+    Phone elsewhere("x", "elsewhere.example", m_port);
+    startRegistrar();
+    Phone caller = bob();
+    Message request = invite(caller, "sip:x@" + elsewhere.socket().hostPort());
+    request.set("To", "<sip:x@elsewhere.example>;tag=made-up");
+    request.add("Route", "<sip:127.0.0.1:" + std::to_string(m_port) + ";lr;oryx=0123456789abcdef>");
+    EXPECT_EQ(status(caller.ask(request)), "403 Forbidden");
+    EXPECT_TRUE(elsewhere.socket().silent());
+}
+
+TEST_F(Proxy, OutlivesAnAnswerThatThereIsNot)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(invite(caller));
+    called.send(called.response(called.receive(), 700, "Beyond"));
+    EXPECT_EQ(answers(caller), "100, 408");
+    EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example"))), "200 OK");
 }
 
 /// RFC 3327 section 5.4.

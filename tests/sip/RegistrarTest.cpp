@@ -30,6 +30,32 @@ TEST_F(Registrar, EndsWithinTwoSecondsWhenItIsTold)
     EXPECT_EQ(stop(), 0);
 }
 
+TEST_F(Registrar, EndsInTimeWhileTheDatabaseKeepsARequestWaiting)
+{
+    startRegistrar();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    Phone alice("alice", "oryx.example", m_port);
+    alice.send(alice.registration("<sip:alice@192.0.2.1>"));
+    EXPECT_TRUE(alice.socket().silent(100));
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(alice.receive().status(), 503);
+}
+
+/// Section 21.5.4.
+TEST_F(Registrar, AnswersThatItCannotWhileTheDatabaseDoesNot)
+{
+    startRegistrar();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    Phone alice("alice", "oryx.example", m_port);
+    const Message answer = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    EXPECT_EQ(status(answer), "503 Service Unavailable");
+    EXPECT_NE(answer.field("Retry-After"), "");
+    holder.run("COMMIT");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"))), "200 OK");
+}
+
 /// Section 10.2.3.
 TEST_F(Registrar, ListsBindingsWithoutAContact)
 {

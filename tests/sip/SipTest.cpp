@@ -27,5 +27,5 @@ void SipTest::startRegistrar(const std::vector<std::string>& options)
 int SipTest::stop()
 {
     m_server->signal(SIGTERM);
-    return m_server->wait(3);
+    return m_server->wait(2);
 }
