@@ -17,8 +17,8 @@ constexpr const char* kUser = "oryx_test_server";
 constexpr const char* kPassword = "only-for-the-tests";
 
 /// The roles by job, each with a login role of the tests.
-constexpr std::array kGroups{"oryx_reader",   "oryx_registrar",    "oryx_proxy",
-                             "oryx_presence", "oryx_provisioning", "oryx_operator"};
+inline constexpr std::array kGroups{"oryx_reader",   "oryx_registrar",    "oryx_proxy",
+                                    "oryx_presence", "oryx_provisioning", "oryx_operator"};
 /// The login role that is a member of a group and nothing more; its password is the other's.
 std::string loginOf(const std::string& group);
 
