@@ -8,8 +8,11 @@ BEGIN
     IF NOT pg_has_role('oryx_owner', 'pg_read_all_stats', 'MEMBER') OR NOT pg_has_role('oryx_owner', 'pg_signal_backend', 'MEMBER') THEN
         GRANT pg_read_all_stats, pg_signal_backend TO oryx_owner;
     END IF;
-EXCEPTION WHEN insufficient_privilege THEN
-    RAISE WARNING 'the upkeep will not see others'' sessions until a superuser says GRANT pg_read_all_stats, pg_signal_backend TO oryx_owner';
+EXCEPTION
+    WHEN unique_violation THEN
+        NULL;  -- granted by another database's migration since the look
+    WHEN insufficient_privilege THEN
+        RAISE WARNING 'the upkeep will not see others'' sessions until a superuser says GRANT pg_read_all_stats, pg_signal_backend TO oryx_owner';
 END
 $$;
 
