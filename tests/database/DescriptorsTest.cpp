@@ -34,6 +34,9 @@ using Descriptors = ServiceTest;
 
 TEST_F(Descriptors, ThatAreAllInUseAreEachClosedOnceByAChild)
 {
+#ifdef ORYX_SANITIZED
+    GTEST_SKIP() << "the sanitizer looks with descriptors of its own whether objects are what they seem";
+#endif
     const std::string before = backend();
     const std::string said = saidInChild([this] {
         const rlimit few{64, 64};
