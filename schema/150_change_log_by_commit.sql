@@ -186,23 +186,32 @@ CREATE TRIGGER add_to_log INSTEAD OF INSERT ON event_notify FOR EACH ROW EXECUTE
 
 -- Trimming ---------------------------------------------------------------------------------------------------------
 
--- Removes what is older than the interval, the newest row of a table too; returns how many rows. It reads all stamps:
--- an index by time alone would be written with every change.
-CREATE OR REPLACE FUNCTION trim_event_notify(keep interval) RETURNS bigint LANGUAGE plpgsql
+-- Removes what is older than the interval, the newest row of a table too, but not more than about so many rows, where a
+-- number is given; returns how many. It reads all stamps: an index by time alone would be written with every change.
+CREATE FUNCTION trim_some_changes(keep interval, most integer) RETURNS bigint LANGUAGE plpgsql
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
     oldest CONSTANT bigint := extract(epoch FROM clock_timestamp() - keep) * 1000000;
     removed bigint;
     removed_earlier bigint;
 BEGIN
-    WITH gone AS (DELETE FROM public.event_stamp WHERE evt_timestamp < oldest RETURNING table_name, xid, begun)
+    WITH gone AS (DELETE FROM public.event_stamp
+                      WHERE ctid = ANY (ARRAY(SELECT ctid FROM public.event_stamp WHERE evt_timestamp < oldest LIMIT most))
+                      RETURNING table_name, xid, begun)
     DELETE FROM public.event_change change USING gone
         WHERE (change.table_name, change.xid, change.begun) = (gone.table_name, gone.xid, gone.begun);
     GET DIAGNOSTICS removed = ROW_COUNT;
-    DELETE FROM public.event_notify_earlier WHERE evt_timestamp < oldest;
+    DELETE FROM public.event_notify_earlier
+        WHERE ctid = ANY (ARRAY(SELECT ctid FROM public.event_notify_earlier WHERE evt_timestamp < oldest LIMIT most));
     GET DIAGNOSTICS removed_earlier = ROW_COUNT;
     RETURN removed + removed_earlier;
 END
+$$;
+
+-- All of it.
+CREATE OR REPLACE FUNCTION trim_event_notify(keep interval) RETURNS bigint LANGUAGE sql
+SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
+    SELECT public.trim_some_changes(keep, NULL)
 $$;
 
 RESET ROLE;

@@ -178,30 +178,6 @@ BEGIN
 END
 $$;
 
--- The change log ----------------------------------------------------------------------------------------------------
-
--- What trim_event_notify does, but no more than about so many rows: a log that was never trimmed must not take a run
--- longer than its time.
-CREATE FUNCTION trim_some_changes(keep interval, most integer) RETURNS bigint LANGUAGE plpgsql
-SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
-DECLARE
-    oldest CONSTANT bigint := extract(epoch FROM clock_timestamp() - keep) * 1000000;
-    removed bigint;
-    removed_earlier bigint;
-BEGIN
-    WITH gone AS (DELETE FROM public.event_stamp
-                      WHERE ctid = ANY (ARRAY(SELECT ctid FROM public.event_stamp WHERE evt_timestamp < oldest LIMIT most))
-                      RETURNING table_name, xid, begun)
-    DELETE FROM public.event_change change USING gone
-        WHERE (change.table_name, change.xid, change.begun) = (gone.table_name, gone.xid, gone.begun);
-    GET DIAGNOSTICS removed = ROW_COUNT;
-    DELETE FROM public.event_notify_earlier
-        WHERE ctid = ANY (ARRAY(SELECT ctid FROM public.event_notify_earlier WHERE evt_timestamp < oldest LIMIT most));
-    GET DIAGNOSTICS removed_earlier = ROW_COUNT;
-    RETURN removed + removed_earlier;
-END
-$$;
-
 -- Alarms ------------------------------------------------------------------------------------------------------------
 
 -- What there is, the worst of its kind; none where it cannot be seen, and 0 where there is nothing of the kind.
@@ -325,7 +301,7 @@ CREATE FUNCTION oryx_upkeep(keep_changes interval DEFAULT '7 days', idle_limit i
 RETURNS TABLE (item text, state text, value numeric, allowed numeric, unit text, detail text, remedy text)
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, pg_temp SET lock_timeout = '200ms' AS $$
 DECLARE
-    most_rows CONSTANT integer := 200000;   -- some seconds' work
+    most_rows CONSTANT integer := 200000;   -- some seconds' work: a log that was never trimmed is done run by run
     trimmed_rows bigint;
     failed_tasks integer := 0;
     forgotten record;

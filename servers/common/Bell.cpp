@@ -1,4 +1,4 @@
-#include <common/Workers.h>
+#include <common/Bell.h>
 
 #include <sys/eventfd.h>
 #include <unistd.h>

@@ -47,9 +47,8 @@ Incoming::~Incoming()
 
 void Incoming::forward(Message response)
 {
-    const int status = sip_object(response.get())->sip_status->st_status;
+    count(sip_object(response.get())->sip_status->st_status);
     nta_incoming_mreply(m_transaction, response.release());
-    count(status);
 }
 
 void Incoming::count(int status)

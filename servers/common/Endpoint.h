@@ -35,12 +35,12 @@ public:
     template <typename... Tags>
     void answer(int status, const char* phrase, Tags... tags)
     {
+        count(status); // before anybody can have it
         nta_incoming_tag(m_transaction, nullptr);
         if (nta_incoming_treply(m_transaction, status, phrase, SIPTAG_SERVER_STR(kServer), tags..., TAG_END()) < 0) {
             // A text among the tags is none that can be sent.
             nta_incoming_treply(m_transaction, SIP_500_INTERNAL_SERVER_ERROR, TAG_END());
         }
-        count(status);
     }
     /// 503: the database is away, or too much is waiting for it.
     void answerUnavailable() { answer(SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("2")); }
@@ -69,7 +69,7 @@ class Endpoint {
 public:
     /// Gets each new request but ACK and CANCEL.
     using OnRequest = std::function<void(std::shared_ptr<Incoming> request)>;
-    /// Gets what no transaction is for: an ACK for a 2xx, a response.
+    /// Gets what no transaction is for: an ACK for a 2xx; a response, whose transaction has ended or never was.
     using OnStray = std::function<void(const Message& message, const sip_t& sip)>;
 
     /// Throws `std::runtime_error` when one of the sockets cannot be had.

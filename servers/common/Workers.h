@@ -1,5 +1,6 @@
 #pragma once
 
+#include <common/Bell.h>
 #include <common/Loop.h>
 #include <common/Metrics.h>
 #include <common/Ring.h>
@@ -15,23 +16,6 @@
 #include <vector>
 
 namespace oryx::sip {
-
-/// Something that wakes another thread which waits for its descriptor.
-class Bell {
-public:
-    Bell();
-    ~Bell();
-    Bell(const Bell&) = delete;
-    Bell& operator=(const Bell&) = delete;
-
-    void ring() const;
-    /// Waits until it has been rung, once or several times since the last call.
-    void await() const;
-    int descriptor() const { return m_descriptor; }
-
-private:
-    int m_descriptor;
-};
 
 /// Threads that each hold a session with the database, and do what the SIP thread gives them: so that a slow statement
 /// holds up only what is behind it. What has the same key is done in order, by the same thread.
@@ -128,8 +112,10 @@ private:
                 if (!task) {
                     break;
                 }
-                const Metrics::Timing timing(m_metrics);
-                task->work(session);
+                {
+                    const Metrics::Timing timing(m_metrics);
+                    task->work(session);
+                }
                 while (!worker.done.push(task)) {
                     std::this_thread::yield();
                 }
