@@ -4,7 +4,7 @@
 # What the build needs beside Debian's base system, and what the tests need beyond that.
 readonly kBuildPackages=(
     g++ cmake ninja-build pkg-config libpq-dev libspdlog-dev libsodium-dev libsofia-sip-ua-dev libutfcpp-dev
-    postgresql
+    libxml2-dev postgresql
 )
 readonly kTestPackages=(
     baresip-core clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm pgbouncer

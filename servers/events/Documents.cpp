@@ -1,0 +1,387 @@
+#include <events/Documents.h>
+
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <libxml/xmlsave.h>
+#include <utf8.h>
+
+#include <algorithm>
+#include <iterator>
+#include <limits>
+#include <memory>
+
+namespace oryx::sip {
+
+namespace {
+
+constexpr const char* kPidf = "urn:ietf:params:xml:ns:pidf";
+constexpr const char* kDataModel = "urn:ietf:params:xml:ns:pidf:data-model"; // RFC 4479
+constexpr const char* kNewLine = "\r\n";
+
+template <auto Free>
+struct FreeBy {
+    template <typename Object>
+    void operator()(Object* object) const
+    {
+        Free(object);
+    }
+};
+using Document = std::unique_ptr<xmlDoc, FreeBy<&xmlFreeDoc>>;
+using Parser = std::unique_ptr<xmlParserCtxt, FreeBy<&xmlFreeParserCtxt>>;
+using Buffer = std::unique_ptr<xmlBuffer, FreeBy<&xmlBufferFree>>;
+
+const xmlChar* xmlText(const char* text)
+{
+    return reinterpret_cast<const xmlChar*>(text);
+}
+
+std::string ownText(xmlChar* text)
+{
+    std::string own = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+    xmlFree(text);
+    return own;
+}
+
+/// A text without what cannot stand in XML (XML 1.0 section 2.2).
+std::string allowedText(const std::string& text)
+{
+    std::string allowed;
+    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(allowed));
+    std::erase_if(allowed, [](char c) { return c >= 0 && c < ' ' && c != '\t' && c != '\n' && c != '\r'; });
+    return allowed;
+}
+
+// Reading
+
+void refuseDocumentType(void* parser, const xmlChar* /*name*/, const xmlChar* /*id*/, const xmlChar* /*system*/)
+{
+    xmlStopParser(static_cast<xmlParserCtxt*>(parser));
+}
+
+/// Null where it is not well-formed. What the parser limits of itself (depth, lengths) stays limited.
+Document parsed(std::string_view text)
+{
+    static const bool ready = (xmlInitParser(), true);
+    constexpr int kOptions =
+        XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOCDATA | XML_PARSE_NOBLANKS;
+    const Parser parser(ready ? xmlNewParserCtxt() : nullptr);
+    if (!parser || text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+        return nullptr;
+    }
+    parser->sax->internalSubset = &refuseDocumentType; // before anything in it is read
+    parser->sax->comment = nullptr;
+    parser->sax->processingInstruction = nullptr;
+    Document document(
+        xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, nullptr, kOptions));
+    const bool whole = parser->wellFormed != 0 && parser->nsWellFormed != 0 && parser->errNo != XML_ERR_USER_STOP;
+    return whole && xmlDocGetRootElement(document.get()) != nullptr ? std::move(document) : nullptr;
+}
+
+bool is(const xmlNode& node, const char* space, const char* name)
+{
+    return node.type == XML_ELEMENT_NODE && node.ns != nullptr && xmlStrEqual(node.ns->href, xmlText(space)) != 0 &&
+           xmlStrEqual(node.name, xmlText(name)) != 0;
+}
+
+std::string attributeOf(const xmlNode& node, const char* name)
+{
+    return ownText(xmlGetNoNsProp(&node, xmlText(name)));
+}
+
+/// The text of its first child of that name; empty where there is none.
+std::string childText(const xmlNode& node, const char* space, const char* name)
+{
+    for (const xmlNode* child = node.children; child != nullptr; child = child->next) {
+        if (is(*child, space, name)) {
+            return ownText(xmlNodeGetContent(child));
+        }
+    }
+    return "";
+}
+
+/// A document's presence element; null where it is another or a tuple has no id (RFC 3863 section 4.1).
+const xmlNode* presenceIn(const Document& document)
+{
+    const xmlNode* const root = document ? xmlDocGetRootElement(document.get()) : nullptr;
+    if (root == nullptr || !is(*root, kPidf, "presence")) {
+        return nullptr;
+    }
+    for (const xmlNode* child = root->children; child != nullptr; child = child->next) {
+        if (is(*child, kPidf, "tuple") && attributeOf(*child, "id").empty()) {
+            return nullptr;
+        }
+    }
+    return root;
+}
+
+// Writing
+
+std::string written(xmlNode* root, const char* encoding)
+{
+    const Buffer buffer(xmlBufferCreate());
+    xmlSaveCtxt* const saving = xmlSaveToBuffer(buffer.get(), encoding, XML_SAVE_NO_DECL);
+    xmlSaveTree(saving, root);
+    xmlSaveClose(saving);
+    return {reinterpret_cast<const char*>(xmlBufferContent(buffer.get())),
+            static_cast<std::size_t>(xmlBufferLength(buffer.get()))};
+}
+
+std::string written(const Document& document)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + written(xmlDocGetRootElement(document.get()), "UTF-8");
+}
+
+void setAttribute(xmlNode* node, const char* name, const std::string& value)
+{
+    xmlNewProp(node, xmlText(name), xmlText(allowedText(value).c_str()));
+}
+
+/// A new child in its parent's namespace.
+xmlNode* addChild(xmlNode* parent, const char* name)
+{
+    return xmlNewTextChild(parent, nullptr, xmlText(name), nullptr);
+}
+
+void addChild(xmlNode* parent, const char* name, const std::string& text)
+{
+    xmlNewTextChild(parent, nullptr, xmlText(name), xmlText(allowedText(text).c_str()));
+}
+
+/// A document with a root of that name and namespace.
+Document newDocument(const char* name, const char* space)
+{
+    Document document(xmlNewDoc(xmlText("1.0")));
+    xmlNode* const root = xmlNewDocNode(document.get(), nullptr, xmlText(name), nullptr);
+    xmlSetNs(root, xmlNewNs(root, xmlText(space), nullptr));
+    xmlDocSetRootElement(document.get(), root);
+    return document;
+}
+
+// Presence
+
+/// A document composed of others' elements, which stand in the order of RFC 3863's schema.
+class Composition {
+public:
+    explicit Composition(const std::string& entity) : m_document(newDocument("presence", kPidf))
+    {
+        setAttribute(root(), "entity", entity);
+    }
+
+    void add(const xmlNode& presence)
+    {
+        for (xmlNode* child = presence.children; child != nullptr; child = child->next) {
+            if (child->type == XML_ELEMENT_NODE) {
+                take(*child);
+            }
+        }
+    }
+    std::string text()
+    {
+        std::stable_sort(m_parts.begin(), m_parts.end(),
+                         [](const Part& one, const Part& other) { return one.place < other.place; });
+        for (Part& part : m_parts) {
+            xmlAddChild(root(), part.node.release());
+        }
+        m_parts.clear();
+        xmlDOMWrapReconcileNamespaces(nullptr, root(), kRemoveRedundant);
+        if (root()->children == nullptr) {
+            xmlNode* const tuple = addChild(root(), "tuple");
+            setAttribute(tuple, "id", "none");
+            addChild(addChild(tuple, "status"), "basic", "closed");
+        }
+        return written(m_document);
+    }
+
+private:
+    static constexpr int kRemoveRedundant = 1; // XML_DOM_RECONNS_REMOVEREDUND, which no header declares
+
+    enum class Place { tuple, note, other };
+    struct Part {
+        Place place;
+        std::string name;   // of the element
+        std::string id;     // as published; empty: it has none
+        std::string source; // what tells it from another with that id
+        std::unique_ptr<xmlNode, FreeBy<&xmlFreeNode>> node;
+    };
+
+    xmlNode* root() const { return xmlDocGetRootElement(m_document.get()); }
+
+    void take(xmlNode& element)
+    {
+        Part part{Place::other, reinterpret_cast<const char*>(element.name), attributeOf(element, "id"), "", {}};
+        part.node.reset(xmlDocCopyNode(&element, m_document.get(), 1));
+        if (is(element, kPidf, "tuple")) {
+            part.place = Place::tuple;
+            part.source = childText(element, kPidf, "contact");
+        } else if (is(element, kPidf, "note")) {
+            part.place = Place::note;
+        } else {
+            part.source = childText(element, kDataModel, "deviceID");
+        }
+        put(std::move(part));
+    }
+    void put(Part part)
+    {
+        if (part.id.empty()) {
+            m_parts.push_back(std::move(part));
+            return;
+        }
+        std::erase_if(m_parts, [&](const Part& earlier) {
+            return earlier.id == part.id && earlier.name == part.name && earlier.source == part.source;
+        });
+        xmlSetProp(part.node.get(), xmlText("id"), xmlText(freeId(part.id).c_str()));
+        m_parts.push_back(std::move(part));
+    }
+    std::string freeId(const std::string& wanted) const
+    {
+        const auto taken = [&](const std::string& id) {
+            return std::any_of(m_parts.begin(), m_parts.end(),
+                               [&](const Part& part) { return attributeOf(*part.node, "id") == id; });
+        };
+        std::string id = wanted;
+        for (int number = 2; taken(id); ++number) {
+            id = wanted + "-" + std::to_string(number);
+        }
+        return id;
+    }
+
+    Document m_document;
+    std::vector<Part> m_parts;
+};
+
+// Lists
+
+/// The host of a list's URI, as far as it can stand in a Content-ID.
+std::string hostIn(const std::string& uri)
+{
+    std::string host = uri.substr(uri.find_last_of("@:") + 1);
+    std::erase_if(host, [](char c) {
+        return (c < '0' || c > '9') && (c < 'a' || c > 'z') && (c < 'A' || c > 'Z') && c != '.' && c != '-';
+    });
+    return host.empty() ? "localhost" : host;
+}
+
+/// Something that stands in none of the members' documents.
+std::string boundaryBetween(const std::vector<ListMember>& members)
+{
+    std::string boundary = "oryx";
+    for (int number = 1;
+         std::any_of(members.begin(), members.end(),
+                     [&](const ListMember& member) { return member.document.find(boundary) != std::string::npos; });
+         ++number) {
+        boundary = "oryx-" + std::to_string(number);
+    }
+    return boundary;
+}
+
+void addPart(std::string& text, const std::string& boundary, const std::string& id, const char* type,
+             const std::string& document)
+{
+    text.append("--").append(boundary).append(kNewLine);
+    text.append("Content-Transfer-Encoding: binary").append(kNewLine);
+    text.append("Content-ID: <").append(id).append(">").append(kNewLine);
+    text.append("Content-Type: ").append(type).append(kNewLine).append(kNewLine);
+    text.append(document).append(kNewLine);
+}
+
+void addResource(xmlNode* list, const ListMember& member, const std::string& contentId)
+{
+    xmlNode* const resource = addChild(list, "resource");
+    setAttribute(resource, "uri", member.uri);
+    if (!member.name.empty()) {
+        addChild(resource, "name", member.name);
+    }
+    if (member.instance.empty()) {
+        return;
+    }
+    xmlNode* const instance = addChild(resource, "instance");
+    setAttribute(instance, "id", member.instance);
+    setAttribute(instance, "state", member.state);
+    if (!member.reason.empty()) {
+        setAttribute(instance, "reason", member.reason);
+    }
+    if (!member.document.empty()) {
+        setAttribute(instance, "cid", contentId);
+    }
+}
+
+} // namespace
+
+std::optional<std::string> publishedDocument(std::string_view body)
+{
+    const Document document = parsed(body);
+    if (presenceIn(document) == nullptr) {
+        return std::nullopt;
+    }
+    std::string clean;
+    for (const char c : written(xmlDocGetRootElement(document.get()), "US-ASCII")) {
+        // Quotes are quotation marks where they mean anything, and lines are broken in texts alone.
+        const bool plain = c >= ' ' && c != '\'' && c != '\\' && c != '\x7f';
+        clean += plain ? std::string(1, c) : "&#" + std::to_string(static_cast<unsigned char>(c)) + ";";
+    }
+    // Names outside of ASCII, and namespaces with quotation marks, cannot be written so.
+    return presenceIn(parsed(clean)) != nullptr ? std::optional(std::move(clean)) : std::nullopt;
+}
+
+std::string presenceDocument(const std::string& entity, const std::vector<std::string>& published)
+{
+    Composition composition(entity);
+    for (const std::string& text : published) {
+        const Document document = parsed(text);
+        if (const xmlNode* const presence = presenceIn(document); presence != nullptr) {
+            composition.add(*presence);
+        }
+    }
+    return composition.text();
+}
+
+std::string watcherDocument(const std::string& resource, const std::string& package, unsigned version,
+                            const std::vector<WatcherEntry>& watchers)
+{
+    const Document document = newDocument("watcherinfo", "urn:ietf:params:xml:ns:watcherinfo");
+    xmlNode* const root = xmlDocGetRootElement(document.get());
+    setAttribute(root, "version", std::to_string(version));
+    setAttribute(root, "state", "full");
+    xmlNode* const list = addChild(root, "watcher-list");
+    setAttribute(list, "resource", resource);
+    setAttribute(list, "package", package);
+    for (const WatcherEntry& entry : watchers) {
+        addChild(list, "watcher", entry.uri);
+        xmlNode* const watcher = xmlGetLastChild(list);
+        setAttribute(watcher, "id", entry.id);
+        setAttribute(watcher, "status", entry.status);
+        setAttribute(watcher, "event", entry.event);
+        if (entry.expires >= 0) {
+            setAttribute(watcher, "expiration", std::to_string(entry.expires));
+        }
+    }
+    return written(document);
+}
+
+Body listBody(const std::string& list, unsigned version, const std::vector<ListMember>& members)
+{
+    const std::string boundary = boundaryBetween(members);
+    const std::string idEnd = "." + std::to_string(version) + "@" + hostIn(list);
+    const Document document = newDocument("list", "urn:ietf:params:xml:ns:rlmi");
+    xmlNode* const root = xmlDocGetRootElement(document.get());
+    setAttribute(root, "uri", list);
+    setAttribute(root, "version", std::to_string(version));
+    setAttribute(root, "fullState", "true");
+    std::string parts;
+    for (std::size_t n = 0; n < members.size(); ++n) {
+        const std::string id = std::to_string(n + 1) + idEnd;
+        addResource(root, members[n], id);
+        if (!members[n].instance.empty() && !members[n].document.empty()) {
+            addPart(parts, boundary, id, "application/pidf+xml;charset=\"UTF-8\"", members[n].document);
+        }
+    }
+    const std::string rootId = "0" + idEnd;
+    Body body;
+    body.type =
+        "multipart/related;type=\"application/rlmi+xml\";start=\"<" + rootId + ">\";boundary=\"" + boundary + "\"";
+    addPart(body.text, boundary, rootId, "application/rlmi+xml;charset=\"UTF-8\"", written(document));
+    body.text += parts + "--" + boundary + "--" + kNewLine;
+    return body;
+}
+
+} // namespace oryx::sip
