@@ -129,7 +129,7 @@ bool ChangeListener::take(ListeningConnection& connection, bool everything, Chan
             continue;
         }
         ChangedTable& table = changes.tables.emplace_back();
-        table.name = kNotifierTables.at(i);
+        table.name = kAnnouncedTables.at(i);
         if (m_options.followLog && !readLog(connection, table, changes.position)) {
             return false;
         }

@@ -46,7 +46,7 @@ struct ChangeSet {
     /// table, but for tables with `readAgain`; unless he was away for longer than the log is kept.
     bool everything = false;
     /// The tables, each once, in the order "acp", "extension", "conf_state", "conf_state_reset", "public_address",
-    /// "subscriber", "contact_set", "sip_event_aggregator".
+    /// "subscriber", "contact_set", "sip_event_aggregator", and "publication" where it is asked for.
     std::vector<ChangedTable> tables;
     /// The position behind these changes: what to start from after them.
     ChangePosition position;
@@ -67,6 +67,8 @@ struct ChangeListenerOptions {
     /// Where to go on in it; a stamp of "0" is its beginning. A table that is missing here begins with what is logged
     /// after the first call.
     ChangePosition position = {};
+    /// Whether the table "publication" is heard of too (`dal/Publications.h`): what is published through other servers.
+    bool publications = false;
 };
 
 /// Hears of the changes of provisioning, on a connection of its own, and never falls behind: whatever is pending is

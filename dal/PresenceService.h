@@ -243,6 +243,8 @@ public:
     ///@}
 
 private:
+    friend struct PresenceAccess;
+
     /// Runs an operation of a service that was connected; traces `refusal`, if there is one, for another.
     template <typename Operation>
     DatabaseResult guarded(Operation operation, const char* refusal = nullptr);

@@ -105,9 +105,10 @@ ORYX_EXPORT DatabaseResult livePublications(PresenceService& service, const char
 /// A presentity of which something is not published any more.
 /// \ingroup publications
 struct ExpiredPublication {
-    std::string handle; ///< Of the address of record.
-    std::string domain; ///< Of the address of record.
-    std::string event;  ///< The event package.
+    /// Its address of record, as "user@domain".
+    std::string presentity;
+    /// The event package.
+    std::string event;
 };
 
 /// Removes up to 1,000 publications that have expired, and what is left of those that were removed a minute ago; a

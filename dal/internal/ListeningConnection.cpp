@@ -41,6 +41,7 @@ SessionOptions sessionOptions(const ChangeListenerOptions& options)
 ListeningConnection::ListeningConnection(const ChangeListenerOptions& options, const StopSignal& stop)
     : m_idleCheck(bounded(options.idleCheck)),
       m_answerTime(bounded(options.answerTime)),
+      m_tables(options.publications ? kAnnouncedTables.size() : kNotifierTables.size()),
       m_stop(stop),
       m_channel(ownChannel())
 {
@@ -54,15 +55,17 @@ bool ListeningConnection::open(const std::string& uri, const std::string& user, 
         !hearsOthers(uri, user, password)) {
         return false;
     }
-    m_announced.set(); // what was announced before has gone by unheard
+    for (std::size_t i = 0; i < m_tables; ++i) {
+        m_announced.set(i); // what was announced before has gone by unheard
+    }
     return true;
 }
 
 bool ListeningConnection::subscribe()
 {
     std::string text;
-    for (const char* const table : kNotifierTables) {
-        text += spliced("LISTEN {};", table);
+    for (std::size_t i = 0; i < m_tables; ++i) {
+        text += spliced("LISTEN {};", kAnnouncedTables.at(i));
     }
     text += spliced("LISTEN {};", m_channel);
     QueryResult result;
@@ -143,9 +146,9 @@ void ListeningConnection::hear(const char* channel, const char* payload)
         m_heard = payload;
         return;
     }
-    const auto* const table = std::find(kNotifierTables.begin(), kNotifierTables.end(), std::string_view(channel));
-    if (table != kNotifierTables.end()) {
-        m_announced.set(static_cast<std::size_t>(std::distance(kNotifierTables.begin(), table)));
+    const auto* const table = std::find(kAnnouncedTables.begin(), kAnnouncedTables.end(), std::string_view(channel));
+    if (table != kAnnouncedTables.end()) {
+        m_announced.set(static_cast<std::size_t>(std::distance(kAnnouncedTables.begin(), table)));
     }
 }
 

@@ -12,8 +12,8 @@
 
 namespace oryx {
 
-/// The tables that were announced, by their place in kNotifierTables.
-using TableSet = std::bitset<kNotifierTables.size()>;
+/// The tables that were announced, by their place in kAnnouncedTables.
+using TableSet = std::bitset<kAnnouncedTables.size()>;
 
 /// A connection that is subscribed to the tables that the servers follow, and to a channel of its own, on which it
 /// hears whether it hears. Everything it waits for ends with a request to stop, as with a failure.
@@ -43,6 +43,7 @@ private:
 
     std::chrono::milliseconds m_idleCheck;
     std::chrono::milliseconds m_answerTime;
+    std::size_t m_tables; // of kAnnouncedTables, those that are subscribed to
     const StopSignal& m_stop;
     Frame m_frame{"oryx"};
     TableSet m_announced;
