@@ -2,6 +2,8 @@
 
 #include <registrar/Registrar.h>
 
+#include <common/Headers.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -14,23 +16,6 @@ namespace {
 /// Of one address of record; a person has a few telephones.
 constexpr std::uint32_t kMostBindings = 32;
 constexpr std::size_t kMostContacts = 32; // in one request
-constexpr std::size_t kLongestText = 1024;
-
-bool fits(const char* text)
-{
-    return text == nullptr || (std::strlen(text) <= kLongestText && canBeStored(text));
-}
-
-/// A header field's value, as it is written.
-template <typename Header>
-std::string headerText(Header& header)
-{
-    su_home_t home[1] = {SU_HOME_INIT(home)};
-    const char* const text = sip_header_as_string(home, anyHeader(&header));
-    std::string copy = text != nullptr ? text : "";
-    su_home_deinit(home);
-    return copy;
-}
 
 std::string pathOf(const sip_t& sip)
 {
@@ -115,7 +100,7 @@ bool Registrar::readContacts(Incoming& request, RegisterRequest& order) const
     order.cseq = sip.sip_cseq->cs_seq;
     order.path = pathOf(sip);
     order.maxBindings = kMostBindings;
-    if (!fits(order.callId.c_str()) || !fits(order.path.c_str())) {
+    if (!fits(order.callId) || !fits(order.path)) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }
@@ -149,8 +134,8 @@ bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, Reg
     read.address = normalized(*contact.m_url);
     read.contactHeader = headerText(one);
     read.qvalue = contact.m_q != nullptr ? contact.m_q : "";
-    if (read.address.empty() || !fits(read.address.c_str()) || !fits(read.contactHeader.c_str()) ||
-        !fits(read.qvalue.c_str()) || order.contacts.size() == kMostContacts) {
+    if (read.address.empty() || !fits(read.address) || !fits(read.contactHeader) || !fits(read.qvalue) ||
+        order.contacts.size() == kMostContacts) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }

@@ -1,15 +1,13 @@
 // oryx-registrar: a registrar and proxy (RFC 3261 sections 10 and 16) whose state is the database's.
 
+#include <common/Ending.h>
 #include <common/Endpoint.h>
 #include <common/Server.h>
 #include <common/Workers.h>
 #include <registrar/Proxy.h>
 #include <registrar/Registrar.h>
 
-#include <sys/signalfd.h>
-#include <unistd.h>
-
-#include <chrono>
+#include <memory>
 #include <optional>
 
 namespace {
@@ -23,38 +21,6 @@ bool isForServer(const sip_t& sip, const Endpoint& endpoint, const Provisioning&
     const bool wanted = sip.sip_request->rq_method == sip_method_register || url.url_user == nullptr;
     return wanted && (endpoint.isOurs(url) || provisioning.serves(hostOf(url)));
 }
-
-/// Ends the loop when nothing is under way any more, or after so long that all ends in time.
-class Ending {
-public:
-    Ending(Loop& loop, Endpoint& endpoint, const Workers<Session>& workers)
-        : m_loop(loop), m_endpoint(endpoint), m_workers(workers), m_timer(loop, [this] { look(); })
-    {
-    }
-    void begin()
-    {
-        m_endpoint.refuseRequests();
-        look();
-    }
-
-private:
-    void look()
-    {
-        constexpr std::chrono::milliseconds kPause{20};
-        constexpr int kMostLooks = 50;
-        if (m_workers.idle() || ++m_looks > kMostLooks) {
-            m_loop.stop();
-        } else {
-            m_timer.set(kPause);
-        }
-    }
-
-    Loop& m_loop;
-    Endpoint& m_endpoint;
-    const Workers<Session>& m_workers;
-    Timer m_timer;
-    int m_looks = 0;
-};
 
 void run(Loop& loop, const Options& options, int signals)
 {
@@ -88,15 +54,8 @@ void run(Loop& loop, const Options& options, int signals)
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);
     }
-    Ending ending(loop, *endpoint, *workers);
-    loop.watch(signals, [&] {
-        signalfd_siginfo taken{};
-        if (read(signals, &taken, sizeof taken) == sizeof taken) {
-            ending.begin();
-        }
-    });
+    const Ending ending(loop, *endpoint, signals, [&] { return workers->idle(); });
     loop.run();
-    loop.unwatch(signals);
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();
     proxy.stop();

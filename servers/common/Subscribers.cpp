@@ -1,9 +1,4 @@
-#include <registrar/Session.h>
-
-#include <common/Database.h>
-
-#include <thread>
-#include <utility>
+#include <common/Subscribers.h>
 
 namespace oryx::sip {
 
@@ -15,27 +10,10 @@ constexpr std::chrono::seconds kSecretsAge{30};
 
 } // namespace
 
-Session::Session(const Options& options, const Provisioning& provisioning, const Nonces& nonces)
-    : m_options(options), m_provisioning(provisioning), m_nonces(nonces)
+Verdict Subscribers::authenticate(const Address& address, const Credentials& credentials, std::string_view method,
+                                  const Lookup& lookup)
 {
-    m_service.setSessionOptions(sessionOptions());
-}
-
-bool Session::connect()
-{
-    m_connected =
-        m_connected ||
-        m_service.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str()).okay();
-    if (m_connected && m_provisioning.known()) {
-        return true;
-    }
-    std::this_thread::sleep_for(kReconnectPause);
-    return false;
-}
-
-Verdict Session::authenticate(const Address& address, const Credentials& credentials, std::string_view method)
-{
-    const Secrets& secrets = secretsOf(address, credentials.realm);
+    const Secrets& secrets = secretsOf(address, credentials.realm, lookup);
     if (secrets.verdict != Verdict::accepted) {
         return secrets.verdict;
     }
@@ -51,7 +29,8 @@ Verdict Session::authenticate(const Address& address, const Credentials& credent
     return fresh ? Verdict::accepted : Verdict::stale;
 }
 
-const Session::Secrets& Session::secretsOf(const Address& address, const std::string& realm)
+const Subscribers::Secrets& Subscribers::secretsOf(const Address& address, const std::string& realm,
+                                                   const Lookup& lookup)
 {
     const unsigned changes = m_provisioning.changes();
     if (changes != m_secretsOf || m_secrets.size() >= kMostSecrets) {
@@ -60,20 +39,19 @@ const Session::Secrets& Session::secretsOf(const Address& address, const std::st
     }
     Secrets& known = m_secrets[address.text()];
     if (known.verdict != Verdict::accepted || std::chrono::steady_clock::now() - known.read > kSecretsAge) {
-        known = readSecrets(address, realm);
+        known = readSecrets(realm, lookup);
     }
     return known;
 }
 
-Session::Secrets Session::readSecrets(const Address& address, const std::string& realm)
+Subscribers::Secrets Subscribers::readSecrets(const std::string& realm, const Lookup& lookup)
 {
     Secrets secrets;
     // A fresh record: NULL columns leave what a record holds, and that would be another subscriber's. Inactive until
     // the database says otherwise.
     SubscriberRecord subscriber;
     subscriber.setActive('f');
-    const DatabaseResult result =
-        m_service.lookupSubscriber(address.handle.c_str(), address.domain.c_str(), subscriber);
+    const DatabaseResult result = lookup(subscriber);
     if (!result.okay()) {
         secrets.verdict = result.getStatus() == DatabaseResult::NOTFOUND ? Verdict::unknown : Verdict::failed;
         return secrets;

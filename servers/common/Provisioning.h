@@ -5,6 +5,7 @@
 #include <dal/ChangeListener.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,7 +17,10 @@ namespace oryx::sip {
 /// Heard of on a thread of its own.
 class Provisioning {
 public:
-    explicit Provisioning(const Options& options);
+    /// Gets the changes, on the thread that hears of them.
+    using OnChanges = std::function<void(const ChangeSet& changes)>;
+
+    explicit Provisioning(const Options& options, OnChanges onChanges = nullptr);
     ~Provisioning();
     Provisioning(const Provisioning&) = delete;
     Provisioning& operator=(const Provisioning&) = delete;
@@ -37,6 +41,7 @@ private:
     void readDomainsAtLast();
 
     Options m_options;
+    OnChanges m_onChanges;
     std::atomic<unsigned> m_changes{0};
     std::atomic<bool> m_known{false};
     std::atomic<bool> m_stop{false};

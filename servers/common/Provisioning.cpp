@@ -1,5 +1,5 @@
 #include <common/Database.h>
-#include <registrar/Provisioning.h>
+#include <common/Provisioning.h>
 
 #include <dal/DatabaseCommandExecutor.h>
 
@@ -20,17 +20,21 @@ ChangeListenerOptions boundListening()
 
 } // namespace
 
-Provisioning::Provisioning(const Options& options)
+Provisioning::Provisioning(const Options& options, OnChanges onChanges)
     : m_options(options),
+      m_onChanges(std::move(onChanges)),
       m_domains(nullptr),
       m_listener(options.database, options.user, options.password, boundListening())
 {
     m_lists.push_back(std::make_unique<const Domains>());
     m_domains = m_lists.back().get();
     m_thread = std::thread([this] {
-        m_listener.run([this](const ChangeSet& /*changes*/) {
+        m_listener.run([this](const ChangeSet& changes) {
             m_changes.fetch_add(1, std::memory_order_release);
             readDomainsAtLast(); // which has no announcement of its own: with every other
+            if (m_onChanges) {
+                m_onChanges(changes);
+            }
         });
     });
 }

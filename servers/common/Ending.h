@@ -1,0 +1,31 @@
+#pragma once
+
+#include <common/Endpoint.h>
+#include <common/Loop.h>
+
+#include <functional>
+
+namespace oryx::sip {
+
+/// Ends the loop after a signal: when nothing is under way any more, or after so long that all ends in time.
+class Ending {
+public:
+    /// `signals` can be read when the server is to end; `idle` tells whether nothing is under way.
+    Ending(Loop& loop, Endpoint& endpoint, int signals, std::function<bool()> idle);
+    ~Ending();
+    Ending(const Ending&) = delete;
+    Ending& operator=(const Ending&) = delete;
+
+private:
+    void begin();
+    void look();
+
+    Loop& m_loop;
+    Endpoint& m_endpoint;
+    int m_signals;
+    std::function<bool()> m_idle;
+    Timer m_timer;
+    int m_looks = 0;
+};
+
+} // namespace oryx::sip

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <common/Sofia.h>
+
+#include <string>
+
+namespace oryx::sip {
+
+/// Whether a header field's text, or none, can stand in the database: such as a telephone may have, and no more.
+bool fits(const char* text);
+inline bool fits(const std::string& text)
+{
+    return fits(text.c_str());
+}
+/// A header field's value, as it is written; of any kind.
+std::string headerText(sip_header_t* header);
+template <typename Header>
+std::string headerText(Header& header)
+{
+    return headerText(anyHeader(&header));
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <common/Database.h>
+#include <common/Options.h>
+#include <common/Subscribers.h>
+
+#include <string_view>
+#include <thread>
+
+namespace oryx::sip {
+
+/// What a worker holds: a session with the database, and what it remembers of subscribers. All that is about an address
+/// of record comes to the same worker, so nothing of this is shared. `Service` is one of the library's services.
+template <typename Service>
+class SessionOf {
+public:
+    SessionOf(const Options& options, const Provisioning& provisioning, const Nonces& nonces)
+        : m_options(options), m_provisioning(provisioning), m_subscribers(provisioning, nonces)
+    {
+        m_service.setSessionOptions(sessionOptions());
+    }
+
+    /// Connects, and sees that it is known what is served; or waits for a moment after it failed.
+    bool connect()
+    {
+        m_connected =
+            m_connected ||
+            m_service.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str()).okay();
+        if (m_connected && m_provisioning.known()) {
+            return true;
+        }
+        std::this_thread::sleep_for(kReconnectPause);
+        return false;
+    }
+    Service& service() { return m_service; }
+    /// Whether the credentials are those of the address' subscriber, for a request of that method.
+    Verdict authenticate(const Address& address, const Credentials& credentials, std::string_view method)
+    {
+        return m_subscribers.authenticate(address, credentials, method, [&](SubscriberRecord& subscriber) {
+            return m_service.lookupSubscriber(address.handle.c_str(), address.domain.c_str(), subscriber);
+        });
+    }
+
+private:
+    const Options& m_options;
+    const Provisioning& m_provisioning;
+    Subscribers m_subscribers;
+    Service m_service;
+    bool m_connected = false;
+};
+
+} // namespace oryx::sip

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <common/Address.h>
+#include <common/Digest.h>
+#include <common/Provisioning.h>
+
+#include <dal/Dal.h>
+#include <dal/DatabaseResult.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace oryx::sip {
+
+/// What has become of a request's credentials.
+enum class Verdict {
+    accepted,
+    wrong,   ///< they are not the subscriber's: a new challenge
+    stale,   ///< they are, but the nonce is too old, or was used before: a challenge that says so
+    unknown, ///< the address has no subscriber
+    barred,  ///< the subscriber is inactive, or has no password that can be read
+    failed,  ///< nobody could be asked
+};
+
+/// Who can prove who he is; what has been read of subscribers is kept until provisioning changes. Of one worker: all
+/// that is about an address comes to the same.
+class Subscribers {
+public:
+    /// Reads an address' subscriber from the database.
+    using Lookup = std::function<DatabaseResult(SubscriberRecord& subscriber)>;
+
+    Subscribers(const Provisioning& provisioning, const Nonces& nonces) : m_provisioning(provisioning), m_nonces(nonces)
+    {
+    }
+
+    /// Whether the credentials are those of the address' subscriber, for a request of that method.
+    Verdict authenticate(const Address& address, const Credentials& credentials, std::string_view method,
+                         const Lookup& lookup);
+
+private:
+    /// What is kept in place of a subscriber's password.
+    struct Secrets {
+        Verdict verdict = Verdict::failed; // for whoever is right
+        std::string user;
+        std::string sha256;
+        std::string md5;
+        std::chrono::steady_clock::time_point read;
+    };
+
+    const Secrets& secretsOf(const Address& address, const std::string& realm, const Lookup& lookup);
+    static Secrets readSecrets(const std::string& realm, const Lookup& lookup);
+
+    const Provisioning& m_provisioning;
+    const Nonces& m_nonces;
+    NonceCounts m_counts;
+    std::unordered_map<std::string, Secrets> m_secrets;
+    unsigned m_secretsOf = 0; // the state of provisioning that they are from
+};
+
+} // namespace oryx::sip

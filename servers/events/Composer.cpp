@@ -1,0 +1,183 @@
+#include <events/Composer.h>
+
+#include <events/Rules.h>
+#include <events/Store.h>
+
+#include <dal/Publications.h>
+
+#include <functional>
+#include <optional>
+
+namespace oryx::sip {
+
+namespace {
+
+constexpr const char* kPresenceType = "application/pidf+xml";
+constexpr const char* kWatchersType = "application/watcherinfo+xml";
+
+/// What a watcher may know of a presentity.
+struct View {
+    SubscriptionState state = SubscriptionState::active;
+    std::string reason;
+    std::string document; // none while it is pending
+};
+
+/// None when the database could not be asked.
+std::optional<View> viewOf(PresenceService& service, const Address& presentity, const Address& watcher)
+{
+    std::vector<LivePublication> published;
+    switch (permissionOf(service, presentity, watcher)) {
+    case Permission::unknown:
+        return std::nullopt;
+    case Permission::blocked:
+        return View{SubscriptionState::terminated, "rejected", ""};
+    case Permission::unsettled:
+        return View{SubscriptionState::pending, "", ""};
+    case Permission::deceived:
+        break;
+    case Permission::allowed:
+        if (!livePublications(service, presentity.handle.c_str(), presentity.domain.c_str(), "presence", published)
+                 .okay()) {
+            return std::nullopt;
+        }
+        break;
+    }
+    std::vector<std::string> documents;
+    for (LivePublication& publication : published) {
+        documents.push_back(std::move(publication.body));
+    }
+    return View{SubscriptionState::active, "", presenceDocument("sip:" + presentity.text(), documents)};
+}
+
+Notice failure()
+{
+    Notice notice;
+    notice.failed = true;
+    return notice;
+}
+
+Notice presenceNotice(PresenceService& service, const Subscription& subscription)
+{
+    const std::optional<View> view = viewOf(service, subscription.presentity, subscription.watcher);
+    if (!view) {
+        return failure();
+    }
+    Notice notice;
+    notice.state = view->state;
+    notice.reason = view->reason;
+    if (!view->document.empty()) {
+        notice.body = {kPresenceType, view->document};
+    }
+    return notice;
+}
+
+/// A member of the list as its subscriber may see it. Whoever is at a domain of others is nobody here.
+std::optional<ListMember> memberOf(PresenceService& service, const Subscription& list, const std::string& uri,
+                                   Notice& notice)
+{
+    const std::optional<Address> address = addressOf(uri.c_str());
+    int key = 0;
+    int csid = 0;
+    ListMember member{uri, "", "", "terminated", "noresource", ""};
+    if (!address) {
+        return member;
+    }
+    const DatabaseResult known =
+        service.getPublicAddressKey(address->handle.c_str(), address->domain.c_str(), key, csid);
+    if (known.getStatus() == DatabaseResult::NOTFOUND) {
+        return member;
+    }
+    const std::optional<View> view = known.okay() ? viewOf(service, *address, list.watcher) : std::nullopt;
+    if (!view) {
+        return std::nullopt;
+    }
+    notice.members.push_back(address->text());
+    member.instance = std::to_string(notice.members.size());
+    member.state = textOf(view->state);
+    member.reason = view->reason;
+    member.document = view->document;
+    return member;
+}
+
+Notice listNotice(PresenceService& service, const Subscription& list)
+{
+    Notice notice;
+    int id = 0;
+    std::vector<std::string> uris;
+    const DatabaseResult found = service.getListId(list.presentity.handle.c_str(), &id);
+    if (found.getStatus() == DatabaseResult::NOTFOUND) { // it has been removed
+        notice.state = SubscriptionState::terminated;
+        notice.reason = "noresource";
+        return notice;
+    }
+    if (!found.okay() || !service.getListEntries(id, uris).okay()) {
+        return failure();
+    }
+    std::vector<ListMember> members;
+    for (const std::string& uri : uris) {
+        std::optional<ListMember> member = memberOf(service, list, uri, notice);
+        if (!member) {
+            return failure();
+        }
+        members.push_back(std::move(*member));
+    }
+    notice.said = 0;
+    for (const ListMember& member : members) { // without the version, which is new each time
+        notice.said = notice.said * 31 + std::hash<std::string>()(member.uri + member.state + member.document);
+    }
+    notice.body = listBody(list.presentityUri(), static_cast<unsigned>(list.version), members);
+    return notice;
+}
+
+Notice watchersNotice(const Subscription& subscription, const Occasion& occasion)
+{
+    Notice notice;
+    notice.body = {kWatchersType,
+                   watcherDocument(subscription.presentityUri(), "presence",
+                                   static_cast<unsigned>(subscription.version), occasion.watchers)};
+    return notice;
+}
+
+Notice noticeOf(PresenceService& service, const Subscription& subscription, const Occasion& occasion)
+{
+    switch (subscription.package) {
+    case Package::presence:
+        return presenceNotice(service, subscription);
+    case Package::presenceList:
+        return listNotice(service, subscription);
+    case Package::watchers:
+        break;
+    }
+    return watchersNotice(subscription, occasion);
+}
+
+} // namespace
+
+Notice compose(PresenceService& service, Subscription& next, const Occasion& occasion)
+{
+    Notice notice;
+    if (!occasion.silent) {
+        notice = noticeOf(service, next, occasion);
+    }
+    if (!occasion.ends.empty() && notice.state != SubscriptionState::terminated) {
+        notice.state = SubscriptionState::terminated;
+        notice.reason = occasion.ends;
+    }
+    if (notice.said == 0) {
+        notice.said = std::hash<std::string>()(notice.body.text);
+    }
+    notice.said += static_cast<std::size_t>(notice.state) + 1;
+    notice.due = occasion.always || notice.said != occasion.said;
+    if (notice.failed || !notice.due) {
+        return notice;
+    }
+    next.state = notice.state;
+    ++next.version;
+    if (occasion.stored) {
+        notice.failed =
+            !(notice.state == SubscriptionState::terminated ? remove(service, next) : storeNotify(service, next));
+    }
+    return notice;
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <common/Endpoint.h>
+#include <common/Loop.h>
+#include <common/Workers.h>
+#include <events/Composer.h>
+#include <events/Session.h>
+#include <events/Subscription.h>
+
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace oryx::sip {
+
+/// All subscriptions, and what their subscribers are sent (RFC 6665 section 4.2). Of the SIP thread; what it knows is
+/// in the database as well, in which it is looked up only after a restart.
+///
+/// A subscriber gets one NOTIFY after another: what happens before one is answered is told by the next, all together.
+class Notifier {
+public:
+    Notifier(Loop& loop, Workers<EventSession>& workers);
+    ~Notifier();
+    Notifier(const Notifier&) = delete;
+    Notifier& operator=(const Notifier&) = delete;
+
+    /// Once the sockets are there: where NOTIFY is sent from.
+    void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
+    /// Goes on with what was stored before the server was started; `done` is called then.
+    void resume(std::function<void()> done);
+
+    /// Begins a subscription that is stored, with its first NOTIFY.
+    void add(Subscription subscription);
+    /// Sends the one NOTIFY to somebody who only fetches what is there.
+    void addFetch(Subscription subscription);
+    /// A subscription that has not ended; null when there is none.
+    const Subscription* find(const std::string& id) const;
+    /// Takes over what a refresh has changed, and sends a NOTIFY (RFC 6665 section 4.2.1.4). False when it has ended.
+    bool refresh(const Subscription& refreshed);
+    /// Ends a subscription with a last NOTIFY. False when it had ended.
+    bool end(const std::string& id, const std::string& reason);
+
+    /// What is published of a presentity, "user@domain", has changed.
+    void publicationChanged(const std::string& presentity);
+    /// Anything may have changed.
+    void lookAgain();
+    /// Ends whatever is under way.
+    void stop();
+
+private:
+    /// A subscription, and what is under way for it.
+    struct Watch {
+        Subscription subscription;
+        Occasion next;         ///< What the next NOTIFY is to be for.
+        bool wanted = false;   ///< Whether there is to be one.
+        bool underWay = false; ///< One is being made, or has not been answered.
+        std::string cause = "subscribe"; ///< What has made the state what it is, as watcher information calls it.
+        std::set<std::string> members;   ///< Of its list: the presentities that it is about, beside its own.
+        nta_outgoing_t* transaction = nullptr;
+        Notifier* notifier = nullptr;
+        std::unique_ptr<Timer> expiry;
+
+        ~Watch();
+    };
+    using Watches = std::unordered_map<std::string, std::unique_ptr<Watch>>;
+    /// Whom each presentity's changes concern.
+    using Index = std::unordered_map<std::string, std::set<Watch*>>;
+
+    Watch& insert(Subscription subscription);
+    void schedule(Watch& watch);
+    void expire(Watch& watch);
+    void want(Watch& watch, bool always);
+    void want(Watch& watch, const std::string& ends, bool silent = false);
+    void begin(Watch& watch);
+    void take(const std::string& id, const Subscription& next, Notice notice);
+    void takeMembers(Watch& watch, const std::vector<std::string>& members);
+    void retry();
+    void send(Watch& watch, const Notice& notice);
+    static int responded(void* watch, nta_outgoing_t* transaction, const sip_t* sip);
+    void answered(Watch& watch, int status);
+    void finish(Watch& watch);
+    void erase(Watch& watch);
+    void watchersChanged(const Watch& watch);
+    std::vector<WatcherEntry> watchersOf(const std::string& presentity) const;
+    void sweep();
+
+    Loop& m_loop;
+    Workers<EventSession>& m_workers;
+    const Endpoint* m_endpoint = nullptr;
+    Watches m_watches;
+    Index m_watching;        // presentity to subscriptions to his presence, by himself or by a list
+    Index m_watchingWatchers; // presentity to subscriptions to his watchers
+    Timer m_retry;
+    Timer m_sweep;
+};
+
+} // namespace oryx::sip

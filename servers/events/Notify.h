@@ -1,0 +1,12 @@
+#pragma once
+
+#include <common/Endpoint.h>
+#include <events/Composer.h>
+#include <events/Subscription.h>
+
+namespace oryx::sip {
+
+/// The NOTIFY request of a subscription (RFC 6665 section 4.2.2) within its dialog (RFC 3261 section 12.2.1.1).
+Message notifyRequest(const Endpoint& endpoint, const Subscription& subscription, const Notice& notice);
+
+} // namespace oryx::sip
