@@ -19,14 +19,14 @@ inline constexpr std::size_t kLongestPublication = 65536;
 /// What a PUBLISH request asks for (RFC 3903 section 4.1).
 /// \ingroup publications
 struct PublishRequest {
-    /// The event package, as the server writes it; at most 64 characters.
+    /// The event package, as the server writes it.
     std::string event;
     /// The value of SIP-If-Match: the entity tag of the publication that is refreshed, modified or removed. Empty: an
     /// initial publication.
     std::string entityTag;
     /// For how many seconds from now, by the database's clock; 0 removes the publication.
     std::uint32_t expires = 3600;
-    /// The body's Content-Type, at most 255 characters.
+    /// The body's Content-Type.
     std::string contentType;
     /// What is published, at most `kLongestPublication` bytes; empty: a refresh, or a removal.
     std::string body;

@@ -6,12 +6,12 @@ SET LOCAL ROLE oryx_owner;
 -- server: of an address that is gone nothing is found, nor of one made anew in its name, and time removes it.
 CREATE TABLE publication (
     public_address_id integer,
-    event             text CHECK (event <> '' AND length(event) <= 64),
+    event             text CHECK (event <> ''),
     first_tag         text,              -- the entity tag that it was added with: its name from then on
     entity_tag        text NOT NULL,     -- the latest, by which its source knows it
     presentity        text NOT NULL,     -- user@domain, as it is announced
     expires           bigint NOT NULL,   -- seconds since the epoch
-    content_type      text NOT NULL CHECK (length(content_type) <= 255),
+    content_type      text NOT NULL,
     body              text NOT NULL CHECK (octet_length(body) <= 65536),  -- empty: removed
     modified          timestamp with time zone NOT NULL DEFAULT clock_timestamp(),
     PRIMARY KEY (public_address_id, event, first_tag)

@@ -258,6 +258,7 @@ TEST_F(RolesTried, EventServersKeepTheirStateAndSweepContacts)
               "node: SELECT\n"
               "presence_list_authorization: SELECT\n"
               "public_address: SELECT UPDATE(id)\n"
+              "publication: SELECT INSERT UPDATE DELETE\n"
               "select_all_obsolete_conf_ext_not_in_use: SELECT\n"
               "select_all_valid_conf_ext: SELECT\n"
               "sending: SELECT(session number answer) INSERT(session number answer) UPDATE(number answer sent_at)\n"
@@ -265,8 +266,12 @@ TEST_F(RolesTried, EventServersKeepTheirStateAndSweepContacts)
               "subscription_states: SELECT INSERT UPDATE DELETE\n"
               "system_parameters: SELECT\n"
               "watcherinfo: SELECT INSERT UPDATE DELETE\n"
+              "apply_publication: EXECUTE\n"
+              "current_second: EXECUTE\n"
+              "remove_expired_publications: EXECUTE\n"
               "reserve_one_available_conf_ext_randomly: EXECUTE\n"
-              "sending_has_taken_effect: EXECUTE\n");
+              "sending_has_taken_effect: EXECUTE\n"
+              "take_registration_turn: EXECUTE\n");
 }
 
 TEST_F(RolesTried, ProvisioningWritesWhatServersFindAndReadsNoPassword)
@@ -336,6 +341,7 @@ TEST_F(RolesTried, OperatorsReadAllButPasswordsAndTrimTheLog)
                                          "proxy_configuration: SELECT\n"
                                          "public_address: SELECT\n"
                                          "public_address_not_in_lower_case: SELECT\n"
+                                         "publication: SELECT\n"
                                          "schema_migration: SELECT\n"
                                          "select_all_obsolete_conf_ext_not_in_use: SELECT\n"
                                          "select_all_valid_conf_ext: SELECT\n"
@@ -377,6 +383,7 @@ TEST_F(RolesTried, ReadersReadAllButPasswords)
                                        "proxy_configuration: SELECT\n"
                                        "public_address: SELECT\n"
                                        "public_address_not_in_lower_case: SELECT\n"
+                                       "publication: SELECT\n"
                                        "schema_migration: SELECT\n"
                                        "select_all_obsolete_conf_ext_not_in_use: SELECT\n"
                                        "select_all_valid_conf_ext: SELECT\n"
