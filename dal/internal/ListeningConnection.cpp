@@ -36,12 +36,21 @@ SessionOptions sessionOptions(const ChangeListenerOptions& options)
     return {options.session.statements, bounded(options.answerTime)};
 }
 
+TableSet tablesOf(const ChangeListenerOptions& options)
+{
+    TableSet tables;
+    for (std::size_t i = 0; i < tables.size(); ++i) {
+        tables.set(i, i == kPublications ? options.publications : i != kAccessRules || options.accessRules);
+    }
+    return tables;
+}
+
 } // namespace
 
 ListeningConnection::ListeningConnection(const ChangeListenerOptions& options, const StopSignal& stop)
     : m_idleCheck(bounded(options.idleCheck)),
       m_answerTime(bounded(options.answerTime)),
-      m_tables(options.publications ? kAnnouncedTables.size() : kNotifierTables.size()),
+      m_tables(tablesOf(options)),
       m_stop(stop),
       m_channel(ownChannel())
 {
@@ -55,17 +64,17 @@ bool ListeningConnection::open(const std::string& uri, const std::string& user, 
         !hearsOthers(uri, user, password)) {
         return false;
     }
-    for (std::size_t i = 0; i < m_tables; ++i) {
-        m_announced.set(i); // what was announced before has gone by unheard
-    }
+    m_announced = m_tables; // what was announced before has gone by unheard
     return true;
 }
 
 bool ListeningConnection::subscribe()
 {
     std::string text;
-    for (std::size_t i = 0; i < m_tables; ++i) {
-        text += spliced("LISTEN {};", kAnnouncedTables.at(i));
+    for (std::size_t i = 0; i < m_tables.size(); ++i) {
+        if (m_tables.test(i)) {
+            text += spliced("LISTEN {};", kAnnouncedTables.at(i));
+        }
     }
     text += spliced("LISTEN {};", m_channel);
     QueryResult result;

@@ -43,7 +43,7 @@ private:
 
     std::chrono::milliseconds m_idleCheck;
     std::chrono::milliseconds m_answerTime;
-    std::size_t m_tables; // of kAnnouncedTables, those that are subscribed to
+    TableSet m_tables; // those that are subscribed to
     const StopSignal& m_stop;
     Frame m_frame{"oryx"};
     TableSet m_announced;

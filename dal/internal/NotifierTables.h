@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 
 namespace oryx {
 
@@ -11,11 +12,14 @@ inline constexpr std::array kNotifierTables{
     "acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
     "subscriber", "contact_set", "sip_event_aggregator"};
 
-/// The same, and what else is announced to those who ask for it.
+/// The same, and what else is announced to those who ask for it: publications, and who may watch whom.
+inline constexpr std::size_t kPublications = kNotifierTables.size();
+inline constexpr std::size_t kAccessRules = kPublications + 1;
 inline constexpr auto kAnnouncedTables = [] {
-    std::array<const char*, kNotifierTables.size() + 1> tables{};
+    std::array<const char*, kAccessRules + 1> tables{};
     std::copy(kNotifierTables.begin(), kNotifierTables.end(), tables.begin());
-    tables.back() = "publication";
+    tables[kPublications] = "publication";
+    tables[kAccessRules] = "access_control_list"; // not in the change log
     return tables;
 }();
 

@@ -57,6 +57,15 @@ std::optional<Address> addressOf(const url_t& url)
     return address.domain.empty() || !canBeStored(address.domain.c_str()) ? std::nullopt : std::optional(address);
 }
 
+std::optional<Address> addressOf(const char* uri)
+{
+    su_home_t home[1] = {SU_HOME_INIT(home)};
+    const url_t* const url = url_make(home, uri);
+    std::optional<Address> address = url != nullptr ? addressOf(*url) : std::nullopt;
+    su_home_deinit(home);
+    return address;
+}
+
 std::string normalized(const url_t& url)
 {
     url_t copy = url;

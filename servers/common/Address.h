@@ -21,6 +21,7 @@ struct Address {
 /// The address in a SIP URI; none where it is no SIP URI, or holds what no text in the database can: control characters
 /// or broken UTF-8.
 std::optional<Address> addressOf(const url_t& url);
+std::optional<Address> addressOf(const char* uri);
 /// A URI's host in lower case, without the final dot; empty where there is none.
 std::string hostOf(const url_t& url);
 /// Whether a text can stand in the database.

@@ -30,6 +30,8 @@ public:
     msg_t* message() const { return m_request.get(); }
     nta_agent_t* agent() const { return m_agent; }
     bool answered() const { return m_answered; }
+    /// The tag in To of this server's own answers.
+    std::string tag() const { return nta_incoming_tag(m_transaction, nullptr); }
 
     /// An answer of this server's own, with the header fields that the tags say.
     template <typename... Tags>

@@ -11,11 +11,20 @@ namespace oryx::sip {
 
 namespace {
 
-ChangeListenerOptions boundListening()
+ChangeListenerOptions boundListening(bool presence)
 {
     ChangeListenerOptions options;
     options.session.statements = SessionOptions::Statements::bound;
+    options.followLog = presence;
+    options.publications = presence;
+    options.accessRules = presence;
     return options;
+}
+
+/// Not what telephones bring about.
+bool isProvisioned(const ChangedTable& table)
+{
+    return table.name != "publication";
 }
 
 } // namespace
@@ -24,14 +33,16 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
     : m_options(options),
       m_onChanges(std::move(onChanges)),
       m_domains(nullptr),
-      m_listener(options.database, options.user, options.password, boundListening())
+      m_listener(options.database, options.user, options.password, boundListening(m_onChanges != nullptr))
 {
     m_lists.push_back(std::make_unique<const Domains>());
     m_domains = m_lists.back().get();
     m_thread = std::thread([this] {
         m_listener.run([this](const ChangeSet& changes) {
-            m_changes.fetch_add(1, std::memory_order_release);
-            readDomainsAtLast(); // which has no announcement of its own: with every other
+            if (std::any_of(changes.tables.begin(), changes.tables.end(), isProvisioned)) {
+                m_changes.fetch_add(1, std::memory_order_release);
+                readDomainsAtLast(); // which has no announcement of its own: with every other
+            }
             if (m_onChanges) {
                 m_onChanges(changes);
             }

@@ -17,7 +17,8 @@ namespace oryx::sip {
 /// Heard of on a thread of its own.
 class Provisioning {
 public:
-    /// Gets the changes, on the thread that hears of them.
+    /// Gets the changes, on the thread that hears of them; those of publications and access rules too, and whose
+    /// publications have changed.
     using OnChanges = std::function<void(const ChangeSet& changes)>;
 
     explicit Provisioning(const Options& options, OnChanges onChanges = nullptr);

@@ -26,25 +26,26 @@ struct View {
 std::optional<View> viewOf(PresenceService& service, const Address& presentity, const Address& watcher)
 {
     std::vector<LivePublication> published;
-    switch (permissionOf(service, presentity, watcher)) {
-    case Permission::unknown:
+    const DatabaseResult found =
+        livePublications(service, presentity.handle.c_str(), presentity.domain.c_str(), "presence", published);
+    if (found.getStatus() == DatabaseResult::NOTFOUND) { // there is no such person, or not any more
+        return View{SubscriptionState::terminated, "noresource", ""};
+    }
+    const Permission permission = permissionOf(service, presentity, watcher);
+    if (!found.okay() || permission == Permission::unknown) {
         return std::nullopt;
-    case Permission::blocked:
+    }
+    if (permission == Permission::blocked) {
         return View{SubscriptionState::terminated, "rejected", ""};
-    case Permission::unsettled:
+    }
+    if (permission == Permission::unsettled) {
         return View{SubscriptionState::pending, "", ""};
-    case Permission::deceived:
-        break;
-    case Permission::allowed:
-        if (!livePublications(service, presentity.handle.c_str(), presentity.domain.c_str(), "presence", published)
-                 .okay()) {
-            return std::nullopt;
-        }
-        break;
     }
     std::vector<std::string> documents;
     for (LivePublication& publication : published) {
-        documents.push_back(std::move(publication.body));
+        if (permission == Permission::allowed) {
+            documents.push_back(std::move(publication.body));
+        }
     }
     return View{SubscriptionState::active, "", presenceDocument("sip:" + presentity.text(), documents)};
 }
@@ -75,19 +76,12 @@ Notice presenceNotice(PresenceService& service, const Subscription& subscription
 std::optional<ListMember> memberOf(PresenceService& service, const Subscription& list, const std::string& uri,
                                    Notice& notice)
 {
-    const std::optional<Address> address = addressOf(uri.c_str());
-    int key = 0;
-    int csid = 0;
     ListMember member{uri, "", "", "terminated", "noresource", ""};
+    const std::optional<Address> address = addressOf(uri.c_str());
     if (!address) {
         return member;
     }
-    const DatabaseResult known =
-        service.getPublicAddressKey(address->handle.c_str(), address->domain.c_str(), key, csid);
-    if (known.getStatus() == DatabaseResult::NOTFOUND) {
-        return member;
-    }
-    const std::optional<View> view = known.okay() ? viewOf(service, *address, list.watcher) : std::nullopt;
+    const std::optional<View> view = viewOf(service, *address, list.watcher);
     if (!view) {
         return std::nullopt;
     }
@@ -132,9 +126,8 @@ Notice listNotice(PresenceService& service, const Subscription& list)
 Notice watchersNotice(const Subscription& subscription, const Occasion& occasion)
 {
     Notice notice;
-    notice.body = {kWatchersType,
-                   watcherDocument(subscription.presentityUri(), "presence",
-                                   static_cast<unsigned>(subscription.version), occasion.watchers)};
+    notice.body = {kWatchersType, watcherDocument(subscription.presentityUri(), "presence",
+                                                  static_cast<unsigned>(subscription.version), occasion.watchers)};
     return notice;
 }
 

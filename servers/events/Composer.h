@@ -13,11 +13,11 @@ namespace oryx::sip {
 
 /// What a NOTIFY is wanted for.
 struct Occasion {
-    bool always = false;     ///< It is due even where it says what the last one said.
-    std::size_t said = 0;    ///< What that was.
-    std::string ends;        ///< Why the subscription ends, as Subscription-State says it; empty: it does not.
-    bool silent = false;     ///< It ends, and its subscriber is not there to be told.
-    bool stored = true;      ///< Not one that only fetches what is there.
+    bool always = false;  ///< It is due even where it says what the last one said.
+    std::size_t said = 0; ///< What that was.
+    std::string ends;     ///< Why the subscription ends, as Subscription-State says it; empty: it does not.
+    bool silent = false;  ///< It ends, and its subscriber is not there to be told.
+    bool stored = true;   ///< Not one that only fetches what is there.
     std::vector<WatcherEntry> watchers; ///< The presentity's, where it is about them.
 };
 
@@ -32,8 +32,8 @@ struct Notice {
     std::vector<std::string> members; ///< The addresses on the list, where it is about one.
 };
 
-/// Makes a subscription's next NOTIFY from what the database has, and stores what it changes. `next` is the subscription
-/// with the NOTIFY's CSeq; its state becomes the NOTIFY's. Called by workers.
+/// Makes a subscription's next NOTIFY from what the database has, and stores what it changes. `next` is the
+/// subscription with the NOTIFY's CSeq; its state becomes the NOTIFY's. Called by workers.
 Notice compose(PresenceService& service, Subscription& next, const Occasion& occasion);
 
 } // namespace oryx::sip

@@ -17,8 +17,10 @@ namespace {
 /// Before what the database could not be asked for is asked again, or what the workers had no room for.
 constexpr std::chrono::milliseconds kRetryPause{200};
 
+constexpr int kTimeout = 408; // or somebody else's, on the way
 /// Answers after which the subscriber, or his dialog, is not there any more (RFC 6665 section 4.2.2, RFC 5057 section
-/// 5.1): 408 is also what there is when he has not answered.
+/// 5.1): 408 is also
+/// what there is when he has not answered.
 bool endsSubscription(int status)
 {
     constexpr std::array kEnding{404, 405, 408, 410, 416, 480, 481, 482, 483, 484, 485, 489, 501, 604};
@@ -26,6 +28,14 @@ bool endsSubscription(int status)
 }
 
 } // namespace
+
+Notifier::Watch::Watch(Notifier& of, Subscription what)
+    : notifier(of),
+      subscription(std::move(what)),
+      cause("subscribe"),
+      expiry(of.m_loop, [this] { notifier.expire(*this); })
+{
+}
 
 Notifier::Watch::~Watch()
 {
@@ -41,26 +51,43 @@ Notifier::Notifier(Loop& loop, Workers<EventSession>& workers)
 
 Notifier::~Notifier() = default;
 
-void Notifier::resume(std::function<void()> done)
+void Notifier::resume(std::function<void()> resumed)
+{
+    m_resumed = std::move(resumed);
+    load();
+}
+
+void Notifier::load()
 {
     using Loaded = std::pair<bool, std::vector<Subscription>>;
     const auto work = [](EventSession& session) {
         Loaded loaded;
-        loaded.first = load(session.service(), loaded.second);
+        loaded.first = sip::load(session.service(), loaded.second);
         return loaded;
     };
-    const bool given = m_workers.give(0, work, [this, done](Loaded loaded) {
+    const auto then = [this](Loaded loaded) {
         if (!loaded.first) {
-            resume(done);
+            m_retry.set(kRetryPause);
             return;
         }
         for (Subscription& subscription : loaded.second) {
-            want(insert(std::move(subscription)), true); // what has changed meanwhile nobody knows
+            resume(insert(std::move(subscription)));
         }
-        done();
-    });
-    if (!given) {
-        resumeLater(done);
+        m_loaded = true;
+        m_resumed();
+    };
+    if (!m_workers.give(0, work, then)) {
+        m_retry.set(kRetryPause);
+    }
+}
+
+/// What has changed while the server was away nobody knows, but for what has expired.
+void Notifier::resume(Watch& watch)
+{
+    if (watch.subscription.expires <= std::time(nullptr)) {
+        wantEnd(watch, "timeout");
+    } else {
+        want(watch, true);
     }
 }
 
@@ -75,8 +102,8 @@ void Notifier::addFetch(Subscription subscription)
 {
     const std::string id = subscription.id;
     Watch& watch = *m_watches.emplace(id, std::make_unique<Watch>(*this, std::move(subscription))).first->second;
-    watch.next.stored = false;
-    want(watch, "timeout");
+    watch.occasion.stored = false;
+    wantEnd(watch, "timeout");
 }
 
 const Subscription* Notifier::find(const std::string& id) const
@@ -105,7 +132,7 @@ bool Notifier::end(const std::string& id, const std::string& reason)
     if (find(id) == nullptr) {
         return false;
     }
-    want(*m_watches.at(id), reason);
+    wantEnd(*m_watches.at(id), reason);
     return true;
 }
 
@@ -124,6 +151,16 @@ void Notifier::lookAgain()
     for (const auto& [id, watch] : m_watches) {
         if (watch->subscription.package != Package::watchers) {
             want(*watch, false);
+        }
+    }
+}
+
+void Notifier::contactExpired(const std::string& watcher, const std::string& contact)
+{
+    for (const auto& [id, watch] : m_watches) {
+        const Subscription& subscription = watch->subscription;
+        if (subscription.watcher.text() == watcher && subscription.contact == contact) {
+            wantEnd(*watch, "timeout");
         }
     }
 }
@@ -151,7 +188,7 @@ void Notifier::expire(Watch& watch)
     if (watch.subscription.expires > std::time(nullptr)) {
         schedule(watch);
     } else {
-        want(watch, "timeout");
+        wantEnd(watch, "timeout");
     }
 }
 
@@ -159,19 +196,18 @@ void Notifier::expire(Watch& watch)
 void Notifier::want(Watch& watch, bool always)
 {
     watch.wanted = true;
-    watch.next.always = watch.next.always || always;
+    watch.wantedAlways = watch.wantedAlways || always;
     begin(watch);
 }
 
-/// Has a subscription end with a NOTIFY, or without one.
-void Notifier::want(Watch& watch, const std::string& ends, bool silent)
+/// Has a subscription end, with its last NOTIFY.
+void Notifier::wantEnd(Watch& watch, const std::string& reason)
 {
     if (watch.ending()) {
         return;
     }
-    watch.cause = ends;
-    watch.next.ends = ends;
-    watch.next.silent = silent;
+    watch.cause = reason;
+    watch.occasion.ends = reason;
     watchersChanged(watch);
     want(watch, true);
 }
@@ -181,33 +217,39 @@ void Notifier::begin(Watch& watch)
     if (watch.underWay || !watch.wanted) {
         return;
     }
+    watch.occasion.always = watch.wantedAlways;
     if (watch.subscription.package == Package::watchers) {
-        watch.next.watchers = watchersOf(watch.subscription.presentity.text());
+        watch.occasion.watchers = watchersOf(watch.subscription.presentity.text());
     }
-    auto work = [next = watch.subscription, occasion = watch.next](EventSession& session) mutable {
+    auto work = [next = watch.subscription, occasion = watch.occasion](EventSession& session) mutable {
         ++next.notifyCseq;
         Notice notice = compose(session.service(), next, occasion);
         return std::pair(std::move(next), std::move(notice));
     };
-    auto then = [this, id = watch.subscription.id](std::pair<Subscription, Notice> made) {
+    auto then = [this, id = watch.subscription.id](const std::pair<Subscription, Notice>& made) {
         take(id, made.first, made.second);
     };
     watch.underWay = m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then));
     if (watch.underWay) {
         watch.wanted = false;
-        watch.next.always = false;
+        watch.wantedAlways = false;
     } else {
         m_retry.set(kRetryPause);
     }
 }
 
+/// What a worker has made; `next` is the subscription with it.
 void Notifier::take(const std::string& id, const Subscription& next, const Notice& notice)
 {
-    Watch& watch = *m_watches.at(id);
+    const auto found = m_watches.find(id);
+    if (found == m_watches.end()) { // the server is about to end
+        return;
+    }
+    Watch& watch = *found->second;
     if (notice.failed) {
         watch.underWay = false;
         watch.wanted = true;
-        watch.next.always = true;
+        watch.wantedAlways = watch.wantedAlways || watch.occasion.always;
         m_retry.set(kRetryPause);
         return;
     }
@@ -217,17 +259,22 @@ void Notifier::take(const std::string& id, const Subscription& next, const Notic
     }
     watch.subscription.notifyCseq = next.notifyCseq;
     watch.subscription.version = next.version;
-    watch.next.said = notice.said;
-    const SubscriptionState before = std::exchange(watch.subscription.state, notice.state);
+    watch.occasion.said = notice.said;
     takeMembers(watch, notice.members);
-    if (before != notice.state && !watch.ending()) {
-        watch.cause = notice.state == SubscriptionState::active ? "approved" : notice.reason;
-        watchersChanged(watch);
-    }
-    if (watch.next.silent) {
+    takeState(watch, notice);
+    if (watch.occasion.silent) {
         erase(watch);
     } else {
         send(watch, notice);
+    }
+}
+
+void Notifier::takeState(Watch& watch, const Notice& notice)
+{
+    const bool ending = watch.ending();
+    if (std::exchange(watch.subscription.state, notice.state) != notice.state && !ending) {
+        watch.cause = notice.state == SubscriptionState::active ? "approved" : notice.reason;
+        watchersChanged(watch);
     }
 }
 
@@ -248,6 +295,9 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
 
 void Notifier::retry()
 {
+    if (!m_loaded) {
+        load();
+    }
     for (const auto& [id, watch] : m_watches) {
         begin(*watch);
     }
@@ -256,10 +306,10 @@ void Notifier::retry()
 void Notifier::send(Watch& watch, const Notice& notice)
 {
     Message request = notifyRequest(*m_endpoint, watch.subscription, notice);
-    watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, nullptr,
-                                             request.release(), TAG_END());
+    watch.transaction =
+        nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, nullptr, request.release(), TAG_END());
     if (watch.transaction == nullptr) { // nowhere: no such host
-        answered(watch, SIP_408_REQUEST_TIMEOUT_STATUS);
+        answered(watch, kTimeout);
     }
 }
 
@@ -279,11 +329,10 @@ void Notifier::answered(Watch& watch, int status)
         nta_outgoing_destroy(transaction);
     }
     if (watch.subscription.state != SubscriptionState::terminated && endsSubscription(status)) {
-        watch.underWay = false;
-        want(watch, status == 408 ? "timeout" : "giveup", true);
-    } else {
-        finish(watch);
+        watch.occasion.silent = true;
+        wantEnd(watch, status == kTimeout ? "timeout" : "giveup");
     }
+    finish(watch);
 }
 
 /// What was under way for a subscription is done: the next, or its end.
@@ -294,6 +343,14 @@ void Notifier::finish(Watch& watch)
         erase(watch);
     } else {
         begin(watch);
+    }
+}
+
+void Notifier::forget(Index& index, const std::string& presentity, Watch& watch)
+{
+    const auto found = index.find(presentity);
+    if (found != index.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
+        index.erase(found);
     }
 }
 
@@ -326,6 +383,9 @@ std::vector<WatcherEntry> Notifier::watchersOf(const std::string& presentity) co
     const std::time_t now = std::time(nullptr);
     for (const Watch* const watch : watching->second) {
         const Subscription& subscription = watch->subscription;
+        if (subscription.package != Package::presence) {
+            continue;
+        }
         const SubscriptionState state = watch->ending() ? SubscriptionState::terminated : subscription.state;
         entries.push_back({"sip:" + subscription.watcher.text(), subscription.id.substr(subscription.id.find('#') + 1),
                            textOf(state), watch->cause, static_cast<long>(subscription.expires - now)});

@@ -30,8 +30,10 @@ public:
 
     /// Once the sockets are there: where NOTIFY is sent from.
     void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
-    /// Goes on with what was stored before the server was started; `done` is called then.
-    void resume(std::function<void()> done);
+    /// Goes on with what was stored before the server was started, and calls `resumed` then.
+    void resume(std::function<void()> resumed);
+    /// Whether that has come about: until then nobody knows what there is.
+    bool resumed() const { return m_loaded; }
 
     /// Begins a subscription that is stored, with its first NOTIFY.
     void add(Subscription subscription);
@@ -48,23 +50,31 @@ public:
     void publicationChanged(const std::string& presentity);
     /// Anything may have changed.
     void lookAgain();
+    /// A registration of the watcher, "user@domain", has expired: what he has subscribed to from there ends.
+    void contactExpired(const std::string& watcher, const std::string& contact);
     /// Ends whatever is under way.
     void stop();
 
 private:
     /// A subscription, and what is under way for it.
     struct Watch {
-        Subscription subscription;
-        Occasion next;         ///< What the next NOTIFY is to be for.
-        bool wanted = false;   ///< Whether there is to be one.
-        bool underWay = false; ///< One is being made, or has not been answered.
-        std::string cause = "subscribe"; ///< What has made the state what it is, as watcher information calls it.
-        std::set<std::string> members;   ///< Of its list: the presentities that it is about, beside its own.
-        nta_outgoing_t* transaction = nullptr;
-        Notifier* notifier = nullptr;
-        std::unique_ptr<Timer> expiry;
-
+        Watch(Notifier& of, Subscription what);
         ~Watch();
+        Watch(const Watch&) = delete;
+        Watch& operator=(const Watch&) = delete;
+
+        bool ending() const { return !occasion.ends.empty() || subscription.state == SubscriptionState::terminated; }
+
+        Notifier& notifier;
+        Subscription subscription;
+        Occasion occasion;             ///< Of the NOTIFY that is under way, or of the last one.
+        bool wanted = false;           ///< Whether there is to be another.
+        bool wantedAlways = false;     ///< And even if it says nothing new.
+        bool underWay = false;         ///< One is being made, or has not been answered.
+        std::string cause;             ///< What has made the state what it is, as watcher information calls it.
+        std::set<std::string> members; ///< The presentities on the list.
+        nta_outgoing_t* transaction = nullptr;
+        Timer expiry;
     };
     using Watches = std::unordered_map<std::string, std::unique_ptr<Watch>>;
     /// Whom each presentity's changes concern.
@@ -74,9 +84,13 @@ private:
     void schedule(Watch& watch);
     void expire(Watch& watch);
     void want(Watch& watch, bool always);
-    void want(Watch& watch, const std::string& ends, bool silent = false);
+    void wantEnd(Watch& watch, const std::string& reason);
     void begin(Watch& watch);
-    void take(const std::string& id, const Subscription& next, Notice notice);
+    void take(const std::string& id, const Subscription& next, const Notice& notice);
+    void takeState(Watch& watch, const Notice& notice);
+    void load();
+    void resume(Watch& watch);
+    static void forget(Index& index, const std::string& presentity, Watch& watch);
     void takeMembers(Watch& watch, const std::vector<std::string>& members);
     void retry();
     void send(Watch& watch, const Notice& notice);
@@ -86,16 +100,16 @@ private:
     void erase(Watch& watch);
     void watchersChanged(const Watch& watch);
     std::vector<WatcherEntry> watchersOf(const std::string& presentity) const;
-    void sweep();
 
     Loop& m_loop;
     Workers<EventSession>& m_workers;
     const Endpoint* m_endpoint = nullptr;
     Watches m_watches;
-    Index m_watching;        // presentity to subscriptions to his presence, by himself or by a list
+    Index m_watching;         // presentity to subscriptions to his presence, by himself or by a list
     Index m_watchingWatchers; // presentity to subscriptions to his watchers
     Timer m_retry;
-    Timer m_sweep;
+    std::function<void()> m_resumed;
+    bool m_loaded = false;
 };
 
 } // namespace oryx::sip

@@ -34,9 +34,8 @@ Permission permissionOf(PresenceService& service, const Address& presentity, con
         return Permission::unknown;
     }
     for (const std::string& requester : {watcher.text(), "*@" + watcher.domain, std::string("*")}) {
-        const auto rule = std::find_if(rules.begin(), rules.end(), [&](const AccessControlEntry& entry) {
-            return entry.requester() == requester;
-        });
+        const auto rule = std::find_if(rules.begin(), rules.end(),
+                                       [&](const AccessControlEntry& entry) { return entry.requester() == requester; });
         if (rule != rules.end()) {
             return permissionBy(rule->action());
         }

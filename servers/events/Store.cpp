@@ -74,8 +74,7 @@ bool store(PresenceService& service, const Subscription& subscription)
 
 bool storeRefresh(PresenceService& service, const Subscription& subscription)
 {
-    if (!service
-             .updateWatcherContact(subscription.id.c_str(), subscription.contact.c_str(), subscription.subscribeCseq)
+    if (!service.updateWatcherContact(subscription.id.c_str(), subscription.contact.c_str(), subscription.subscribeCseq)
              .okay()) {
         return false;
     }

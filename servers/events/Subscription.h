@@ -30,8 +30,8 @@ struct Subscription {
     Package package = Package::presence;
     Address presentity; ///< Or the list: its name as the handle.
     Address watcher;
-    std::string from;    ///< The watcher's end, as in SUBSCRIBE.
-    std::string to;      ///< This end, with its tag.
+    std::string from; ///< The watcher's end, as in SUBSCRIBE.
+    std::string to;   ///< This end, with its tag.
     std::string callId;
     std::string event;   ///< The whole Event header field.
     std::string contact; ///< Where NOTIFY goes: a URI.

@@ -18,6 +18,8 @@ protected:
 
     /// Starts the registrar with these options beside its sockets and its database, and waits until it is ready.
     void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
+    /// The same with the event server.
+    void startEvents(const std::vector<std::string>& options = {"--auth", "none"});
     /// Ends it as an operator does; its exit status.
     int stop();
 
@@ -33,6 +35,9 @@ protected:
     server::Session m_session;
     int m_port;
     std::unique_ptr<Program> m_server;
+
+private:
+    void start(const char* program, const std::vector<std::string>& options);
 };
 
 /// The status line of an answer.

@@ -1,0 +1,41 @@
+#include <events/Changes.h>
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+namespace oryx::sip {
+
+void Changes::hear(const ChangeSet& changes)
+{
+    auto news = std::make_unique<News>();
+    for (const ChangedTable& table : changes.tables) {
+        news->anything = news->anything || table.name != "publication" || table.readAgain;
+        for (const DatabaseUpdate& row : table.rows) {
+            news->presentities.insert(row.strpkey());
+        }
+    }
+    constexpr std::chrono::milliseconds kPause{1};
+    while (!m_news.push(news) && !m_stopped) {
+        std::this_thread::sleep_for(kPause);
+    }
+    m_bell.ring();
+}
+
+void Changes::tell(Loop& loop, Notifier& notifier)
+{
+    loop.watch(m_bell.descriptor(), [this, &notifier] {
+        m_bell.await();
+        for (std::unique_ptr<News> news = m_news.pop(); news; news = m_news.pop()) {
+            if (news->anything) {
+                notifier.lookAgain();
+                continue;
+            }
+            for (const std::string& presentity : news->presentities) {
+                notifier.publicationChanged(presentity);
+            }
+        }
+    });
+}
+
+} // namespace oryx::sip

@@ -1,0 +1,67 @@
+// oryx-events: presence, who watches it, and lists of it (RFC 6665, 3856, 3857, 4662), whose state is the database's.
+
+#include <common/Ending.h>
+#include <common/Endpoint.h>
+#include <common/Server.h>
+#include <common/Workers.h>
+#include <events/Changes.h>
+#include <events/Notifier.h>
+#include <events/Subscriber.h>
+
+#include <memory>
+#include <optional>
+
+namespace {
+
+using namespace oryx::sip;
+
+constexpr const char* kAllow = "SUBSCRIBE, PUBLISH, OPTIONS";
+
+void run(Loop& loop, const Options& options, int signals)
+{
+    Metrics metrics;
+    const Nonces nonces;
+    Changes changes;
+    const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
+    std::optional<Notifier> notifier;
+    std::optional<Workers<EventSession>> workers;
+    workers.emplace(
+        loop, metrics, options.workers, [&] { return std::make_unique<EventSession>(options, provisioning, nonces); },
+        [&] { notifier->resume(&tellReady); });
+    notifier.emplace(loop, *workers);
+    Subscriber subscriber(options, provisioning, nonces, *workers, *notifier);
+    const auto take = [&](const std::shared_ptr<Incoming>& request) {
+        const sip_method_t method = request->sip().sip_request->rq_method;
+        if (method == sip_method_options) {
+            request->answer(SIP_200_OK, SIPTAG_ALLOW_STR(kAllow), SIPTAG_ALLOW_EVENTS_STR(kAllowEvents),
+                            SIPTAG_SUPPORTED_STR("eventlist"));
+        } else if (method != sip_method_subscribe) {
+            request->answer(SIP_405_METHOD_NOT_ALLOWED, SIPTAG_ALLOW_STR(kAllow));
+        } else if (!notifier->resumed()) {
+            request->answerUnavailable();
+        } else {
+            subscriber.take(request);
+        }
+    };
+    Endpoint endpoint(loop, metrics, options.listen, take, [](const Message&, const sip_t&) {});
+    notifier->setEndpoint(endpoint);
+    subscriber.setEndpoint(endpoint);
+    std::optional<MetricsPage> page;
+    if (options.metrics) {
+        page.emplace(metrics, *options.metrics);
+    }
+    changes.tell(loop, *notifier);
+    const Ending ending(loop, endpoint, signals, [&] { return workers->idle(); });
+    loop.run();
+    changes.stop(loop);
+    // What the workers hold are requests, which the sockets' end must not find gone.
+    workers.reset();
+    notifier->stop();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return serve(argc, argv, run);
+}

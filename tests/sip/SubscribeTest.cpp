@@ -1,0 +1,386 @@
+// Subscriptions as telephones see them: RFC 6665 section 4.2, presence (RFC 3856), who watches it (RFC 3857), and lists
+// (RFC 4662).
+
+#include "sip/SipTest.h"
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+namespace {
+
+using phone::Message;
+using phone::Phone;
+
+const std::string kAlice = "sip:alice@oryx.example";
+
+/// A telephone that subscribes, and answers NOTIFY.
+class Watcher {
+public:
+    Watcher(const std::string& user, int server) : m_phone(user, "oryx.example", server) {}
+
+    Phone& phone() { return m_phone; }
+    /// A SUBSCRIBE without a dialog.
+    Message request(const std::string& to, int expires = 3600, const std::string& event = "presence")
+    {
+        Message message = m_phone.request("SUBSCRIBE", to);
+        message.set("Event", event);
+        return message.set("Expires", std::to_string(expires));
+    }
+    /// Subscribes; the answer.
+    Message subscribe(Message request)
+    {
+        m_request = std::move(request);
+        m_answer = m_phone.ask(m_request);
+        return m_answer;
+    }
+    Message subscribe(const std::string& to, int expires = 3600, const std::string& event = "presence")
+    {
+        return subscribe(request(to, expires, event));
+    }
+    /// The next SUBSCRIBE in the dialog.
+    Message next(int expires)
+    {
+        Message message =
+            request(m_request.first.substr(10, m_request.first.rfind(' ') - 10), expires, m_request.field("Event"));
+        for (const char* const name : {"From", "Call-ID"}) {
+            message.set(name, m_request.field(name));
+        }
+        return message.set("To", m_answer.field("To"));
+    }
+    Message refresh(int expires) { return m_phone.ask(next(expires)); }
+    /// The next NOTIFY, which is answered.
+    Message notified(int status = 200)
+    {
+        Message notify = m_phone.receive();
+        m_phone.send(m_phone.response(notify, status, status == 200 ? "OK" : "No"));
+        return notify;
+    }
+    bool silent() { return m_phone.socket().silent(); }
+
+private:
+    Phone m_phone;
+    Message m_request;
+    Message m_answer;
+};
+
+/// Subscription-State without the seconds, with what the body says of the presentity.
+std::string told(const Message& notify)
+{
+    const std::string state = notify.field("Subscription-State");
+    const bool open = notify.body.find("<basic>open</basic>") != std::string::npos;
+    const bool closed = notify.body.find("<basic>closed</basic>") != std::string::npos;
+    return notify.method() + " " + state.substr(0, state.find(";expires")) + (open ? " open" : "") +
+           (closed ? " closed" : "");
+}
+
+class Subscribing : public SipTest {
+protected:
+    void allow(const std::string& requester, const std::string& action = "allow")
+    {
+        sql("DELETE FROM access_control_list WHERE requester = '" + requester +
+            "';"
+            "INSERT INTO access_control_list (object, requester, access_action, application) VALUES"
+            " ('alice@oryx.example', '" +
+            requester + "', '" + action + "', 'presence')");
+    }
+    void publish(const std::string& tag = "tag", int seconds = 3600)
+    {
+        sql("SELECT apply_publication('alice', 'oryx.example', 'presence', '', '" + tag + "', " +
+            std::to_string(seconds) +
+            ", 'application/pidf+xml', '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"" + kAlice +
+            "\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0)");
+    }
+    std::string stored() { return rows("SELECT count(*) FROM subscription_states"); }
+    void kill()
+    {
+        m_server->signal(SIGKILL);
+        m_server->wait();
+    }
+};
+
+/// RFC 6665 section 4.2.1.2, RFC 3856 section 6.7.
+TEST_F(Subscribing, IsAnsweredAndToldWhatThereIs)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const Message answer = bob.subscribe(kAlice);
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Expires"), "3600");
+    EXPECT_EQ(answer.field("Contact"), "<sip:127.0.0.1:" + std::to_string(m_port) + ";transport=udp>");
+    const Message notify = bob.notified();
+    EXPECT_EQ(told(notify), "NOTIFY active closed");
+    EXPECT_EQ(notify.first, "NOTIFY " + bob.phone().contact() + " SIP/2.0");
+    EXPECT_EQ(notify.field("Event"), "presence");
+    EXPECT_EQ(notify.field("CSeq"), "1 NOTIFY");
+    EXPECT_EQ(notify.field("From"), answer.field("To"));
+    EXPECT_EQ(notify.field("To"), answer.field("From"));
+    EXPECT_EQ(notify.field("Call-ID"), answer.field("Call-ID"));
+    EXPECT_EQ(notify.field("Content-Type"), "application/pidf+xml");
+    EXPECT_EQ(stored(), "1\n");
+}
+
+/// RFC 6665 section 4.2.2: whoever has stored it.
+TEST_F(Subscribing, IsToldOfAPublication)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    publish();
+    const Message notify = bob.notified();
+    EXPECT_EQ(told(notify), "NOTIFY active open");
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+}
+
+/// Section 4.2.1.1.
+TEST_F(Subscribing, TakesTheExpiryAskedForWithinBounds)
+{
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--min-expires", "30", "--max-expires", "5000", "--default-expires", "300"});
+    Watcher bob("bob", m_port);
+    const Message brief = bob.subscribe(kAlice, 29);
+    EXPECT_EQ(status(brief), "423 Interval Too Brief");
+    EXPECT_EQ(brief.field("Min-Expires"), "30");
+    EXPECT_EQ(bob.subscribe(kAlice, 30).field("Expires"), "30");
+    EXPECT_EQ(bob.subscribe(kAlice, 6000).field("Expires"), "5000");
+    EXPECT_EQ(bob.subscribe(bob.request(kAlice).set("Expires", "")).field("Expires"), "300");
+}
+
+TEST_F(Subscribing, IsRefreshedWithANewContact)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    const std::string contact = bob.phone().contact() + ";line=2";
+    const Message answer = bob.phone().ask(bob.next(600).set("Contact", "<" + contact + ">"));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Expires"), "600");
+    const Message notify = bob.notified();
+    EXPECT_EQ(notify.first, "NOTIFY " + contact + " SIP/2.0");
+    EXPECT_EQ(told(notify), "NOTIFY active closed");
+    EXPECT_EQ(
+        rows(
+            "SELECT remotecontacthdr, subcseq, notcseq, expirytime - extract(epoch FROM now())::int BETWEEN 590 AND 600"
+            " FROM subscription_states JOIN event_watchers ON subscriptionid = watcheropaque"),
+        contact + "|2|2|t\n");
+}
+
+/// RFC 3261 section 12.2.2.
+TEST_F(Subscribing, IsNotRefreshedByAnOlderRequest)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    EXPECT_EQ(bob.phone().ask(bob.next(600).set("CSeq", "1 SUBSCRIBE")).status(), 500);
+}
+
+/// Section 4.2.1.4.
+TEST_F(Subscribing, EndsWithALastNotify)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    EXPECT_EQ(bob.refresh(0).field("Expires"), "0");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_EQ(stored(), "0\n");
+    EXPECT_EQ(status(bob.refresh(600)), "481 Call/Transaction Does Not Exist");
+}
+
+/// Section 4.4.3.
+TEST_F(Subscribing, CanFetchWithoutStaying)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    publish();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(bob.subscribe(kAlice, 0).field("Expires"), "0");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout open");
+    EXPECT_EQ(stored(), "0\n");
+}
+
+TEST_F(Subscribing, EndsWhenItExpires)
+{
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--min-expires", "1"});
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice, 1);
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_EQ(stored(), "0\n");
+}
+
+/// Section 4.2.2.
+TEST_F(Subscribing, EndsWhenTheSubscriberKnowsOfNone)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified(481);
+    EXPECT_TRUE(bob.silent());
+    EXPECT_EQ(stored(), "0\n");
+    EXPECT_EQ(status(bob.refresh(600)), "481 Call/Transaction Does Not Exist");
+}
+
+TEST_F(Subscribing, RefusesWhatItDoesNotUnderstand)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const Message event = bob.subscribe(kAlice, 3600, "dialog");
+    EXPECT_EQ(status(event), "489 Bad Event");
+    EXPECT_EQ(event.field("Allow-Events"), "presence, presence.winfo");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Event", ""))), "489 Bad Event");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Accept", "text/plain"))), "406 Not Acceptable");
+    Message filter = bob.request(kAlice).set("Content-Type", "application/simple-filter+xml");
+    filter.body = "<filter-set/>";
+    EXPECT_EQ(status(bob.subscribe(filter)), "415 Unsupported Media Type");
+    const Message extension = bob.subscribe(bob.request(kAlice).set("Require", "everything"));
+    EXPECT_EQ(status(extension), "420 Bad Extension");
+    EXPECT_EQ(extension.field("Unsupported"), "everything");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Contact", ""))), "400 Bad Request");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).add("Contact", "<sip:second@127.0.0.1>"))), "400 Bad Request");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("To", "<" + kAlice + ">;tag=none"))),
+              "481 Call/Transaction Does Not Exist");
+    EXPECT_EQ(status(bob.phone().ask(bob.phone().request("MESSAGE", kAlice))), "405 Method Not Allowed");
+}
+
+TEST_F(Subscribing, KnowsPeopleOfItsOwnDomainAlone)
+{
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe("sip:nobody@oryx.example")), "404 Not Found");
+    EXPECT_EQ(status(bob.subscribe("sip:alice@elsewhere.example")), "403 Forbidden");
+    EXPECT_EQ(status(bob.subscribe("sip:nobody@oryx.example", 3600, "presence.winfo")), "404 Not Found");
+}
+
+TEST_F(Subscribing, NeedsAProof)
+{
+    allow("bob@oryx.example");
+    startEvents({});
+    Watcher bob("bob", m_port);
+    const Message challenge = bob.subscribe(kAlice);
+    EXPECT_EQ(status(challenge), "401 Unauthorized");
+    EXPECT_EQ(status(bob.phone().ask(bob.request(kAlice), "wrong")), "401 Unauthorized");
+    EXPECT_EQ(status(bob.phone().ask(bob.request(kAlice), "bob", "SHA-256")), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    Watcher carol("carol", m_port);
+    EXPECT_EQ(status(carol.phone().ask(carol.request(kAlice), "carol")), "403 Forbidden");
+    Phone stranger("eve", "elsewhere.example", m_port);
+    Message request = stranger.request("SUBSCRIBE", kAlice);
+    EXPECT_EQ(status(stranger.ask(request.set("Event", "presence"))), "403 Forbidden");
+}
+
+/// RFC 3856 section 6.6.
+TEST_F(Subscribing, WaitsUntilItIsApproved)
+{
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    const Message pending = bob.notified();
+    EXPECT_EQ(told(pending), "NOTIFY pending");
+    EXPECT_EQ(pending.body, "");
+    publish();
+    EXPECT_TRUE(bob.silent());
+    allow("bob@oryx.example");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    allow("bob@oryx.example", "block");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=rejected");
+    EXPECT_EQ(stored(), "0\n");
+    EXPECT_EQ(status(bob.refresh(600)), "481 Call/Transaction Does Not Exist");
+}
+
+TEST_F(Subscribing, ToBeBlockedIsToBeRefused)
+{
+    allow("bob@oryx.example", "block");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "403 Forbidden");
+    EXPECT_EQ(stored(), "0\n");
+}
+
+/// RFC 3856 section 6.6.2: polite blocking.
+TEST_F(Subscribing, ToBeBlockedPolitelyIsToSeeNobody)
+{
+    allow("bob@oryx.example", "polite");
+    startEvents();
+    publish();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+TEST_F(Subscribing, FallsBackToTheNodesRules)
+{
+    sql("INSERT INTO node VALUES ('node', 'sip1');"
+        "INSERT INTO access_control_list (object, requester, access_action, application) VALUES"
+        " ('node', '*', 'block', 'presence'), ('node', '*@oryx.example', 'allow', 'presence')");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    Phone stranger("eve", "elsewhere.example", m_port);
+    EXPECT_EQ(status(stranger.ask(stranger.request("SUBSCRIBE", kAlice).set("Event", "presence"))), "403 Forbidden");
+}
+
+/// Section 4.2.2 and RFC 3261 section 12.2.1.1: dialogs come from the database.
+TEST_F(Subscribing, GoesOnAfterTheServerWasKilled)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const std::string proxy = "<sip:" + bob.phone().socket().hostPort() + ";lr>";
+    bob.subscribe(bob.request(kAlice).set("Record-Route", proxy));
+    EXPECT_EQ(bob.notified().field("Route"), proxy);
+    kill();
+    publish();
+    startEvents();
+    const Message notify = bob.notified();
+    EXPECT_EQ(told(notify), "NOTIFY active open");
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+    EXPECT_EQ(notify.field("Route"), proxy);
+    EXPECT_EQ(notify.first, "NOTIFY " + bob.phone().contact() + " SIP/2.0");
+    EXPECT_EQ(status(bob.refresh(600)), "200 OK");
+    EXPECT_EQ(bob.notified().field("CSeq"), "3 NOTIFY");
+}
+
+TEST_F(Subscribing, ThatExpiredWhileTheServerWasAwayEnds)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    kill();
+    sql("UPDATE event_watchers SET expirytime = extract(epoch FROM now())::int - 1");
+    startEvents();
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_EQ(stored(), "0\n");
+}
+
+/// RFC 3261 section 21.5.4.
+TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    Watcher bob("bob", m_port);
+    const Message answer = bob.subscribe(kAlice);
+    EXPECT_EQ(status(answer), "503 Service Unavailable");
+    EXPECT_NE(answer.field("Retry-After"), "");
+    holder.run("COMMIT");
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+} // namespace
