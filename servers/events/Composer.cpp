@@ -5,6 +5,7 @@
 
 #include <dal/Publications.h>
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 
@@ -107,6 +108,7 @@ Notice listNotice(PresenceService& service, const Subscription& list)
     if (!found.okay() || !service.getListEntries(id, uris).okay()) {
         return failure();
     }
+    std::sort(uris.begin(), uris.end()); // the database has no order, and a document without changes is the same
     std::vector<ListMember> members;
     for (const std::string& uri : uris) {
         std::optional<ListMember> member = memberOf(service, list, uri, notice);

@@ -6,10 +6,13 @@
 #include <common/Workers.h>
 #include <events/Changes.h>
 #include <events/Notifier.h>
+#include <events/Publisher.h>
 #include <events/Subscriber.h>
+#include <events/Sweeper.h>
 
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace {
 
@@ -30,15 +33,21 @@ void run(Loop& loop, const Options& options, int signals)
         [&] { notifier->resume(&tellReady); });
     notifier.emplace(loop, *workers);
     Subscriber subscriber(options, provisioning, nonces, *workers, *notifier);
+    Publisher publisher(options, provisioning, nonces, *workers,
+                        [&](const std::string& presentity) { notifier->publicationChanged(presentity); });
+    Sweeper sweeper(loop, *workers, *notifier);
+    sweeper.start();
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
         if (method == sip_method_options) {
             request->answer(SIP_200_OK, SIPTAG_ALLOW_STR(kAllow), SIPTAG_ALLOW_EVENTS_STR(kAllowEvents),
                             SIPTAG_SUPPORTED_STR("eventlist"));
-        } else if (method != sip_method_subscribe) {
+        } else if (method != sip_method_subscribe && method != sip_method_publish) {
             request->answer(SIP_405_METHOD_NOT_ALLOWED, SIPTAG_ALLOW_STR(kAllow));
         } else if (!notifier->resumed()) {
             request->answerUnavailable();
+        } else if (method == sip_method_publish) {
+            publisher.take(request);
         } else {
             subscriber.take(request);
         }

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <regex>
 #include <thread>
 
 namespace {
@@ -365,6 +366,200 @@ TEST_F(Subscribing, ThatExpiredWhileTheServerWasAwayEnds)
     startEvents();
     EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
     EXPECT_EQ(stored(), "0\n");
+}
+
+/// What was registered there is not there any more.
+TEST_F(Subscribing, EndsWithTheRegistrationThatItCameFrom)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    const auto registered = [&](const std::string& contact) {
+        sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + contact + "', '<" + contact +
+            ">;expires=60', extract(epoch FROM now())::int - 1)");
+    };
+    registered("sip:bob@192.0.2.7");
+    EXPECT_TRUE(bob.phone().socket().silent(1500));
+    registered(bob.phone().contact());
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_EQ(stored(), "0\n");
+    EXPECT_EQ(bindings(), "");
+}
+
+TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    publish("tag", 1);
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// RFC 3857 section 4, RFC 3858.
+class WatcherInformation : public Subscribing {
+protected:
+    /// Each watcher of a document, and its version.
+    static std::string watchers(const Message& notify)
+    {
+        static const std::regex watcher("<watcher [^>]*>[^<]*</watcher>");
+        static const std::regex version("version=\"([0-9]+)\" state=\"([a-z]+)\"");
+        std::smatch found;
+        std::string text =
+            std::regex_search(notify.body, found, version) ? found[1].str() + " " + found[2].str() : "none";
+        for (std::sregex_iterator at(notify.body.begin(), notify.body.end(), watcher); at != std::sregex_iterator();
+             ++at) {
+            const std::string one = at->str();
+            for (const char* const name : {"status", "event"}) {
+                const std::regex attribute(std::string(name) + "=\"([a-z]+)\"");
+                text += (std::regex_search(one, found, attribute) ? " " + found[1].str() : " none");
+            }
+            text += " " + one.substr(one.find('>') + 1, one.rfind('<') - one.find('>') - 1);
+        }
+        return text;
+    }
+};
+
+TEST_F(WatcherInformation, TellsThePresentityWhoWatches)
+{
+    startEvents();
+    Watcher alice("alice", m_port);
+    EXPECT_EQ(status(alice.subscribe(kAlice, 3600, "presence.winfo")), "200 OK");
+    const Message first = alice.notified();
+    EXPECT_EQ(first.field("Content-Type"), "application/watcherinfo+xml");
+    EXPECT_EQ(first.field("Event"), "presence.winfo");
+    EXPECT_EQ(watchers(first), "0 full");
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    EXPECT_EQ(told(bob.notified()), "NOTIFY pending");
+    EXPECT_EQ(watchers(alice.notified()), "1 full pending subscribe sip:bob@oryx.example");
+    allow("bob@oryx.example");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    EXPECT_EQ(watchers(alice.notified()), "2 full active approved sip:bob@oryx.example");
+    bob.refresh(0);
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_EQ(watchers(alice.notified()), "3 full terminated timeout sip:bob@oryx.example");
+}
+
+TEST_F(WatcherInformation, IsNobodyElsesBusiness)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice, 3600, "presence.winfo")), "403 Forbidden");
+}
+
+TEST_F(WatcherInformation, GoesOnAfterTheServerWasKilled)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher alice("alice", m_port);
+    alice.subscribe(kAlice, 3600, "presence.winfo");
+    EXPECT_EQ(watchers(alice.notified()), "0 full");
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    EXPECT_EQ(watchers(alice.notified()), "1 full active subscribe sip:bob@oryx.example");
+    kill();
+    startEvents();
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    const Message notify = alice.notified();
+    EXPECT_EQ(watchers(notify), "2 full active subscribe sip:bob@oryx.example");
+    EXPECT_EQ(notify.field("CSeq"), "3 NOTIFY");
+    EXPECT_EQ(alice.refresh(0).status(), 200);
+    EXPECT_EQ(alice.notified().field("Subscription-State"), "terminated;reason=timeout");
+    EXPECT_EQ(rows("SELECT count(*) FROM watcherinfo"), "0\n");
+}
+
+/// RFC 4662 sections 4 and 5.
+class PresenceList : public Subscribing {
+protected:
+    PresenceList()
+    {
+        sql("INSERT INTO buddy_list VALUES (7, 'friends');"
+            "INSERT INTO buddy_list_detail VALUES ('friends', 'sip:alice@oryx.example'), ('friends', 'sip:nobody@oryx.example');"
+            "INSERT INTO presence_list_authorization VALUES (7, 'bob', 'oryx.example', 'A')");
+    }
+    Message request(Watcher& watcher)
+    {
+        return watcher.request("sip:friends@oryx.example").set("Supported", "eventlist");
+    }
+    /// Version, and each resource with the state of its instance.
+    static std::string resources(const Message& notify)
+    {
+        static const std::regex part(
+            "version=\"([0-9]+)\"|<resource [^>]*uri=\"([^\"]+)\"|<instance [^>]*state=\"([a-z]+)\"");
+        std::string text;
+        for (std::sregex_iterator at(notify.body.begin(), notify.body.end(), part); at != std::sregex_iterator();
+             ++at) {
+            text += (text.empty() ? "" : " ") + (*at)[1].str() + (*at)[2].str() + (*at)[3].str();
+        }
+        return text;
+    }
+};
+
+TEST_F(PresenceList, IsNotifiedAsAWhole)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const Message answer = bob.subscribe(request(bob));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Require"), "eventlist");
+    const Message first = bob.notified();
+    EXPECT_EQ(told(first), "NOTIFY active closed");
+    EXPECT_EQ(first.field("Require"), "eventlist");
+    EXPECT_TRUE(first.field("Content-Type").starts_with("multipart/related;")) << first.field("Content-Type");
+    EXPECT_EQ(resources(first), "0 sip:alice@oryx.example active sip:nobody@oryx.example terminated");
+    publish();
+    const Message second = bob.notified();
+    EXPECT_EQ(told(second), "NOTIFY active open");
+    EXPECT_EQ(resources(second), "1 sip:alice@oryx.example active sip:nobody@oryx.example terminated");
+}
+
+TEST_F(PresenceList, ShowsOfEachMemberWhatHeAllows)
+{
+    startEvents();
+    publish();
+    Watcher bob("bob", m_port);
+    bob.subscribe(request(bob));
+    EXPECT_EQ(resources(bob.notified()), "0 sip:alice@oryx.example pending sip:nobody@oryx.example terminated");
+    allow("bob@oryx.example");
+    const Message approved = bob.notified();
+    EXPECT_EQ(told(approved), "NOTIFY active open");
+    sql("INSERT INTO buddy_list_detail VALUES ('friends', 'sip:bob@oryx.example')");
+    EXPECT_EQ(resources(bob.notified()), "2 sip:alice@oryx.example active sip:bob@oryx.example active"
+                                         " sip:nobody@oryx.example terminated");
+    sql("DELETE FROM buddy_list");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=noresource");
+}
+
+TEST_F(PresenceList, IsForThoseWhoKnowListsAndMaySeeIt)
+{
+    startEvents();
+    Watcher bob("bob", m_port);
+    const Message answer = bob.subscribe("sip:friends@oryx.example");
+    EXPECT_EQ(status(answer), "421 Extension Required");
+    EXPECT_EQ(answer.field("Require"), "eventlist");
+    Watcher alice("alice", m_port);
+    EXPECT_EQ(status(alice.subscribe(request(alice))), "403 Forbidden");
+}
+
+TEST_F(PresenceList, GoesOnAfterTheServerWasKilled)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(request(bob));
+    bob.notified();
+    kill();
+    startEvents();
+    const Message notify = bob.notified();
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+    EXPECT_EQ(resources(notify), "1 sip:alice@oryx.example active sip:nobody@oryx.example terminated");
 }
 
 /// RFC 3261 section 21.5.4.

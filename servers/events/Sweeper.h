@@ -1,0 +1,32 @@
+#pragma once
+
+#include <common/Loop.h>
+#include <common/Workers.h>
+#include <events/Notifier.h>
+#include <events/Session.h>
+
+namespace oryx::sip {
+
+/// Takes away, every few seconds, what has expired in the database with nobody asking for it: publications, and
+/// registrations with what has been subscribed to from there.
+class Sweeper {
+public:
+    Sweeper(Loop& loop, Workers<EventSession>& workers, Notifier& notifier);
+
+    void start() { m_timer.set(kPause); }
+
+private:
+    static constexpr std::chrono::milliseconds kPause{1000};
+
+    struct Swept;
+
+    static Swept sweep(PresenceService& service);
+    void begin();
+    void tell(const Swept& swept);
+
+    Workers<EventSession>& m_workers;
+    Notifier& m_notifier;
+    Timer m_timer;
+};
+
+} // namespace oryx::sip
