@@ -9,6 +9,7 @@
 #include <iterator>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace oryx {
 
@@ -81,7 +82,7 @@ DatabaseResult published(Frame& frame, const char* handle, const char* domain, c
     if (flaw != nullptr) {
         return frame.refuse(flaw);
     }
-    const std::optional<std::string> tag = randomText(kTagBytes);
+    std::optional<std::string> tag = randomText(kTagBytes);
     if (!tag) {
         return frame.refuse("the system gives no random numbers");
     }
@@ -95,7 +96,7 @@ DatabaseResult published(Frame& frame, const char* handle, const char* domain, c
         result = concluded(rows.rows() > 0 ? Row(rows, 0).string(0) : "", answer);
     }
     if (answer.outcome == PublishOutcome::done) {
-        answer.entityTag = *tag;
+        answer.entityTag = std::move(*tag);
         answer.expires = request.expires;
     }
     return result;

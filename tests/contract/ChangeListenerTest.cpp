@@ -127,6 +127,21 @@ TEST_F(Listener, TellsNotificationsOnceForEachTable)
     EXPECT_EQ(asked(), kBegin + "finish\n");
 }
 
+TEST_F(Listener, HearsOfPublicationsWhereItIsAskedTo)
+{
+    m_options.publications = true;
+    m_libpq.replies({command()});
+    EXPECT_EQ(run(2,
+                  [this, first = true]() mutable {
+                      if (std::exchange(first, false)) {
+                          m_libpq.notifies({"publication", "acp"});
+                      }
+                  }),
+              kEverything + "publication again\nacp again\npublication again\n");
+    EXPECT_EQ(asked(),
+              std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN publication;LISTEN OWN;") + "finish\n");
+}
+
 TEST_F(Listener, NotifiesItselfWhenItIsIdle)
 {
     const int silent = eventfd(0, EFD_CLOEXEC); // never has input

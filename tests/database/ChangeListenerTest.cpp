@@ -282,6 +282,26 @@ TEST_F(Listener, IsToldAtFirstToReadEverythingAndThenOfEachChange)
     EXPECT_EQ(m_trace.take("oryx").find(" log: "), std::string::npos);
 }
 
+TEST_F(Listener, HearsOfPublicationsOnlyWhereItIsAskedTo)
+{
+    m_options.publications = true;
+    listen();
+    sql("INSERT INTO publication VALUES (42, 'presence', 'tag', 'tag', 'alice@oryx.example', 5, 'type', 'body')");
+    EXPECT_EQ(m_calls.await(2), (std::vector<std::string>{kEverything + " publication!", "publication!"}));
+    EXPECT_EQ(end(), "okay");
+}
+
+TEST_F(ListenerOfTheLog, HearsWhoHasPublished)
+{
+    m_options.publications = true;
+    m_options.position["publication"] = "0";
+    listen();
+    sql("INSERT INTO publication VALUES (42, 'presence', 'tag', 'tag', 'alice@oryx.example', 5, 'type', 'body')");
+    EXPECT_EQ(m_calls.await(2),
+              (std::vector<std::string>{kNothingLogged + " publication", "publication alice@oryx.example"}));
+    EXPECT_EQ(end(), "okay");
+}
+
 TEST_F(Listener, HandsOverAllThatIsPendingAtOnceEachTableOnceInAFixedOrder)
 {
     std::promise<void> notified;

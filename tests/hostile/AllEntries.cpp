@@ -32,6 +32,7 @@ Entries allEntries()
     Entries table = registrationEntries();
     append(table, registrarEntries());
     append(table, requestEntries());
+    append(table, publicationEntries());
     append(table, addressMapEntries<oryx::LocationService>());
     append(table, addressMapEntries<oryx::PresenceService>());
     append(table, settingEntries<oryx::DatabaseCommandExecutor>());

@@ -160,6 +160,7 @@ std::string listedKeys(const List& list, const Key& key)
 Entries registrationEntries();
 Entries registrarEntries();
 Entries requestEntries();
+Entries publicationEntries();
 template <typename Service>
 Entries addressMapEntries();
 template <typename Executor>

@@ -52,6 +52,9 @@ const std::map<std::string, Names> kServed{
     {"oryx::applyRegistration", {"oryx_registrar"}},
     {"oryx::lookupBindings", {"oryx_registrar", "oryx_proxy"}},
     {"oryx::findTarget", {"oryx_proxy"}},
+    {"oryx::applyPublication", {"oryx_presence"}},
+    {"oryx::livePublications", {"oryx_presence"}},
+    {"oryx::removeExpiredPublications", {"oryx_presence"}},
     {"DatabaseCommandExecutor::checkConnect", {"oryx_registrar", "oryx_proxy", "oryx_provisioning"}},
     {"DatabaseCommandExecutor::getSystemParameterValue", {"oryx_registrar", "oryx_proxy"}},
     {"DatabaseCommandExecutor::getNthElementOfDomainList", {"oryx_registrar", "oryx_proxy"}},
@@ -137,7 +140,8 @@ const char* const kReadBySupport[]{"contact_set",
                                    "alarm_limit",
                                    "upkeep_run",
                                    "key_sequence",
-                                   "public_address_not_in_lower_case"};
+                                   "public_address_not_in_lower_case",
+                                   "publication"};
 
 /// What provisioning sends beside the library's operations: every row by hand, too.
 std::vector<std::string> provisioningStatements()

@@ -1,6 +1,7 @@
 // The operations that take no text: keys, or nothing at all.
 
 #include "hostile/Registrar.h"
+#include "support/ShowPublications.h"
 
 namespace {
 
@@ -171,6 +172,16 @@ void appendEventServer(Entries& table)
     table.push_back(operation<Executor>("getIncomingSubscriptions(records)", [](Executor& executor) {
         return listed<oryx::PresenceRecord>([&](auto& records) { return executor.getIncomingSubscriptions(records); });
     }));
+    table.push_back({
+        .argument = "oryx::removeExpiredPublications(service, expired)",
+        .before = {"INSERT INTO publication (public_address_id, event, first_tag, entity_tag, presentity, expires, "
+                   "content_type, body) VALUES (42, 'presence', 'a', 'a', 'alice@oryx.example', 5, 'type', 'body')"},
+        .call =
+            [](Library& library, const std::string& /*text*/) {
+                return listed<oryx::ExpiredPublication>(
+                    [&](auto& expired) { return removeExpiredPublications(library.presence, expired); });
+            },
+    });
     const std::pair<const char*, oryx::DatabaseResult (Executor::*)()> resets[]{
         {"removeSubscriptionStates()", &Executor::removeSubscriptionStates},
         {"removeEventWatchers()", &Executor::removeEventWatchers},

@@ -60,7 +60,7 @@ constexpr const char* kStopClock =
     "CREATE OR REPLACE FUNCTION current_second() RETURNS bigint LANGUAGE sql STABLE RETURN 1999996400::bigint";
 
 /// Every row of every table, a line each. What a transaction has logged goes without what is the transaction's own: its
-/// number, its beginning and its stamp.
+/// number, its beginning and its stamp; so does a publication without its entity tags and its time.
 constexpr const char* kMakeSnapshot = R"(
     DO $$
     DECLARE
@@ -68,6 +68,7 @@ constexpr const char* kMakeSnapshot = R"(
     BEGIN
         SELECT string_agg(format('SELECT %L || replace(%s::text, chr(10), %L) FROM public.%I', relname || '|',
                                  CASE relname WHEN 'event_change' THEN 'ROW(table_name, pk_int, pk_char)'
+                                              WHEN 'publication' THEN 'ROW(public_address_id, event, presentity, expires, content_type, body)'
                                               ELSE quote_ident(relname) END, '\n', relname), ' UNION ALL ')
             INTO query FROM pg_class
             WHERE relnamespace = 'public'::regnamespace AND relkind = 'r'
