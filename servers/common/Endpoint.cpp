@@ -12,6 +12,8 @@ namespace {
 /// Has the agent made without a socket; the stack takes this pointer for it.
 const url_string_t* const kNoSocket = reinterpret_cast<const url_string_t*>(static_cast<std::intptr_t>(-1)); // NOLINT
 constexpr unsigned kLargestMessage = 64 * 1024;
+/// The fields without which a request is not understood: 400 where one cannot be read.
+constexpr unsigned kNeeded = ~static_cast<unsigned>(sip_mask_response | sip_mask_pref | sip_mask_privacy);
 
 std::string sofiaUri(const Listen& socket)
 {
@@ -100,7 +102,7 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
                                NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1), NTATAG_TIMER_C(0),
-                               NTATAG_MAXSIZE(kLargestMessage), TAG_END()))
+                               NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kLargestMessage), TAG_END()))
 {
     if (m_agent == nullptr) {
         throw std::runtime_error("the SIP stack cannot be started");

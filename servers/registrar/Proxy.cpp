@@ -1,6 +1,7 @@
 // RFC 3261 section 16, in its order: what a request must be (16.3), its route (16.4), where it goes (16.5), and its
 // sending (16.6). The answers are Fork's.
 
+#include <common/Headers.h>
 #include <registrar/Proxy.h>
 
 #include <cstring>
@@ -12,6 +13,7 @@ namespace oryx::sip {
 namespace {
 
 constexpr unsigned long kMaxForwards = 70;
+constexpr isize_t kLongestTarget = 2048;
 
 std::string hexOf(std::size_t value)
 {
@@ -87,16 +89,21 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
 bool Proxy::valid(Incoming& request) const
 {
     const sip_t& sip = request.sip();
-    const auto scheme = static_cast<url_type_e>(sip.sip_request->rq_url->url_type);
-    if (scheme != url_sip && scheme != url_sips) {
+    const url_t& target = *sip.sip_request->rq_url;
+    const auto scheme = static_cast<url_type_e>(target.url_type);
+    const std::string unknown = unknownTags(sip.sip_proxy_require);
+    if (url_len(&target) > kLongestTarget) {
+        request.answer(SIP_414_REQUEST_URI_TOO_LONG);
+    } else if (target.url_headers != nullptr) { // section 19.1.1: not in a request URI
+        request.answer(SIP_400_BAD_REQUEST);
+    } else if (scheme != url_sip && scheme != url_sips) {
         request.answer(SIP_416_UNSUPPORTED_URI);
     } else if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
         request.answer(SIP_483_TOO_MANY_HOPS);
     } else if (loops(sip)) {
         request.answer(SIP_482_LOOP_DETECTED);
-    } else if (sip.sip_proxy_require != nullptr && sip.sip_proxy_require->k_items != nullptr &&
-               sip.sip_proxy_require->k_items[0] != nullptr) {
-        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(sip.sip_proxy_require->k_items[0]));
+    } else if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
     } else {
         return true;
     }
