@@ -62,7 +62,12 @@ bool inDialog(const sip_t& sip)
 
 Proxy::Proxy(const Loop& loop, const Options& options, const Provisioning& provisioning, const Nonces& nonces,
              Workers<Session>& workers)
-    : m_loop(loop), m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers)
+    : m_loop(loop),
+      m_options(options),
+      m_provisioning(provisioning),
+      m_nonces(nonces),
+      m_seal(options),
+      m_workers(workers)
 {
 }
 
@@ -303,7 +308,7 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
 /// What this proxy knows a route of its own by, in a dialog that began with that tag.
 std::string Proxy::cookie(const sip_t& sip, const char* tag) const
 {
-    return m_nonces.seal(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
+    return m_seal.of(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
 }
 
 } // namespace oryx::sip

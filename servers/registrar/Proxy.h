@@ -4,6 +4,7 @@
 #include <common/Workers.h>
 #include <registrar/Fork.h>
 #include <registrar/Route.h>
+#include <registrar/Seal.h>
 #include <registrar/Session.h>
 
 #include <dal/RequestTarget.h>
@@ -61,6 +62,7 @@ private:
     const Options& m_options;
     const Provisioning& m_provisioning;
     const Nonces& m_nonces;
+    Seal m_seal;
     Workers<Session>& m_workers;
     const Endpoint* m_endpoint = nullptr;
     Forks m_forks;
