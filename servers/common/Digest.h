@@ -44,8 +44,6 @@ class Nonces {
 public:
     Nonces();
     std::string make() const;
-    /// Something that only this process can tell of a text.
-    std::string seal(std::string_view text) const { return sealed(text); }
     /// Whether it was made here less than five minutes ago.
     bool fresh(std::string_view nonce) const;
 

@@ -3,6 +3,7 @@
 #include <common/Sofia.h>
 
 #include <string>
+#include <string_view>
 
 namespace oryx::sip {
 
@@ -12,6 +13,8 @@ inline bool fits(const std::string& text)
 {
     return fits(text.c_str());
 }
+/// The option tags of Require or Proxy-Require that are not the one that is known, with ", " between them.
+std::string unknownTags(const msg_list_t* required, std::string_view known = "");
 /// A header field's value, as it is written; of any kind.
 std::string headerText(sip_header_t* header);
 template <typename Header>

@@ -1,9 +1,9 @@
 // RFC 3261 section 16, in its order: what a request must be (16.3), its route (16.4), where it goes (16.5), and its
 // sending (16.6). The answers are Fork's.
 
+#include <common/Headers.h>
 #include <registrar/Proxy.h>
 
-#include <array>
 #include <cstring>
 #include <functional>
 #include <utility>
@@ -12,8 +12,8 @@ namespace oryx::sip {
 
 namespace {
 
-constexpr const char* kCookie = "oryx"; // a parameter of this proxy's Record-Route
 constexpr unsigned long kMaxForwards = 70;
+constexpr isize_t kLongestTarget = 2048;
 
 std::string hexOf(std::size_t value)
 {
@@ -62,7 +62,12 @@ bool inDialog(const sip_t& sip)
 
 Proxy::Proxy(const Loop& loop, const Options& options, const Provisioning& provisioning, const Nonces& nonces,
              Workers<Session>& workers)
-    : m_loop(loop), m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers)
+    : m_loop(loop),
+      m_options(options),
+      m_provisioning(provisioning),
+      m_nonces(nonces),
+      m_seal(options),
+      m_workers(workers)
 {
 }
 
@@ -71,12 +76,17 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
     if (!valid(*request)) {
         return;
     }
-    bool routedHere = false;
-    Message outgoing = prepared(request->sip(), request->message(), routedHere);
-    if (routedHere) { // a dialog that began here: where it goes was settled then
-        send(request, std::move(outgoing), {Hop{}}, false);
+    OwnRoutes routes;
+    Message outgoing = prepared(request->sip(), request->message(), routes);
+    RouteMark mark;
+    // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
+    if ((m_options.recordRoute || routes.found) && !inDialog(request->sip())) {
+        mark = {request->socket(), cookie(request->sip(), request->sip().sip_from->a_tag)};
+    }
+    if (routes.known) { // a dialog that began here: where it goes was settled then
+        send(request, std::move(outgoing), mark, {Hop{}}, false);
     } else {
-        find(request, std::move(outgoing));
+        find(request, std::move(outgoing), mark);
     }
 }
 
@@ -84,16 +94,21 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
 bool Proxy::valid(Incoming& request) const
 {
     const sip_t& sip = request.sip();
-    const auto scheme = static_cast<url_type_e>(sip.sip_request->rq_url->url_type);
-    if (scheme != url_sip && scheme != url_sips) {
+    const url_t& target = *sip.sip_request->rq_url;
+    const auto scheme = static_cast<url_type_e>(target.url_type);
+    const std::string unknown = unknownTags(sip.sip_proxy_require);
+    if (url_len(&target) > kLongestTarget) {
+        request.answer(SIP_414_REQUEST_URI_TOO_LONG);
+    } else if (target.url_headers != nullptr) { // section 19.1.1: not in a request URI
+        request.answer(SIP_400_BAD_REQUEST);
+    } else if (scheme != url_sip && scheme != url_sips) {
         request.answer(SIP_416_UNSUPPORTED_URI);
     } else if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
         request.answer(SIP_483_TOO_MANY_HOPS);
     } else if (loops(sip)) {
         request.answer(SIP_482_LOOP_DETECTED);
-    } else if (sip.sip_proxy_require != nullptr && sip.sip_proxy_require->k_items != nullptr &&
-               sip.sip_proxy_require->k_items[0] != nullptr) {
-        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(sip.sip_proxy_require->k_items[0]));
+    } else if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
     } else {
         return true;
     }
@@ -118,33 +133,21 @@ bool Proxy::leadsHere(const url_t& route) const
     return m_endpoint->isOurs(route) || (route.url_user == nullptr && m_provisioning.serves(hostOf(route)));
 }
 
-/// Section 16.4, and what is the same of all copies of the request (16.6, items 1, 3 and 4). `ours` is whether the
-/// request is of a dialog that this proxy has put itself on the way of.
-Message Proxy::prepared(const sip_t& sip, msg_t* message, bool& ours) const
+/// Section 16.4, and what is the same of all copies of the request (16.6, items 1 and 3).
+Message Proxy::prepared(const sip_t& sip, msg_t* message, OwnRoutes& routes) const
 {
     Message outgoing(msg_dup(message));
     sip_t* const copy = sip_object(outgoing.get());
-    su_home_t* const home = msg_home(outgoing.get());
-    const bool routed = copy->sip_route != nullptr && leadsHere(*copy->sip_route->r_url);
-    ours = false;
-    if (routed) {
-        std::array<char, 64> value{};
-        url_param(copy->sip_route->r_url->url_params, kCookie, value.data(), static_cast<isize_t>(value.size()));
-        // The tag of whoever began the dialog is the one's or the other's, by who sends.
-        ours = inDialog(sip) &&
-               (cookie(sip, sip.sip_from->a_tag) == value.data() || cookie(sip, sip.sip_to->a_tag) == value.data());
-        sip_route_remove(outgoing.get(), copy);
-    }
+    routes = takeOwnRoutes(
+        outgoing.get(), [this](const url_t& route) { return leadsHere(route); },
+        [&](const std::string& said) {
+            // The tag of whoever began the dialog is the one's or the other's, by who sends.
+            return inDialog(sip) &&
+                   (cookie(sip, sip.sip_from->a_tag) == said || cookie(sip, sip.sip_to->a_tag) == said);
+        });
     const unsigned long left = sip.sip_max_forwards != nullptr ? sip.sip_max_forwards->mf_count - 1 : kMaxForwards;
     const std::string forwards = std::to_string(left);
     sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
-    // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
-    if ((m_options.recordRoute || routed) && !inDialog(sip)) {
-        const std::string route = "<" + m_endpoint->uri(sip.sip_via->v_protocol) + ";lr;" + kCookie + "=" +
-                                  cookie(sip, sip.sip_from->a_tag) + ">";
-        sip_record_route_t* const record = sip_record_route_make(home, route.c_str());
-        sip_header_insert(outgoing.get(), copy, anyHeader(record));
-    }
     // Who the sender is was proved to this proxy, and is nobody else's business.
     Credentials own;
     if (readCredentials(copy->sip_proxy_authorization, m_provisioning.realm(), own)) {
@@ -156,11 +159,10 @@ Message Proxy::prepared(const sip_t& sip, msg_t* message, bool& ours) const
 }
 
 /// Section 16.5, in a worker.
-void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing)
+void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark)
 {
     const sip_t& sip = request->sip();
-    const sip_t* const next = sip_object(outgoing.get());
-    const url_t& to = next->sip_route != nullptr ? *next->sip_route->r_url : *sip.sip_request->rq_url;
+    const url_t& to = nextHop(*sip_object(outgoing.get()));
     const std::optional<Address> address = addressOf(to);
     Question question;
     question.from = hostOf(*sip.sip_from->a_url);
@@ -184,8 +186,8 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing)
     auto work = [this, question = std::move(question), method](Session& session) {
         return answer(session, question, method);
     };
-    auto then = [this, request, shared = std::make_shared<Message>(std::move(outgoing))](const Answer& answer) {
-        conclude(request, std::move(*shared), answer);
+    auto then = [this, request, mark, shared = std::make_shared<Message>(std::move(outgoing))](const Answer& answer) {
+        conclude(request, std::move(*shared), mark, answer);
     };
     if (!m_workers.give(key, std::move(work), std::move(then))) {
         request->answerUnavailable();
@@ -217,7 +219,8 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
     return answer;
 }
 
-void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer)
+void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
+                     const Answer& answer)
 {
     if (request->answered()) { // it was cancelled meanwhile
         return;
@@ -264,7 +267,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
         request->answerUnavailable();
         return;
     }
-    send(request, std::move(outgoing), std::move(hops), answer.target.set.order == ContactOrder::sequential);
+    send(request, std::move(outgoing), mark, std::move(hops), answer.target.set.order == ContactOrder::sequential);
 }
 
 void Proxy::challenge(Incoming& request, bool stale) const
@@ -273,13 +276,16 @@ void Proxy::challenge(Incoming& request, bool stale) const
 }
 
 /// Section 16.6.
-void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential)
+void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
+                 std::vector<Hop> hops, bool sequential)
 {
     if (request->sip().sip_request->rq_method == sip_method_invite) {
         request->answer(SIP_100_TRYING);
     }
     const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(request->sip());
-    std::make_shared<Fork>(m_loop, m_forks, request, std::move(outgoing), branch, std::move(hops))->start(sequential);
+    std::make_shared<Fork>(m_loop, *m_endpoint, m_forks, request, Fork::Outgoing{std::move(outgoing), mark, branch},
+                           std::move(hops))
+        ->start(sequential);
 }
 
 void Proxy::takeStray(const Message& message, const sip_t& sip) const
@@ -288,18 +294,21 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
     if (sip.sip_request == nullptr || (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0)) {
         return;
     }
-    bool ours = false;
-    Message outgoing = prepared(sip, message.get(), ours);
-    if (ours) {
+    OwnRoutes routes;
+    Message outgoing = prepared(sip, message.get(), routes);
+    if (routes.known) {
         const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(sip) + ".0";
-        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), nullptr, NTATAG_BRANCH_KEY(branch.c_str()), TAG_END());
+        fitStrictRouter(outgoing.get());
+        const char* const family = Endpoint::familyOf(nextHop(*sip_object(outgoing.get())));
+        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), nullptr, NTATAG_BRANCH_KEY(branch.c_str()),
+                      TPTAG_IDENT(family), TAG_END());
     }
 }
 
 /// What this proxy knows a route of its own by, in a dialog that began with that tag.
 std::string Proxy::cookie(const sip_t& sip, const char* tag) const
 {
-    return m_nonces.seal(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
+    return m_seal.of(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
 }
 
 } // namespace oryx::sip

@@ -4,6 +4,10 @@
 
 #include <common/Headers.h>
 
+#include <wex/Uri.h>
+
+#include <wex/Uri.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -28,6 +32,17 @@ std::string pathOf(const sip_t& sip)
     return path;
 }
 
+/// RFC 3261 section 25.1: from 0 to 1 with up to three digits; or none.
+bool isPreference(const std::string& qvalue)
+{
+    if (qvalue.empty()) {
+        return true;
+    }
+    const std::string_view digits = std::string_view(qvalue).substr(std::min<std::size_t>(qvalue.size(), 2));
+    return (qvalue[0] == '0' || qvalue[0] == '1') && (qvalue.size() == 1 || qvalue[1] == '.') && digits.size() <= 3 &&
+           digits.find_first_not_of(qvalue[0] == '0' ? "0123456789" : "0") == std::string_view::npos;
+}
+
 } // namespace
 
 Registrar::Registrar(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
@@ -50,15 +65,11 @@ void Registrar::take(const std::shared_ptr<Incoming>& request)
 /// answered, here and below.
 bool Registrar::understands(Incoming& request)
 {
-    const sip_require_t* const require = request.sip().sip_require;
-    const msg_param_t* const items = require != nullptr ? require->k_items : nullptr;
-    for (std::size_t n = 0; items != nullptr && items[n] != nullptr; ++n) {
-        if (std::strcmp(items[n], "path") != 0) {
-            request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(items[n]));
-            return false;
-        }
+    const std::string unknown = unknownTags(request.sip().sip_require, "path");
+    if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
     }
-    return true;
+    return unknown.empty();
 }
 
 /// Item 3: who sends it must prove it, if proof is asked for. Item 4: who he is decides whose bindings he may change:
@@ -134,8 +145,8 @@ bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, Reg
     read.address = normalized(*contact.m_url);
     read.contactHeader = headerText(one);
     read.qvalue = contact.m_q != nullptr ? contact.m_q : "";
-    if (read.address.empty() || !fits(read.address) || !fits(read.contactHeader) || !fits(read.qvalue) ||
-        order.contacts.size() == kMostContacts) {
+    if (!wex::Uri(read.address).isValid() || !isPreference(read.qvalue) || !fits(read.address) ||
+        !fits(read.contactHeader) || !fits(read.qvalue) || order.contacts.size() == kMostContacts) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }

@@ -237,6 +237,59 @@ TEST_F(Proxy, CancelsWhatTheCallerCancels)
     EXPECT_EQ(status(caller.receive()), "487 Request Terminated");
 }
 
+/// Section 9.1: a telephone that does not end what it was asked to end is waited for no longer than 64 * T1.
+TEST_F(Proxy, GivesUpWhoeverDoesNotAnswerACancel)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(caller.receive().status(), 180);
+    EXPECT_EQ(status(caller.ask(cancelOf(request, caller))), "200 OK");
+    EXPECT_EQ(status(caller.receive(40000)), "487 Request Terminated");
+}
+
+/// Section 9.1: no CANCEL before the telephone has said something.
+TEST_F(Proxy, CancelsWhatWasNotHeardOfLater)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(status(caller.ask(cancelOf(request, caller))), "200 OK");
+    EXPECT_TRUE(called.socket().silent(200));
+    called.send(called.response(offered, 100, "Trying"));
+    const Message cancelled = called.receive();
+    EXPECT_EQ(cancelled.method(), "CANCEL");
+    EXPECT_EQ(cancelled.field("Via"), offered.field("Via").substr(0, offered.field("Via").find(", ")));
+    EXPECT_EQ(cancelled.first.substr(7), offered.first.substr(7));
+    for (const char* const same : {"From", "To", "Call-ID"}) {
+        EXPECT_EQ(cancelled.field(same), offered.field(same));
+    }
+}
+
+/// RFC 4320 section 4.2.
+TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = called.receive();
+    called.send(called.response(passed, 408, "Request Timeout"));
+    EXPECT_TRUE(caller.socket().silent());
+}
+
 /// Section 9.2: while nobody has been asked yet.
 TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
 {

@@ -128,7 +128,7 @@ TEST_F(Registrar, RefusesARequestThatANewerOneOvertook)
     const Message newer = alice.registration("<sip:alice@192.0.2.1>", 200);
     EXPECT_EQ(status(alice.ask(newer)), "200 OK");
     EXPECT_EQ(alice.ask(older).status(), 500);
-    EXPECT_EQ(alice.ask(alice.registration("", -1)).parameter("Contact", "expires"), "200");
+    EXPECT_GT(std::stoi(alice.ask(alice.registration("", -1)).parameter("Contact", "expires")), 150);
 }
 
 /// Section 17.2.2: what is sent again is answered again.
