@@ -2,6 +2,7 @@
 
 #include <events/Notifier.h>
 
+#include <common/Headers.h>
 #include <events/Notify.h>
 #include <events/Store.h>
 
@@ -306,8 +307,9 @@ void Notifier::retry()
 void Notifier::send(Watch& watch, const Notice& notice)
 {
     Message request = notifyRequest(*m_endpoint, watch.subscription, notice);
-    watch.transaction =
-        nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, nullptr, request.release(), TAG_END());
+    const char* const family = Endpoint::familyOf(nextHop(*sip_object(request.get())));
+    watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, nullptr,
+                                             request.release(), TPTAG_IDENT(family), TAG_END());
     if (watch.transaction == nullptr) { // nowhere: no such host
         answered(watch, kTimeout);
     }

@@ -1,3 +1,4 @@
+#include <common/Headers.h>
 #include <events/Notify.h>
 
 #include <algorithm>
@@ -41,8 +42,7 @@ Message notifyRequest(const Endpoint& endpoint, const Subscription& subscription
     Message message(nta_msg_create(endpoint.agent(), 0));
     sip_t* const sip = sip_object(message.get());
     route(message.get(), sip, subscription);
-    const bool tcp = subscription.contact.find("transport=tcp") != std::string::npos;
-    const std::string contact = "<" + endpoint.uri(tcp ? sip_transport_tcp : sip_transport_udp) + ">";
+    const std::string contact = "<" + endpoint.socketTowards(nextHop(*sip)) + ">";
     const std::string cseq = std::to_string(subscription.notifyCseq) + " NOTIFY";
     const std::string state = stateOf(subscription, notice);
     const bool body = !notice.body.text.empty();

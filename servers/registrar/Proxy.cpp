@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <functional>
+#include <string_view>
 #include <utility>
 
 namespace oryx::sip {
@@ -56,6 +57,16 @@ std::string sipUri(const std::string& proxy)
 bool inDialog(const sip_t& sip)
 {
     return sip.sip_to->a_tag != nullptr;
+}
+
+/// Whether an event server has what this subscribes to or publishes (RFC 3856, 3857, 3903). What begins a subscription;
+/// what belongs to one has its route.
+bool isOfPresence(const sip_t& sip)
+{
+    const sip_method_t method = sip.sip_request->rq_method;
+    const std::string_view package = sip.sip_event != nullptr ? orEmpty(sip.sip_event->o_type) : "";
+    return (method == sip_method_subscribe || method == sip_method_publish) &&
+           (package == "presence" || package == "presence.winfo");
 }
 
 } // namespace
@@ -175,6 +186,7 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
     question.target.domain = address->domain;
     question.target.served = m_provisioning.serves(address->domain);
     question.target.internal = m_provisioning.serves(question.from);
+    question.forEventServer = !m_options.eventServer.empty() && question.target.served && isOfPresence(sip);
     question.sender = addressOf(*sip.sip_from->a_url);
     Credentials credentials;
     if (readCredentials(sip.sip_proxy_authorization, m_provisioning.realm(), credentials)) {
@@ -206,6 +218,11 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
         if (answer.failed || answer.denied) {
             return answer;
         }
+    }
+    if (question.forEventServer) { // which asks for proof itself
+        answer.target.reason = TargetReason::outbound;
+        answer.target.proxy = m_options.eventServer;
+        return answer;
     }
     findTarget(session.service(), question.target, answer.target);
     const TargetReason reason = answer.target.reason;

@@ -37,6 +37,7 @@ private:
         std::string from; ///< The domain that it comes from.
         std::optional<Address> sender;
         std::optional<Credentials> credentials;
+        bool forEventServer = false;
     };
     struct Answer {
         bool denied = false; ///< Requests from that domain are not accepted.

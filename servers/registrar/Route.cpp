@@ -24,11 +24,6 @@ void insertRecordRoute(msg_t* message, const std::string& socket, const std::str
 
 } // namespace
 
-const url_t& nextHop(const sip_t& sip)
-{
-    return sip.sip_route != nullptr ? *sip.sip_route->r_url : *sip.sip_request->rq_url;
-}
-
 void setRequestUri(msg_t* message, const url_string_t* uri)
 {
     sip_t* const sip = sip_object(message);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <common/Endpoint.h>
+#include <common/Headers.h>
 
 #include <functional>
 #include <string>
@@ -16,8 +17,6 @@ struct RouteMark {
     std::string cookie; ///< By which the proxy knows the route again.
 };
 
-/// Where a request goes next, as Route and request URI say.
-const url_t& nextHop(const sip_t& sip);
 /// Has the request sent to another URI.
 void setRequestUri(msg_t* message, const url_string_t* uri);
 

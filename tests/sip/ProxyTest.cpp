@@ -3,6 +3,9 @@
 #include "sip/SipTest.h"
 
 #include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -45,6 +48,29 @@ protected:
         return all;
     }
 };
+
+/// RFC 3856 section 7 leaves to a domain where its presence is; other event packages are the telephones' own.
+TEST_F(Proxy, SendsWhatIsAboutPresenceToTheEventServer)
+{
+    Phone events("events", "oryx.example", m_port);
+    startRegistrar({"--event-server", "sip:" + events.socket().hostPort()});
+    Phone watcher = bob();
+    for (const auto& [method, package] : std::vector<std::pair<std::string, std::string>>{
+             {"SUBSCRIBE", "presence"}, {"SUBSCRIBE", "presence.winfo"}, {"PUBLISH", "presence"}}) {
+        Message request = watcher.request(method, "sip:alice@oryx.example");
+        watcher.send(request.add("Event", package).add("Authorization", "Digest x"));
+        const Message offered = events.receive();
+        EXPECT_EQ(offered.first, method + " sip:alice@oryx.example SIP/2.0");
+        EXPECT_EQ(offered.field("Authorization"), "Digest x"); // it asks for proof itself
+        events.send(events.response(offered, 489, "Bad Event"));
+        EXPECT_EQ(answers(watcher), "489");
+    }
+    EXPECT_EQ(status(watcher.ask(watcher.request("SUBSCRIBE", "sip:alice@oryx.example").add("Event", "dialog"))),
+              "480 Temporarily Unavailable");
+    EXPECT_EQ(status(watcher.ask(watcher.request("OPTIONS", "sip:alice@oryx.example").add("Event", "presence"))),
+              "480 Temporarily Unavailable");
+    EXPECT_TRUE(events.socket().silent());
+}
 
 /// Sections 16.6 and 16.7.
 TEST_F(Proxy, ConnectsACall)
