@@ -18,6 +18,9 @@ ChangeListenerOptions boundListening()
     return options;
 }
 
+/// How often the list of domains is read, of whose changes nothing tells.
+constexpr std::chrono::seconds kReadAgain{10};
+
 } // namespace
 
 Provisioning::Provisioning(const Options& options, OnChanges onChanges)
@@ -31,19 +34,25 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
     m_thread = std::thread([this] {
         m_listener.run([this](const ChangeSet& changes) {
             m_changes.fetch_add(1, std::memory_order_release);
-            readDomainsAtLast(); // which has no announcement of its own: with every other
+            readDomainsAtLast();
             if (m_onChanges) {
                 m_onChanges(changes);
             }
         });
     });
+    m_reader = std::thread([this] { readDomainsAgain(); });
 }
 
 Provisioning::~Provisioning()
 {
-    m_stop = true;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stop = true;
+    }
+    m_ending.notify_all();
     m_listener.stop();
     m_thread.join();
+    m_reader.join();
 }
 
 bool Provisioning::serves(const std::string& host) const
@@ -65,6 +74,16 @@ void Provisioning::readDomainsAtLast()
     }
 }
 
+void Provisioning::readDomainsAgain()
+{
+    std::unique_lock lock(m_mutex);
+    while (!m_ending.wait_for(lock, kReadAgain, [this] { return m_stop.load(); })) {
+        lock.unlock();
+        readDomains();
+        lock.lock();
+    }
+}
+
 /// False when it could not be read, and is as it was: better than none.
 bool Provisioning::readDomains()
 {
@@ -79,6 +98,7 @@ bool Provisioning::readDomains()
         std::transform(domain.begin(), domain.end(), domain.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     }
+    const std::lock_guard lock(m_mutex);
     if (domains != *m_lists.back()) {
         m_lists.push_back(std::make_unique<const Domains>(std::move(domains)));
         m_domains.store(m_lists.back().get(), std::memory_order_release);
