@@ -19,7 +19,7 @@ void SipTest::startRegistrar(const std::vector<std::string>& options)
                                        "--database", m_database.uri(),
                                        "--user",     server::kUser};
     arguments.insert(arguments.end(), options.begin(), options.end());
-    m_server = std::make_unique<Program>(ORYX_REGISTRAR, arguments,
+    m_server = std::make_unique<Program>(m_program, arguments,
                                          std::vector<std::string>{std::string("PGPASSWORD=") + server::kPassword});
     ASSERT_EQ(m_server->line(), "ready");
 }

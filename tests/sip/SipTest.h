@@ -32,6 +32,7 @@ protected:
     server::Database m_database;
     server::Session m_session;
     int m_port;
+    std::string m_program = ORYX_REGISTRAR;
     std::unique_ptr<Program> m_server;
 };
 
