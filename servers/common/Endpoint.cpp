@@ -11,6 +11,10 @@ namespace {
 
 /// Has the agent made without a socket; the stack takes this pointer for it.
 const url_string_t* const kNoSocket = reinterpret_cast<const url_string_t*>(static_cast<std::intptr_t>(-1)); // NOLINT
+/// As many datagrams as come in a moment in which this server does not run; the system may allow less.
+constexpr unsigned kSocketRoom = 4 * 1024 * 1024;
+constexpr unsigned kKeepAlive = 120 * 1000;  // ms between the signs of life by which dead streams are found
+constexpr unsigned kMessageTime = 32 * 1000; // ms that a message may take to come in whole
 constexpr unsigned kLargestMessage = 64 * 1024;
 /// The fields without which a request is not understood: 400 where one cannot be read.
 constexpr unsigned kNeeded = ~static_cast<unsigned>(sip_mask_response | sip_mask_pref | sip_mask_privacy);
@@ -128,7 +132,9 @@ bool Endpoint::listen(const Listen& socket) const
 {
     const std::string uri = sofiaUri(socket);
     const char* const family = socket.host.starts_with('[') ? "ip6" : "ip4"; // all need one where any has
-    return nta_agent_add_tport(m_agent, urlText(uri.c_str()), TPTAG_IDENT(family), TAG_END()) == 0;
+    return nta_agent_add_tport(m_agent, urlText(uri.c_str()), TPTAG_IDENT(family), TPTAG_UDP_RMEM(kSocketRoom),
+                               TPTAG_UDP_WMEM(kSocketRoom), TPTAG_KEEPALIVE(kKeepAlive), TPTAG_PONG2PING(1),
+                               TPTAG_TIMEOUT(kMessageTime), TAG_END()) == 0;
 }
 
 Endpoint::~Endpoint()

@@ -49,12 +49,17 @@ int rank(int status)
     return 10 * (status / 100) + (is ? 0 : last ? 9 : 5);
 }
 
+struct UrlDeleter {
+    void operator()(url_t* url) const { su_free(nullptr, url); }
+};
+using Url = std::unique_ptr<url_t, UrlDeleter>;
+
 } // namespace
 
 struct Fork::Branch {
     Fork& fork;
-    std::string next; // where it was sent aside from Route and request URI
-    std::string key;  // of its Via
+    std::string key; // of its Via
+    Url next;        // where it is sent
     nta_outgoing_t* transaction = nullptr;
     Message response; // its final one
     bool heard = false;
@@ -142,21 +147,24 @@ Message Fork::addressed(const Hop& hop) const
 
 void Fork::send(const Hop& hop)
 {
+    const std::string key = m_outgoing.branch + "." + std::to_string(m_branches.size() + 1);
+    m_branches.push_back(std::make_unique<Branch>(Branch{*this, key, {}, nullptr, nullptr}));
+    Branch& branch = *m_branches.back();
     Message message = addressed(hop);
     su_home_t* const home = msg_home(message.get());
-    const url_t* const aside = hop.next.empty() ? nullptr : url_hdup(home, urlText(hop.next.c_str())->us_url);
-    const url_t& next = aside != nullptr ? *aside : nextHop(*sip_object(message.get()));
-    if (!m_outgoing.mark.socket.empty()) {
-        recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(next));
+    const url_t* const next =
+        hop.next.empty() ? &nextHop(*sip_object(message.get())) : url_hdup(home, urlText(hop.next.c_str())->us_url);
+    if (next != nullptr) {
+        branch.next.reset(url_hdup(nullptr, next));
+        if (!m_outgoing.mark.socket.empty()) {
+            recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(*next));
+        }
+        fitStrictRouter(message.get());
+        branch.transaction =
+            nta_outgoing_mcreate(m_endpoint.agent(), &Fork::responded, &branch, urlText(*branch.next),
+                                 message.release(), NTATAG_BRANCH_KEY(key.c_str()),
+                                 TPTAG_IDENT(Endpoint::familyOf(*branch.next)), NTATAG_PASS_100(1), TAG_END());
     }
-    const char* const family = Endpoint::familyOf(next);
-    fitStrictRouter(message.get());
-    const std::string key = m_outgoing.branch + "." + std::to_string(m_branches.size());
-    m_branches.push_back(std::make_unique<Branch>(Branch{*this, hop.next, key, nullptr, nullptr}));
-    Branch& branch = *m_branches.back();
-    branch.transaction = nta_outgoing_mcreate(
-        m_endpoint.agent(), &Fork::responded, &branch, aside != nullptr ? urlText(*aside) : nullptr, message.release(),
-        NTATAG_BRANCH_KEY(key.c_str()), TPTAG_IDENT(family), NTATAG_PASS_100(1), TAG_END());
     branch.ended = branch.transaction == nullptr; // nowhere: no such host
 }
 
@@ -231,11 +239,9 @@ void Fork::sendCancel(const Branch& branch)
 {
     const Message request(nta_outgoing_getrequest(branch.transaction));
     Message message = cancelOf(m_endpoint.agent(), request.get());
-    su_home_t* const home = msg_home(message.get());
-    const url_t* const aside = branch.next.empty() ? nullptr : url_hdup(home, urlText(branch.next.c_str())->us_url);
-    const char* const family = Endpoint::familyOf(aside != nullptr ? *aside : nextHop(*sip_object(message.get())));
-    nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, aside != nullptr ? urlText(*aside) : nullptr,
-                         message.release(), NTATAG_BRANCH_KEY(branch.key.c_str()), TPTAG_IDENT(family), TAG_END());
+    nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(*branch.next), message.release(),
+                         NTATAG_BRANCH_KEY(branch.key.c_str()), TPTAG_IDENT(Endpoint::familyOf(*branch.next)),
+                         TAG_END());
 }
 
 /// Those that have been cancelled and say nothing of it.

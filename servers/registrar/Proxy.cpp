@@ -54,6 +54,19 @@ std::string sipUri(const std::string& proxy)
     return proxy.empty() || proxy.starts_with("sip:") || proxy.starts_with("sips:") ? proxy : "sip:" + proxy;
 }
 
+/// To a binding. Where the request URI is not to be replaced by its address, that is only where the request goes:
+/// behind the proxies of its path, as the last of them.
+Hop hopOf(const LiveBinding& binding, bool replaces)
+{
+    if (replaces) {
+        return {binding.address, binding.path, "", binding.preference};
+    }
+    if (binding.path.empty()) {
+        return {"", "", binding.address, binding.preference};
+    }
+    return {"", binding.path + ", <" + binding.address + ";lr>", "", binding.preference};
+}
+
 bool inDialog(const sip_t& sip)
 {
     return sip.sip_to->a_tag != nullptr;
@@ -190,6 +203,11 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
     question.sender = addressOf(*sip.sip_from->a_url);
     Credentials credentials;
     if (readCredentials(sip.sip_proxy_authorization, m_provisioning.realm(), credentials)) {
+        const auto isHere = [this](const url_t& url) { return leadsHere(url); };
+        if (!credentials.areFor(*sip.sip_request->rq_url, isHere)) { // RFC 7616 section 3.4.6
+            request->answer(SIP_400_BAD_REQUEST);
+            return;
+        }
         question.credentials = std::move(credentials);
     }
     // All that one caller sends comes to one worker, which knows his credentials.
@@ -262,9 +280,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
     case TargetReason::addressMap:
     case TargetReason::defaultRoute:
         for (const LiveBinding& binding : answer.target.set.bindings) {
-            const bool replaces = answer.target.set.replaceUri;
-            hops.push_back({replaces ? binding.address : "", binding.path,
-                            replaces || !binding.path.empty() ? "" : binding.address, binding.preference});
+            hops.push_back(hopOf(binding, answer.target.set.replaceUri));
         }
         break;
     case TargetReason::outbound:
@@ -289,7 +305,9 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
 
 void Proxy::challenge(Incoming& request, bool stale) const
 {
-    sip::challenge(request, 407, m_provisioning.realm(), m_nonces.make(), stale);
+    const std::optional<Address> sender = addressOf(*request.sip().sip_from->a_url);
+    const std::string nonce = m_nonces.make(sender ? sender->key() : 0);
+    sip::challenge(request, 407, m_provisioning.realm(), nonce, stale);
 }
 
 /// Section 16.6.
@@ -315,10 +333,10 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
     Message outgoing = prepared(sip, message.get(), routes);
     if (routes.known) {
         const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(sip) + ".0";
+        const url_t next = nextHop(*sip_object(outgoing.get())); // its texts stay with the message
         fitStrictRouter(outgoing.get());
-        const char* const family = Endpoint::familyOf(nextHop(*sip_object(outgoing.get())));
-        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), nullptr, NTATAG_BRANCH_KEY(branch.c_str()),
-                      TPTAG_IDENT(family), TAG_END());
+        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), urlText(next), NTATAG_BRANCH_KEY(branch.c_str()),
+                      TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END());
     }
 }
 

@@ -18,6 +18,7 @@ namespace oryx::sip {
 namespace {
 
 /// Of one address of record; a person has a few telephones.
+constexpr unsigned kHour = 3600;
 constexpr std::uint32_t kMostBindings = 32;
 constexpr std::size_t kMostContacts = 32; // in one request
 
@@ -76,15 +77,23 @@ bool Registrar::understands(Incoming& request)
 /// the credentials must be those of the address of record's own subscriber, which the worker finds out.
 bool Registrar::readSender(Incoming& request, Order& order) const
 {
+    const sip_t& sip = request.sip();
     if (!m_options.digest) {
         return true;
     }
     order.credentials.emplace();
-    if (readCredentials(request.sip().sip_authorization, m_provisioning.realm(), *order.credentials)) {
-        return true;
+    if (!readCredentials(sip.sip_authorization, m_provisioning.realm(), *order.credentials)) {
+        challenge(request, false);
+        return false;
     }
-    challenge(request, false);
-    return false;
+    const auto isHere = [this](const url_t& url) {
+        return m_endpoint->isOurs(url) || m_provisioning.serves(hostOf(url));
+    };
+    if (!order.credentials->areFor(*sip.sip_request->rq_url, isHere)) { // RFC 7616 section 3.4.6
+        request.answer(SIP_400_BAD_REQUEST);
+        return false;
+    }
+    return true;
 }
 
 /// Item 5: the address of record. One that is not served here has no bindings here.
@@ -172,7 +181,7 @@ bool Registrar::readExpiry(Incoming& request, const sip_contact_t& contact, std:
         expires = static_cast<std::uint32_t>(
             std::min<unsigned long>(request.sip().sip_expires->ex_delta, m_options.maxExpires));
     }
-    if (expires > 0 && expires < m_options.minExpires) {
+    if (expires > 0 && expires < std::min(m_options.minExpires, kHour)) { // never what asks for an hour
         const std::string least = std::to_string(m_options.minExpires);
         request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
         return false;
@@ -204,7 +213,9 @@ void Registrar::apply(const std::shared_ptr<Incoming>& request, Order order)
 
 void Registrar::challenge(Incoming& request, bool stale) const
 {
-    sip::challenge(request, 401, m_provisioning.realm(), m_nonces.make(), stale);
+    const std::optional<Address> address = addressOf(*request.sip().sip_to->a_url);
+    const std::string nonce = m_nonces.make(address ? address->key() : 0);
+    sip::challenge(request, 401, m_provisioning.realm(), nonce, stale);
 }
 
 void Registrar::conclude(Incoming& request, const Outcome& outcome) const

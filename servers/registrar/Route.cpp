@@ -70,11 +70,7 @@ void fitStrictRouter(msg_t* message)
     }
     sip_route_t* const last = sip_route_create(msg_home(message), sip->sip_request->rq_url, nullptr);
     setRequestUri(message, urlText(*sip_route_remove(message, sip)->r_url));
-    sip_route_t** end = &sip->sip_route;
-    while (*end != nullptr) {
-        end = &(*end)->r_next;
-    }
-    *end = last;
+    sip_header_insert(message, sip, anyHeader(last));
 }
 
 } // namespace oryx::sip

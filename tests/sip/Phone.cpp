@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cstring>
 #include <initializer_list>
-#include <set>
 #include <stdexcept>
 
 namespace phone {
@@ -230,6 +229,7 @@ void Socket::send(int port, const std::string& text)
 std::string Socket::receive(int milliseconds)
 {
     for (;;) {
+        m_unread.erase(0, m_unread.find_first_not_of("\r\n")); // signs of life
         const std::size_t end = m_unread.find("\r\n\r\n");
         const std::size_t length = m_unread.find("Content-Length: ");
         if (end != std::string::npos && length < end) {
@@ -280,17 +280,16 @@ bool Socket::silent(int milliseconds) const
 
 int freePort(const std::string& host)
 {
-    static std::set<int> given;
+    // Below those that the system gives to connections, which come and go; each process begins elsewhere.
+    static int last = 10000 + ::getpid() * 16 % 20000;
     for (;;) {
-        const int udp = bound(SOCK_DGRAM, host, 0);
-        const int port = portOf(udp);
-        const int tcp = bound(SOCK_STREAM, host, port);
+        last = last < 30000 ? last + 2 : 10000; // where some listen for TLS
+        const int udp = bound(SOCK_DGRAM, host, last);
+        const int tcp = bound(SOCK_STREAM, host, last);
         ::close(udp);
-        if (tcp >= 0) {
-            ::close(tcp);
-        }
-        if (tcp >= 0 && given.insert(port).second && given.insert(port + 1).second) { // where some listen for TLS
-            return port;
+        ::close(tcp);
+        if (udp >= 0 && tcp >= 0) {
+            return last;
         }
     }
 }

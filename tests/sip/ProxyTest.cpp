@@ -374,6 +374,61 @@ TEST_F(Proxy, SendsAlongThePath)
     EXPECT_EQ(answers(caller), "202");
 }
 
+/// The same where the request URI stays: the contact is the last proxy on the way.
+TEST_F(Proxy, SendsAlongThePathWithTheUriAsItCame)
+{
+    sql("UPDATE contact_set SET replace_uri = false WHERE csid = 1");
+    startRegistrar();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    Phone called = alice();
+    const std::string path = "<sip:" + edge.socket().hostPort() + ";lr>";
+    called.ask(called.registration("<sip:alice@192.0.2.1>").add("Path", path));
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = edge.receive();
+    EXPECT_EQ(passed.first, "MESSAGE sip:alice@oryx.example SIP/2.0");
+    EXPECT_EQ(passed.field("Route"), path + ", <sip:alice@192.0.2.1;lr>");
+}
+
+/// Section 16.6, item 6: a proxy that expects itself in the request URI.
+TEST_F(Proxy, FitsTheRouteToAStrictRouter)
+{
+    startRegistrar();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    Phone called = alice();
+    const std::string strict = "sip:" + edge.socket().hostPort();
+    called.ask(
+        called.registration("<sip:alice@192.0.2.1>").add("Path", "<" + strict + ">").add("Path", "<sip:192.0.2.2;lr>"));
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = edge.receive();
+    EXPECT_EQ(passed.first, "MESSAGE " + strict + " SIP/2.0");
+    EXPECT_EQ(passed.field("Route"), "<sip:192.0.2.2;lr>, <sip:alice@192.0.2.1>");
+}
+
+/// Section 16.4: what a strict router makes of a route through this proxy.
+TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
+{
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    const Message accepted = called.response(offered, 200, "OK");
+    called.send(accepted);
+    EXPECT_EQ(answers(caller), "100, 200");
+    const std::string route = offered.field("Record-Route");
+    Message end = caller.request("BYE", route.substr(1, route.size() - 2));
+    end.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
+    end.set("To", accepted.field("To")).set("Route", "<" + called.contact() + ">");
+    caller.send(end);
+    const Message ended = called.receive();
+    EXPECT_EQ(ended.first, "BYE " + called.contact() + " SIP/2.0");
+    EXPECT_EQ(ended.field("Route"), "");
+}
+
 TEST_F(Proxy, FollowsAnAddressMap)
 {
     Phone gateway("gateway", "oryx.example", m_port);

@@ -22,7 +22,7 @@ void SipTest::startEvents(const std::vector<std::string>& options)
     start(ORYX_EVENTS, options);
 }
 
-void SipTest::start(const char* program, const std::vector<std::string>& options)
+void SipTest::start(const std::string& program, const std::vector<std::string>& options)
 {
     std::vector<std::string> arguments{"--listen",   "udp:127.0.0.1:" + std::to_string(m_port),
                                        "--listen",   "tcp:127.0.0.1:" + std::to_string(m_port),

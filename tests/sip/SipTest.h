@@ -20,6 +20,8 @@ protected:
     void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
     /// The same with the event server.
     void startEvents(const std::vector<std::string>& options = {"--auth", "none"});
+    /// The same with any server.
+    void start(const std::string& program, const std::vector<std::string>& options);
     /// Ends it as an operator does; its exit status.
     int stop();
 
@@ -35,9 +37,6 @@ protected:
     server::Session m_session;
     int m_port;
     std::unique_ptr<Program> m_server;
-
-private:
-    void start(const char* program, const std::vector<std::string>& options);
 };
 
 /// The status line of an answer.

@@ -2,8 +2,11 @@
 
 #include "sip/SipTest.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <array>
+#include <memory>
 
 namespace {
 
@@ -164,6 +167,38 @@ TEST_F(Transports, AreUdpWhereNothingElseIsSaid)
     const Message passed = called.receive();
     EXPECT_EQ(passed.first, "MESSAGE " + called.contact() + " SIP/2.0");
     EXPECT_EQ(passed.field("Via").find("SIP/2.0/UDP [::1]:" + port + ";"), 0U) << passed.field("Via");
+}
+
+/// Each telephone by TCP keeps its connection: more of them than a process may have unless it asks.
+TEST_F(Transports, HoldManyConnections)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    if (limit.rlim_cur < 2000) {
+        GTEST_SKIP() << "this process may have " << limit.rlim_cur << " descriptors";
+    }
+    const rlimit few{1024, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0); // which the server inherits
+    startRegistrar();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<std::unique_ptr<Phone>> telephones;
+    for (int n = 0; n < 1200; ++n) {
+        telephones.push_back(std::make_unique<Phone>("alice", "oryx.example", m_port, "127.0.0.1", Transport::tcp));
+        telephones.back()->send(telephones.back()->request("OPTIONS", "sip:oryx.example"));
+    }
+    for (const std::unique_ptr<Phone>& telephone : telephones) {
+        ASSERT_EQ(status(telephone->receive()), "200 OK");
+    }
+}
+
+/// RFC 5626 section 3.5.1: a telephone that asks if its connection lives is told so.
+TEST_F(Transports, AnswerSignsOfLife)
+{
+    startRegistrar();
+    phone::Socket socket("127.0.0.1", Transport::tcp);
+    socket.send(m_port, "\r\n\r\n");
+    EXPECT_FALSE(socket.silent(2000));
 }
 
 } // namespace
