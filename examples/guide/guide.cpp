@@ -6,6 +6,7 @@
 #include <dal/LiveBindings.h>
 #include <dal/LocationService.h>
 #include <dal/PresenceService.h>
+#include <dal/Publications.h>
 #include <dal/Registration.h>
 #include <dal/RequestTarget.h>
 #include <util/CleanText.h>
@@ -168,6 +169,27 @@ int registerContacts(oryx::LocationService& service, const std::string& user, co
         break;
     }
     return sipStatus(result); // 500, 404, and 503 where there is no database
+}
+
+/// Answers a PUBLISH whose sender is the presentity: the status, and what the SIP-ETag and Expires of a 200 say.
+int publishState(oryx::PresenceService& service, const std::string& user, const std::string& host,
+                 oryx::PublishRequest request, oryx::PublishAnswer& answer)
+{
+    request.maxPublications = 10;
+    const oryx::DatabaseResult result =
+        oryx::applyPublication(service, lowerCase(user).c_str(), normalisedHost(host).c_str(), request, answer);
+    switch (answer.outcome) {
+    case oryx::PublishOutcome::conditionFailed: // RFC 3903 section 6: the telephone publishes the whole anew
+        return 412;
+    case oryx::PublishOutcome::inactiveSubscriber:
+    case oryx::PublishOutcome::tooManyPublications:
+        return 403;
+    case oryx::PublishOutcome::done:
+    case oryx::PublishOutcome::unknownPresentity:
+    case oryx::PublishOutcome::failed:
+        break;
+    }
+    return sipStatus(result); // 200; 404, 500, and 503 where there is no database
 }
 
 /// Where an INVITE goes: the status to answer it with at once, or 0 and the targets, those to be tried together in one.
