@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <regex>
+#include <set>
 #include <thread>
 
 namespace {
@@ -638,6 +639,36 @@ TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
     holder.run("COMMIT");
     EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
     EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// Also those after a restart, each once.
+TEST_F(Subscribing, IsToldWhoeverElseIs)
+{
+    constexpr int kWatchers = 100;
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < kWatchers; ++n) {
+        EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    }
+    const auto toldAll = [&] {
+        std::set<std::string> calls;
+        std::string different;
+        for (int n = 0; n < kWatchers; ++n) {
+            const Message notify = bob.notified();
+            calls.insert(notify.field("Call-ID"));
+            different += told(notify) == "NOTIFY active open" ? "" : told(notify);
+        }
+        return std::to_string(calls.size()) + different;
+    };
+    publish();
+    EXPECT_EQ(toldAll(), "100");
+    kill();
+    startEvents();
+    EXPECT_EQ(toldAll(), "100");
+    EXPECT_EQ(rows("SELECT DISTINCT notcseq FROM subscription_states"), "3\n");
+    EXPECT_TRUE(bob.silent());
 }
 
 TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
