@@ -58,7 +58,8 @@ void refuseDocumentType(void* parser, const xmlChar* /*name*/, const xmlChar* /*
     xmlStopParser(static_cast<xmlParserCtxt*>(parser));
 }
 
-/// Null where it is not well-formed. What the parser limits of itself (depth, lengths) stays limited.
+/// Null where it is not well-formed, in UTF-8 whatever it says of itself: conversions have failures of their own, of
+/// which the parser writes to standard error. What the parser limits of itself (depth, lengths) stays limited.
 Document parsed(std::string_view text)
 {
     static const bool ready = (xmlInitParser(), true);
@@ -72,7 +73,7 @@ Document parsed(std::string_view text)
     parser->sax->comment = nullptr;
     parser->sax->processingInstruction = nullptr;
     Document document(
-        xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, nullptr, kOptions));
+        xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, "UTF-8", kOptions));
     const bool whole = parser->wellFormed != 0 && parser->nsWellFormed != 0 && parser->errNo != XML_ERR_USER_STOP;
     return whole && xmlDocGetRootElement(document.get()) != nullptr ? std::move(document) : nullptr;
 }
