@@ -305,9 +305,9 @@ void Notifier::retry()
 
 void Notifier::send(Watch& watch, const Notice& notice)
 {
-    Message request = notifyRequest(*m_endpoint, watch.subscription, notice);
-    watch.transaction =
-        nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, nullptr, request.release(), TAG_END());
+    NotifyRequest request = notifyRequest(*m_endpoint, watch.subscription, notice);
+    watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, request.next,
+                                             request.message.release(), TAG_END());
     if (watch.transaction == nullptr) { // nowhere: no such host
         answered(watch, kTimeout);
     }

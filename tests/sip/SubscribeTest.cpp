@@ -1,6 +1,7 @@
 // Subscriptions as telephones see them: RFC 6665 section 4.2, presence (RFC 3856), who watches it (RFC 3857), and lists
 // (RFC 4662).
 
+#include "sip/Baresip.h"
 #include "sip/SipTest.h"
 
 #include <chrono>
@@ -340,7 +341,7 @@ TEST_F(Subscribing, GoesOnAfterTheServerWasKilled)
     startEvents();
     Watcher bob("bob", m_port);
     const std::string proxy = "<sip:" + bob.phone().socket().hostPort() + ";lr>";
-    bob.subscribe(bob.request(kAlice).set("Record-Route", proxy));
+    EXPECT_EQ(bob.subscribe(bob.request(kAlice).set("Record-Route", proxy)).field("Record-Route"), proxy);
     EXPECT_EQ(bob.notified().field("Route"), proxy);
     kill();
     publish();
@@ -562,6 +563,41 @@ TEST_F(PresenceList, GoesOnAfterTheServerWasKilled)
     EXPECT_EQ(resources(notify), "1 sip:alice@oryx.example active sip:nobody@oryx.example terminated");
 }
 
+/// RFC 3261 section 12.2.1.1, as proxies of old expect it.
+TEST_F(Subscribing, ReachesAStrictRouter)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const std::string first = "sip:" + bob.phone().socket().hostPort();
+    bob.subscribe(bob.request(kAlice).set("Record-Route", "<" + first + ">, <sip:192.0.2.8;lr>"));
+    const Message notify = bob.notified();
+    EXPECT_EQ(notify.first, "NOTIFY " + first + " SIP/2.0");
+    EXPECT_EQ(notify.field("Route"), "<sip:192.0.2.8;lr>, <" + bob.phone().contact() + ">");
+}
+
+/// Section 4.2.2: one after another.
+TEST_F(Subscribing, IsToldAllThatHappensBeforeAnAnswerAtOnce)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    const Message first = bob.phone().receive();
+    publish();
+    allow("bob@oryx.example", "polite");
+    allow("bob@oryx.example");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    bob.phone().send(bob.phone().response(first, 200, "OK"));
+    Message notify = bob.notified();
+    while (notify.field("CSeq") == "1 NOTIFY") { // it was sent again
+        notify = bob.notified();
+    }
+    EXPECT_EQ(told(notify), "NOTIFY active open");
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+    EXPECT_TRUE(bob.silent());
+}
+
 /// RFC 3261 section 21.5.4.
 TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
 {
@@ -576,6 +612,19 @@ TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
     holder.run("COMMIT");
     EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
     EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// Telephones that nobody here wrote: one publishes that it is there, the other sees it, with digest.
+TEST_F(Subscribing, ShowsOneTelephoneThatAnotherIsThere)
+{
+    allow("bob@oryx.example");
+    startEvents({});
+    const std::unique_ptr<Baresip> bob = Baresip::withPresence("bob", m_port, "alice@oryx.example");
+    const std::unique_ptr<Baresip> alice = Baresip::withPresence("alice", m_port, "");
+    alice->command("presence_online");
+    EXPECT_TRUE(bob->sees("Online")) << bob->said() << alice->said();
+    alice->command("presence_offline");
+    EXPECT_TRUE(bob->sees("Offline")) << bob->said() << alice->said();
 }
 
 } // namespace
