@@ -6,6 +6,7 @@
 #include <utf8.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -45,9 +46,15 @@ std::string ownText(xmlChar* text)
 /// A text without what cannot stand in XML (XML 1.0 section 2.2).
 std::string allowedText(const std::string& text)
 {
+    std::string valid;
+    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid));
     std::string allowed;
-    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(allowed));
-    std::erase_if(allowed, [](char c) { return c >= 0 && c < ' ' && c != '\t' && c != '\n' && c != '\r'; });
+    for (auto at = valid.begin(); at != valid.end();) {
+        const std::uint32_t c = utf8::next(at, valid.end());
+        if ((c >= ' ' && c != 0xFFFE && c != 0xFFFF) || c == '\t' || c == '\n' || c == '\r') {
+            utf8::append(c, std::back_inserter(allowed));
+        }
+    }
     return allowed;
 }
 

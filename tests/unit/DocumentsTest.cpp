@@ -165,7 +165,8 @@ TEST(PresenceDocument, tellsTheIdsOfSeveralSourcesApart)
 
 TEST(PresenceDocument, escapesWhatItIsGiven)
 {
-    EXPECT_EQ(wellFormed(presenceDocument("sip:\"<&>'\x01\xFF@h", {published("<note>&lt;&amp;&#39;</note>")})),
+    EXPECT_EQ(wellFormed(presenceDocument("sip:\"<&>'\x01\xEF\xBF\xBE\xEF\xBF\xBF\xFF@h",
+                                          {published("<note>&lt;&amp;&#39;</note>")})),
               kDeclaration + "<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" "
                              "entity=\"sip:&quot;&lt;&amp;&gt;'&#xFFFD;@h\"><note>&lt;&amp;'</note></presence>");
 }
