@@ -386,7 +386,7 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
     const std::string rootId = "0" + idEnd;
     Body body;
     body.type =
-        "multipart/related;type=\"application/rlmi+xml\";start=\"<" + rootId + ">\";boundary=\"" + boundary + "\"";
+        R"(multipart/related;type="application/rlmi+xml";start="<)" + rootId + R"(>";boundary=")" + boundary + '"';
     addPart(body.text, boundary, rootId, "application/rlmi+xml;charset=\"UTF-8\"", written(document));
     body.text += parts + "--" + boundary + "--" + kNewLine;
     return body;
