@@ -355,6 +355,32 @@ TEST_F(Subscribing, GoesOnAfterTheServerWasKilled)
     EXPECT_EQ(bob.notified().field("CSeq"), "3 NOTIFY");
 }
 
+/// Section 8.2.1: the parameters that tell it from others.
+TEST_F(Subscribing, KeepsItsEventsParameters)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice, 3600, "presence;id=7;other=\"a b\"");
+    EXPECT_EQ(bob.notified().field("Event"), "presence;id=7;other=\"a b\"");
+    EXPECT_EQ(status(bob.refresh(600)), "200 OK");
+    EXPECT_EQ(bob.notified().field("Event"), "presence;id=7;other=\"a b\"");
+}
+
+/// RFC 3261 section 12.2.1.1: whatever the length of the names.
+TEST_F(Subscribing, KeepsTheWholeOfBothEnds)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    Message request = bob.request(kAlice);
+    request.set("From", "\"" + std::string(150, 'b') + "\" " + request.field("From"));
+    const Message answer = bob.subscribe(request);
+    const Message notify = bob.notified();
+    EXPECT_EQ(notify.field("From"), answer.field("To"));
+    EXPECT_EQ(notify.field("To"), answer.field("From"));
+}
+
 TEST_F(Subscribing, ThatExpiredWhileTheServerWasAwayEnds)
 {
     allow("bob@oryx.example");
@@ -611,6 +637,61 @@ TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
     EXPECT_NE(answer.field("Retry-After"), "");
     holder.run("COMMIT");
     EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    publish();
+    EXPECT_TRUE(bob.phone().socket().silent(1500));
+    holder.run("COMMIT");
+    const Message notify = bob.notified();
+    EXPECT_EQ(told(notify), "NOTIFY active open");
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+    EXPECT_TRUE(bob.silent());
+}
+
+TEST_F(Subscribing, StaysWhenTheServerIsToldToEnd)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(stored(), "1\n");
+}
+
+/// RFC 3261 section 21.4.1: what cannot be meant, and what is meant to hurt.
+TEST_F(Subscribing, WithAHostileTextIsRefusedAndTheNextIsServed)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const auto refused = [&](const Message& request) { return status(bob.subscribe(request)); };
+    const std::string from = bob.request(kAlice).field("From");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "<sip:bob@oryx.example>")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "<tel:+4912345>;tag=1")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"" + std::string(2000, 'b') + "\" " + from)),
+              "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"\xff\" " + from)), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("CSeq", "4294967295 SUBSCRIBE")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("Contact", "<mailto:bob@oryx.example>")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("Contact", "<sip:" + std::string(1100, 'b') + "@127.0.0.1>")),
+              "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("Event", "presence;id=" + std::string(2000, '1'))), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request("sip:alice%00@oryx.example")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request("sip:alice%0a@oryx.example")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request("sip:alice%27%3Bselect@oryx.example")), "404 Not Found");
+    EXPECT_EQ(stored(), "0\n");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"Bob 'O''Neill\" " + from)), "200 OK");
     EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
 }
 
