@@ -2,6 +2,7 @@
 
 #include <common/Address.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace oryx::sip {
@@ -25,13 +26,19 @@ std::string unknownTags(const msg_list_t* required, std::string_view known)
     return tags;
 }
 
+/// The stack leaves out the last parameter where it has no room behind it, and does not say so.
 std::string headerText(sip_header_t* header)
 {
-    su_home_t home[1] = {SU_HOME_INIT(home)};
-    const char* const text = sip_header_as_string(home, header);
-    std::string copy = text != nullptr ? text : "";
-    su_home_deinit(home);
-    return copy;
+    constexpr std::size_t kRoom = 64;
+    std::string text(512, '\0');
+    for (;;) {
+        const issize_t length = sip_header_field_e(text.data(), static_cast<isize_t>(text.size()), header, 0);
+        if (length >= 0 && static_cast<std::size_t>(length) + kRoom <= text.size()) {
+            text.resize(static_cast<std::size_t>(length));
+            return text;
+        }
+        text.assign(std::max(2 * text.size(), static_cast<std::size_t>(std::max<issize_t>(length, 0)) + kRoom), '\0');
+    }
 }
 
 } // namespace oryx::sip

@@ -35,8 +35,8 @@ private:
         std::set<std::string> presentities;
     };
 
-    Bell m_bell;
     Ring<News, 256> m_news;
+    Bell m_bell;
     std::atomic<bool> m_stopped{false};
 };
 

@@ -6,6 +6,7 @@
 #include <utf8.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -45,9 +46,15 @@ std::string ownText(xmlChar* text)
 /// A text without what cannot stand in XML (XML 1.0 section 2.2).
 std::string allowedText(const std::string& text)
 {
+    std::string valid;
+    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid));
     std::string allowed;
-    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(allowed));
-    std::erase_if(allowed, [](char c) { return c >= 0 && c < ' ' && c != '\t' && c != '\n' && c != '\r'; });
+    for (auto at = valid.begin(); at != valid.end();) {
+        const std::uint32_t c = utf8::next(at, valid.end());
+        if ((c >= ' ' && c != 0xFFFE && c != 0xFFFF) || c == '\t' || c == '\n' || c == '\r') {
+            utf8::append(c, std::back_inserter(allowed));
+        }
+    }
     return allowed;
 }
 
@@ -58,7 +65,8 @@ void refuseDocumentType(void* parser, const xmlChar* /*name*/, const xmlChar* /*
     xmlStopParser(static_cast<xmlParserCtxt*>(parser));
 }
 
-/// Null where it is not well-formed. What the parser limits of itself (depth, lengths) stays limited.
+/// Null where it is not well-formed, in UTF-8 whatever it says of itself: conversions have failures of their own, of
+/// which the parser writes to standard error. What the parser limits of itself (depth, lengths) stays limited.
 Document parsed(std::string_view text)
 {
     static const bool ready = (xmlInitParser(), true);
@@ -72,7 +80,7 @@ Document parsed(std::string_view text)
     parser->sax->comment = nullptr;
     parser->sax->processingInstruction = nullptr;
     Document document(
-        xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, nullptr, kOptions));
+        xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, "UTF-8", kOptions));
     const bool whole = parser->wellFormed != 0 && parser->nsWellFormed != 0 && parser->errNo != XML_ERR_USER_STOP;
     return whole && xmlDocGetRootElement(document.get()) != nullptr ? std::move(document) : nullptr;
 }
@@ -378,7 +386,7 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
     const std::string rootId = "0" + idEnd;
     Body body;
     body.type =
-        "multipart/related;type=\"application/rlmi+xml\";start=\"<" + rootId + ">\";boundary=\"" + boundary + "\"";
+        R"(multipart/related;type="application/rlmi+xml";start="<)" + rootId + R"(>";boundary=")" + boundary + '"';
     addPart(body.text, boundary, rootId, "application/rlmi+xml;charset=\"UTF-8\"", written(document));
     body.text += parts + "--" + boundary + "--" + kNewLine;
     return body;

@@ -2,7 +2,6 @@
 
 #include <events/Notifier.h>
 
-#include <common/Headers.h>
 #include <events/Notify.h>
 #include <events/Store.h>
 
@@ -17,6 +16,7 @@ namespace {
 
 /// Before what the database could not be asked for is asked again, or what the workers had no room for.
 constexpr std::chrono::milliseconds kRetryPause{200};
+constexpr std::size_t kMostAtOnce = 8;
 
 constexpr int kTimeout = 408; // or somebody else's, on the way
 /// Answers after which the subscriber, or his dialog, is not there any more (RFC 6665 section 4.2.2, RFC 5057 section
@@ -215,28 +215,58 @@ void Notifier::wantEnd(Watch& watch, const std::string& reason)
 
 void Notifier::begin(Watch& watch)
 {
-    if (watch.underWay || !watch.wanted) {
-        return;
+    if (watch.wanted && !watch.underWay && !watch.waiting) {
+        watch.waiting = true;
+        m_waiting.push_back(watch.subscription.id);
+        composeNext();
     }
+}
+
+/// A few at a time: whoever subscribes does not wait for all that a restart or a change of rules brings about.
+void Notifier::composeNext()
+{
+    while (!m_pausing && m_composing < kMostAtOnce && !m_waiting.empty()) {
+        const auto next = m_watches.find(m_waiting.front());
+        m_waiting.pop_front();
+        if (next != m_watches.end()) {
+            next->second->waiting = false;
+            compose(*next->second);
+        }
+    }
+}
+
+void Notifier::compose(Watch& watch)
+{
     watch.occasion.always = watch.wantedAlways;
     if (watch.subscription.package == Package::watchers) {
         watch.occasion.watchers = watchersOf(watch.subscription.presentity.text());
     }
     auto work = [next = watch.subscription, occasion = watch.occasion](EventSession& session) mutable {
         ++next.notifyCseq;
-        Notice notice = compose(session.service(), next, occasion);
+        Notice notice = sip::compose(session.service(), next, occasion);
         return std::pair(std::move(next), std::move(notice));
     };
     auto then = [this, id = watch.subscription.id](const std::pair<Subscription, Notice>& made) {
+        --m_composing;
         take(id, made.first, made.second);
+        composeNext();
     };
     watch.underWay = m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then));
     if (watch.underWay) {
+        ++m_composing;
         watch.wanted = false;
         watch.wantedAlways = false;
     } else {
-        m_retry.set(kRetryPause);
+        pause();
+        begin(watch);
     }
+}
+
+/// Until the database answers again, or the workers have room.
+void Notifier::pause()
+{
+    m_pausing = true;
+    m_retry.set(kRetryPause);
 }
 
 /// What a worker has made; `next` is the subscription with it.
@@ -251,7 +281,8 @@ void Notifier::take(const std::string& id, const Subscription& next, const Notic
         watch.underWay = false;
         watch.wanted = true;
         watch.wantedAlways = watch.wantedAlways || watch.occasion.always;
-        m_retry.set(kRetryPause);
+        pause();
+        begin(watch);
         return;
     }
     if (!notice.due) {
@@ -296,20 +327,18 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
 
 void Notifier::retry()
 {
+    m_pausing = false;
     if (!m_loaded) {
         load();
     }
-    for (const auto& [id, watch] : m_watches) {
-        begin(*watch);
-    }
+    composeNext();
 }
 
 void Notifier::send(Watch& watch, const Notice& notice)
 {
-    Message request = notifyRequest(*m_endpoint, watch.subscription, notice);
-    const char* const family = Endpoint::familyOf(nextHop(*sip_object(request.get())));
-    watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, nullptr,
-                                             request.release(), TPTAG_IDENT(family), TAG_END());
+    NotifyRequest request = notifyRequest(*m_endpoint, watch.subscription, notice);
+    watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, request.next,
+                                             request.message.release(), TPTAG_IDENT(request.family), TAG_END());
     if (watch.transaction == nullptr) { // nowhere: no such host
         answered(watch, kTimeout);
     }

@@ -7,7 +7,8 @@
 #include <events/Session.h>
 #include <events/Subscription.h>
 
-#include <ctime>
+#include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <set>
@@ -70,6 +71,7 @@ private:
         Occasion occasion;             ///< Of the NOTIFY that is under way, or of the last one.
         bool wanted = false;           ///< Whether there is to be another.
         bool wantedAlways = false;     ///< And even if it says nothing new.
+        bool waiting = false;          ///< For its turn to be made.
         bool underWay = false;         ///< One is being made, or has not been answered.
         std::string cause;             ///< What has made the state what it is, as watcher information calls it.
         std::set<std::string> members; ///< The presentities on the list.
@@ -86,6 +88,9 @@ private:
     void want(Watch& watch, bool always);
     void wantEnd(Watch& watch, const std::string& reason);
     void begin(Watch& watch);
+    void composeNext();
+    void compose(Watch& watch);
+    void pause();
     void take(const std::string& id, const Subscription& next, const Notice& notice);
     void takeState(Watch& watch, const Notice& notice);
     void load();
@@ -105,8 +110,11 @@ private:
     Workers<EventSession>& m_workers;
     const Endpoint* m_endpoint = nullptr;
     Watches m_watches;
-    Index m_watching;         // presentity to subscriptions to his presence, by himself or by a list
-    Index m_watchingWatchers; // presentity to subscriptions to his watchers
+    Index m_watching;                  // presentity to subscriptions to his presence, by himself or by a list
+    Index m_watchingWatchers;          // presentity to subscriptions to his watchers
+    std::deque<std::string> m_waiting; // those that want a NOTIFY made
+    std::size_t m_composing = 0;       // how many are being made
+    bool m_pausing = false;            // the database is away
     Timer m_retry;
     std::function<void()> m_resumed;
     bool m_loaded = false;

@@ -2,6 +2,9 @@
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
+#include <algorithm>
+#include <ctime>
+#include <limits>
 #include <unordered_map>
 #include <utility>
 
@@ -81,10 +84,8 @@ bool storeRefresh(PresenceService& service, const Subscription& subscription)
     if (subscription.package == Package::watchers) {
         return service.updateWinfoForPresentity(watcherInfoOf(subscription)).okay();
     }
-    return service
-        .updateWatcherExpiry(subscription.presentityKey().c_str(), subscription.id.c_str(),
-                             static_cast<int>(subscription.expires))
-        .okay();
+    const auto expires = static_cast<int>(std::min<std::time_t>(subscription.expires, std::numeric_limits<int>::max()));
+    return service.updateWatcherExpiry(subscription.presentityKey().c_str(), subscription.id.c_str(), expires).okay();
 }
 
 bool storeNotify(PresenceService& service, const Subscription& subscription)

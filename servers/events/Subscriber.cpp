@@ -17,6 +17,7 @@ namespace oryx::sip {
 namespace {
 
 constexpr const char* kEventList = "eventlist";
+constexpr std::uint32_t kLastCseq = 0x7fffffff; // RFC 3261 section 8.1.1.5
 
 bool lists(const msg_list_t* header, const char* item)
 {
@@ -53,6 +54,13 @@ std::string routeSetOf(const sip_t& sip)
         routes.append(routes.empty() ? "" : ", ").append(headerText(one));
     }
     return routes;
+}
+
+/// Whether there is one place that NOTIFY can go to.
+bool reachable(const sip_contact_t* contact)
+{
+    return contact != nullptr && contact->m_next == nullptr &&
+           (contact->m_url->url_type == url_sip || contact->m_url->url_type == url_sips);
 }
 
 std::string subscriptionId(const char* tag)
@@ -164,10 +172,7 @@ bool Subscriber::readDialog(Incoming& request, Order& order)
 {
     const sip_t& sip = request.sip();
     Subscription& dialog = order.subscription;
-    const sip_contact_t* const contact = sip.sip_contact;
-    const bool reachable = contact != nullptr && contact->m_next == nullptr &&
-                           (contact->m_url->url_type == url_sip || contact->m_url->url_type == url_sips);
-    if (!reachable || sip.sip_from->a_tag == nullptr) {
+    if (!reachable(sip.sip_contact) || sip.sip_from->a_tag == nullptr || sip.sip_cseq->cs_seq > kLastCseq) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }
@@ -176,7 +181,7 @@ bool Subscriber::readDialog(Incoming& request, Order& order)
     dialog.from = headerText(*sip.sip_from);
     dialog.to = headerText(*sip.sip_to) + ";tag=" + tag;
     dialog.callId = sip.sip_call_id->i_id;
-    dialog.contact = normalized(*contact->m_url);
+    dialog.contact = normalized(*sip.sip_contact->m_url);
     dialog.routes = routeSetOf(sip);
     dialog.requestUri = normalized(*sip.sip_request->rq_url);
     dialog.subscribeCseq = static_cast<int>(sip.sip_cseq->cs_seq);
@@ -200,17 +205,17 @@ bool Subscriber::readKnown(Incoming& request, Order& order) const
         request.answer(SIP_481_NO_TRANSACTION);
         return false;
     }
-    const int cseq = static_cast<int>(sip.sip_cseq->cs_seq);
-    if (cseq <= known->subscribeCseq) { // RFC 3261 section 12.2.2
+    if (sip.sip_cseq->cs_seq <= static_cast<std::uint32_t>(known->subscribeCseq)) { // RFC 3261 section 12.2.2
         request.answer(500, "Request Is Out of Order");
         return false;
     }
     order.subscription = *known;
-    order.subscription.subscribeCseq = cseq;
-    if (sip.sip_contact != nullptr) {
+    order.subscription.subscribeCseq = static_cast<int>(sip.sip_cseq->cs_seq);
+    if (sip.sip_contact != nullptr) { // else it is where it was
         order.subscription.contact = normalized(*sip.sip_contact->m_url);
     }
-    if (!fits(order.subscription.contact)) {
+    const bool contactFits = sip.sip_contact == nullptr || reachable(sip.sip_contact);
+    if (!contactFits || !fits(order.subscription.contact) || sip.sip_cseq->cs_seq > kLastCseq) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }

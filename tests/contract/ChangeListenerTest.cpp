@@ -142,6 +142,21 @@ TEST_F(Listener, HearsOfPublicationsWhereItIsAskedTo)
               std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN publication;LISTEN OWN;") + "finish\n");
 }
 
+TEST_F(Listener, HearsOfAccessRulesWhereItIsAskedTo)
+{
+    m_options.accessRules = true;
+    m_libpq.replies({command()});
+    EXPECT_EQ(run(2,
+                  [this, first = true]() mutable {
+                      if (std::exchange(first, false)) {
+                          m_libpq.notifies({"access_control_list", "acp"});
+                      }
+                  }),
+              kEverything + "access_control_list again\nacp again\naccess_control_list again\n");
+    EXPECT_EQ(asked(), std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN access_control_list;LISTEN OWN;") +
+                           "finish\n");
+}
+
 TEST_F(Listener, NotifiesItselfWhenItIsIdle)
 {
     const int silent = eventfd(0, EFD_CLOEXEC); // never has input

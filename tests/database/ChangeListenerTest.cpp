@@ -302,6 +302,23 @@ TEST_F(ListenerOfTheLog, HearsWhoHasPublished)
     EXPECT_EQ(end(), "okay");
 }
 
+TEST_F(ListenerOfTheLog, HearsThatSomebodyElseMayWatchWhereItIsAskedTo)
+{
+    m_options.accessRules = true;
+    listen();
+    std::vector<std::string> expected{kNothingLogged + " access_control_list!"};
+    for (const char* const change :
+         {"INSERT INTO access_control_list (object, requester, application) VALUES ('a@h', 'b@h', 'presence')",
+          "INSERT INTO node VALUES ('node', 'sip1')", "INSERT INTO buddy_list VALUES (7, 'friends')",
+          "INSERT INTO buddy_list_detail VALUES ('friends', 'sip:a@h')",
+          "INSERT INTO presence_list_authorization VALUES (7, 'b', 'h', 'A')", "TRUNCATE access_control_list"}) {
+        sql(change);
+        expected.emplace_back("access_control_list!");
+        EXPECT_EQ(m_calls.await(expected.size()), expected) << change;
+    }
+    EXPECT_EQ(end(), "okay");
+}
+
 TEST_F(Listener, HandsOverAllThatIsPendingAtOnceEachTableOnceInAFixedOrder)
 {
     std::promise<void> notified;

@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <thread>
 
 namespace {
 
@@ -79,7 +78,7 @@ int connectTo(int port)
 
 } // namespace
 
-Baresip::Baresip(const std::string& user, int proxy, const std::string& password) : m_folder(newFolder())
+Baresip::Baresip(const std::string& accounts, const std::string& contacts) : m_folder(newFolder())
 {
     const int control = phone::freePort();
     const std::string sip = "127.0.0.1:" + std::to_string(phone::freePort());
@@ -93,16 +92,29 @@ Baresip::Baresip(const std::string& user, int proxy, const std::string& password
               "sndfile_path " +
               m_folder.string() + "\n");
     writeTone(m_folder / "tone.wav");
-    write(m_folder / "accounts", "");
-    write(m_folder / "contacts", "");
+    write(m_folder / "accounts", accounts);
+    write(m_folder / "contacts", contacts);
     m_program = std::make_unique<Program>("/usr/bin/baresip", std::vector<std::string>{"-f", m_folder.string()},
                                           std::vector<std::string>{}, m_folder.string());
     awaitReadiness(*m_program);
     m_control = connectTo(control);
+}
+
+Baresip::Baresip(const std::string& user, int proxy, const std::string& password) : Baresip("", "")
+{
     // Only now, so that all is heard of it.
     command("uanew", "<sip:" + user + "@oryx.example>;auth_user=" + user +
                          ";auth_pass=" + (password.empty() ? user : password) + R"(;outbound=\"sip:127.0.0.1:)" +
                          std::to_string(proxy) + R"(\";regint=60;audio_codecs=PCMU)");
+}
+
+std::unique_ptr<Baresip> Baresip::withPresence(const std::string& user, int server, const std::string& watched)
+{
+    const std::string account = "<sip:" + user + "@oryx.example>;auth_user=" + user + ";auth_pass=" + user +
+                                ";outbound=\"sip:127.0.0.1:" + std::to_string(server) +
+                                "\";regint=0;pubint=60;audio_codecs=PCMU\n";
+    const std::string contact = watched.empty() ? "" : "\"Watched\" <sip:" + watched + ">;presence=p2p\n";
+    return std::unique_ptr<Baresip>(new Baresip(account, contact));
 }
 
 Baresip::~Baresip()
@@ -149,6 +161,21 @@ bool Baresip::tells(const std::string& event, int seconds)
         }
         read(100);
     }
+}
+
+bool Baresip::sees(const std::string& presence, int seconds)
+{
+    for (int look = 0; look < seconds * 10; ++look) {
+        m_said.clear();
+        m_seen = 0;
+        command("contacts");
+        while (read(100)) {
+        }
+        if (m_said.find(presence) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// The bytes of the file that are no silence, at 8,000 samples of two bytes a second.

@@ -13,6 +13,9 @@ public:
     /// A telephone of user@oryx.example, with the user's name as its password unless another is given, at the proxy on
     /// that port.
     Baresip(const std::string& user, int proxy, const std::string& password = "");
+    /// One that does not register, but publishes its presence through that server, and watches that of somebody unless
+    /// `watched`, an address of record, is empty.
+    static std::unique_ptr<Baresip> withPresence(const std::string& user, int server, const std::string& watched);
     ~Baresip();
     Baresip(const Baresip&) = delete;
     Baresip& operator=(const Baresip&) = delete;
@@ -21,12 +24,15 @@ public:
     void command(const std::string& name, const std::string& parameters = "");
     /// Waits until it tells of such an event ("REGISTER_OK"); false when it does not in time.
     bool tells(const std::string& event, int seconds = 15);
+    /// Waits until it shows whom it watches as "Online" or "Offline"; false when it does not in time.
+    bool sees(const std::string& presence, int seconds = 15);
     /// How many seconds of the other's tone it has recorded.
     double heard() const;
     /// What it has said so far, for whoever wonders why a test has failed.
     std::string said() const { return m_said + "\n" + m_program->soFar(); }
 
 private:
+    Baresip(const std::string& accounts, const std::string& contacts);
     bool read(int milliseconds);
 
     std::filesystem::path m_folder;

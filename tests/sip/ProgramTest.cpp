@@ -70,6 +70,15 @@ TEST_F(Command, TellsItsOptionsAndItsVersion)
     EXPECT_TRUE(help.ends_with("\n0")) << help;
 }
 
+TEST_F(Command, OfTheEventServerIsTheSame)
+{
+    Program version(ORYX_EVENTS, {"--version"});
+    EXPECT_EQ(version.rest(), "oryx-events " ORYX_VERSION "\n");
+    Program wrong(ORYX_EVENTS, {"--nothing"});
+    EXPECT_EQ(wrong.rest(), "oryx-events: --nothing: no such option, or without its value\n");
+    EXPECT_EQ(wrong.wait(), 2);
+}
+
 TEST_F(Command, ThatNamesASocketOfOthersEndsWithOne)
 {
     startRegistrar();

@@ -68,6 +68,16 @@ TEST_F(Registrar, ListsBindingsWithoutAContact)
     EXPECT_EQ(answer.field("Contact"), "<sip:alice@192.0.2.1>;expires=3600, <sip:alice@192.0.2.2>;expires=3600");
 }
 
+/// Whatever its length.
+TEST_F(Registrar, StoresTheWholeContact)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const std::string contact = "\"" + std::string(150, 'a') + "\" <sip:alice@192.0.2.1>;line=1;q=0.5";
+    EXPECT_EQ(status(alice.ask(alice.registration(contact))), "200 OK");
+    EXPECT_EQ(rows("SELECT contact_header FROM contact"), contact + "\n");
+}
+
 /// Section 10.3, item 6, and 10.2.2.
 TEST_F(Registrar, RemovesAllBindingsWithAStar)
 {

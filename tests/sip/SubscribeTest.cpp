@@ -1,11 +1,13 @@
 // Subscriptions as telephones see them: RFC 6665 section 4.2, presence (RFC 3856), who watches it (RFC 3857), and lists
 // (RFC 4662).
 
+#include "sip/Baresip.h"
 #include "sip/SipTest.h"
 
 #include <chrono>
 #include <csignal>
 #include <regex>
+#include <set>
 #include <thread>
 
 namespace {
@@ -340,7 +342,7 @@ TEST_F(Subscribing, GoesOnAfterTheServerWasKilled)
     startEvents();
     Watcher bob("bob", m_port);
     const std::string proxy = "<sip:" + bob.phone().socket().hostPort() + ";lr>";
-    bob.subscribe(bob.request(kAlice).set("Record-Route", proxy));
+    EXPECT_EQ(bob.subscribe(bob.request(kAlice).set("Record-Route", proxy)).field("Record-Route"), proxy);
     EXPECT_EQ(bob.notified().field("Route"), proxy);
     kill();
     publish();
@@ -352,6 +354,32 @@ TEST_F(Subscribing, GoesOnAfterTheServerWasKilled)
     EXPECT_EQ(notify.first, "NOTIFY " + bob.phone().contact() + " SIP/2.0");
     EXPECT_EQ(status(bob.refresh(600)), "200 OK");
     EXPECT_EQ(bob.notified().field("CSeq"), "3 NOTIFY");
+}
+
+/// Section 8.2.1: the parameters that tell it from others.
+TEST_F(Subscribing, KeepsItsEventsParameters)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice, 3600, "presence;id=7;other=\"a b\"");
+    EXPECT_EQ(bob.notified().field("Event"), "presence;id=7;other=\"a b\"");
+    EXPECT_EQ(status(bob.refresh(600)), "200 OK");
+    EXPECT_EQ(bob.notified().field("Event"), "presence;id=7;other=\"a b\"");
+}
+
+/// RFC 3261 section 12.2.1.1: whatever the length of the names.
+TEST_F(Subscribing, KeepsTheWholeOfBothEnds)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    Message request = bob.request(kAlice);
+    request.set("From", "\"" + std::string(150, 'b') + "\" " + request.field("From"));
+    const Message answer = bob.subscribe(request);
+    const Message notify = bob.notified();
+    EXPECT_EQ(notify.field("From"), answer.field("To"));
+    EXPECT_EQ(notify.field("To"), answer.field("From"));
 }
 
 TEST_F(Subscribing, ThatExpiredWhileTheServerWasAwayEnds)
@@ -562,6 +590,41 @@ TEST_F(PresenceList, GoesOnAfterTheServerWasKilled)
     EXPECT_EQ(resources(notify), "1 sip:alice@oryx.example active sip:nobody@oryx.example terminated");
 }
 
+/// RFC 3261 section 12.2.1.1, as proxies of old expect it.
+TEST_F(Subscribing, ReachesAStrictRouter)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const std::string first = "sip:" + bob.phone().socket().hostPort();
+    bob.subscribe(bob.request(kAlice).set("Record-Route", "<" + first + ">, <sip:192.0.2.8;lr>"));
+    const Message notify = bob.notified();
+    EXPECT_EQ(notify.first, "NOTIFY " + first + " SIP/2.0");
+    EXPECT_EQ(notify.field("Route"), "<sip:192.0.2.8;lr>, <" + bob.phone().contact() + ">");
+}
+
+/// Section 4.2.2: one after another.
+TEST_F(Subscribing, IsToldAllThatHappensBeforeAnAnswerAtOnce)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    const Message first = bob.phone().receive();
+    publish();
+    allow("bob@oryx.example", "polite");
+    allow("bob@oryx.example");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    bob.phone().send(bob.phone().response(first, 200, "OK"));
+    Message notify = bob.notified();
+    while (notify.field("CSeq") == "1 NOTIFY") { // it was sent again
+        notify = bob.notified();
+    }
+    EXPECT_EQ(told(notify), "NOTIFY active open");
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+    EXPECT_TRUE(bob.silent());
+}
+
 /// RFC 3261 section 21.5.4.
 TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
 {
@@ -576,6 +639,104 @@ TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
     holder.run("COMMIT");
     EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
     EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// Also those after a restart, each once.
+TEST_F(Subscribing, IsToldWhoeverElseIs)
+{
+    constexpr int kWatchers = 100;
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < kWatchers; ++n) {
+        EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    }
+    const auto toldAll = [&] {
+        std::set<std::string> calls;
+        std::string different;
+        for (int n = 0; n < kWatchers; ++n) {
+            const Message notify = bob.notified();
+            calls.insert(notify.field("Call-ID"));
+            different += told(notify) == "NOTIFY active open" ? "" : told(notify);
+        }
+        return std::to_string(calls.size()) + different;
+    };
+    publish();
+    EXPECT_EQ(toldAll(), "100");
+    kill();
+    startEvents();
+    EXPECT_EQ(toldAll(), "100");
+    EXPECT_EQ(rows("SELECT DISTINCT notcseq FROM subscription_states"), "3\n");
+    EXPECT_TRUE(bob.silent());
+}
+
+TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    publish();
+    EXPECT_TRUE(bob.phone().socket().silent(1500));
+    holder.run("COMMIT");
+    const Message notify = bob.notified();
+    EXPECT_EQ(told(notify), "NOTIFY active open");
+    EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
+    EXPECT_TRUE(bob.silent());
+}
+
+TEST_F(Subscribing, StaysWhenTheServerIsToldToEnd)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(stored(), "1\n");
+}
+
+/// RFC 3261 section 21.4.1: what cannot be meant, and what is meant to hurt.
+TEST_F(Subscribing, WithAHostileTextIsRefusedAndTheNextIsServed)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const auto refused = [&](const Message& request) { return status(bob.subscribe(request)); };
+    const std::string from = bob.request(kAlice).field("From");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "<sip:bob@oryx.example>")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "<tel:+4912345>;tag=1")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"" + std::string(2000, 'b') + "\" " + from)),
+              "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"\xff\" " + from)), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("CSeq", "4294967295 SUBSCRIBE")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("Contact", "<mailto:bob@oryx.example>")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("Contact", "<sip:" + std::string(1100, 'b') + "@127.0.0.1>")),
+              "400 Bad Request");
+    EXPECT_EQ(refused(bob.request(kAlice).set("Event", "presence;id=" + std::string(2000, '1'))), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request("sip:alice%00@oryx.example")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request("sip:alice%0a@oryx.example")), "400 Bad Request");
+    EXPECT_EQ(refused(bob.request("sip:alice%27%3Bselect@oryx.example")), "404 Not Found");
+    EXPECT_EQ(stored(), "0\n");
+    EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"Bob 'O''Neill\" " + from)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// Telephones that nobody here wrote: one publishes that it is there, the other sees it, with digest.
+TEST_F(Subscribing, ShowsOneTelephoneThatAnotherIsThere)
+{
+    allow("bob@oryx.example");
+    startEvents({});
+    const std::unique_ptr<Baresip> bob = Baresip::withPresence("bob", m_port, "alice@oryx.example");
+    const std::unique_ptr<Baresip> alice = Baresip::withPresence("alice", m_port, "");
+    alice->command("presence_online");
+    EXPECT_TRUE(bob->sees("Online")) << bob->said() << alice->said();
+    alice->command("presence_offline");
+    EXPECT_TRUE(bob->sees("Offline")) << bob->said() << alice->said();
 }
 
 } // namespace

@@ -56,10 +56,11 @@ std::string stored(const std::string& body)
 
 TEST(PublishedDocument, isStoredInAsciiOnOneLineWithoutQuotes)
 {
-    const std::string kept = stored("<?xml version='1.0'?>\r\n<!-- from a telephone -->\n"
-                                    "<presence entity='sip:alice@oryx.example' xmlns='urn:ietf:params:xml:ns:pidf'>\r\n"
-                                    "  <?skip this?><tuple id='t1'>\n <status><basic>open</basic></status>\n"
-                                    "<note>it's\n\xC3\xA9t\xC3\xA9 \\ <![CDATA[<b>]]></note></tuple>\r\n</presence>\n");
+    const std::string kept =
+        stored("<?xml version='1.0'?>\r\n<!-- from a telephone -->\n"
+               "<presence entity='sip:alice@oryx.example' xmlns='urn:ietf:params:xml:ns:pidf'>\r\n"
+               "  <?skip this?><!-- and that --><tuple id='t1'>\n <status><basic>open</basic></status>\n"
+               "<note>it's\n\xC3\xA9t\xC3\xA9 \\ <![CDATA[<b>]]></note></tuple>\r\n</presence>\n");
     EXPECT_EQ(wellFormed(kept), kPresence +
                                     R"(><tuple id="t1"><status><basic>open</basic></status>)"
                                     "<note>it&#39;s&#10;&#233;t&#233; &#92; &lt;b&gt;</note></tuple></presence>");
@@ -86,6 +87,20 @@ TEST(PublishedDocument, mayHaveNoDocumentType)
     EXPECT_EQ(stored("<!DOCTYPE presence>" + document), "none");
     EXPECT_EQ(stored("<!DOCTYPE presence SYSTEM \"file:///etc/passwd\">" + document), "none");
     EXPECT_EQ(stored("<!DOCTYPE presence [<!ENTITY a \"b\">]>" + published("&a;")), "none");
+}
+
+TEST(PublishedDocument, isInUtf8WhateverItSays)
+{
+    const std::string document = kPresence + "><note>\xC3\xA9</note></presence>";
+    const std::string kept = kPresence + "><note>&#233;</note></presence>";
+    testing::internal::CaptureStderr();
+    for (const std::string encoding : {"UTF-8", "ISO-8859-1", "UTF-16", "UCS-4"}) {
+        EXPECT_EQ(stored("<?xml version=\"1.0\" encoding=\"" + encoding + "\"?>" + document), kept) << encoding;
+    }
+    EXPECT_EQ(stored(kPresence + "><note>\xE9</note></presence>"), "none");
+    EXPECT_EQ(stored(std::string("\xFF\xFE<\0p\0\0\0\0\0", 10)), "none");
+    EXPECT_EQ(stored(std::string("\0\0\0<\0\0\0\0", 8)), "none");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), ""); // which anybody could fill
 }
 
 TEST(PublishedDocument, isNoDeeperThanTheParserAllows)
@@ -150,7 +165,8 @@ TEST(PresenceDocument, tellsTheIdsOfSeveralSourcesApart)
 
 TEST(PresenceDocument, escapesWhatItIsGiven)
 {
-    EXPECT_EQ(wellFormed(presenceDocument("sip:\"<&>'\x01\xFF@h", {published("<note>&lt;&amp;&#39;</note>")})),
+    EXPECT_EQ(wellFormed(presenceDocument("sip:\"<&>'\x01\xEF\xBF\xBE\xEF\xBF\xBF\xFF@h",
+                                          {published("<note>&lt;&amp;&#39;</note>")})),
               kDeclaration + "<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" "
                              "entity=\"sip:&quot;&lt;&amp;&gt;'&#xFFFD;@h\"><note>&lt;&amp;'</note></presence>");
 }
