@@ -60,7 +60,7 @@ bool read(const msg_auth_t& header, const char* name, std::string& value)
     }
     text = text.substr(1, text.size() - 2);
     for (std::size_t at = 0; at < text.size(); ++at) {
-        at += text[at] == '\\' && at + 1 < text.size() ? 1 : 0;
+        at += text[at] == '\\' && at + 1 < text.size() ? 1U : 0U;
         value.push_back(text[at]);
     }
     return true;
