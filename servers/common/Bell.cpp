@@ -20,18 +20,22 @@ Bell::~Bell()
     close(m_descriptor);
 }
 
-void Bell::ring() const
+void Bell::ring()
 {
+    if (m_rung.exchange(true)) {
+        return;
+    }
     const std::uint64_t once = 1;
     while (write(m_descriptor, &once, sizeof once) < 0) {
     }
 }
 
-void Bell::await() const
+void Bell::await()
 {
     std::uint64_t times = 0;
     while (read(m_descriptor, &times, sizeof times) < 0) {
     }
+    m_rung.exchange(false); // before what it was rung for is looked at, which this has seen by now
 }
 
 } // namespace oryx::sip

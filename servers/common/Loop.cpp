@@ -17,7 +17,12 @@ struct Loop::Watch {
 Loop::Loop()
 {
     static std::once_flag begun;
-    std::call_once(begun, [] { su_init(); });
+    std::call_once(begun, [] {
+        su_init();
+        // The stack tells of every peer that is not there, as often as anybody likes: whoever reads that slowly, or not
+        // at all, would hold the server up. NTA_DEBUG and TPORT_DEBUG have it talk all the same.
+        su_log_set_level(su_log_default, 0);
+    });
     m_root = su_root_create(nullptr);
     if (m_root == nullptr) {
         throw std::bad_alloc();
