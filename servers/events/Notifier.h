@@ -83,7 +83,7 @@ private:
     using Index = std::unordered_map<std::string, std::set<Watch*>>;
 
     Watch& insert(Subscription subscription);
-    void schedule(Watch& watch);
+    static void schedule(Watch& watch);
     void expire(Watch& watch);
     void want(Watch& watch, bool always);
     void wantEnd(Watch& watch, const std::string& reason);
@@ -99,7 +99,7 @@ private:
     void takeMembers(Watch& watch, const std::vector<std::string>& members);
     void retry();
     void send(Watch& watch, const Notice& notice);
-    static int responded(void* watch, nta_outgoing_t* transaction, const sip_t* sip);
+    static int responded(void* of, nta_outgoing_t* transaction, const sip_t* sip);
     void answered(Watch& watch, int status);
     void finish(Watch& watch);
     void erase(Watch& watch);

@@ -689,6 +689,22 @@ TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
     EXPECT_TRUE(bob.silent());
 }
 
+/// As when PostgreSQL was restarted.
+TEST_F(Subscribing, IsToldAfterAllConnectionsWereLost)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
+        " WHERE datname = current_database() AND pid <> pg_backend_pid()");
+    publish();
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    EXPECT_EQ(status(bob.refresh(600)), "200 OK");
+    EXPECT_EQ(bob.notified().field("CSeq"), "3 NOTIFY");
+}
+
 TEST_F(Subscribing, StaysWhenTheServerIsToldToEnd)
 {
     allow("bob@oryx.example");
