@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kTagBytes = 16;
 
 /// Traces a statement and runs it: okay, connection or query error.
-DatabaseResult runTraced(Frame& frame, Statement statement, QueryResult& result)
+DatabaseResult askedOfPublications(Frame& frame, Statement statement, QueryResult& result)
 {
     if (!frame.checkConnect()) {
         return frame.connectionError();
@@ -46,7 +46,7 @@ constexpr PublicationMeaning kPublicationMeanings[] = {
      "there would be too many publications"},
 };
 
-DatabaseResult concluded(const std::string& word, PublishAnswer& answer)
+DatabaseResult publicationResult(const std::string& word, PublishAnswer& answer)
 {
     DatabaseResult result;
     const auto* const meaning = std::find_if(std::begin(kPublicationMeanings), std::end(kPublicationMeanings),
@@ -75,8 +75,8 @@ const char* publicationFlaw(const PublishRequest& request)
     return first && (request.body.empty() || request.expires == 0) ? "an initial publication of nothing" : nullptr;
 }
 
-DatabaseResult published(Frame& frame, const char* handle, const char* domain, const PublishRequest& request,
-                         PublishAnswer& answer)
+DatabaseResult publicationApplied(Frame& frame, const char* handle, const char* domain, const PublishRequest& request,
+                                  PublishAnswer& answer)
 {
     const char* const flaw = handle == nullptr || domain == nullptr ? "invalid parameters" : publicationFlaw(request);
     if (flaw != nullptr) {
@@ -87,13 +87,13 @@ DatabaseResult published(Frame& frame, const char* handle, const char* domain, c
         return frame.refuse("the system gives no random numbers");
     }
     QueryResult rows;
-    DatabaseResult result = runTraced(frame,
-                                      sql("SELECT apply_publication('{}', '{}', '{}', '{}', '{}', {}, '{}', '{}', {})",
-                                          handle, domain, request.event, request.entityTag, *tag, request.expires,
-                                          request.contentType, request.body, request.maxPublications),
-                                      rows);
+    DatabaseResult result = askedOfPublications(
+        frame,
+        sql("SELECT apply_publication('{}', '{}', '{}', '{}', '{}', {}, '{}', '{}', {})", handle, domain, request.event,
+            request.entityTag, *tag, request.expires, request.contentType, request.body, request.maxPublications),
+        rows);
     if (result.okay()) {
-        result = concluded(rows.rows() > 0 ? Row(rows, 0).string(0) : "", answer);
+        result = publicationResult(rows.rows() > 0 ? Row(rows, 0).string(0) : "", answer);
     }
     if (answer.outcome == PublishOutcome::done) {
         answer.entityTag = std::move(*tag);
@@ -118,8 +118,8 @@ DatabaseResult applyPublication(PresenceService& service, const char* handle, co
                                 const PublishRequest& request, PublishAnswer& answer)
 {
     answer = PublishAnswer();
-    return PresenceAccess::guarded(service,
-                                   [&](Frame& frame) { return published(frame, handle, domain, request, answer); });
+    return PresenceAccess::guarded(
+        service, [&](Frame& frame) { return publicationApplied(frame, handle, domain, request, answer); });
 }
 
 DatabaseResult livePublications(PresenceService& service, const char* handle, const char* domain, const char* event,
@@ -130,7 +130,7 @@ DatabaseResult livePublications(PresenceService& service, const char* handle, co
             return frame.refuse("invalid parameters");
         }
         QueryResult rows;
-        DatabaseResult result = runTraced(
+        DatabaseResult result = askedOfPublications(
             frame,
             sql("SELECT publication.entity_tag, publication.expires - current_second(), publication.content_type, publication.body FROM public_address LEFT JOIN publication ON publication.public_address_id = public_address.public_address_id AND publication.event = '{}' AND publication.expires > current_second() WHERE public_address.handle = '{}' AND public_address.sip_domain = '{}' ORDER BY publication.modified, publication.first_tag",
                 event, handle, domain),
@@ -153,7 +153,7 @@ DatabaseResult removeExpiredPublications(PresenceService& service, std::vector<E
 {
     return PresenceAccess::guarded(service, [&](Frame& frame) {
         QueryResult rows;
-        DatabaseResult result = runTraced(frame, sql("SELECT * FROM remove_expired_publications()"), rows);
+        DatabaseResult result = askedOfPublications(frame, sql("SELECT * FROM remove_expired_publications()"), rows);
         if (result.okay()) {
             forEachRow(rows, expired, [&](const Row& row) { expired.push_back({row.string(0), row.string(1)}); });
         }
