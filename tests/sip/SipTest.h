@@ -18,7 +18,7 @@ protected:
 
     /// Starts the registrar with these options beside its sockets and its database, and waits until it is ready.
     void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
-    /// The same with the event server.
+    /// The same with the event server, as a member of its role and nothing more.
     void startEvents(const std::vector<std::string>& options = {"--auth", "none"});
     /// Ends it as an operator does; its exit status.
     int stop();
@@ -37,7 +37,7 @@ protected:
     std::unique_ptr<Program> m_server;
 
 private:
-    void start(const char* program, const std::vector<std::string>& options);
+    void start(const char* program, const std::string& user, const std::vector<std::string>& options);
 };
 
 /// The status line of an answer.
