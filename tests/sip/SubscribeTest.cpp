@@ -769,6 +769,9 @@ TEST_F(Subscribing, IsServedAfterAnyNumberOfMangledRequests)
             }
         }
         mangler.phone().socket().send(m_port, text);
+        if (n % 20 == 0) { // it has no more than it can take
+            EXPECT_EQ(status(mangler.phone().ask(mangler.phone().request("OPTIONS", "sip:oryx.example"))), "200 OK");
+        }
     }
     Watcher alice("alice", m_port);
     Message request = alice.request(kAlice);
