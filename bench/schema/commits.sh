@@ -43,6 +43,8 @@ measure_commits() {
         done
     done
     as_server pg_ctl -s -m immediate -D "$data" stop
+    # What comes next would wait for the standby for good.
+    run_sql postgres -c 'ALTER SYSTEM RESET ALL' -c 'SELECT pg_reload_conf()' >/dev/null
     printf '\nmedian of %d rounds, refreshes a second (ratio to the first line)\n\n%-20s' "$kRounds" ''
     printf '%15d client(s)' "${kCommitClients[@]}"
     printf '\n'

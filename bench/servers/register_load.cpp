@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <fstream>
 #include <map>
 #include <stdexcept>
@@ -65,6 +66,16 @@ std::string_view quoted(std::string_view text, std::string_view name)
     }
     const std::size_t begin = at + name.size() + 1;
     return text.substr(begin, text.find('"', begin) - begin);
+}
+
+/// Whether a process has ended, though nobody may have taken notice yet; none has not.
+bool hasEnded(int process)
+{
+    std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    const std::size_t name = text.rfind(')');
+    return process > 0 && (name == std::string::npos || text.compare(name, 4, ") Z ") == 0);
 }
 
 /// Processor time that a process has used, in seconds.
@@ -125,10 +136,17 @@ public:
         m_begun = Clock::now();
         const auto end = m_begun + std::chrono::seconds(m_settings.seconds);
         const double before = processorTime(m_settings.process);
+        auto look = m_begun;
         while (Clock::now() < end && !(m_settings.once && m_next == m_users.size() && m_waiting.empty())) {
             offer();
             take(m_settings.rate > 0 ? 1 : 10);
             resend();
+            if (Clock::now() >= look) {
+                look += std::chrono::milliseconds(100);
+                if (hasEnded(m_settings.process)) {
+                    throw std::runtime_error("the registrar has ended");
+                }
+            }
         }
         const double seconds = std::chrono::duration<double>(Clock::now() - m_begun).count();
         const double used = processorTime(m_settings.process) - before;
@@ -306,13 +324,19 @@ int main(int argc, char** argv)
         }
         const char* const value = at + 1 < argc ? argv[at + 1] : "0";
         ++at;
+        if (option == "--process") {
+            settings.process = static_cast<int>(numberOf(value));
+            continue;
+        }
         (option == "--window" ? settings.window
          : option == "--rate" ? settings.rate
                               : settings.expires) = numberOf(value);
-        if (option == "--process") {
-            settings.process = static_cast<int>(numberOf(value));
-        }
     }
-    Load(settings).run();
+    try {
+        Load(settings).run();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "register_load: %s\n", error.what());
+        return 1;
+    }
     return 0;
 }

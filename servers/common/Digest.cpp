@@ -117,6 +117,15 @@ bool Credentials::match(std::string_view method, std::string_view secret) const
     return expected.size() == response.size() && sodium_memcmp(expected.data(), response.data(), expected.size()) == 0;
 }
 
+bool Credentials::areFor(const url_t& target, const std::function<bool(const url_t& url)>& isHere) const
+{
+    su_home_t home[1] = {SU_HOME_INIT(home)};
+    const url_t* const said = url_make(home, uri.c_str());
+    const bool are = said != nullptr && (url_cmp(said, &target) == 0 || isHere(*said));
+    su_home_deinit(home);
+    return are;
+}
+
 bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credentials& credentials)
 {
     bool found = false;
@@ -138,7 +147,7 @@ Nonces::Nonces()
     randombytes_buf(m_key.data(), m_key.size());
 }
 
-std::string Nonces::make() const
+std::string Nonces::make(std::size_t key) const
 {
     // The time, and something that tells those of one second apart.
     std::string time = std::to_string(
@@ -147,28 +156,31 @@ std::string Nonces::make() const
     std::array<unsigned char, 8> salt{};
     randombytes_buf(salt.data(), salt.size());
     time += hexOf(salt.data(), salt.size());
-    return time + sealed(time);
+    return time + sealed(time, key);
 }
 
-bool Nonces::fresh(std::string_view nonce) const
+bool Nonces::fresh(std::string_view nonce, std::size_t key) const
 {
     if (nonce.size() <= 2 * kSealBytes + kTimeDigits) {
         return false;
     }
     const std::string_view time = nonce.substr(0, nonce.size() - 2 * kSealBytes);
-    const std::string seal = sealed(time);
     std::int64_t made = 0;
     std::from_chars(time.data(), time.data() + kTimeDigits, made);
     const std::chrono::seconds age =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch()) -
         std::chrono::seconds(made);
-    return sodium_memcmp(seal.data(), nonce.data() + time.size(), seal.size()) == 0 && age < kLife;
+    const auto sealedFor = [&](std::size_t whom) {
+        return sodium_memcmp(sealed(time, whom).data(), nonce.data() + time.size(), 2 * kSealBytes) == 0;
+    };
+    return age < kLife && (sealedFor(key) || sealedFor(0));
 }
 
-std::string Nonces::sealed(std::string_view time) const
+std::string Nonces::sealed(std::string_view time, std::size_t key) const
 {
+    const std::string text = std::string(time) + ":" + std::to_string(key);
     std::array<unsigned char, crypto_auth_hmacsha256_BYTES> seal{};
-    crypto_auth_hmacsha256(seal.data(), reinterpret_cast<const unsigned char*>(time.data()), time.size(), m_key.data());
+    crypto_auth_hmacsha256(seal.data(), reinterpret_cast<const unsigned char*>(text.data()), text.size(), m_key.data());
     return hexOf(seal.data(), kSealBytes);
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -30,6 +31,9 @@ struct Credentials {
 
     /// Whether they were made for a request of that method by who knows the secret.
     bool match(std::string_view method, std::string_view secret) const;
+    /// Whether they were made for a request to that URI, or to this server, as `isHere` knows it: some telephones say
+    /// its address, and proxies may change the request URI (RFC 3261 section 22.4, item 8).
+    bool areFor(const url_t& target, const std::function<bool(const url_t& url)>& isHere) const;
 };
 
 /// What can be kept in place of a password: the hash of user, realm and password, in hexadecimal digits.
@@ -39,20 +43,20 @@ std::string secretOf(Algorithm algorithm, std::string_view user, std::string_vie
 /// where there are none, or what there is cannot be read.
 bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credentials& credentials);
 
-/// Nonces that tell by themselves when they were made, and by whom. Used by any thread.
+/// Nonces that tell by themselves when they were made, by whom, and for whom. Used by any thread.
 class Nonces {
 public:
     Nonces();
-    std::string make() const;
-    /// Something that only this process can tell of a text.
-    std::string seal(std::string_view text) const { return sealed(text); }
-    /// Whether it was made here less than five minutes ago.
-    bool fresh(std::string_view nonce) const;
+    /// One for what has that key (`Address::key`): as the counts of nonces are kept by worker, whoever has two
+    /// addresses could use it once with each otherwise. 0: for whom it is, does not matter.
+    std::string make(std::size_t key = 0) const;
+    /// Whether it was made here, for that key or for any, less than five minutes ago.
+    bool fresh(std::string_view nonce, std::size_t key) const;
 
     static constexpr std::chrono::seconds kLife{300};
 
 private:
-    std::string sealed(std::string_view time) const;
+    std::string sealed(std::string_view time, std::size_t key) const;
 
     std::array<unsigned char, 32> m_key{};
 };

@@ -11,12 +11,29 @@ namespace {
 
 /// Has the agent made without a socket; the stack takes this pointer for it.
 const url_string_t* const kNoSocket = reinterpret_cast<const url_string_t*>(static_cast<std::intptr_t>(-1)); // NOLINT
-constexpr unsigned kTimerC = 185 * 1000; // ms; RFC 3261 section 16.6, item 11: more than three minutes
+/// As many datagrams as come in a moment in which this server does not run; the system may allow less.
+constexpr unsigned kSocketRoom = 4 * 1024 * 1024;
+constexpr unsigned kKeepAlive = 120 * 1000;  // ms between the signs of life by which dead streams are found
+constexpr unsigned kMessageTime = 32 * 1000; // ms that a message may take to come in whole
 constexpr unsigned kLargestMessage = 64 * 1024;
+/// The fields without which a request is not understood: 400 where one cannot be read.
+constexpr unsigned kNeeded = ~static_cast<unsigned>(sip_mask_response | sip_mask_pref | sip_mask_privacy);
 
 std::string sofiaUri(const Listen& socket)
 {
     return "sip:" + socket.host + ":" + (socket.port == "0" ? "*" : socket.port) + ";transport=" + socket.transport;
+}
+
+/// A socket, or a connection that it has accepted, as the stack writes it into Via.
+std::string uriOf(const tport_t* socket)
+{
+    const sip_via_t* via = tport_magic(socket);
+    while (via->v_next != nullptr) {
+        via = via->v_next;
+    }
+    const bool tcp = su_casematch(via->v_protocol, sip_transport_tcp) != 0;
+    const std::string port = via->v_port != nullptr ? via->v_port : "5060";
+    return std::string("sip:") + via->v_host + ":" + port + ";transport=" + (tcp ? "tcp" : "udp");
 }
 
 bool samePort(const char* left, const char* right)
@@ -43,6 +60,14 @@ Incoming::~Incoming()
         answer(SIP_500_INTERNAL_SERVER_ERROR);
     }
     nta_incoming_destroy(m_transaction);
+}
+
+std::string Incoming::socket() const
+{
+    tport_t* const socket = nta_incoming_transport(m_agent, m_transaction, nullptr);
+    std::string uri = uriOf(tport_parent(socket));
+    tport_unref(socket);
+    return uri;
 }
 
 void Incoming::forward(Message response)
@@ -78,22 +103,38 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
     : m_metrics(metrics),
       m_onRequest(std::move(onRequest)),
       m_onStray(std::move(onStray)),
-      // A proxy's ways: no answer of its own to CANCEL, and each 2xx of a fork is passed on.
+      // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
-                               NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1),
-                               NTATAG_TIMER_C(kTimerC), NTATAG_MAXSIZE(kLargestMessage), TAG_END()))
+                               NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1), NTATAG_TIMER_C(0),
+                               NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kLargestMessage), TAG_END()))
 {
     if (m_agent == nullptr) {
         throw std::runtime_error("the SIP stack cannot be started");
     }
-    for (const Listen& socket : sockets) {
-        const std::string uri = sofiaUri(socket);
-        if (nta_agent_add_tport(m_agent, urlText(uri.c_str()), TAG_END()) != 0) {
-            nta_agent_destroy(m_agent);
-            throw std::runtime_error("--listen: cannot listen on " + socket.transport + ":" + socket.host + ":" +
-                                     socket.port);
+    // The stack takes the first socket for whoever names no transport, which means UDP (RFC 3263 section 4.1).
+    for (const char* const transport : {"udp", "tcp"}) {
+        for (const Listen& socket : sockets) {
+            if (socket.transport == transport && !listen(socket)) {
+                nta_agent_destroy(m_agent);
+                throw std::runtime_error("--listen: cannot listen on " + socket.transport + ":" + socket.host + ":" +
+                                         socket.port);
+            }
         }
     }
+    for (tport_t* socket = tport_primaries(nta_agent_tports(m_agent)); socket != nullptr; socket = tport_next(socket)) {
+        for (sip_via_t* via = tport_magic(socket); via != nullptr; via = via->v_next) {
+            via->v_comment = nullptr; // where the stack shows the sockets' families to all
+        }
+    }
+}
+
+bool Endpoint::listen(const Listen& socket) const
+{
+    const std::string uri = sofiaUri(socket);
+    const char* const family = socket.host.starts_with('[') ? "ip6" : "ip4"; // all need one where any has
+    return nta_agent_add_tport(m_agent, urlText(uri.c_str()), TPTAG_IDENT(family), TPTAG_UDP_RMEM(kSocketRoom),
+                               TPTAG_UDP_WMEM(kSocketRoom), TPTAG_KEEPALIVE(kKeepAlive), TPTAG_PONG2PING(1),
+                               TPTAG_TIMEOUT(kMessageTime), TAG_END()) == 0;
 }
 
 Endpoint::~Endpoint()
@@ -122,22 +163,23 @@ bool Endpoint::isOurs(const sip_via_t& via) const
     return false;
 }
 
-std::string Endpoint::uri(const char* protocol) const
+const char* Endpoint::familyOf(const url_t& next)
 {
-    const sip_via_t* chosen = nullptr;
-    for (const sip_via_t* via = nta_agent_via(m_agent); via != nullptr; via = via->v_next) {
-        const bool fits = protocol != nullptr && su_casematch(via->v_protocol, protocol) != 0;
-        chosen = chosen == nullptr || fits ? via : chosen;
-        if (fits) {
-            break;
-        }
+    return next.url_host != nullptr && *next.url_host == '[' ? "ip6" : nullptr;
+}
+
+std::string Endpoint::socketTowards(const url_t& next) const
+{
+    su_home_t home[1] = {SU_HOME_INIT(home)};
+    tp_name_t name{};
+    const tport_t* socket = nullptr;
+    if (tport_name_by_url(home, &name, urlText(next)) == 0) {
+        name.tpn_ident = familyOf(next);
+        socket = tport_primary_by_name(nta_agent_tports(m_agent), &name);
     }
-    if (chosen == nullptr) {
-        return ""; // a server has at least one socket
-    }
-    const char* const port = chosen->v_port != nullptr ? chosen->v_port : "5060";
-    const bool tcp = su_casematch(chosen->v_protocol, sip_transport_tcp) != 0;
-    return std::string("sip:") + chosen->v_host + ":" + port + ";transport=" + (tcp ? "tcp" : "udp");
+    std::string uri = uriOf(socket != nullptr ? socket : tport_primaries(nta_agent_tports(m_agent)));
+    su_home_deinit(home);
+    return uri;
 }
 
 int Endpoint::received(void* self, nta_agent_t* /*agent*/, msg_t* message, sip_t* sip)

@@ -28,7 +28,8 @@ public:
 
     const sip_t& sip() const { return *m_sip; }
     msg_t* message() const { return m_request.get(); }
-    nta_agent_t* agent() const { return m_agent; }
+    /// The socket that it came by, as a URI such as "sip:192.0.2.1:5060;transport=udp".
+    std::string socket() const;
     bool answered() const { return m_answered; }
     /// The tag in To of this server's own answers.
     std::string tag() const { return nta_incoming_tag(m_transaction, nullptr); }
@@ -84,15 +85,17 @@ public:
     /// Whether host and port are those of one of the sockets.
     bool isOurs(const url_t& url) const;
     bool isOurs(const sip_via_t& via) const;
-    /// The socket's URI that a request of this server's over that transport comes from, such as
-    /// "sip:192.0.2.1:5060;transport=udp".
-    std::string uri(const char* protocol) const;
+    /// The socket that a request to there is sent by, as a URI.
+    std::string socketTowards(const url_t& next) const;
+    /// What the stack is to be told of the way to there, TPTAG_IDENT: it does not see that an IPv6 address is one.
+    static const char* familyOf(const url_t& next);
     /// From now on every request is answered 503.
     void refuseRequests() { m_refusing = true; }
 
 private:
     static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);
     void take(Message message, sip_t* sip);
+    bool listen(const Listen& socket) const;
 
     Metrics& m_metrics;
     OnRequest m_onRequest;

@@ -13,6 +13,19 @@ bool fits(const char* text)
     return text == nullptr || (std::strlen(text) <= kLongestText && canBeStored(text));
 }
 
+std::string unknownTags(const msg_list_t* required, std::string_view known)
+{
+    std::string tags;
+    for (; required != nullptr; required = required->k_next) {
+        for (const msg_param_t* item = required->k_items; item != nullptr && *item != nullptr; ++item) {
+            if (*item != known) {
+                tags.append(tags.empty() ? "" : ", ").append(*item);
+            }
+        }
+    }
+    return tags;
+}
+
 /// The stack leaves out the last parameter where it has no room behind it, and does not say so.
 std::string headerText(sip_header_t* header)
 {

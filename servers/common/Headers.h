@@ -3,6 +3,7 @@
 #include <common/Sofia.h>
 
 #include <string>
+#include <string_view>
 
 namespace oryx::sip {
 
@@ -11,6 +12,13 @@ bool fits(const char* text);
 inline bool fits(const std::string& text)
 {
     return fits(text.c_str());
+}
+/// The option tags of Require or Proxy-Require that are not the one that is known, with ", " between them.
+std::string unknownTags(const msg_list_t* required, std::string_view known = "");
+/// Where a request goes next, as Route and request URI say.
+inline const url_t& nextHop(const sip_t& sip)
+{
+    return sip.sip_route != nullptr ? *sip.sip_route->r_url : *sip.sip_request->rq_url;
 }
 /// A header field's value, as it is written; of any kind.
 std::string headerText(sip_header_t* header);

@@ -29,6 +29,7 @@ constexpr const char* kHelp = R"(usage: %s --listen udp:HOST:PORT --database URI
   --max-expires SECONDS   the longest (86400)
   --default-expires SECONDS   where none is asked for (3600)
   --record-route          stay on the way of the dialogs that begin here
+  --event-server URI      who gets what subscribes to presence, or publishes it, in the domains served
   --metrics HOST:PORT     counters for Prometheus, by HTTP
   --help, --version       say so and end
 )";
@@ -45,6 +46,7 @@ enum Option : int {
     maxExpires,
     defaultExpires,
     recordRoute,
+    eventServer,
     metrics,
     help,
     version
@@ -62,6 +64,7 @@ constexpr std::array kOptions{
     option{"max-expires", required_argument, nullptr, maxExpires},
     option{"default-expires", required_argument, nullptr, defaultExpires},
     option{"record-route", no_argument, nullptr, recordRoute},
+    option{"event-server", required_argument, nullptr, eventServer},
     option{"metrics", required_argument, nullptr, metrics},
     option{"help", no_argument, nullptr, help},
     option{"version", no_argument, nullptr, version},
@@ -151,6 +154,10 @@ public:
         case recordRoute:
             options.recordRoute = true;
             break;
+        case eventServer:
+            options.eventServer = value;
+            right = options.eventServer.starts_with("sip:");
+            break;
         default:
             options.metrics = listenOf("tcp", value);
             right = options.metrics.has_value();
@@ -190,6 +197,8 @@ private:
         switch (option) {
         case listenOn:
             return "udp:HOST:PORT or tcp:HOST:PORT";
+        case eventServer:
+            return "a SIP URI";
         case passwordFile:
             return "a readable file";
         case workers:

@@ -26,6 +26,7 @@ struct Options {
     unsigned maxExpires = 86400;
     unsigned defaultExpires = 3600;
     bool recordRoute = false;
+    std::string eventServer; ///< A URI; empty: none.
     std::optional<Listen> metrics;
 };
 

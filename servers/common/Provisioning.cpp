@@ -21,6 +21,9 @@ ChangeListenerOptions boundListening(bool presence)
     return options;
 }
 
+/// How often the list of domains is read, of whose changes nothing tells.
+constexpr std::chrono::seconds kReadAgain{10};
+
 /// Not what telephones bring about.
 bool isProvisioned(const ChangedTable& table)
 {
@@ -41,20 +44,26 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
         m_listener.run([this](const ChangeSet& changes) {
             if (std::any_of(changes.tables.begin(), changes.tables.end(), isProvisioned)) {
                 m_changes.fetch_add(1, std::memory_order_release);
-                readDomainsAtLast(); // which has no announcement of its own: with every other
+                readDomainsAtLast();
             }
             if (m_onChanges) {
                 m_onChanges(changes);
             }
         });
     });
+    m_reader = std::thread([this] { readDomainsAgain(); });
 }
 
 Provisioning::~Provisioning()
 {
-    m_stop = true;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stop = true;
+    }
+    m_ending.notify_all();
     m_listener.stop();
     m_thread.join();
+    m_reader.join();
 }
 
 bool Provisioning::serves(const std::string& host) const
@@ -76,6 +85,16 @@ void Provisioning::readDomainsAtLast()
     }
 }
 
+void Provisioning::readDomainsAgain()
+{
+    std::unique_lock lock(m_mutex);
+    while (!m_ending.wait_for(lock, kReadAgain, [this] { return m_stop.load(); })) {
+        lock.unlock();
+        readDomains();
+        lock.lock();
+    }
+}
+
 /// False when it could not be read, and is as it was: better than none.
 bool Provisioning::readDomains()
 {
@@ -90,6 +109,7 @@ bool Provisioning::readDomains()
         std::transform(domain.begin(), domain.end(), domain.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     }
+    const std::lock_guard lock(m_mutex);
     if (domains != *m_lists.back()) {
         m_lists.push_back(std::make_unique<const Domains>(std::move(domains)));
         m_domains.store(m_lists.back().get(), std::memory_order_release);

@@ -5,8 +5,10 @@
 #include <dal/ChangeListener.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,7 +16,7 @@
 namespace oryx::sip {
 
 /// What provisioning has decided and servers keep: the domains that are served, and how often anything has changed.
-/// Heard of on a thread of its own.
+/// Heard of, or looked for, on threads of its own.
 class Provisioning {
 public:
     /// Gets the changes, on the thread that hears of them; those of publications and access rules too, and whose
@@ -40,6 +42,7 @@ private:
 
     bool readDomains();
     void readDomainsAtLast();
+    void readDomainsAgain();
 
     Options m_options;
     OnChanges m_onChanges;
@@ -50,6 +53,9 @@ private:
     std::atomic<const Domains*> m_domains;
     ChangeListener m_listener;
     std::thread m_thread;
+    std::mutex m_mutex; // of who writes the list
+    std::condition_variable m_ending;
+    std::thread m_reader;
 };
 
 } // namespace oryx::sip

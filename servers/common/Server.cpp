@@ -1,5 +1,6 @@
 #include <common/Server.h>
 
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -23,6 +24,16 @@ int endingSignals()
     return signalfd(-1, &ending, SFD_CLOEXEC);
 }
 
+/// Each telephone by TCP has one.
+void allowManyConnections()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 } // namespace
 
 int serve(int argc, char** argv, const std::function<void(Loop& loop, const Options& options, int signals)>& serve)
@@ -31,6 +42,7 @@ int serve(int argc, char** argv, const std::function<void(Loop& loop, const Opti
     if (!parsed.options) {
         return parsed.status;
     }
+    allowManyConnections();
     std::signal(SIGPIPE, SIG_IGN); // a telephone that hangs up
     const int signals = endingSignals();
     int status = 0;

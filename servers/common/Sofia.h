@@ -7,6 +7,7 @@
 #define NTA_AGENT_MAGIC_T void
 #define NTA_INCOMING_MAGIC_T void
 #define NTA_OUTGOING_MAGIC_T void
+#define TP_MAGIC_T sip_via_t // what the stack itself keeps of a socket
 
 #include <sofia-sip/msg_addr.h>
 #include <sofia-sip/msg_header.h>
@@ -20,6 +21,7 @@
 #include <sofia-sip/sip_util.h>
 #include <sofia-sip/su.h>
 #include <sofia-sip/su_wait.h>
+#include <sofia-sip/tport.h>
 #include <sofia-sip/tport_tag.h>
 
 #include <sofia-sip/hostdomain.h>
@@ -27,10 +29,15 @@
 
 namespace oryx::sip {
 
-/// A URI's text where the stack takes a URI or its text; null stays null.
+/// A URI, or its text, where the stack takes either; null stays null.
 inline const url_string_t* urlText(const char* text)
 {
     return static_cast<const url_string_t*>(static_cast<const void*>(text));
+}
+
+inline const url_string_t* urlText(const url_t& url)
+{
+    return static_cast<const url_string_t*>(static_cast<const void*>(&url));
 }
 
 /// A header field of any kind, as those operations of the stack take it that are for all kinds.

@@ -25,7 +25,8 @@ Verdict Subscribers::authenticate(const Address& address, const Credentials& cre
     if (!credentials.qop) {
         return Verdict::wrong;
     }
-    const bool fresh = m_nonces.fresh(credentials.nonce) && m_counts.use(credentials.nonce, credentials.count);
+    const bool fresh =
+        m_nonces.fresh(credentials.nonce, address.key()) && m_counts.use(credentials.nonce, credentials.count);
     return fresh ? Verdict::accepted : Verdict::stale;
 }
 

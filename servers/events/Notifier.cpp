@@ -325,7 +325,7 @@ void Notifier::send(Watch& watch, const Notice& notice)
 {
     NotifyRequest request = notifyRequest(*m_endpoint, watch.subscription, notice);
     watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, request.next,
-                                             request.message.release(), TAG_END());
+                                             request.message.release(), TPTAG_IDENT(request.family), TAG_END());
     if (watch.transaction == nullptr) { // nowhere: no such host
         answered(watch, kTimeout);
     }

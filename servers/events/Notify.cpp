@@ -1,3 +1,4 @@
+#include <common/Headers.h>
 #include <events/Notify.h>
 
 #include <algorithm>
@@ -40,9 +41,9 @@ NotifyRequest notifyRequest(const Endpoint& endpoint, const Subscription& subscr
 {
     Message message(nta_msg_create(endpoint.agent(), 0));
     sip_t* const sip = sip_object(message.get());
-    const url_string_t* const next = route(message.get(), sip, subscription);
-    const bool tcp = subscription.contact.find("transport=tcp") != std::string::npos;
-    const std::string contact = "<" + endpoint.uri(tcp ? sip_transport_tcp : sip_transport_udp) + ">";
+    const url_string_t* const aside = route(message.get(), sip, subscription);
+    const url_t& next = aside != nullptr ? *sip->sip_request->rq_url : nextHop(*sip);
+    const std::string contact = "<" + endpoint.socketTowards(next) + ">";
     const std::string cseq = std::to_string(subscription.notifyCseq) + " NOTIFY";
     const std::string state = stateOf(subscription, notice);
     const bool body = !notice.body.text.empty();
@@ -54,7 +55,7 @@ NotifyRequest notifyRequest(const Endpoint& endpoint, const Subscription& subscr
                TAG_IF(subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR("eventlist")),
                TAG_IF(body, SIPTAG_CONTENT_TYPE_STR(notice.body.type.c_str())),
                TAG_IF(body, SIPTAG_PAYLOAD_STR(notice.body.text.c_str())), TAG_END());
-    return {std::move(message), next};
+    return {std::move(message), aside, Endpoint::familyOf(next)};
 }
 
 } // namespace oryx::sip

@@ -394,10 +394,10 @@ bool Subscriber::passed(Incoming& request, const Answer& answer) const
 }
 
 /// 200, also where nobody has decided yet: 202 is not used any more (section 8.3.1).
-void Subscriber::conclude(Incoming& request, const Subscription& subscription, std::uint32_t expires) const
+void Subscriber::conclude(Incoming& request, const Subscription& subscription, std::uint32_t expires)
 {
     const std::string granted = std::to_string(expires);
-    const std::string contact = "<" + m_endpoint->uri(request.sip().sip_via->v_protocol) + ">";
+    const std::string contact = "<" + request.socket() + ">";
     request.answer(SIP_200_OK, SIPTAG_EXPIRES_STR(granted.c_str()), SIPTAG_CONTACT_STR(contact.c_str()),
                    TAG_IF(subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR(kEventList)));
 }

@@ -20,9 +20,6 @@ public:
     Subscriber(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
                Workers<EventSession>& workers, Notifier& notifier);
 
-    /// Once the sockets are there: what they are reached by.
-    void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
-
     void take(const std::shared_ptr<Incoming>& request);
 
 private:
@@ -61,14 +58,13 @@ private:
     template <typename Work, typename Then>
     void give(const std::shared_ptr<Incoming>& request, Order order, Work work, Then then);
     bool passed(Incoming& request, const Answer& answer) const;
-    void conclude(Incoming& request, const Subscription& subscription, std::uint32_t expires) const;
+    static void conclude(Incoming& request, const Subscription& subscription, std::uint32_t expires);
 
     const Options& m_options;
     const Provisioning& m_provisioning;
     const Nonces& m_nonces;
     Workers<EventSession>& m_workers;
     Notifier& m_notifier;
-    const Endpoint* m_endpoint = nullptr;
 };
 
 } // namespace oryx::sip

@@ -54,7 +54,6 @@ void run(Loop& loop, const Options& options, int signals)
     };
     Endpoint endpoint(loop, metrics, options.listen, take, [](const Message&, const sip_t&) {});
     notifier->setEndpoint(endpoint);
-    subscriber.setEndpoint(endpoint);
     std::optional<MetricsPage> page;
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);

@@ -9,7 +9,9 @@ namespace oryx::sip {
 namespace {
 
 constexpr std::chrono::seconds kRinging{20}; // of one telephone, before the next is tried
-constexpr std::chrono::seconds kLinger{32};  // 64 * T1: as long as a 2xx is sent again
+constexpr std::chrono::seconds kTimerC{185}; // section 16.6, item 11: more than three minutes
+/// 64 * T1: as long as a 2xx is sent again, and as a cancelled request is waited for (section 9.1).
+constexpr std::chrono::seconds kLinger{32};
 
 /// A response as the one before this proxy gets it: without this proxy's Via.
 Message withoutOwnVia(msg_t* response)
@@ -19,6 +21,20 @@ Message withoutOwnVia(msg_t* response)
         sip_via_remove(copy.get(), sip_object(copy.get()));
     }
     return copy;
+}
+
+/// What ends an INVITE request that is under way (RFC 3261 section 9.1); its Via is the transaction's.
+Message cancelOf(nta_agent_t* agent, msg_t* invite)
+{
+    const sip_t& sip = *sip_object(invite);
+    Message message(nta_msg_create(agent, 0));
+    su_home_t* const home = msg_home(message.get());
+    sip_add_tl(message.get(), sip_object(message.get()),
+               SIPTAG_REQUEST(sip_request_create(home, SIP_METHOD_CANCEL, urlText(*sip.sip_request->rq_url), nullptr)),
+               SIPTAG_TO(sip.sip_to), SIPTAG_FROM(sip.sip_from), SIPTAG_CALL_ID(sip.sip_call_id),
+               SIPTAG_CSEQ(sip_cseq_create(home, sip.sip_cseq->cs_seq, SIP_METHOD_CANCEL)), SIPTAG_ROUTE(sip.sip_route),
+               SIPTAG_MAX_FORWARDS_STR("70"), TAG_END());
+    return message;
 }
 
 /// What a caller can do something about comes before what he cannot (RFC 3261 section 16.7, item 6).
@@ -33,23 +49,34 @@ int rank(int status)
     return 10 * (status / 100) + (is ? 0 : last ? 9 : 5);
 }
 
+struct UrlDeleter {
+    void operator()(url_t* url) const { su_free(nullptr, url); }
+};
+using Url = std::unique_ptr<url_t, UrlDeleter>;
+
 } // namespace
 
 struct Fork::Branch {
     Fork& fork;
+    std::string key; // of its Via
+    Url next;        // where it is sent
     nta_outgoing_t* transaction = nullptr;
     Message response; // its final one
+    bool heard = false;
+    bool cancelled = false;
     bool ended = false;
 };
 
-Fork::Fork(const Loop& loop, Forks& forks, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
-           std::vector<Hop> hops)
-    : m_forks(forks),
+Fork::Fork(const Loop& loop, const Endpoint& endpoint, Forks& forks, std::shared_ptr<Incoming> request,
+           Outgoing outgoing, std::vector<Hop> hops)
+    : m_endpoint(endpoint),
+      m_forks(forks),
       m_request(std::move(request)),
       m_outgoing(std::move(outgoing)),
-      m_branch(std::move(branch)),
       m_hops(std::move(hops)),
       m_patience(loop, [this] { cancelPending(); }),
+      m_timerC(loop, [this] { cancelPending(); }),
+      m_giveUp(loop, [this] { endCancelled(); }),
       m_linger(loop, [this] { m_forks.erase(shared_from_this()); })
 {
 }
@@ -77,6 +104,7 @@ void Fork::start(bool sequential)
 void Fork::cancel()
 {
     m_tried = m_hops.size();
+    m_unwanted = true;
     cancelPending();
 }
 
@@ -86,6 +114,7 @@ void Fork::tryNext()
 {
     while (m_tried < m_hops.size() && !pending()) {
         const int preference = m_hops[m_tried].preference;
+        m_timerC.set(kTimerC);
         while (m_tried < m_hops.size() && (!m_sequential || m_hops[m_tried].preference == preference)) {
             send(m_hops[m_tried++]);
         }
@@ -96,32 +125,46 @@ void Fork::tryNext()
     if (pending()) {
         return;
     }
+    m_timerC.cancel();
     if (!m_decided) {
         answerBest();
     }
     m_linger.set(kLinger);
 }
 
-void Fork::send(const Hop& hop)
+/// The request with that request URI and route (section 16.6, items 2 and 6).
+Message Fork::addressed(const Hop& hop) const
 {
-    Message message(msg_dup(m_outgoing.get()));
-    sip_t* const sip = sip_object(message.get());
-    su_home_t* const home = msg_home(message.get());
+    Message message(msg_dup(m_outgoing.message.get()));
     if (!hop.uri.empty()) {
-        const sip_request_t* const line = sip->sip_request;
-        sip_request_t* const retargeted =
-            sip_request_create(home, line->rq_method, line->rq_method_name, urlText(hop.uri.c_str()), nullptr);
-        sip_header_insert(message.get(), sip, anyHeader(retargeted));
+        setRequestUri(message.get(), urlText(hop.uri.c_str()));
     }
     if (!hop.route.empty()) {
-        sip_add_tl(message.get(), sip, SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END());
+        sip_add_tl(message.get(), sip_object(message.get()), SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END());
     }
-    m_branches.push_back(std::make_unique<Branch>(Branch{*this, nullptr, nullptr, false}));
+    return message;
+}
+
+void Fork::send(const Hop& hop)
+{
+    const std::string key = m_outgoing.branch + "." + std::to_string(m_branches.size() + 1);
+    m_branches.push_back(std::make_unique<Branch>(Branch{*this, key, {}, nullptr, nullptr}));
     Branch& branch = *m_branches.back();
-    const std::string key = m_branch + "." + std::to_string(m_branches.size());
-    branch.transaction = nta_outgoing_mcreate(m_request->agent(), &Fork::responded, &branch,
-                                              hop.next.empty() ? nullptr : urlText(hop.next.c_str()), message.release(),
-                                              NTATAG_BRANCH_KEY(key.c_str()), TAG_END());
+    Message message = addressed(hop);
+    su_home_t* const home = msg_home(message.get());
+    const url_t* const next =
+        hop.next.empty() ? &nextHop(*sip_object(message.get())) : url_hdup(home, urlText(hop.next.c_str())->us_url);
+    if (next != nullptr) {
+        branch.next.reset(url_hdup(nullptr, next));
+        if (!m_outgoing.mark.socket.empty()) {
+            recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(*next));
+        }
+        fitStrictRouter(message.get());
+        branch.transaction =
+            nta_outgoing_mcreate(m_endpoint.agent(), &Fork::responded, &branch, urlText(*branch.next),
+                                 message.release(), NTATAG_BRANCH_KEY(key.c_str()),
+                                 TPTAG_IDENT(Endpoint::familyOf(*branch.next)), NTATAG_PASS_100(1), TAG_END());
+    }
     branch.ended = branch.transaction == nullptr; // nowhere: no such host
 }
 
@@ -138,7 +181,11 @@ void Fork::take(Branch& branch, const sip_t* sip)
     const int status = sip != nullptr ? sip->sip_status->st_status : nta_outgoing_status(branch.transaction);
     const Message response(sip != nullptr ? nta_outgoing_getresponse(branch.transaction) : nullptr);
     if (status < 200) {
+        if (!std::exchange(branch.heard, true) && branch.cancelled) {
+            sendCancel(branch);
+        }
         if (status > 100 && response && !m_decided) {
+            m_timerC.set(kTimerC); // section 16.7, item 2
             forward(response.get());
         }
         return;
@@ -176,9 +223,39 @@ void Fork::end(Branch& branch)
 void Fork::cancelPending()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
-        if (!branch->ended && nta_outgoing_method(branch->transaction) == sip_method_invite) {
-            nta_outgoing_cancel(branch->transaction);
+        if (branch->ended || branch->cancelled || nta_outgoing_method(branch->transaction) != sip_method_invite) {
+            continue;
         }
+        branch->cancelled = true;
+        if (branch->heard) { // otherwise not before something is heard (section 9.1)
+            sendCancel(*branch);
+        }
+        m_giveUp.set(kLinger);
+    }
+}
+
+/// Not as the stack does it, which ends the request's own transaction with that where it came by a stream.
+void Fork::sendCancel(const Branch& branch)
+{
+    const Message request(nta_outgoing_getrequest(branch.transaction));
+    Message message = cancelOf(m_endpoint.agent(), request.get());
+    nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(*branch.next), message.release(),
+                         NTATAG_BRANCH_KEY(branch.key.c_str()), TPTAG_IDENT(Endpoint::familyOf(*branch.next)),
+                         TAG_END());
+}
+
+/// Those that have been cancelled and say nothing of it.
+void Fork::endCancelled()
+{
+    for (const std::unique_ptr<Branch>& branch : m_branches) {
+        if (branch->cancelled && !branch->ended) {
+            nta_outgoing_destroy(std::exchange(branch->transaction, nullptr));
+            branch->ended = true;
+        }
+    }
+    if (!pending()) {
+        m_patience.cancel();
+        tryNext();
     }
 }
 
@@ -192,7 +269,9 @@ void Fork::answerBest()
 {
     m_decided = true;
     const Message chosen = best();
-    if (!chosen) {
+    if (!chosen && m_unwanted) {
+        m_request->answer(SIP_487_REQUEST_TERMINATED);
+    } else if (!chosen) { // the stack knows not to send it where it helps nobody (RFC 4320)
         m_request->answer(SIP_408_REQUEST_TIMEOUT);
     } else if (sip_object(chosen.get())->sip_status->st_status == 503) { // that one is overloaded, this one is not
         m_request->answer(SIP_500_INTERNAL_SERVER_ERROR);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <common/Endpoint.h>
+#include <registrar/Route.h>
 
 #include <memory>
 #include <set>
@@ -25,9 +26,15 @@ using Forks = std::set<std::shared_ptr<Fork>>;
 /// lives until the last of its transactions has ended.
 class Fork : public std::enable_shared_from_this<Fork> {
 public:
-    /// `outgoing` is the request as it is to be sent, but for its request URI and route; `branch` begins the branch
-    /// parameters of its Via. The hops come by preference.
-    Fork(const Loop& loop, Forks& forks, std::shared_ptr<Incoming> request, Message outgoing, std::string branch,
+    /// What is the same of all copies.
+    struct Outgoing {
+        Message message; ///< The request as it is to be sent, but for its request URI and route.
+        RouteMark mark;
+        std::string branch; ///< What the branch parameters of its Via begin with.
+    };
+
+    /// The hops come by preference.
+    Fork(const Loop& loop, const Endpoint& endpoint, Forks& forks, std::shared_ptr<Incoming> request, Outgoing outgoing,
          std::vector<Hop> hops);
     ~Fork();
     Fork(const Fork&) = delete;
@@ -43,25 +50,31 @@ private:
 
     void tryNext();
     void send(const Hop& hop);
+    Message addressed(const Hop& hop) const;
     static int responded(void* branch, nta_outgoing_t* transaction, const sip_t* sip);
     void take(Branch& branch, const sip_t* sip);
     void end(Branch& branch);
     void cancelPending();
+    void sendCancel(const Branch& branch);
+    void endCancelled();
     bool pending() const;
     void answerBest();
     Message best();
     void forward(msg_t* response);
 
+    const Endpoint& m_endpoint;
     Forks& m_forks;
     std::shared_ptr<Incoming> m_request;
-    Message m_outgoing;
-    std::string m_branch;
+    Outgoing m_outgoing;
     std::vector<Hop> m_hops;
     std::size_t m_tried = 0;
     bool m_sequential = false;
-    bool m_decided = false; // a final answer has been given, or none is wanted
+    bool m_unwanted = false; // the client has cancelled it
+    bool m_decided = false;  // a final answer has been given, or none is wanted
     std::vector<std::unique_ptr<Branch>> m_branches;
     Timer m_patience; // with those that are being tried, before the next ones
+    Timer m_timerC;   // with those that ring
+    Timer m_giveUp;   // those that were cancelled
     Timer m_linger;   // for what is sent again after the answer
 };
 

@@ -1,19 +1,20 @@
 // RFC 3261 section 16, in its order: what a request must be (16.3), its route (16.4), where it goes (16.5), and its
 // sending (16.6). The answers are Fork's.
 
+#include <common/Headers.h>
 #include <registrar/Proxy.h>
 
-#include <array>
 #include <cstring>
 #include <functional>
+#include <string_view>
 #include <utility>
 
 namespace oryx::sip {
 
 namespace {
 
-constexpr const char* kCookie = "oryx"; // a parameter of this proxy's Record-Route
 constexpr unsigned long kMaxForwards = 70;
+constexpr isize_t kLongestTarget = 2048;
 
 std::string hexOf(std::size_t value)
 {
@@ -53,16 +54,44 @@ std::string sipUri(const std::string& proxy)
     return proxy.empty() || proxy.starts_with("sip:") || proxy.starts_with("sips:") ? proxy : "sip:" + proxy;
 }
 
+/// To a binding. Where the request URI is not to be replaced by its address, that is only where the request goes:
+/// behind the proxies of its path, as the last of them.
+Hop hopOf(const LiveBinding& binding, bool replaces)
+{
+    if (replaces) {
+        return {binding.address, binding.path, "", binding.preference};
+    }
+    if (binding.path.empty()) {
+        return {"", "", binding.address, binding.preference};
+    }
+    return {"", binding.path + ", <" + binding.address + ";lr>", "", binding.preference};
+}
+
 bool inDialog(const sip_t& sip)
 {
     return sip.sip_to->a_tag != nullptr;
+}
+
+/// Whether an event server has what this subscribes to or publishes (RFC 3856, 3857, 3903). What begins a subscription;
+/// what belongs to one has its route.
+bool isOfPresence(const sip_t& sip)
+{
+    const sip_method_t method = sip.sip_request->rq_method;
+    const std::string_view package = sip.sip_event != nullptr ? orEmpty(sip.sip_event->o_type) : "";
+    return (method == sip_method_subscribe || method == sip_method_publish) &&
+           (package == "presence" || package == "presence.winfo");
 }
 
 } // namespace
 
 Proxy::Proxy(const Loop& loop, const Options& options, const Provisioning& provisioning, const Nonces& nonces,
              Workers<Session>& workers)
-    : m_loop(loop), m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers)
+    : m_loop(loop),
+      m_options(options),
+      m_provisioning(provisioning),
+      m_nonces(nonces),
+      m_seal(options),
+      m_workers(workers)
 {
 }
 
@@ -71,12 +100,17 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
     if (!valid(*request)) {
         return;
     }
-    bool routedHere = false;
-    Message outgoing = prepared(request->sip(), request->message(), routedHere);
-    if (routedHere) { // a dialog that began here: where it goes was settled then
-        send(request, std::move(outgoing), {Hop{}}, false);
+    OwnRoutes routes;
+    Message outgoing = prepared(request->sip(), request->message(), routes);
+    RouteMark mark;
+    // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
+    if ((m_options.recordRoute || routes.found) && !inDialog(request->sip())) {
+        mark = {request->socket(), cookie(request->sip(), request->sip().sip_from->a_tag)};
+    }
+    if (routes.known) { // a dialog that began here: where it goes was settled then
+        send(request, std::move(outgoing), mark, {Hop{}}, false);
     } else {
-        find(request, std::move(outgoing));
+        find(request, std::move(outgoing), mark);
     }
 }
 
@@ -84,16 +118,21 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
 bool Proxy::valid(Incoming& request) const
 {
     const sip_t& sip = request.sip();
-    const auto scheme = static_cast<url_type_e>(sip.sip_request->rq_url->url_type);
-    if (scheme != url_sip && scheme != url_sips) {
+    const url_t& target = *sip.sip_request->rq_url;
+    const auto scheme = static_cast<url_type_e>(target.url_type);
+    const std::string unknown = unknownTags(sip.sip_proxy_require);
+    if (url_len(&target) > kLongestTarget) {
+        request.answer(SIP_414_REQUEST_URI_TOO_LONG);
+    } else if (target.url_headers != nullptr) { // section 19.1.1: not in a request URI
+        request.answer(SIP_400_BAD_REQUEST);
+    } else if (scheme != url_sip && scheme != url_sips) {
         request.answer(SIP_416_UNSUPPORTED_URI);
     } else if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
         request.answer(SIP_483_TOO_MANY_HOPS);
     } else if (loops(sip)) {
         request.answer(SIP_482_LOOP_DETECTED);
-    } else if (sip.sip_proxy_require != nullptr && sip.sip_proxy_require->k_items != nullptr &&
-               sip.sip_proxy_require->k_items[0] != nullptr) {
-        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(sip.sip_proxy_require->k_items[0]));
+    } else if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
     } else {
         return true;
     }
@@ -118,33 +157,21 @@ bool Proxy::leadsHere(const url_t& route) const
     return m_endpoint->isOurs(route) || (route.url_user == nullptr && m_provisioning.serves(hostOf(route)));
 }
 
-/// Section 16.4, and what is the same of all copies of the request (16.6, items 1, 3 and 4). `ours` is whether the
-/// request is of a dialog that this proxy has put itself on the way of.
-Message Proxy::prepared(const sip_t& sip, msg_t* message, bool& ours) const
+/// Section 16.4, and what is the same of all copies of the request (16.6, items 1 and 3).
+Message Proxy::prepared(const sip_t& sip, msg_t* message, OwnRoutes& routes) const
 {
     Message outgoing(msg_dup(message));
     sip_t* const copy = sip_object(outgoing.get());
-    su_home_t* const home = msg_home(outgoing.get());
-    const bool routed = copy->sip_route != nullptr && leadsHere(*copy->sip_route->r_url);
-    ours = false;
-    if (routed) {
-        std::array<char, 64> value{};
-        url_param(copy->sip_route->r_url->url_params, kCookie, value.data(), static_cast<isize_t>(value.size()));
-        // The tag of whoever began the dialog is the one's or the other's, by who sends.
-        ours = inDialog(sip) &&
-               (cookie(sip, sip.sip_from->a_tag) == value.data() || cookie(sip, sip.sip_to->a_tag) == value.data());
-        sip_route_remove(outgoing.get(), copy);
-    }
+    routes = takeOwnRoutes(
+        outgoing.get(), [this](const url_t& route) { return leadsHere(route); },
+        [&](const std::string& said) {
+            // The tag of whoever began the dialog is the one's or the other's, by who sends.
+            return inDialog(sip) &&
+                   (cookie(sip, sip.sip_from->a_tag) == said || cookie(sip, sip.sip_to->a_tag) == said);
+        });
     const unsigned long left = sip.sip_max_forwards != nullptr ? sip.sip_max_forwards->mf_count - 1 : kMaxForwards;
     const std::string forwards = std::to_string(left);
     sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
-    // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
-    if ((m_options.recordRoute || routed) && !inDialog(sip)) {
-        const std::string route = "<" + m_endpoint->uri(sip.sip_via->v_protocol) + ";lr;" + kCookie + "=" +
-                                  cookie(sip, sip.sip_from->a_tag) + ">";
-        sip_record_route_t* const record = sip_record_route_make(home, route.c_str());
-        sip_header_insert(outgoing.get(), copy, anyHeader(record));
-    }
     // Who the sender is was proved to this proxy, and is nobody else's business.
     Credentials own;
     if (readCredentials(copy->sip_proxy_authorization, m_provisioning.realm(), own)) {
@@ -156,11 +183,10 @@ Message Proxy::prepared(const sip_t& sip, msg_t* message, bool& ours) const
 }
 
 /// Section 16.5, in a worker.
-void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing)
+void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark)
 {
     const sip_t& sip = request->sip();
-    const sip_t* const next = sip_object(outgoing.get());
-    const url_t& to = next->sip_route != nullptr ? *next->sip_route->r_url : *sip.sip_request->rq_url;
+    const url_t& to = nextHop(*sip_object(outgoing.get()));
     const std::optional<Address> address = addressOf(to);
     Question question;
     question.from = hostOf(*sip.sip_from->a_url);
@@ -173,9 +199,15 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing)
     question.target.domain = address->domain;
     question.target.served = m_provisioning.serves(address->domain);
     question.target.internal = m_provisioning.serves(question.from);
+    question.forEventServer = !m_options.eventServer.empty() && question.target.served && isOfPresence(sip);
     question.sender = addressOf(*sip.sip_from->a_url);
     Credentials credentials;
     if (readCredentials(sip.sip_proxy_authorization, m_provisioning.realm(), credentials)) {
+        const auto isHere = [this](const url_t& url) { return leadsHere(url); };
+        if (!credentials.areFor(*sip.sip_request->rq_url, isHere)) { // RFC 7616 section 3.4.6
+            request->answer(SIP_400_BAD_REQUEST);
+            return;
+        }
         question.credentials = std::move(credentials);
     }
     // All that one caller sends comes to one worker, which knows his credentials.
@@ -184,8 +216,8 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing)
     auto work = [this, question = std::move(question), method](Session& session) {
         return answer(session, question, method);
     };
-    auto then = [this, request, shared = std::make_shared<Message>(std::move(outgoing))](const Answer& answer) {
-        conclude(request, std::move(*shared), answer);
+    auto then = [this, request, mark, shared = std::make_shared<Message>(std::move(outgoing))](const Answer& answer) {
+        conclude(request, std::move(*shared), mark, answer);
     };
     if (!m_workers.give(key, std::move(work), std::move(then))) {
         request->answerUnavailable();
@@ -205,6 +237,11 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
             return answer;
         }
     }
+    if (question.forEventServer) { // which asks for proof itself
+        answer.target.reason = TargetReason::outbound;
+        answer.target.proxy = m_options.eventServer;
+        return answer;
+    }
     findTarget(session.service(), question.target, answer.target);
     const TargetReason reason = answer.target.reason;
     const bool leaves =
@@ -217,7 +254,8 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
     return answer;
 }
 
-void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer)
+void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
+                     const Answer& answer)
 {
     if (request->answered()) { // it was cancelled meanwhile
         return;
@@ -242,9 +280,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
     case TargetReason::addressMap:
     case TargetReason::defaultRoute:
         for (const LiveBinding& binding : answer.target.set.bindings) {
-            const bool replaces = answer.target.set.replaceUri;
-            hops.push_back({replaces ? binding.address : "", binding.path,
-                            replaces || !binding.path.empty() ? "" : binding.address, binding.preference});
+            hops.push_back(hopOf(binding, answer.target.set.replaceUri));
         }
         break;
     case TargetReason::outbound:
@@ -264,22 +300,27 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
         request->answerUnavailable();
         return;
     }
-    send(request, std::move(outgoing), std::move(hops), answer.target.set.order == ContactOrder::sequential);
+    send(request, std::move(outgoing), mark, std::move(hops), answer.target.set.order == ContactOrder::sequential);
 }
 
 void Proxy::challenge(Incoming& request, bool stale) const
 {
-    sip::challenge(request, 407, m_provisioning.realm(), m_nonces.make(), stale);
+    const std::optional<Address> sender = addressOf(*request.sip().sip_from->a_url);
+    const std::string nonce = m_nonces.make(sender ? sender->key() : 0);
+    sip::challenge(request, 407, m_provisioning.realm(), nonce, stale);
 }
 
 /// Section 16.6.
-void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential)
+void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
+                 std::vector<Hop> hops, bool sequential)
 {
     if (request->sip().sip_request->rq_method == sip_method_invite) {
         request->answer(SIP_100_TRYING);
     }
     const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(request->sip());
-    std::make_shared<Fork>(m_loop, m_forks, request, std::move(outgoing), branch, std::move(hops))->start(sequential);
+    std::make_shared<Fork>(m_loop, *m_endpoint, m_forks, request, Fork::Outgoing{std::move(outgoing), mark, branch},
+                           std::move(hops))
+        ->start(sequential);
 }
 
 void Proxy::takeStray(const Message& message, const sip_t& sip) const
@@ -288,18 +329,21 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
     if (sip.sip_request == nullptr || (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0)) {
         return;
     }
-    bool ours = false;
-    Message outgoing = prepared(sip, message.get(), ours);
-    if (ours) {
+    OwnRoutes routes;
+    Message outgoing = prepared(sip, message.get(), routes);
+    if (routes.known) {
         const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(sip) + ".0";
-        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), nullptr, NTATAG_BRANCH_KEY(branch.c_str()), TAG_END());
+        const url_t next = nextHop(*sip_object(outgoing.get())); // its texts stay with the message
+        fitStrictRouter(outgoing.get());
+        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), urlText(next), NTATAG_BRANCH_KEY(branch.c_str()),
+                      TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END());
     }
 }
 
 /// What this proxy knows a route of its own by, in a dialog that began with that tag.
 std::string Proxy::cookie(const sip_t& sip, const char* tag) const
 {
-    return m_nonces.seal(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
+    return m_seal.of(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
 }
 
 } // namespace oryx::sip

@@ -3,6 +3,8 @@
 #include <common/Endpoint.h>
 #include <common/Workers.h>
 #include <registrar/Fork.h>
+#include <registrar/Route.h>
+#include <registrar/Seal.h>
 #include <registrar/Session.h>
 
 #include <dal/RequestTarget.h>
@@ -35,6 +37,7 @@ private:
         std::string from; ///< The domain that it comes from.
         std::optional<Address> sender;
         std::optional<Credentials> credentials;
+        bool forEventServer = false;
     };
     struct Answer {
         bool denied = false; ///< Requests from that domain are not accepted.
@@ -46,18 +49,21 @@ private:
     bool valid(Incoming& request) const;
     bool loops(const sip_t& sip) const;
     bool leadsHere(const url_t& route) const;
-    Message prepared(const sip_t& sip, msg_t* message, bool& ours) const;
-    void find(const std::shared_ptr<Incoming>& request, Message outgoing);
+    Message prepared(const sip_t& sip, msg_t* message, OwnRoutes& routes) const;
+    void find(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark);
     Answer answer(Session& session, const Question& question, const std::string& method) const;
-    void conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const Answer& answer);
+    void conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
+                  const Answer& answer);
     void challenge(Incoming& request, bool stale) const;
-    void send(const std::shared_ptr<Incoming>& request, Message outgoing, std::vector<Hop> hops, bool sequential);
+    void send(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark, std::vector<Hop> hops,
+              bool sequential);
     std::string cookie(const sip_t& sip, const char* tag) const;
 
     const Loop& m_loop;
     const Options& m_options;
     const Provisioning& m_provisioning;
     const Nonces& m_nonces;
+    Seal m_seal;
     Workers<Session>& m_workers;
     const Endpoint* m_endpoint = nullptr;
     Forks m_forks;

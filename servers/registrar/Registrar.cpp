@@ -4,6 +4,10 @@
 
 #include <common/Headers.h>
 
+#include <wex/Uri.h>
+
+#include <wex/Uri.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -14,6 +18,7 @@ namespace oryx::sip {
 namespace {
 
 /// Of one address of record; a person has a few telephones.
+constexpr unsigned kHour = 3600;
 constexpr std::uint32_t kMostBindings = 32;
 constexpr std::size_t kMostContacts = 32; // in one request
 
@@ -26,6 +31,17 @@ std::string pathOf(const sip_t& sip)
         path.append(path.empty() ? "" : ", ").append(headerText(one));
     }
     return path;
+}
+
+/// RFC 3261 section 25.1: from 0 to 1 with up to three digits; or none.
+bool isPreference(const std::string& qvalue)
+{
+    if (qvalue.empty()) {
+        return true;
+    }
+    const std::string_view digits = std::string_view(qvalue).substr(std::min<std::size_t>(qvalue.size(), 2));
+    return (qvalue[0] == '0' || qvalue[0] == '1') && (qvalue.size() == 1 || qvalue[1] == '.') && digits.size() <= 3 &&
+           digits.find_first_not_of(qvalue[0] == '0' ? "0123456789" : "0") == std::string_view::npos;
 }
 
 } // namespace
@@ -50,30 +66,34 @@ void Registrar::take(const std::shared_ptr<Incoming>& request)
 /// answered, here and below.
 bool Registrar::understands(Incoming& request)
 {
-    const sip_require_t* const require = request.sip().sip_require;
-    const msg_param_t* const items = require != nullptr ? require->k_items : nullptr;
-    for (std::size_t n = 0; items != nullptr && items[n] != nullptr; ++n) {
-        if (std::strcmp(items[n], "path") != 0) {
-            request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(items[n]));
-            return false;
-        }
+    const std::string unknown = unknownTags(request.sip().sip_require, "path");
+    if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
     }
-    return true;
+    return unknown.empty();
 }
 
 /// Item 3: who sends it must prove it, if proof is asked for. Item 4: who he is decides whose bindings he may change:
 /// the credentials must be those of the address of record's own subscriber, which the worker finds out.
 bool Registrar::readSender(Incoming& request, Order& order) const
 {
+    const sip_t& sip = request.sip();
     if (!m_options.digest) {
         return true;
     }
     order.credentials.emplace();
-    if (readCredentials(request.sip().sip_authorization, m_provisioning.realm(), *order.credentials)) {
-        return true;
+    if (!readCredentials(sip.sip_authorization, m_provisioning.realm(), *order.credentials)) {
+        challenge(request, false);
+        return false;
     }
-    challenge(request, false);
-    return false;
+    const auto isHere = [this](const url_t& url) {
+        return m_endpoint->isOurs(url) || m_provisioning.serves(hostOf(url));
+    };
+    if (!order.credentials->areFor(*sip.sip_request->rq_url, isHere)) { // RFC 7616 section 3.4.6
+        request.answer(SIP_400_BAD_REQUEST);
+        return false;
+    }
+    return true;
 }
 
 /// Item 5: the address of record. One that is not served here has no bindings here.
@@ -134,8 +154,8 @@ bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, Reg
     read.address = normalized(*contact.m_url);
     read.contactHeader = headerText(one);
     read.qvalue = contact.m_q != nullptr ? contact.m_q : "";
-    if (read.address.empty() || !fits(read.address) || !fits(read.contactHeader) || !fits(read.qvalue) ||
-        order.contacts.size() == kMostContacts) {
+    if (!wex::Uri(read.address).isValid() || !isPreference(read.qvalue) || !fits(read.address) ||
+        !fits(read.contactHeader) || !fits(read.qvalue) || order.contacts.size() == kMostContacts) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }
@@ -161,7 +181,7 @@ bool Registrar::readExpiry(Incoming& request, const sip_contact_t& contact, std:
         expires = static_cast<std::uint32_t>(
             std::min<unsigned long>(request.sip().sip_expires->ex_delta, m_options.maxExpires));
     }
-    if (expires > 0 && expires < m_options.minExpires) {
+    if (expires > 0 && expires < std::min(m_options.minExpires, kHour)) { // never what asks for an hour
         const std::string least = std::to_string(m_options.minExpires);
         request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
         return false;
@@ -193,7 +213,9 @@ void Registrar::apply(const std::shared_ptr<Incoming>& request, Order order)
 
 void Registrar::challenge(Incoming& request, bool stale) const
 {
-    sip::challenge(request, 401, m_provisioning.realm(), m_nonces.make(), stale);
+    const std::optional<Address> address = addressOf(*request.sip().sip_to->a_url);
+    const std::string nonce = m_nonces.make(address ? address->key() : 0);
+    sip::challenge(request, 401, m_provisioning.realm(), nonce, stale);
 }
 
 void Registrar::conclude(Incoming& request, const Outcome& outcome) const

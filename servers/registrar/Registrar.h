@@ -16,6 +16,9 @@ public:
     Registrar(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
               Workers<Session>& workers);
 
+    /// Once the sockets are there: whose names this server goes by.
+    void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
+
     void take(const std::shared_ptr<Incoming>& request);
 
 private:
@@ -45,6 +48,7 @@ private:
     const Provisioning& m_provisioning;
     const Nonces& m_nonces;
     Workers<Session>& m_workers;
+    const Endpoint* m_endpoint = nullptr;
 };
 
 } // namespace oryx::sip

@@ -49,6 +49,7 @@ void run(Loop& loop, const Options& options, int signals)
     };
     endpoint.emplace(loop, metrics, options.listen, take,
                      [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); });
+    registrar.setEndpoint(*endpoint);
     proxy.setEndpoint(*endpoint);
     std::optional<MetricsPage> page;
     if (options.metrics) {

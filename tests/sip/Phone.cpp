@@ -1,6 +1,7 @@
 #include "sip/Phone.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sodium.h>
 #include <sofia-sip/su_md5.h>
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <cstring>
 #include <initializer_list>
-#include <set>
 #include <stdexcept>
 
 namespace phone {
@@ -180,8 +180,15 @@ Message& Message::add(const std::string& name, const std::string& value)
     return *this;
 }
 
-Socket::Socket(const std::string& host) : m_host(host), m_socket(bound(SOCK_DGRAM, host, 0)), m_port(portOf(m_socket))
+Socket::Socket(const std::string& host, Transport transport)
+    : m_host(host),
+      m_transport(transport),
+      m_socket(bound(transport == Transport::udp ? SOCK_DGRAM : SOCK_STREAM, host, 0)),
+      m_port(portOf(m_socket))
 {
+    if (m_socket < 0) {
+        throw std::runtime_error("no socket at " + host);
+    }
 }
 
 Socket::~Socket()
@@ -195,21 +202,74 @@ std::string Socket::hostPort() const
     return (six ? "[" + m_host + "]" : m_host) + ":" + std::to_string(m_port);
 }
 
-void Socket::send(int port, const std::string& text) const
+void Socket::send(int port, const std::string& text)
 {
     socklen_t size = 0;
     const sockaddr_storage to = addressOf(m_host, port, size);
-    ::sendto(m_socket, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to), size);
+    const auto* const address = reinterpret_cast<const sockaddr*>(&to);
+    if (m_transport == Transport::udp) {
+        ::sendto(m_socket, text.data(), text.size(), 0, address, size);
+        return;
+    }
+    if (!m_connected && ::connect(m_socket, address, size) != 0) {
+        throw std::runtime_error("nobody listens");
+    }
+    m_connected = true;
+    const int yes = 1;
+    ::setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    for (std::size_t sent = 0; sent < text.size();) {
+        const ssize_t some = ::send(m_socket, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (some <= 0) {
+            return; // the peer has closed it
+        }
+        sent += static_cast<std::size_t>(some);
+    }
 }
 
-std::string Socket::receive(int milliseconds) const
+std::string Socket::receive(int milliseconds)
 {
-    if (silent(milliseconds)) {
-        throw std::runtime_error("nothing came");
+    for (;;) {
+        m_unread.erase(0, m_unread.find_first_not_of("\r\n")); // signs of life
+        const std::size_t end = m_unread.find("\r\n\r\n");
+        const std::size_t length = m_unread.find("Content-Length: ");
+        if (end != std::string::npos && length < end) {
+            const std::size_t size = end + 4 + std::stoul(m_unread.substr(length + 16));
+            if (m_unread.size() >= size) {
+                const std::string message = m_unread.substr(0, size);
+                m_unread.erase(0, size);
+                return message;
+            }
+        }
+        if (silent(milliseconds)) {
+            throw std::runtime_error("nothing came");
+        }
+        std::string text = take();
+        if (m_transport == Transport::udp) {
+            return text;
+        }
+        if (text.empty()) {
+            throw std::runtime_error("the connection was closed");
+        }
+        m_unread += text;
     }
+}
+
+std::string Socket::take()
+{
     std::array<char, 65536> text{};
     const ssize_t size = ::recv(m_socket, text.data(), text.size(), 0);
     return {text.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+bool Socket::closed(int milliseconds) const
+{
+    std::array<char, 65536> text{};
+    while (!silent(milliseconds)) {
+        if (::recv(m_socket, text.data(), text.size(), 0) <= 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool Socket::silent(int milliseconds) const
@@ -220,31 +280,46 @@ bool Socket::silent(int milliseconds) const
 
 int freePort(const std::string& host)
 {
-    static std::set<int> given;
+    // Below those that the system gives to connections, which come and go; each process begins elsewhere.
+    static int last = 10000 + ::getpid() * 16 % 20000;
     for (;;) {
-        const int udp = bound(SOCK_DGRAM, host, 0);
-        const int port = portOf(udp);
-        const int tcp = bound(SOCK_STREAM, host, port);
+        last = last < 30000 ? last + 2 : 10000; // where some listen for TLS
+        const int udp = bound(SOCK_DGRAM, host, last);
+        const int tcp = bound(SOCK_STREAM, host, last);
         ::close(udp);
-        if (tcp >= 0) {
-            ::close(tcp);
-        }
-        if (tcp >= 0 && given.insert(port).second && given.insert(port + 1).second) { // where some listen for TLS
-            return port;
+        ::close(tcp);
+        if (udp >= 0 && tcp >= 0) {
+            return last;
         }
     }
 }
 
-Phone::Phone(std::string user, std::string domain, int server, const std::string& host)
-    : callId("call-" + unique()), m_user(std::move(user)), m_domain(std::move(domain)), m_server(server), m_socket(host)
+Phone::Phone(std::string user, std::string domain, int server, const std::string& host, Transport transport)
+    : callId("call-" + unique()),
+      m_user(std::move(user)),
+      m_domain(std::move(domain)),
+      m_server(server),
+      m_socket(host, transport)
 {
+}
+
+std::string Phone::contact() const
+{
+    return "sip:" + m_user + "@" + m_socket.hostPort() +
+           (m_socket.transport() == Transport::tcp ? ";transport=tcp" : "");
+}
+
+std::string Phone::via() const
+{
+    return std::string("SIP/2.0/") + (m_socket.transport() == Transport::tcp ? "TCP " : "UDP ") + m_socket.hostPort() +
+           ";branch=z9hG4bK" + unique() + ";rport";
 }
 
 Message Phone::request(const std::string& method, const std::string& uri, const std::string& to)
 {
     Message message;
     message.first = method + " " + uri + " SIP/2.0";
-    message.add("Via", "SIP/2.0/UDP " + m_socket.hostPort() + ";branch=z9hG4bK" + unique() + ";rport");
+    message.add("Via", via());
     message.add("Max-Forwards", "70");
     message.add("From", "<" + address() + ">;tag=" + unique());
     message.add("To", "<" + (to.empty() ? uri : to) + ">");
@@ -296,7 +371,7 @@ Message Phone::ask(Message request, const std::string& password, const std::stri
         return challenge;
     }
     request.set("CSeq", std::to_string(++cseq) + " " + request.method());
-    request.set("Via", "SIP/2.0/UDP " + m_socket.hostPort() + ";branch=z9hG4bK" + unique() + ";rport");
+    request.set("Via", via());
     request.set(challenge.status() == 401 ? "Authorization" : "Proxy-Authorization",
                 credentials(request, challenge, password, algorithm));
     return ask(request);

@@ -33,27 +33,37 @@ struct Message {
     Message& add(const std::string& name, const std::string& value);
 };
 
-/// A UDP socket on loopback.
+enum class Transport { udp, tcp };
+
+/// A socket on loopback: of UDP, or of one TCP connection, made when something is sent first.
 class Socket {
 public:
-    explicit Socket(const std::string& host = "127.0.0.1");
+    explicit Socket(const std::string& host = "127.0.0.1", Transport transport = Transport::udp);
     ~Socket();
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
 
     const std::string& host() const { return m_host; }
+    Transport transport() const { return m_transport; }
     int port() const { return m_port; }
     std::string hostPort() const;
-    void send(int port, const std::string& text) const;
-    /// What comes next; throws when nothing does in time.
-    std::string receive(int milliseconds = 5000) const;
+    void send(int port, const std::string& text);
+    /// What comes next: a datagram, or a message of the stream; throws when nothing does in time.
+    std::string receive(int milliseconds = 5000);
     /// Whether nothing comes for so long.
     bool silent(int milliseconds = 300) const;
+    /// Whether the peer closes the connection within that time; what comes before is thrown away.
+    bool closed(int milliseconds = 5000) const;
 
 private:
+    std::string take();
+
     std::string m_host;
+    Transport m_transport;
     int m_socket;
     int m_port;
+    bool m_connected = false;
+    std::string m_unread; // of a stream, behind the last whole message
 };
 
 /// A free port, of both UDP and TCP.
@@ -62,14 +72,15 @@ int freePort(const std::string& host = "127.0.0.1");
 /// Somebody's telephone: what it sends, it sends to the server at that port.
 class Phone {
 public:
-    Phone(std::string user, std::string domain, int server, const std::string& host = "127.0.0.1");
+    Phone(std::string user, std::string domain, int server, const std::string& host = "127.0.0.1",
+          Transport transport = Transport::udp);
 
     /// A request to that URI from this telephone's user, with all that it must have.
     Message request(const std::string& method, const std::string& uri, const std::string& to = "");
     /// A REGISTER request for itself.
     Message registration(const std::string& contact, int expires = 3600);
     /// A request that asks for what its dialog's first request and response have settled.
-    void send(const Message& message) const { m_socket.send(m_server, message.text()); }
+    void send(const Message& message) { m_socket.send(m_server, message.text()); }
     /// Sends it and gives the final answer; what comes before that is left out.
     Message ask(const Message& request);
     /// The same; a challenge is answered with the password.
@@ -79,9 +90,11 @@ public:
     /// A response to a request that has come in.
     Message response(const Message& request, int status, const std::string& phrase) const;
 
-    std::string contact() const { return "sip:" + m_user + "@" + m_socket.hostPort(); }
+    std::string contact() const;
+    /// A Via of its own, with a branch that no other has.
+    std::string via() const;
     std::string address() const { return "sip:" + m_user + "@" + m_domain; }
-    const Socket& socket() const { return m_socket; }
+    Socket& socket() { return m_socket; }
     /// The Call-ID of all its REGISTER requests, and the CSeq of the last request.
     std::string callId;
     unsigned cseq = 0;

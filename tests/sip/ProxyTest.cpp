@@ -3,6 +3,9 @@
 #include "sip/SipTest.h"
 
 #include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -45,6 +48,29 @@ protected:
         return all;
     }
 };
+
+/// RFC 3856 section 7 leaves to a domain where its presence is; other event packages are the telephones' own.
+TEST_F(Proxy, SendsWhatIsAboutPresenceToTheEventServer)
+{
+    Phone events("events", "oryx.example", m_port);
+    startRegistrar({"--event-server", "sip:" + events.socket().hostPort()});
+    Phone watcher = bob();
+    for (const auto& [method, package] : std::vector<std::pair<std::string, std::string>>{
+             {"SUBSCRIBE", "presence"}, {"SUBSCRIBE", "presence.winfo"}, {"PUBLISH", "presence"}}) {
+        Message request = watcher.request(method, "sip:alice@oryx.example");
+        watcher.send(request.add("Event", package).add("Authorization", "Digest x"));
+        const Message offered = events.receive();
+        EXPECT_EQ(offered.first, method + " sip:alice@oryx.example SIP/2.0");
+        EXPECT_EQ(offered.field("Authorization"), "Digest x"); // it asks for proof itself
+        events.send(events.response(offered, 489, "Bad Event"));
+        EXPECT_EQ(answers(watcher), "489");
+    }
+    EXPECT_EQ(status(watcher.ask(watcher.request("SUBSCRIBE", "sip:alice@oryx.example").add("Event", "dialog"))),
+              "480 Temporarily Unavailable");
+    EXPECT_EQ(status(watcher.ask(watcher.request("OPTIONS", "sip:alice@oryx.example").add("Event", "presence"))),
+              "480 Temporarily Unavailable");
+    EXPECT_TRUE(events.socket().silent());
+}
 
 /// Sections 16.6 and 16.7.
 TEST_F(Proxy, ConnectsACall)
@@ -237,6 +263,59 @@ TEST_F(Proxy, CancelsWhatTheCallerCancels)
     EXPECT_EQ(status(caller.receive()), "487 Request Terminated");
 }
 
+/// Section 9.1: a telephone that does not end what it was asked to end is waited for no longer than 64 * T1.
+TEST_F(Proxy, GivesUpWhoeverDoesNotAnswerACancel)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(caller.receive().status(), 180);
+    EXPECT_EQ(status(caller.ask(cancelOf(request, caller))), "200 OK");
+    EXPECT_EQ(status(caller.receive(40000)), "487 Request Terminated");
+}
+
+/// Section 9.1: no CANCEL before the telephone has said something.
+TEST_F(Proxy, CancelsWhatWasNotHeardOfLater)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(status(caller.ask(cancelOf(request, caller))), "200 OK");
+    EXPECT_TRUE(called.socket().silent(200));
+    called.send(called.response(offered, 100, "Trying"));
+    const Message cancelled = called.receive();
+    EXPECT_EQ(cancelled.method(), "CANCEL");
+    EXPECT_EQ(cancelled.field("Via"), offered.field("Via").substr(0, offered.field("Via").find(", ")));
+    EXPECT_EQ(cancelled.first.substr(7), offered.first.substr(7));
+    for (const char* const same : {"From", "To", "Call-ID"}) {
+        EXPECT_EQ(cancelled.field(same), offered.field(same));
+    }
+}
+
+/// RFC 4320 section 4.2.
+TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = called.receive();
+    called.send(called.response(passed, 408, "Request Timeout"));
+    EXPECT_TRUE(caller.socket().silent());
+}
+
 /// Section 9.2: while nobody has been asked yet.
 TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
 {
@@ -293,6 +372,61 @@ TEST_F(Proxy, SendsAlongThePath)
     EXPECT_EQ(passed.field("Route"), "<sip:" + edge.socket().hostPort() + ";lr>");
     edge.send(edge.response(passed, 202, "Accepted"));
     EXPECT_EQ(answers(caller), "202");
+}
+
+/// The same where the request URI stays: the contact is the last proxy on the way.
+TEST_F(Proxy, SendsAlongThePathWithTheUriAsItCame)
+{
+    sql("UPDATE contact_set SET replace_uri = false WHERE csid = 1");
+    startRegistrar();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    Phone called = alice();
+    const std::string path = "<sip:" + edge.socket().hostPort() + ";lr>";
+    called.ask(called.registration("<sip:alice@192.0.2.1>").add("Path", path));
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = edge.receive();
+    EXPECT_EQ(passed.first, "MESSAGE sip:alice@oryx.example SIP/2.0");
+    EXPECT_EQ(passed.field("Route"), path + ", <sip:alice@192.0.2.1;lr>");
+}
+
+/// Section 16.6, item 6: a proxy that expects itself in the request URI.
+TEST_F(Proxy, FitsTheRouteToAStrictRouter)
+{
+    startRegistrar();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    Phone called = alice();
+    const std::string strict = "sip:" + edge.socket().hostPort();
+    called.ask(
+        called.registration("<sip:alice@192.0.2.1>").add("Path", "<" + strict + ">").add("Path", "<sip:192.0.2.2;lr>"));
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = edge.receive();
+    EXPECT_EQ(passed.first, "MESSAGE " + strict + " SIP/2.0");
+    EXPECT_EQ(passed.field("Route"), "<sip:192.0.2.2;lr>, <sip:alice@192.0.2.1>");
+}
+
+/// Section 16.4: what a strict router makes of a route through this proxy.
+TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
+{
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    const Message accepted = called.response(offered, 200, "OK");
+    called.send(accepted);
+    EXPECT_EQ(answers(caller), "100, 200");
+    const std::string route = offered.field("Record-Route");
+    Message end = caller.request("BYE", route.substr(1, route.size() - 2));
+    end.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
+    end.set("To", accepted.field("To")).set("Route", "<" + called.contact() + ">");
+    caller.send(end);
+    const Message ended = called.receive();
+    EXPECT_EQ(ended.first, "BYE " + called.contact() + " SIP/2.0");
+    EXPECT_EQ(ended.field("Route"), "");
 }
 
 TEST_F(Proxy, FollowsAnAddressMap)

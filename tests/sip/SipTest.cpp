@@ -14,7 +14,7 @@ SipTest::SipTest() : m_session(m_database.name()), m_port(phone::freePort())
 
 void SipTest::startRegistrar(const std::vector<std::string>& options)
 {
-    start(ORYX_REGISTRAR, server::kUser, options);
+    start(ORYX_REGISTRAR, options);
 }
 
 void SipTest::startEvents(const std::vector<std::string>& options)
@@ -22,7 +22,12 @@ void SipTest::startEvents(const std::vector<std::string>& options)
     start(ORYX_EVENTS, server::loginOf("oryx_presence"), options);
 }
 
-void SipTest::start(const char* program, const std::string& user, const std::vector<std::string>& options)
+void SipTest::start(const std::string& program, const std::vector<std::string>& options)
+{
+    start(program, server::kUser, options);
+}
+
+void SipTest::start(const std::string& program, const std::string& user, const std::vector<std::string>& options)
 {
     std::vector<std::string> arguments{"--listen",   "udp:127.0.0.1:" + std::to_string(m_port),
                                        "--listen",   "tcp:127.0.0.1:" + std::to_string(m_port),

@@ -20,6 +20,8 @@ protected:
     void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
     /// The same with the event server, as a member of its role and nothing more.
     void startEvents(const std::vector<std::string>& options = {"--auth", "none"});
+    /// The same with any server.
+    void start(const std::string& program, const std::vector<std::string>& options);
     /// Ends it as an operator does; its exit status.
     int stop();
 
@@ -37,7 +39,7 @@ protected:
     std::unique_ptr<Program> m_server;
 
 private:
-    void start(const char* program, const std::string& user, const std::vector<std::string>& options);
+    void start(const std::string& program, const std::string& user, const std::vector<std::string>& options);
 };
 
 /// The status line of an answer.

@@ -1,0 +1,85 @@
+// More REGISTER requests than may be answered in time. ORYX_DRILL=1 has it take ten times as long.
+
+#include "sip/SipTest.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <set>
+#include <sstream>
+
+namespace {
+
+using phone::Message;
+using phone::Socket;
+
+class Load : public SipTest {
+protected:
+    static constexpr int kUsers = 2000;
+    static constexpr int kPorts = 8; // of one user's contacts
+    static constexpr int kRate = 10000;
+
+    Load()
+    {
+        sql("INSERT INTO subscriber (sid, user_id, auth_user_id, s_password, active)"
+            " SELECT n, 'user' || n, 'user' || n, 'x', true FROM generate_series(1000, 999 + 2000) n;"
+            "INSERT INTO contact_set (csid, sid, ordering) SELECT n, n, 'parallel' FROM generate_series(1000, 999 + 2000) n;"
+            "INSERT INTO public_address (handle, sip_domain, csid)"
+            " SELECT 'user' || n, 'oryx.example', n FROM generate_series(1000, 999 + 2000) n");
+    }
+    /// The nth request: each user's contacts one after the other.
+    std::string request(int number) const
+    {
+        const std::string user = "user" + std::to_string(1000 + number % kUsers);
+        const std::string contact = user + "@192.0.2.1:" + std::to_string(5000 + number / kUsers % kPorts);
+        return "REGISTER sip:oryx.example SIP/2.0\r\nVia: SIP/2.0/UDP " + m_socket.hostPort() + ";branch=z9hG4bK" +
+               std::to_string(number) + "\r\nMax-Forwards: 70\r\nFrom: <sip:" + user +
+               "@oryx.example>;tag=1\r\nTo: <sip:" + user + "@oryx.example>\r\nCall-ID: " + contact +
+               "\r\nCSeq: " + std::to_string(number + 1) + " REGISTER\r\nContact: <sip:" + contact +
+               ">\r\nExpires: 3600\r\nContent-Length: 0\r\n\r\n";
+    }
+    /// Notes what has been answered so far; for so long nothing more comes.
+    void take(int milliseconds)
+    {
+        while (!m_socket.silent(milliseconds)) {
+            const Message answer = Message::parse(m_socket.receive());
+            ++m_answers[answer.status()];
+            if (answer.status() == 200) {
+                m_acknowledged.insert("sip:" + answer.field("Call-ID"));
+            }
+        }
+    }
+
+    Socket m_socket;
+    std::set<std::string> m_acknowledged;
+    std::map<int, int> m_answers;
+};
+
+TEST_F(Load, LosesNothingThatWasAcknowledged)
+{
+    startRegistrar();
+    using Clock = std::chrono::steady_clock;
+    const std::chrono::seconds time(std::getenv("ORYX_DRILL") != nullptr ? 30 : 3);
+    const auto begun = Clock::now();
+    int offered = 0;
+    while (Clock::now() - begun < time) {
+        const double passed = std::chrono::duration<double>(Clock::now() - begun).count();
+        for (; offered < passed * kRate; ++offered) {
+            m_socket.send(m_port, request(offered));
+        }
+        take(1);
+    }
+    take(2000);
+    std::istringstream there(bindings());
+    for (std::string contact; std::getline(there, contact);) {
+        m_acknowledged.erase(contact);
+    }
+    EXPECT_EQ(m_acknowledged, std::set<std::string>());
+    EXPECT_GT(m_answers[200], 0);
+    for (const auto& [code, count] : m_answers) {
+        EXPECT_TRUE(code == 200 || code == 503) << code << ": " << count;
+        std::printf("%d: %d of %d\n", code, count, offered);
+    }
+    EXPECT_EQ(stop(), 0);
+}
+
+} // namespace

@@ -1,0 +1,112 @@
+// The database goes away and comes back while telephones register: RFC 3261 section 21.5.4.
+
+#include "sip/SipTest.h"
+#include "support/ServerControl.h"
+
+#include <chrono>
+#include <future>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using phone::Message;
+using phone::Phone;
+
+class Outage : public SipTest {
+protected:
+    /// The status line of one more telephone's registration; what is acknowledged is noted.
+    std::string registers()
+    {
+        Phone telephone(m_acknowledged.size() % 2 == 0 ? "alice" : "bob", "oryx.example", m_port);
+        const std::string contact = "sip:x@192.0.2.1:" + std::to_string(++m_last);
+        const Message answer = telephone.ask(telephone.registration("<" + contact + ">"));
+        if (answer.status() == 200) {
+            m_acknowledged.insert(contact);
+        } else {
+            EXPECT_EQ(status(answer), "503 Service Unavailable");
+            EXPECT_NE(answer.field("Retry-After"), "");
+        }
+        return status(answer);
+    }
+    /// Registers until that is the answer; false when it does not become so in time.
+    bool registersUntil(const std::string& wanted)
+    {
+        for (int tries = 0; tries < 300; ++tries) {
+            if (registers() == wanted) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+    /// Those that were acknowledged and are not there.
+    std::set<std::string> lost()
+    {
+        m_session = server::Session(m_database.name());
+        std::istringstream lines(bindings());
+        std::set<std::string> missing = m_acknowledged;
+        for (std::string line; std::getline(lines, line);) {
+            missing.erase(line);
+        }
+        return missing;
+    }
+
+    server::ServerControl m_control{m_session};
+    std::set<std::string> m_acknowledged;
+    int m_last = 1024;
+};
+
+TEST_F(Outage, IsToldAndThenForgotten)
+{
+    startRegistrar();
+    for (const char* const mode : {"fast", "immediate"}) {
+        EXPECT_EQ(registers(), "200 OK");
+        m_control.stop(mode);
+        EXPECT_EQ(registers(), "503 Service Unavailable");
+        EXPECT_EQ(registers(), "503 Service Unavailable");
+        m_control.start();
+        EXPECT_TRUE(registersUntil("200 OK"));
+    }
+    EXPECT_EQ(lost(), std::set<std::string>());
+}
+
+TEST_F(Outage, LosesNothingThatWasAcknowledged)
+{
+    startRegistrar();
+    auto crash = std::async(std::launch::async, [this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        m_control.restart("immediate");
+    });
+    for (int n = 0; n < 40; ++n) {
+        registers();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    crash.get();
+    EXPECT_TRUE(registersUntil("200 OK"));
+    EXPECT_EQ(lost(), std::set<std::string>());
+}
+
+TEST_F(Outage, AtTheBeginningIsWaitedFor)
+{
+    m_control.stop("fast");
+    std::vector<std::string> arguments{"--listen",   "udp:127.0.0.1:" + std::to_string(m_port),
+                                       "--database", m_database.uri(),
+                                       "--user",     server::kUser,
+                                       "--auth",     "none"};
+    m_server = std::make_unique<Program>(ORYX_REGISTRAR, arguments,
+                                         std::vector<std::string>{std::string("PGPASSWORD=") + server::kPassword});
+    std::string answer;
+    for (int tries = 0; tries < 100 && answer.empty(); ++tries) {
+        Phone alice("alice", "oryx.example", m_port);
+        alice.send(alice.registration("<sip:alice@192.0.2.1>"));
+        answer = alice.socket().silent(50) ? "" : status(alice.receive());
+    }
+    EXPECT_EQ(answer, "503 Service Unavailable");
+    m_control.start();
+    EXPECT_EQ(m_server->line(), "ready");
+    EXPECT_EQ(registers(), "200 OK");
+}
+
+} // namespace

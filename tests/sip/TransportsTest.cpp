@@ -1,0 +1,204 @@
+// The same over UDP and TCP, IPv4 and IPv6, and from each to each: RFC 3261 section 18, RFC 5658.
+
+#include "sip/SipTest.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+namespace {
+
+using phone::Message;
+using phone::Phone;
+using phone::Transport;
+
+struct Way {
+    const char* host;
+    Transport transport;
+};
+
+constexpr Way kUdp{"127.0.0.1", Transport::udp};
+constexpr Way kTcp{"127.0.0.1", Transport::tcp};
+constexpr Way kUdpSix{"::1", Transport::udp};
+constexpr Way kTcpSix{"::1", Transport::tcp};
+constexpr std::array kWays{kUdp, kTcp, kUdpSix, kTcpSix};
+
+class Transports : public SipTest {
+protected:
+    /// The registrar with a socket of each kind, TCP's first.
+    void startWithAll(std::vector<std::string> options)
+    {
+        const std::string port = std::to_string(m_port);
+        for (const std::string& socket : {"tcp:[::1]:" + port, "udp:[::1]:" + port}) {
+            options.insert(options.end(), {"--listen", socket});
+        }
+        startRegistrar(options);
+    }
+    Phone phoneOf(const std::string& user, const Way& way) const
+    {
+        return {user, "oryx.example", m_port, way.host, way.transport};
+    }
+    static std::string nameOf(const Way& way)
+    {
+        return std::string(way.transport == Transport::tcp ? "TCP " : "UDP ") + way.host;
+    }
+    /// The socket of the server that a telephone of that kind talks with.
+    std::string socketOf(const Way& way) const
+    {
+        const std::string host = way.host;
+        return "sip:" + (host == "::1" ? "[::1]" : host) + ":" + std::to_string(m_port) +
+               ";transport=" + (way.transport == Transport::tcp ? "tcp" : "udp");
+    }
+    void call(const Way& from, const Way& to);
+};
+
+/// RFC 3261 section 10.
+TEST_F(Transports, RegisterAlike)
+{
+    startWithAll({});
+    for (const Way& way : kWays) {
+        SCOPED_TRACE(nameOf(way));
+        Phone alice = phoneOf("alice", way);
+        const std::string contact = "<" + alice.contact() + ">";
+        EXPECT_EQ(status(alice.ask(alice.registration(contact), "wrong")), "401 Unauthorized");
+        EXPECT_EQ(status(alice.ask(alice.registration(contact), "alice", "SHA-256")), "200 OK");
+        EXPECT_EQ(bindings(), alice.contact() + "\n");
+        EXPECT_EQ(status(alice.ask(alice.registration(contact, 7200), "alice")), "200 OK");
+        EXPECT_EQ(status(alice.ask(alice.registration("*", 0), "alice")), "200 OK");
+        EXPECT_EQ(bindings(), "");
+    }
+}
+
+/// A call, and its end by the one who was called. Each finds the way back by what the proxy has recorded: one route
+/// where both come by the same socket, one for each socket otherwise (RFC 5658 section 4).
+void Transports::call(const Way& from, const Way& to)
+{
+    Phone caller = phoneOf("bob", from);
+    Phone called = phoneOf("alice", to);
+    ASSERT_EQ(status(called.ask(called.registration("<" + called.contact() + ">"))), "200 OK");
+    const Message request = caller.request("INVITE", "sip:alice@oryx.example");
+    caller.send(request);
+    const Message offered = called.receive();
+    const std::string routes = offered.field("Record-Route");
+    const std::string own = socketOf(from) == socketOf(to) ? "" : "<" + socketOf(to) + ";lr;";
+    EXPECT_EQ(routes.find(own.empty() ? "<" + socketOf(from) + ";lr;" : own), 0U) << routes;
+    EXPECT_EQ(std::count(routes.begin(), routes.end(), '<'), own.empty() ? 1 : 2) << routes;
+    EXPECT_NE(routes.find("<" + socketOf(from) + ";lr;"), std::string::npos) << routes;
+
+    const Message accepted = called.response(offered, 200, "OK");
+    called.send(accepted);
+    Message answer = caller.receive();
+    while (answer.status() < 200) {
+        answer = caller.receive();
+    }
+    EXPECT_EQ(status(answer), "200 OK");
+    // To the caller, the routes lead the other way round.
+    const std::size_t comma = routes.find(", ");
+    const std::string back =
+        comma == std::string::npos ? routes : routes.substr(comma + 2) + ", " + routes.substr(0, comma);
+    Message acknowledgement = caller.request("ACK", called.contact());
+    acknowledgement.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
+    acknowledgement.set("To", accepted.field("To")).set("CSeq", "1 ACK").set("Route", back);
+    caller.send(acknowledgement);
+    const Message acknowledged = called.receive();
+    EXPECT_EQ(acknowledged.method(), "ACK");
+    EXPECT_EQ(acknowledged.field("Route"), "");
+
+    Message end = called.request("BYE", caller.contact());
+    end.set("From", accepted.field("To")).set("To", request.field("From"));
+    end.set("Call-ID", request.field("Call-ID")).set("Route", routes);
+    called.send(end);
+    const Message ended = caller.receive();
+    EXPECT_EQ(ended.first, "BYE " + caller.contact() + " SIP/2.0");
+    EXPECT_EQ(ended.field("Route"), "");
+    caller.send(caller.response(ended, 200, "OK"));
+    EXPECT_EQ(status(called.receive()), "200 OK");
+    ASSERT_EQ(status(called.ask(called.registration("*", 0))), "200 OK");
+}
+
+TEST_F(Transports, CallFromEachToEach)
+{
+    startWithAll({"--auth", "none", "--record-route"});
+    for (const Way& from : kWays) {
+        for (const Way& to : kWays) {
+            SCOPED_TRACE(nameOf(from) + " to " + nameOf(to));
+            ASSERT_NO_FATAL_FAILURE(call(from, to));
+        }
+    }
+}
+
+/// Section 9.1, by streams.
+TEST_F(Transports, CancelByTcp)
+{
+    startWithAll({"--auth", "none"});
+    Phone called = phoneOf("alice", kTcpSix);
+    Phone caller = phoneOf("bob", kTcp);
+    ASSERT_EQ(status(called.ask(called.registration("<" + called.contact() + ">"))), "200 OK");
+    const Message request = caller.request("INVITE", "sip:alice@oryx.example");
+    caller.send(request);
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(caller.receive().status(), 180);
+    Message cancel = request;
+    cancel.first.replace(0, 6, "CANCEL");
+    cancel.set("CSeq", std::to_string(caller.cseq) + " CANCEL").set("Contact", "");
+    EXPECT_EQ(status(caller.ask(cancel)), "200 OK");
+    const Message cancelled = called.receive();
+    EXPECT_EQ(cancelled.method(), "CANCEL");
+    called.send(called.response(cancelled, 200, "OK"));
+    called.send(called.response(offered, 487, "Request Terminated"));
+    EXPECT_EQ(status(caller.receive()), "487 Request Terminated");
+}
+
+/// RFC 3263 section 4.1: UDP, whichever socket was named first.
+TEST_F(Transports, AreUdpWhereNothingElseIsSaid)
+{
+    const std::string port = std::to_string(phone::freePort());
+    startRegistrar({"--auth", "none", "--listen", "tcp:[::1]:" + port, "--listen", "udp:[::1]:" + port});
+    Phone called = phoneOf("alice", kUdpSix);
+    Phone caller = phoneOf("bob", kTcp);
+    ASSERT_EQ(
+        status(caller.ask(caller.registration("<" + called.contact() + ">").set("To", "<sip:alice@oryx.example>"))),
+        "200 OK");
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message passed = called.receive();
+    EXPECT_EQ(passed.first, "MESSAGE " + called.contact() + " SIP/2.0");
+    EXPECT_EQ(passed.field("Via").find("SIP/2.0/UDP [::1]:" + port + ";"), 0U) << passed.field("Via");
+}
+
+/// Each telephone by TCP keeps its connection: more of them than a process may have unless it asks.
+TEST_F(Transports, HoldManyConnections)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    if (limit.rlim_cur < 2000) {
+        GTEST_SKIP() << "this process may have " << limit.rlim_cur << " descriptors";
+    }
+    const rlimit few{1024, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0); // which the server inherits
+    startRegistrar();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<std::unique_ptr<Phone>> telephones;
+    for (int n = 0; n < 1200; ++n) {
+        telephones.push_back(std::make_unique<Phone>("alice", "oryx.example", m_port, "127.0.0.1", Transport::tcp));
+        telephones.back()->send(telephones.back()->request("OPTIONS", "sip:oryx.example"));
+    }
+    for (const std::unique_ptr<Phone>& telephone : telephones) {
+        ASSERT_EQ(status(telephone->receive()), "200 OK");
+    }
+}
+
+/// RFC 5626 section 3.5.1: a telephone that asks if its connection lives is told so.
+TEST_F(Transports, AnswerSignsOfLife)
+{
+    startRegistrar();
+    phone::Socket socket("127.0.0.1", Transport::tcp);
+    socket.send(m_port, "\r\n\r\n");
+    EXPECT_FALSE(socket.silent(2000));
+}
+
+} // namespace
