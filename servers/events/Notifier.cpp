@@ -114,27 +114,14 @@ const Subscription* Notifier::find(const std::string& id) const
     return there ? &found->second->subscription : nullptr;
 }
 
-bool Notifier::refresh(const Subscription& refreshed)
+void Notifier::refresh(const Subscription& refreshed)
 {
-    if (find(refreshed.id) == nullptr) {
-        return false;
-    }
     Watch& watch = *m_watches.at(refreshed.id);
     watch.subscription.contact = refreshed.contact;
     watch.subscription.subscribeCseq = refreshed.subscribeCseq;
     watch.subscription.expires = refreshed.expires;
     schedule(watch);
     want(watch, true);
-    return true;
-}
-
-bool Notifier::end(const std::string& id, const std::string& reason)
-{
-    if (find(id) == nullptr) {
-        return false;
-    }
-    wantEnd(*m_watches.at(id), reason);
-    return true;
 }
 
 void Notifier::publicationChanged(const std::string& presentity)

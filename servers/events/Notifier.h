@@ -42,10 +42,11 @@ public:
     void addFetch(Subscription subscription);
     /// A subscription that has not ended; null when there is none.
     const Subscription* find(const std::string& id) const;
-    /// Takes over what a refresh has changed, and sends a NOTIFY (RFC 6665 section 4.2.1.4). False when it has ended.
-    bool refresh(const Subscription& refreshed);
-    /// Ends a subscription with a last NOTIFY. False when it had ended.
-    bool end(const std::string& id, const std::string& reason);
+    /// Takes over what a refresh has changed of a subscription that has not ended, and sends a NOTIFY (RFC 6665 section
+    /// 4.2.1.2).
+    void refresh(const Subscription& refreshed);
+    /// Ends a subscription that has not ended, with a last NOTIFY.
+    void end(const std::string& id, const std::string& reason) { wantEnd(*m_watches.at(id), reason); }
 
     /// What is published of a presentity, "user@domain", has changed.
     void publicationChanged(const std::string& presentity);
@@ -83,7 +84,7 @@ private:
     using Index = std::unordered_map<std::string, std::set<Watch*>>;
 
     Watch& insert(Subscription subscription);
-    void schedule(Watch& watch);
+    static void schedule(Watch& watch);
     void expire(Watch& watch);
     void want(Watch& watch, bool always);
     void wantEnd(Watch& watch, const std::string& reason);
@@ -99,7 +100,7 @@ private:
     void takeMembers(Watch& watch, const std::vector<std::string>& members);
     void retry();
     void send(Watch& watch, const Notice& notice);
-    static int responded(void* watch, nta_outgoing_t* transaction, const sip_t* sip);
+    static int responded(void* of, nta_outgoing_t* transaction, const sip_t* sip);
     void answered(Watch& watch, int status);
     void finish(Watch& watch);
     void erase(Watch& watch);

@@ -113,19 +113,20 @@ bool Subscriber::understands(Incoming& request)
 bool Subscriber::readPackage(Incoming& request, Order& order)
 {
     const sip_t& sip = request.sip();
-    const std::string name = sip.sip_event != nullptr && sip.sip_event->o_type != nullptr ? sip.sip_event->o_type : "";
-    if (name != "presence" && name != "presence.winfo") {
+    sip_event_t* const event = sip.sip_event;
+    const std::string name = event != nullptr && event->o_type != nullptr ? event->o_type : "";
+    const bool winfo = name == "presence.winfo";
+    if (event == nullptr || (!winfo && name != "presence")) {
         request.answer(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kAllowEvents));
         return false;
     }
-    const bool winfo = name == "presence.winfo";
     const char* const type = winfo ? "application/watcherinfo+xml" : "application/pidf+xml";
     if (!accepts(sip, type)) {
         request.answer(SIP_406_NOT_ACCEPTABLE);
         return false;
     }
     order.subscription.package = winfo ? Package::watchers : Package::presence;
-    order.subscription.event = headerText(*sip.sip_event);
+    order.subscription.event = headerText(*event);
     order.lists = (lists(sip.sip_supported, kEventList) || lists(sip.sip_require, kEventList)) &&
                   accepts(sip, "application/rlmi+xml") && accepts(sip, "multipart/related");
     return true;

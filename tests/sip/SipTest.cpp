@@ -19,15 +19,20 @@ void SipTest::startRegistrar(const std::vector<std::string>& options)
 
 void SipTest::startEvents(const std::vector<std::string>& options)
 {
-    start(ORYX_EVENTS, options);
+    start(ORYX_EVENTS, server::loginOf("oryx_presence"), options);
 }
 
 void SipTest::start(const std::string& program, const std::vector<std::string>& options)
 {
+    start(program, server::kUser, options);
+}
+
+void SipTest::start(const std::string& program, const std::string& user, const std::vector<std::string>& options)
+{
     std::vector<std::string> arguments{"--listen",   "udp:127.0.0.1:" + std::to_string(m_port),
                                        "--listen",   "tcp:127.0.0.1:" + std::to_string(m_port),
                                        "--database", m_database.uri(),
-                                       "--user",     server::kUser};
+                                       "--user",     user};
     arguments.insert(arguments.end(), options.begin(), options.end());
     m_server = std::make_unique<Program>(program, arguments,
                                          std::vector<std::string>{std::string("PGPASSWORD=") + server::kPassword});

@@ -18,7 +18,7 @@ protected:
 
     /// Starts the registrar with these options beside its sockets and its database, and waits until it is ready.
     void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
-    /// The same with the event server.
+    /// The same with the event server, as a member of its role and nothing more.
     void startEvents(const std::vector<std::string>& options = {"--auth", "none"});
     /// The same with any server.
     void start(const std::string& program, const std::vector<std::string>& options);
@@ -37,6 +37,9 @@ protected:
     server::Session m_session;
     int m_port;
     std::unique_ptr<Program> m_server;
+
+private:
+    void start(const std::string& program, const std::string& user, const std::vector<std::string>& options);
 };
 
 /// The status line of an answer.

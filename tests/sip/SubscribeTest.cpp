@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <random>
 #include <regex>
 #include <set>
 #include <thread>
@@ -689,6 +691,22 @@ TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
     EXPECT_TRUE(bob.silent());
 }
 
+/// As when PostgreSQL was restarted.
+TEST_F(Subscribing, IsToldAfterAllConnectionsWereLost)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
+        " WHERE datname = current_database() AND pid <> pg_backend_pid()");
+    publish();
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    EXPECT_EQ(status(bob.refresh(600)), "200 OK");
+    EXPECT_EQ(bob.notified().field("CSeq"), "3 NOTIFY");
+}
+
 TEST_F(Subscribing, StaysWhenTheServerIsToldToEnd)
 {
     allow("bob@oryx.example");
@@ -724,6 +742,42 @@ TEST_F(Subscribing, WithAHostileTextIsRefusedAndTheNextIsServed)
     EXPECT_EQ(stored(), "0\n");
     EXPECT_EQ(refused(bob.request(kAlice).set("From", "\"Bob 'O''Neill\" " + from)), "200 OK");
     EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// Nothing of what comes is a reason to end.
+TEST_F(Subscribing, IsServedAfterAnyNumberOfMangledRequests)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher mangler("bob", m_port);
+    mangler.subscribe(kAlice);
+    std::mt19937 random(1);
+    for (int n = 0; n < 2000; ++n) {
+        std::string text = (n % 2 == 0 ? mangler.request(kAlice, n % 3 == 0 ? 0 : 3600) : mangler.next(3600)).text();
+        for (std::uint32_t changes = 1 + random() % 4; changes > 0; --changes) {
+            const std::size_t at = random() % text.size();
+            switch (random() % 3) {
+            case 0:
+                text[at] = static_cast<char>(random());
+                break;
+            case 1:
+                text.erase(at, random() % 20);
+                break;
+            default:
+                text.insert(at, text.substr(random() % text.size(), random() % 20));
+                break;
+            }
+        }
+        mangler.phone().socket().send(m_port, text);
+        if (n % 20 == 0) { // it has no more than it can take
+            EXPECT_EQ(status(mangler.phone().ask(mangler.phone().request("OPTIONS", "sip:oryx.example"))), "200 OK");
+        }
+    }
+    Watcher alice("alice", m_port);
+    Message request = alice.request(kAlice);
+    EXPECT_EQ(status(alice.subscribe(request)), "200 OK");
+    EXPECT_EQ(told(alice.notified()), "NOTIFY active closed");
+    EXPECT_EQ(stop(), 0);
 }
 
 /// Telephones that nobody here wrote: one publishes that it is there, the other sees it, with digest.
