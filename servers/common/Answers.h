@@ -21,7 +21,7 @@ struct MessageDeleter {
 using Message = std::unique_ptr<msg_t, MessageDeleter>;
 
 /// What telephones are told that register by UDP: as such a request needs nothing of a transaction but its answer
-/// again when it is sent again (RFC 3261 section 17.2.2), this is kept in the place of one, at a twentieth of the
+/// again when it is sent again (RFC 3261 section 17.2.2), this is kept in the place of one, at a thirtieth of the
 /// memory. Used by one thread.
 class Answers {
 public:
@@ -42,8 +42,7 @@ public:
 
     /// As long as a client may send the same again (Timer J).
     static constexpr std::chrono::seconds kLife{32};
-    /// Before these are too old, the oldest are forgotten: what is done again is answered as the first time, unless
-    /// something newer has come between.
+    /// More than these would be too much memory: the oldest are forgotten, and who repeats them is taken for new.
     static constexpr std::size_t kMost = 250000;
 
 private:

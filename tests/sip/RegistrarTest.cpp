@@ -239,8 +239,9 @@ TEST_F(Registrar, TellsRequestsWithTheSameBranchApart)
     startRegistrar();
     Phone alice("alice", "oryx.example", m_port);
     for (const char* const contact : {"<sip:alice@192.0.2.1>", "<sip:alice@192.0.2.2>"}) {
-        const Message request =
-            alice.registration(contact).set("Via", "SIP/2.0/UDP " + alice.socket().hostPort() + ";branch=1");
+        const Message request = alice.registration(contact)
+                                    .set("Via", "SIP/2.0/UDP " + alice.socket().hostPort() + ";branch=1")
+                                    .set("From", "<sip:alice@oryx.example>;tag=1");
         EXPECT_EQ(status(alice.ask(request)), "200 OK");
     }
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\nsip:alice@192.0.2.2\n");
