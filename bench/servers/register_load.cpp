@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <exception>
 #include <fstream>
@@ -96,7 +97,8 @@ double processorTime(int process)
 
 /// One user's telephone.
 struct User {
-    unsigned cseq = 0;
+    /// Of the last request; higher than in any run before: one that has been stored already changes nothing.
+    unsigned cseq = static_cast<unsigned>(std::time(nullptr));
     std::string nonce; ///< Of the last challenge; empty: none yet.
     unsigned count = 0;
     bool busy = false;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 namespace oryx::sip {
@@ -20,14 +21,20 @@ std::string lowerCase(std::string text)
     return text;
 }
 
+bool isControl(char c)
+{
+    return (c >= 0 && c < ' ') || c == '\x7f';
+}
+
 } // namespace
 
 bool canBeStored(const char* text)
 {
     static const bool quotesTaken = sessionOptions().statements == SessionOptions::Statements::bound;
-    const char* const end = text + std::strlen(text);
-    return (quotesTaken || isCleanText(text)) && utf8::is_valid(text, end) &&
-           std::none_of(text, end, [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });
+    const std::string_view all = text;
+    const bool printable = std::all_of(all.begin(), all.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    return (quotesTaken || isCleanText(text)) &&
+           (printable || (utf8::is_valid(all.begin(), all.end()) && std::none_of(all.begin(), all.end(), &isControl)));
 }
 
 std::string hostOf(const url_t& url)

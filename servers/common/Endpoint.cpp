@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -54,12 +55,25 @@ Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transac
     nta_incoming_bind(transaction, &Incoming::acknowledgedOrCancelled, this);
 }
 
+Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, Answers& answers, const Answers::Mark& mark)
+    : m_agent(agent),
+      m_metrics(metrics),
+      m_answers(&answers),
+      m_mark(mark),
+      m_request(std::move(request)),
+      m_sip(sip_object(m_request.get()))
+{
+    answers.begin(mark);
+}
+
 Incoming::~Incoming()
 {
     if (!m_answered) {
         answer(SIP_500_INTERNAL_SERVER_ERROR);
     }
-    nta_incoming_destroy(m_transaction);
+    if (m_transaction != nullptr) {
+        nta_incoming_destroy(m_transaction);
+    }
 }
 
 std::string Incoming::socket() const
@@ -99,14 +113,16 @@ int Incoming::acknowledgedOrCancelled(void* self, nta_incoming_t* /*transaction*
 }
 
 Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest,
-                   OnStray onStray)
+                   OnStray onStray, IsBrief isBrief)
     : m_metrics(metrics),
       m_onRequest(std::move(onRequest)),
       m_onStray(std::move(onStray)),
+      m_isBrief(std::move(isBrief)),
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
                                NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1), NTATAG_TIMER_C(0),
-                               NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kLargestMessage), TAG_END()))
+                               NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kLargestMessage), TAG_END())),
+      m_answers(m_agent)
 {
     if (m_agent == nullptr) {
         throw std::runtime_error("the SIP stack cannot be started");
@@ -188,11 +204,25 @@ int Endpoint::received(void* self, nta_agent_t* /*agent*/, msg_t* message, sip_t
     return 0;
 }
 
+/// A stream brings each request once, and its transactions end with their answers.
+bool Endpoint::isBrief(const Message& message, const sip_t& sip) const
+{
+    return m_isBrief && m_isBrief(sip) &&
+           tport_is_udp(tport_delivered_by(nta_agent_tports(m_agent), message.get())) != 0;
+}
+
 void Endpoint::take(Message message, sip_t* sip)
 {
     if (sip->sip_request == nullptr) {
         m_onStray(message, *sip);
         return;
+    }
+    std::optional<Answers::Mark> mark;
+    if (isBrief(message, *sip)) {
+        mark = m_answers.markOf(*sip);
+        if (m_answers.repeats(*mark, message)) {
+            return;
+        }
     }
     const sip_method_t method = sip->sip_request->rq_method;
     m_metrics.request();
@@ -202,6 +232,8 @@ void Endpoint::take(Message message, sip_t* sip)
         nta_msg_treply(m_agent, message.release(), SIP_481_NO_TRANSACTION, TAG_END());
     } else if (m_refusing) {
         nta_msg_treply(m_agent, message.release(), SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("1"), TAG_END());
+    } else if (mark) {
+        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), m_answers, *mark));
     } else if (nta_incoming_t* const transaction =
                    nta_incoming_create(m_agent, nullptr, message.release(), sip, TAG_END())) {
         m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <common/Answers.h>
 #include <common/Loop.h>
 #include <common/Metrics.h>
 #include <common/Options.h>
@@ -11,17 +12,13 @@
 
 namespace oryx::sip {
 
-struct MessageDeleter {
-    void operator()(msg_t* message) const { msg_destroy(message); }
-};
-/// A message of the stack's, or a reference to one.
-using Message = std::unique_ptr<msg_t, MessageDeleter>;
-
-/// A request with its server transaction (RFC 3261 section 17.2), which answers what is sent again. A request that is
-/// given up without a final answer is answered 500.
+/// A request with its server transaction (RFC 3261 section 17.2), which answers what is sent again; or with what stands
+/// in the place of one. A request that is given up without a final answer is answered 500.
 class Incoming {
 public:
     Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction);
+    /// One without a transaction: to be answered once, by this server.
+    Incoming(nta_agent_t* agent, Metrics& metrics, Message request, Answers& answers, const Answers::Mark& mark);
     ~Incoming();
     Incoming(const Incoming&) = delete;
     Incoming& operator=(const Incoming&) = delete;
@@ -32,13 +29,21 @@ public:
     std::string socket() const;
     bool answered() const { return m_answered; }
     /// The tag in To of this server's own answers.
-    std::string tag() const { return nta_incoming_tag(m_transaction, nullptr); }
+    std::string tag() const
+    {
+        return m_transaction != nullptr ? nta_incoming_tag(m_transaction, nullptr) : Answers::tagOf(m_mark);
+    }
 
     /// An answer of this server's own, with the header fields that the tags say.
     template <typename... Tags>
     void answer(int status, const char* phrase, Tags... tags)
     {
         count(status); // before anybody can have it
+        if (m_transaction == nullptr) {
+            m_answers->end(m_mark, m_request, status, phrase,
+                           tl_tlist(nullptr, SIPTAG_SERVER_STR(kServer), tags..., TAG_END()));
+            return;
+        }
         nta_incoming_tag(m_transaction, nullptr);
         if (nta_incoming_treply(m_transaction, status, phrase, SIPTAG_SERVER_STR(kServer), tags..., TAG_END()) < 0) {
             // A text among the tags is none that can be sent.
@@ -47,7 +52,7 @@ public:
     }
     /// 503: the database is away, or too much is waiting for it.
     void answerUnavailable() { answer(SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("2")); }
-    /// Somebody else's answer; its Via is this transaction's.
+    /// Somebody else's answer, where there is a transaction; its Via is this transaction's.
     void forward(Message response);
     /// Called when the client cancels the request; until this is called, it is answered 487 then.
     void onCancel(std::function<void()> cancel) { m_cancel = std::move(cancel); }
@@ -60,7 +65,9 @@ private:
 
     nta_agent_t* m_agent;
     Metrics& m_metrics;
-    nta_incoming_t* m_transaction;
+    nta_incoming_t* m_transaction = nullptr;
+    Answers* m_answers = nullptr; // where there is no transaction
+    Answers::Mark m_mark{};
     Message m_request;
     const sip_t* m_sip;
     std::function<void()> m_cancel;
@@ -74,9 +81,12 @@ public:
     using OnRequest = std::function<void(std::shared_ptr<Incoming> request)>;
     /// Gets what no transaction is for: an ACK for a 2xx; a response, whose transaction has ended or never was.
     using OnStray = std::function<void(const Message& message, const sip_t& sip)>;
+    /// Whether a request needs no transaction: it is answered once, by this server, and cannot be cancelled.
+    using IsBrief = std::function<bool(const sip_t& sip)>;
 
     /// Throws `std::runtime_error` when one of the sockets cannot be had.
-    Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest, OnStray onStray);
+    Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest, OnStray onStray,
+             IsBrief isBrief = nullptr);
     ~Endpoint();
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;
@@ -95,12 +105,15 @@ public:
 private:
     static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);
     void take(Message message, sip_t* sip);
+    bool isBrief(const Message& message, const sip_t& sip) const;
     bool listen(const Listen& socket) const;
 
     Metrics& m_metrics;
     OnRequest m_onRequest;
     OnStray m_onStray;
+    IsBrief m_isBrief;
     nta_agent_t* m_agent;
+    Answers m_answers;
     bool m_refusing = false;
 };
 

@@ -47,8 +47,12 @@ void run(Loop& loop, const Options& options, int signals)
             proxy.take(request);
         }
     };
-    endpoint.emplace(loop, metrics, options.listen, take,
-                     [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); });
+    const auto isRegistration = [&](const sip_t& sip) {
+        return sip.sip_request->rq_method == sip_method_register && isForServer(sip, *endpoint, provisioning);
+    };
+    endpoint.emplace(
+        loop, metrics, options.listen, take,
+        [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); }, isRegistration);
     registrar.setEndpoint(*endpoint);
     proxy.setEndpoint(*endpoint);
     std::optional<MetricsPage> page;

@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -109,6 +110,19 @@ std::string Program::rest()
     while (read(20000)) {
     }
     return m_unread;
+}
+
+long Program::memory() const
+{
+    std::ifstream status("/proc/" + std::to_string(m_process) + "/status");
+    for (std::string name; status >> name;) {
+        if (name == "VmRSS:") {
+            long size = 0;
+            status >> size;
+            return size;
+        }
+    }
+    return 0;
 }
 
 void Program::signal(int number) const

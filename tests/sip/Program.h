@@ -23,6 +23,8 @@ public:
     /// All that it writes until it ends.
     std::string rest();
     void signal(int number) const;
+    /// How much memory it has resident, in kB.
+    long memory() const;
     /// Its exit status, or minus the signal that ended it; throws when it has not ended in time.
     int wait(int seconds = 20);
 

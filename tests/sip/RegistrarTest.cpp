@@ -184,8 +184,67 @@ TEST_F(Registrar, AnswersARequestThatIsSentAgain)
     startRegistrar();
     Phone alice("alice", "oryx.example", m_port);
     const Message request = alice.registration("<sip:alice@192.0.2.1>");
-    EXPECT_EQ(status(alice.ask(request)), "200 OK");
-    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    const Message answer = alice.ask(request);
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_NE(answer.parameter("To", "tag"), "");
+    EXPECT_EQ(alice.ask(request).text(), answer.text());
+}
+
+/// A lost answer must not turn into a challenge: the count of the nonce has been used.
+TEST_F(Registrar, AnswersAProofThatIsSentAgain)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    const Message challenge = alice.ask(request);
+    EXPECT_EQ(alice.ask(request).text(), challenge.text());
+    request = alice.registration("<sip:alice@192.0.2.1>");
+    request.set("Authorization", alice.credentials(request, challenge, "alice", "MD5"));
+    const Message answer = alice.ask(request);
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(alice.ask(request).text(), answer.text());
+}
+
+TEST_F(Registrar, AnswersOnceWhatIsSentAgainWhileItIsUnderWay)
+{
+    startRegistrar();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    Phone alice("alice", "oryx.example", m_port);
+    const Message request = alice.registration("<sip:alice@192.0.2.1>");
+    for (int times = 0; times < 3; ++times) {
+        alice.send(request);
+    }
+    EXPECT_TRUE(alice.socket().silent(100));
+    holder.run("COMMIT");
+    EXPECT_EQ(alice.receive().status(), 200);
+    EXPECT_TRUE(alice.socket().silent());
+}
+
+/// What the network has kept back does not undo what came after it.
+TEST_F(Registrar, StoresNothingAgainForARequestThatComesAgainLate)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message request = alice.registration("<sip:alice@192.0.2.1>");
+    const Message answer = alice.ask(request);
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>", 0))), "200 OK");
+    EXPECT_EQ(alice.ask(request).text(), answer.text());
+    EXPECT_EQ(bindings(), "");
+}
+
+/// Section 17.2.3, where a client of RFC 2543 has the same branch for all.
+TEST_F(Registrar, TellsRequestsWithTheSameBranchApart)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    for (const char* const contact : {"<sip:alice@192.0.2.1>", "<sip:alice@192.0.2.2>"}) {
+        const Message request = alice.registration(contact)
+                                    .set("Via", "SIP/2.0/UDP " + alice.socket().hostPort() + ";branch=1")
+                                    .set("From", "<sip:alice@oryx.example>;tag=1");
+        EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    }
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\nsip:alice@192.0.2.2\n");
 }
 
 /// Section 10.3, item 5.
