@@ -67,9 +67,10 @@ struct Fork::Branch {
     bool ended = false;
 };
 
-Fork::Fork(const Loop& loop, const Endpoint& endpoint, Forks& forks, std::shared_ptr<Incoming> request,
-           Outgoing outgoing, std::vector<Hop> hops)
+Fork::Fork(const Loop& loop, const Endpoint& endpoint, const Seal& seal, Forks& forks,
+           std::shared_ptr<Incoming> request, Outgoing outgoing, std::vector<Hop> hops)
     : m_endpoint(endpoint),
+      m_seal(seal),
       m_forks(forks),
       m_request(std::move(request)),
       m_outgoing(std::move(outgoing)),
@@ -310,6 +311,9 @@ Message Fork::best()
 void Fork::forward(msg_t* response)
 {
     if (Message upstream = withoutOwnVia(response)) {
+        if (!m_outgoing.mark.socket.empty()) {
+            markAnswer(m_seal, upstream.get(), m_outgoing.mark);
+        }
         m_request->forward(std::move(upstream));
     }
 }

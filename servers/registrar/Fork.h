@@ -34,8 +34,8 @@ public:
     };
 
     /// The hops come by preference.
-    Fork(const Loop& loop, const Endpoint& endpoint, Forks& forks, std::shared_ptr<Incoming> request, Outgoing outgoing,
-         std::vector<Hop> hops);
+    Fork(const Loop& loop, const Endpoint& endpoint, const Seal& seal, Forks& forks, std::shared_ptr<Incoming> request,
+         Outgoing outgoing, std::vector<Hop> hops);
     ~Fork();
     Fork(const Fork&) = delete;
     Fork& operator=(const Fork&) = delete;
@@ -63,6 +63,7 @@ private:
     void forward(msg_t* response);
 
     const Endpoint& m_endpoint;
+    const Seal& m_seal;
     Forks& m_forks;
     std::shared_ptr<Incoming> m_request;
     Outgoing m_outgoing;

@@ -37,13 +37,16 @@ protected:
         return cancel;
     }
     /// What the caller gets, provisional responses too, up to the final one.
-    static std::string answers(Phone& caller)
+    static std::string answers(Phone& caller, Message* final = nullptr)
     {
         std::string all;
         for (int last = 0; last < 200;) {
             const Message answer = caller.receive();
             last = answer.status();
             all += (all.empty() ? "" : ", ") + std::to_string(last);
+            if (final != nullptr) {
+                *final = answer;
+            }
         }
         return all;
     }
@@ -90,10 +93,11 @@ TEST_F(Proxy, ConnectsACall)
     called.send(called.response(offered, 180, "Ringing"));
     const Message accepted = called.response(offered, 200, "OK");
     called.send(accepted);
-    EXPECT_EQ(answers(caller), "100, 180, 200");
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 180, 200");
 
     // The dialog's own requests come the way that was recorded.
-    const std::string route = offered.field("Record-Route");
+    const std::string route = answer.field("Record-Route");
     EXPECT_NE(route.find(";lr"), std::string::npos);
     Message acknowledgement = caller.request("ACK", called.contact());
     for (const char* const same : {"From", "Call-ID"}) {
@@ -346,6 +350,51 @@ TEST_F(Proxy, SendsNothingOnForWhoeverSaysThatItIsOfADialog)
     EXPECT_TRUE(elsewhere.socket().silent());
 }
 
+/// A dialog's route is a way to its other side, and to nobody else past the rules and without proof.
+TEST_F(Proxy, LeadsADialogToNobodyElse)
+{
+    Phone elsewhere("x", "elsewhere.example", m_port, "127.0.0.2");
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    const Message accepted = called.response(offered, 200, "OK");
+    called.send(accepted);
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 200");
+
+    const auto fromCaller = [&](const std::string& method, const std::string& uri, const Message& routes) {
+        Message next = caller.request(method, uri);
+        next.set("From", request.field("From")).set("To", accepted.field("To"));
+        return next.set("Call-ID", request.field("Call-ID")).set("Route", routes.field("Record-Route"));
+    };
+    const auto fromCalled = [&](const std::string& method, const std::string& uri, const Message& routes) {
+        Message next = called.request(method, uri);
+        next.set("From", accepted.field("To")).set("To", request.field("From"));
+        return next.set("Call-ID", request.field("Call-ID")).set("Route", routes.field("Record-Route"));
+    };
+    const std::string foreign = "sip:x@" + elsewhere.socket().hostPort();
+    for (const char* const method : {"INVITE", "BYE"}) {
+        for (const Message& routes : {answer, offered}) {
+            EXPECT_EQ(status(caller.ask(fromCaller(method, foreign, routes))), "403 Forbidden");
+            EXPECT_EQ(status(called.ask(fromCalled(method, foreign, routes))), "403 Forbidden");
+        }
+    }
+    caller.send(fromCaller("ACK", foreign, answer));
+    EXPECT_TRUE(elsewhere.socket().silent());
+
+    // After a refresh, each is at another port of its host.
+    Phone moved("alice", "oryx.example", m_port);
+    caller.send(fromCaller("INVITE", moved.contact(), answer));
+    EXPECT_EQ(moved.receive().first, "INVITE " + moved.contact() + " SIP/2.0");
+    called.send(fromCalled("BYE", caller.contact(), offered));
+    while (caller.receive().method() != "BYE") {
+    }
+}
+
 TEST_F(Proxy, OutlivesAnAnswerThatThereIsNot)
 {
     startRegistrar();
@@ -418,8 +467,9 @@ TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
     const Message offered = called.receive();
     const Message accepted = called.response(offered, 200, "OK");
     called.send(accepted);
-    EXPECT_EQ(answers(caller), "100, 200");
-    const std::string route = offered.field("Record-Route");
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 200");
+    const std::string route = answer.field("Record-Route");
     Message end = caller.request("BYE", route.substr(1, route.size() - 2));
     end.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
     end.set("To", accepted.field("To")).set("Route", "<" + called.contact() + ">");
