@@ -4,6 +4,7 @@
 #include <common/Headers.h>
 #include <registrar/Proxy.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -254,6 +255,10 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
     if (request->answered()) { // it was cancelled meanwhile
         return;
     }
+    if (m_abandoned) {
+        request->answerUnavailable();
+        return;
+    }
     if (answer.denied) {
         request->answer(SIP_403_FORBIDDEN);
         return;
@@ -315,6 +320,20 @@ void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, con
     std::make_shared<Fork>(m_loop, *m_endpoint, m_seal, m_forks, request,
                            Fork::Outgoing{std::move(outgoing), mark, branch}, std::move(hops))
         ->start(sequential);
+}
+
+void Proxy::abandon()
+{
+    m_abandoned = true;
+    for (const std::shared_ptr<Fork>& fork : m_forks) {
+        fork->abandon();
+    }
+}
+
+bool Proxy::idle() const
+{
+    return std::none_of(m_forks.begin(), m_forks.end(),
+                        [](const std::shared_ptr<Fork>& fork) { return fork->ending(); });
 }
 
 void Proxy::takeStray(const Message& message, const sip_t& sip) const

@@ -27,6 +27,10 @@ public:
     void take(const std::shared_ptr<Incoming>& request);
     /// An ACK for a 2xx: sent on without a transaction.
     void takeStray(const Message& message, const sip_t& sip) const;
+    /// The server ends: ends what rings, and takes nothing on any more.
+    void abandon();
+    /// Whether nobody rings any more.
+    bool idle() const;
     /// Ends whatever is under way.
     void stop() { m_forks.clear(); }
 
@@ -66,6 +70,7 @@ private:
     Workers<Session>& m_workers;
     const Endpoint* m_endpoint = nullptr;
     Forks m_forks;
+    bool m_abandoned = false;
 };
 
 } // namespace oryx::sip

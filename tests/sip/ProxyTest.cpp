@@ -3,6 +3,7 @@
 #include "sip/SipTest.h"
 
 #include <algorithm>
+#include <csignal>
 #include <string>
 #include <utility>
 #include <vector>
@@ -307,6 +308,76 @@ TEST_F(Proxy, CancelsWhatWasNotHeardOfLater)
     }
 }
 
+/// Nobody rings on for a server that is not there any more.
+TEST_F(Proxy, EndsWhatRingsWhenItEnds)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone other = alice();
+    Phone caller = bob();
+    answerOn(called);
+    answerOn(other); // says nothing
+    caller.send(invite(caller));
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(caller.receive().status(), 180);
+    m_server->signal(SIGTERM);
+    EXPECT_EQ(status(caller.receive()), "503 Service Unavailable");
+    const Message cancelled = called.receive();
+    EXPECT_EQ(cancelled.method(), "CANCEL");
+    called.send(called.response(cancelled, 200, "OK"));
+    called.send(called.response(offered, 487, "Request Terminated"));
+    EXPECT_EQ(called.receive().method(), "ACK");
+    EXPECT_EQ(m_server->wait(2), 0);
+}
+
+/// Section 16.7, item 6: nobody but the caller ends what he asks for.
+TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(invite(caller));
+    called.send(called.response(called.receive(), 487, "Request Terminated"));
+    EXPECT_EQ(answers(caller), "100, 408");
+}
+
+/// A telephone that rings in vain is given up for the next, however long it takes to stop.
+TEST_F(Proxy, DoesNotWaitForTheTelephoneBefore)
+{
+    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+    startRegistrar();
+    Phone first = alice();
+    Phone second = alice();
+    Phone caller = bob();
+    answerOn(first, ";q=0.9");
+    answerOn(second, ";q=0.3");
+    caller.send(invite(caller));
+    first.send(first.response(first.receive(), 180, "Ringing"));
+    const Message atSecond = second.receive(25000);
+    EXPECT_EQ(first.receive().method(), "CANCEL"); // which it does not answer
+    second.send(second.response(atSecond, 200, "OK"));
+    EXPECT_EQ(answers(caller), "100, 180, 200");
+}
+
+/// A client waits 32 s for what is no INVITE.
+TEST_F(Proxy, AsksTheNextInTimeForAnAnswer)
+{
+    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+    startRegistrar();
+    Phone first = alice();
+    Phone second = alice();
+    Phone caller = bob();
+    answerOn(first, ";q=0.9");
+    answerOn(second, ";q=0.3");
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message atSecond = second.receive(6000);
+    second.send(second.response(atSecond, 200, "OK"));
+    EXPECT_EQ(answers(caller), "200");
+}
+
 /// RFC 4320 section 4.2.
 TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
 {
@@ -314,9 +385,12 @@ TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
     Phone called = alice();
     Phone caller = bob();
     answerOn(called);
-    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+    caller.send(request);
     const Message passed = called.receive();
     called.send(called.response(passed, 408, "Request Timeout"));
+    EXPECT_TRUE(caller.socket().silent());
+    caller.send(request);
     EXPECT_TRUE(caller.socket().silent());
 }
 
