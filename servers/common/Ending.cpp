@@ -1,15 +1,33 @@
 #include <common/Ending.h>
 
 #include <sys/signalfd.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <utility>
 
 namespace oryx::sip {
 
-Ending::Ending(Loop& loop, Endpoint& endpoint, int signals, std::function<bool()> idle)
-    : m_loop(loop), m_endpoint(endpoint), m_signals(signals), m_idle(std::move(idle)), m_timer(loop, [this] { look(); })
+namespace {
+
+void endAtLast()
+{
+    constexpr itimerval kWhen{{0, 0}, {1, 700000}};
+    std::signal(SIGALRM, [](int) { _exit(0); });
+    setitimer(ITIMER_REAL, &kWhen, nullptr);
+}
+
+} // namespace
+
+Ending::Ending(Loop& loop, Endpoint& endpoint, int signals, std::function<bool()> idle, std::function<void()> begun)
+    : m_loop(loop),
+      m_endpoint(endpoint),
+      m_signals(signals),
+      m_idle(std::move(idle)),
+      m_begun(std::move(begun)),
+      m_timer(loop, [this] { look(); })
 {
     loop.watch(signals, [this] { begin(); });
 }
@@ -23,7 +41,9 @@ void Ending::begin()
 {
     signalfd_siginfo taken{};
     if (read(m_signals, &taken, sizeof taken) == sizeof taken) {
+        endAtLast();
         m_endpoint.refuseRequests();
+        m_begun();
         look();
     }
 }
@@ -31,7 +51,7 @@ void Ending::begin()
 void Ending::look()
 {
     constexpr std::chrono::milliseconds kPause{20};
-    constexpr int kMostLooks = 50;
+    constexpr int kMostLooks = 25;
     if (m_idle() || ++m_looks > kMostLooks) {
         m_loop.stop();
     } else {

@@ -14,8 +14,9 @@ namespace {
 const url_string_t* const kNoSocket = reinterpret_cast<const url_string_t*>(static_cast<std::intptr_t>(-1)); // NOLINT
 /// As many datagrams as come in a moment in which this server does not run; the system may allow less.
 constexpr unsigned kSocketRoom = 4 * 1024 * 1024;
-constexpr unsigned kKeepAlive = 120 * 1000;  // ms between the signs of life by which dead streams are found
-constexpr unsigned kMessageTime = 32 * 1000; // ms that a message may take to come in whole
+constexpr unsigned kKeepAlive = 120 * 1000;          // ms between the signs of life by which dead streams are found
+constexpr unsigned kMessageTime = 32 * 1000;         // ms that a message may take to come in whole
+constexpr unsigned kStacksTimerC = 24 * 3600 * 1000; // ms; a fork has one for each branch, which knows whom to cancel
 constexpr unsigned kLargestMessage = 64 * 1024;
 /// The fields without which a request is not understood: 400 where one cannot be read.
 constexpr unsigned kNeeded = ~static_cast<unsigned>(sip_mask_response | sip_mask_pref | sip_mask_privacy);
@@ -120,8 +121,9 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
       m_isBrief(std::move(isBrief)),
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
-                               NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1), NTATAG_TIMER_C(0),
-                               NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kLargestMessage), TAG_END())),
+                               NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1),
+                               NTATAG_TIMER_C(kStacksTimerC), NTATAG_BAD_REQ_MASK(kNeeded),
+                               NTATAG_MAXSIZE(kLargestMessage), TAG_END())),
       m_answers(m_agent)
 {
     if (m_agent == nullptr) {

@@ -8,8 +8,9 @@ namespace oryx::sip {
 
 namespace {
 
-constexpr std::chrono::seconds kRinging{20}; // of one telephone, before the next is tried
-constexpr std::chrono::seconds kTimerC{185}; // section 16.6, item 11: more than three minutes
+constexpr std::chrono::seconds kRinging{20};  // of one telephone, before the next is tried
+constexpr std::chrono::seconds kAnswering{4}; // the same with what needs nobody's hand: its client waits for 32 s
+constexpr std::chrono::seconds kTimerC{185};  // section 16.6, item 11: more than three minutes
 /// 64 * T1: as long as a 2xx is sent again, and as a cancelled request is waited for (section 9.1).
 constexpr std::chrono::seconds kLinger{32};
 
@@ -57,9 +58,15 @@ using Url = std::unique_ptr<url_t, UrlDeleter>;
 } // namespace
 
 struct Fork::Branch {
+    Branch(Fork& of, std::string via)
+        : fork(of), key(std::move(via)), timerC(of.m_loop, [this] { fork.timeOut(*this); })
+    {
+    }
+
     Fork& fork;
     std::string key; // of its Via
-    Url next;        // where it is sent
+    Timer timerC;
+    Url next; // where it is sent
     nta_outgoing_t* transaction = nullptr;
     Message response; // its final one
     bool heard = false;
@@ -67,15 +74,16 @@ struct Fork::Branch {
     bool ended = false;
 };
 
-Fork::Fork(const Loop& loop, const Endpoint& endpoint, Forks& forks, std::shared_ptr<Incoming> request,
-           Outgoing outgoing, std::vector<Hop> hops)
-    : m_endpoint(endpoint),
+Fork::Fork(const Loop& loop, const Endpoint& endpoint, const Seal& seal, Forks& forks,
+           std::shared_ptr<Incoming> request, Outgoing outgoing, std::vector<Hop> hops)
+    : m_loop(loop),
+      m_endpoint(endpoint),
+      m_seal(seal),
       m_forks(forks),
       m_request(std::move(request)),
       m_outgoing(std::move(outgoing)),
       m_hops(std::move(hops)),
-      m_patience(loop, [this] { cancelPending(); }),
-      m_timerC(loop, [this] { cancelPending(); }),
+      m_patience(loop, [this] { tryOthers(); }),
       m_giveUp(loop, [this] { endCancelled(); }),
       m_linger(loop, [this] { m_forks.erase(shared_from_this()); })
 {
@@ -85,6 +93,9 @@ Fork::~Fork()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
         nta_outgoing_destroy(branch->transaction);
+    }
+    if (m_decided && !m_request->answered()) {
+        answerTimeout(); // the client has given up by now: the stack keeps it to itself
     }
 }
 
@@ -108,28 +119,58 @@ void Fork::cancel()
     cancelPending();
 }
 
-/// The next hops, all or those of the same preference; those after them where none of these can be sent to. When there
-/// are no more, the answer.
+void Fork::abandon()
+{
+    m_tried = m_hops.size();
+    if (!m_decided) {
+        m_decided = true;
+        m_request->answerUnavailable();
+        cancelPending();
+    }
+}
+
+bool Fork::ending() const
+{
+    return std::any_of(m_branches.begin(), m_branches.end(), [](const std::unique_ptr<Branch>& branch) {
+        return branch->cancelled && branch->heard && !branch->ended;
+    });
+}
+
+/// Those whose turn it is, when nobody is waited for any more; the answer, when nobody is left.
 void Fork::tryNext()
 {
-    while (m_tried < m_hops.size() && !pending()) {
-        const int preference = m_hops[m_tried].preference;
-        m_timerC.set(kTimerC);
-        while (m_tried < m_hops.size() && (!m_sequential || m_hops[m_tried].preference == preference)) {
-            send(m_hops[m_tried++]);
-        }
-    }
-    if (m_tried < m_hops.size()) {
-        m_patience.set(kRinging);
+    while (m_tried < m_hops.size() && !waiting()) {
+        tryThose();
     }
     if (pending()) {
         return;
     }
-    m_timerC.cancel();
     if (!m_decided) {
         answerBest();
     }
     m_linger.set(kLinger);
+}
+
+/// The next hops, all or those of the same preference.
+void Fork::tryThose()
+{
+    const int preference = m_hops[m_tried].preference;
+    while (m_tried < m_hops.size() && (!m_sequential || m_hops[m_tried].preference == preference)) {
+        send(m_hops[m_tried++]);
+    }
+    if (m_tried < m_hops.size()) {
+        m_patience.set(isInvite() ? kRinging : kAnswering);
+    }
+}
+
+/// Beside those that have not answered in time, who may take long to say that they have stopped.
+void Fork::tryOthers()
+{
+    cancelPending();
+    if (m_tried < m_hops.size()) {
+        tryThose();
+    }
+    tryNext();
 }
 
 /// The request with that request URI and route (section 16.6, items 2 and 6).
@@ -148,7 +189,7 @@ Message Fork::addressed(const Hop& hop) const
 void Fork::send(const Hop& hop)
 {
     const std::string key = m_outgoing.branch + "." + std::to_string(m_branches.size() + 1);
-    m_branches.push_back(std::make_unique<Branch>(Branch{*this, key, {}, nullptr, nullptr}));
+    m_branches.push_back(std::make_unique<Branch>(*this, key));
     Branch& branch = *m_branches.back();
     Message message = addressed(hop);
     su_home_t* const home = msg_home(message.get());
@@ -166,6 +207,9 @@ void Fork::send(const Hop& hop)
                                  TPTAG_IDENT(Endpoint::familyOf(*branch.next)), NTATAG_PASS_100(1), TAG_END());
     }
     branch.ended = branch.transaction == nullptr; // nowhere: no such host
+    if (!branch.ended && isInvite()) {
+        branch.timerC.set(kTimerC);
+    }
 }
 
 int Fork::responded(void* branch, nta_outgoing_t* /*transaction*/, const sip_t* sip)
@@ -185,7 +229,7 @@ void Fork::take(Branch& branch, const sip_t* sip)
             sendCancel(branch);
         }
         if (status > 100 && response && !m_decided) {
-            m_timerC.set(kTimerC); // section 16.7, item 2
+            branch.timerC.set(kTimerC); // section 16.7, item 2
             forward(response.get());
         }
         return;
@@ -214,23 +258,36 @@ void Fork::take(Branch& branch, const sip_t* sip)
 void Fork::end(Branch& branch)
 {
     branch.ended = true;
-    if (!pending()) {
+    branch.timerC.cancel();
+    if (!waiting()) {
         m_patience.cancel();
-        tryNext();
     }
+    tryNext();
+}
+
+/// Section 16.8.
+void Fork::timeOut(Branch& branch)
+{
+    cancel(branch);
+    tryNext();
+}
+
+void Fork::cancel(Branch& branch)
+{
+    branch.cancelled = true;
+    branch.timerC.cancel();
+    if (branch.heard) { // otherwise not before something is heard (section 9.1)
+        sendCancel(branch);
+    }
+    m_giveUp.set(kLinger);
 }
 
 void Fork::cancelPending()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
-        if (branch->ended || branch->cancelled || nta_outgoing_method(branch->transaction) != sip_method_invite) {
-            continue;
+        if (!branch->ended && !branch->cancelled && isInvite()) {
+            cancel(*branch);
         }
-        branch->cancelled = true;
-        if (branch->heard) { // otherwise not before something is heard (section 9.1)
-            sendCancel(*branch);
-        }
-        m_giveUp.set(kLinger);
     }
 }
 
@@ -253,10 +310,7 @@ void Fork::endCancelled()
             branch->ended = true;
         }
     }
-    if (!pending()) {
-        m_patience.cancel();
-        tryNext();
-    }
+    tryNext();
 }
 
 bool Fork::pending() const
@@ -265,19 +319,39 @@ bool Fork::pending() const
                        [](const std::unique_ptr<Branch>& branch) { return !branch->ended; });
 }
 
+/// Whether anybody may still answer who has not been told to stop.
+bool Fork::waiting() const
+{
+    return std::any_of(m_branches.begin(), m_branches.end(),
+                       [](const std::unique_ptr<Branch>& branch) { return !branch->ended && !branch->cancelled; });
+}
+
+bool Fork::isInvite() const
+{
+    return m_request->sip().sip_request->rq_method == sip_method_invite;
+}
+
 void Fork::answerBest()
 {
     m_decided = true;
     const Message chosen = best();
-    if (!chosen && m_unwanted) {
+    const int status = chosen ? sip_object(chosen.get())->sip_status->st_status : m_unwanted ? 487 : 408;
+    if (status == 408 || (status == 487 && !m_unwanted)) { // who rang was told to stop, not by the caller
+        if (isInvite()) {
+            answerTimeout();
+        } // else nothing, not even when it is sent again (RFC 4320 section 4.2)
+    } else if (!chosen) {
         m_request->answer(SIP_487_REQUEST_TERMINATED);
-    } else if (!chosen) { // the stack knows not to send it where it helps nobody (RFC 4320)
-        m_request->answer(SIP_408_REQUEST_TIMEOUT);
-    } else if (sip_object(chosen.get())->sip_status->st_status == 503) { // that one is overloaded, this one is not
+    } else if (status == 503) { // that one is overloaded, this one is not
         m_request->answer(SIP_500_INTERNAL_SERVER_ERROR);
     } else {
         forward(chosen.get());
     }
+}
+
+void Fork::answerTimeout()
+{
+    m_request->answer(SIP_408_REQUEST_TIMEOUT);
 }
 
 /// The best response, with everybody's challenges (section 16.7, items 6 and 7).
@@ -310,6 +384,9 @@ Message Fork::best()
 void Fork::forward(msg_t* response)
 {
     if (Message upstream = withoutOwnVia(response)) {
+        if (!m_outgoing.mark.socket.empty()) {
+            markAnswer(m_seal, upstream.get(), m_outgoing.mark);
+        }
         m_request->forward(std::move(upstream));
     }
 }

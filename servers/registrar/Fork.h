@@ -34,8 +34,8 @@ public:
     };
 
     /// The hops come by preference.
-    Fork(const Loop& loop, const Endpoint& endpoint, Forks& forks, std::shared_ptr<Incoming> request, Outgoing outgoing,
-         std::vector<Hop> hops);
+    Fork(const Loop& loop, const Endpoint& endpoint, const Seal& seal, Forks& forks, std::shared_ptr<Incoming> request,
+         Outgoing outgoing, std::vector<Hop> hops);
     ~Fork();
     Fork(const Fork&) = delete;
     Fork& operator=(const Fork&) = delete;
@@ -44,25 +44,38 @@ public:
     void start(bool sequential);
     /// The client does not want an answer any more.
     void cancel();
+    /// The server ends: whoever rings is told, and the client.
+    void abandon();
+    /// Whether somebody has been asked to ring no more, and has not said that he has stopped.
+    bool ending() const;
 
 private:
     struct Branch;
 
     void tryNext();
+    void tryThose();
+    void tryOthers();
     void send(const Hop& hop);
     Message addressed(const Hop& hop) const;
     static int responded(void* branch, nta_outgoing_t* transaction, const sip_t* sip);
     void take(Branch& branch, const sip_t* sip);
     void end(Branch& branch);
+    void timeOut(Branch& branch);
+    void cancel(Branch& branch);
     void cancelPending();
     void sendCancel(const Branch& branch);
     void endCancelled();
     bool pending() const;
+    bool waiting() const;
+    bool isInvite() const;
     void answerBest();
+    void answerTimeout();
     Message best();
     void forward(msg_t* response);
 
+    const Loop& m_loop;
     const Endpoint& m_endpoint;
+    const Seal& m_seal;
     Forks& m_forks;
     std::shared_ptr<Incoming> m_request;
     Outgoing m_outgoing;
@@ -73,7 +86,6 @@ private:
     bool m_decided = false;  // a final answer has been given, or none is wanted
     std::vector<std::unique_ptr<Branch>> m_branches;
     Timer m_patience; // with those that are being tried, before the next ones
-    Timer m_timerC;   // with those that ring
     Timer m_giveUp;   // those that were cancelled
     Timer m_linger;   // for what is sent again after the answer
 };

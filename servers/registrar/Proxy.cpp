@@ -4,6 +4,7 @@
 #include <common/Headers.h>
 #include <registrar/Proxy.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string_view>
@@ -100,14 +101,14 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
     if (!valid(*request)) {
         return;
     }
-    OwnRoutes routes;
-    Message outgoing = prepared(request->sip(), request->message(), routes);
+    std::vector<std::string> cookies;
+    Message outgoing = prepared(request->sip(), request->message(), cookies);
     RouteMark mark;
     // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
-    if ((m_options.recordRoute || routes.found) && !inDialog(request->sip())) {
-        mark = {request->socket(), cookie(request->sip(), request->sip().sip_from->a_tag)};
+    if ((m_options.recordRoute || !cookies.empty()) && !inDialog(request->sip())) {
+        mark = markOf(m_seal, request->sip(), request->socket());
     }
-    if (routes.known) { // a dialog that began here: where it goes was settled then
+    if (isSettled(m_seal, *sip_object(outgoing.get()), cookies)) { // a dialog that began here
         send(request, std::move(outgoing), mark, {Hop{}}, false);
     } else {
         find(request, std::move(outgoing), mark);
@@ -158,17 +159,11 @@ bool Proxy::leadsHere(const url_t& route) const
 }
 
 /// Section 16.4, and what is the same of all copies of the request (16.6, items 1 and 3).
-Message Proxy::prepared(const sip_t& sip, msg_t* message, OwnRoutes& routes) const
+Message Proxy::prepared(const sip_t& sip, msg_t* message, std::vector<std::string>& cookies) const
 {
     Message outgoing(msg_dup(message));
     sip_t* const copy = sip_object(outgoing.get());
-    routes = takeOwnRoutes(
-        outgoing.get(), [this](const url_t& route) { return leadsHere(route); },
-        [&](const std::string& said) {
-            // The tag of whoever began the dialog is the one's or the other's, by who sends.
-            return inDialog(sip) &&
-                   (cookie(sip, sip.sip_from->a_tag) == said || cookie(sip, sip.sip_to->a_tag) == said);
-        });
+    cookies = takeOwnRoutes(outgoing.get(), [this](const url_t& route) { return leadsHere(route); });
     const unsigned long left = sip.sip_max_forwards != nullptr ? sip.sip_max_forwards->mf_count - 1 : kMaxForwards;
     const std::string forwards = std::to_string(left);
     sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
@@ -260,6 +255,10 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
     if (request->answered()) { // it was cancelled meanwhile
         return;
     }
+    if (m_abandoned) {
+        request->answerUnavailable();
+        return;
+    }
     if (answer.denied) {
         request->answer(SIP_403_FORBIDDEN);
         return;
@@ -318,9 +317,23 @@ void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, con
         request->answer(SIP_100_TRYING);
     }
     const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(request->sip());
-    std::make_shared<Fork>(m_loop, *m_endpoint, m_forks, request, Fork::Outgoing{std::move(outgoing), mark, branch},
-                           std::move(hops))
+    std::make_shared<Fork>(m_loop, *m_endpoint, m_seal, m_forks, request,
+                           Fork::Outgoing{std::move(outgoing), mark, branch}, std::move(hops))
         ->start(sequential);
+}
+
+void Proxy::abandon()
+{
+    m_abandoned = true;
+    for (const std::shared_ptr<Fork>& fork : m_forks) {
+        fork->abandon();
+    }
+}
+
+bool Proxy::idle() const
+{
+    return std::none_of(m_forks.begin(), m_forks.end(),
+                        [](const std::shared_ptr<Fork>& fork) { return fork->ending(); });
 }
 
 void Proxy::takeStray(const Message& message, const sip_t& sip) const
@@ -329,21 +342,15 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
     if (sip.sip_request == nullptr || (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0)) {
         return;
     }
-    OwnRoutes routes;
-    Message outgoing = prepared(sip, message.get(), routes);
-    if (routes.known) {
+    std::vector<std::string> cookies;
+    Message outgoing = prepared(sip, message.get(), cookies);
+    if (isSettled(m_seal, *sip_object(outgoing.get()), cookies)) {
         const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(sip) + ".0";
         const url_t next = nextHop(*sip_object(outgoing.get())); // its texts stay with the message
         fitStrictRouter(outgoing.get());
         nta_msg_tsend(m_endpoint->agent(), outgoing.release(), urlText(next), NTATAG_BRANCH_KEY(branch.c_str()),
                       TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END());
     }
-}
-
-/// What this proxy knows a route of its own by, in a dialog that began with that tag.
-std::string Proxy::cookie(const sip_t& sip, const char* tag) const
-{
-    return m_seal.of(std::string(sip.sip_call_id->i_id) + "\n" + orEmpty(tag));
 }
 
 } // namespace oryx::sip

@@ -4,7 +4,6 @@
 #include <common/Workers.h>
 #include <registrar/Fork.h>
 #include <registrar/Route.h>
-#include <registrar/Seal.h>
 #include <registrar/Session.h>
 
 #include <dal/RequestTarget.h>
@@ -12,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace oryx::sip {
 
@@ -27,6 +27,10 @@ public:
     void take(const std::shared_ptr<Incoming>& request);
     /// An ACK for a 2xx: sent on without a transaction.
     void takeStray(const Message& message, const sip_t& sip) const;
+    /// The server ends: ends what rings, and takes nothing on any more.
+    void abandon();
+    /// Whether nobody rings any more.
+    bool idle() const;
     /// Ends whatever is under way.
     void stop() { m_forks.clear(); }
 
@@ -49,7 +53,7 @@ private:
     bool valid(Incoming& request) const;
     bool loops(const sip_t& sip) const;
     bool leadsHere(const url_t& route) const;
-    Message prepared(const sip_t& sip, msg_t* message, OwnRoutes& routes) const;
+    Message prepared(const sip_t& sip, msg_t* message, std::vector<std::string>& cookies) const;
     void find(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark);
     Answer answer(Session& session, const Question& question, const std::string& method) const;
     void conclude(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
@@ -57,7 +61,6 @@ private:
     void challenge(Incoming& request, bool stale) const;
     void send(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark, std::vector<Hop> hops,
               bool sequential);
-    std::string cookie(const sip_t& sip, const char* tag) const;
 
     const Loop& m_loop;
     const Options& m_options;
@@ -67,6 +70,7 @@ private:
     Workers<Session>& m_workers;
     const Endpoint* m_endpoint = nullptr;
     Forks m_forks;
+    bool m_abandoned = false;
 };
 
 } // namespace oryx::sip

@@ -59,7 +59,8 @@ void run(Loop& loop, const Options& options, int signals)
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);
     }
-    const Ending ending(loop, *endpoint, signals, [&] { return workers->idle(); });
+    const auto idle = [&] { return workers->idle() && proxy.idle(); };
+    const Ending ending(loop, *endpoint, signals, idle, [&] { proxy.abandon(); });
     loop.run();
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();

@@ -3,6 +3,7 @@
 #include "sip/SipTest.h"
 
 #include <algorithm>
+#include <csignal>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,13 +38,16 @@ protected:
         return cancel;
     }
     /// What the caller gets, provisional responses too, up to the final one.
-    static std::string answers(Phone& caller)
+    static std::string answers(Phone& caller, Message* final = nullptr)
     {
         std::string all;
         for (int last = 0; last < 200;) {
             const Message answer = caller.receive();
             last = answer.status();
             all += (all.empty() ? "" : ", ") + std::to_string(last);
+            if (final != nullptr) {
+                *final = answer;
+            }
         }
         return all;
     }
@@ -90,10 +94,11 @@ TEST_F(Proxy, ConnectsACall)
     called.send(called.response(offered, 180, "Ringing"));
     const Message accepted = called.response(offered, 200, "OK");
     called.send(accepted);
-    EXPECT_EQ(answers(caller), "100, 180, 200");
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 180, 200");
 
     // The dialog's own requests come the way that was recorded.
-    const std::string route = offered.field("Record-Route");
+    const std::string route = answer.field("Record-Route");
     EXPECT_NE(route.find(";lr"), std::string::npos);
     Message acknowledgement = caller.request("ACK", called.contact());
     for (const char* const same : {"From", "Call-ID"}) {
@@ -303,6 +308,76 @@ TEST_F(Proxy, CancelsWhatWasNotHeardOfLater)
     }
 }
 
+/// Nobody rings on for a server that is not there any more.
+TEST_F(Proxy, EndsWhatRingsWhenItEnds)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone other = alice();
+    Phone caller = bob();
+    answerOn(called);
+    answerOn(other); // says nothing
+    caller.send(invite(caller));
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_EQ(caller.receive().status(), 180);
+    m_server->signal(SIGTERM);
+    EXPECT_EQ(status(caller.receive()), "503 Service Unavailable");
+    const Message cancelled = called.receive();
+    EXPECT_EQ(cancelled.method(), "CANCEL");
+    called.send(called.response(cancelled, 200, "OK"));
+    called.send(called.response(offered, 487, "Request Terminated"));
+    EXPECT_EQ(called.receive().method(), "ACK");
+    EXPECT_EQ(m_server->wait(2), 0);
+}
+
+/// Section 16.7, item 6: nobody but the caller ends what he asks for.
+TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(invite(caller));
+    called.send(called.response(called.receive(), 487, "Request Terminated"));
+    EXPECT_EQ(answers(caller), "100, 408");
+}
+
+/// A telephone that rings in vain is given up for the next, however long it takes to stop.
+TEST_F(Proxy, DoesNotWaitForTheTelephoneBefore)
+{
+    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+    startRegistrar();
+    Phone first = alice();
+    Phone second = alice();
+    Phone caller = bob();
+    answerOn(first, ";q=0.9");
+    answerOn(second, ";q=0.3");
+    caller.send(invite(caller));
+    first.send(first.response(first.receive(), 180, "Ringing"));
+    const Message atSecond = second.receive(25000);
+    EXPECT_EQ(first.receive().method(), "CANCEL"); // which it does not answer
+    second.send(second.response(atSecond, 200, "OK"));
+    EXPECT_EQ(answers(caller), "100, 180, 200");
+}
+
+/// A client waits 32 s for what is no INVITE.
+TEST_F(Proxy, AsksTheNextInTimeForAnAnswer)
+{
+    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+    startRegistrar();
+    Phone first = alice();
+    Phone second = alice();
+    Phone caller = bob();
+    answerOn(first, ";q=0.9");
+    answerOn(second, ";q=0.3");
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message atSecond = second.receive(6000);
+    second.send(second.response(atSecond, 200, "OK"));
+    EXPECT_EQ(answers(caller), "200");
+}
+
 /// RFC 4320 section 4.2.
 TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
 {
@@ -310,9 +385,12 @@ TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
     Phone called = alice();
     Phone caller = bob();
     answerOn(called);
-    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+    caller.send(request);
     const Message passed = called.receive();
     called.send(called.response(passed, 408, "Request Timeout"));
+    EXPECT_TRUE(caller.socket().silent());
+    caller.send(request);
     EXPECT_TRUE(caller.socket().silent());
 }
 
@@ -344,6 +422,51 @@ TEST_F(Proxy, SendsNothingOnForWhoeverSaysThatItIsOfADialog)
     request.add("Route", "<sip:127.0.0.1:" + std::to_string(m_port) + ";lr;oryx=0123456789abcdef>");
     EXPECT_EQ(status(caller.ask(request)), "403 Forbidden");
     EXPECT_TRUE(elsewhere.socket().silent());
+}
+
+/// A dialog's route is a way to its other side, and to nobody else past the rules and without proof.
+TEST_F(Proxy, LeadsADialogToNobodyElse)
+{
+    Phone elsewhere("x", "elsewhere.example", m_port, "127.0.0.2");
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const Message request = invite(caller);
+    caller.send(request);
+    const Message offered = called.receive();
+    const Message accepted = called.response(offered, 200, "OK");
+    called.send(accepted);
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 200");
+
+    const auto fromCaller = [&](const std::string& method, const std::string& uri, const Message& routes) {
+        Message next = caller.request(method, uri);
+        next.set("From", request.field("From")).set("To", accepted.field("To"));
+        return next.set("Call-ID", request.field("Call-ID")).set("Route", routes.field("Record-Route"));
+    };
+    const auto fromCalled = [&](const std::string& method, const std::string& uri, const Message& routes) {
+        Message next = called.request(method, uri);
+        next.set("From", accepted.field("To")).set("To", request.field("From"));
+        return next.set("Call-ID", request.field("Call-ID")).set("Route", routes.field("Record-Route"));
+    };
+    const std::string foreign = "sip:x@" + elsewhere.socket().hostPort();
+    for (const char* const method : {"INVITE", "BYE"}) {
+        for (const Message& routes : {answer, offered}) {
+            EXPECT_EQ(status(caller.ask(fromCaller(method, foreign, routes))), "403 Forbidden");
+            EXPECT_EQ(status(called.ask(fromCalled(method, foreign, routes))), "403 Forbidden");
+        }
+    }
+    caller.send(fromCaller("ACK", foreign, answer));
+    EXPECT_TRUE(elsewhere.socket().silent());
+
+    // After a refresh, each is at another port of its host.
+    Phone moved("alice", "oryx.example", m_port);
+    caller.send(fromCaller("INVITE", moved.contact(), answer));
+    EXPECT_EQ(moved.receive().first, "INVITE " + moved.contact() + " SIP/2.0");
+    called.send(fromCalled("BYE", caller.contact(), offered));
+    while (caller.receive().method() != "BYE") {
+    }
 }
 
 TEST_F(Proxy, OutlivesAnAnswerThatThereIsNot)
@@ -418,8 +541,9 @@ TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
     const Message offered = called.receive();
     const Message accepted = called.response(offered, 200, "OK");
     called.send(accepted);
-    EXPECT_EQ(answers(caller), "100, 200");
-    const std::string route = offered.field("Record-Route");
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 200");
+    const std::string route = answer.field("Record-Route");
     Message end = caller.request("BYE", route.substr(1, route.size() - 2));
     end.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
     end.set("To", accepted.field("To")).set("Route", "<" + called.contact() + ">");

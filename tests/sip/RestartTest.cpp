@@ -58,7 +58,7 @@ TEST_F(Restart, LetsACallGoOn)
     const Message accepted = called.response(offered, 200, "OK");
     called.send(accepted);
     EXPECT_EQ(caller.receive().status(), 100);
-    EXPECT_EQ(caller.receive().status(), 200);
+    const std::string route = caller.receive().field("Record-Route");
     killAndStart(options);
 
     const auto inDialog = [&](const std::string& method, const std::string& cseq) {
@@ -66,7 +66,7 @@ TEST_F(Restart, LetsACallGoOn)
         next.set("From", request.field("From"))
             .set("To", accepted.field("To"))
             .set("Call-ID", request.field("Call-ID"));
-        return next.set("CSeq", cseq + " " + method).set("Route", offered.field("Record-Route"));
+        return next.set("CSeq", cseq + " " + method).set("Route", route);
     };
     caller.send(inDialog("ACK", "1"));
     EXPECT_EQ(called.receive().first, "ACK " + called.contact() + " SIP/2.0");

@@ -95,9 +95,9 @@ void Transports::call(const Way& from, const Way& to)
     }
     EXPECT_EQ(status(answer), "200 OK");
     // To the caller, the routes lead the other way round.
-    const std::size_t comma = routes.find(", ");
-    const std::string back =
-        comma == std::string::npos ? routes : routes.substr(comma + 2) + ", " + routes.substr(0, comma);
+    const std::string told = answer.field("Record-Route");
+    const std::size_t comma = told.find(", ");
+    const std::string back = comma == std::string::npos ? told : told.substr(comma + 2) + ", " + told.substr(0, comma);
     Message acknowledgement = caller.request("ACK", called.contact());
     acknowledgement.set("From", request.field("From")).set("Call-ID", request.field("Call-ID"));
     acknowledgement.set("To", accepted.field("To")).set("CSeq", "1 ACK").set("Route", back);
