@@ -87,11 +87,19 @@ std::optional<ListMember> memberOf(PresenceService& service, const Subscription&
         return std::nullopt;
     }
     notice.members.push_back(address->text());
-    member.instance = std::to_string(notice.members.size());
+    member.instance = std::to_string(std::hash<std::string>()(uri)); // the same in all documents
     member.state = textOf(view->state);
     member.reason = view->reason;
     member.document = view->document;
     return member;
+}
+
+Notice termination(const char* reason)
+{
+    Notice notice;
+    notice.state = SubscriptionState::terminated;
+    notice.reason = reason;
+    return notice;
 }
 
 Notice listNotice(PresenceService& service, const Subscription& list)
@@ -101,11 +109,14 @@ Notice listNotice(PresenceService& service, const Subscription& list)
     std::vector<std::string> uris;
     const DatabaseResult found = service.getListId(list.presentity.handle.c_str(), &id);
     if (found.getStatus() == DatabaseResult::NOTFOUND) { // it has been removed
-        notice.state = SubscriptionState::terminated;
-        notice.reason = "noresource";
-        return notice;
+        return termination("noresource");
     }
-    if (!found.okay() || !service.getListEntries(id, uris).okay()) {
+    const DatabaseResult allowed =
+        service.isWatcherAllowedToSubscribeToList(id, list.watcher.handle.c_str(), list.watcher.domain.c_str());
+    if (allowed.getStatus() == DatabaseResult::NOTFOUND) {
+        return termination("rejected");
+    }
+    if (!found.okay() || !allowed.okay() || !service.getListEntries(id, uris).okay()) {
         return failure();
     }
     std::sort(uris.begin(), uris.end()); // the database has no order, and a document without changes is the same
@@ -117,17 +128,27 @@ Notice listNotice(PresenceService& service, const Subscription& list)
         }
         members.push_back(std::move(*member));
     }
-    notice.said = 0;
     for (const ListMember& member : members) { // without the version, which is new each time
         notice.said = notice.said * 31 + std::hash<std::string>()(member.uri + member.state + member.document);
     }
-    notice.body = listBody(list.presentityUri(), static_cast<unsigned>(list.version), members);
+    notice.body = listBody(list.requestUri, static_cast<unsigned>(list.version), members);
     return notice;
 }
 
-Notice watchersNotice(const Subscription& subscription, const Occasion& occasion)
+Notice watchersNotice(PresenceService& service, const Subscription& subscription, const Occasion& occasion)
 {
+    const Address& presentity = subscription.presentity;
+    int key = 0;
+    int csid = 0;
+    const DatabaseResult found =
+        service.getPublicAddressKey(presentity.handle.c_str(), presentity.domain.c_str(), key, csid);
+    if (!found.okay()) {
+        return found.getStatus() == DatabaseResult::NOTFOUND ? termination("noresource") : failure();
+    }
     Notice notice;
+    for (const WatcherEntry& entry : occasion.watchers) { // without the version and the seconds
+        notice.said = notice.said * 31 + std::hash<std::string>()(entry.id + entry.status + entry.event);
+    }
     notice.body = {kWatchersType, watcherDocument(subscription.presentityUri(), "presence",
                                                   static_cast<unsigned>(subscription.version), occasion.watchers)};
     return notice;
@@ -143,7 +164,7 @@ Notice noticeOf(PresenceService& service, const Subscription& subscription, cons
     case Package::watchers:
         break;
     }
-    return watchersNotice(subscription, occasion);
+    return watchersNotice(service, subscription, occasion);
 }
 
 } // namespace

@@ -1,8 +1,11 @@
 #include <events/Store.h>
 
+#include <common/Database.h>
+
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <limits>
 #include <unordered_map>
@@ -33,8 +36,16 @@ bool readWatcherInfo(PresenceService& service, Subscription& subscription)
 
 } // namespace
 
-bool load(PresenceService& service, std::vector<Subscription>& subscriptions)
+bool load(const Options& options, std::vector<Subscription>& subscriptions)
 {
+    constexpr std::chrono::milliseconds kDeadline{30000};
+    SessionOptions patient = sessionOptions();
+    patient.deadline = std::max(patient.deadline, kDeadline);
+    PresenceService service;
+    service.setSessionOptions(patient);
+    if (!service.connect(options.database.c_str(), options.user.c_str(), options.password.c_str()).okay()) {
+        return false;
+    }
     std::vector<PresenceRecord> dialogs;
     std::vector<WatchersRecord> watchers;
     if (!answered(service.getIncomingSubscriptions(dialogs, "presence")) ||
