@@ -34,18 +34,8 @@ bool readWatcherInfo(PresenceService& service, Subscription& subscription)
     return true;
 }
 
-} // namespace
-
-bool load(const Options& options, std::vector<Subscription>& subscriptions)
+bool load(PresenceService& service, std::vector<Subscription>& subscriptions)
 {
-    constexpr std::chrono::milliseconds kDeadline{30000};
-    SessionOptions patient = sessionOptions();
-    patient.deadline = std::max(patient.deadline, kDeadline);
-    PresenceService service;
-    service.setSessionOptions(patient);
-    if (!service.connect(options.database.c_str(), options.user.c_str(), options.password.c_str()).okay()) {
-        return false;
-    }
     std::vector<PresenceRecord> dialogs;
     std::vector<WatchersRecord> watchers;
     if (!answered(service.getIncomingSubscriptions(dialogs, "presence")) ||
@@ -70,6 +60,21 @@ bool load(const Options& options, std::vector<Subscription>& subscriptions)
         subscriptions.push_back(std::move(*subscription));
     }
     return true;
+}
+
+} // namespace
+
+bool load(const Options& options, std::vector<Subscription>& subscriptions)
+{
+    constexpr std::chrono::milliseconds kDeadline{30000};
+    SessionOptions patient = sessionOptions();
+    patient.deadline = std::max(patient.deadline, kDeadline);
+    PresenceService service;
+    service.setSessionOptions(patient);
+    if (!service.connect(options.database.c_str(), options.user.c_str(), options.password.c_str()).okay()) {
+        return false;
+    }
+    return load(service, subscriptions);
 }
 
 bool store(PresenceService& service, const Subscription& subscription)

@@ -97,7 +97,7 @@ std::optional<Subscription> subscriptionOf(const PresenceRecord& dialog)
     const sip_from_t* const from = sip_from_make(scratch.home, dialog.fromhdr().c_str());
     const bool routes = dialog.routeset().empty() || sip_route_make(scratch.home, dialog.routeset().c_str()) != nullptr;
     if (package == kPackageIds.end() || uri == nullptr || from == nullptr || !routes ||
-        !addressOf(dialog.remotecontacthdr().c_str())) {
+        url_make(scratch.home, dialog.remotecontacthdr().c_str()) == nullptr) {
         return std::nullopt;
     }
     const std::optional<Address> presentity = addressOf(*uri);

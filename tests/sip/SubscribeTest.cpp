@@ -418,6 +418,22 @@ TEST_F(Subscribing, EndsWithTheRegistrationThatItCameFrom)
     EXPECT_EQ(bindings(), "");
 }
 
+/// As when it is refreshed in the moment between.
+TEST_F(Subscribing, StaysWithARegistrationThatIsNotTakenAway)
+{
+    sql("CREATE FUNCTION keep() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN RETURN NULL; END $$;"
+        "CREATE TRIGGER keep BEFORE DELETE ON contact FOR EACH ROW EXECUTE FUNCTION keep()");
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + bob.phone().contact() + "', '<" +
+        bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    EXPECT_TRUE(bob.phone().socket().silent(2500));
+    EXPECT_EQ(stored(), "1\n");
+}
+
 TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
 {
     allow("bob@oryx.example");
@@ -928,7 +944,7 @@ TEST_F(Subscribing, ThatCannotBeReadKeepsNobodyFromStarting)
     bob.notified();
     other.notified();
     kill();
-    sql("UPDATE subscription_states SET remotecontacthdr = 'nothing' WHERE callid = '" +
+    sql("UPDATE subscription_states SET remotecontacthdr = 'sip:bob@[::1' WHERE callid = '" +
         bob.next(600).field("Call-ID") + "'");
     startEvents();
     EXPECT_EQ(told(other.notified()), "NOTIFY active closed");
