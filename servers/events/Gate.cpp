@@ -48,19 +48,17 @@ bool Gate::passes(Incoming& request, const Address& sender, Verdict verdict) con
     case Verdict::wrong:
     case Verdict::stale:
         challenge(request, sender, verdict == Verdict::stale);
-        return false;
+        break;
     case Verdict::unknown: // of a PUBLISH the sender is the resource
-        if (request.sip().sip_request->rq_method == sip_method_publish) {
-            request.answer(SIP_404_NOT_FOUND);
-            return false;
-        }
-        [[fallthrough]];
+        request.sip().sip_request->rq_method == sip_method_publish ? request.answer(SIP_404_NOT_FOUND)
+                                                                   : request.answer(SIP_403_FORBIDDEN);
+        break;
     case Verdict::barred:
         request.answer(SIP_403_FORBIDDEN);
-        return false;
+        break;
     case Verdict::failed:
         request.answerUnavailable();
-        return false;
+        break;
     }
     return false;
 }

@@ -25,6 +25,7 @@ constexpr unsigned kMostRefusals = 5;
 /// A subscription takes some thousand bytes, ten where everything in it is as long as it may be.
 constexpr std::size_t kMostWatches = 100000;
 constexpr std::size_t kMostOfWatcher = 256;
+constexpr std::size_t kMostWatchers = 256;      // told of at once
 constexpr std::ptrdiff_t kMostToPresentity = 8; // telephones that have forgotten theirs have others still
 constexpr std::size_t kMostAtOnce = 8;
 
@@ -509,6 +510,10 @@ std::vector<WatcherEntry> Notifier::watchersOf(const std::string& presentity) co
         entries.push_back({"sip:" + subscription.watcher.text(), subscription.id.substr(subscription.id.find('#') + 1),
                            textOf(state), watch->cause, static_cast<long>(subscription.expires - now)});
     }
+    // Of very many those that the presentity has to decide about are told first.
+    std::stable_partition(entries.begin(), entries.end(),
+                          [](const WatcherEntry& entry) { return entry.status == "pending"; });
+    entries.resize(std::min(entries.size(), kMostWatchers));
     return entries;
 }
 

@@ -174,21 +174,17 @@ void Publisher::tell(Incoming& request, const Outcome& outcome)
     const std::string expires = std::to_string(answer.expires);
     switch (answer.outcome) {
     case PublishOutcome::done:
-        request.answer(SIP_200_OK, SIPTAG_ETAG_STR(answer.entityTag.c_str()), SIPTAG_EXPIRES_STR(expires.c_str()));
-        return;
+        return request.answer(SIP_200_OK, SIPTAG_ETAG_STR(answer.entityTag.c_str()),
+                              SIPTAG_EXPIRES_STR(expires.c_str()));
     case PublishOutcome::unknownPresentity:
-        request.answer(SIP_404_NOT_FOUND);
-        return;
+        return request.answer(SIP_404_NOT_FOUND);
     case PublishOutcome::inactiveSubscriber:
     case PublishOutcome::tooManyPublications:
-        request.answer(SIP_403_FORBIDDEN);
-        return;
+        return request.answer(SIP_403_FORBIDDEN);
     case PublishOutcome::conditionFailed:
-        request.answer(412, "Conditional Request Failed");
-        return;
+        return request.answer(412, "Conditional Request Failed");
     case PublishOutcome::failed:
-        request.answerUnavailable();
-        return;
+        return request.answerUnavailable();
     }
 }
 

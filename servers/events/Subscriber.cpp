@@ -365,16 +365,16 @@ bool Subscriber::passed(Incoming& request, const Answer& answer) const
         return true;
     case Outcome::unknownPresentity:
         request.answer(SIP_404_NOT_FOUND);
-        return false;
+        break;
     case Outcome::refused:
         request.answer(SIP_403_FORBIDDEN);
-        return false;
+        break;
     case Outcome::needsLists:
         request.answer(SIP_421_EXTENSION_REQUIRED, SIPTAG_REQUIRE_STR(kEventList));
-        return false;
+        break;
     case Outcome::failed:
         request.answerUnavailable();
-        return false;
+        break;
     }
     return false;
 }
