@@ -26,7 +26,7 @@ constexpr const char* kNewLine = "\r\n";
 /// Of one publication: a device has a few, and each costs time in every document that is composed.
 constexpr std::size_t kMostElements = 64;
 /// Bytes of a body; a datagram has some thousand more, for the header.
-constexpr std::size_t kLongestComposition = 48 * 1024;
+constexpr std::size_t kLongestComposition = 49152;
 
 template <auto Free>
 struct FreeBy {

@@ -98,7 +98,7 @@ private:
     using Index = std::unordered_map<std::string, std::set<Watch*>>;
 
     Watch& insert(Subscription subscription);
-    void takeOver(Watch& watch, const Subscription& refreshed);
+    static void takeOver(Watch& watch, const Subscription& refreshed);
     static void schedule(Watch& watch);
     void expire(Watch& watch);
     void want(Watch& watch, bool always);

@@ -66,7 +66,7 @@ bool load(PresenceService& service, std::vector<Subscription>& subscriptions)
 
 bool load(const Options& options, std::vector<Subscription>& subscriptions)
 {
-    constexpr std::chrono::milliseconds kDeadline{30000};
+    constexpr std::chrono::milliseconds kDeadline{10000};
     SessionOptions patient = sessionOptions();
     patient.deadline = std::max(patient.deadline, kDeadline);
     PresenceService service;

@@ -880,6 +880,35 @@ TEST_F(Subscribing, CanBeHadEightTimes)
     EXPECT_EQ(status(bob.phone().ask(bob.request("sip:bob@oryx.example"))), "200 OK");
 }
 
+TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    kill();
+    const auto copied = [&](const std::string& table, const std::string& key, int first, int last) {
+        sql("INSERT INTO " + table + " SELECT (jsonb_populate_record(NULL::" + table +
+            ", to_jsonb(one) || jsonb_build_object('" + key + "', one." + key + " || n))).* FROM (SELECT * FROM " +
+            table + " ORDER BY " + key + " LIMIT 1) one, generate_series(" + std::to_string(first) + ", " +
+            std::to_string(last) + ") n");
+    };
+    const auto another = [&] {
+        startEvents();
+        Phone phone("bob", "oryx.example", m_port);
+        Message request = phone.request("SUBSCRIBE", "sip:bob@oryx.example");
+        return status(phone.ask(request.set("Event", "presence").set("Expires", "0")));
+    };
+    copied("subscription_states", "subscriptionid", 101, 354);
+    copied("event_watchers", "watcheropaque", 101, 354);
+    EXPECT_EQ(another(), "200 OK");
+    kill();
+    copied("subscription_states", "subscriptionid", 355, 355);
+    copied("event_watchers", "watcheropaque", 355, 355);
+    EXPECT_EQ(another(), "403 Forbidden");
+}
+
 /// RFC 7616 sections 3.3 and 3.4.6: a proof for another request, and one with another's nonce.
 TEST_F(Subscribing, NeedsAProofOfItsOwn)
 {
