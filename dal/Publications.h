@@ -66,8 +66,8 @@ struct PublishAnswer {
 ///   condition has failed.
 /// - A request that is sent again after its answer was lost is answered as the first time, and takes effect once.
 /// - An initial publication and each change of a body, a removal and `removeExpiredPublications` are announced as
-/// changes
-///   of the table "publication"; its keys in the change log are the presentities', as "user@domain". A refresh is not.
+///   changes of the table "publication"; its keys in the change log are the presentities', as "user@domain". A refresh
+///   is not.
 ///
 /// What is the server's own: whether the sender may publish, the package and the type, 423 for an `expires` that is too
 /// brief, and texts that are clean (`isCleanText`, with plain statements).
@@ -115,7 +115,8 @@ struct ExpiredPublication {
 /// server calls it every few seconds. Two that do so at once do not wait for each other.
 ///
 /// Appends each presentity and package of which one has expired, once: its watchers are to be told. Okay, also when
-/// there was none; connection or query error. \ingroup publications
+/// there was none; connection or query error.
+/// \ingroup publications
 ORYX_EXPORT DatabaseResult removeExpiredPublications(PresenceService& service,
                                                      std::vector<ExpiredPublication>& expired);
 

@@ -10,9 +10,13 @@ void Changes::hear(const ChangeSet& changes)
 {
     auto news = std::make_unique<News>();
     for (const ChangedTable& table : changes.tables) {
-        news->anything = news->anything || table.name != "publication" || table.readAgain;
+        // What a domain or a subscriber is like is nobody's presence; rules and lists have one name.
+        news->anything = news->anything || table.name == "public_address" || table.name == "access_control_list" ||
+                         (table.name == "publication" && table.readAgain);
         for (const DatabaseUpdate& row : table.rows) {
-            news->presentities.insert(row.strpkey());
+            if (table.name == "publication") {
+                news->presentities.insert(row.strpkey());
+            }
         }
     }
     constexpr std::chrono::milliseconds kPause{1};

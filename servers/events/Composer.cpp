@@ -16,41 +16,6 @@ namespace {
 constexpr const char* kPresenceType = "application/pidf+xml";
 constexpr const char* kWatchersType = "application/watcherinfo+xml";
 
-/// What a watcher may know of a presentity.
-struct View {
-    SubscriptionState state = SubscriptionState::active;
-    std::string reason;
-    std::string document; // none while it is pending
-};
-
-/// None when the database could not be asked.
-std::optional<View> viewOf(PresenceService& service, const Address& presentity, const Address& watcher)
-{
-    std::vector<LivePublication> published;
-    const DatabaseResult found =
-        livePublications(service, presentity.handle.c_str(), presentity.domain.c_str(), "presence", published);
-    if (found.getStatus() == DatabaseResult::NOTFOUND) { // there is no such person, or not any more
-        return View{SubscriptionState::terminated, "noresource", ""};
-    }
-    const Permission permission = permissionOf(service, presentity, watcher);
-    if (!found.okay() || permission == Permission::unknown) {
-        return std::nullopt;
-    }
-    if (permission == Permission::blocked) {
-        return View{SubscriptionState::terminated, "rejected", ""};
-    }
-    if (permission == Permission::unsettled) {
-        return View{SubscriptionState::pending, "", ""};
-    }
-    std::vector<std::string> documents;
-    for (LivePublication& publication : published) {
-        if (permission == Permission::allowed) {
-            documents.push_back(std::move(publication.body));
-        }
-    }
-    return View{SubscriptionState::active, "", presenceDocument("sip:" + presentity.text(), documents)};
-}
-
 Notice failure()
 {
     Notice notice;
@@ -58,18 +23,42 @@ Notice failure()
     return notice;
 }
 
-Notice presenceNotice(PresenceService& service, const Subscription& subscription)
+Notice termination(const char* reason)
 {
-    const std::optional<View> view = viewOf(service, subscription.presentity, subscription.watcher);
-    if (!view) {
+    Notice notice;
+    notice.state = SubscriptionState::terminated;
+    notice.reason = reason;
+    return notice;
+}
+
+/// What a watcher may know of a presentity: no document while it is pending.
+Notice viewOf(PresenceService& service, const Address& presentity, const Address& watcher)
+{
+    std::vector<LivePublication> published;
+    const DatabaseResult found =
+        livePublications(service, presentity.handle.c_str(), presentity.domain.c_str(), "presence", published);
+    if (found.getStatus() == DatabaseResult::NOTFOUND) { // there is no such person, or not any more
+        return termination("noresource");
+    }
+    const Permission permission = permissionOf(service, presentity, watcher);
+    if (!found.okay() || permission == Permission::unknown) {
         return failure();
     }
-    Notice notice;
-    notice.state = view->state;
-    notice.reason = view->reason;
-    if (!view->document.empty()) {
-        notice.body = {kPresenceType, view->document};
+    if (permission == Permission::blocked) {
+        return termination("rejected");
     }
+    Notice notice;
+    if (permission == Permission::unsettled) {
+        notice.state = SubscriptionState::pending;
+        return notice;
+    }
+    std::vector<std::string> documents;
+    for (LivePublication& publication : published) {
+        if (permission == Permission::allowed) {
+            documents.push_back(std::move(publication.body));
+        }
+    }
+    notice.body = {kPresenceType, presenceDocument("sip:" + presentity.text(), documents)};
     return notice;
 }
 
@@ -82,15 +71,15 @@ std::optional<ListMember> memberOf(PresenceService& service, const Subscription&
     if (!address) {
         return member;
     }
-    const std::optional<View> view = viewOf(service, *address, list.watcher);
-    if (!view) {
+    const Notice view = viewOf(service, *address, list.watcher);
+    if (view.failed) {
         return std::nullopt;
     }
     notice.members.push_back(address->text());
-    member.instance = std::to_string(notice.members.size());
-    member.state = textOf(view->state);
-    member.reason = view->reason;
-    member.document = view->document;
+    member.instance = std::to_string(std::hash<std::string>()(uri)); // the same in all documents
+    member.state = textOf(view.state);
+    member.reason = view.reason;
+    member.document = view.body.text;
     return member;
 }
 
@@ -101,11 +90,14 @@ Notice listNotice(PresenceService& service, const Subscription& list)
     std::vector<std::string> uris;
     const DatabaseResult found = service.getListId(list.presentity.handle.c_str(), &id);
     if (found.getStatus() == DatabaseResult::NOTFOUND) { // it has been removed
-        notice.state = SubscriptionState::terminated;
-        notice.reason = "noresource";
-        return notice;
+        return termination("noresource");
     }
-    if (!found.okay() || !service.getListEntries(id, uris).okay()) {
+    const DatabaseResult allowed =
+        service.isWatcherAllowedToSubscribeToList(id, list.watcher.handle.c_str(), list.watcher.domain.c_str());
+    if (allowed.getStatus() == DatabaseResult::NOTFOUND) {
+        return termination("rejected");
+    }
+    if (!found.okay() || !allowed.okay() || !service.getListEntries(id, uris).okay()) {
         return failure();
     }
     std::sort(uris.begin(), uris.end()); // the database has no order, and a document without changes is the same
@@ -117,17 +109,27 @@ Notice listNotice(PresenceService& service, const Subscription& list)
         }
         members.push_back(std::move(*member));
     }
-    notice.said = 0;
     for (const ListMember& member : members) { // without the version, which is new each time
         notice.said = notice.said * 31 + std::hash<std::string>()(member.uri + member.state + member.document);
     }
-    notice.body = listBody(list.presentityUri(), static_cast<unsigned>(list.version), members);
+    notice.body = listBody(list.requestUri, static_cast<unsigned>(list.version), members);
     return notice;
 }
 
-Notice watchersNotice(const Subscription& subscription, const Occasion& occasion)
+Notice watchersNotice(PresenceService& service, const Subscription& subscription, const Occasion& occasion)
 {
+    const Address& presentity = subscription.presentity;
+    int key = 0;
+    int csid = 0;
+    const DatabaseResult found =
+        service.getPublicAddressKey(presentity.handle.c_str(), presentity.domain.c_str(), key, csid);
+    if (!found.okay()) {
+        return found.getStatus() == DatabaseResult::NOTFOUND ? termination("noresource") : failure();
+    }
     Notice notice;
+    for (const WatcherEntry& entry : occasion.watchers) { // without the version and the seconds
+        notice.said = notice.said * 31 + std::hash<std::string>()(entry.id + entry.status + entry.event);
+    }
     notice.body = {kWatchersType, watcherDocument(subscription.presentityUri(), "presence",
                                                   static_cast<unsigned>(subscription.version), occasion.watchers)};
     return notice;
@@ -137,13 +139,13 @@ Notice noticeOf(PresenceService& service, const Subscription& subscription, cons
 {
     switch (subscription.package) {
     case Package::presence:
-        return presenceNotice(service, subscription);
+        return viewOf(service, subscription.presentity, subscription.watcher);
     case Package::presenceList:
         return listNotice(service, subscription);
     case Package::watchers:
         break;
     }
-    return watchersNotice(subscription, occasion);
+    return watchersNotice(service, subscription, occasion);
 }
 
 } // namespace

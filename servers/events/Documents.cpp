@@ -6,10 +6,15 @@
 #include <utf8.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <memory>
+#include <random>
+#include <set>
+#include <utility>
 
 namespace oryx::sip {
 
@@ -18,6 +23,10 @@ namespace {
 constexpr const char* kPidf = "urn:ietf:params:xml:ns:pidf";
 constexpr const char* kDataModel = "urn:ietf:params:xml:ns:pidf:data-model"; // RFC 4479
 constexpr const char* kNewLine = "\r\n";
+/// Of one publication: a device has a few, and each costs time in every document that is composed.
+constexpr std::size_t kMostElements = 64;
+/// Bytes of a body; a datagram has some thousand more, for the header.
+constexpr std::size_t kLongestComposition = 49152;
 
 template <auto Free>
 struct FreeBy {
@@ -107,14 +116,19 @@ std::string childText(const xmlNode& node, const char* space, const char* name)
     return "";
 }
 
-/// A document's presence element; null where it is another or a tuple has no id (RFC 3863 section 4.1).
+/// A document's presence element; null where it is another, has too much, or a tuple has no id (RFC 3863 section 4.1).
 const xmlNode* presenceIn(const Document& document)
 {
     const xmlNode* const root = document ? xmlDocGetRootElement(document.get()) : nullptr;
     if (root == nullptr || !is(*root, kPidf, "presence")) {
         return nullptr;
     }
+    std::size_t elements = 0;
     for (const xmlNode* child = root->children; child != nullptr; child = child->next) {
+        elements += child->type == XML_ELEMENT_NODE ? 1 : 0;
+        if (elements > kMostElements) {
+            return nullptr;
+        }
         if (is(*child, kPidf, "tuple") && attributeOf(*child, "id").empty()) {
             return nullptr;
         }
@@ -175,6 +189,7 @@ public:
         setAttribute(root(), "entity", entity);
     }
 
+    /// The latest that are added stay, as many as a datagram has room for.
     void add(const xmlNode& presence)
     {
         for (xmlNode* child = presence.children; child != nullptr; child = child->next) {
@@ -188,7 +203,9 @@ public:
         std::stable_sort(m_parts.begin(), m_parts.end(),
                          [](const Part& one, const Part& other) { return one.place < other.place; });
         for (Part& part : m_parts) {
-            xmlAddChild(root(), part.node.release());
+            if (part.node) {
+                xmlAddChild(root(), part.node.release());
+            }
         }
         m_parts.clear();
         xmlDOMWrapReconcileNamespaces(nullptr, root(), kRemoveRedundant);
@@ -210,13 +227,15 @@ private:
         std::string id;     // as published; empty: it has none
         std::string source; // what tells it from another with that id
         std::unique_ptr<xmlNode, FreeBy<&xmlFreeNode>> node;
+        std::string taken; // the id that it has here
+        std::size_t size = 0;
     };
 
     xmlNode* root() const { return xmlDocGetRootElement(m_document.get()); }
 
     void take(xmlNode& element)
     {
-        Part part{Place::other, reinterpret_cast<const char*>(element.name), attributeOf(element, "id"), "", {}};
+        Part part{Place::other, reinterpret_cast<const char*>(element.name), attributeOf(element, "id"), "", {}, "", 0};
         part.node.reset(xmlDocCopyNode(&element, m_document.get(), 1));
         if (is(element, kPidf, "tuple")) {
             part.place = Place::tuple;
@@ -230,31 +249,43 @@ private:
     }
     void put(Part part)
     {
-        if (part.id.empty()) {
-            m_parts.push_back(std::move(part));
-            return;
+        if (!part.id.empty()) {
+            const auto [earlier, added] = m_newest.try_emplace({part.id, part.name, part.source}, m_parts.size());
+            if (!added) {
+                drop(m_parts[std::exchange(earlier->second, m_parts.size())]);
+            }
+            part.taken = freeId(part.id);
+            xmlSetProp(part.node.get(), xmlText("id"), xmlText(part.taken.c_str()));
         }
-        std::erase_if(m_parts, [&](const Part& earlier) {
-            return earlier.id == part.id && earlier.name == part.name && earlier.source == part.source;
-        });
-        xmlSetProp(part.node.get(), xmlText("id"), xmlText(freeId(part.id).c_str()));
+        part.size = written(part.node.get(), "UTF-8").size();
+        m_size += part.size;
         m_parts.push_back(std::move(part));
+        while (m_size > kLongestComposition) { // the oldest are the least of interest
+            drop(m_parts[m_oldest++]);
+        }
     }
-    std::string freeId(const std::string& wanted) const
+    void drop(Part& part)
     {
-        const auto taken = [&](const std::string& id) {
-            return std::any_of(m_parts.begin(), m_parts.end(),
-                               [&](const Part& part) { return attributeOf(*part.node, "id") == id; });
-        };
+        m_size -= std::exchange(part.size, 0);
+        m_taken.erase(std::exchange(part.taken, ""));
+        part.node.reset();
+    }
+    std::string freeId(const std::string& wanted)
+    {
         std::string id = wanted;
-        for (int number = 2; taken(id); ++number) {
-            id = wanted + "-" + std::to_string(number);
+        for (unsigned& number = m_numbers[wanted]; !m_taken.insert(id).second;) {
+            id = wanted + "-" + std::to_string(number = std::max(number + 1, 2U));
         }
         return id;
     }
 
     Document m_document;
-    std::vector<Part> m_parts;
+    std::vector<Part> m_parts; // those that were dropped among them, without their nodes
+    std::size_t m_oldest = 0;
+    std::size_t m_size = 0;
+    std::map<std::array<std::string, 3>, std::size_t> m_newest; // id, name and source to where in m_parts
+    std::set<std::string> m_taken;
+    std::map<std::string, unsigned> m_numbers; // the last that was put behind an id
 };
 
 // Lists
@@ -269,15 +300,14 @@ std::string hostIn(const std::string& uri)
     return host.empty() ? "localhost" : host;
 }
 
-/// Something that stands in none of the members' documents.
+/// Something that stands in none of the members' documents. Whoever writes one cannot know what is tried.
 std::string boundaryBetween(const std::vector<ListMember>& members)
 {
+    std::random_device random;
     std::string boundary = "oryx";
-    for (int number = 1;
-         std::any_of(members.begin(), members.end(),
-                     [&](const ListMember& member) { return member.document.find(boundary) != std::string::npos; });
-         ++number) {
-        boundary = "oryx-" + std::to_string(number);
+    const auto stands = [&](const ListMember& member) { return member.document.find(boundary) != std::string::npos; };
+    while (std::any_of(members.begin(), members.end(), stands)) {
+        boundary = "oryx-" + std::to_string(random()) + "-" + std::to_string(random());
     }
     return boundary;
 }
@@ -308,7 +338,7 @@ void addResource(xmlNode* list, const ListMember& member, const std::string& con
     if (!member.reason.empty()) {
         setAttribute(instance, "reason", member.reason);
     }
-    if (!member.document.empty()) {
+    if (!contentId.empty()) {
         setAttribute(instance, "cid", contentId);
     }
 }
@@ -378,8 +408,10 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
     std::string parts;
     for (std::size_t n = 0; n < members.size(); ++n) {
         const std::string id = std::to_string(n + 1) + idEnd;
-        addResource(root, members[n], id);
-        if (!members[n].instance.empty() && !members[n].document.empty()) {
+        const bool shown = !members[n].instance.empty() && !members[n].document.empty() &&
+                           parts.size() + members[n].document.size() <= kLongestComposition;
+        addResource(root, members[n], shown ? id : "");
+        if (shown) {
             addPart(parts, boundary, id, "application/pidf+xml;charset=\"UTF-8\"", members[n].document);
         }
     }

@@ -13,7 +13,7 @@ namespace oryx::sip {
 
 /// A published PIDF document in the form in which it is stored: of one line and in ASCII, so that it is clean in every
 /// statement, without comments. None unless it is well-formed and of RFC 3863's kind; one that has a document type, and
-/// so may have entities, is refused.
+/// so may have entities, is refused, and likewise more than 64 elements.
 std::optional<std::string> publishedDocument(std::string_view body);
 
 /// PIDF (RFC 3863) of a presentity, such as "sip:alice@oryx.example", composed of what its sources publish, the oldest
@@ -21,7 +21,7 @@ std::optional<std::string> publishedDocument(std::string_view body);
 ///
 /// All elements are taken over, with ids that are unique (RFC 4479 section 3.2). A tuple with the id and contact of one
 /// before comes from the same source and takes its place, and likewise whatever else has the id, and device, of one
-/// before.
+/// before. At most 48 KiB of them, the latest, so that a datagram can hold them.
 std::string presenceDocument(const std::string& entity, const std::vector<std::string>& published);
 
 /// A watcher of a resource (RFC 3858 section 4.3).
@@ -51,7 +51,7 @@ struct Body {
     std::string text;
 };
 /// What a list's subscriber gets: RLMI in multipart/related with its members' documents (RFC 4662 section 5), full
-/// state.
+/// state. Documents for which a datagram has no room are left out.
 Body listBody(const std::string& list, unsigned version, const std::vector<ListMember>& members);
 
 } // namespace oryx::sip

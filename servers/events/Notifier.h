@@ -7,6 +7,7 @@
 #include <events/Session.h>
 #include <events/Subscription.h>
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -22,9 +23,10 @@ namespace oryx::sip {
 /// in the database as well, in which it is looked up only after a restart.
 ///
 /// A subscriber gets one NOTIFY after another: what happens before one is answered is told by the next, all together.
+/// One that is refused for now is made again, a few times.
 class Notifier {
 public:
-    Notifier(Loop& loop, Workers<EventSession>& workers);
+    Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options);
     ~Notifier();
     Notifier(const Notifier&) = delete;
     Notifier& operator=(const Notifier&) = delete;
@@ -36,6 +38,13 @@ public:
     /// Whether that has come about: until then nobody knows what there is.
     bool resumed() const { return m_loaded; }
 
+    /// Whether there are as many subscriptions as this server is to have, 100,000.
+    bool full() const;
+    /// Whether the watcher has as many as a person may have: 256, and 8 of them to one presentity.
+    bool hasEnough(const Subscription& another) const;
+    /// Whether a request is newer than all before it in its dialog; none of before is then any more.
+    bool takeCseq(const Subscription& requested);
+
     /// Begins a subscription that is stored, with its first NOTIFY.
     void add(Subscription subscription);
     /// Sends the one NOTIFY to somebody who only fetches what is there.
@@ -45,8 +54,8 @@ public:
     /// Takes over what a refresh has changed of a subscription that has not ended, and sends a NOTIFY (RFC 6665 section
     /// 4.2.1.2).
     void refresh(const Subscription& refreshed);
-    /// Ends a subscription that has not ended, with a last NOTIFY.
-    void end(const std::string& id, const std::string& reason) { wantEnd(*m_watches.at(id), reason); }
+    /// The same, and it ends with that NOTIFY.
+    void end(const Subscription& refreshed, const std::string& reason);
 
     /// What is published of a presentity, "user@domain", has changed.
     void publicationChanged(const std::string& presentity);
@@ -74,16 +83,22 @@ private:
         bool wantedAlways = false;     ///< And even if it says nothing new.
         bool waiting = false;          ///< For its turn to be made.
         bool underWay = false;         ///< One is being made, or has not been answered.
+        bool resting = false;          ///< For a while, after what could not be done.
+        unsigned failures = 0;         ///< How often the database could not be asked, one after another.
+        unsigned refusals = 0;         ///< How many NOTIFYs were refused, one after another.
+        int newest = 0;                ///< The highest CSeq that has come.
         std::string cause;             ///< What has made the state what it is, as watcher information calls it.
         std::set<std::string> members; ///< The presentities on the list.
         nta_outgoing_t* transaction = nullptr;
         Timer expiry;
+        Timer rest;
     };
     using Watches = std::unordered_map<std::string, std::unique_ptr<Watch>>;
     /// Whom each presentity's changes concern.
     using Index = std::unordered_map<std::string, std::set<Watch*>>;
 
     Watch& insert(Subscription subscription);
+    static void takeOver(Watch& watch, const Subscription& refreshed);
     static void schedule(Watch& watch);
     void expire(Watch& watch);
     void want(Watch& watch, bool always);
@@ -92,6 +107,7 @@ private:
     void composeNext();
     void compose(Watch& watch);
     void pause();
+    static void rest(Watch& watch, std::chrono::milliseconds time);
     void take(const std::string& id, const Subscription& next, const Notice& notice);
     void takeState(Watch& watch, const Notice& notice);
     void load();
@@ -101,7 +117,8 @@ private:
     void retry();
     void send(Watch& watch, const Notice& notice);
     static int responded(void* of, nta_outgoing_t* transaction, const sip_t* sip);
-    void answered(Watch& watch, int status);
+    void answered(Watch& watch, int status, std::chrono::seconds retryAfter);
+    static void notTold(Watch& watch, std::chrono::seconds retryAfter);
     void finish(Watch& watch);
     void erase(Watch& watch);
     void watchersChanged(const Watch& watch);
@@ -109,13 +126,16 @@ private:
 
     Loop& m_loop;
     Workers<EventSession>& m_workers;
+    const Options& m_options;
     const Endpoint* m_endpoint = nullptr;
     Watches m_watches;
     Index m_watching;                  // presentity to subscriptions to his presence, by himself or by a list
     Index m_watchingWatchers;          // presentity to subscriptions to his watchers
-    std::deque<std::string> m_waiting; // those that want a NOTIFY made
+    Index m_ofWatcher;                 // watcher to his subscriptions
+    std::deque<std::string> m_new;     // those that want their first NOTIFY made
+    std::deque<std::string> m_waiting; // and those that want another
     std::size_t m_composing = 0;       // how many are being made
-    bool m_pausing = false;            // the database is away
+    bool m_pausing = false;            // the workers have no room
     Timer m_retry;
     std::function<void()> m_resumed;
     bool m_loaded = false;

@@ -5,9 +5,7 @@
 #include <common/Headers.h>
 #include <events/Documents.h>
 
-#include <algorithm>
 #include <cstring>
-#include <string_view>
 #include <utility>
 
 namespace oryx::sip {
@@ -22,21 +20,12 @@ constexpr const char* kDocumentType = "application/pidf+xml";
 
 } // namespace
 
-Publisher::Publisher(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
-                     Workers<EventSession>& workers, OnChange onChange)
-    : m_options(options),
-      m_provisioning(provisioning),
-      m_nonces(nonces),
-      m_workers(workers),
-      m_onChange(std::move(onChange))
-{
-}
-
 void Publisher::take(const std::shared_ptr<Incoming>& request)
 {
     Order order;
     if (readPresentity(*request, order) && readEvent(*request, order) && readSender(*request, order) &&
-        readEntityTag(*request, order) && readExpiry(*request, order) && readBody(*request, order)) {
+        readEntityTag(*request, order) && m_gate.readExpiry(*request, order.request.expires) &&
+        readBody(*request, order)) {
         apply(request, std::move(order));
     }
 }
@@ -50,7 +39,7 @@ bool Publisher::readPresentity(Incoming& request, Order& order) const
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }
-    if (!m_provisioning.serves(address->domain)) {
+    if (!m_gate.serves(*address)) {
         request.answer(SIP_404_NOT_FOUND);
         return false;
     }
@@ -62,8 +51,9 @@ bool Publisher::readPresentity(Incoming& request, Order& order) const
 bool Publisher::readEvent(Incoming& request, Order& order)
 {
     const sip_t& sip = request.sip();
-    if (sip.sip_require != nullptr && sip.sip_require->k_items != nullptr) {
-        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(sip.sip_require->k_items[0]));
+    const std::string unknown = unknownTags(sip.sip_require);
+    if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
         return false;
     }
     if (sip.sip_event == nullptr || std::strcmp(sip.sip_event->o_type, kPackage) != 0) {
@@ -82,15 +72,7 @@ bool Publisher::readSender(Incoming& request, Order& order) const
         request.answer(SIP_403_FORBIDDEN);
         return false;
     }
-    if (!m_options.digest) {
-        return true;
-    }
-    order.credentials.emplace();
-    if (readCredentials(request.sip().sip_authorization, m_provisioning.realm(), *order.credentials)) {
-        return true;
-    }
-    challenge(request, false);
-    return false;
+    return m_gate.readProof(request, *sender, order.credentials);
 }
 
 /// Item 3: the condition. Whether it holds, the database says.
@@ -109,22 +91,8 @@ bool Publisher::readEntityTag(Incoming& request, Order& order)
     return true;
 }
 
-/// Item 4: for how long. An end at a date, which no telephone asks for, counts as not said.
-bool Publisher::readExpiry(Incoming& request, Order& order) const
-{
-    const sip_expires_t* const asked = request.sip().sip_expires;
-    const unsigned long seconds = asked != nullptr && asked->ex_date == 0 ? asked->ex_delta : m_options.defaultExpires;
-    if (seconds > 0 && seconds < m_options.minExpires) {
-        const std::string least = std::to_string(m_options.minExpires);
-        request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
-        return false;
-    }
-    order.request.expires = static_cast<std::uint32_t>(std::min<unsigned long>(seconds, m_options.maxExpires));
-    return true;
-}
-
 /// Item 5: the body, which must be there at first and may be later. With a removal, which there is nothing for at
-/// first, it is not looked at.
+/// first, it is not looked at. What is in it, the worker reads.
 bool Publisher::readBody(Incoming& request, Order& order)
 {
     const sip_t& sip = request.sip();
@@ -146,18 +114,8 @@ bool Publisher::readBody(Incoming& request, Order& order)
         request.answer(SIP_413_REQUEST_TOO_LARGE);
         return false;
     }
-    std::optional<std::string> document =
-        publishedDocument(std::string_view(sip.sip_payload->pl_data, sip.sip_payload->pl_len));
-    if (!document) {
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    if (document->size() > kLongestPublication) {
-        request.answer(SIP_413_REQUEST_TOO_LARGE);
-        return false;
-    }
     order.request.contentType = kDocumentType;
-    order.request.body = std::move(*document);
+    order.request.body.assign(sip.sip_payload->pl_data, sip.sip_payload->pl_len);
     return true;
 }
 
@@ -166,23 +124,22 @@ void Publisher::apply(const std::shared_ptr<Incoming>& request, Order order)
 {
     const std::size_t key = order.presentity.key();
     order.request.maxPublications = kMostPublications;
-    auto then = [this, request, presentity = order.presentity.text()](const Outcome& outcome) {
-        conclude(*request, outcome);
+    auto then = [this, request, presentity = order.presentity](const Outcome& outcome) {
+        if (m_gate.passes(*request, presentity, outcome.verdict)) {
+            tell(*request, outcome);
+        }
         if (outcome.changed) {
-            m_onChange(presentity);
+            m_onChange(presentity.text());
         }
     };
-    auto work = [order = std::move(order)](EventSession& session) {
+    auto work = [order = std::move(order)](EventSession& session) mutable {
         Outcome outcome;
         if (order.credentials) {
             outcome.verdict = session.authenticate(order.presentity, *order.credentials, "PUBLISH");
         }
         if (outcome.verdict == Verdict::accepted) {
-            applyPublication(session.service(), order.presentity.handle.c_str(), order.presentity.domain.c_str(),
-                             order.request, outcome.answer);
+            publish(session.service(), order, outcome);
         }
-        outcome.changed = outcome.answer.outcome == PublishOutcome::done &&
-                          (!order.request.body.empty() || order.request.expires == 0);
         return outcome;
     };
     if (!m_workers.give(key, std::move(work), std::move(then))) {
@@ -190,54 +147,44 @@ void Publisher::apply(const std::shared_ptr<Incoming>& request, Order order)
     }
 }
 
-void Publisher::challenge(Incoming& request, bool stale) const
+void Publisher::publish(PresenceService& service, Order& order, Outcome& outcome)
 {
-    sip::challenge(request, 401, m_provisioning.realm(), m_nonces.make(), stale);
-}
-
-void Publisher::conclude(Incoming& request, const Outcome& outcome) const
-{
-    switch (outcome.verdict) {
-    case Verdict::accepted:
-        tell(request, outcome.answer);
-        return;
-    case Verdict::wrong:
-    case Verdict::stale:
-        challenge(request, outcome.verdict == Verdict::stale);
-        return;
-    case Verdict::unknown:
-        request.answer(SIP_404_NOT_FOUND);
-        return;
-    case Verdict::barred:
-        request.answer(SIP_403_FORBIDDEN);
-        return;
-    case Verdict::failed:
-        request.answerUnavailable();
-        return;
+    PublishRequest& request = order.request;
+    if (!request.body.empty()) {
+        std::optional<std::string> document = publishedDocument(request.body);
+        if (!document || document->size() > kLongestPublication) {
+            outcome.refusal = document ? 413 : 400;
+            return;
+        }
+        request.body = std::move(*document);
     }
+    applyPublication(service, order.presentity.handle.c_str(), order.presentity.domain.c_str(), request,
+                     outcome.answer);
+    outcome.changed = outcome.answer.outcome == PublishOutcome::done && (!request.body.empty() || request.expires == 0);
 }
 
 /// Item 6, and what it was refused for.
-void Publisher::tell(Incoming& request, const PublishAnswer& answer)
+void Publisher::tell(Incoming& request, const Outcome& outcome)
 {
+    if (outcome.refusal != 0) {
+        request.answer(outcome.refusal, sip_status_phrase(outcome.refusal));
+        return;
+    }
+    const PublishAnswer& answer = outcome.answer;
     const std::string expires = std::to_string(answer.expires);
     switch (answer.outcome) {
     case PublishOutcome::done:
-        request.answer(SIP_200_OK, SIPTAG_ETAG_STR(answer.entityTag.c_str()), SIPTAG_EXPIRES_STR(expires.c_str()));
-        return;
+        return request.answer(SIP_200_OK, SIPTAG_ETAG_STR(answer.entityTag.c_str()),
+                              SIPTAG_EXPIRES_STR(expires.c_str()));
     case PublishOutcome::unknownPresentity:
-        request.answer(SIP_404_NOT_FOUND);
-        return;
+        return request.answer(SIP_404_NOT_FOUND);
     case PublishOutcome::inactiveSubscriber:
     case PublishOutcome::tooManyPublications:
-        request.answer(SIP_403_FORBIDDEN);
-        return;
+        return request.answer(SIP_403_FORBIDDEN);
     case PublishOutcome::conditionFailed:
-        request.answer(412, "Conditional Request Failed");
-        return;
+        return request.answer(412, "Conditional Request Failed");
     case PublishOutcome::failed:
-        request.answerUnavailable();
-        return;
+        return request.answerUnavailable();
     }
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <common/Endpoint.h>
 #include <common/Workers.h>
+#include <events/Gate.h>
 #include <events/Session.h>
 
 #include <dal/Publications.h>
@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace oryx::sip {
 
@@ -19,8 +20,10 @@ public:
     /// Gets the presentity, "user@domain", whose document has changed.
     using OnChange = std::function<void(const std::string& presentity)>;
 
-    Publisher(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
-              Workers<EventSession>& workers, OnChange onChange);
+    Publisher(const Gate& gate, Workers<EventSession>& workers, OnChange onChange)
+        : m_gate(gate), m_workers(workers), m_onChange(std::move(onChange))
+    {
+    }
 
     void take(const std::shared_ptr<Incoming>& request);
 
@@ -35,22 +38,19 @@ private:
         Verdict verdict = Verdict::accepted;
         PublishAnswer answer;
         bool changed = false; ///< What watchers see.
+        int refusal = 0;      ///< The status, where the body is none that can be published.
     };
 
     bool readPresentity(Incoming& request, Order& order) const;
     static bool readEvent(Incoming& request, Order& order);
     bool readSender(Incoming& request, Order& order) const;
     static bool readEntityTag(Incoming& request, Order& order);
-    bool readExpiry(Incoming& request, Order& order) const;
     static bool readBody(Incoming& request, Order& order);
     void apply(const std::shared_ptr<Incoming>& request, Order order);
-    void challenge(Incoming& request, bool stale) const;
-    void conclude(Incoming& request, const Outcome& outcome) const;
-    static void tell(Incoming& request, const PublishAnswer& answer);
+    static void publish(PresenceService& service, Order& order, Outcome& outcome);
+    static void tell(Incoming& request, const Outcome& outcome);
 
-    const Options& m_options;
-    const Provisioning& m_provisioning;
-    const Nonces& m_nonces;
+    const Gate& m_gate;
     Workers<EventSession>& m_workers;
     OnChange m_onChange;
 };

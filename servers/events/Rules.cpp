@@ -1,6 +1,7 @@
 #include <events/Rules.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,10 +35,14 @@ Permission permissionOf(PresenceService& service, const Address& presentity, con
         return Permission::unknown;
     }
     for (const std::string& requester : {watcher.text(), "*@" + watcher.domain, std::string("*")}) {
-        const auto rule = std::find_if(rules.begin(), rules.end(),
-                                       [&](const AccessControlEntry& entry) { return entry.requester() == requester; });
-        if (rule != rules.end()) {
-            return permissionBy(rule->action());
+        std::optional<Permission> strictest; // of rules that contradict each other
+        for (const AccessControlEntry& rule : rules) {
+            if (rule.requester() == requester) {
+                strictest = std::max(strictest, std::optional(permissionBy(rule.action())));
+            }
+        }
+        if (strictest) {
+            return *strictest;
         }
     }
     return Permission::unsettled;

@@ -6,7 +6,7 @@
 
 namespace oryx::sip {
 
-/// What a watcher is granted.
+/// What a watcher is granted, the strictest last.
 enum class Permission {
     allowed,
     unsettled, ///< the presentity has not decided: pending until he does (RFC 3856 section 6.6)
@@ -17,8 +17,8 @@ enum class Permission {
 
 /// What the rules for presence say of a watcher: the presentity's own, or by the fall-backs of `getAccessControlList`
 /// those of his name in any domain, or those of the nodes. Among them the watcher's own rule goes before one for
-/// everybody in his domain ("*@domain"), and that before one for everybody ("*"). Whoever no rule is for is unsettled.
-/// A presentity may always watch himself.
+/// everybody in his domain ("*@domain"), and that before one for everybody ("*"); of two for the same the stricter
+/// holds. Whoever no rule is for is unsettled. A presentity may always watch himself.
 Permission permissionOf(PresenceService& service, const Address& presentity, const Address& watcher);
 
 } // namespace oryx::sip

@@ -1,8 +1,11 @@
 #include <events/Store.h>
 
+#include <common/Database.h>
+
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <limits>
 #include <unordered_map>
@@ -31,8 +34,6 @@ bool readWatcherInfo(PresenceService& service, Subscription& subscription)
     return true;
 }
 
-} // namespace
-
 bool load(PresenceService& service, std::vector<Subscription>& subscriptions)
 {
     std::vector<PresenceRecord> dialogs;
@@ -59,6 +60,21 @@ bool load(PresenceService& service, std::vector<Subscription>& subscriptions)
         subscriptions.push_back(std::move(*subscription));
     }
     return true;
+}
+
+} // namespace
+
+bool load(const Options& options, std::vector<Subscription>& subscriptions)
+{
+    constexpr std::chrono::milliseconds kDeadline{10000};
+    SessionOptions patient = sessionOptions();
+    patient.deadline = std::max(patient.deadline, kDeadline);
+    PresenceService service;
+    service.setSessionOptions(patient);
+    if (!service.connect(options.database.c_str(), options.user.c_str(), options.password.c_str()).okay()) {
+        return false;
+    }
+    return load(service, subscriptions);
 }
 
 bool store(PresenceService& service, const Subscription& subscription)

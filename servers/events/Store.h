@@ -1,5 +1,6 @@
 #pragma once
 
+#include <common/Options.h>
 #include <events/Subscription.h>
 
 #include <dal/PresenceService.h>
@@ -13,8 +14,9 @@
 
 namespace oryx::sip {
 
-/// All that are stored, those that have expired among them.
-bool load(PresenceService& service, std::vector<Subscription>& subscriptions);
+/// All that are stored, those that have expired among them; by a session of its own, that waits longer than requests
+/// do.
+bool load(const Options& options, std::vector<Subscription>& subscriptions);
 /// Stores a new one.
 bool store(PresenceService& service, const Subscription& subscription);
 /// Stores what a refresh has changed: contact, CSeq and expiry.

@@ -70,12 +70,6 @@ std::string subscriptionId(const char* tag)
 
 } // namespace
 
-Subscriber::Subscriber(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
-                       Workers<EventSession>& workers, Notifier& notifier)
-    : m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers), m_notifier(notifier)
-{
-}
-
 void Subscriber::take(const std::shared_ptr<Incoming>& request)
 {
     Order order;
@@ -83,10 +77,11 @@ void Subscriber::take(const std::shared_ptr<Incoming>& request)
     if (!understands(*request) || !readPackage(*request, order)) {
         return;
     }
-    if (known && readKnown(*request, order) && readExpiry(*request, order) && readSender(*request, order)) {
+    if (known && readKnown(*request, order) && m_gate.readExpiry(*request, order.expires) &&
+        readSender(*request, order) && isNext(*request, order)) {
         refresh(request, std::move(order));
-    } else if (!known && readExpiry(*request, order) && readParties(*request, order) && readDialog(*request, order) &&
-               readSender(*request, order)) {
+    } else if (!known && m_gate.readExpiry(*request, order.expires) && readParties(*request, order) &&
+               readDialog(*request, order) && readSender(*request, order) && findsRoom(*request, order)) {
         begin(request, std::move(order));
     }
 }
@@ -95,12 +90,10 @@ void Subscriber::take(const std::shared_ptr<Incoming>& request)
 bool Subscriber::understands(Incoming& request)
 {
     const sip_t& sip = request.sip();
-    const msg_param_t* items = sip.sip_require != nullptr ? sip.sip_require->k_items : nullptr;
-    for (; items != nullptr && *items != nullptr; ++items) {
-        if (su_casematch(*items, kEventList) == 0) {
-            request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(*items));
-            return false;
-        }
+    const std::string unknown = unknownTags(sip.sip_require, kEventList);
+    if (!unknown.empty()) {
+        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
+        return false;
     }
     if (sip.sip_payload != nullptr && sip.sip_payload->pl_len > 0) {
         request.answer(SIP_415_UNSUPPORTED_MEDIA, SIPTAG_ACCEPT_STR(""));
@@ -132,23 +125,6 @@ bool Subscriber::readPackage(Incoming& request, Order& order)
     return true;
 }
 
-/// A brief expiry is refused, a long one shortened (section 4.2.1.1).
-bool Subscriber::readExpiry(Incoming& request, Order& order) const
-{
-    const sip_expires_t* const said = request.sip().sip_expires;
-    order.expires = m_options.defaultExpires;
-    if (said != nullptr && said->ex_date == 0) {
-        order.expires = static_cast<std::uint32_t>(std::min<unsigned long>(said->ex_delta, m_options.maxExpires));
-    }
-    if (order.expires > 0 && order.expires < m_options.minExpires) {
-        const std::string least = std::to_string(m_options.minExpires);
-        request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
-        return false;
-    }
-    order.subscription.expires = std::time(nullptr) + static_cast<std::time_t>(order.expires);
-    return true;
-}
-
 /// Who wants to know about whom.
 bool Subscriber::readParties(Incoming& request, Order& order) const
 {
@@ -159,10 +135,11 @@ bool Subscriber::readParties(Incoming& request, Order& order) const
         request.answer(SIP_400_BAD_REQUEST);
         return false;
     }
-    if (!m_provisioning.serves(presentity->domain)) {
+    if (!m_gate.serves(*presentity)) {
         request.answer(SIP_403_FORBIDDEN);
         return false;
     }
+    order.list = listNameIn(*sip.sip_request->rq_url);
     order.subscription.presentity = std::move(*presentity);
     order.subscription.watcher = std::move(*watcher);
     return true;
@@ -201,13 +178,8 @@ bool Subscriber::readKnown(Incoming& request, Order& order) const
 {
     const sip_t& sip = request.sip();
     const Subscription* const known = m_notifier.find(subscriptionId(sip.sip_to->a_tag));
-    const std::string event = std::exchange(order.subscription.event, "");
-    if (known == nullptr || !isOf(*known, sip) || known->event != event) {
+    if (known == nullptr || !isOf(*known, sip)) {
         request.answer(SIP_481_NO_TRANSACTION);
-        return false;
-    }
-    if (sip.sip_cseq->cs_seq <= static_cast<std::uint32_t>(known->subscribeCseq)) { // RFC 3261 section 12.2.2
-        request.answer(500, "Request Is Out of Order");
         return false;
     }
     order.subscription = *known;
@@ -226,19 +198,36 @@ bool Subscriber::readKnown(Incoming& request, Order& order) const
 /// Who sends it must prove it, if proof is asked for; who is of elsewhere has none.
 bool Subscriber::readSender(Incoming& request, Order& order) const
 {
-    if (!m_options.digest) {
-        return true;
-    }
-    if (!m_provisioning.serves(order.subscription.watcher.domain)) {
+    const Address& watcher = order.subscription.watcher;
+    if (m_gate.asksForProof() && !m_gate.serves(watcher)) {
         request.answer(SIP_403_FORBIDDEN);
         return false;
     }
-    order.credentials.emplace();
-    if (readCredentials(request.sip().sip_authorization, m_provisioning.realm(), *order.credentials)) {
-        return true;
+    return m_gate.readProof(request, watcher, order.credentials);
+}
+
+/// Nobody fills this server's memory, nor has it send as much as he likes.
+bool Subscriber::findsRoom(Incoming& request, const Order& order) const
+{
+    if (m_notifier.full()) {
+        request.answerUnavailable();
+        return false;
     }
-    challenge(request, 401, m_provisioning.realm(), m_nonces.make(), false);
-    return false;
+    if (m_notifier.hasEnough(order.subscription)) {
+        request.answer(SIP_403_FORBIDDEN);
+        return false;
+    }
+    return true;
+}
+
+/// RFC 3261 section 12.2.2.
+bool Subscriber::isNext(Incoming& request, const Order& order) const
+{
+    if (!m_notifier.takeCseq(order.subscription)) {
+        request.answer(500, "Request Is Out of Order");
+        return false;
+    }
+    return true;
 }
 
 /// Has `work(service, order, subscription)` done for the sender if he is who he says he is, and `then(subscription)`
@@ -246,6 +235,7 @@ bool Subscriber::readSender(Incoming& request, Order& order) const
 template <typename Work, typename Then>
 void Subscriber::give(const std::shared_ptr<Incoming>& request, Order order, Work work, Then then)
 {
+    order.subscription.expires = std::time(nullptr) + static_cast<std::time_t>(order.expires);
     const std::size_t key = order.subscription.watcher.key();
     auto judge = [order = std::move(order), work](EventSession& session) {
         Answer answer;
@@ -328,7 +318,7 @@ Subscriber::Outcome Subscriber::acceptWatcher(PresenceService& service, Subscrip
 Subscriber::Outcome Subscriber::acceptList(PresenceService& service, const Order& order, Subscription& subscription)
 {
     int id = 0;
-    const DatabaseResult found = service.getListId(subscription.presentity.handle.c_str(), &id);
+    const DatabaseResult found = service.getListId(order.list.c_str(), &id);
     if (!found.okay()) {
         return found.getStatus() == DatabaseResult::NOTFOUND ? Outcome::unknownPresentity : Outcome::failed;
     }
@@ -338,6 +328,7 @@ Subscriber::Outcome Subscriber::acceptList(PresenceService& service, const Order
         return allowed.getStatus() == DatabaseResult::NOTFOUND ? Outcome::refused : Outcome::failed;
     }
     subscription.package = Package::presenceList;
+    subscription.presentity.handle = order.list;
     subscription.state = SubscriptionState::active;
     return order.lists ? Outcome::accepted : Outcome::needsLists;
 }
@@ -358,7 +349,7 @@ void Subscriber::refresh(const std::shared_ptr<Incoming>& request, Order order)
         if (expires > 0) {
             m_notifier.refresh(subscription);
         } else {
-            m_notifier.end(subscription.id, "timeout");
+            m_notifier.end(subscription, "timeout");
         }
     });
 }
@@ -366,12 +357,7 @@ void Subscriber::refresh(const std::shared_ptr<Incoming>& request, Order order)
 /// False when the request has been answered.
 bool Subscriber::passed(Incoming& request, const Answer& answer) const
 {
-    if (answer.verdict == Verdict::wrong || answer.verdict == Verdict::stale) {
-        challenge(request, 401, m_provisioning.realm(), m_nonces.make(), answer.verdict == Verdict::stale);
-        return false;
-    }
-    if (answer.verdict == Verdict::unknown || answer.verdict == Verdict::barred) {
-        request.answer(SIP_403_FORBIDDEN);
+    if (!m_gate.passes(request, answer.subscription.watcher, answer.verdict)) {
         return false;
     }
     switch (answer.outcome) {
@@ -379,16 +365,16 @@ bool Subscriber::passed(Incoming& request, const Answer& answer) const
         return true;
     case Outcome::unknownPresentity:
         request.answer(SIP_404_NOT_FOUND);
-        return false;
+        break;
     case Outcome::refused:
         request.answer(SIP_403_FORBIDDEN);
-        return false;
+        break;
     case Outcome::needsLists:
         request.answer(SIP_421_EXTENSION_REQUIRED, SIPTAG_REQUIRE_STR(kEventList));
-        return false;
+        break;
     case Outcome::failed:
         request.answerUnavailable();
-        return false;
+        break;
     }
     return false;
 }

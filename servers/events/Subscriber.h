@@ -1,13 +1,13 @@
 #pragma once
 
-#include <common/Digest.h>
-#include <common/Endpoint.h>
 #include <common/Workers.h>
+#include <events/Gate.h>
 #include <events/Notifier.h>
 #include <events/Session.h>
 
 #include <memory>
 #include <optional>
+#include <string>
 
 namespace oryx::sip {
 
@@ -17,8 +17,10 @@ constexpr const char* kAllowEvents = "presence, presence.winfo";
 /// Answers SUBSCRIBE requests (RFC 6665 section 4.2.1).
 class Subscriber {
 public:
-    Subscriber(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
-               Workers<EventSession>& workers, Notifier& notifier);
+    Subscriber(const Gate& gate, Workers<EventSession>& workers, Notifier& notifier)
+        : m_gate(gate), m_workers(workers), m_notifier(notifier)
+    {
+    }
 
     void take(const std::shared_ptr<Incoming>& request);
 
@@ -29,6 +31,7 @@ private:
         std::optional<Credentials> credentials;
         std::uint32_t expires = 0;
         bool lists = false; ///< Whether the subscriber knows what a list is.
+        std::string list;   ///< Which, if it is one.
     };
     enum class Outcome {
         accepted,
@@ -45,10 +48,11 @@ private:
 
     static bool understands(Incoming& request);
     static bool readPackage(Incoming& request, Order& order);
-    bool readExpiry(Incoming& request, Order& order) const;
     bool readParties(Incoming& request, Order& order) const;
     static bool readDialog(Incoming& request, Order& order);
     bool readSender(Incoming& request, Order& order) const;
+    bool findsRoom(Incoming& request, const Order& order) const;
+    bool isNext(Incoming& request, const Order& order) const;
     void begin(const std::shared_ptr<Incoming>& request, Order order);
     bool readKnown(Incoming& request, Order& order) const;
     void refresh(const std::shared_ptr<Incoming>& request, Order order);
@@ -60,9 +64,7 @@ private:
     bool passed(Incoming& request, const Answer& answer) const;
     static void conclude(Incoming& request, const Subscription& subscription, std::uint32_t expires);
 
-    const Options& m_options;
-    const Provisioning& m_provisioning;
-    const Nonces& m_nonces;
+    const Gate& m_gate;
     Workers<EventSession>& m_workers;
     Notifier& m_notifier;
 };

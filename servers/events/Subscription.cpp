@@ -23,7 +23,7 @@ struct Scratch {
 
 bool samePart(const char* left, const char* right)
 {
-    return left != nullptr && right != nullptr && std::strcmp(left, right) == 0;
+    return std::strcmp(left != nullptr ? left : "", right != nullptr ? right : "") == 0;
 }
 
 } // namespace
@@ -34,12 +34,21 @@ const char* textOf(SubscriptionState state)
     return kTexts.at(static_cast<std::size_t>(state));
 }
 
+std::string listNameIn(const url_t& uri)
+{
+    std::vector<char> name(uri.url_user != nullptr ? std::strlen(uri.url_user) + 1 : 1);
+    url_unescape(name.data(), uri.url_user != nullptr ? uri.url_user : "");
+    return name.data();
+}
+
 bool isOf(const Subscription& subscription, const sip_t& request)
 {
     Scratch scratch;
     const sip_from_t* const from = sip_from_make(scratch.home, subscription.from.c_str());
-    return from != nullptr && samePart(from->a_tag, request.sip_from->a_tag) &&
-           subscription.callId == request.sip_call_id->i_id;
+    const sip_event_t* const event = sip_event_make(scratch.home, subscription.event.c_str());
+    return from != nullptr && from->a_tag != nullptr && samePart(from->a_tag, request.sip_from->a_tag) &&
+           subscription.callId == request.sip_call_id->i_id && event != nullptr && request.sip_event != nullptr &&
+           samePart(event->o_type, request.sip_event->o_type) && samePart(event->o_id, request.sip_event->o_id);
 }
 
 PresenceRecord dialogOf(const Subscription& subscription)
@@ -86,7 +95,9 @@ std::optional<Subscription> subscriptionOf(const PresenceRecord& dialog)
     Scratch scratch;
     const url_t* const uri = url_make(scratch.home, dialog.requestUri().c_str());
     const sip_from_t* const from = sip_from_make(scratch.home, dialog.fromhdr().c_str());
-    if (package == kPackageIds.end() || uri == nullptr || from == nullptr) {
+    const bool routes = dialog.routeset().empty() || sip_route_make(scratch.home, dialog.routeset().c_str()) != nullptr;
+    if (package == kPackageIds.end() || uri == nullptr || from == nullptr || !routes ||
+        url_make(scratch.home, dialog.remotecontacthdr().c_str()) == nullptr) {
         return std::nullopt;
     }
     const std::optional<Address> presentity = addressOf(*uri);
@@ -99,6 +110,9 @@ std::optional<Subscription> subscriptionOf(const PresenceRecord& dialog)
     read.package = static_cast<Package>(package - kPackageIds.begin());
     read.presentity = *presentity;
     read.watcher = *watcher;
+    if (read.package == Package::presenceList) {
+        read.presentity.handle = listNameIn(*uri);
+    }
     read.from = dialog.fromhdr();
     read.to = dialog.tohdr();
     read.callId = dialog.callId();

@@ -48,7 +48,9 @@ struct Subscription {
     std::string presentityUri() const { return "sip:" + presentity.text(); }
 };
 
-/// Whether a tag is that of the other end of the dialog, and likewise the Call-ID; nobody else's requests belong to it.
+/// The name of a list: a URI's user as it was sent, its escapes read (RFC 3986 section 6.2.2.1 keeps its case).
+std::string listNameIn(const url_t& uri);
+/// Whether a request is of the subscription's dialog, by tag and Call-ID, and of its event (RFC 6665 section 8.2.1).
 bool isOf(const Subscription& subscription, const sip_t& request);
 
 /// A subscription's rows.

@@ -4,6 +4,7 @@
 
 #include <dal/Publications.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +26,23 @@ std::string contactUri(const std::string& header)
     std::string uri = contact != nullptr ? normalized(*contact->m_url) : "";
     su_home_deinit(home);
     return uri;
+}
+
+/// Whether what had expired has been registered again before it could be taken away.
+bool isThereAgain(PresenceService& service, const ExtendedContactRecord& expired)
+{
+    int key = 0;
+    int csid = 0;
+    std::string ordering;
+    bool replaces = false;
+    std::vector<ContactRecord> contacts;
+    const bool found =
+        service.getPublicAddressKey(expired.handle().c_str(), expired.domain().c_str(), key, csid).okay() &&
+        service.lookupContacts(csid, ordering, replaces, contacts).okay();
+    const std::string uri = contactUri(expired.contactHeader());
+    return found && std::any_of(contacts.begin(), contacts.end(), [&](const ContactRecord& contact) {
+               return contactUri(contact.contactHeader()) == uri;
+           });
 }
 
 } // namespace
@@ -54,7 +72,9 @@ Sweeper::Swept Sweeper::sweep(PresenceService& service)
     std::vector<ExtendedContactRecord> expired;
     service.flushExpiredContacts(expired);
     for (const ExtendedContactRecord& contact : expired) {
-        swept.contacts.emplace_back(contact.handle() + "@" + contact.domain(), contactUri(contact.contactHeader()));
+        if (!isThereAgain(service, contact)) {
+            swept.contacts.emplace_back(contact.handle() + "@" + contact.domain(), contactUri(contact.contactHeader()));
+        }
     }
     return swept;
 }

@@ -5,6 +5,7 @@
 #include <common/Server.h>
 #include <common/Workers.h>
 #include <events/Changes.h>
+#include <events/Gate.h>
 #include <events/Notifier.h>
 #include <events/Publisher.h>
 #include <events/Subscriber.h>
@@ -27,16 +28,22 @@ void run(Loop& loop, const Options& options, int signals)
     Changes changes;
     const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
     std::optional<Notifier> notifier;
+    std::optional<Sweeper> sweeper;
     std::optional<Workers<EventSession>> workers;
     workers.emplace(
         loop, metrics, options.workers, [&] { return std::make_unique<EventSession>(options, provisioning, nonces); },
-        [&] { notifier->resume(&tellReady); });
-    notifier.emplace(loop, *workers);
-    Subscriber subscriber(options, provisioning, nonces, *workers, *notifier);
-    Publisher publisher(options, provisioning, nonces, *workers,
+        [&] {
+            notifier->resume([&] {
+                sweeper->start(); // of what it takes away nobody hears again
+                tellReady();
+            });
+        });
+    notifier.emplace(loop, *workers, options);
+    sweeper.emplace(loop, *workers, *notifier);
+    Gate gate(options, provisioning, nonces);
+    Subscriber subscriber(gate, *workers, *notifier);
+    Publisher publisher(gate, *workers,
                         [&](const std::string& presentity) { notifier->publicationChanged(presentity); });
-    Sweeper sweeper(loop, *workers, *notifier);
-    sweeper.start();
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
         if (method == sip_method_options) {
@@ -54,6 +61,7 @@ void run(Loop& loop, const Options& options, int signals)
     };
     Endpoint endpoint(loop, metrics, options.listen, take, [](const Message&, const sip_t&) {});
     notifier->setEndpoint(endpoint);
+    gate.setEndpoint(endpoint);
     std::optional<MetricsPage> page;
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);

@@ -109,4 +109,30 @@ TEST_F(Outage, AtTheBeginningIsWaitedFor)
     EXPECT_EQ(registers(), "200 OK");
 }
 
+/// RFC 6665 section 4.2.2: what was stored is told when the database is there again.
+TEST_F(Outage, EndsNoSubscription)
+{
+    startEvents();
+    Phone bob("bob", "oryx.example", m_port);
+    const auto subscribes = [&] {
+        Message request = bob.request("SUBSCRIBE", bob.address());
+        return bob.ask(request.set("Event", "presence").set("Expires", "600"));
+    };
+    const auto told = [&](const std::string& what) {
+        const Message notify = bob.receive(10000);
+        bob.send(bob.response(notify, 200, "OK"));
+        return notify.body.find(what) != std::string::npos ? notify.field("CSeq") : notify.text();
+    };
+    EXPECT_EQ(status(subscribes()), "200 OK");
+    EXPECT_EQ(told("<basic>closed</basic>"), "1 NOTIFY");
+    m_control.stop("immediate");
+    EXPECT_EQ(status(subscribes()), "503 Service Unavailable");
+    m_control.start();
+    m_session = server::Session(m_database.name());
+    sql("SELECT apply_publication('bob', 'oryx.example', 'presence', '', 'tag', 600, 'application/pidf+xml',"
+        " '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"sip:bob@oryx.example\"><tuple id=\"t\"><status>"
+        "<basic>open</basic></status></tuple></presence>', 0)");
+    EXPECT_EQ(told("<basic>open</basic>"), "2 NOTIFY");
+}
+
 } // namespace

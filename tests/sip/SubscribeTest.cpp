@@ -418,6 +418,22 @@ TEST_F(Subscribing, EndsWithTheRegistrationThatItCameFrom)
     EXPECT_EQ(bindings(), "");
 }
 
+/// As when it is refreshed in the moment between.
+TEST_F(Subscribing, StaysWithARegistrationThatIsNotTakenAway)
+{
+    sql("CREATE FUNCTION keep() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN RETURN NULL; END $$;"
+        "CREATE TRIGGER keep BEFORE DELETE ON contact FOR EACH ROW EXECUTE FUNCTION keep()");
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + bob.phone().contact() + "', '<" +
+        bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    EXPECT_TRUE(bob.phone().socket().silent(2500));
+    EXPECT_EQ(stored(), "1\n");
+}
+
 TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
 {
     allow("bob@oryx.example");
@@ -647,11 +663,12 @@ TEST_F(Subscribing, IsPutOffWhileTheDatabaseDoesNotAnswer)
 TEST_F(Subscribing, IsToldWhoeverElseIs)
 {
     constexpr int kWatchers = 100;
-    allow("bob@oryx.example");
+    allow("*");
     startEvents();
     Watcher bob("bob", m_port);
     for (int n = 0; n < kWatchers; ++n) {
-        EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+        const std::string another = "sip:watcher" + std::to_string(n) + "@oryx.example";
+        EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("From", "<" + another + ">;tag=1"))), "200 OK");
         EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
     }
     const auto toldAll = [&] {
@@ -778,6 +795,284 @@ TEST_F(Subscribing, IsServedAfterAnyNumberOfMangledRequests)
     EXPECT_EQ(status(alice.subscribe(request)), "200 OK");
     EXPECT_EQ(told(alice.notified()), "NOTIFY active closed");
     EXPECT_EQ(stop(), 0);
+}
+
+/// RFC 6665 section 4.2.2: what was refused for now was not told.
+TEST_F(Subscribing, IsToldAgainWhatItCouldNotTake)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    EXPECT_EQ(told(bob.notified(503)), "NOTIFY active closed");
+    const Message again = bob.notified(401);
+    EXPECT_EQ(told(again), "NOTIFY active closed");
+    EXPECT_EQ(again.field("CSeq"), "2 NOTIFY");
+    EXPECT_EQ(bob.notified().field("CSeq"), "3 NOTIFY");
+    EXPECT_TRUE(bob.silent());
+}
+
+TEST_F(Subscribing, IsToldAgainWhenTheRefusalSays)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    Message refusal = bob.phone().response(bob.phone().receive(), 503, "No");
+    bob.phone().send(refusal.set("Retry-After", "2"));
+    EXPECT_TRUE(bob.phone().socket().silent(1700));
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+}
+
+/// RFC 6665 section 4.4.1: a refresh of a telephone that has moved while it was told something.
+TEST_F(Subscribing, GoesOnAtItsNewContactWhateverTheOldOneSays)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    const Message old = bob.phone().receive();
+    Phone second("bob", "oryx.example", m_port);
+    EXPECT_EQ(status(bob.phone().ask(bob.next(600).set("Contact", "<" + second.contact() + ">"))), "200 OK");
+    const Message notify = second.receive();
+    EXPECT_EQ(notify.first, "NOTIFY " + second.contact() + " SIP/2.0");
+    EXPECT_EQ(told(notify), "NOTIFY active closed");
+    bob.phone().send(bob.phone().response(old, 481, "No"));
+    second.send(second.response(notify, 200, "OK"));
+    EXPECT_TRUE(second.socket().silent());
+    EXPECT_EQ(stored(), "1\n");
+    Phone third("bob", "oryx.example", m_port);
+    EXPECT_EQ(status(bob.phone().ask(bob.next(0).set("Contact", "<" + third.contact() + ">"))), "200 OK");
+    EXPECT_EQ(told(third.receive()), "NOTIFY terminated;reason=timeout closed");
+}
+
+/// RFC 3261 section 12.2.2: by when they come, not by when they are done.
+TEST_F(Subscribing, IsNotRefreshedByAnOlderRequestWhileTheNewerIsStored)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    const Message newer = bob.next(600);
+    const Message older = bob.next(300).set("CSeq", newer.field("CSeq"));
+    bob.phone().send(newer);
+    bob.phone().send(older);
+    EXPECT_EQ(bob.phone().receive(400).first, "SIP/2.0 500 Request Is Out of Order");
+    holder.run("COMMIT");
+}
+
+/// Nobody fills the server's memory.
+TEST_F(Subscribing, CanBeHadEightTimes)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < 8; ++n) {
+        EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+        bob.notified();
+    }
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "403 Forbidden");
+    Watcher alice("alice", m_port);
+    EXPECT_EQ(status(alice.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(status(bob.phone().ask(bob.request("sip:bob@oryx.example"))), "200 OK");
+}
+
+TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    kill();
+    const auto copied = [&](const std::string& table, const std::string& key, int first, int last) {
+        sql("INSERT INTO " + table + " SELECT (jsonb_populate_record(NULL::" + table +
+            ", to_jsonb(one) || jsonb_build_object('" + key + "', one." + key + " || n))).* FROM (SELECT * FROM " +
+            table + " ORDER BY " + key + " LIMIT 1) one, generate_series(" + std::to_string(first) + ", " +
+            std::to_string(last) + ") n");
+    };
+    const auto another = [&] {
+        startEvents();
+        Phone phone("bob", "oryx.example", m_port);
+        Message request = phone.request("SUBSCRIBE", "sip:bob@oryx.example");
+        return status(phone.ask(request.set("Event", "presence").set("Expires", "0")));
+    };
+    copied("subscription_states", "subscriptionid", 101, 354);
+    copied("event_watchers", "watcheropaque", 101, 354);
+    EXPECT_EQ(another(), "200 OK");
+    kill();
+    copied("subscription_states", "subscriptionid", 355, 355);
+    copied("event_watchers", "watcheropaque", 355, 355);
+    EXPECT_EQ(another(), "403 Forbidden");
+}
+
+/// RFC 7616 sections 3.3 and 3.4.6: a proof for another request, and one with another's nonce.
+TEST_F(Subscribing, NeedsAProofOfItsOwn)
+{
+    allow("bob@oryx.example");
+    startEvents({});
+    Watcher bob("bob", m_port);
+    const Message challenge = bob.subscribe(kAlice);
+    Message request = bob.request(kAlice);
+    request.set("Authorization",
+                bob.phone().credentials(bob.request("sip:bob@elsewhere.example"), challenge, "bob", "MD5"));
+    EXPECT_EQ(status(bob.subscribe(request)), "400 Bad Request");
+    Watcher alice("alice", m_port);
+    Message borrowed = alice.request(kAlice);
+    borrowed.set("Authorization", alice.phone().credentials(borrowed, challenge, "alice", "MD5"));
+    const Message refused = alice.subscribe(borrowed);
+    EXPECT_EQ(status(refused), "401 Unauthorized");
+    EXPECT_EQ(refused.parameter("WWW-Authenticate", "stale"), "true");
+}
+
+TEST_F(Subscribing, ObeysTheStricterOfTwoRules)
+{
+    sql("INSERT INTO access_control_list (object, requester, access_action, application) VALUES"
+        " ('alice@oryx.example', 'bob@oryx.example', 'allow', 'presence'),"
+        " ('alice@oryx.example', 'bob@oryx.example', 'block', 'presence')");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "403 Forbidden");
+}
+
+/// RFC 6665 section 8.2.1: by type and id.
+TEST_F(Subscribing, IsRefreshedWhateverElseItsEventSays)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice, 3600, "presence;other=1;id=7");
+    bob.notified();
+    EXPECT_EQ(status(bob.phone().ask(bob.next(600).set("Event", "presence;id=7"))), "200 OK");
+    EXPECT_EQ(bob.notified().field("Event"), "presence;other=1;id=7");
+    EXPECT_EQ(status(bob.phone().ask(bob.next(600).set("Event", "presence;id=8"))),
+              "481 Call/Transaction Does Not Exist");
+}
+
+/// RFC 6665 section 4.2.1.1: an hour is never too brief.
+TEST_F(Subscribing, MayAlwaysLastAnHour)
+{
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--min-expires", "7200", "--default-expires", "7200", "--max-expires", "9000"});
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice, 3599)), "423 Interval Too Brief");
+    EXPECT_EQ(bob.subscribe(kAlice, 3600).field("Expires"), "3600");
+}
+
+TEST_F(Subscribing, ThatCannotBeReadKeepsNobodyFromStarting)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    Watcher other("bob", m_port);
+    bob.subscribe(kAlice);
+    other.subscribe(kAlice);
+    bob.notified();
+    other.notified();
+    kill();
+    sql("UPDATE subscription_states SET remotecontacthdr = 'sip:bob@[::1' WHERE callid = '" +
+        bob.next(600).field("Call-ID") + "'");
+    startEvents();
+    EXPECT_EQ(told(other.notified()), "NOTIFY active closed");
+    EXPECT_TRUE(bob.silent());
+}
+
+TEST_F(Subscribing, NamesAllExtensionsThatItDoesNotKnow)
+{
+    startEvents();
+    Watcher bob("bob", m_port);
+    const Message answer = bob.subscribe(bob.request(kAlice).set("Require", "first, eventlist, second"));
+    EXPECT_EQ(status(answer), "420 Bad Extension");
+    EXPECT_EQ(answer.field("Unsupported"), "first, second");
+}
+
+TEST_F(WatcherInformation, HasAllWatchersWhateverIsReadFirst)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher alice("alice", m_port);
+    alice.subscribe(kAlice, 3600, "presence.winfo");
+    alice.notified();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    alice.notified();
+    kill();
+    sql("CREATE TEMPORARY TABLE copy AS SELECT * FROM subscription_states;"
+        "TRUNCATE subscription_states;"
+        "INSERT INTO subscription_states SELECT * FROM copy ORDER BY packageid DESC");
+    startEvents();
+    EXPECT_EQ(watchers(alice.notified()), "2 full active subscribe sip:bob@oryx.example");
+    EXPECT_TRUE(alice.silent());
+}
+
+/// He has no subscription, RFC 6665 section 4.4.3.
+TEST_F(WatcherInformation, DoesNotTellOfWhoeverFetches)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher alice("alice", m_port);
+    alice.subscribe(kAlice, 3600, "presence.winfo");
+    EXPECT_EQ(watchers(alice.notified()), "0 full");
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice, 0);
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_TRUE(alice.silent());
+}
+
+TEST_F(WatcherInformation, EndsWithTheAddress)
+{
+    startEvents();
+    Watcher alice("alice", m_port);
+    alice.subscribe(kAlice, 3600, "presence.winfo");
+    alice.notified();
+    sql("DELETE FROM public_address WHERE handle = 'alice'");
+    EXPECT_EQ(told(alice.notified()), "NOTIFY terminated;reason=noresource");
+    EXPECT_EQ(rows("SELECT count(*) FROM watcherinfo"), "0\n");
+}
+
+TEST_F(PresenceList, EndsWhenItMayNotBeSeenAnyMore)
+{
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(request(bob));
+    bob.notified();
+    sql("DELETE FROM presence_list_authorization");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=rejected");
+    EXPECT_EQ(stored(), "0\n");
+}
+
+/// RFC 3986 section 6.2.2: names have their case, and their escapes no meaning.
+TEST_F(PresenceList, IsKnownByItsNameAsItIs)
+{
+    sql("UPDATE buddy_list SET buddy_list_name = 'Good Friends'");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(request(bob))), "404 Not Found");
+    const std::string uri = "sip:Good%20Friends@oryx.example";
+    EXPECT_EQ(status(bob.subscribe(bob.request(uri).set("Supported", "eventlist"))), "200 OK");
+    EXPECT_NE(bob.notified().body.find("uri=\"" + uri + "\""), std::string::npos);
+    kill();
+    startEvents();
+    EXPECT_EQ(resources(bob.notified()), "1 sip:alice@oryx.example pending sip:nobody@oryx.example terminated");
+}
+
+/// RFC 4662 section 5.5: the same instance in each document.
+TEST_F(PresenceList, KeepsTheNamesOfItsMembersInstances)
+{
+    const auto instanceOfAlice = [](const Message& notify) {
+        const std::size_t at = notify.body.find("<instance id=", notify.body.find("sip:alice@oryx.example"));
+        return notify.body.substr(at, notify.body.find(' ', at + 10) - at);
+    };
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(request(bob));
+    const std::string before = instanceOfAlice(bob.notified());
+    sql("INSERT INTO buddy_list_detail VALUES ('friends', 'sip:a@oryx.example'), ('friends', 'sip:1001@oryx.example')");
+    EXPECT_EQ(instanceOfAlice(bob.notified()), before);
 }
 
 /// Telephones that nobody here wrote: one publishes that it is there, the other sees it, with digest.

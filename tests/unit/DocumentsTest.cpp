@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -163,6 +164,36 @@ TEST(PresenceDocument, tellsTheIdsOfSeveralSourcesApart)
                                             R"(<dm:deviceID>urn:device:1</dm:deviceID></dm:device>)"));
 }
 
+TEST(PublishedDocument, hasAFewElements)
+{
+    std::string notes;
+    for (int number = 0; number < 64; ++number) {
+        notes += "<note/>";
+    }
+    EXPECT_NE(stored(published(notes)), "none");
+    EXPECT_EQ(stored(published(notes + "<note/>")), "none");
+}
+
+/// Each is a new source with the same id.
+TEST(PresenceDocument, isComposedAtOnceWhateverTheIds)
+{
+    Texts documents;
+    for (int source = 0; source < 64; ++source) {
+        std::string tuples;
+        for (int number = 0; number < 64; ++number) {
+            tuples += "<tuple id=\"t\"><contact>sip:" + std::to_string(source) + "-" + std::to_string(number) +
+                      "</contact></tuple>";
+        }
+        documents.push_back(published(tuples));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const std::string text = presence(documents);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_EQ(text.find("sip:0-0<"), std::string::npos);
+    EXPECT_NE(text.find("sip:63-63<"), std::string::npos);
+    EXPECT_LT(text.size(), 50000U);
+}
+
 TEST(PresenceDocument, escapesWhatItIsGiven)
 {
     EXPECT_EQ(wellFormed(presenceDocument("sip:\"<&>'\x01\xEF\xBF\xBE\xEF\xBF\xBF\xFF@h",
@@ -215,6 +246,33 @@ TEST(ListBody, bringsTheMembersDocuments)
 TEST(ListBody, hasABoundaryThatIsInNoDocument)
 {
     const Body body = listBody("sip:[::1]", 0, {{"sip:a@h", "", "i", "active", "", "<a>oryx oryx-1</a>"}});
-    EXPECT_EQ(body.type, "multipart/related;type=\"application/rlmi+xml\";start=\"<0.0@1>\";boundary=\"oryx-2\"");
-    EXPECT_NE(body.text.find("\r\n--oryx-2--\r\n"), std::string::npos);
+    const std::string start = "multipart/related;type=\"application/rlmi+xml\";start=\"<0.0@1>\";boundary=\"";
+    ASSERT_TRUE(body.type.starts_with(start + "oryx-")) << body.type;
+    const std::string boundary = body.type.substr(start.size(), body.type.size() - start.size() - 1);
+    EXPECT_EQ(std::string("<a>oryx oryx-1</a>").find(boundary), std::string::npos);
+    EXPECT_NE(body.text.find("\r\n--" + boundary + "--\r\n"), std::string::npos);
+}
+
+/// Whoever publishes them all.
+TEST(ListBody, hasABoundaryAtOnceWhateverTheDocumentsHave)
+{
+    std::string document;
+    for (int number = 0; number < 200000; ++number) {
+        document += "oryx-" + std::to_string(number) + " ";
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_NE(listBody("sip:l@h", 0, {{"sip:a@h", "", "i", "active", "", document}}).type, "");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+TEST(ListBody, hasNoMoreDocumentsThanADatagramHasRoomFor)
+{
+    const std::string document(30000, 'd');
+    const Body body = listBody(
+        "sip:l@h", 0, {{"sip:a@h", "", "i", "active", "", document}, {"sip:b@h", "", "j", "active", "", document}});
+    EXPECT_NE(body.text.find(R"(<resource uri="sip:a@h"><instance id="i" state="active" cid="1.0@h"/></resource>)"),
+              std::string::npos);
+    EXPECT_NE(body.text.find(R"(<resource uri="sip:b@h"><instance id="j" state="active"/></resource>)"),
+              std::string::npos);
+    EXPECT_LT(body.text.size(), 40000U);
 }
