@@ -49,40 +49,41 @@ std::string Answers::tagOf(const Mark& mark)
     return tag.data();
 }
 
-bool Answers::repeats(const Mark& mark, const Message& request)
+bool Answers::repeats(const Mark& mark, const Message& request, tport_t* socket)
 {
     const auto found = m_kept.find(mark);
     if (found == m_kept.end()) {
         return false;
     }
     if (found->second.status != 0) {
-        send(mark, request, found->second);
+        send(mark, request, socket, found->second);
     }
     return true;
 }
 
-void Answers::end(const Mark& mark, const Message& request, int status, const char* phrase, tagi_t* tags)
+void Answers::end(const Mark& mark, const Message& request, tport_t* socket, int status, const char* phrase,
+                  tagi_t* tags)
 {
     forgetOld();
     Kept& kept = m_kept[mark];
     kept = {status, phrase, std::unique_ptr<tagi_t, TagsDeleter>(tags)};
-    if (!send(mark, request, kept)) { // a text among the tags is none that can be sent
+    if (!send(mark, request, socket, kept)) { // a text among the tags is none that can be sent
         kept = {SIP_500_INTERNAL_SERVER_ERROR, nullptr};
-        send(mark, request, kept);
+        send(mark, request, socket, kept);
     }
     m_order.emplace_back(std::chrono::steady_clock::now(), mark);
 }
 
 /// The stack adds what each answer has from its request (section 8.2.6), and a tag of its own where there is none.
-bool Answers::send(const Mark& mark, const Message& request, const Kept& kept) const
+bool Answers::send(const Mark& mark, const Message& request, tport_t* socket, const Kept& kept) const
 {
     su_home_t* const home = msg_home(request.get());
     sip_to_t* const to = sip_to_dup(home, sip_object(request.get())->sip_to);
     if (to == nullptr || (to->a_tag == nullptr && sip_to_tag(home, to, tagOf(mark).c_str()) < 0)) {
         return false;
     }
-    return nta_msg_treply(m_agent, msg_ref_create(request.get()), kept.status, kept.phrase, SIPTAG_TO(to),
-                          TAG_NEXT(kept.tags.get())) >= 0;
+    return nta_msg_treply(m_agent, msg_ref_create(request.get()), kept.status, kept.phrase, NTATAG_TPORT(socket),
+                          SIPTAG_TO(to), TAG_NEXT(kept.tags.get())) >= 0;
 }
 
 void Answers::forgetOld()

@@ -34,11 +34,11 @@ public:
     /// The tag in To of all answers to what has that mark.
     static std::string tagOf(const Mark& mark);
     /// Whether the request repeats one: that has been answered, and this is now, too; or it will be, and that will do.
-    bool repeats(const Mark& mark, const Message& request);
+    bool repeats(const Mark& mark, const Message& request, tport_t* socket);
     void begin(const Mark& mark) { m_kept.try_emplace(mark); }
-    /// Answers it with the header fields that the tags say, a copy made by `tl_tlist` without a home. The phrase is
-    /// one that stays.
-    void end(const Mark& mark, const Message& request, int status, const char* phrase, tagi_t* tags);
+    /// Answers it, by the socket that it came by, with the header fields that the tags say, a copy made by `tl_tlist`
+    /// without a home. The phrase is one that stays.
+    void end(const Mark& mark, const Message& request, tport_t* socket, int status, const char* phrase, tagi_t* tags);
 
     /// As long as a client may send the same again (Timer J).
     static constexpr std::chrono::seconds kLife{32};
@@ -63,7 +63,7 @@ private:
         }
     };
 
-    bool send(const Mark& mark, const Message& request, const Kept& kept) const;
+    bool send(const Mark& mark, const Message& request, tport_t* socket, const Kept& kept) const;
     void forgetOld();
 
     nta_agent_t* m_agent;

@@ -56,10 +56,12 @@ Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transac
     nta_incoming_bind(transaction, &Incoming::acknowledgedOrCancelled, this);
 }
 
-Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, Answers& answers, const Answers::Mark& mark)
+Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
+                   const Answers::Mark& mark)
     : m_agent(agent),
       m_metrics(metrics),
       m_answers(&answers),
+      m_socket(socket),
       m_mark(mark),
       m_request(std::move(request)),
       m_sip(sip_object(m_request.get()))
@@ -206,23 +208,19 @@ int Endpoint::received(void* self, nta_agent_t* /*agent*/, msg_t* message, sip_t
     return 0;
 }
 
-/// A stream brings each request once, and its transactions end with their answers.
-bool Endpoint::isBrief(const Message& message, const sip_t& sip) const
-{
-    return m_isBrief && m_isBrief(sip) &&
-           tport_is_udp(tport_delivered_by(nta_agent_tports(m_agent), message.get())) != 0;
-}
-
 void Endpoint::take(Message message, sip_t* sip)
 {
     if (sip->sip_request == nullptr) {
         m_onStray(message, *sip);
         return;
     }
+    // The stack tells which socket brought a request only while it hands it over: an answer without a transaction would
+    // leave by the first one later. A stream brings each request once, and its transactions end with their answers.
+    tport_t* const socket = tport_delivered_by(nta_agent_tports(m_agent), message.get());
     std::optional<Answers::Mark> mark;
-    if (isBrief(message, *sip)) {
+    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0) {
         mark = m_answers.markOf(*sip);
-        if (m_answers.repeats(*mark, message)) {
+        if (m_answers.repeats(*mark, message, socket)) {
             return;
         }
     }
@@ -235,7 +233,7 @@ void Endpoint::take(Message message, sip_t* sip)
     } else if (m_refusing) {
         nta_msg_treply(m_agent, message.release(), SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("1"), TAG_END());
     } else if (mark) {
-        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), m_answers, *mark));
+        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), socket, m_answers, *mark));
     } else if (nta_incoming_t* const transaction =
                    nta_incoming_create(m_agent, nullptr, message.release(), sip, TAG_END())) {
         m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction));

@@ -18,7 +18,8 @@ class Incoming {
 public:
     Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction);
     /// One without a transaction: to be answered once, by this server.
-    Incoming(nta_agent_t* agent, Metrics& metrics, Message request, Answers& answers, const Answers::Mark& mark);
+    Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
+             const Answers::Mark& mark);
     ~Incoming();
     Incoming(const Incoming&) = delete;
     Incoming& operator=(const Incoming&) = delete;
@@ -40,7 +41,7 @@ public:
     {
         count(status); // before anybody can have it
         if (m_transaction == nullptr) {
-            m_answers->end(m_mark, m_request, status, phrase,
+            m_answers->end(m_mark, m_request, m_socket, status, phrase,
                            tl_tlist(nullptr, SIPTAG_SERVER_STR(kServer), tags..., TAG_END()));
             return;
         }
@@ -67,6 +68,7 @@ private:
     Metrics& m_metrics;
     nta_incoming_t* m_transaction = nullptr;
     Answers* m_answers = nullptr; // where there is no transaction
+    tport_t* m_socket = nullptr;
     Answers::Mark m_mark{};
     Message m_request;
     const sip_t* m_sip;
@@ -105,7 +107,6 @@ public:
 private:
     static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);
     void take(Message message, sip_t* sip);
-    bool isBrief(const Message& message, const sip_t& sip) const;
     bool listen(const Listen& socket) const;
 
     Metrics& m_metrics;
