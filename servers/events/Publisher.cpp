@@ -192,7 +192,8 @@ void Publisher::apply(const std::shared_ptr<Incoming>& request, Order order)
 
 void Publisher::challenge(Incoming& request, bool stale) const
 {
-    sip::challenge(request, 401, m_provisioning.realm(), m_nonces.make(), stale);
+    const std::optional<Address> sender = addressOf(*request.sip().sip_request->rq_url);
+    sip::challenge(request, 401, m_provisioning.realm(), m_nonces.make(sender ? sender->key() : 0), stale);
 }
 
 void Publisher::conclude(Incoming& request, const Outcome& outcome) const

@@ -237,7 +237,7 @@ bool Subscriber::readSender(Incoming& request, Order& order) const
     if (readCredentials(request.sip().sip_authorization, m_provisioning.realm(), *order.credentials)) {
         return true;
     }
-    challenge(request, 401, m_provisioning.realm(), m_nonces.make(), false);
+    challenge(request, 401, m_provisioning.realm(), m_nonces.make(order.subscription.watcher.key()), false);
     return false;
 }
 
@@ -367,7 +367,9 @@ void Subscriber::refresh(const std::shared_ptr<Incoming>& request, Order order)
 bool Subscriber::passed(Incoming& request, const Answer& answer) const
 {
     if (answer.verdict == Verdict::wrong || answer.verdict == Verdict::stale) {
-        challenge(request, 401, m_provisioning.realm(), m_nonces.make(), answer.verdict == Verdict::stale);
+        const std::optional<Address> watcher = addressOf(*request.sip().sip_from->a_url);
+        const std::string nonce = m_nonces.make(watcher ? watcher->key() : 0);
+        challenge(request, 401, m_provisioning.realm(), nonce, answer.verdict == Verdict::stale);
         return false;
     }
     if (answer.verdict == Verdict::unknown || answer.verdict == Verdict::barred) {
