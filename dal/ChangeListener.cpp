@@ -32,6 +32,18 @@ std::string inOrder(std::vector<DatabaseUpdate>& rows, const std::string& before
     return rows.empty() ? before : rows.back().timestamp();
 }
 
+/// Says when a connection ends, however it does, that nobody listens.
+class NotListening {
+public:
+    explicit NotListening(std::atomic<bool>& listening) : m_listening(listening) {}
+    ~NotListening() { m_listening = false; }
+    NotListening(const NotListening&) = delete;
+    NotListening& operator=(const NotListening&) = delete;
+
+private:
+    std::atomic<bool>& m_listening;
+};
+
 DatabaseResult refusedRun(DatabaseResult::status status, const char* why)
 {
     DatabaseResult result;
@@ -84,9 +96,11 @@ void ChangeListener::listen(const Callback& callback)
 {
     std::optional<ListeningConnection> connection;
     ChangeSet changes;
+    const NotListening lost(m_listening);
     while (unlessOutOfMemory([&] { return hear(connection, changes); }, [this] { return tellOutOfMemory(); })) {
         callback(changes); // what it throws is the caller's
         m_position.swap(changes.position);
+        m_listening = true;
     }
 }
 

@@ -6,6 +6,7 @@
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -112,6 +113,9 @@ public:
     /// It takes effect within 100 ms, whatever the run waits for: changes, a connection, an answer. Only a callback is
     /// waited for, and the look-up of a name in DNS.
     void stop() noexcept;
+    /// Whether changes are heard of: after the first call on a connection has returned, and until it is known to be
+    /// lost. What was read since and no call has named may be kept. From any thread.
+    bool listening() const noexcept { return m_listening; }
     /// Up to where the change log has been handed over to calls that have returned.
     const ChangePosition& position() const { return m_position; }
 
@@ -132,6 +136,7 @@ private:
     ChangePosition m_position;
     std::unique_ptr<StopSignal> m_stop;
     std::chrono::milliseconds m_pause{0};
+    std::atomic<bool> m_listening{false};
     std::string m_toldFailure;              // empty while all is well
     std::set<std::string> m_unreadableLogs; // of these tables, as was told
     zel::Trace m_trace{"oryx"};

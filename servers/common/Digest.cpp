@@ -7,6 +7,7 @@
 #include <charconv>
 #include <initializer_list>
 #include <stdexcept>
+#include <utility>
 
 namespace oryx::sip {
 
@@ -100,6 +101,7 @@ bool readsSeveralChallenges(const sip_t& sip)
 }
 
 constexpr std::size_t kTimeDigits = 10;
+constexpr std::size_t kSaltBytes = 8;
 constexpr std::size_t kSealBytes = 16;
 
 } // namespace
@@ -139,6 +141,12 @@ bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credenti
     return found;
 }
 
+bool isOfRealm(const msg_auth_t& header, std::string_view realm)
+{
+    std::string said;
+    return read(header, "realm=", said) && said == realm;
+}
+
 Nonces::Nonces()
 {
     if (sodium_init() < 0) {
@@ -153,7 +161,7 @@ std::string Nonces::make(std::size_t key) const
     std::string time = std::to_string(
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
     time.insert(0, kTimeDigits - std::min(time.size(), kTimeDigits), '0');
-    std::array<unsigned char, 8> salt{};
+    std::array<unsigned char, kSaltBytes> salt{};
     randombytes_buf(salt.data(), salt.size());
     time += hexOf(salt.data(), salt.size());
     return time + sealed(time, key);
@@ -170,10 +178,7 @@ bool Nonces::fresh(std::string_view nonce, std::size_t key) const
     const std::chrono::seconds age =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch()) -
         std::chrono::seconds(made);
-    const auto sealedFor = [&](std::size_t whom) {
-        return sodium_memcmp(sealed(time, whom).data(), nonce.data() + time.size(), 2 * kSealBytes) == 0;
-    };
-    return age < kLife && (sealedFor(key) || sealedFor(0));
+    return age < kLife && sodium_memcmp(sealed(time, key).data(), nonce.data() + time.size(), 2 * kSealBytes) == 0;
 }
 
 std::string Nonces::sealed(std::string_view time, std::size_t key) const
@@ -184,21 +189,22 @@ std::string Nonces::sealed(std::string_view time, std::size_t key) const
     return hexOf(seal.data(), kSealBytes);
 }
 
-bool NonceCounts::use(const std::string& nonce, std::string_view count)
+bool NonceCounts::use(std::string_view nonce, std::string_view count)
 {
     std::uint32_t value = 0;
     const auto [end, error] = std::from_chars(count.data(), count.data() + count.size(), value, 16);
     if (error != std::errc() || end != count.data() + count.size() || count.size() != 8) {
         return false;
     }
-    if (m_used.size() >= m_forgetAt) {
-        forgetOld();
-    }
-    Used& used = m_used.try_emplace(nonce, Used{0, std::chrono::steady_clock::now()}).first->second;
-    if (value <= used.count) {
+    forgetOld();
+    std::uint64_t key = 0;
+    std::from_chars(nonce.data() + kTimeDigits, nonce.data() + kTimeDigits + 2 * kSaltBytes, key, 16);
+    const auto before = m_usedBefore.find(key);
+    std::uint32_t& used = m_used.try_emplace(key, before != m_usedBefore.end() ? before->second : 0).first->second;
+    if (value <= used) {
         return false;
     }
-    used.count = value;
+    used = value;
     return true;
 }
 
@@ -206,8 +212,10 @@ bool NonceCounts::use(const std::string& nonce, std::string_view count)
 void NonceCounts::forgetOld()
 {
     const auto now = std::chrono::steady_clock::now();
-    std::erase_if(m_used, [&](const auto& entry) { return now - entry.second.since > Nonces::kLife; });
-    m_forgetAt = 2 * m_used.size() + 1024;
+    if (now - m_since >= Nonces::kLife) {
+        m_usedBefore = std::exchange(m_used, {});
+        m_since = now;
+    }
 }
 
 void challenge(Incoming& request, int status, const std::string& realm, const std::string& nonce, bool stale)

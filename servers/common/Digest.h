@@ -43,14 +43,17 @@ std::string secretOf(Algorithm algorithm, std::string_view user, std::string_vie
 /// where there are none, or what there is cannot be read.
 bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credentials& credentials);
 
+/// Whether credentials are for that realm, whatever else they are.
+bool isOfRealm(const msg_auth_t& header, std::string_view realm);
+
 /// Nonces that tell by themselves when they were made, by whom, and for whom. Used by any thread.
 class Nonces {
 public:
     Nonces();
     /// One for what has that key (`Address::key`): as the counts of nonces are kept by worker, whoever has two
-    /// addresses could use it once with each otherwise. 0: for whom it is, does not matter.
-    std::string make(std::size_t key = 0) const;
-    /// Whether it was made here, for that key or for any, less than five minutes ago.
+    /// addresses could use it once with each otherwise.
+    std::string make(std::size_t key) const;
+    /// Whether it was made here, for that key, less than five minutes ago.
     bool fresh(std::string_view nonce, std::size_t key) const;
 
     static constexpr std::chrono::seconds kLife{300};
@@ -64,18 +67,18 @@ private:
 /// Which nonce counts have been used, so that nobody sends another's request again (RFC 7616 section 5.12).
 class NonceCounts {
 public:
-    /// Whether the count is higher than all before it with that nonce; it is used then.
-    bool use(const std::string& nonce, std::string_view count);
+    /// Whether the count is higher than all before it with that nonce, which is a fresh one; it is used then.
+    bool use(std::string_view nonce, std::string_view count);
 
 private:
+    /// The highest count by the nonce's random part.
+    using Counts = std::unordered_map<std::uint64_t, std::uint32_t>;
+
     void forgetOld();
 
-    struct Used {
-        std::uint32_t count = 0;
-        std::chrono::steady_clock::time_point since;
-    };
-    std::unordered_map<std::string, Used> m_used;
-    std::size_t m_forgetAt = 1024;
+    Counts m_used;
+    Counts m_usedBefore; // which nonces that are still fresh may be in
+    std::chrono::steady_clock::time_point m_since = std::chrono::steady_clock::now();
 };
 
 /// Answers a request with a challenge for each algorithm: 401, or 407 for a proxy's. `stale` says that the credentials

@@ -1,5 +1,7 @@
 #include <common/Endpoint.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -14,8 +16,8 @@ namespace {
 const url_string_t* const kNoSocket = reinterpret_cast<const url_string_t*>(static_cast<std::intptr_t>(-1)); // NOLINT
 /// As many datagrams as come in a moment in which this server does not run; the system may allow less.
 constexpr unsigned kSocketRoom = 4 * 1024 * 1024;
-constexpr unsigned kKeepAlive = 120 * 1000;          // ms between the signs of life by which dead streams are found
-constexpr unsigned kMessageTime = 32 * 1000;         // ms that a message may take to come in whole
+constexpr unsigned kKeepAlive = 120 * 1000;  // ms between the signs of life by which dead streams are found
+constexpr unsigned kMessageTime = 32 * 1000; // ms that a message may take to come in whole, and the first to begin
 constexpr unsigned kStacksTimerC = 24 * 3600 * 1000; // ms; a fork has one for each branch, which knows whom to cancel
 constexpr unsigned kLargestMessage = 64 * 1024;
 /// The fields without which a request is not understood: 400 where one cannot be read.
@@ -121,6 +123,7 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
       m_onRequest(std::move(onRequest)),
       m_onStray(std::move(onStray)),
       m_isBrief(std::move(isBrief)),
+      m_sockets(sockets),
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
                                NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1),
@@ -154,7 +157,7 @@ bool Endpoint::listen(const Listen& socket) const
     const char* const family = socket.host.starts_with('[') ? "ip6" : "ip4"; // all need one where any has
     return nta_agent_add_tport(m_agent, urlText(uri.c_str()), TPTAG_IDENT(family), TPTAG_UDP_RMEM(kSocketRoom),
                                TPTAG_UDP_WMEM(kSocketRoom), TPTAG_KEEPALIVE(kKeepAlive), TPTAG_PONG2PING(1),
-                               TPTAG_TIMEOUT(kMessageTime), TAG_END()) == 0;
+                               TPTAG_TIMEOUT(kMessageTime), TPTAG_IDLE(kMessageTime), TAG_END()) == 0;
 }
 
 Endpoint::~Endpoint()
@@ -164,23 +167,25 @@ Endpoint::~Endpoint()
 
 bool Endpoint::isOurs(const url_t& url) const
 {
-    for (const sip_via_t* via = nta_agent_via(m_agent); via != nullptr; via = via->v_next) {
-        if (url.url_host != nullptr && su_casematch(via->v_host, url.url_host) != 0 &&
-            samePort(via->v_port, url.url_port)) {
-            return true;
-        }
-    }
-    return false;
+    return url.url_host != nullptr && isOurs(url.url_host, url.url_port);
 }
 
 bool Endpoint::isOurs(const sip_via_t& via) const
 {
+    return isOurs(via.v_host, via.v_port);
+}
+
+/// By the address of a socket, however it is written, or by its name on the command line.
+bool Endpoint::isOurs(const char* host, const char* port) const
+{
     for (const sip_via_t* own = nta_agent_via(m_agent); own != nullptr; own = own->v_next) {
-        if (su_casematch(own->v_host, via.v_host) != 0 && samePort(own->v_port, via.v_port)) {
+        if (host_cmp(own->v_host, host) == 0 && samePort(own->v_port, port)) {
             return true;
         }
     }
-    return false;
+    return std::any_of(m_sockets.begin(), m_sockets.end(), [&](const Listen& socket) {
+        return su_casematch(socket.host.c_str(), host) != 0 && samePort(socket.port.c_str(), port);
+    });
 }
 
 const char* Endpoint::familyOf(const url_t& next)
@@ -208,6 +213,15 @@ int Endpoint::received(void* self, nta_agent_t* /*agent*/, msg_t* message, sip_t
     return 0;
 }
 
+/// Whoever has sent one request may be silent from now on; whoever has not is nobody's telephone.
+void Endpoint::keepConnection(msg_t* message) const
+{
+    tport_t* const connection = tport_delivered_by(nta_agent_tports(m_agent), message);
+    if (tport_is_secondary(connection) != 0) {
+        tport_set_params(connection, TPTAG_IDLE(UINT_MAX), TAG_END());
+    }
+}
+
 void Endpoint::take(Message message, sip_t* sip)
 {
     if (sip->sip_request == nullptr) {
@@ -226,11 +240,14 @@ void Endpoint::take(Message message, sip_t* sip)
     }
     const sip_method_t method = sip->sip_request->rq_method;
     m_metrics.request();
+    keepConnection(message.get());
     if (method == sip_method_ack) {
         m_onStray(message, *sip);
     } else if (method == sip_method_cancel) { // of nothing that is known
+        m_metrics.answer(481);
         nta_msg_treply(m_agent, message.release(), SIP_481_NO_TRANSACTION, TAG_END());
     } else if (m_refusing) {
+        m_metrics.answer(503);
         nta_msg_treply(m_agent, message.release(), SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("1"), TAG_END());
     } else if (mark) {
         m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), socket, m_answers, *mark));

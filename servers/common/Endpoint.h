@@ -107,12 +107,15 @@ public:
 private:
     static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);
     void take(Message message, sip_t* sip);
+    void keepConnection(msg_t* message) const;
+    bool isOurs(const char* host, const char* port) const;
     bool listen(const Listen& socket) const;
 
     Metrics& m_metrics;
     OnRequest m_onRequest;
     OnStray m_onStray;
     IsBrief m_isBrief;
+    std::vector<Listen> m_sockets;
     nta_agent_t* m_agent;
     Answers m_answers;
     bool m_refusing = false;

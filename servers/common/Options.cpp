@@ -139,7 +139,8 @@ public:
             options.digest = std::strcmp(value, "digest") == 0;
             break;
         case realm:
-            options.realm = value;
+            options.realm = value; // stands in quotes wherever it is sent
+            right = options.realm.find_first_of("\"\\") == std::string::npos;
             break;
         case minExpires:
             right = set(options.minExpires, numberOf(value, 1, kMostSeconds));
@@ -197,6 +198,8 @@ private:
         switch (option) {
         case listenOn:
             return "udp:HOST:PORT or tcp:HOST:PORT";
+        case realm:
+            return "a text without quotes and backslashes";
         case eventServer:
             return "a SIP URI";
         case passwordFile:

@@ -1,8 +1,6 @@
 #include <common/Database.h>
 #include <common/Provisioning.h>
 
-#include <dal/DatabaseCommandExecutor.h>
-
 #include <algorithm>
 #include <cctype>
 #include <utility>
@@ -35,11 +33,9 @@ bool isProvisioned(const ChangedTable& table)
 Provisioning::Provisioning(const Options& options, OnChanges onChanges)
     : m_options(options),
       m_onChanges(std::move(onChanges)),
-      m_domains(nullptr),
       m_listener(options.database, options.user, options.password, boundListening(m_onChanges != nullptr))
 {
-    m_lists.push_back(std::make_unique<const Domains>());
-    m_domains = m_lists.back().get();
+    m_executor.setSessionOptions(sessionOptions());
     m_thread = std::thread([this] {
         m_listener.run([this](const ChangeSet& changes) {
             if (std::any_of(changes.tables.begin(), changes.tables.end(), isProvisioned)) {
@@ -66,16 +62,22 @@ Provisioning::~Provisioning()
     m_reader.join();
 }
 
+std::shared_ptr<const Provisioning::Domains> Provisioning::domains() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_domains;
+}
+
 bool Provisioning::serves(const std::string& host) const
 {
-    const Domains& domains = *m_domains.load(std::memory_order_acquire);
-    return std::find(domains.begin(), domains.end(), host) != domains.end();
+    const std::shared_ptr<const Domains> all = domains();
+    return std::find(all->begin(), all->end(), host) != all->end();
 }
 
 std::string Provisioning::realm() const
 {
-    const Domains& domains = *m_domains.load(std::memory_order_acquire);
-    return !m_options.realm.empty() || domains.empty() ? m_options.realm : domains.front();
+    const std::shared_ptr<const Domains> all = domains();
+    return !m_options.realm.empty() || all->empty() ? m_options.realm : all->front();
 }
 
 void Provisioning::readDomainsAtLast()
@@ -98,24 +100,30 @@ void Provisioning::readDomainsAgain()
 /// False when it could not be read, and is as it was: better than none.
 bool Provisioning::readDomains()
 {
-    DatabaseCommandExecutor executor;
+    const std::lock_guard lock(m_reading);
     Domains domains;
-    executor.setSessionOptions(sessionOptions());
-    if (!executor.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str()) ||
-        (executor.getDomainNameList(domains) == 0 && !executor.getErrorMessage().empty())) {
+    m_connected = (m_connected || m_executor.connect(m_options.database.c_str(), m_options.user.c_str(),
+                                                     m_options.password.c_str())) &&
+                  (m_executor.getDomainNameList(domains) != 0 || m_executor.getErrorMessage().empty());
+    if (!m_connected) {
         return false;
     }
     for (std::string& domain : domains) {
         std::transform(domain.begin(), domain.end(), domain.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     }
+    take(std::move(domains));
+    return true;
+}
+
+void Provisioning::take(Domains domains)
+{
     const std::lock_guard lock(m_mutex);
-    if (domains != *m_lists.back()) {
-        m_lists.push_back(std::make_unique<const Domains>(std::move(domains)));
-        m_domains.store(m_lists.back().get(), std::memory_order_release);
+    if (domains != *m_domains) {
+        m_domains = std::make_shared<const Domains>(std::move(domains));
+        m_changes.fetch_add(1, std::memory_order_release); // the realm may be another, and with it all secrets
     }
     m_known.store(true, std::memory_order_release);
-    return true;
 }
 
 } // namespace oryx::sip

@@ -3,6 +3,7 @@
 #include <common/Options.h>
 
 #include <dal/ChangeListener.h>
+#include <dal/DatabaseCommandExecutor.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -36,11 +37,15 @@ public:
     std::string realm() const;
     /// Counts up whenever subscribers or addresses may have changed: what was kept of them holds no longer.
     unsigned changes() const { return m_changes.load(std::memory_order_acquire); }
+    /// Whether changes are heard of.
+    bool listening() const { return m_listener.listening(); }
 
 private:
     using Domains = std::vector<std::string>;
 
+    std::shared_ptr<const Domains> domains() const;
     bool readDomains();
+    void take(Domains domains);
     void readDomainsAtLast();
     void readDomainsAgain();
 
@@ -49,11 +54,13 @@ private:
     std::atomic<unsigned> m_changes{0};
     std::atomic<bool> m_known{false};
     std::atomic<bool> m_stop{false};
-    std::vector<std::unique_ptr<const Domains>> m_lists; // all so far: others may be reading the last but one
-    std::atomic<const Domains*> m_domains;
+    mutable std::mutex m_mutex; // for a moment
+    std::shared_ptr<const Domains> m_domains = std::make_shared<const Domains>();
+    std::mutex m_reading; // of whoever reads the list from the database
+    DatabaseCommandExecutor m_executor;
+    bool m_connected = false;
     ChangeListener m_listener;
     std::thread m_thread;
-    std::mutex m_mutex; // of who writes the list
     std::condition_variable m_ending;
     std::thread m_reader;
 };

@@ -5,7 +5,7 @@ namespace oryx::sip {
 namespace {
 
 constexpr std::size_t kMostSecrets = 100000;
-/// How long they may be kept when no change is heard of, as while the listener has lost its connection.
+/// How long they may be kept while the listener has lost its connection, and no change is heard of.
 constexpr std::chrono::seconds kSecretsAge{30};
 
 } // namespace
@@ -14,11 +14,11 @@ Verdict Subscribers::authenticate(const Address& address, const Credentials& cre
                                   const Lookup& lookup)
 {
     const Secrets& secrets = secretsOf(address, credentials.realm, lookup);
-    if (secrets.verdict != Verdict::accepted) {
-        return secrets.verdict;
+    if (secrets.verdict == Verdict::failed) {
+        return Verdict::failed;
     }
     const std::string& secret = credentials.algorithm == Algorithm::sha256 ? secrets.sha256 : secrets.md5;
-    if (credentials.user != secrets.user || !credentials.match(method, secret)) {
+    if (secret.empty() || credentials.user != secrets.user || !credentials.match(method, secret)) {
         return Verdict::wrong;
     }
     // Without a count they could be sent again by anybody.
@@ -27,7 +27,7 @@ Verdict Subscribers::authenticate(const Address& address, const Credentials& cre
     }
     const bool fresh =
         m_nonces.fresh(credentials.nonce, address.key()) && m_counts.use(credentials.nonce, credentials.count);
-    return fresh ? Verdict::accepted : Verdict::stale;
+    return fresh ? secrets.verdict : Verdict::stale;
 }
 
 const Subscribers::Secrets& Subscribers::secretsOf(const Address& address, const std::string& realm,
@@ -38,11 +38,19 @@ const Subscribers::Secrets& Subscribers::secretsOf(const Address& address, const
         m_secrets.clear();
         m_secretsOf = changes;
     }
-    Secrets& known = m_secrets[address.text()];
-    if (known.verdict != Verdict::accepted || std::chrono::steady_clock::now() - known.read > kSecretsAge) {
-        known = readSecrets(realm, lookup);
+    const auto known = m_secrets.find(address.text());
+    if (known != m_secrets.end() &&
+        (m_provisioning.listening() || std::chrono::steady_clock::now() - known->second.read <= kSecretsAge)) {
+        return known->second;
     }
-    return known;
+    m_unkept = readSecrets(realm, lookup);
+    if (m_unkept.verdict == Verdict::accepted) {
+        return m_secrets.insert_or_assign(address.text(), std::move(m_unkept)).first->second;
+    }
+    if (known != m_secrets.end()) {
+        m_secrets.erase(known);
+    }
+    return m_unkept;
 }
 
 Subscribers::Secrets Subscribers::readSecrets(const std::string& realm, const Lookup& lookup)
@@ -57,9 +65,11 @@ Subscribers::Secrets Subscribers::readSecrets(const std::string& realm, const Lo
         secrets.verdict = result.getStatus() == DatabaseResult::NOTFOUND ? Verdict::unknown : Verdict::failed;
         return secrets;
     }
-    // Without a password, whoever sends an empty one must not be taken for him.
-    const bool barred = subscriber.active() != "t" || subscriber.password().empty();
-    secrets.verdict = barred ? Verdict::barred : Verdict::accepted;
+    if (subscriber.password().empty()) { // whoever sends an empty one must not be taken for him
+        secrets.verdict = Verdict::unknown;
+        return secrets;
+    }
+    secrets.verdict = subscriber.active() == "t" ? Verdict::accepted : Verdict::barred;
     secrets.user = subscriber.userId();
     secrets.sha256 = secretOf(Algorithm::sha256, secrets.user, realm, subscriber.password());
     secrets.md5 = secretOf(Algorithm::md5, secrets.user, realm, subscriber.password());

@@ -18,15 +18,15 @@ namespace oryx::sip {
 /// What has become of a request's credentials.
 enum class Verdict {
     accepted,
-    wrong,   ///< they are not the subscriber's: a new challenge
+    wrong,   ///< they are nobody's, or not the subscriber's: a new challenge, which does not tell who there is
     stale,   ///< they are, but the nonce is too old, or was used before: a challenge that says so
-    unknown, ///< the address has no subscriber
-    barred,  ///< the subscriber is inactive, or has no password that can be read
+    unknown, ///< the address has no subscriber, or none with a password: told nobody, who is `wrong`
+    barred,  ///< it is the subscriber, and he is inactive
     failed,  ///< nobody could be asked
 };
 
-/// Who can prove who he is; what has been read of subscribers is kept until provisioning changes. Of one worker: all
-/// that is about an address comes to the same.
+/// Who can prove who he is; what has been read of subscribers is kept until provisioning changes, which must be heard
+/// of. Of one worker: all that is about an address comes to the same.
 class Subscribers {
 public:
     /// Reads an address' subscriber from the database.
@@ -56,8 +56,9 @@ private:
     const Provisioning& m_provisioning;
     const Nonces& m_nonces;
     NonceCounts m_counts;
-    std::unordered_map<std::string, Secrets> m_secrets;
-    unsigned m_secretsOf = 0; // the state of provisioning that they are from
+    std::unordered_map<std::string, Secrets> m_secrets; // of those who can be right
+    Secrets m_unkept;                                   // of the last who cannot
+    unsigned m_secretsOf = 0;                           // the state of provisioning that they are from
 };
 
 } // namespace oryx::sip

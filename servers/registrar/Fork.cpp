@@ -173,17 +173,14 @@ void Fork::tryOthers()
     tryNext();
 }
 
-/// The request with that request URI and route (section 16.6, items 2 and 6).
+/// The request with that request URI and route (section 16.6, items 2 and 6); none where those cannot be read.
 Message Fork::addressed(const Hop& hop) const
 {
     Message message(msg_dup(m_outgoing.message.get()));
-    if (!hop.uri.empty()) {
-        setRequestUri(message.get(), urlText(hop.uri.c_str()));
-    }
-    if (!hop.route.empty()) {
-        sip_add_tl(message.get(), sip_object(message.get()), SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END());
-    }
-    return message;
+    const bool addressed = (hop.uri.empty() || setRequestUri(message.get(), urlText(hop.uri.c_str()))) &&
+                           (hop.route.empty() || sip_add_tl(message.get(), sip_object(message.get()),
+                                                            SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END()) >= 0);
+    return addressed ? std::move(message) : nullptr;
 }
 
 void Fork::send(const Hop& hop)
@@ -192,6 +189,10 @@ void Fork::send(const Hop& hop)
     m_branches.push_back(std::make_unique<Branch>(*this, key));
     Branch& branch = *m_branches.back();
     Message message = addressed(hop);
+    if (!message) {
+        branch.ended = true;
+        return;
+    }
     su_home_t* const home = msg_home(message.get());
     const url_t* const next =
         hop.next.empty() ? &nextHop(*sip_object(message.get())) : url_hdup(home, urlText(hop.next.c_str())->us_url);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <random>
 #include <string_view>
 #include <utility>
 
@@ -16,6 +17,7 @@ namespace {
 
 constexpr unsigned long kMaxForwards = 70;
 constexpr isize_t kLongestTarget = 2048;
+constexpr std::size_t kLongestStored = 512; // no provisioned pattern is tried on a longer one
 
 std::string hexOf(std::size_t value)
 {
@@ -47,6 +49,14 @@ std::string loopMark(const sip_t& sip)
                                 std::to_string(sip.sip_cseq->cs_seq) + "\n" +
                                 (sip.sip_route != nullptr ? textOf(*sip.sip_route->r_url) : "");
     return hexOf(std::hash<std::string>()(request));
+}
+
+/// What a branch parameter begins with that no other has.
+std::string newBranch()
+{
+    static const std::string process = hexOf(std::random_device()()) + hexOf(std::random_device()());
+    static std::size_t last = 0; // all of SIP is on one thread
+    return "z9hG4bK" + process + hexOf(++last);
 }
 
 /// A proxy as provisioning names it, with or without its scheme.
@@ -168,11 +178,13 @@ Message Proxy::prepared(const sip_t& sip, msg_t* message, std::vector<std::strin
     const std::string forwards = std::to_string(left);
     sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
     // Who the sender is was proved to this proxy, and is nobody else's business.
-    Credentials own;
-    if (readCredentials(copy->sip_proxy_authorization, m_provisioning.realm(), own)) {
-        while (copy->sip_proxy_authorization != nullptr) {
-            sip_header_remove(outgoing.get(), copy, anyHeader(copy->sip_proxy_authorization));
+    const std::string realm = m_provisioning.realm();
+    for (msg_auth_t* header = copy->sip_proxy_authorization; header != nullptr;) {
+        msg_auth_t* const next = header->au_next;
+        if (isOfRealm(*header, realm)) {
+            sip_header_remove(outgoing.get(), copy, anyHeader(header));
         }
+        header = next;
     }
     return outgoing;
 }
@@ -190,12 +202,20 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
         request->answer(SIP_400_BAD_REQUEST);
         return;
     }
+    if (question.target.uri.size() > kLongestStored) {
+        request->answer(SIP_414_REQUEST_URI_TOO_LONG);
+        return;
+    }
     question.target.handle = address->handle;
     question.target.domain = address->domain;
     question.target.served = m_provisioning.serves(address->domain);
     question.target.internal = m_provisioning.serves(question.from);
     question.forEventServer = !m_options.eventServer.empty() && question.target.served && isOfPresence(sip);
     question.sender = addressOf(*sip.sip_from->a_url);
+    if (question.target.internal && m_options.digest && !question.sender) { // who could never prove who he is
+        request->answer(SIP_400_BAD_REQUEST);
+        return;
+    }
     Credentials credentials;
     if (readCredentials(sip.sip_proxy_authorization, m_provisioning.realm(), credentials)) {
         const auto isHere = [this](const url_t& url) { return leadsHere(url); };
@@ -267,7 +287,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
         challenge(*request, answer.sender == Verdict::stale);
         return;
     }
-    if (answer.sender == Verdict::unknown || answer.sender == Verdict::barred) {
+    if (answer.sender == Verdict::barred) {
         request->answer(SIP_403_FORBIDDEN);
         return;
     }
@@ -316,7 +336,7 @@ void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, con
     if (request->sip().sip_request->rq_method == sip_method_invite) {
         request->answer(SIP_100_TRYING);
     }
-    const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(request->sip());
+    const std::string branch = newBranch() + "." + loopMark(request->sip());
     std::make_shared<Fork>(m_loop, *m_endpoint, m_seal, m_forks, request,
                            Fork::Outgoing{std::move(outgoing), mark, branch}, std::move(hops))
         ->start(sequential);
@@ -345,7 +365,7 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
     std::vector<std::string> cookies;
     Message outgoing = prepared(sip, message.get(), cookies);
     if (isSettled(m_seal, *sip_object(outgoing.get()), cookies)) {
-        const std::string branch = "z9hG4bK" + m_nonces.make().substr(10, 16) + "." + loopMark(sip) + ".0";
+        const std::string branch = newBranch() + "." + loopMark(sip) + ".0";
         const url_t next = nextHop(*sip_object(outgoing.get())); // its texts stay with the message
         fitStrictRouter(outgoing.get());
         nta_msg_tsend(m_endpoint->agent(), outgoing.release(), urlText(next), NTATAG_BRANCH_KEY(branch.c_str()),

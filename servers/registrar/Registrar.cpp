@@ -6,8 +6,6 @@
 
 #include <wex/Uri.h>
 
-#include <wex/Uri.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -17,8 +15,8 @@ namespace oryx::sip {
 
 namespace {
 
-/// Of one address of record; a person has a few telephones.
 constexpr unsigned kHour = 3600;
+/// Of one address of record; a person has a few telephones.
 constexpr std::uint32_t kMostBindings = 32;
 constexpr std::size_t kMostContacts = 32; // in one request
 
@@ -80,6 +78,10 @@ bool Registrar::readSender(Incoming& request, Order& order) const
     const sip_t& sip = request.sip();
     if (!m_options.digest) {
         return true;
+    }
+    if (!addressOf(*sip.sip_to->a_url)) { // nobody's, and so nobody's to prove
+        request.answer(SIP_400_BAD_REQUEST);
+        return false;
     }
     order.credentials.emplace();
     if (!readCredentials(sip.sip_authorization, m_provisioning.realm(), *order.credentials)) {
@@ -225,10 +227,8 @@ void Registrar::conclude(Incoming& request, const Outcome& outcome) const
         break;
     case Verdict::wrong:
     case Verdict::stale:
-        challenge(request, outcome.verdict == Verdict::stale);
-        return;
     case Verdict::unknown:
-        request.answer(SIP_404_NOT_FOUND);
+        challenge(request, outcome.verdict == Verdict::stale);
         return;
     case Verdict::barred:
         request.answer(SIP_403_FORBIDDEN);

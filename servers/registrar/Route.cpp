@@ -55,13 +55,13 @@ std::string hostBehind(const sip_record_route_t* recorded, const sip_contact_t* 
 
 } // namespace
 
-void setRequestUri(msg_t* message, const url_string_t* uri)
+bool setRequestUri(msg_t* message, const url_string_t* uri)
 {
     sip_t* const sip = sip_object(message);
     const sip_request_t* const line = sip->sip_request;
     sip_request_t* const retargeted =
         sip_request_create(msg_home(message), line->rq_method, line->rq_method_name, uri, nullptr);
-    sip_header_insert(message, sip, anyHeader(retargeted));
+    return retargeted != nullptr && sip_header_insert(message, sip, anyHeader(retargeted)) == 0;
 }
 
 RouteMark markOf(const Seal& seal, const sip_t& request, const std::string& socket)

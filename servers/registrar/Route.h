@@ -31,8 +31,8 @@ void markAnswer(const Seal& seal, msg_t* response, const RouteMark& mark);
 /// Whether one of the cookies is of that request's dialog, and leads to where the request goes next.
 bool isSettled(const Seal& seal, const sip_t& request, const std::vector<std::string>& cookies);
 
-/// Has the request sent to another URI.
-void setRequestUri(msg_t* message, const url_string_t* uri);
+/// Has the request sent to another URI; false when that is none.
+bool setRequestUri(msg_t* message, const url_string_t* uri);
 
 /// Takes the routes off that led to this proxy, and restores the request URI that a strict router has put behind them.
 /// The cookies of all of them, empty ones too.

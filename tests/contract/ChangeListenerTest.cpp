@@ -225,6 +225,24 @@ TEST_F(Listener, ConnectsAgainWhereItsSubscriptionIsLostOrRefused)
     EXPECT_TRUE(traced.ends_with("oryx log: change listener: listening again\n")) << traced;
 }
 
+TEST_F(Listener, SaysWhetherItListens)
+{
+    m_libpq.replies({command()});
+    ChangeListener listener("postgresql://db/oryx", "events1", "secret", m_options);
+    EXPECT_FALSE(listener.listening());
+    std::vector<bool> listening;
+    listener.run([&](const ChangeSet&) {
+        listening.push_back(listener.listening());
+        if (listening.size() == 1) {
+            m_libpq.notifies({"acp"});
+        } else {
+            listener.stop();
+        }
+    });
+    EXPECT_EQ(listening, (std::vector<bool>{false, true}));
+    EXPECT_FALSE(listener.listening());
+}
+
 TEST_F(Listener, RunsNothingWithoutACallback)
 {
     ChangeListener listener("postgresql://db/oryx", "events1", "secret", m_options);

@@ -487,6 +487,20 @@ TEST_F(Listener, ConnectsAgainWhenItsBackendIsTerminatedAndTellsToReadEverything
     EXPECT_EQ(end(), "okay");
 }
 
+TEST_F(Listener, SaysWhetherItListens)
+{
+    std::vector<bool> said;
+    m_act = [&](const ChangeSet&) { said.push_back(m_listener->listening()); };
+    listen();
+    sql("NOTIFY acp");
+    m_calls.await(2);
+    terminate(listening());
+    m_calls.await(3);
+    EXPECT_EQ(end(), "okay");
+    EXPECT_EQ(said, (std::vector<bool>{false, true, false}));
+    EXPECT_FALSE(m_listener->listening());
+}
+
 TEST_F(Listener, SaysWhyItCannotConnectAndNeverThePassword)
 {
     m_listener.emplace(m_database.uri(), server::kUser, "not-the-password", m_options);

@@ -4,6 +4,8 @@
 #include "support/ServerControl.h"
 
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <future>
 #include <set>
 #include <sstream>
@@ -86,6 +88,27 @@ TEST_F(Outage, LosesNothingThatWasAcknowledged)
     crash.get();
     EXPECT_TRUE(registersUntil("200 OK"));
     EXPECT_EQ(lost(), std::set<std::string>());
+}
+
+/// The database says nothing any more, much is waiting for it, and the operator has said to wait long.
+TEST_F(Outage, DoesNotHoldUpTheEnd)
+{
+    sql("INSERT INTO host_info (node_type, outbound_allow_internal) VALUES ('leaf', true)");
+    setenv("ORYX_DEADLINE", "20s", 1);
+    startRegistrar({"--workers", "1"});
+    unsetenv("ORYX_DEADLINE");
+    Phone bob("bob", "oryx.example", m_port);
+    const std::string to = "sip:x@127.0.0.2:9";
+    const Message challenge = bob.ask(bob.request("MESSAGE", to));
+    ASSERT_EQ(challenge.status(), 407);
+    const server::Stopped stopped(m_control.folder());
+    for (int n = 0; n < 10; ++n) {
+        Message request = bob.request("MESSAGE", to);
+        bob.send(request.set("Proxy-Authorization", bob.credentials(request, challenge, "bob", "MD5")));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    m_server->signal(SIGTERM);
+    EXPECT_EQ(m_server->wait(2), 0);
 }
 
 TEST_F(Outage, AtTheBeginningIsWaitedFor)

@@ -51,6 +51,7 @@ TEST_F(Command, ThatIsWrongGetsOneLineAndStatusTwo)
     EXPECT_EQ(said({"--auth", "basic"}), begun + "--auth: not digest or none: basic\n2");
     EXPECT_EQ(said({"--password-file", "/nowhere"}), begun + "--password-file: not a readable file: /nowhere\n2");
     EXPECT_EQ(said({"--metrics", "9090"}), begun + "--metrics: not HOST:PORT: 9090\n2");
+    EXPECT_EQ(said({"--realm", "a\"b"}), begun + "--realm: not a text without quotes and backslashes: a\"b\n2");
     EXPECT_EQ(said({"--event-server", "events"}), begun + "--event-server: not a SIP URI: events\n2");
     EXPECT_EQ(said({"--min-expires", "soon"}), begun + "--min-expires: not a number of seconds: soon\n2");
     EXPECT_EQ(said({"--nothing"}), begun + "--nothing: no such option, or without its value\n2");

@@ -157,6 +157,8 @@ TEST_F(Proxy, RefusesWhatItCannotSendOn)
     const Message answer = caller.ask(invite(caller).set("Proxy-Require", "teleport"));
     EXPECT_EQ(status(answer), "420 Bad Extension");
     EXPECT_EQ(answer.field("Unsupported"), "teleport");
+    EXPECT_EQ(status(caller.ask(invite(caller, "sip:" + std::string(600, '1') + "@oryx.example"))),
+              "414 Request-URI Too Long");
 }
 
 /// Section 16.3, item 4.
@@ -579,8 +581,14 @@ TEST_F(Proxy, AsksForProofBeforeARequestLeaves)
     const Message challenge = caller.ask(request);
     request = caller.request("MESSAGE", to);
     request.set("Proxy-Authorization", caller.credentials(request, challenge, "bob", "SHA-256"));
-    caller.send(request);
-    EXPECT_EQ(elsewhere.receive().first, "MESSAGE " + to + " SIP/2.0");
+    const std::string others = "Digest realm=\"elsewhere.example\", username=\"bob\"";
+    caller.send(request.add("Proxy-Authorization", others));
+    const Message passed = elsewhere.receive();
+    EXPECT_EQ(passed.first, "MESSAGE " + to + " SIP/2.0");
+    EXPECT_EQ(passed.field("Proxy-Authorization"), others); // section 22.3: the next proxy's
+    // Who has no address could never prove that it is his.
+    EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", to).set("From", "<sip:%00@oryx.example>;tag=1"))),
+              "400 Bad Request");
 }
 
 /// Section 11.
@@ -590,6 +598,9 @@ TEST_F(Proxy, AnswersWhoeverLooksIfItIsThere)
     Phone caller = bob();
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:127.0.0.1:" + std::to_string(m_port)))), "200 OK");
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    // That of a dialog is not for this server, whose dialogs are all others'.
+    EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("To", "<sip:a@b.example>;tag=1"))),
+              "404 Not Found");
 }
 
 } // namespace

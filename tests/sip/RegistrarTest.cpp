@@ -342,7 +342,7 @@ TEST_F(Registrar, TakesAProofOnce)
 /// The same telephone by another name is another worker's: with four of them the two names of alice's are apart.
 TEST_F(Registrar, TakesAProofOnceWhateverNameIsUsed)
 {
-    startRegistrar({"--workers", "64"});
+    startRegistrar({"--workers", "4"});
     Phone alice("alice", "oryx.example", m_port);
     const Message challenge = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
     Message request = alice.registration("<sip:alice@192.0.2.1>");
@@ -385,6 +385,27 @@ TEST_F(Registrar, TakesNobodyElsesProofAndNoBarredSubscribers)
     Phone carol("carol", "oryx.example", m_port);
     EXPECT_EQ(status(carol.ask(carol.registration("<sip:carol@192.0.2.1>"), "carol")), "403 Forbidden");
     EXPECT_EQ(bindings(), "");
+}
+
+/// Who tries names learns nothing from the answers, for nobody has proved anything.
+TEST_F(Registrar, TellsStrangersNothingOfWhoThereIs)
+{
+    startRegistrar({});
+    for (const char* const name : {"alice", "carol", "nobody"}) {
+        Phone stranger(name, "oryx.example", m_port);
+        const Message answer = stranger.ask(stranger.registration("<sip:x@192.0.2.1>"), "wrong");
+        EXPECT_EQ(status(answer), "401 Unauthorized") << name;
+        EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "") << name;
+    }
+}
+
+/// An address that cannot be read is nobody's, and no proof could make it somebody's.
+TEST_F(Registrar, ChallengesNobodyWithoutAnAddress)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:a@192.0.2.1>").set("To", "<tel:+4930123456>"))),
+              "400 Bad Request");
 }
 
 TEST_F(Registrar, HearsOfANewPassword)

@@ -192,6 +192,33 @@ TEST_F(Transports, HoldManyConnections)
     }
 }
 
+/// Connections are for telephones: who begins to talk and says nothing gives his to others, who said something keeps
+/// it.
+TEST_F(Transports, AreNotHeldBySilence)
+{
+    startRegistrar();
+    Phone telephone = phoneOf("alice", kTcp);
+    EXPECT_EQ(status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    phone::Socket half("127.0.0.1", Transport::tcp);
+    half.send(m_port, "OPT");
+    phone::Socket ping("127.0.0.1", Transport::tcp);
+    ping.send(m_port, "\r\n\r\n");
+    EXPECT_TRUE(ping.closed(40000));
+    EXPECT_TRUE(half.closed(5000));
+    EXPECT_EQ(status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+}
+
+/// However an address is written, and by the name that the command line gives.
+TEST_F(Transports, AreThisServersByAnyOfTheirNames)
+{
+    const std::string port = std::to_string(phone::freePort());
+    const std::string six = std::to_string(phone::freePort("::1"));
+    startRegistrar({"--auth", "none", "--listen", "udp:localhost:" + port, "--listen", "udp:[::1]:" + six});
+    Phone alice = phoneOf("alice", kUdp);
+    EXPECT_EQ(status(alice.ask(alice.request("OPTIONS", "sip:localhost:" + port))), "200 OK");
+    EXPECT_EQ(status(alice.ask(alice.request("OPTIONS", "sip:[0:0:0:0:0:0:0:1]:" + six))), "200 OK");
+}
+
 /// RFC 5626 section 3.5.1: a telephone that asks if its connection lives is told so.
 TEST_F(Transports, AnswerSignsOfLife)
 {
