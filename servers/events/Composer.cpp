@@ -88,17 +88,23 @@ Notice listNotice(PresenceService& service, const Subscription& list)
     Notice notice;
     int id = 0;
     std::vector<std::string> uris;
-    const DatabaseResult found = service.getListId(list.presentity.handle.c_str(), &id);
-    if (found.getStatus() == DatabaseResult::NOTFOUND) { // it has been removed
+    const char* const name = list.presentity.handle.c_str();
+    const DatabaseResult found = service.getListId(name, &id);
+    if (found.getStatus() == DatabaseResult::NOTFOUND) {
         return termination("noresource");
     }
     const DatabaseResult allowed =
         service.isWatcherAllowedToSubscribeToList(id, list.watcher.handle.c_str(), list.watcher.domain.c_str());
-    if (allowed.getStatus() == DatabaseResult::NOTFOUND) {
-        return termination("rejected");
-    }
-    if (!found.okay() || !allowed.okay() || !service.getListEntries(id, uris).okay()) {
+    const bool rejected = allowed.getStatus() == DatabaseResult::NOTFOUND;
+    if (!found.okay() || (!rejected && (!allowed.okay() || !service.getListEntries(id, uris).okay()))) {
         return failure();
+    }
+    // It may have been removed in between, with all that belongs to it.
+    if (uris.empty() && service.getListId(name, &id).getStatus() == DatabaseResult::NOTFOUND) {
+        return termination("noresource");
+    }
+    if (rejected) {
+        return termination("rejected");
     }
     std::sort(uris.begin(), uris.end()); // the database has no order, and a document without changes is the same
     std::vector<ListMember> members;
