@@ -3,6 +3,7 @@
 #include "sip/SipTest.h"
 
 #include <chrono>
+#include <regex>
 #include <thread>
 
 namespace {
@@ -65,7 +66,9 @@ TEST_F(Registrar, ListsBindingsWithoutAContact)
     alice.ask(alice.registration("<sip:alice@192.0.2.2>"));
     const Message answer = alice.ask(alice.registration("", -1));
     EXPECT_EQ(status(answer), "200 OK");
-    EXPECT_EQ(answer.field("Contact"), "<sip:alice@192.0.2.1>;expires=3600, <sip:alice@192.0.2.2>;expires=3600");
+    // Some seconds may have passed meanwhile.
+    EXPECT_EQ(std::regex_replace(answer.field("Contact"), std::regex("=3[56][0-9][0-9]"), "=3600"),
+              "<sip:alice@192.0.2.1>;expires=3600, <sip:alice@192.0.2.2>;expires=3600");
 }
 
 /// Whatever its length.
