@@ -144,6 +144,23 @@ TEST_F(ChangeLogAmongWriters, LetsReservationsPassALoadThatIsOpen)
         "conf_state|2|2\ncontact_set|100|1\nsubscriber|200|1\n");
 }
 
+TEST_F(ChangeLogAmongWriters, CostsAChangeTheSameHoweverMuchIsLogged)
+{
+    const auto pages = [&] {
+        sql("SELECT pg_stat_force_next_flush()");
+        return std::stoi(rows("SELECT idx_blks_hit + idx_blks_read FROM pg_statio_user_indexes"
+                              " WHERE indexrelname = 'event_change_xid'"));
+    };
+    sql("INSERT INTO event_change SELECT 'acp', NULL, n, n::text::xid8, now(), false FROM generate_series(1, 20000) n");
+    const int before = pages();
+    constexpr int kChanges = 20;
+    for (int i = 0; i < kChanges; ++i) {
+        sql("INSERT INTO acp VALUES ('later " + std::to_string(i) + "')");
+    }
+    // To look from its root to a leaf and to add an entry, and a few of the session itself.
+    EXPECT_LT(pages() - before, kChanges * 10);
+}
+
 TEST_F(ChangeLogRights, KeepEveryLoginFromHoldingUpACommit)
 {
     server::Session reader(m_database.name());
