@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdlib>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -37,6 +39,12 @@ std::string expectedRefusal(Place place, const std::string& text)
 
 class Hostile : public testing::TestWithParam<Entry> {
 protected:
+    /// In a short round an argument gets a quarter of the texts, another one than its neighbours.
+    static bool getsText(const Entry& entry, std::size_t text)
+    {
+        constexpr std::size_t kShare = 4;
+        return std::getenv("ORYX_DRILL") != nullptr || (std::hash<std::string>{}(entry.argument) + text) % kShare == 0;
+    }
     static void SetUpTestSuite() { s_world.emplace(); }
     static void TearDownTestSuite() { s_world.reset(); }
     void TearDown() override { EXPECT_TRUE(s_world->sessionsKept()) << "a text cost a connection"; }
@@ -49,7 +57,11 @@ std::optional<World> Hostile::s_world;
 TEST_P(Hostile, TextsAreThatTextAndNothingElse)
 {
     const Entry& entry = GetParam();
-    for (const auto& [name, text] : hostileTexts()) {
+    for (std::size_t i = 0; i < hostileTexts().size(); ++i) {
+        if (!getsText(entry, i)) {
+            continue;
+        }
+        const auto& [name, text] = hostileTexts()[i];
         SCOPED_TRACE(entry.argument + ": " + name);
         const std::string absent = s_world->arrange(entry, text);
         const World::Expected expected = s_world->expect(entry, text);
