@@ -7,8 +7,8 @@ readonly kBuildPackages=(
     libxml2-dev postgresql
 )
 readonly kTestPackages=(
-    baresip-core clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libgtest-dev llvm pgbouncer
-    shellcheck sip-tester valgrind
+    baresip-core clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libfaketime libgtest-dev llvm
+    pgbouncer shellcheck sip-tester valgrind
 )
 # What a cluster of deploy/cluster is made of, beside the server.
 readonly kClusterPackages=(curl etcd-server haproxy iproute2 patroni pgbouncer)

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -100,12 +101,12 @@ Baresip::Baresip(const std::string& accounts, const std::string& contacts) : m_f
     m_control = connectTo(control);
 }
 
-Baresip::Baresip(const std::string& user, int proxy, const std::string& password) : Baresip("", "")
+Baresip::Baresip(const std::string& user, int proxy, const std::string& password, int seconds) : Baresip("", "")
 {
     // Only now, so that all is heard of it.
     command("uanew", "<sip:" + user + "@oryx.example>;auth_user=" + user +
                          ";auth_pass=" + (password.empty() ? user : password) + R"(;outbound=\"sip:127.0.0.1:)" +
-                         std::to_string(proxy) + R"(\";regint=60;audio_codecs=PCMU)");
+                         std::to_string(proxy) + R"(\";regint=)" + std::to_string(seconds) + ";audio_codecs=PCMU");
 }
 
 std::unique_ptr<Baresip> Baresip::withPresence(const std::string& user, int server, const std::string& watched)
@@ -163,6 +164,16 @@ bool Baresip::tells(const std::string& event, int seconds)
     }
 }
 
+bool Baresip::reaches(Baresip& bob)
+{
+    command("dial", "sip:bob@oryx.example");
+    if (!bob.tells("CALL_INCOMING")) {
+        return false;
+    }
+    bob.command("accept");
+    return bob.tells("CALL_ESTABLISHED") && tells("CALL_ESTABLISHED");
+}
+
 bool Baresip::sees(const std::string& presence, int seconds)
 {
     for (int look = 0; look < seconds * 10; ++look) {
@@ -174,6 +185,18 @@ bool Baresip::sees(const std::string& presence, int seconds)
         if (m_said.find(presence) != std::string::npos) {
             return true;
         }
+    }
+    return false;
+}
+
+bool Baresip::hears(int seconds) const
+{
+    const double before = heard();
+    for (int look = 0; look < seconds * 10; ++look) {
+        if (heard() > before + 0.5) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return false;
 }

@@ -2,10 +2,12 @@
 
 #include "sip/Baresip.h"
 #include "sip/SipTest.h"
+#include "sip/Sipp.h"
 
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <thread>
@@ -14,16 +16,20 @@ namespace {
 
 class Calls : public SipTest {
 protected:
-    /// Waits until the other's tone has been heard for a second.
-    static bool hears(const Baresip& telephone)
+    /// The user's telephone, which has registered.
+    std::unique_ptr<Baresip> telephone(const std::string& user, int seconds = 60) const
     {
-        for (int look = 0; look < 150; ++look) {
-            if (telephone.heard() > 0.5) {
-                return true;
-            }
+        auto made = std::make_unique<Baresip>(user, m_port, "", seconds);
+        EXPECT_TRUE(made->tells("REGISTER_OK")) << made->said();
+        return made;
+    }
+    /// Waits until that is what the database says; false when it does not in time.
+    bool becomes(const std::string& query, const std::string& wanted)
+    {
+        for (int look = 0; look < 300 && rows(query) != wanted; ++look) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
-        return false;
+        return rows(query) == wanted;
     }
 };
 
@@ -31,21 +37,75 @@ protected:
 TEST_F(Calls, ConnectTwoTelephonesThatHearEachOther)
 {
     startRegistrar({});
-    Baresip alice("alice", m_port);
-    Baresip bob("bob", m_port);
-    ASSERT_TRUE(alice.tells("REGISTER_OK")) << alice.said();
-    ASSERT_TRUE(bob.tells("REGISTER_OK")) << bob.said();
-    alice.command("dial", "sip:bob@oryx.example");
-    ASSERT_TRUE(bob.tells("CALL_INCOMING")) << bob.said();
-    bob.command("accept");
-    ASSERT_TRUE(bob.tells("CALL_ESTABLISHED")) << bob.said();
-    ASSERT_TRUE(alice.tells("CALL_ESTABLISHED")) << alice.said();
-    EXPECT_TRUE(hears(alice));
-    EXPECT_TRUE(hears(bob));
-    alice.command("hangup");
-    EXPECT_TRUE(bob.tells("CALL_CLOSED")) << bob.said();
+    const auto alice = telephone("alice");
+    const auto bob = telephone("bob");
+    ASSERT_TRUE(alice->reaches(*bob)) << alice->said() << bob->said();
+    EXPECT_TRUE(alice->hears());
+    EXPECT_TRUE(bob->hears());
+    alice->command("hangup");
+    EXPECT_TRUE(bob->tells("CALL_CLOSED")) << bob->said();
 }
 
+/// Sections 16.6 and 16.7, item 10: when one telephone is answered, the other stops.
+TEST_F(Calls, RingAllTelephonesUntilOneIsAnswered)
+{
+    startRegistrar({});
+    const auto alice = telephone("alice");
+    const auto desk = telephone("bob");
+    const auto mobile = telephone("bob");
+    alice->command("dial", "sip:bob@oryx.example");
+    ASSERT_TRUE(desk->tells("CALL_INCOMING")) << desk->said();
+    ASSERT_TRUE(mobile->tells("CALL_INCOMING")) << mobile->said();
+    desk->command("accept");
+    EXPECT_TRUE(alice->tells("CALL_ESTABLISHED")) << alice->said();
+    EXPECT_TRUE(mobile->tells("CALL_CLOSED")) << mobile->said();
+    EXPECT_TRUE(desk->hears());
+    alice->command("hangup");
+    EXPECT_TRUE(desk->tells("CALL_CLOSED")) << desk->said();
+}
+
+/// Sections 9.1 and 16.10.
+TEST_F(Calls, StopRingingWhenTheCallerHangsUp)
+{
+    startRegistrar({});
+    const auto alice = telephone("alice");
+    const auto bob = telephone("bob");
+    alice->command("dial", "sip:bob@oryx.example");
+    ASSERT_TRUE(bob->tells("CALL_INCOMING")) << bob->said();
+    ASSERT_TRUE(alice->tells("CALL_RINGING")) << alice->said();
+    alice->command("hangup");
+    EXPECT_TRUE(bob->tells("CALL_CLOSED")) << bob->said();
+}
+
+/// Section 12.2, by the routes of section 16.6, item 4: a dialog is the telephones', and its requests find their way
+/// through a server that has not seen its beginning.
+TEST_F(Calls, GoOnWhenTheServerIsKilledAndStartedAgain)
+{
+    startRegistrar({"--record-route"});
+    const auto alice = telephone("alice");
+    const auto bob = telephone("bob");
+    ASSERT_TRUE(alice->reaches(*bob)) << alice->said() << bob->said();
+    m_server->signal(SIGKILL);
+    m_server->wait();
+    EXPECT_TRUE(bob->hears());
+    startRegistrar({"--record-route"});
+    EXPECT_TRUE(alice->hears());
+    alice->command("hangup");
+    EXPECT_TRUE(bob->tells("CALL_CLOSED")) << bob->said();
+}
+
+/// Sections 10.2.4 and 10.2.2: a telephone refreshes its binding, and takes it away when it is put out.
+TEST_F(Calls, AreForTelephonesThatStayRegisteredUntilTheyQuit)
+{
+    startRegistrar({"--min-expires", "1"});
+    const auto alice = telephone("alice", 3);
+    const std::string first = rows("SELECT expires FROM contact");
+    EXPECT_TRUE(becomes("SELECT expires > " + first + " FROM contact", "t\n")) << alice->said();
+    alice->command("quit");
+    EXPECT_TRUE(becomes("SELECT count(*) FROM contact", "0\n")) << alice->said();
+}
+
+/// Section 22.
 TEST_F(Calls, NeedTheRightPassword)
 {
     startRegistrar({});
@@ -61,10 +121,7 @@ TEST_F(Calls, BeginWithRegistrationsOfAnyTelephone)
     const std::string users = testing::TempDir() + "oryx-sipp-" + std::to_string(getpid()) + ".csv";
     std::ofstream(users) << "SEQUENTIAL\nalice;[authentication username=alice password=alice]\n"
                             "bob;[authentication username=bob password=bob]\n";
-    Program sipp("/usr/bin/sipp",
-                 {"127.0.0.1:" + std::to_string(m_port), "-sf", ORYX_SCENARIOS "/register.xml", "-inf", users, "-m",
-                  "2", "-i", "127.0.0.1", "-p", std::to_string(phone::freePort()), "-nostdin", "-timeout", "20s"});
-    EXPECT_EQ(sipp.wait(30), 0) << sipp.soFar();
+    EXPECT_EQ(playScenario("register", m_port, {"-inf", users, "-m", "2"}), "");
     EXPECT_EQ(rows("SELECT count(*) FROM contact"), "2\n");
     std::remove(users.c_str());
 }

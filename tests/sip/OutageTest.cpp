@@ -1,6 +1,8 @@
 // The database goes away and comes back while telephones register: RFC 3261 section 21.5.4.
 
+#include "sip/Baresip.h"
 #include "sip/SipTest.h"
+#include "sip/Sipp.h"
 #include "support/ServerControl.h"
 
 #include <chrono>
@@ -72,6 +74,31 @@ TEST_F(Outage, IsToldAndThenForgotten)
         EXPECT_TRUE(registersUntil("200 OK"));
     }
     EXPECT_EQ(lost(), std::set<std::string>());
+}
+
+TEST_F(Outage, IsToldToAnyTelephone)
+{
+    startRegistrar();
+    m_control.stop("fast");
+    EXPECT_EQ(playScenario("register-503", m_port), "");
+    m_control.start();
+}
+
+/// RFC 3261 section 12.2: what a call needs of the database, it has got when it begins.
+TEST_F(Outage, EndsNoCall)
+{
+    startRegistrar({"--record-route"});
+    Baresip alice("alice", m_port);
+    Baresip bob("bob", m_port);
+    ASSERT_TRUE(alice.tells("REGISTER_OK")) << alice.said();
+    ASSERT_TRUE(bob.tells("REGISTER_OK")) << bob.said();
+    ASSERT_TRUE(alice.reaches(bob)) << alice.said() << bob.said();
+    m_control.stop("immediate");
+    EXPECT_TRUE(bob.hears());
+    m_control.start();
+    EXPECT_TRUE(alice.hears());
+    alice.command("hangup");
+    EXPECT_TRUE(bob.tells("CALL_CLOSED")) << bob.said();
 }
 
 TEST_F(Outage, LosesNothingThatWasAcknowledged)

@@ -22,6 +22,7 @@ public:
     std::string soFar();
     /// All that it writes until it ends.
     std::string rest();
+    pid_t process() const { return m_process; }
     void signal(int number) const;
     /// How much memory it has resident, in kB.
     long memory() const;

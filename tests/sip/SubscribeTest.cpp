@@ -1088,4 +1088,21 @@ TEST_F(Subscribing, ShowsOneTelephoneThatAnotherIsThere)
     EXPECT_TRUE(bob->sees("Offline")) << bob->said() << alice->said();
 }
 
+/// RFC 6665 section 4.2.2 and RFC 3903 section 4.1: neither has to begin again when the server does.
+TEST_F(Subscribing, ShowsTelephonesEachOtherAfterARestart)
+{
+    allow("bob@oryx.example");
+    startEvents({});
+    const std::unique_ptr<Baresip> bob = Baresip::withPresence("bob", m_port, "alice@oryx.example");
+    const std::unique_ptr<Baresip> alice = Baresip::withPresence("alice", m_port, "");
+    alice->command("presence_online");
+    EXPECT_TRUE(bob->sees("Online")) << bob->said() << alice->said();
+    kill();
+    startEvents({});
+    alice->command("presence_offline");
+    EXPECT_TRUE(bob->sees("Offline")) << bob->said() << alice->said();
+    alice->command("presence_online");
+    EXPECT_TRUE(bob->sees("Online")) << bob->said() << alice->said();
+}
+
 } // namespace

@@ -1,0 +1,21 @@
+#include "sip/Sipp.h"
+
+#include "sip/Phone.h"
+#include "sip/Program.h"
+
+std::string playScenario(const std::string& name, int port, const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> all{"127.0.0.1:" + std::to_string(port),
+                                 "-sf",
+                                 ORYX_SCENARIOS "/" + name + ".xml",
+                                 "-i",
+                                 "127.0.0.1",
+                                 "-p",
+                                 std::to_string(phone::freePort()),
+                                 "-nostdin",
+                                 "-timeout",
+                                 "20s"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    Program sipp("/usr/bin/sipp", all);
+    return sipp.wait(30) == 0 ? "" : sipp.soFar();
+}
