@@ -66,7 +66,7 @@ Notice viewOf(PresenceService& service, const Address& presentity, const Address
 std::optional<ListMember> memberOf(PresenceService& service, const Subscription& list, const std::string& uri,
                                    Notice& notice)
 {
-    ListMember member{uri, "", "", "terminated", "noresource", ""};
+    ListMember member{uri, "", "terminated", "noresource", ""};
     const std::optional<Address> address = addressOf(uri.c_str());
     if (!address) {
         return member;
