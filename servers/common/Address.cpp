@@ -37,6 +37,14 @@ bool canBeStored(const char* text)
            (printable || (utf8::is_valid(all.begin(), all.end()) && std::none_of(all.begin(), all.end(), &isControl)));
 }
 
+std::string userOf(const url_t& url)
+{
+    const char* const escaped = url.url_user != nullptr ? url.url_user : "";
+    std::vector<char> user(std::strlen(escaped) + 1);
+    url_unescape(user.data(), escaped);
+    return user.data();
+}
+
 std::string hostOf(const url_t& url)
 {
     std::string host = lowerCase(url.url_host != nullptr ? url.url_host : "");
@@ -53,12 +61,10 @@ std::optional<Address> addressOf(const url_t& url)
     }
     Address address;
     if (url.url_user != nullptr) {
-        std::vector<char> user(std::strlen(url.url_user) + 1);
-        url_unescape(user.data(), url.url_user);
-        if (!canBeStored(user.data()) || std::strstr(url.url_user, "%00") != nullptr) {
+        address.handle = lowerCase(userOf(url));
+        if (!canBeStored(address.handle.c_str()) || std::strstr(url.url_user, "%00") != nullptr) {
             return std::nullopt;
         }
-        address.handle = lowerCase(user.data());
     }
     address.domain = hostOf(url);
     return address.domain.empty() || !canBeStored(address.domain.c_str()) ? std::nullopt : std::optional(address);
@@ -66,11 +72,9 @@ std::optional<Address> addressOf(const url_t& url)
 
 std::optional<Address> addressOf(const char* uri)
 {
-    su_home_t home[1] = {SU_HOME_INIT(home)};
-    const url_t* const url = url_make(home, uri);
-    std::optional<Address> address = url != nullptr ? addressOf(*url) : std::nullopt;
-    su_home_deinit(home);
-    return address;
+    Scratch scratch;
+    const url_t* const url = url_make(scratch.home(), uri);
+    return url != nullptr ? addressOf(*url) : std::nullopt;
 }
 
 std::string normalized(const url_t& url)

@@ -22,6 +22,8 @@ struct Address {
 /// or broken UTF-8.
 std::optional<Address> addressOf(const url_t& url);
 std::optional<Address> addressOf(const char* uri);
+/// A URI's user, its escapes read; empty where there is none.
+std::string userOf(const url_t& url);
 /// A URI's host in lower case, without the final dot; empty where there is none.
 std::string hostOf(const url_t& url);
 /// Whether a text can stand in the database.

@@ -121,11 +121,9 @@ bool Credentials::match(std::string_view method, std::string_view secret) const
 
 bool Credentials::areFor(const url_t& target, const std::function<bool(const url_t& url)>& isHere) const
 {
-    su_home_t home[1] = {SU_HOME_INIT(home)};
-    const url_t* const said = url_make(home, uri.c_str());
-    const bool are = said != nullptr && (url_cmp(said, &target) == 0 || isHere(*said));
-    su_home_deinit(home);
-    return are;
+    Scratch scratch;
+    const url_t* const said = url_make(scratch.home(), uri.c_str());
+    return said != nullptr && (url_cmp(said, &target) == 0 || isHere(*said));
 }
 
 bool readCredentials(const msg_auth_t* headers, std::string_view realm, Credentials& credentials)

@@ -51,6 +51,13 @@ public:
             nta_incoming_treply(m_transaction, SIP_500_INTERNAL_SERVER_ERROR, TAG_END());
         }
     }
+    /// The same, as the step by which the request comes to its end: false.
+    template <typename... Tags>
+    bool refuse(int status, const char* phrase, Tags... tags)
+    {
+        answer(status, phrase, tags...);
+        return false;
+    }
     /// 503: the database is away, or too much is waiting for it.
     void answerUnavailable() { answer(SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("2")); }
     /// Somebody else's answer, where there is a transaction; its Via is this transaction's.
@@ -75,6 +82,12 @@ private:
     std::function<void()> m_cancel;
     bool m_answered = false;
 };
+
+struct TransactionDeleter {
+    void operator()(nta_outgoing_t* transaction) const { nta_outgoing_destroy(transaction); }
+};
+/// A request of this server's that is under way; nobody hears of its answers when it has been destroyed.
+using Transaction = std::unique_ptr<nta_outgoing_t, TransactionDeleter>;
 
 /// The sockets, and what comes in on them.
 class Endpoint {

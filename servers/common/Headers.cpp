@@ -41,4 +41,15 @@ std::string headerText(sip_header_t* header)
     }
 }
 
+std::string routeText(const sip_route_t* hops)
+{
+    std::string text;
+    for (; hops != nullptr; hops = hops->r_next) {
+        sip_route_t one = *hops;
+        one.r_next = nullptr;
+        text.append(text.empty() ? "" : ", ").append(headerText(one));
+    }
+    return text;
+}
+
 } // namespace oryx::sip

@@ -27,5 +27,7 @@ std::string headerText(Header& header)
 {
     return headerText(anyHeader(&header));
 }
+/// All the values of a header field of routes, such as Path, in their order; empty where there are none.
+std::string routeText(const sip_route_t* hops);
 
 } // namespace oryx::sip

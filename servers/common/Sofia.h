@@ -30,6 +30,20 @@
 
 namespace oryx::sip {
 
+/// Memory of the stack's for what is read from it once.
+class Scratch {
+public:
+    Scratch() { su_home_init(&m_home); }
+    ~Scratch() { su_home_deinit(&m_home); }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    su_home_t* home() { return &m_home; }
+
+private:
+    su_home_t m_home{};
+};
+
 /// A URI, or its text, where the stack takes either; null stays null.
 inline const url_string_t* urlText(const char* text)
 {

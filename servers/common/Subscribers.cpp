@@ -62,11 +62,11 @@ Subscribers::Secrets Subscribers::readSecrets(const std::string& realm, const Lo
     subscriber.setActive('f');
     const DatabaseResult result = lookup(subscriber);
     if (!result.okay()) {
-        secrets.verdict = result.getStatus() == DatabaseResult::NOTFOUND ? Verdict::unknown : Verdict::failed;
+        secrets.verdict = result.getStatus() == DatabaseResult::NOTFOUND ? Verdict::wrong : Verdict::failed;
         return secrets;
     }
     if (subscriber.password().empty()) { // whoever sends an empty one must not be taken for him
-        secrets.verdict = Verdict::unknown;
+        secrets.verdict = Verdict::wrong;
         return secrets;
     }
     secrets.verdict = subscriber.active() == "t" ? Verdict::accepted : Verdict::barred;

@@ -18,11 +18,10 @@ namespace oryx::sip {
 /// What has become of a request's credentials.
 enum class Verdict {
     accepted,
-    wrong,   ///< they are nobody's, or not the subscriber's: a new challenge, which does not tell who there is
-    stale,   ///< they are, but the nonce is too old, or was used before: a challenge that says so
-    unknown, ///< the address has no subscriber, or none with a password: told nobody, who is `wrong`
-    barred,  ///< it is the subscriber, and he is inactive
-    failed,  ///< nobody could be asked
+    wrong,  ///< they are nobody's, or not the subscriber's: a new challenge, which does not tell who there is
+    stale,  ///< they are, but the nonce is too old, or was used before: a challenge that says so
+    barred, ///< it is the subscriber, and he is inactive
+    failed, ///< nobody could be asked
 };
 
 /// Who can prove who he is; what has been read of subscribers is kept until provisioning changes, which must be heard

@@ -1,14 +1,26 @@
 #include <events/Changes.h>
 
-#include <chrono>
-#include <thread>
-#include <utility>
+#include <memory>
 
 namespace oryx::sip {
 
+Changes::Changes(Loop& loop, std::optional<Notifier>& notifier) : m_loop(loop), m_notifier(notifier)
+{
+    loop.watch(m_bell.descriptor(), [this] { tell(); });
+}
+
+Changes::~Changes()
+{
+    m_loop.unwatch(m_bell.descriptor());
+    delete m_news.load();
+}
+
 void Changes::hear(const ChangeSet& changes)
 {
-    auto news = std::make_unique<News>();
+    std::unique_ptr<News> news(m_news.exchange(nullptr)); // with what has not been told yet
+    if (!news) {
+        news = std::make_unique<News>();
+    }
     for (const ChangedTable& table : changes.tables) {
         // What a domain or a subscriber is like is nobody's presence; rules and lists have one name.
         news->anything = news->anything || table.name == "public_address" || table.name == "access_control_list" ||
@@ -19,27 +31,21 @@ void Changes::hear(const ChangeSet& changes)
             }
         }
     }
-    constexpr std::chrono::milliseconds kPause{1};
-    while (!m_news.push(news) && !m_stopped) {
-        std::this_thread::sleep_for(kPause);
-    }
+    m_news = news.release();
     m_bell.ring();
 }
 
-void Changes::tell(Loop& loop, Notifier& notifier)
+void Changes::tell()
 {
-    loop.watch(m_bell.descriptor(), [this, &notifier] {
-        m_bell.await();
-        for (std::unique_ptr<News> news = m_news.pop(); news; news = m_news.pop()) {
-            if (news->anything) {
-                notifier.lookAgain();
-                continue;
-            }
-            for (const std::string& presentity : news->presentities) {
-                notifier.publicationChanged(presentity);
-            }
+    m_bell.await();
+    const std::unique_ptr<News> news(m_news.exchange(nullptr));
+    if (news && news->anything) {
+        m_notifier->lookAgain();
+    } else if (news) {
+        for (const std::string& presentity : news->presentities) {
+            m_notifier->publicationChanged(presentity);
         }
-    });
+    }
 }
 
 } // namespace oryx::sip

@@ -2,31 +2,28 @@
 
 #include <common/Bell.h>
 #include <common/Loop.h>
-#include <common/Ring.h>
 #include <events/Notifier.h>
 
 #include <dal/ChangeListener.h>
 
 #include <atomic>
-#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
 namespace oryx::sip {
 
-/// Brings what is heard from the database to the SIP thread, in order and without a lock.
+/// Brings what is heard from the database to the SIP thread, without a lock.
 class Changes {
 public:
+    /// The notifier, which is there when the loop runs, is told on its thread.
+    Changes(Loop& loop, std::optional<Notifier>& notifier);
+    ~Changes();
+    Changes(const Changes&) = delete;
+    Changes& operator=(const Changes&) = delete;
+
     /// On the thread that listens.
     void hear(const ChangeSet& changes);
-    /// From now on the notifier is told, on the loop's thread.
-    void tell(Loop& loop, Notifier& notifier);
-    /// Nobody is told any more.
-    void stop(Loop& loop)
-    {
-        m_stopped = true;
-        loop.unwatch(m_bell.descriptor());
-    }
 
 private:
     /// The presentities of whom something else is published; or anything may have changed.
@@ -35,9 +32,12 @@ private:
         std::set<std::string> presentities;
     };
 
-    Ring<News, 256> m_news;
+    void tell();
+
+    Loop& m_loop;
+    std::optional<Notifier>& m_notifier;
+    std::atomic<News*> m_news{nullptr}; // what has been heard and not told; owned
     Bell m_bell;
-    std::atomic<bool> m_stopped{false};
 };
 
 } // namespace oryx::sip

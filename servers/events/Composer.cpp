@@ -16,18 +16,15 @@ namespace {
 constexpr const char* kPresenceType = "application/pidf+xml";
 constexpr const char* kWatchersType = "application/watcherinfo+xml";
 
-Notice failure()
+/// What a permission alone makes of a NOTIFY.
+Notice noticeWith(Permission permission)
 {
     Notice notice;
-    notice.failed = true;
-    return notice;
-}
-
-Notice termination(const char* reason)
-{
-    Notice notice;
-    notice.state = SubscriptionState::terminated;
-    notice.reason = reason;
+    notice.failed = permission == Permission::unknown;
+    notice.state = stateWith(permission);
+    if (notice.state == SubscriptionState::terminated) {
+        notice.reason = permission == Permission::absent ? "noresource" : "rejected";
+    }
     return notice;
 }
 
@@ -37,28 +34,17 @@ Notice viewOf(PresenceService& service, const Address& presentity, const Address
     std::vector<LivePublication> published;
     const DatabaseResult found =
         livePublications(service, presentity.handle.c_str(), presentity.domain.c_str(), "presence", published);
-    if (found.getStatus() == DatabaseResult::NOTFOUND) { // there is no such person, or not any more
-        return termination("noresource");
-    }
-    const Permission permission = permissionOf(service, presentity, watcher);
-    if (!found.okay() || permission == Permission::unknown) {
-        return failure();
-    }
-    if (permission == Permission::blocked) {
-        return termination("rejected");
-    }
-    Notice notice;
-    if (permission == Permission::unsettled) {
-        notice.state = SubscriptionState::pending;
-        return notice;
-    }
-    std::vector<std::string> documents;
-    for (LivePublication& publication : published) {
-        if (permission == Permission::allowed) {
-            documents.push_back(std::move(publication.body));
+    const Permission permission = found.okay() ? permissionOf(service, presentity, watcher) : permissionWithout(found);
+    Notice notice = noticeWith(permission);
+    if (notice.state == SubscriptionState::active) {
+        std::vector<std::string> documents;
+        for (LivePublication& publication : published) {
+            if (permission == Permission::allowed) {
+                documents.push_back(std::move(publication.body));
+            }
         }
+        notice.body = {kPresenceType, presenceDocument("sip:" + presentity.text(), documents)};
     }
-    notice.body = {kPresenceType, presenceDocument("sip:" + presentity.text(), documents)};
     return notice;
 }
 
@@ -66,7 +52,7 @@ Notice viewOf(PresenceService& service, const Address& presentity, const Address
 std::optional<ListMember> memberOf(PresenceService& service, const Subscription& list, const std::string& uri,
                                    Notice& notice)
 {
-    ListMember member{uri, "", "", "terminated", "noresource", ""};
+    ListMember member{uri, "", "terminated", "noresource", ""};
     const std::optional<Address> address = addressOf(uri.c_str());
     if (!address) {
         return member;
@@ -85,83 +71,64 @@ std::optional<ListMember> memberOf(PresenceService& service, const Subscription&
 
 Notice listNotice(PresenceService& service, const Subscription& list)
 {
-    Notice notice;
     int id = 0;
     std::vector<std::string> uris;
-    const char* const name = list.presentity.handle.c_str();
-    const DatabaseResult found = service.getListId(name, &id);
-    if (found.getStatus() == DatabaseResult::NOTFOUND) {
-        return termination("noresource");
+    Permission permission = permissionForList(service, list, id);
+    if (permission == Permission::allowed && !service.getListEntries(id, uris).okay()) {
+        permission = Permission::unknown;
     }
-    const DatabaseResult allowed =
-        service.isWatcherAllowedToSubscribeToList(id, list.watcher.handle.c_str(), list.watcher.domain.c_str());
-    const bool rejected = allowed.getStatus() == DatabaseResult::NOTFOUND;
-    if (!found.okay() || (!rejected && (!allowed.okay() || !service.getListEntries(id, uris).okay()))) {
-        return failure();
+    if (uris.empty()) { // it may have been removed in between, with all that belongs to it
+        permission = std::max(permission, permissionForList(service, list, id));
     }
-    // It may have been removed in between, with all that belongs to it.
-    if (uris.empty() && service.getListId(name, &id).getStatus() == DatabaseResult::NOTFOUND) {
-        return termination("noresource");
-    }
-    if (rejected) {
-        return termination("rejected");
+    Notice notice = noticeWith(permission);
+    if (permission != Permission::allowed) {
+        return notice;
     }
     std::sort(uris.begin(), uris.end()); // the database has no order, and a document without changes is the same
+    notice.said = 1;
     std::vector<ListMember> members;
     for (const std::string& uri : uris) {
         std::optional<ListMember> member = memberOf(service, list, uri, notice);
         if (!member) {
-            return failure();
+            return noticeWith(Permission::unknown);
         }
+        // Without the version, which is new each time.
+        notice.said = notice.said * 31 + std::hash<std::string>()(member->uri + member->state + member->document);
         members.push_back(std::move(*member));
     }
-    for (const ListMember& member : members) { // without the version, which is new each time
-        notice.said = notice.said * 31 + std::hash<std::string>()(member.uri + member.state + member.document);
-    }
-    notice.body = listBody(list.requestUri, static_cast<unsigned>(list.version), members);
+    notice.body = listBody(list.dialog.requestUri(), static_cast<unsigned>(list.version), members);
     return notice;
 }
 
 Notice watchersNotice(PresenceService& service, const Subscription& subscription, const Occasion& occasion)
 {
-    const Address& presentity = subscription.presentity;
-    int key = 0;
-    int csid = 0;
-    const DatabaseResult found =
-        service.getPublicAddressKey(presentity.handle.c_str(), presentity.domain.c_str(), key, csid);
-    if (!found.okay()) {
-        return found.getStatus() == DatabaseResult::NOTFOUND ? termination("noresource") : failure();
+    Notice notice = noticeWith(permissionFor(service, subscription));
+    if (notice.state != SubscriptionState::active) {
+        return notice;
     }
-    Notice notice;
+    notice.said = 1;
     for (const WatcherEntry& entry : occasion.watchers) { // without the version and the seconds
         notice.said = notice.said * 31 + std::hash<std::string>()(entry.id + entry.status + entry.event);
     }
-    notice.body = {kWatchersType, watcherDocument(subscription.presentityUri(), "presence",
+    notice.body = {kWatchersType, watcherDocument("sip:" + subscription.presentity.text(), "presence",
                                                   static_cast<unsigned>(subscription.version), occasion.watchers)};
     return notice;
 }
 
 Notice noticeOf(PresenceService& service, const Subscription& subscription, const Occasion& occasion)
 {
-    switch (subscription.package) {
-    case Package::presence:
+    if (subscription.package == Package::presence) {
         return viewOf(service, subscription.presentity, subscription.watcher);
-    case Package::presenceList:
-        return listNotice(service, subscription);
-    case Package::watchers:
-        break;
     }
-    return watchersNotice(service, subscription, occasion);
+    return subscription.package == Package::watchers ? watchersNotice(service, subscription, occasion)
+                                                     : listNotice(service, subscription);
 }
 
 } // namespace
 
-Notice compose(PresenceService& service, Subscription& next, const Occasion& occasion)
+Notice compose(PresenceService& service, Subscription subscription, const Occasion& occasion)
 {
-    Notice notice;
-    if (!occasion.silent) {
-        notice = noticeOf(service, next, occasion);
-    }
+    Notice notice = occasion.silent ? Notice() : noticeOf(service, subscription, occasion);
     if (!occasion.ends.empty() && notice.state != SubscriptionState::terminated) {
         notice.state = SubscriptionState::terminated;
         notice.reason = occasion.ends;
@@ -174,11 +141,12 @@ Notice compose(PresenceService& service, Subscription& next, const Occasion& occ
     if (notice.failed || !notice.due) {
         return notice;
     }
-    next.state = notice.state;
-    ++next.version;
+    subscription.dialog.SetNotcseq(subscription.dialog.notcseq() + 1);
+    ++subscription.version;
+    subscription.state = notice.state;
     if (occasion.stored) {
-        notice.failed =
-            !(notice.state == SubscriptionState::terminated ? remove(service, next) : storeNotify(service, next));
+        const bool ends = notice.state == SubscriptionState::terminated;
+        notice.failed = !(ends ? remove(service, subscription) : storeNotify(service, subscription));
     }
     return notice;
 }

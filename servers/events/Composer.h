@@ -32,8 +32,7 @@ struct Notice {
     std::vector<std::string> members; ///< The addresses on the list, where it is about one.
 };
 
-/// Makes a subscription's next NOTIFY from what the database has, and stores what it changes. `next` is the
-/// subscription with the NOTIFY's CSeq; its state becomes the NOTIFY's. Called by workers.
-Notice compose(PresenceService& service, Subscription& next, const Occasion& occasion);
+/// Makes a subscription's next NOTIFY from what the database has, and stores what it changes. Called by workers.
+Notice compose(PresenceService& service, Subscription subscription, const Occasion& occasion);
 
 } // namespace oryx::sip

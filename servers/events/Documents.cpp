@@ -8,12 +8,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <iterator>
+#include <initializer_list>
 #include <limits>
 #include <map>
 #include <memory>
 #include <random>
-#include <set>
 #include <utility>
 
 namespace oryx::sip {
@@ -37,12 +36,18 @@ struct FreeBy {
     }
 };
 using Document = std::unique_ptr<xmlDoc, FreeBy<&xmlFreeDoc>>;
+using Node = std::unique_ptr<xmlNode, FreeBy<&xmlFreeNode>>;
 using Parser = std::unique_ptr<xmlParserCtxt, FreeBy<&xmlFreeParserCtxt>>;
 using Buffer = std::unique_ptr<xmlBuffer, FreeBy<&xmlBufferFree>>;
 
 const xmlChar* xmlText(const char* text)
 {
     return reinterpret_cast<const xmlChar*>(text);
+}
+
+xmlNode* rootOf(const Document& document)
+{
+    return xmlDocGetRootElement(document.get());
 }
 
 std::string ownText(xmlChar* text)
@@ -55,16 +60,11 @@ std::string ownText(xmlChar* text)
 /// A text without what cannot stand in XML (XML 1.0 section 2.2).
 std::string allowedText(const std::string& text)
 {
-    std::string valid;
-    utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(valid));
-    std::string allowed;
-    for (auto at = valid.begin(); at != valid.end();) {
-        const std::uint32_t c = utf8::next(at, valid.end());
-        if ((c >= ' ' && c != 0xFFFE && c != 0xFFFF) || c == '\t' || c == '\n' || c == '\r') {
-            utf8::append(c, std::back_inserter(allowed));
-        }
-    }
-    return allowed;
+    std::u32string characters = utf8::utf8to32(utf8::replace_invalid(text));
+    std::erase_if(characters, [](char32_t c) {
+        return (c < ' ' && c != '\t' && c != '\n' && c != '\r') || c == 0xFFFE || c == 0xFFFF;
+    });
+    return utf8::utf32to8(characters);
 }
 
 // Reading
@@ -91,7 +91,7 @@ Document parsed(std::string_view text)
     Document document(
         xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, "UTF-8", kOptions));
     const bool whole = parser->wellFormed != 0 && parser->nsWellFormed != 0 && parser->errNo != XML_ERR_USER_STOP;
-    return whole && xmlDocGetRootElement(document.get()) != nullptr ? std::move(document) : nullptr;
+    return whole && rootOf(document) != nullptr ? std::move(document) : nullptr;
 }
 
 bool is(const xmlNode& node, const char* space, const char* name)
@@ -117,18 +117,16 @@ std::string childText(const xmlNode& node, const char* space, const char* name)
 }
 
 /// A document's presence element; null where it is another, has too much, or a tuple has no id (RFC 3863 section 4.1).
-const xmlNode* presenceIn(const Document& document)
+xmlNode* presenceIn(const Document& document)
 {
-    const xmlNode* const root = document ? xmlDocGetRootElement(document.get()) : nullptr;
+    xmlNode* const root = document ? rootOf(document) : nullptr;
     if (root == nullptr || !is(*root, kPidf, "presence")) {
         return nullptr;
     }
-    std::size_t elements = 0;
-    for (const xmlNode* child = root->children; child != nullptr; child = child->next) {
-        elements += child->type == XML_ELEMENT_NODE ? 1 : 0;
-        if (elements > kMostElements) {
-            return nullptr;
-        }
+    if (xmlChildElementCount(root) > kMostElements) {
+        return nullptr;
+    }
+    for (xmlNode* child = xmlFirstElementChild(root); child != nullptr; child = xmlNextElementSibling(child)) {
         if (is(*child, kPidf, "tuple") && attributeOf(*child, "id").empty()) {
             return nullptr;
         }
@@ -150,32 +148,39 @@ std::string written(xmlNode* root, const char* encoding)
 
 std::string written(const Document& document)
 {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + written(xmlDocGetRootElement(document.get()), "UTF-8");
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + written(rootOf(document), "UTF-8");
 }
 
-void setAttribute(xmlNode* node, const char* name, const std::string& value)
+/// Names and values; an empty value is left out.
+using Attributes = std::initializer_list<std::pair<const char*, std::string>>;
+
+void setAttributes(xmlNode* node, const Attributes& attributes)
 {
-    xmlNewProp(node, xmlText(name), xmlText(allowedText(value).c_str()));
+    for (const auto& [name, value] : attributes) {
+        if (!value.empty()) {
+            xmlSetProp(node, xmlText(name), xmlText(allowedText(value).c_str()));
+        }
+    }
 }
 
 /// A new child in its parent's namespace.
-xmlNode* addChild(xmlNode* parent, const char* name)
+xmlNode* addChild(xmlNode* parent, const char* name, const Attributes& attributes, const std::string& text = "")
 {
-    return xmlNewTextChild(parent, nullptr, xmlText(name), nullptr);
-}
-
-void addChild(xmlNode* parent, const char* name, const std::string& text)
-{
-    xmlNewTextChild(parent, nullptr, xmlText(name), xmlText(allowedText(text).c_str()));
+    const std::string allowed = allowedText(text);
+    xmlNode* const child =
+        xmlNewTextChild(parent, nullptr, xmlText(name), allowed.empty() ? nullptr : xmlText(allowed.c_str()));
+    setAttributes(child, attributes);
+    return child;
 }
 
 /// A document with a root of that name and namespace.
-Document newDocument(const char* name, const char* space)
+Document newDocument(const char* name, const char* space, const Attributes& attributes)
 {
     Document document(xmlNewDoc(xmlText("1.0")));
     xmlNode* const root = xmlNewDocNode(document.get(), nullptr, xmlText(name), nullptr);
     xmlSetNs(root, xmlNewNs(root, xmlText(space), nullptr));
     xmlDocSetRootElement(document.get(), root);
+    setAttributes(root, attributes);
     return document;
 }
 
@@ -184,35 +189,31 @@ Document newDocument(const char* name, const char* space)
 /// A document composed of others' elements, which stand in the order of RFC 3863's schema.
 class Composition {
 public:
-    explicit Composition(const std::string& entity) : m_document(newDocument("presence", kPidf))
+    explicit Composition(const std::string& entity) : m_document(newDocument("presence", kPidf, {{"entity", entity}}))
     {
-        setAttribute(root(), "entity", entity);
     }
 
     /// The latest that are added stay, as many as a datagram has room for.
-    void add(const xmlNode& presence)
+    void add(xmlNode& presence)
     {
-        for (xmlNode* child = presence.children; child != nullptr; child = child->next) {
-            if (child->type == XML_ELEMENT_NODE) {
-                take(*child);
-            }
+        for (xmlNode* child = xmlFirstElementChild(&presence); child != nullptr; child = xmlNextElementSibling(child)) {
+            add(Node(xmlDocCopyNode(child, m_document.get(), 1)));
         }
     }
     std::string text()
     {
-        std::stable_sort(m_parts.begin(), m_parts.end(),
-                         [](const Part& one, const Part& other) { return one.place < other.place; });
-        for (Part& part : m_parts) {
-            if (part.node) {
-                xmlAddChild(root(), part.node.release());
-            }
+        keepTheLatest();
+        std::stable_sort(m_elements.begin(), m_elements.end(),
+                         [](const Node& one, const Node& other) { return placeOf(*one) < placeOf(*other); });
+        xmlNode* const root = rootOf(m_document);
+        for (Node& element : m_elements) {
+            xmlAddChild(root, element.release());
         }
-        m_parts.clear();
-        xmlDOMWrapReconcileNamespaces(nullptr, root(), kRemoveRedundant);
-        if (root()->children == nullptr) {
-            xmlNode* const tuple = addChild(root(), "tuple");
-            setAttribute(tuple, "id", "none");
-            addChild(addChild(tuple, "status"), "basic", "closed");
+        m_elements.clear();
+        xmlDOMWrapReconcileNamespaces(nullptr, root, kRemoveRedundant);
+        if (root->children == nullptr) {
+            xmlNode* const tuple = addChild(root, "tuple", {{"id", "none"}});
+            addChild(addChild(tuple, "status", {}), "basic", {}, "closed");
         }
         return written(m_document);
     }
@@ -220,72 +221,59 @@ public:
 private:
     static constexpr int kRemoveRedundant = 1; // XML_DOM_RECONNS_REMOVEREDUND, which no header declares
 
-    enum class Place { tuple, note, other };
-    struct Part {
-        Place place;
-        std::string name;   // of the element
-        std::string id;     // as published; empty: it has none
-        std::string source; // what tells it from another with that id
-        std::unique_ptr<xmlNode, FreeBy<&xmlFreeNode>> node;
-        std::string taken; // the id that it has here
-        std::size_t size = 0;
+    /// Of elements that take one another's place.
+    struct Source {
+        std::string id;         // which it has here
+        std::size_t latest = 0; // of the elements
     };
 
-    xmlNode* root() const { return xmlDocGetRootElement(m_document.get()); }
-
-    void take(xmlNode& element)
+    static int placeOf(const xmlNode& element)
     {
-        Part part{Place::other, reinterpret_cast<const char*>(element.name), attributeOf(element, "id"), "", {}, "", 0};
-        part.node.reset(xmlDocCopyNode(&element, m_document.get(), 1));
-        if (is(element, kPidf, "tuple")) {
-            part.place = Place::tuple;
-            part.source = childText(element, kPidf, "contact");
-        } else if (is(element, kPidf, "note")) {
-            part.place = Place::note;
-        } else {
-            part.source = childText(element, kDataModel, "deviceID");
-        }
-        put(std::move(part));
+        return is(element, kPidf, "tuple") ? 0 : is(element, kPidf, "note") ? 1 : 2;
     }
-    void put(Part part)
+    void add(Node element)
     {
-        if (!part.id.empty()) {
-            const auto [earlier, added] = m_newest.try_emplace({part.id, part.name, part.source}, m_parts.size());
-            if (!added) {
-                drop(m_parts[std::exchange(earlier->second, m_parts.size())]);
+        const std::string id = attributeOf(*element, "id");
+        if (!id.empty()) {
+            const std::string name = reinterpret_cast<const char*>(element->name);
+            const std::string device = placeOf(*element) == 0 ? childText(*element, kPidf, "contact")
+                                                              : childText(*element, kDataModel, "deviceID");
+            const auto [known, added] = m_sources.try_emplace({id, name, device});
+            Source& source = known->second;
+            if (added) {
+                source.id = freeId(id);
+            } else {
+                m_elements[source.latest].reset();
             }
-            part.taken = freeId(part.id);
-            xmlSetProp(part.node.get(), xmlText("id"), xmlText(part.taken.c_str()));
+            source.latest = m_elements.size();
+            setAttributes(element.get(), {{"id", source.id}});
         }
-        part.size = written(part.node.get(), "UTF-8").size();
-        m_size += part.size;
-        m_parts.push_back(std::move(part));
-        while (m_size > kLongestComposition) { // the oldest are the least of interest
-            drop(m_parts[m_oldest++]);
-        }
+        m_elements.push_back(std::move(element));
     }
-    void drop(Part& part)
+    void keepTheLatest()
     {
-        m_size -= std::exchange(part.size, 0);
-        m_taken.erase(std::exchange(part.taken, ""));
-        part.node.reset();
+        std::size_t size = 0;
+        std::for_each(m_elements.rbegin(), m_elements.rend(), [&](Node& element) {
+            size += element ? written(element.get(), "UTF-8").size() : 0;
+            if (size > kLongestComposition) { // the oldest are the least of interest
+                element.reset();
+            }
+        });
+        std::erase(m_elements, nullptr);
     }
     std::string freeId(const std::string& wanted)
     {
         std::string id = wanted;
-        for (unsigned& number = m_numbers[wanted]; !m_taken.insert(id).second;) {
-            id = wanted + "-" + std::to_string(number = std::max(number + 1, 2U));
+        while (!m_ids.try_emplace(id, 1).second) {
+            id = wanted + "-" + std::to_string(++m_ids[wanted]);
         }
         return id;
     }
 
     Document m_document;
-    std::vector<Part> m_parts; // those that were dropped among them, without their nodes
-    std::size_t m_oldest = 0;
-    std::size_t m_size = 0;
-    std::map<std::array<std::string, 3>, std::size_t> m_newest; // id, name and source to where in m_parts
-    std::set<std::string> m_taken;
-    std::map<std::string, unsigned> m_numbers; // the last that was put behind an id
+    std::vector<Node> m_elements; // null where a later one has taken its place
+    std::map<std::array<std::string, 3>, Source> m_sources;
+    std::map<std::string, unsigned> m_ids; // with the last number that was put behind each
 };
 
 // Lists
@@ -324,22 +312,10 @@ void addPart(std::string& text, const std::string& boundary, const std::string& 
 
 void addResource(xmlNode* list, const ListMember& member, const std::string& contentId)
 {
-    xmlNode* const resource = addChild(list, "resource");
-    setAttribute(resource, "uri", member.uri);
-    if (!member.name.empty()) {
-        addChild(resource, "name", member.name);
-    }
-    if (member.instance.empty()) {
-        return;
-    }
-    xmlNode* const instance = addChild(resource, "instance");
-    setAttribute(instance, "id", member.instance);
-    setAttribute(instance, "state", member.state);
-    if (!member.reason.empty()) {
-        setAttribute(instance, "reason", member.reason);
-    }
-    if (!contentId.empty()) {
-        setAttribute(instance, "cid", contentId);
+    xmlNode* const resource = addChild(list, "resource", {{"uri", member.uri}});
+    if (!member.instance.empty()) {
+        addChild(resource, "instance",
+                 {{"id", member.instance}, {"state", member.state}, {"reason", member.reason}, {"cid", contentId}});
     }
 }
 
@@ -352,7 +328,7 @@ std::optional<std::string> publishedDocument(std::string_view body)
         return std::nullopt;
     }
     std::string clean;
-    for (const char c : written(xmlDocGetRootElement(document.get()), "US-ASCII")) {
+    for (const char c : written(rootOf(document), "US-ASCII")) {
         // Quotes are quotation marks where they mean anything, and lines are broken in texts alone.
         const bool plain = c >= ' ' && c != '\'' && c != '\\' && c != '\x7f';
         clean += plain ? std::string(1, c) : "&#" + std::to_string(static_cast<unsigned char>(c)) + ";";
@@ -366,7 +342,7 @@ std::string presenceDocument(const std::string& entity, const std::vector<std::s
     Composition composition(entity);
     for (const std::string& text : published) {
         const Document document = parsed(text);
-        if (const xmlNode* const presence = presenceIn(document); presence != nullptr) {
+        if (xmlNode* const presence = presenceIn(document); presence != nullptr) {
             composition.add(*presence);
         }
     }
@@ -376,22 +352,16 @@ std::string presenceDocument(const std::string& entity, const std::vector<std::s
 std::string watcherDocument(const std::string& resource, const std::string& package, unsigned version,
                             const std::vector<WatcherEntry>& watchers)
 {
-    const Document document = newDocument("watcherinfo", "urn:ietf:params:xml:ns:watcherinfo");
-    xmlNode* const root = xmlDocGetRootElement(document.get());
-    setAttribute(root, "version", std::to_string(version));
-    setAttribute(root, "state", "full");
-    xmlNode* const list = addChild(root, "watcher-list");
-    setAttribute(list, "resource", resource);
-    setAttribute(list, "package", package);
+    const Document document = newDocument("watcherinfo", "urn:ietf:params:xml:ns:watcherinfo",
+                                          {{"version", std::to_string(version)}, {"state", "full"}});
+    xmlNode* const list = addChild(rootOf(document), "watcher-list", {{"resource", resource}, {"package", package}});
     for (const WatcherEntry& entry : watchers) {
-        addChild(list, "watcher", entry.uri);
-        xmlNode* const watcher = xmlGetLastChild(list);
-        setAttribute(watcher, "id", entry.id);
-        setAttribute(watcher, "status", entry.status);
-        setAttribute(watcher, "event", entry.event);
-        if (entry.expires >= 0) {
-            setAttribute(watcher, "expiration", std::to_string(entry.expires));
-        }
+        addChild(list, "watcher",
+                 {{"id", entry.id},
+                  {"status", entry.status},
+                  {"event", entry.event},
+                  {"expiration", entry.expires >= 0 ? std::to_string(entry.expires) : ""}},
+                 entry.uri);
     }
     return written(document);
 }
@@ -400,17 +370,14 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
 {
     const std::string boundary = boundaryBetween(members);
     const std::string idEnd = "." + std::to_string(version) + "@" + hostIn(list);
-    const Document document = newDocument("list", "urn:ietf:params:xml:ns:rlmi");
-    xmlNode* const root = xmlDocGetRootElement(document.get());
-    setAttribute(root, "uri", list);
-    setAttribute(root, "version", std::to_string(version));
-    setAttribute(root, "fullState", "true");
+    const Document document = newDocument("list", "urn:ietf:params:xml:ns:rlmi",
+                                          {{"uri", list}, {"version", std::to_string(version)}, {"fullState", "true"}});
     std::string parts;
     for (std::size_t n = 0; n < members.size(); ++n) {
         const std::string id = std::to_string(n + 1) + idEnd;
         const bool shown = !members[n].instance.empty() && !members[n].document.empty() &&
                            parts.size() + members[n].document.size() <= kLongestComposition;
-        addResource(root, members[n], shown ? id : "");
+        addResource(rootOf(document), members[n], shown ? id : "");
         if (shown) {
             addPart(parts, boundary, id, "application/pidf+xml;charset=\"UTF-8\"", members[n].document);
         }

@@ -39,7 +39,6 @@ std::string watcherDocument(const std::string& resource, const std::string& pack
 /// A resource of a list (RFC 4662 section 5).
 struct ListMember {
     std::string uri;
-    std::string name;     ///< Shown to people; empty: none.
     std::string instance; ///< Tells the subscription from others to the resource; empty: there is none.
     std::string state;    ///< "active", "pending" or "terminated".
     std::string reason;   ///< Why it is terminated; empty: not said.

@@ -22,8 +22,6 @@ constexpr unsigned kMostDoublings = 4;
 constexpr std::chrono::seconds kRefusalPause{1};
 constexpr std::chrono::seconds kLongestPause{3600};
 constexpr unsigned kMostRefusals = 5;
-/// A subscription takes some thousand bytes, ten where everything in it is as long as it may be.
-constexpr std::size_t kMostWatches = 100000;
 constexpr std::size_t kMostOfWatcher = 256;
 constexpr std::size_t kMostWatchers = 256;      // told of at once
 constexpr std::ptrdiff_t kMostToPresentity = 8; // telephones that have forgotten theirs have others still
@@ -44,28 +42,18 @@ Notifier::Watch::Watch(Notifier& of, Subscription what)
     : notifier(of),
       subscription(std::move(what)),
       cause("subscribe"),
-      expiry(of.m_loop, [this] { notifier.expire(*this); }),
+      expiry(of.m_loop, [this] { notifier.schedule(*this); }),
       rest(of.m_loop, [this] {
-          resting = false;
+          leave(Phase::resting);
           notifier.begin(*this);
       })
 {
-    newest = subscription.subscribeCseq;
-}
-
-Notifier::Watch::~Watch()
-{
-    if (transaction != nullptr) {
-        nta_outgoing_destroy(transaction);
-    }
 }
 
 Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options)
     : m_loop(loop), m_workers(workers), m_options(options), m_retry(loop, [this] { retry(); })
 {
 }
-
-Notifier::~Notifier() = default;
 
 void Notifier::resume(std::function<void()> resumed)
 {
@@ -75,22 +63,17 @@ void Notifier::resume(std::function<void()> resumed)
 
 void Notifier::load()
 {
-    using Loaded = std::pair<bool, std::vector<Subscription>>;
-    const auto work = [this](EventSession& /*session*/) {
-        Loaded loaded;
-        loaded.first = sip::load(m_options, loaded.second);
-        return loaded;
-    };
-    const auto then = [this](Loaded loaded) {
-        if (!loaded.first) {
+    const auto work = [this](EventSession& /*session*/) { return loadSubscriptions(m_options); };
+    const auto then = [this](std::optional<std::vector<Subscription>> loaded) {
+        if (!loaded) {
             m_retry.set(kRetryPause);
             return;
         }
-        for (Subscription& subscription : loaded.second) {
-            insert(std::move(subscription));
+        for (Subscription& subscription : *loaded) {
+            insert(std::move(subscription), true);
         }
         for (const auto& [id, watch] : m_watches) { // when all that watch a presentity are there
-            resume(*watch);
+            proceed(*watch);
         }
         m_loaded = true;
         m_resumed();
@@ -100,30 +83,18 @@ void Notifier::load()
     }
 }
 
-/// What has changed while the server was away nobody knows, but for what has expired.
-void Notifier::resume(Watch& watch)
+/// Tells what there is now, for nobody knows what has changed; if its time is over, with its end.
+void Notifier::proceed(Watch& watch)
 {
-    if (watch.subscription.expires <= std::time(nullptr)) {
-        wantEnd(watch, "timeout");
-    } else {
-        want(watch, true);
-    }
+    schedule(watch);
+    want(watch, Want::anything);
 }
 
-void Notifier::add(Subscription subscription)
+void Notifier::add(Subscription subscription, bool stored)
 {
-    Watch& watch = insert(std::move(subscription));
-    want(watch, true);
+    Watch& watch = insert(std::move(subscription), stored);
+    proceed(watch);
     watchersChanged(watch);
-}
-
-void Notifier::addFetch(Subscription subscription)
-{
-    Watch& watch = insert(std::move(subscription));
-    forget(m_watching, watch.subscription.presentity.text(), watch);
-    forget(m_watchingWatchers, watch.subscription.presentity.text(), watch);
-    watch.occasion.stored = false;
-    wantEnd(watch, "timeout");
 }
 
 const Subscription* Notifier::find(const std::string& id) const
@@ -133,127 +104,109 @@ const Subscription* Notifier::find(const std::string& id) const
     return there ? &found->second->subscription : nullptr;
 }
 
-bool Notifier::full() const
-{
-    return m_watches.size() >= kMostWatches;
-}
-
 bool Notifier::hasEnough(const Subscription& another) const
 {
-    const auto found = m_ofWatcher.find(another.watcher.text());
-    if (found == m_ofWatcher.end()) {
-        return false;
-    }
+    const std::set<Watch*>& his = m_ofWatcher.of(another.watcher.text());
     const auto alike = [&](const Watch* watch) {
         const bool ofWatchers = watch->subscription.package == Package::watchers;
         return ofWatchers == (another.package == Package::watchers) &&
                watch->subscription.presentity.text() == another.presentity.text();
     };
-    return found->second.size() >= kMostOfWatcher ||
-           std::count_if(found->second.begin(), found->second.end(), alike) >= kMostToPresentity;
+    return his.size() >= kMostOfWatcher || std::count_if(his.begin(), his.end(), alike) >= kMostToPresentity;
 }
 
 bool Notifier::takeCseq(const Subscription& requested)
 {
-    Watch& watch = *m_watches.at(requested.id);
-    if (requested.subscribeCseq <= watch.newest) {
-        return false;
-    }
-    watch.newest = requested.subscribeCseq;
-    return true;
-}
-
-void Notifier::refresh(const Subscription& refreshed)
-{
-    Watch& watch = *m_watches.at(refreshed.id);
-    takeOver(watch, refreshed);
-    want(watch, true);
-}
-
-void Notifier::end(const Subscription& refreshed, const std::string& reason)
-{
-    Watch& watch = *m_watches.at(refreshed.id);
-    takeOver(watch, refreshed);
-    wantEnd(watch, reason);
+    PresenceRecord& dialog = m_watches.at(requested.id())->subscription.dialog;
+    const int before = dialog.subcseq();
+    dialog.SetSubcseq(std::max(before, requested.dialog.subcseq()));
+    return dialog.subcseq() > before;
 }
 
 /// A NOTIFY on its way to where the subscriber is not any more is nobody's: neither does its answer matter.
-void Notifier::takeOver(Watch& watch, const Subscription& refreshed)
+void Notifier::refresh(const Subscription& refreshed)
 {
-    const bool moved = std::exchange(watch.subscription.contact, refreshed.contact) != refreshed.contact;
-    if (moved && watch.transaction != nullptr) {
-        nta_outgoing_destroy(std::exchange(watch.transaction, nullptr));
-        watch.underWay = false;
+    Watch& watch = *m_watches.at(refreshed.id());
+    PresenceRecord& dialog = watch.subscription.dialog;
+    if (dialog.remotecontacthdr() != refreshed.dialog.remotecontacthdr() && watch.transaction) {
+        watch.transaction.reset();
+        watch.phase = Phase::idle;
     }
-    watch.subscription.subscribeCseq = refreshed.subscribeCseq;
+    dialog.SetRemotecontacthdr(refreshed.dialog.remotecontacthdr().c_str());
     watch.subscription.expires = refreshed.expires;
     watch.refusals = 0;
-    watch.resting = false;
-    schedule(watch);
+    watch.leave(Phase::resting);
+    proceed(watch);
 }
 
 void Notifier::publicationChanged(const std::string& presentity)
 {
-    const auto concerned = m_watching.find(presentity);
-    if (concerned != m_watching.end()) {
-        for (Watch* const watch : concerned->second) {
-            want(*watch, false);
-        }
+    for (Watch* const watch : m_watching.of(presentity)) {
+        want(*watch, Want::news);
     }
 }
 
 void Notifier::lookAgain()
 {
     for (const auto& [id, watch] : m_watches) {
-        want(*watch, false);
+        want(*watch, Want::news);
     }
 }
 
 void Notifier::contactExpired(const std::string& watcher, const std::string& contact)
 {
-    const auto found = m_ofWatcher.find(watcher);
-    if (found != m_ofWatcher.end()) {
-        for (Watch* const watch : found->second) {
-            if (watch->subscription.contact == contact) {
-                wantEnd(*watch, "timeout");
-            }
+    for (Watch* const watch : m_ofWatcher.of(watcher)) {
+        if (watch->subscription.dialog.remotecontacthdr() == contact) {
+            wantEnd(*watch, "timeout");
         }
     }
 }
 
-/// A subscription that goes on until it ends or expires.
-Notifier::Watch& Notifier::insert(Subscription subscription)
+void Notifier::Index::remove(const std::string& person, Watch& watch)
 {
-    const std::string id = subscription.id;
+    const auto found = m_watches.find(person);
+    if (found != m_watches.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
+        m_watches.erase(found);
+    }
+}
+
+const std::set<Notifier::Watch*>& Notifier::Index::of(const std::string& person) const
+{
+    static const std::set<Watch*> none;
+    const auto found = m_watches.find(person);
+    return found != m_watches.end() ? found->second : none;
+}
+
+/// Whoever only fetches watches nobody.
+Notifier::Watch& Notifier::insert(Subscription subscription, bool stored)
+{
+    const std::string id = subscription.id();
     Watch& watch = *m_watches.emplace(id, std::make_unique<Watch>(*this, std::move(subscription))).first->second;
-    const std::string presentity = watch.subscription.presentity.text();
-    (watch.subscription.package == Package::watchers ? m_watchingWatchers : m_watching)[presentity].insert(&watch);
-    m_ofWatcher[watch.subscription.watcher.text()].insert(&watch);
-    schedule(watch);
+    watch.occasion.stored = stored;
+    if (stored) {
+        Index& watching = watch.subscription.package == Package::watchers ? m_watchingWatchers : m_watching;
+        watching.add(watch.subscription.presentity.text(), watch);
+    }
+    m_ofWatcher.add(watch.subscription.watcher.text(), watch);
     return watch;
 }
 
+/// Has a subscription end when its time is over.
 void Notifier::schedule(Watch& watch)
 {
     constexpr std::time_t kLongest = 86400; // seconds; the stack's timers know no years
     const std::time_t left = watch.subscription.expires - std::time(nullptr);
-    watch.expiry.set(std::chrono::seconds(std::clamp<std::time_t>(left, 0, kLongest)));
-}
-
-void Notifier::expire(Watch& watch)
-{
-    if (watch.subscription.expires > std::time(nullptr)) {
-        schedule(watch);
+    if (left > 0) {
+        watch.expiry.set(std::chrono::seconds(std::min(left, kLongest)));
     } else {
         wantEnd(watch, "timeout");
     }
 }
 
-/// Has a NOTIFY sent: always, or if it says anything new.
-void Notifier::want(Watch& watch, bool always)
+/// Has a NOTIFY sent, whatever it says or if it says anything new.
+void Notifier::want(Watch& watch, Want what)
 {
-    watch.wanted = true;
-    watch.wantedAlways = watch.wantedAlways || always;
+    watch.wanted = std::max(watch.wanted, what);
     begin(watch);
 }
 
@@ -265,16 +218,16 @@ void Notifier::wantEnd(Watch& watch, const std::string& reason)
     }
     watch.cause = reason;
     watch.occasion.ends = reason;
-    watch.resting = false;
     watchersChanged(watch);
-    want(watch, true);
+    watch.leave(Phase::resting);
+    want(watch, Want::anything);
 }
 
 void Notifier::begin(Watch& watch)
 {
-    if (watch.wanted && !watch.underWay && !watch.waiting && !watch.resting) {
-        watch.waiting = true;
-        (watch.subscription.notifyCseq == 0 ? m_new : m_waiting).push_back(watch.subscription.id);
+    if (watch.wanted != Want::nothing && watch.phase == Phase::idle) {
+        watch.phase = Phase::waiting;
+        (watch.subscription.dialog.notcseq() == 0 ? m_new : m_waiting).push_back(watch.subscription.id());
         composeNext();
     }
 }
@@ -287,7 +240,6 @@ void Notifier::composeNext()
         const auto next = m_watches.find(queue.front());
         queue.pop_front();
         if (next != m_watches.end()) {
-            next->second->waiting = false;
             compose(*next->second);
         }
     }
@@ -295,47 +247,41 @@ void Notifier::composeNext()
 
 void Notifier::compose(Watch& watch)
 {
-    watch.occasion.always = watch.wantedAlways;
+    watch.occasion.always = watch.wanted == Want::anything;
     if (watch.subscription.package == Package::watchers) {
         watch.occasion.watchers = watchersOf(watch.subscription.presentity.text());
     }
-    auto work = [next = watch.subscription, occasion = watch.occasion](EventSession& session) mutable {
-        ++next.notifyCseq;
-        Notice notice = sip::compose(session.service(), next, occasion);
-        return std::pair(std::move(next), std::move(notice));
+    auto work = [subscription = watch.subscription, occasion = watch.occasion](EventSession& session) {
+        return sip::compose(session.service(), subscription, occasion);
     };
-    auto then = [this, id = watch.subscription.id](const std::pair<Subscription, Notice>& made) {
+    auto then = [this, id = watch.subscription.id()](const Notice& made) {
         --m_composing;
-        take(id, made.first, made.second);
+        take(id, made);
         composeNext();
     };
-    watch.underWay = m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then));
-    if (watch.underWay) {
+    if (m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
         ++m_composing;
-        watch.wanted = false;
-        watch.wantedAlways = false;
+        watch.phase = Phase::underWay;
+        watch.wanted = Want::nothing;
     } else {
-        pause();
+        m_pausing = true; // until the workers have room
+        m_retry.set(kRetryPause);
+        watch.phase = Phase::idle;
         begin(watch);
     }
 }
 
-/// Until the workers have room.
-void Notifier::pause()
+void Notifier::retry()
 {
-    m_pausing = true;
-    m_retry.set(kRetryPause);
+    m_pausing = false;
+    if (!m_loaded) {
+        load();
+    }
+    composeNext();
 }
 
-/// Others need not wait for what is wrong with one.
-void Notifier::rest(Watch& watch, std::chrono::milliseconds time)
-{
-    watch.resting = true;
-    watch.rest.set(time);
-}
-
-/// What a worker has made; `next` is the subscription with it.
-void Notifier::take(const std::string& id, const Subscription& next, const Notice& notice)
+/// What a worker has made.
+void Notifier::take(const std::string& id, const Notice& notice)
 {
     const auto found = m_watches.find(id);
     if (found == m_watches.end()) { // the server is about to end
@@ -343,26 +289,24 @@ void Notifier::take(const std::string& id, const Subscription& next, const Notic
     }
     Watch& watch = *found->second;
     if (notice.failed) {
-        watch.underWay = false;
-        watch.wanted = true;
-        watch.wantedAlways = watch.wantedAlways || watch.occasion.always;
-        rest(watch, kRetryPause * (1U << std::min(watch.failures++, kMostDoublings)));
-        return;
+        watch.wanted = std::max(watch.wanted, watch.occasion.always ? Want::anything : Want::news);
+        return watch.pauseFor(kRetryPause * (1U << std::min(watch.failures++, kMostDoublings)));
     }
     watch.failures = 0;
     if (!notice.due) {
-        finish(watch);
-        return;
+        return finish(watch);
     }
-    watch.subscription.notifyCseq = next.notifyCseq;
-    watch.subscription.version = next.version;
+    watch.subscription.dialog.SetNotcseq(watch.subscription.dialog.notcseq() + 1); // as it was stored
+    ++watch.subscription.version;
     watch.occasion.said = notice.said;
     takeMembers(watch, notice.members);
     takeState(watch, notice);
     if (watch.occasion.silent) {
-        erase(watch);
-    } else {
-        send(watch, notice);
+        return erase(watch);
+    }
+    watch.transaction = sendNotify(*m_endpoint, watch.subscription, notice, &Notifier::responded, &watch);
+    if (!watch.transaction) { // nowhere: no such host
+        answered(watch, 503, std::chrono::seconds(0));
     }
 }
 
@@ -380,36 +324,15 @@ void Notifier::takeState(Watch& watch, const Notice& notice)
 /// A list's subscription is concerned by what happens to its members.
 void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members)
 {
-    if (watch.subscription.package != Package::presenceList) {
-        return;
-    }
     const std::set<std::string> before = std::exchange(watch.members, {members.begin(), members.end()});
     for (const std::string& member : before) {
-        forget(m_watching, member, watch);
+        m_watching.remove(member, watch);
     }
     for (const std::string& member : watch.members) {
-        m_watching[member].insert(&watch);
-        // What has happened between the look at him and now nobody has been told.
-        watch.wanted = watch.wanted || !before.contains(member);
-    }
-}
-
-void Notifier::retry()
-{
-    m_pausing = false;
-    if (!m_loaded) {
-        load();
-    }
-    composeNext();
-}
-
-void Notifier::send(Watch& watch, const Notice& notice)
-{
-    NotifyRequest request = notifyRequest(*m_endpoint, watch.subscription, notice);
-    watch.transaction = nta_outgoing_mcreate(m_endpoint->agent(), &Notifier::responded, &watch, request.next,
-                                             request.message.release(), TPTAG_IDENT(request.family), TAG_END());
-    if (watch.transaction == nullptr) { // nowhere: no such host
-        answered(watch, 503, std::chrono::seconds(0));
+        m_watching.add(member, watch);
+        if (!before.contains(member)) { // what has happened between the look at him and now nobody has been told
+            watch.wanted = std::max(watch.wanted, Want::news);
+        }
     }
 }
 
@@ -426,9 +349,7 @@ int Notifier::responded(void* of, nta_outgoing_t* transaction, const sip_t* sip)
 
 void Notifier::answered(Watch& watch, int status, std::chrono::seconds retryAfter)
 {
-    if (nta_outgoing_t* const transaction = std::exchange(watch.transaction, nullptr)) {
-        nta_outgoing_destroy(transaction);
-    }
+    watch.transaction.reset();
     const bool goesOn = watch.subscription.state != SubscriptionState::terminated;
     if (goesOn && endsSubscription(status)) {
         watch.occasion.silent = true;
@@ -446,9 +367,9 @@ void Notifier::notTold(Watch& watch, std::chrono::seconds retryAfter)
 {
     watch.occasion.said = 0;
     if (!watch.ending() && watch.refusals < kMostRefusals) {
-        watch.wanted = true;
-        rest(watch,
-             retryAfter.count() > 0 ? std::min(retryAfter, kLongestPause) : kRefusalPause * (1U << watch.refusals));
+        watch.wanted = std::max(watch.wanted, Want::news);
+        watch.pauseFor(retryAfter.count() > 0 ? std::min(retryAfter, kLongestPause)
+                                              : kRefusalPause * (1U << watch.refusals));
         ++watch.refusals;
     }
 }
@@ -456,7 +377,7 @@ void Notifier::notTold(Watch& watch, std::chrono::seconds retryAfter)
 /// What was under way for a subscription is done: the next, or its end.
 void Notifier::finish(Watch& watch)
 {
-    watch.underWay = false;
+    watch.leave(Phase::underWay);
     if (watch.subscription.state == SubscriptionState::terminated) {
         erase(watch);
     } else {
@@ -464,31 +385,21 @@ void Notifier::finish(Watch& watch)
     }
 }
 
-void Notifier::forget(Index& index, const std::string& presentity, Watch& watch)
-{
-    const auto found = index.find(presentity);
-    if (found != index.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
-        index.erase(found);
-    }
-}
-
 void Notifier::erase(Watch& watch)
 {
     takeMembers(watch, {});
-    forget(m_watching, watch.subscription.presentity.text(), watch);
-    forget(m_watchingWatchers, watch.subscription.presentity.text(), watch);
-    forget(m_ofWatcher, watch.subscription.watcher.text(), watch);
-    m_watches.erase(std::string(watch.subscription.id));
+    m_watching.remove(watch.subscription.presentity.text(), watch);
+    m_watchingWatchers.remove(watch.subscription.presentity.text(), watch);
+    m_ofWatcher.remove(watch.subscription.watcher.text(), watch);
+    m_watches.erase(std::string(watch.subscription.id()));
 }
 
 /// Tells those who watch a presentity's watchers of one of them.
 void Notifier::watchersChanged(const Watch& watch)
 {
-    const auto concerned = m_watchingWatchers.find(watch.subscription.presentity.text());
-    const bool watches = watch.subscription.package == Package::presence && watch.occasion.stored;
-    if (watches && concerned != m_watchingWatchers.end()) {
-        for (Watch* const other : concerned->second) {
-            want(*other, true);
+    if (watch.subscription.package == Package::presence && watch.occasion.stored) {
+        for (Watch* const other : m_watchingWatchers.of(watch.subscription.presentity.text())) {
+            want(*other, Want::anything);
         }
     }
 }
@@ -496,30 +407,22 @@ void Notifier::watchersChanged(const Watch& watch)
 std::vector<WatcherEntry> Notifier::watchersOf(const std::string& presentity) const
 {
     std::vector<WatcherEntry> entries;
-    const auto watching = m_watching.find(presentity);
-    if (watching == m_watching.end()) {
-        return entries;
-    }
     const std::time_t now = std::time(nullptr);
-    for (const Watch* const watch : watching->second) {
+    for (const Watch* const watch : m_watching.of(presentity)) {
         const Subscription& subscription = watch->subscription;
         if (subscription.package != Package::presence) {
             continue;
         }
         const SubscriptionState state = watch->ending() ? SubscriptionState::terminated : subscription.state;
-        entries.push_back({"sip:" + subscription.watcher.text(), subscription.id.substr(subscription.id.find('#') + 1),
-                           textOf(state), watch->cause, static_cast<long>(subscription.expires - now)});
+        entries.push_back({"sip:" + subscription.watcher.text(),
+                           subscription.id().substr(subscription.id().find('#') + 1), textOf(state), watch->cause,
+                           static_cast<long>(subscription.expires - now)});
     }
     // Of very many those that the presentity has to decide about are told first.
     std::stable_partition(entries.begin(), entries.end(),
                           [](const WatcherEntry& entry) { return entry.status == "pending"; });
     entries.resize(std::min(entries.size(), kMostWatchers));
     return entries;
-}
-
-void Notifier::stop()
-{
-    m_watches.clear();
 }
 
 } // namespace oryx::sip

@@ -27,7 +27,6 @@ namespace oryx::sip {
 class Notifier {
 public:
     Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options);
-    ~Notifier();
     Notifier(const Notifier&) = delete;
     Notifier& operator=(const Notifier&) = delete;
 
@@ -39,23 +38,20 @@ public:
     bool resumed() const { return m_loaded; }
 
     /// Whether there are as many subscriptions as this server is to have, 100,000.
-    bool full() const;
+    bool full() const { return m_watches.size() >= kMostWatches; }
     /// Whether the watcher has as many as a person may have: 256, and 8 of them to one presentity.
     bool hasEnough(const Subscription& another) const;
     /// Whether a request is newer than all before it in its dialog; none of before is then any more.
     bool takeCseq(const Subscription& requested);
 
-    /// Begins a subscription that is stored, with its first NOTIFY.
-    void add(Subscription subscription);
-    /// Sends the one NOTIFY to somebody who only fetches what is there.
-    void addFetch(Subscription subscription);
+    /// A new subscription, which gets its first NOTIFY. One that is not stored gets no other: its subscriber only
+    /// fetches what is there (RFC 6665 section 4.4.3).
+    void add(Subscription subscription, bool stored);
     /// A subscription that has not ended; null when there is none.
     const Subscription* find(const std::string& id) const;
-    /// Takes over what a refresh has changed of a subscription that has not ended, and sends a NOTIFY (RFC 6665 section
-    /// 4.2.1.2).
+    /// Takes over what a refresh has changed of a subscription that has not ended, and sends a NOTIFY
+    /// (section 4.2.1.2); the last one, if its time is over.
     void refresh(const Subscription& refreshed);
-    /// The same, and it ends with that NOTIFY.
-    void end(const Subscription& refreshed, const std::string& reason);
 
     /// What is published of a presentity, "user@domain", has changed.
     void publicationChanged(const std::string& presentity);
@@ -64,58 +60,69 @@ public:
     /// A registration of the watcher, "user@domain", has expired: what he has subscribed to from there ends.
     void contactExpired(const std::string& watcher, const std::string& contact);
     /// Ends whatever is under way.
-    void stop();
+    void stop() { m_watches.clear(); }
 
 private:
+    /// A subscription takes some thousand bytes, ten where everything in it is as long as it may be.
+    static constexpr std::size_t kMostWatches = 100000;
+
+    enum class Want { nothing, news, anything }; // news: only if it says something else than the last one
+    enum class Phase {
+        idle,
+        waiting,  // for its turn to be made
+        underWay, // is being made, or has not been answered
+        resting,  // for a while, after what could not be done
+    };
     /// A subscription, and what is under way for it.
     struct Watch {
         Watch(Notifier& of, Subscription what);
-        ~Watch();
-        Watch(const Watch&) = delete;
-        Watch& operator=(const Watch&) = delete;
 
+        void pauseFor(std::chrono::milliseconds time)
+        {
+            phase = Phase::resting; // others need not wait for what is wrong with this one
+            rest.set(time);
+        }
+        void leave(Phase left) { phase = phase == left ? Phase::idle : phase; }
         bool ending() const { return !occasion.ends.empty() || subscription.state == SubscriptionState::terminated; }
 
         Notifier& notifier;
         Subscription subscription;
         Occasion occasion;             ///< Of the NOTIFY that is under way, or of the last one.
-        bool wanted = false;           ///< Whether there is to be another.
-        bool wantedAlways = false;     ///< And even if it says nothing new.
-        bool waiting = false;          ///< For its turn to be made.
-        bool underWay = false;         ///< One is being made, or has not been answered.
-        bool resting = false;          ///< For a while, after what could not be done.
+        Phase phase = Phase::idle;     ///< Of that NOTIFY.
+        Want wanted = Want::nothing;   ///< What another is to say.
         unsigned failures = 0;         ///< How often the database could not be asked, one after another.
         unsigned refusals = 0;         ///< How many NOTIFYs were refused, one after another.
-        int newest = 0;                ///< The highest CSeq that has come.
         std::string cause;             ///< What has made the state what it is, as watcher information calls it.
         std::set<std::string> members; ///< The presentities on the list.
-        nta_outgoing_t* transaction = nullptr;
+        Transaction transaction;
         Timer expiry;
         Timer rest;
     };
     using Watches = std::unordered_map<std::string, std::unique_ptr<Watch>>;
-    /// Whom each presentity's changes concern.
-    using Index = std::unordered_map<std::string, std::set<Watch*>>;
+    /// The subscriptions that what happens to somebody concerns.
+    class Index {
+    public:
+        void add(const std::string& person, Watch& watch) { m_watches[person].insert(&watch); }
+        void remove(const std::string& person, Watch& watch);
+        const std::set<Watch*>& of(const std::string& person) const;
 
-    Watch& insert(Subscription subscription);
-    static void takeOver(Watch& watch, const Subscription& refreshed);
-    static void schedule(Watch& watch);
-    void expire(Watch& watch);
-    void want(Watch& watch, bool always);
+    private:
+        std::unordered_map<std::string, std::set<Watch*>> m_watches;
+    };
+
+    void load();
+    Watch& insert(Subscription subscription, bool stored);
+    void proceed(Watch& watch);
+    void schedule(Watch& watch);
+    void want(Watch& watch, Want what);
     void wantEnd(Watch& watch, const std::string& reason);
     void begin(Watch& watch);
     void composeNext();
     void compose(Watch& watch);
-    void pause();
-    static void rest(Watch& watch, std::chrono::milliseconds time);
-    void take(const std::string& id, const Subscription& next, const Notice& notice);
-    void takeState(Watch& watch, const Notice& notice);
-    void load();
-    void resume(Watch& watch);
-    static void forget(Index& index, const std::string& presentity, Watch& watch);
-    void takeMembers(Watch& watch, const std::vector<std::string>& members);
     void retry();
-    void send(Watch& watch, const Notice& notice);
+    void take(const std::string& id, const Notice& notice);
+    void takeState(Watch& watch, const Notice& notice);
+    void takeMembers(Watch& watch, const std::vector<std::string>& members);
     static int responded(void* of, nta_outgoing_t* transaction, const sip_t* sip);
     void answered(Watch& watch, int status, std::chrono::seconds retryAfter);
     static void notTold(Watch& watch, std::chrono::seconds retryAfter);

@@ -6,12 +6,9 @@
 
 namespace oryx::sip {
 
-struct NotifyRequest {
-    Message message;
-    const url_string_t* next; ///< Where it is sent in spite of its Route; null: as Route and request URI say.
-    const char* family;       ///< As `Endpoint::familyOf` has it.
-};
-/// The NOTIFY request of a subscription (RFC 6665 section 4.2.2) within its dialog (RFC 3261 section 12.2.1.1).
-NotifyRequest notifyRequest(const Endpoint& endpoint, const Subscription& subscription, const Notice& notice);
+/// Sends a subscription's NOTIFY (RFC 6665 section 4.2.2) within its dialog (RFC 3261 section 12.2.1.1); its answers go
+/// to `respond`, with `magic`. Null where it cannot be sent.
+Transaction sendNotify(const Endpoint& endpoint, const Subscription& subscription, const Notice& notice,
+                       nta_response_f* respond, void* magic);
 
 } // namespace oryx::sip

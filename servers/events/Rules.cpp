@@ -23,6 +23,19 @@ Permission permissionBy(const std::string& action)
 
 } // namespace
 
+Permission permissionWithout(const DatabaseResult& result)
+{
+    return result.fatalError() ? Permission::unknown : Permission::absent;
+}
+
+SubscriptionState stateWith(Permission permission)
+{
+    if (permission == Permission::unsettled) {
+        return SubscriptionState::pending;
+    }
+    return permission < Permission::blocked ? SubscriptionState::active : SubscriptionState::terminated;
+}
+
 Permission permissionOf(PresenceService& service, const Address& presentity, const Address& watcher)
 {
     if (watcher.text() == presentity.text()) {
@@ -31,7 +44,7 @@ Permission permissionOf(PresenceService& service, const Address& presentity, con
     std::vector<AccessControlEntry> rules;
     const DatabaseResult result =
         service.getAccessControlList(presentity.handle.c_str(), presentity.domain.c_str(), "presence", rules);
-    if (!result.okay() && result.getStatus() != DatabaseResult::NOTFOUND) {
+    if (result.fatalError()) {
         return Permission::unknown;
     }
     for (const std::string& requester : {watcher.text(), "*@" + watcher.domain, std::string("*")}) {
@@ -46,6 +59,40 @@ Permission permissionOf(PresenceService& service, const Address& presentity, con
         }
     }
     return Permission::unsettled;
+}
+
+Permission permissionFor(PresenceService& service, const Subscription& subscription)
+{
+    const Address& presentity = subscription.presentity;
+    int key = 0;
+    int csid = 0;
+    if (subscription.package == Package::presenceList) {
+        return permissionForList(service, subscription, key);
+    }
+    const DatabaseResult found =
+        service.getPublicAddressKey(presentity.handle.c_str(), presentity.domain.c_str(), key, csid);
+    if (!found.okay()) {
+        return permissionWithout(found);
+    }
+    if (subscription.package == Package::watchers) { // nobody else's business
+        return subscription.watcher.text() == presentity.text() ? Permission::allowed : Permission::blocked;
+    }
+    return permissionOf(service, presentity, subscription.watcher);
+}
+
+Permission permissionForList(PresenceService& service, const Subscription& list, int& id)
+{
+    const DatabaseResult found = service.getListId(list.presentity.handle.c_str(), &id);
+    if (!found.okay()) {
+        return permissionWithout(found);
+    }
+    const Address& watcher = list.watcher;
+    const DatabaseResult allowed =
+        service.isWatcherAllowedToSubscribeToList(id, watcher.handle.c_str(), watcher.domain.c_str());
+    if (allowed.fatalError()) {
+        return Permission::unknown;
+    }
+    return allowed.okay() ? Permission::allowed : Permission::blocked;
 }
 
 } // namespace oryx::sip

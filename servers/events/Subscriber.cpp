@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <ctime>
 #include <initializer_list>
+#include <string>
 #include <utility>
 
 namespace oryx::sip {
@@ -19,16 +20,15 @@ namespace {
 constexpr const char* kEventList = "eventlist";
 constexpr std::uint32_t kLastCseq = 0x7fffffff; // RFC 3261 section 8.1.1.5
 
-bool lists(const msg_list_t* header, const char* item)
-{
-    for (const msg_param_t* items = header != nullptr ? header->k_items : nullptr;
-         items != nullptr && *items != nullptr; ++items) {
-        if (su_casematch(*items, item) != 0) {
-            return true;
-        }
-    }
-    return false;
-}
+/// A request as a worker gets it.
+struct SubscribeOrder {
+    Sender sender; ///< With the watcher.
+    Subscription subscription;
+    std::uint32_t expires = 0;
+    bool lists = false; ///< Whether the subscriber knows what a list is.
+    std::string list;   ///< Which, if it is one.
+    Permission permission = Permission::unknown;
+};
 
 /// Whether a body of that type is accepted; any is where nothing is said.
 bool accepts(const sip_t& sip, const char* type)
@@ -44,348 +44,235 @@ bool accepts(const sip_t& sip, const char* type)
     return sip.sip_accept == nullptr;
 }
 
-/// The proxies that stay on the way, as a Route header field of this side (RFC 3261 section 12.1.1).
-std::string routeSetOf(const sip_t& sip)
-{
-    std::string routes;
-    for (const sip_record_route_t* hop = sip.sip_record_route; hop != nullptr; hop = hop->r_next) {
-        sip_record_route_t one = *hop;
-        one.r_next = nullptr;
-        routes.append(routes.empty() ? "" : ", ").append(headerText(one));
-    }
-    return routes;
-}
-
-/// Whether there is one place that NOTIFY can go to.
-bool reachable(const sip_contact_t* contact)
-{
-    return contact != nullptr && contact->m_next == nullptr &&
-           (contact->m_url->url_type == url_sip || contact->m_url->url_type == url_sips);
-}
-
 std::string subscriptionId(const char* tag)
 {
     return std::string("incoming#") + tag;
+}
+
+/// Whether a request is of the subscription's dialog, by tag and Call-ID, and of its event (RFC 6665 section 8.2.1).
+bool isOf(const PresenceRecord& dialog, const sip_t& request)
+{
+    Scratch scratch;
+    const sip_from_t* const from = sip_from_make(scratch.home(), dialog.fromhdr().c_str());
+    const sip_event_t* const event = sip_event_make(scratch.home(), dialog.eventhdr().c_str());
+    return from != nullptr && from->a_tag != nullptr && su_strmatch(from->a_tag, request.sip_from->a_tag) != 0 &&
+           dialog.callId() == request.sip_call_id->i_id && event != nullptr && request.sip_event != nullptr &&
+           su_strmatch(event->o_type, request.sip_event->o_type) != 0 &&
+           su_strmatch(event->o_id, request.sip_event->o_id) != 0;
+}
+
+/// The event package, and what its documents are sent in. There are no filters, which would be a body (RFC 3261 section
+/// 8.2.3). False when the request has been answered, here and below.
+bool readPackage(Incoming& request, SubscribeOrder& order)
+{
+    const sip_t& sip = request.sip();
+    if (sip.sip_payload != nullptr && sip.sip_payload->pl_len > 0) {
+        return request.refuse(SIP_415_UNSUPPORTED_MEDIA, SIPTAG_ACCEPT_STR(""));
+    }
+    sip_event_t* const event = sip.sip_event;
+    const std::string name = event != nullptr && event->o_type != nullptr ? event->o_type : "";
+    const bool winfo = name == "presence.winfo";
+    if (event == nullptr || (!winfo && name != "presence")) {
+        return request.refuse(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kAllowEvents));
+    }
+    order.subscription.package = winfo ? Package::watchers : Package::presence;
+    order.subscription.dialog.SetEventhdr(headerText(*event).c_str());
+    order.lists =
+        (sip_has_feature(sip.sip_supported, kEventList) != 0 || sip_has_feature(sip.sip_require, kEventList) != 0) &&
+        accepts(sip, "application/rlmi+xml") && accepts(sip, "multipart/related");
+    return accepts(sip, winfo ? "application/watcherinfo+xml" : "application/pidf+xml") ||
+           request.refuse(SIP_406_NOT_ACCEPTABLE);
+}
+
+/// Who wants to know about whom.
+bool readParties(const Gate& gate, Incoming& request, SubscribeOrder& order)
+{
+    const sip_t& sip = request.sip();
+    Subscription& subscription = order.subscription;
+    if (!Gate::readAddress(request, *sip.sip_request->rq_url, subscription.presentity) ||
+        !Gate::readAddress(request, *sip.sip_from->a_url, subscription.watcher)) {
+        return false;
+    }
+    if (subscription.watcher.handle.empty()) {
+        return request.refuse(SIP_400_BAD_REQUEST);
+    }
+    order.list = userOf(*sip.sip_request->rq_url);
+    return gate.serves(subscription.presentity) || request.refuse(SIP_403_FORBIDDEN);
+}
+
+/// What each request says of its dialog anew (RFC 3261 section 12.2.2): its number, and the one place that NOTIFY goes
+/// to; where it says none, that is where it was.
+bool readTarget(Incoming& request, PresenceRecord& dialog)
+{
+    const sip_contact_t* const contact = request.sip().sip_contact;
+    const std::uint32_t cseq = request.sip().sip_cseq->cs_seq;
+    if (contact != nullptr) {
+        dialog.SetRemotecontacthdr(normalized(*contact->m_url).c_str());
+    }
+    dialog.SetSubcseq(static_cast<int>(std::min(cseq, kLastCseq)));
+    const bool reachable =
+        contact == nullptr ||
+        (contact->m_next == nullptr && (contact->m_url->url_type == url_sip || contact->m_url->url_type == url_sips));
+    const std::string& target = dialog.remotecontacthdr();
+    return (reachable && !target.empty() && fits(target) && cseq <= kLastCseq) || request.refuse(SIP_400_BAD_REQUEST);
+}
+
+/// What the dialog will be (RFC 3261 section 12.1.1).
+bool readDialog(Incoming& request, SubscribeOrder& order)
+{
+    const sip_t& sip = request.sip();
+    PresenceRecord& dialog = order.subscription.dialog;
+    if (!readTarget(request, dialog)) {
+        return false;
+    }
+    const std::string tag = request.tag();
+    dialog.SetSubscriptionid(subscriptionId(tag.c_str()).c_str());
+    dialog.SetFromhdr(headerText(*sip.sip_from).c_str());
+    dialog.SetTohdr((headerText(*sip.sip_to) + ";tag=" + tag).c_str());
+    dialog.SetCallId(sip.sip_call_id->i_id);
+    dialog.SetRouteset(routeText(sip.sip_record_route).c_str());
+    dialog.SetRequestUri(normalized(*sip.sip_request->rq_url).c_str());
+    const auto texts = {dialog.fromhdr(),  dialog.tohdr(),      dialog.callId(),
+                        dialog.routeset(), dialog.requestUri(), dialog.eventhdr()};
+    const bool allFit = std::all_of(texts.begin(), texts.end(), [](const std::string& text) { return fits(text); });
+    return (allFit && sip.sip_from->a_tag != nullptr) || request.refuse(SIP_400_BAD_REQUEST);
+}
+
+/// A subscription that there is, with what the request changes.
+bool readKnown(const Notifier& notifier, Incoming& request, SubscribeOrder& order)
+{
+    const sip_t& sip = request.sip();
+    const Subscription* const known = notifier.find(subscriptionId(sip.sip_to->a_tag));
+    if (known == nullptr || !isOf(known->dialog, sip)) {
+        return request.refuse(SIP_481_NO_TRANSACTION);
+    }
+    order.lists = true; // as its first request has said, if it is to one
+    order.subscription = *known;
+    return readTarget(request, order.subscription.dialog);
+}
+
+/// Who sends it must prove it, if proof is asked for; who is of elsewhere has none.
+bool readWatcher(const Gate& gate, Incoming& request, SubscribeOrder& order)
+{
+    order.sender.address = order.subscription.watcher;
+    order.subscription.expires = std::time(nullptr) + static_cast<std::time_t>(order.expires);
+    if (gate.asksForProof() && !gate.serves(order.sender.address)) {
+        return request.refuse(SIP_403_FORBIDDEN);
+    }
+    return gate.readProof(request, order.sender);
+}
+
+/// Nobody fills this server's memory, nor has it send as much as he likes.
+bool findsRoom(const Notifier& notifier, Incoming& request, const SubscribeOrder& order)
+{
+    if (notifier.full()) {
+        request.answerUnavailable();
+        return false;
+    }
+    return !notifier.hasEnough(order.subscription) || request.refuse(SIP_403_FORBIDDEN);
+}
+
+/// In a worker: whether the watcher may know of the presentity. What goes on is stored before he hears of it.
+SubscribeOrder admit(PresenceService& service, SubscribeOrder& order)
+{
+    Subscription& subscription = order.subscription;
+    order.permission = permissionFor(service, subscription);
+    if (order.permission == Permission::absent && subscription.package == Package::presence) {
+        subscription.package = Package::presenceList; // RFC 4662 section 4: its name in place of a person's
+        subscription.presentity.handle = order.list;
+        order.permission = permissionFor(service, subscription);
+    }
+    subscription.state = stateWith(order.permission);
+    const bool told = order.lists || subscription.package != Package::presenceList;
+    const bool goesOn = told && order.expires > 0 && subscription.state != SubscriptionState::terminated;
+    if (goesOn && !store(service, subscription)) {
+        order.permission = Permission::unknown;
+    }
+    return std::move(order);
+}
+
+/// In a worker: a subscription that goes on, or is given up (section 4.2.1.4).
+SubscribeOrder prolong(PresenceService& service, SubscribeOrder& order)
+{
+    const bool stored = order.expires == 0 || storeRefresh(service, order.subscription);
+    order.permission = stored ? Permission::allowed : Permission::unknown;
+    return std::move(order);
+}
+
+/// Whether the watcher is granted what he asks for.
+bool isGranted(Incoming& request, const SubscribeOrder& order)
+{
+    switch (order.permission) {
+    case Permission::absent:
+        return request.refuse(SIP_404_NOT_FOUND);
+    case Permission::blocked:
+        return request.refuse(SIP_403_FORBIDDEN);
+    case Permission::unknown:
+        request.answerUnavailable();
+        return false;
+    case Permission::allowed:
+    case Permission::unsettled:
+    case Permission::deceived:
+        break;
+    }
+    return order.lists || order.subscription.package != Package::presenceList ||
+           request.refuse(SIP_421_EXTENSION_REQUIRED, SIPTAG_REQUIRE_STR(kEventList));
+}
+
+/// 200, also where nobody has decided yet: 202 is not used any more (section 8.3.1).
+void conclude(Incoming& request, const SubscribeOrder& order)
+{
+    const std::string granted = std::to_string(order.expires);
+    const std::string contact = "<" + request.socket() + ">";
+    request.answer(SIP_200_OK, SIPTAG_EXPIRES_STR(granted.c_str()), SIPTAG_CONTACT_STR(contact.c_str()),
+                   TAG_IF(order.subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR(kEventList)));
 }
 
 } // namespace
 
 void Subscriber::take(const std::shared_ptr<Incoming>& request)
 {
-    Order order;
-    const bool known = request->sip().sip_to->a_tag != nullptr;
-    if (!understands(*request) || !readPackage(*request, order)) {
+    if (request->sip().sip_to->a_tag != nullptr) { // of a dialog
+        return refresh(request);
+    }
+    SubscribeOrder order;
+    if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
+        !m_gate.readExpiry(*request, order.expires) || !readParties(m_gate, *request, order) ||
+        !readDialog(*request, order) || !readWatcher(m_gate, *request, order) ||
+        !findsRoom(m_notifier, *request, order)) {
         return;
     }
-    if (known && readKnown(*request, order) && m_gate.readExpiry(*request, order.expires) &&
-        readSender(*request, order) && isNext(*request, order)) {
-        refresh(request, std::move(order));
-    } else if (!known && m_gate.readExpiry(*request, order.expires) && readParties(*request, order) &&
-               readDialog(*request, order) && readSender(*request, order) && findsRoom(*request, order)) {
-        begin(request, std::move(order));
-    }
-}
-
-/// Extensions and bodies (RFC 3261 sections 8.2.2.3 and 8.2.3): lists are known, filters are not.
-bool Subscriber::understands(Incoming& request)
-{
-    const sip_t& sip = request.sip();
-    const std::string unknown = unknownTags(sip.sip_require, kEventList);
-    if (!unknown.empty()) {
-        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
-        return false;
-    }
-    if (sip.sip_payload != nullptr && sip.sip_payload->pl_len > 0) {
-        request.answer(SIP_415_UNSUPPORTED_MEDIA, SIPTAG_ACCEPT_STR(""));
-        return false;
-    }
-    return true;
-}
-
-/// The event package, and what its documents are sent in.
-bool Subscriber::readPackage(Incoming& request, Order& order)
-{
-    const sip_t& sip = request.sip();
-    sip_event_t* const event = sip.sip_event;
-    const std::string name = event != nullptr && event->o_type != nullptr ? event->o_type : "";
-    const bool winfo = name == "presence.winfo";
-    if (event == nullptr || (!winfo && name != "presence")) {
-        request.answer(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kAllowEvents));
-        return false;
-    }
-    const char* const type = winfo ? "application/watcherinfo+xml" : "application/pidf+xml";
-    if (!accepts(sip, type)) {
-        request.answer(SIP_406_NOT_ACCEPTABLE);
-        return false;
-    }
-    order.subscription.package = winfo ? Package::watchers : Package::presence;
-    order.subscription.event = headerText(*event);
-    order.lists = (lists(sip.sip_supported, kEventList) || lists(sip.sip_require, kEventList)) &&
-                  accepts(sip, "application/rlmi+xml") && accepts(sip, "multipart/related");
-    return true;
-}
-
-/// Who wants to know about whom.
-bool Subscriber::readParties(Incoming& request, Order& order) const
-{
-    const sip_t& sip = request.sip();
-    std::optional<Address> presentity = addressOf(*sip.sip_request->rq_url);
-    std::optional<Address> watcher = addressOf(*sip.sip_from->a_url);
-    if (!presentity || !watcher || watcher->handle.empty()) {
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    if (!m_gate.serves(*presentity)) {
-        request.answer(SIP_403_FORBIDDEN);
-        return false;
-    }
-    order.list = listNameIn(*sip.sip_request->rq_url);
-    order.subscription.presentity = std::move(*presentity);
-    order.subscription.watcher = std::move(*watcher);
-    return true;
-}
-
-/// What the dialog will be (RFC 3261 section 12.1.1).
-bool Subscriber::readDialog(Incoming& request, Order& order)
-{
-    const sip_t& sip = request.sip();
-    Subscription& dialog = order.subscription;
-    if (!reachable(sip.sip_contact) || sip.sip_from->a_tag == nullptr || sip.sip_cseq->cs_seq > kLastCseq) {
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    const std::string tag = request.tag();
-    dialog.id = subscriptionId(tag.c_str());
-    dialog.from = headerText(*sip.sip_from);
-    dialog.to = headerText(*sip.sip_to) + ";tag=" + tag;
-    dialog.callId = sip.sip_call_id->i_id;
-    dialog.contact = normalized(*sip.sip_contact->m_url);
-    dialog.routes = routeSetOf(sip);
-    dialog.requestUri = normalized(*sip.sip_request->rq_url);
-    dialog.subscribeCseq = static_cast<int>(sip.sip_cseq->cs_seq);
-    for (const std::string& text :
-         {dialog.from, dialog.to, dialog.callId, dialog.contact, dialog.routes, dialog.requestUri, dialog.event}) {
-        if (!fits(text)) {
-            request.answer(SIP_400_BAD_REQUEST);
-            return false;
-        }
-    }
-    return true;
-}
-
-/// A subscription that there is, with what the request changes.
-bool Subscriber::readKnown(Incoming& request, Order& order) const
-{
-    const sip_t& sip = request.sip();
-    const Subscription* const known = m_notifier.find(subscriptionId(sip.sip_to->a_tag));
-    if (known == nullptr || !isOf(*known, sip)) {
-        request.answer(SIP_481_NO_TRANSACTION);
-        return false;
-    }
-    order.subscription = *known;
-    order.subscription.subscribeCseq = static_cast<int>(sip.sip_cseq->cs_seq);
-    if (sip.sip_contact != nullptr) { // else it is where it was
-        order.subscription.contact = normalized(*sip.sip_contact->m_url);
-    }
-    const bool contactFits = sip.sip_contact == nullptr || reachable(sip.sip_contact);
-    if (!contactFits || !fits(order.subscription.contact) || sip.sip_cseq->cs_seq > kLastCseq) {
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    return true;
-}
-
-/// Who sends it must prove it, if proof is asked for; who is of elsewhere has none.
-bool Subscriber::readSender(Incoming& request, Order& order) const
-{
-    const Address& watcher = order.subscription.watcher;
-    if (m_gate.asksForProof() && !m_gate.serves(watcher)) {
-        request.answer(SIP_403_FORBIDDEN);
-        return false;
-    }
-    return m_gate.readProof(request, watcher, order.credentials);
-}
-
-/// Nobody fills this server's memory, nor has it send as much as he likes.
-bool Subscriber::findsRoom(Incoming& request, const Order& order) const
-{
-    if (m_notifier.full()) {
-        request.answerUnavailable();
-        return false;
-    }
-    if (m_notifier.hasEnough(order.subscription)) {
-        request.answer(SIP_403_FORBIDDEN);
-        return false;
-    }
-    return true;
-}
-
-/// RFC 3261 section 12.2.2.
-bool Subscriber::isNext(Incoming& request, const Order& order) const
-{
-    if (!m_notifier.takeCseq(order.subscription)) {
-        request.answer(500, "Request Is Out of Order");
-        return false;
-    }
-    return true;
-}
-
-/// Has `work(service, order, subscription)` done for the sender if he is who he says he is, and `then(subscription)`
-/// where it accepts. All that one sender sends comes to one worker, which knows his credentials.
-template <typename Work, typename Then>
-void Subscriber::give(const std::shared_ptr<Incoming>& request, Order order, Work work, Then then)
-{
-    order.subscription.expires = std::time(nullptr) + static_cast<std::time_t>(order.expires);
-    const std::size_t key = order.subscription.watcher.key();
-    auto judge = [order = std::move(order), work](EventSession& session) {
-        Answer answer;
-        answer.subscription = order.subscription;
-        if (order.credentials) {
-            answer.verdict = session.authenticate(order.subscription.watcher, *order.credentials, "SUBSCRIBE");
-        }
-        if (answer.verdict == Verdict::accepted) {
-            answer.outcome = work(session.service(), order, answer.subscription);
-        }
-        return answer;
-    };
-    auto conclude = [this, request, then](Answer answer) {
-        if (passed(*request, answer)) {
-            then(std::move(answer.subscription));
+    const auto then = [this, request](SubscribeOrder accepted) {
+        if (isGranted(*request, accepted)) {
+            conclude(*request, accepted);
+            m_notifier.add(std::move(accepted.subscription), accepted.expires > 0);
         }
     };
-    if (!m_workers.give(key, std::move(judge), std::move(conclude))) {
-        request->answerUnavailable();
-    }
+    m_gate.apply(m_workers, request, std::move(order), &admit, then);
 }
 
-void Subscriber::begin(const std::shared_ptr<Incoming>& request, Order order)
+void Subscriber::refresh(const std::shared_ptr<Incoming>& request)
 {
-    const std::uint32_t expires = order.expires;
-    give(request, std::move(order), &Subscriber::accept, [this, request, expires](Subscription subscription) {
-        conclude(*request, subscription, expires);
-        if (expires > 0) {
-            m_notifier.add(std::move(subscription));
-        } else {
-            m_notifier.addFetch(std::move(subscription));
-        }
-    });
-}
-
-/// In a worker: whether the watcher may know of the presentity. What goes on is stored before he hears of it.
-Subscriber::Outcome Subscriber::accept(PresenceService& service, const Order& order, Subscription& subscription)
-{
-    const Address& presentity = subscription.presentity;
-    int key = 0;
-    int csid = 0;
-    const DatabaseResult found =
-        service.getPublicAddressKey(presentity.handle.c_str(), presentity.domain.c_str(), key, csid);
-    const bool absent = found.getStatus() == DatabaseResult::NOTFOUND;
-    Outcome outcome = found.okay() ? Outcome::accepted : Outcome::failed;
-    if (absent) {
-        outcome = subscription.package == Package::presence ? acceptList(service, order, subscription)
-                                                            : Outcome::unknownPresentity;
-    } else if (found.okay() && subscription.package == Package::watchers) { // nobody else's business
-        subscription.state = SubscriptionState::active;
-        outcome = subscription.watcher.text() == presentity.text() ? Outcome::accepted : Outcome::refused;
-    } else if (found.okay()) {
-        outcome = acceptWatcher(service, subscription);
+    SubscribeOrder order;
+    if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
+        !readKnown(m_notifier, *request, order) || !m_gate.readExpiry(*request, order.expires) ||
+        !readWatcher(m_gate, *request, order)) {
+        return;
     }
-    if (outcome == Outcome::accepted && order.expires > 0 && !store(service, subscription)) {
-        outcome = Outcome::failed;
+    if (!m_notifier.takeCseq(order.subscription)) { // RFC 3261 section 12.2.2
+        return request->answer(500, "Request Is Out of Order");
     }
-    return outcome;
-}
-
-Subscriber::Outcome Subscriber::acceptWatcher(PresenceService& service, Subscription& subscription)
-{
-    switch (permissionOf(service, subscription.presentity, subscription.watcher)) {
-    case Permission::unknown:
-        return Outcome::failed;
-    case Permission::blocked:
-        return Outcome::refused;
-    case Permission::unsettled:
-        subscription.state = SubscriptionState::pending;
-        return Outcome::accepted;
-    case Permission::allowed:
-    case Permission::deceived:
-        break;
-    }
-    subscription.state = SubscriptionState::active;
-    return Outcome::accepted;
-}
-
-/// RFC 4662 section 4: the name of a list in place of a person's.
-Subscriber::Outcome Subscriber::acceptList(PresenceService& service, const Order& order, Subscription& subscription)
-{
-    int id = 0;
-    const DatabaseResult found = service.getListId(order.list.c_str(), &id);
-    if (!found.okay()) {
-        return found.getStatus() == DatabaseResult::NOTFOUND ? Outcome::unknownPresentity : Outcome::failed;
-    }
-    const DatabaseResult allowed = service.isWatcherAllowedToSubscribeToList(id, subscription.watcher.handle.c_str(),
-                                                                             subscription.watcher.domain.c_str());
-    if (!allowed.okay()) {
-        return allowed.getStatus() == DatabaseResult::NOTFOUND ? Outcome::refused : Outcome::failed;
-    }
-    subscription.package = Package::presenceList;
-    subscription.presentity.handle = order.list;
-    subscription.state = SubscriptionState::active;
-    return order.lists ? Outcome::accepted : Outcome::needsLists;
-}
-
-/// A subscription that goes on, or is given up (section 4.2.1.4).
-void Subscriber::refresh(const std::shared_ptr<Incoming>& request, Order order)
-{
-    const std::uint32_t expires = order.expires;
-    const auto work = [](PresenceService& service, const Order& asked, Subscription& subscription) {
-        return asked.expires == 0 || storeRefresh(service, subscription) ? Outcome::accepted : Outcome::failed;
-    };
-    give(request, std::move(order), work, [this, request, expires](const Subscription& subscription) {
-        if (m_notifier.find(subscription.id) == nullptr) { // it has ended meanwhile
-            request->answer(SIP_481_NO_TRANSACTION);
+    const auto then = [this, request](const SubscribeOrder& stored) {
+        if (!isGranted(*request, stored)) {
             return;
         }
-        conclude(*request, subscription, expires);
-        if (expires > 0) {
-            m_notifier.refresh(subscription);
-        } else {
-            m_notifier.end(subscription, "timeout");
+        if (m_notifier.find(stored.subscription.id()) == nullptr) { // it has ended meanwhile
+            return request->answer(SIP_481_NO_TRANSACTION);
         }
-    });
-}
-
-/// False when the request has been answered.
-bool Subscriber::passed(Incoming& request, const Answer& answer) const
-{
-    if (!m_gate.passes(request, answer.subscription.watcher, answer.verdict)) {
-        return false;
-    }
-    switch (answer.outcome) {
-    case Outcome::accepted:
-        return true;
-    case Outcome::unknownPresentity:
-        request.answer(SIP_404_NOT_FOUND);
-        break;
-    case Outcome::refused:
-        request.answer(SIP_403_FORBIDDEN);
-        break;
-    case Outcome::needsLists:
-        request.answer(SIP_421_EXTENSION_REQUIRED, SIPTAG_REQUIRE_STR(kEventList));
-        break;
-    case Outcome::failed:
-        request.answerUnavailable();
-        break;
-    }
-    return false;
-}
-
-/// 200, also where nobody has decided yet: 202 is not used any more (section 8.3.1).
-void Subscriber::conclude(Incoming& request, const Subscription& subscription, std::uint32_t expires)
-{
-    const std::string granted = std::to_string(expires);
-    const std::string contact = "<" + request.socket() + ">";
-    request.answer(SIP_200_OK, SIPTAG_EXPIRES_STR(granted.c_str()), SIPTAG_CONTACT_STR(contact.c_str()),
-                   TAG_IF(subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR(kEventList)));
+        conclude(*request, stored);
+        m_notifier.refresh(stored.subscription);
+    };
+    m_gate.apply(m_workers, request, std::move(order), &prolong, then);
 }
 
 } // namespace oryx::sip

@@ -18,11 +18,7 @@ public:
 private:
     static constexpr std::chrono::milliseconds kPause{1000};
 
-    struct Swept;
-
-    static Swept sweep(PresenceService& service);
-    void begin();
-    void tell(const Swept& swept);
+    void sweep();
 
     Workers<EventSession>& m_workers;
     Notifier& m_notifier;

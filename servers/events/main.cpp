@@ -2,10 +2,10 @@
 
 #include <common/Ending.h>
 #include <common/Endpoint.h>
+#include <common/Gate.h>
 #include <common/Server.h>
 #include <common/Workers.h>
 #include <events/Changes.h>
-#include <events/Gate.h>
 #include <events/Notifier.h>
 #include <events/Publisher.h>
 #include <events/Subscriber.h>
@@ -25,9 +25,9 @@ void run(Loop& loop, const Options& options, int signals)
 {
     Metrics metrics;
     const Nonces nonces;
-    Changes changes;
-    const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
     std::optional<Notifier> notifier;
+    Changes changes(loop, notifier);
+    const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
     std::optional<Sweeper> sweeper;
     std::optional<Workers<EventSession>> workers;
     workers.emplace(
@@ -42,8 +42,7 @@ void run(Loop& loop, const Options& options, int signals)
     sweeper.emplace(loop, *workers, *notifier);
     Gate gate(options, provisioning, nonces);
     Subscriber subscriber(gate, *workers, *notifier);
-    Publisher publisher(gate, *workers,
-                        [&](const std::string& presentity) { notifier->publicationChanged(presentity); });
+    Publisher publisher(gate, *workers, *notifier);
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
         if (method == sip_method_options) {
@@ -66,10 +65,8 @@ void run(Loop& loop, const Options& options, int signals)
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);
     }
-    changes.tell(loop, *notifier);
     const Ending ending(loop, endpoint, signals, [&] { return workers->idle(); });
     loop.run();
-    changes.stop(loop);
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();
     notifier->stop();

@@ -67,7 +67,7 @@ struct Fork::Branch {
     std::string key; // of its Via
     Timer timerC;
     Url next; // where it is sent
-    nta_outgoing_t* transaction = nullptr;
+    Transaction transaction;
     Message response; // its final one
     bool heard = false;
     bool cancelled = false;
@@ -91,9 +91,6 @@ Fork::Fork(const Loop& loop, const Endpoint& endpoint, const Seal& seal, Forks& 
 
 Fork::~Fork()
 {
-    for (const std::unique_ptr<Branch>& branch : m_branches) {
-        nta_outgoing_destroy(branch->transaction);
-    }
     if (m_decided && !m_request->answered()) {
         answerTimeout(); // the client has given up by now: the stack keeps it to itself
     }
@@ -202,10 +199,10 @@ void Fork::send(const Hop& hop)
             recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(*next));
         }
         fitStrictRouter(message.get());
-        branch.transaction =
+        branch.transaction.reset(
             nta_outgoing_mcreate(m_endpoint.agent(), &Fork::responded, &branch, urlText(*branch.next),
                                  message.release(), NTATAG_BRANCH_KEY(key.c_str()),
-                                 TPTAG_IDENT(Endpoint::familyOf(*branch.next)), NTATAG_PASS_100(1), TAG_END());
+                                 TPTAG_IDENT(Endpoint::familyOf(*branch.next)), NTATAG_PASS_100(1), TAG_END()));
     }
     branch.ended = branch.transaction == nullptr; // nowhere: no such host
     if (!branch.ended && isInvite()) {
@@ -223,8 +220,8 @@ int Fork::responded(void* branch, nta_outgoing_t* /*transaction*/, const sip_t* 
 
 void Fork::take(Branch& branch, const sip_t* sip)
 {
-    const int status = sip != nullptr ? sip->sip_status->st_status : nta_outgoing_status(branch.transaction);
-    const Message response(sip != nullptr ? nta_outgoing_getresponse(branch.transaction) : nullptr);
+    const int status = sip != nullptr ? sip->sip_status->st_status : nta_outgoing_status(branch.transaction.get());
+    const Message response(sip != nullptr ? nta_outgoing_getresponse(branch.transaction.get()) : nullptr);
     if (status < 200) {
         if (!std::exchange(branch.heard, true) && branch.cancelled) {
             sendCancel(branch);
@@ -237,7 +234,7 @@ void Fork::take(Branch& branch, const sip_t* sip)
     }
     if (status < 300) {
         // Each 2xx of an INVITE is passed on: of several telephones that were answered at once, the caller chooses.
-        if (!m_decided || nta_outgoing_method(branch.transaction) == sip_method_invite) {
+        if (!m_decided || nta_outgoing_method(branch.transaction.get()) == sip_method_invite) {
             forward(response.get());
         }
         m_decided = true;
@@ -295,7 +292,7 @@ void Fork::cancelPending()
 /// Not as the stack does it, which ends the request's own transaction with that where it came by a stream.
 void Fork::sendCancel(const Branch& branch)
 {
-    const Message request(nta_outgoing_getrequest(branch.transaction));
+    const Message request(nta_outgoing_getrequest(branch.transaction.get()));
     Message message = cancelOf(m_endpoint.agent(), request.get());
     nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(*branch.next), message.release(),
                          NTATAG_BRANCH_KEY(branch.key.c_str()), TPTAG_IDENT(Endpoint::familyOf(*branch.next)),
@@ -307,7 +304,7 @@ void Fork::endCancelled()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
         if (branch->cancelled && !branch->ended) {
-            nta_outgoing_destroy(std::exchange(branch->transaction, nullptr));
+            branch->transaction.reset();
             branch->ended = true;
         }
     }

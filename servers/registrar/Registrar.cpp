@@ -15,21 +15,9 @@ namespace oryx::sip {
 
 namespace {
 
-constexpr unsigned kHour = 3600;
 /// Of one address of record; a person has a few telephones.
 constexpr std::uint32_t kMostBindings = 32;
 constexpr std::size_t kMostContacts = 32; // in one request
-
-std::string pathOf(const sip_t& sip)
-{
-    std::string path;
-    for (const sip_path_t* hop = sip.sip_path; hop != nullptr; hop = hop->r_next) {
-        sip_path_t one = *hop;
-        one.r_next = nullptr;
-        path.append(path.empty() ? "" : ", ").append(headerText(one));
-    }
-    return path;
-}
 
 /// RFC 3261 section 25.1: from 0 to 1 with up to three digits; or none.
 bool isPreference(const std::string& qvalue)
@@ -44,74 +32,30 @@ bool isPreference(const std::string& qvalue)
 
 } // namespace
 
-Registrar::Registrar(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
-                     Workers<Session>& workers)
-    : m_options(options), m_provisioning(provisioning), m_nonces(nonces), m_workers(workers)
-{
-}
-
 void Registrar::take(const std::shared_ptr<Incoming>& request)
 {
     // 1. Whether the request is for this server is the caller's to know: it is a proxy too.
+    // 2. Of extensions that must be understood Path is (RFC 3327).
     Order order;
-    if (understands(*request) && readSender(*request, order) && readAddress(*request, order) &&
+    if (Gate::understands(*request, "path") && readSender(*request, order) && readAddress(*request, order) &&
         readContacts(*request, order.request)) {
         apply(request, std::move(order));
     }
 }
 
-/// Item 2: extensions that must be understood, and are not. Path is (RFC 3327). False when the request has been
-/// answered, here and below.
-bool Registrar::understands(Incoming& request)
-{
-    const std::string unknown = unknownTags(request.sip().sip_require, "path");
-    if (!unknown.empty()) {
-        request.answer(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
-    }
-    return unknown.empty();
-}
-
 /// Item 3: who sends it must prove it, if proof is asked for. Item 4: who he is decides whose bindings he may change:
-/// the credentials must be those of the address of record's own subscriber, which the worker finds out.
+/// the credentials must be those of the address of record's own subscriber, which the worker finds out. False when the
+/// request has been answered, here and below.
 bool Registrar::readSender(Incoming& request, Order& order) const
 {
-    const sip_t& sip = request.sip();
-    if (!m_options.digest) {
-        return true;
-    }
-    if (!addressOf(*sip.sip_to->a_url)) { // nobody's, and so nobody's to prove
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    order.credentials.emplace();
-    if (!readCredentials(sip.sip_authorization, m_provisioning.realm(), *order.credentials)) {
-        challenge(request, false);
-        return false;
-    }
-    const auto isHere = [this](const url_t& url) {
-        return m_endpoint->isOurs(url) || m_provisioning.serves(hostOf(url));
-    };
-    if (!order.credentials->areFor(*sip.sip_request->rq_url, isHere)) { // RFC 7616 section 3.4.6
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    return true;
+    return Gate::readAddress(request, *request.sip().sip_to->a_url, order.sender.address) &&
+           m_gate.readProof(request, order.sender);
 }
 
 /// Item 5: the address of record. One that is not served here has no bindings here.
-bool Registrar::readAddress(Incoming& request, Order& order) const
+bool Registrar::readAddress(Incoming& request, const Order& order) const
 {
-    std::optional<Address> address = addressOf(*request.sip().sip_to->a_url);
-    if (!address) {
-        request.answer(SIP_400_BAD_REQUEST);
-        return false;
-    }
-    if (!m_provisioning.serves(address->domain)) {
-        request.answer(SIP_404_NOT_FOUND);
-        return false;
-    }
-    order.address = std::move(*address);
-    return true;
+    return m_gate.serves(order.sender.address) || request.refuse(SIP_404_NOT_FOUND);
 }
 
 /// Items 6 and 7, up to where the bindings must be known. False when the request has been answered.
@@ -120,7 +64,7 @@ bool Registrar::readContacts(Incoming& request, RegisterRequest& order) const
     const sip_t& sip = request.sip();
     order.callId = sip.sip_call_id->i_id;
     order.cseq = sip.sip_cseq->cs_seq;
-    order.path = pathOf(sip);
+    order.path = routeText(sip.sip_path);
     order.maxBindings = kMostBindings;
     if (!fits(order.callId) || !fits(order.path)) {
         request.answer(SIP_400_BAD_REQUEST);
@@ -169,77 +113,38 @@ bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, Reg
 /// read counts as not said (section 10.2.1.1).
 bool Registrar::readExpiry(Incoming& request, const sip_contact_t& contact, std::uint32_t& expires) const
 {
-    expires = m_options.defaultExpires;
-    if (contact.m_expires != nullptr) {
-        const char* const end = contact.m_expires + std::strlen(contact.m_expires);
-        std::uint32_t said = 0;
-        const auto [behind, error] = std::from_chars(contact.m_expires, end, said);
-        if (error == std::errc() && behind == end) {
-            expires = said;
-        } else if (error == std::errc::result_out_of_range) {
-            expires = m_options.maxExpires;
-        }
-    } else if (request.sip().sip_expires != nullptr && request.sip().sip_expires->ex_date == 0) {
-        expires = static_cast<std::uint32_t>(
-            std::min<unsigned long>(request.sip().sip_expires->ex_delta, m_options.maxExpires));
+    if (contact.m_expires == nullptr) {
+        return m_gate.readExpiry(request, expires);
     }
-    if (expires > 0 && expires < std::min(m_options.minExpires, kHour)) { // never what asks for an hour
-        const std::string least = std::to_string(m_options.minExpires);
-        request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
-        return false;
+    const char* const end = contact.m_expires + std::strlen(contact.m_expires);
+    std::uint32_t said = 0;
+    const auto [behind, error] = std::from_chars(contact.m_expires, end, said);
+    if (error == std::errc::result_out_of_range) {
+        said = m_options.maxExpires;
+    } else if (error != std::errc() || behind != end) {
+        said = m_options.defaultExpires;
     }
-    expires = std::min(expires, m_options.maxExpires);
-    return true;
+    return m_gate.grant(request, said, expires);
 }
 
 /// Items 3 to 7 in a worker, where the subscriber and the bindings are known.
 void Registrar::apply(const std::shared_ptr<Incoming>& request, Order order)
 {
-    const std::size_t key = order.address.key();
-    auto work = [order = std::move(order)](Session& session) {
-        Outcome outcome;
-        if (order.credentials) {
-            outcome.verdict = session.authenticate(order.address, *order.credentials, "REGISTER");
-        }
-        if (outcome.verdict == Verdict::accepted) {
-            applyRegistration(session.service(), order.address.handle.c_str(), order.address.domain.c_str(),
-                              order.request, outcome.answer);
-        }
-        return outcome;
+    const auto work = [](LocationService& service, const Order& asked) {
+        const Address& address = asked.sender.address;
+        RegisterAnswer answer;
+        applyRegistration(service, address.handle.c_str(), address.domain.c_str(), asked.request, answer);
+        return answer;
     };
-    auto then = [this, request](const Outcome& outcome) { conclude(*request, outcome); };
-    if (!m_workers.give(key, std::move(work), std::move(then))) {
-        request->answerUnavailable();
-    }
+    const auto then = [this, request](const RegisterAnswer& answer) { conclude(*request, answer); };
+    m_gate.apply(m_workers, request, std::move(order), work, then);
 }
 
-void Registrar::challenge(Incoming& request, bool stale) const
+void Registrar::conclude(Incoming& request, const RegisterAnswer& answer) const
 {
-    const std::optional<Address> address = addressOf(*request.sip().sip_to->a_url);
-    const std::string nonce = m_nonces.make(address ? address->key() : 0);
-    sip::challenge(request, 401, m_provisioning.realm(), nonce, stale);
-}
-
-void Registrar::conclude(Incoming& request, const Outcome& outcome) const
-{
-    switch (outcome.verdict) {
-    case Verdict::accepted:
-        break;
-    case Verdict::wrong:
-    case Verdict::stale:
-    case Verdict::unknown:
-        challenge(request, outcome.verdict == Verdict::stale);
-        return;
-    case Verdict::barred:
-        request.answer(SIP_403_FORBIDDEN);
-        return;
-    case Verdict::failed:
-        request.answerUnavailable();
-        return;
-    }
-    switch (outcome.answer.outcome) {
+    switch (answer.outcome) {
     case RegisterOutcome::done:
-        listBindings(request, outcome.answer);
+        listBindings(request, answer);
         return;
     case RegisterOutcome::unknownAddress:
         request.answer(SIP_404_NOT_FOUND);
@@ -268,7 +173,7 @@ void Registrar::listBindings(Incoming& request, const RegisterAnswer& answer) co
         }
         contacts.append(";expires=").append(std::to_string(binding.expires.value_or(m_options.maxExpires)));
     }
-    const std::string path = pathOf(request.sip());
+    const std::string path = routeText(request.sip().sip_path);
     sip_date_t date{};
     sip_date_init(&date);
     date.d_time = sip_now();

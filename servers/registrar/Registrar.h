@@ -1,6 +1,6 @@
 #pragma once
 
-#include <common/Endpoint.h>
+#include <common/Gate.h>
 #include <common/Workers.h>
 #include <registrar/Session.h>
 
@@ -13,42 +13,32 @@ namespace oryx::sip {
 /// Answers REGISTER requests (RFC 3261 section 10.3).
 class Registrar {
 public:
-    Registrar(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
-              Workers<Session>& workers);
-
-    /// Once the sockets are there: whose names this server goes by.
-    void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
+    Registrar(const Options& options, const Gate& gate, Workers<Session>& workers)
+        : m_options(options), m_gate(gate), m_workers(workers)
+    {
+    }
 
     void take(const std::shared_ptr<Incoming>& request);
 
 private:
-    /// A request as the database gets it, with the answer of whoever is asked first.
+    /// A request as the database gets it.
     struct Order {
-        Address address;
-        std::optional<Credentials> credentials;
+        Sender sender; ///< With the address of record.
         RegisterRequest request;
     };
-    struct Outcome {
-        Verdict verdict = Verdict::accepted;
-        RegisterAnswer answer;
-    };
 
-    static bool understands(Incoming& request);
     bool readSender(Incoming& request, Order& order) const;
-    bool readAddress(Incoming& request, Order& order) const;
+    bool readAddress(Incoming& request, const Order& order) const;
     bool readContacts(Incoming& request, RegisterRequest& order) const;
     bool readContact(Incoming& request, const sip_contact_t& contact, RegisterRequest& order) const;
     bool readExpiry(Incoming& request, const sip_contact_t& contact, std::uint32_t& expires) const;
     void apply(const std::shared_ptr<Incoming>& request, Order order);
-    void challenge(Incoming& request, bool stale) const;
-    void conclude(Incoming& request, const Outcome& outcome) const;
+    void conclude(Incoming& request, const RegisterAnswer& answer) const;
     void listBindings(Incoming& request, const RegisterAnswer& answer) const;
 
     const Options& m_options;
-    const Provisioning& m_provisioning;
-    const Nonces& m_nonces;
+    const Gate& m_gate;
     Workers<Session>& m_workers;
-    const Endpoint* m_endpoint = nullptr;
 };
 
 } // namespace oryx::sip

@@ -32,7 +32,8 @@ void run(Loop& loop, const Options& options, int signals)
     workers.emplace(
         loop, metrics, options.workers, [&] { return std::make_unique<Session>(options, provisioning, nonces); },
         &tellReady);
-    Registrar registrar(options, provisioning, nonces, *workers);
+    Gate gate(options, provisioning, nonces);
+    Registrar registrar(options, gate, *workers);
     Proxy proxy(loop, options, provisioning, nonces, *workers);
     std::optional<Endpoint> endpoint;
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
@@ -54,7 +55,7 @@ void run(Loop& loop, const Options& options, int signals)
     endpoint.emplace(
         loop, metrics, options.listen, take,
         [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); }, isRegistration);
-    registrar.setEndpoint(*endpoint);
+    gate.setEndpoint(*endpoint);
     proxy.setEndpoint(*endpoint);
     std::optional<MetricsPage> page;
     if (options.metrics) {

@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     isWellFormed(alone);
     isWellFormed(presenceDocument(kEntity, {kOther, body, kOther, stored.value_or("")}));
     isWellFormed(watcherDocument(body, body, 1, {{body, body, body, body, 1}}));
-    const Body list = listBody(body, 1, {{body, body, body, body, body, alone}});
+    const Body list = listBody(body, 1, {{body, body, body, body, alone}});
     const std::size_t begin = list.text.find("<?xml");
     isWellFormed(list.text.substr(begin, list.text.find("\r\n--", begin) - begin));
     return 0;

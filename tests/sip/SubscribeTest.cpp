@@ -490,6 +490,17 @@ TEST_F(WatcherInformation, TellsThePresentityWhoWatches)
     EXPECT_EQ(watchers(alice.notified()), "3 full terminated timeout sip:bob@oryx.example");
 }
 
+/// RFC 6665 section 4.2.2: changes are told.
+TEST_F(WatcherInformation, IsNotToldAnewWhileNobodyWatches)
+{
+    startEvents();
+    Watcher alice("alice", m_port);
+    alice.subscribe(kAlice, 3600, "presence.winfo");
+    EXPECT_EQ(watchers(alice.notified()), "0 full");
+    allow("bob@oryx.example");
+    EXPECT_TRUE(alice.silent());
+}
+
 TEST_F(WatcherInformation, IsNobodyElsesBusiness)
 {
     allow("bob@oryx.example");

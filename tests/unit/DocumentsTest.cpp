@@ -219,11 +219,11 @@ TEST(WatcherDocument, listsAllWatchers)
 TEST(ListBody, bringsTheMembersDocuments)
 {
     const Body body = listBody("sip:friends@oryx.example", 3,
-                               {{"sip:a@h", "A & B", "i1", "active", "", "<a/>"},
-                                {"sip:b@h", "", "i2", "pending", "", ""},
-                                {"sip:c@h", "", "i3", "terminated", "rejected", ""},
-                                {"sip:d@h", "", "", "", "", "<unused/>"},
-                                {"sip:e@h", "", "i5", "active", "", "<e/>"}});
+                               {{"sip:a@h?x=A&y=\"B\"", "i1", "active", "", "<a/>"},
+                                {"sip:b@h", "i2", "pending", "", ""},
+                                {"sip:c@h", "i3", "terminated", "rejected", ""},
+                                {"sip:d@h", "", "", "", "<unused/>"},
+                                {"sip:e@h", "i5", "active", "", "<e/>"}});
     EXPECT_EQ(body.type,
               "multipart/related;type=\"application/rlmi+xml\";start=\"<0.3@oryx.example>\";boundary=\"oryx\"");
     const auto part = [](const std::string& id, const std::string& type, const std::string& text) {
@@ -233,7 +233,7 @@ TEST(ListBody, bringsTheMembersDocuments)
     const std::string list =
         kDeclaration +
         R"(<list xmlns="urn:ietf:params:xml:ns:rlmi" uri="sip:friends@oryx.example" version="3" fullState="true">)"
-        R"(<resource uri="sip:a@h"><name>A &amp; B</name><instance id="i1" state="active" cid="1.3@oryx.example"/></resource>)"
+        R"(<resource uri="sip:a@h?x=A&amp;y=&quot;B&quot;"><instance id="i1" state="active" cid="1.3@oryx.example"/></resource>)"
         R"(<resource uri="sip:b@h"><instance id="i2" state="pending"/></resource>)"
         R"(<resource uri="sip:c@h"><instance id="i3" state="terminated" reason="rejected"/></resource>)"
         R"(<resource uri="sip:d@h"/>)"
@@ -245,7 +245,7 @@ TEST(ListBody, bringsTheMembersDocuments)
 
 TEST(ListBody, hasABoundaryThatIsInNoDocument)
 {
-    const Body body = listBody("sip:[::1]", 0, {{"sip:a@h", "", "i", "active", "", "<a>oryx oryx-1</a>"}});
+    const Body body = listBody("sip:[::1]", 0, {{"sip:a@h", "i", "active", "", "<a>oryx oryx-1</a>"}});
     const std::string start = "multipart/related;type=\"application/rlmi+xml\";start=\"<0.0@1>\";boundary=\"";
     ASSERT_TRUE(body.type.starts_with(start + "oryx-")) << body.type;
     const std::string boundary = body.type.substr(start.size(), body.type.size() - start.size() - 1);
@@ -261,15 +261,15 @@ TEST(ListBody, hasABoundaryAtOnceWhateverTheDocumentsHave)
         document += "oryx-" + std::to_string(number) + " ";
     }
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_NE(listBody("sip:l@h", 0, {{"sip:a@h", "", "i", "active", "", document}}).type, "");
+    EXPECT_NE(listBody("sip:l@h", 0, {{"sip:a@h", "i", "active", "", document}}).type, "");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
 }
 
 TEST(ListBody, hasNoMoreDocumentsThanADatagramHasRoomFor)
 {
     const std::string document(30000, 'd');
-    const Body body = listBody(
-        "sip:l@h", 0, {{"sip:a@h", "", "i", "active", "", document}, {"sip:b@h", "", "j", "active", "", document}});
+    const Body body =
+        listBody("sip:l@h", 0, {{"sip:a@h", "i", "active", "", document}, {"sip:b@h", "j", "active", "", document}});
     EXPECT_NE(body.text.find(R"(<resource uri="sip:a@h"><instance id="i" state="active" cid="1.0@h"/></resource>)"),
               std::string::npos);
     EXPECT_NE(body.text.find(R"(<resource uri="sip:b@h"><instance id="j" state="active"/></resource>)"),

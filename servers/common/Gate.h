@@ -1,0 +1,94 @@
+#pragma once
+
+#include <common/Digest.h>
+#include <common/Endpoint.h>
+#include <common/Subscribers.h>
+#include <common/Workers.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace oryx::sip {
+
+/// Who a request is from, as far as it says.
+struct Sender {
+    Address address;
+    std::optional<Credentials> credentials; ///< None where no proof is asked for.
+};
+
+/// What all requests have in common that are answered here: for how long they ask, and who proves to be their sender.
+class Gate {
+public:
+    Gate(const Options& options, const Provisioning& provisioning, const Nonces& nonces)
+        : m_options(options), m_provisioning(provisioning), m_nonces(nonces)
+    {
+    }
+    /// Once the sockets are there: whose URIs are this server's.
+    void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
+
+    bool serves(const Address& address) const { return m_provisioning.serves(address.domain); }
+    /// Whether a sender has to prove who he is.
+    bool asksForProof() const { return m_options.digest; }
+    /// Whether all extensions that the request requires are understood, of which one may be known (RFC 3261 section
+    /// 8.2.2.3). False when the request has been answered, here and below.
+    static bool understands(Incoming& request, std::string_view known = "");
+    /// The address in one of its URIs.
+    static bool readAddress(Incoming& request, const url_t& url, Address& address);
+    /// The seconds that Expires asks for, within bounds; an end at a date, which no telephone asks for, counts as not
+    /// said.
+    bool readExpiry(Incoming& request, std::uint32_t& seconds) const;
+    /// The seconds asked for, within bounds.
+    bool grant(Incoming& request, unsigned long asked, std::uint32_t& seconds) const;
+    /// The sender's proof, if it is asked for; the worker finds out whether it is one.
+    bool readProof(Incoming& request, Sender& sender) const;
+    /// Has `work(service, order)` done by a worker, if `order.sender` is found to be who he says he is, and
+    /// `then(answer)` with what it has answered; the request is answered otherwise. All that one sender sends comes to
+    /// one worker, which knows his credentials.
+    template <typename Session, typename Order, typename Work, typename Then>
+    void apply(Workers<Session>& workers, const std::shared_ptr<Incoming>& request, Order order, Work work,
+               Then then) const
+    {
+        struct Judged {
+            Verdict verdict = Verdict::accepted;
+            std::optional<std::invoke_result_t<Work&, decltype(std::declval<Session&>().service()), Order&>> answer;
+        };
+        const std::size_t key = order.sender.address.key();
+        const char* const method = request->sip().sip_request->rq_method_name; // which `conclude` keeps
+        auto judge = [order = std::move(order), work = std::move(work), method](Session& session) mutable {
+            Judged judged;
+            if (order.sender.credentials) {
+                judged.verdict = session.authenticate(order.sender.address, *order.sender.credentials, method);
+            }
+            if (judged.verdict == Verdict::accepted) {
+                judged.answer.emplace(work(session.service(), order));
+            }
+            return judged;
+        };
+        auto conclude = [this, request, key, then = std::move(then)](Judged judged) {
+            if (judged.answer) {
+                then(std::move(*judged.answer));
+            } else {
+                refuse(*request, key, judged.verdict);
+            }
+        };
+        if (!workers.give(key, std::move(judge), std::move(conclude))) {
+            request->answerUnavailable();
+        }
+    }
+
+private:
+    void refuse(Incoming& request, std::size_t sender, Verdict verdict) const;
+    void challenge(Incoming& request, std::size_t sender, bool stale) const;
+
+    const Options& m_options;
+    const Provisioning& m_provisioning;
+    const Nonces& m_nonces;
+    const Endpoint* m_endpoint = nullptr;
+};
+
+} // namespace oryx::sip
