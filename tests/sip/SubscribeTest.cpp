@@ -438,7 +438,7 @@ TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
 {
     allow("bob@oryx.example");
     startEvents();
-    publish("tag", 1);
+    publish("tag", 4);
     Watcher bob("bob", m_port);
     bob.subscribe(kAlice);
     EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
