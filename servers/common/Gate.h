@@ -47,11 +47,12 @@ public:
     /// The sender's proof, if it is asked for; the worker finds out whether it is one.
     bool readProof(Incoming& request, Sender& sender) const;
     /// Has `work(service, order)` done by a worker, if `order.sender` is found to be who he says he is, and
-    /// `then(answer)` with what it has answered; the request is answered otherwise. All that one sender sends comes to
-    /// one worker, which knows his credentials.
-    template <typename Session, typename Order, typename Work, typename Then>
-    void apply(Workers<Session>& workers, const std::shared_ptr<Incoming>& request, Order order, Work work,
-               Then then) const
+    /// `then(answer)` with what it has answered; otherwise the request is answered, and `refused()`. All that one
+    /// sender sends comes to one worker, which knows his credentials.
+    template <typename Session, typename Order, typename Work, typename Then, typename Refused = void (*)()>
+    void apply(
+        Workers<Session>& workers, const std::shared_ptr<Incoming>& request, Order order, Work work, Then then,
+        Refused refused = [] {}) const
     {
         struct Judged {
             Verdict verdict = Verdict::accepted;
@@ -59,24 +60,29 @@ public:
         };
         const std::size_t key = order.sender.address.key();
         const char* const method = request->sip().sip_request->rq_method_name; // which `conclude` keeps
-        auto judge = [order = std::move(order), work = std::move(work), method](Session& session) mutable {
+        auto judge = [order = std::move(order), work = std::move(work), method,
+                      asked = asksForProof()](Session& session) mutable {
             Judged judged;
-            if (order.sender.credentials) {
-                judged.verdict = session.authenticate(order.sender.address, *order.sender.credentials, method);
+            const Sender& sender = order.sender;
+            if (asked) {
+                judged.verdict = sender.credentials ? session.authenticate(sender.address, *sender.credentials, method)
+                                                    : Verdict::wrong;
             }
             if (judged.verdict == Verdict::accepted) {
                 judged.answer.emplace(work(session.service(), order));
             }
             return judged;
         };
-        auto conclude = [this, request, key, then = std::move(then)](Judged judged) {
+        auto conclude = [this, request, key, then = std::move(then), refused](Judged judged) {
             if (judged.answer) {
                 then(std::move(*judged.answer));
             } else {
+                refused();
                 refuse(*request, key, judged.verdict);
             }
         };
         if (!workers.give(key, std::move(judge), std::move(conclude))) {
+            refused();
             request->answerUnavailable();
         }
     }

@@ -115,12 +115,21 @@ bool Notifier::hasEnough(const Subscription& another) const
     return his.size() >= kMostOfWatcher || std::count_if(his.begin(), his.end(), alike) >= kMostToPresentity;
 }
 
-bool Notifier::takeCseq(const Subscription& requested)
+std::function<void()> Notifier::takeCseq(const Subscription& requested)
 {
     PresenceRecord& dialog = m_watches.at(requested.id())->subscription.dialog;
-    const int before = dialog.subcseq();
-    dialog.SetSubcseq(std::max(before, requested.dialog.subcseq()));
-    return dialog.subcseq() > before;
+    const int former = dialog.subcseq();
+    const int taken = requested.dialog.subcseq();
+    if (taken <= former) {
+        return nullptr;
+    }
+    dialog.SetSubcseq(taken);
+    return [this, id = requested.id(), former, taken] {
+        const auto found = m_watches.find(id);
+        if (found != m_watches.end() && found->second->subscription.dialog.subcseq() == taken) {
+            found->second->subscription.dialog.SetSubcseq(former);
+        }
+    };
 }
 
 /// A NOTIFY on its way to where the subscriber is not any more is nobody's: neither does its answer matter.

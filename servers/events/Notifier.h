@@ -41,8 +41,8 @@ public:
     bool full() const { return m_watches.size() >= kMostWatches; }
     /// Whether the watcher has as many as a person may have: 256, and 8 of them to one presentity.
     bool hasEnough(const Subscription& another) const;
-    /// Whether a request is newer than all before it in its dialog; none of before is then any more.
-    bool takeCseq(const Subscription& requested);
+    /// Whether a request is newer than all before it in its dialog: what makes it as if it had not come, else nothing.
+    std::function<void()> takeCseq(const Subscription& requested);
 
     /// A new subscription, which gets its first NOTIFY. One that is not stored gets no other: its subscriber only
     /// fetches what is there (RFC 6665 section 4.4.3).

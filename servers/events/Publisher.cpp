@@ -51,11 +51,10 @@ bool readEvent(Incoming& request, PublishOrder& order)
 /// Section 14.1: nobody publishes for somebody else. What From says must be proven, if proof is asked for.
 bool readPublishingSender(const Gate& gate, Incoming& request, PublishOrder& order)
 {
-    const std::optional<Address> sender = addressOf(*request.sip().sip_from->a_url);
-    if (!sender || sender->text() != order.sender.address.text()) {
-        return request.refuse(SIP_403_FORBIDDEN);
-    }
-    return gate.readProof(request, order.sender);
+    Address sender;
+    return Gate::readAddress(request, *request.sip().sip_from->a_url, sender) &&
+           (sender.text() == order.sender.address.text() || request.refuse(SIP_403_FORBIDDEN)) &&
+           gate.readProof(request, order.sender);
 }
 
 /// Item 3: the condition. Whether it holds, the database says.

@@ -155,7 +155,8 @@ bool readKnown(const Notifier& notifier, Incoming& request, SubscribeOrder& orde
 bool readWatcher(const Gate& gate, Incoming& request, SubscribeOrder& order)
 {
     order.sender.address = order.subscription.watcher;
-    order.subscription.expires = std::time(nullptr) + static_cast<std::time_t>(order.expires);
+    // What is given up is over whatever becomes of the clock.
+    order.subscription.expires = order.expires == 0 ? 0 : std::time(nullptr) + static_cast<std::time_t>(order.expires);
     if (gate.asksForProof() && !gate.serves(order.sender.address)) {
         return request.refuse(SIP_403_FORBIDDEN);
     }
@@ -259,7 +260,8 @@ void Subscriber::refresh(const std::shared_ptr<Incoming>& request)
         !readWatcher(m_gate, *request, order)) {
         return;
     }
-    if (!m_notifier.takeCseq(order.subscription)) { // RFC 3261 section 12.2.2
+    const std::function<void()> forget = m_notifier.takeCseq(order.subscription);
+    if (!forget) { // RFC 3261 section 12.2.2
         return request->answer(500, "Request Is Out of Order");
     }
     const auto then = [this, request](const SubscribeOrder& stored) {
@@ -272,7 +274,7 @@ void Subscriber::refresh(const std::shared_ptr<Incoming>& request)
         conclude(*request, stored);
         m_notifier.refresh(stored.subscription);
     };
-    m_gate.apply(m_workers, request, std::move(order), &prolong, then);
+    m_gate.apply(m_workers, request, std::move(order), &prolong, then, forget); // who proves nothing has sent nothing
 }
 
 } // namespace oryx::sip

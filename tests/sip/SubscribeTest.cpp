@@ -55,9 +55,9 @@ public:
     }
     Message refresh(int expires) { return m_phone.ask(next(expires)); }
     /// The next NOTIFY, which is answered.
-    Message notified(int status = 200)
+    Message notified(int status = 200, int milliseconds = 5000)
     {
-        Message notify = m_phone.receive();
+        Message notify = m_phone.receive(milliseconds);
         m_phone.send(m_phone.response(notify, status, status == 200 ? "OK" : "No"));
         return notify;
     }
@@ -442,7 +442,7 @@ TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
     Watcher bob("bob", m_port);
     bob.subscribe(kAlice);
     EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
-    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    EXPECT_EQ(told(bob.notified(200, 20000)), "NOTIFY active closed");
 }
 
 /// RFC 3857 section 4, RFC 3858.
@@ -499,6 +499,9 @@ TEST_F(WatcherInformation, IsNotToldAnewWhileNobodyWatches)
     EXPECT_EQ(watchers(alice.notified()), "0 full");
     allow("bob@oryx.example");
     EXPECT_TRUE(alice.silent());
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    EXPECT_EQ(watchers(alice.notified()), "1 full active subscribe sip:bob@oryx.example");
 }
 
 TEST_F(WatcherInformation, IsNobodyElsesBusiness)
@@ -937,6 +940,28 @@ TEST_F(Subscribing, NeedsAProofOfItsOwn)
     const Message refused = alice.subscribe(borrowed);
     EXPECT_EQ(status(refused), "401 Unauthorized");
     EXPECT_EQ(refused.parameter("WWW-Authenticate", "stale"), "true");
+}
+
+/// RFC 3261 section 12.2.2: what nobody has proven to have sent does not count.
+TEST_F(Subscribing, IsNotMadeOlderByOthers)
+{
+    allow("bob@oryx.example");
+    startEvents({});
+    Watcher bob("bob", m_port);
+    Message request = bob.request(kAlice);
+    request.set("Authorization", bob.phone().credentials(request, bob.subscribe(kAlice), "bob", "MD5"));
+    EXPECT_EQ(status(bob.subscribe(request)), "200 OK");
+    bob.notified();
+    Message forged = bob.next(3600);
+    forged.set("CSeq", "2147483647 SUBSCRIBE");
+    forged.set("Authorization",
+               R"(Digest username="bob", realm="oryx.example", nonce="0", uri="sip:alice@oryx.example",)"
+               R"( response="00000000000000000000000000000000")");
+    const Message challenge = bob.phone().ask(forged);
+    EXPECT_EQ(status(challenge), "401 Unauthorized");
+    Message refresh = bob.next(3600);
+    refresh.set("Authorization", bob.phone().credentials(refresh, challenge, "bob", "MD5"));
+    EXPECT_EQ(status(bob.phone().ask(refresh)), "200 OK");
 }
 
 TEST_F(Subscribing, ObeysTheStricterOfTwoRules)
