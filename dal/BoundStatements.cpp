@@ -14,11 +14,9 @@
 
 namespace oryx {
 
-void DatabaseConnection::beginOperation()
+void DatabaseConnection::beginBoundOperation()
 {
-    if (m_bound) {
-        m_bound->begin();
-    }
+    m_bound->begin();
 }
 
 /// Sends once, and once more on a new connection if this one is lost. What the server refuses is the answer.
@@ -54,6 +52,12 @@ bool DatabaseConnection::runBound(Send send, QueryResult& result)
     }
     m_trace.prn("query returned, setting result");
     return received(std::move(sent), result);
+}
+
+/// A listener's statements are whole texts in both ways of sending.
+bool DatabaseConnection::executeBound(const Statement& statement, QueryResult& result)
+{
+    return bound() ? executeBound({&statement, 1}, result) : executeBound(statement.text(), result);
 }
 
 bool DatabaseConnection::executeBound(std::span<const Statement> statements, QueryResult& result)

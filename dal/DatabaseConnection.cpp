@@ -17,6 +17,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <new>
 #include <string_view>
@@ -199,7 +200,7 @@ bool DatabaseConnection::execute(const std::string& cmd, QueryResult& result)
 bool DatabaseConnection::send(const std::string& cmd, QueryResult& result)
 {
     if (!m_bound) {
-        return run(std::string(cmd), result);
+        return run(std::string(cmd, 0, cmd.find('\0')), result); // what is sent ends there
     }
     if (!m_inOperation) {
         beginOperation();
@@ -207,20 +208,32 @@ bool DatabaseConnection::send(const std::string& cmd, QueryResult& result)
     return executeBound(cmd, result);
 }
 
-bool DatabaseConnection::send(Statement& statement, QueryResult& result)
+bool DatabaseConnection::send(const Statement& statement, QueryResult& result)
 {
-    if (m_bound && !bound()) {
-        return executeBound(statement.takeText(), result);
-    }
-    return m_bound ? executeBound({&statement, 1}, result) : run(statement.takeText(), result);
+    return m_bound ? executeBound(statement, result) : runOwn(statement, result);
 }
 
 bool DatabaseConnection::send(const Transaction& transaction, QueryResult& result)
 {
-    return m_bound ? executeBound(transaction.statements, result) : run(transaction.text(), result);
+    return m_bound ? executeBound(transaction.statements, result) : runOwn(transaction, result);
 }
 
-const std::string& DatabaseConnection::textOf(Statement& statement)
+/// Sends one of the library's own. Nobody but a trace asks a result that is okay for its text, so that goes back.
+template <typename Command>
+bool DatabaseConnection::runOwn(const Command& command, QueryResult& result)
+{
+    command.writeTo(m_text);
+    const bool delivered = run(std::move(m_text), result);
+    std::string& text = result.m_sqlCommand;
+    if (m_unsettled || zel::Trace::enabled(zel::TraceKind::prn)) {
+        text.resize(std::min(text.size(), text.find('\0'))); // what was sent ends there
+    } else {
+        m_text = std::move(text);
+    }
+    return delivered;
+}
+
+std::string DatabaseConnection::textOf(const Statement& statement)
 {
     return bound() ? m_bound->textOf(statement) : statement.text();
 }
@@ -248,9 +261,6 @@ bool DatabaseConnection::run(std::string&& cmd, QueryResult& result)
     }
     const Measured measured(*m_meter);
     traceProgress(m_trace, "executing query");
-    if (const std::size_t nul = cmd.find('\0'); nul != std::string::npos) {
-        cmd.resize(nul); // what is sent ends there
-    }
     result.setSqlCommand(std::move(cmd));
     const char* const statement = result.getSqlCommand().c_str();
     m_unsettled = true;
@@ -333,7 +343,7 @@ bool DatabaseConnection::repeatAfterFatalResult(const char* cmd, QueryResult& re
         return failAfterReset();
     }
     result.setResult(received);
-    m_unsettled = result.fatal();
+    m_unsettled = result.m_failed;
     if (!refused) {
         countFailure(result);
     }

@@ -118,12 +118,12 @@ private:
     DatabaseConnection(const SessionOptions& options, std::shared_ptr<Meter> meter, int interruption = -1);
     // The library's own statements, sent as the options say: as one text, or bound. A bound one that the server
     // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
-    bool send(Statement& statement, QueryResult& result);
+    bool send(const Statement& statement, QueryResult& result);
     bool send(const Transaction& transaction, QueryResult& result);
     // `execute` for those who tell by themselves when memory runs out.
     bool send(const std::string& cmd, QueryResult& result);
     // The text that the server gets; without the values, where they travel apart from it.
-    const std::string& textOf(Statement& statement);
+    std::string textOf(const Statement& statement);
     std::string textOf(const Transaction& transaction);
     // Whether values travel apart from the text.
     bool bound() const { return m_bound != nullptr && m_options.statements == SessionOptions::Statements::bound; }
@@ -135,7 +135,12 @@ private:
     using NotificationTaker = std::function<void(const char* channel, const char* payload)>;
     bool takeNotifications(const NotificationTaker& take);
     // An operation begins: the deadline, if there is one, counts from now.
-    void beginOperation();
+    void beginOperation()
+    {
+        if (m_bound) {
+            beginBoundOperation();
+        }
+    }
     bool m_inOperation = false; // the owner says when one begins
 
     // After memory ran out: whatever a statement may have left open ends, with the connection it is open on.
@@ -149,6 +154,8 @@ private:
     bool connected();
     bool inherited() const;
     void leaveToParent();
+    template <typename Command>
+    bool runOwn(const Command& command, QueryResult& result);
     bool run(std::string&& cmd, QueryResult& result);
     PGresult* repeatAfterLoss(const char* cmd);
     bool repeatAfterFatalResult(const char* cmd, QueryResult& result);
@@ -163,6 +170,8 @@ private:
     bool handOn(TableChangeCallback callback);
 
     // Bound statements (BoundStatements.cpp)
+    void beginBoundOperation();
+    bool executeBound(const Statement& statement, QueryResult& result);
     bool executeBound(std::span<const Statement> statements, QueryResult& result);
     bool executeBound(const std::string& text, QueryResult& result);
     template <typename Send>
@@ -185,6 +194,7 @@ private:
     std::string m_connectionString;        // of a bound connection, which is made anew instead of being reset
     std::unique_ptr<BoundSession> m_bound; // null where statements are sent plain, but for a listener's
     std::shared_ptr<Meter> m_meter;
+    std::string m_text; // of the last plain statement; kept for its room, so that the next one allocates nothing
     std::string m_errorMsg;
     zel::Trace m_trace{"DatabaseConnection"};
 };

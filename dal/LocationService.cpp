@@ -4,6 +4,7 @@
 #include <dal/internal/ServiceFrame.h>
 #include <dal/internal/Shown.h>
 #include <dal/internal/Statement.h>
+#include <dal/internal/Traced.h>
 
 #include <sys/time.h>
 
@@ -131,7 +132,7 @@ DatabaseResult LocationService::registerContacts(int key, std::vector<ContactRec
                 contact.address(), key, contact.qvalue(), contact.expires(), contact.permanent(),
                 contact.capabilities(), contact.contactHeader(), contact.callId(), contact.cseq());
         }
-        return concluded(commit(transaction));
+        return commit(transaction);
     });
 }
 
@@ -148,9 +149,7 @@ DatabaseResult LocationService::unregisterContacts(int key, std::vector<ContactR
                 "DELETE FROM contact WHERE address = '{}' AND csid = (SELECT csid FROM public_address where id = {}); ",
                 contact.address(), key);
         }
-        DatabaseResult result = commit(transaction, "executing: ");
-        m_trace.prn(result.okay() ? "execute okay" : "execute failed");
-        return concluded(std::move(result));
+        return commit(transaction, Told::textAndOutcome);
     });
 }
 
@@ -169,7 +168,7 @@ DatabaseResult LocationService::updateContacts(int key, std::vector<ContactRecor
                 contact.capabilities(), key, contact.address());
             traceText(transaction);
         }
-        return concluded(commit(transaction));
+        return commit(transaction);
     });
 }
 
@@ -180,15 +179,14 @@ void LocationService::traceText(const Transaction& transaction, const char* pref
     }
 }
 
-DatabaseResult LocationService::commit(Transaction& transaction, const char* prefix)
+DatabaseResult LocationService::commit(Transaction& transaction, Told told)
 {
     transaction.commit = "COMMIT TRANSACTION;";
-    traceText(transaction, prefix);
-    return frameOf(*m_exec).execute(transaction);
-}
-
-DatabaseResult LocationService::concluded(DatabaseResult result)
-{
+    traceText(transaction, told == Told::textAndOutcome ? "executing: " : "");
+    DatabaseResult result = frameOf(*m_exec).execute(transaction);
+    if (told == Told::textAndOutcome) {
+        traceProgress(m_trace, result.okay() ? "execute okay" : "execute failed");
+    }
     if (!result.okay() && !frameOf(*m_exec).bound()) {
         m_exec->execute("ROLLBACK");
     }

@@ -196,10 +196,10 @@ private:
     template <typename Operation>
     DatabaseResult guarded(Operation operation);
     void traceText(const Transaction& transaction, const char* prefix = "");
-    /// Sends a transaction that is complete, and traces its text behind the prefix.
-    DatabaseResult commit(Transaction& transaction, const char* prefix = "");
-    /// Rolls a failed transaction back, so that none stays open on the connection; its result passes through.
-    DatabaseResult concluded(DatabaseResult result);
+    enum class Told { text, textAndOutcome };
+    /// Traces a transaction that is complete, and sends it; one that fails is rolled back, so that none stays open on
+    /// the connection.
+    DatabaseResult commit(Transaction& transaction, Told told = Told::text);
 
     void traceRules(const std::vector<DomainAccess>& rules);
     bool internalAllowed(const HostInfo& info, std::vector<DomainAccess>& rules, std::string& host);

@@ -5,6 +5,7 @@
 #include <dal/internal/Call.h>
 #include <dal/internal/ServiceFrame.h>
 #include <dal/internal/Shown.h>
+#include <dal/internal/Traced.h>
 
 namespace oryx {
 
@@ -49,15 +50,15 @@ PresenceDatabaseCommandExecutor* PresenceService::getPresenceDatabaseCommandExec
 template <typename Operation>
 DatabaseResult PresenceService::guarded(Operation operation, const char* refusal)
 {
-    DatabaseResult result;
-    checkConnect(result);
-    if (result.okay()) {
+    if (m_exec) {
         const Call call(frameOf(*m_exec));
         return operation();
     }
     if (refusal != nullptr) {
         m_trace.prn("%s", refusal);
     }
+    DatabaseResult result;
+    checkConnect(result);
     return result;
 }
 
@@ -307,7 +308,7 @@ DatabaseResult PresenceService::deleteAllObsoleteConfExtNotInUse()
 
 DatabaseResult PresenceService::reserveRandomlyIdleConfExtAsInUse(std::string& extension)
 {
-    m_trace.prn("PresenceService::reserveRandomlyIdleConfExtAsInUse(): ");
+    traceProgress(m_trace, "PresenceService::reserveRandomlyIdleConfExtAsInUse(): ");
     return guarded([&] { return m_exec->reserveRandomlyIdleConfExtAsInUse(extension); });
 }
 

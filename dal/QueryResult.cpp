@@ -8,6 +8,17 @@
 
 namespace oryx {
 
+namespace {
+
+/// Whether a command was completed, or rows were selected.
+bool holdsAnswer(const PGresult* result)
+{
+    const ExecStatusType status = PQresultStatus(result);
+    return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+}
+
+} // namespace
+
 const std::string QueryResult::SQL_SUCCESSFUL_COMPLETION = "00000";
 const std::string QueryResult::SQL_INTEGRITY_CONSTRAINT_VIOLATION = "23000";
 
@@ -24,6 +35,7 @@ void QueryResult::setResult(PGresult* pres)
         PQclear(m_result);
     }
     m_result = pres;
+    m_failed = pres != nullptr && !holdsAnswer(pres);
     m_rows = pres != nullptr ? PQntuples(pres) : 0;
     m_columns = pres != nullptr ? PQnfields(pres) : 0;
     m_refusal.clear();
@@ -32,20 +44,15 @@ void QueryResult::setResult(PGresult* pres)
 void QueryResult::setRefusal(const char* message, const char* sqlState)
 {
     setResult(nullptr);
+    m_failed = true;
     m_refusal = message;
     m_refusalState = sqlState;
 }
 
-bool QueryResult::failed() const
+void QueryResult::traceStatus() const
 {
-    if (m_result == nullptr) {
-        return !m_refusal.empty();
-    }
-    const ExecStatusType status = PQresultStatus(m_result);
-    if (zel::Trace::enabled(zel::TraceKind::prn)) {
-        m_trace.prn("query result status is %d ('%s')\n", static_cast<int>(status), getErrorMessage().c_str());
-    }
-    return status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK;
+    m_trace.prn("query result status is %d ('%s')\n", static_cast<int>(PQresultStatus(m_result)),
+                getErrorMessage().c_str());
 }
 
 bool QueryResult::fatal() const

@@ -42,7 +42,13 @@ public:
     const std::string& getSqlCommand() const { return m_sqlCommand; }
 
     /// True for a held result that is neither a completed command nor a set of rows. Traces the result's status.
-    bool failed() const;
+    bool failed() const
+    {
+        if (m_result != nullptr && zel::Trace::enabled(zel::TraceKind::prn)) {
+            traceStatus();
+        }
+        return m_failed;
+    }
 
     /// Rows of the result; 0 without one.
     int rows() const { return m_rows; }
@@ -73,9 +79,11 @@ private:
 
     /// Whether the server refused the statement, or libpq lost it.
     bool fatal() const;
+    void traceStatus() const;
     bool contains(int row, int col) const { return row >= 0 && row < m_rows && col >= 0 && col < m_columns; }
 
     PGresult* m_result = nullptr;
+    bool m_failed = false;
     int m_rows = 0;
     int m_columns = 0;
     std::string m_refusal; // why the statement was not sent, if it was not

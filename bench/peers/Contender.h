@@ -53,6 +53,7 @@ public:
                                                               const std::string& application) = 0;
     /// Marks an idle conference extension as in use, and gives it.
     virtual std::string reserveExtension() = 0;
+    /// One that is not there is a failure, so the rows that were changed are counted.
     virtual void releaseExtension(const std::string& extension) = 0;
 };
 

@@ -56,6 +56,13 @@ bool alreadyThere(const PGresult* result)
     return state != nullptr && std::string_view(state) == "23505";
 }
 
+void requireChange(const Result& result)
+{
+    if (std::atoi(PQcmdTuples(result.get())) == 0) {
+        throw std::runtime_error("no such row");
+    }
+}
+
 int readKey(const Result& result)
 {
     if (PQntuples(result.get()) == 0) {

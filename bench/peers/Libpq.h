@@ -24,6 +24,8 @@ Connection connect(const Database& database);
 Result succeeded(Result result);
 /// Whether a unique index refused the statement.
 bool alreadyThere(const PGresult* result);
+/// Throws unless the statement changed a row.
+void requireChange(const Result& result);
 
 /// The key in a row of `public_address`; there must be one.
 int readKey(const Result& result);

@@ -158,7 +158,8 @@ std::string LibpqPlain::reserveExtension()
 
 void LibpqPlain::releaseExtension(const std::string& extension)
 {
-    run("UPDATE conf_state SET conf_status ='IDLE', start_time ='0' WHERE extension = '" + extension + "';");
+    requireChange(
+        run("UPDATE conf_state SET conf_status ='IDLE', start_time ='0' WHERE extension = '" + extension + "';"));
 }
 
 class LibpqStock : public LibpqPlain {

@@ -103,7 +103,7 @@ public:
         return PQgetvalue(result.get(), 0, 0);
     }
 
-    void releaseExtension(const std::string& extension) override { run(kRelease, extension.c_str()); }
+    void releaseExtension(const std::string& extension) override { requireChange(run(kRelease, extension.c_str())); }
 
 private:
     template <typename... Values>

@@ -185,7 +185,12 @@ public:
 
     std::string reserveExtension() override { return run(kReserve).at(0)[0].as<std::string>(); }
 
-    void releaseExtension(const std::string& extension) override { run(kRelease, extension); }
+    void releaseExtension(const std::string& extension) override
+    {
+        if (run(kRelease, extension).affected_rows() == 0) {
+            throw std::runtime_error("no such extension");
+        }
+    }
 
 private:
     template <typename... Values>

@@ -226,6 +226,7 @@ public:
     {
         m_extension = extension;
         m_release.execute(true);
+        requireRow(m_release.get_affected_rows() > 0);
     }
 
 private:

@@ -149,7 +149,7 @@ void BoundText::fill(const Statement& statement, Parameters& parameters) const
     std::size_t begin = 0;
     for (const Piece& piece : m_pieces) {
         if (first && piece.last) {
-            parameters.values.push_back((value++)->c_str());
+            parameters.values.push_back((value++)->parameter());
             continue;
         }
         begin = first ? parameters.joined.size() : begin;

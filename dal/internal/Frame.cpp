@@ -36,13 +36,6 @@ bool Frame::checkConnect()
     return errorConnection();
 }
 
-void Frame::beginCall()
-{
-    if (m_calls++ == 0 && connection) {
-        connection->beginOperation();
-    }
-}
-
 bool Frame::okay()
 {
     errorText.clear();
@@ -179,7 +172,7 @@ bool Frame::fetch(Statement statement, QueryResult& result, DatabaseResult& outc
     return ended == Run::okay;
 }
 
-const std::string& Frame::textOf(Statement& statement) const
+std::string Frame::textOf(const Statement& statement) const
 {
     return connection ? connection->textOf(statement) : statement.text();
 }
@@ -189,16 +182,9 @@ std::string Frame::textOf(const Transaction& transaction) const
     return connection ? connection->textOf(transaction) : transaction.text();
 }
 
-void Frame::traceText(Statement& statement, const char* prefix) const
-{
-    if (zel::Trace::enabled(zel::TraceKind::prn)) {
-        trace.prn(prefix + textOf(statement));
-    }
-}
-
 void Frame::traceRows(const char* format, int rows) const
 {
-    if (format != nullptr) {
+    if (format != nullptr && zel::Trace::enabled(zel::TraceKind::prn)) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // a literal of the operation's, with one %d
         trace.prn(format, rows);

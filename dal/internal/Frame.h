@@ -63,7 +63,12 @@ public:
     bool checkConnect();
 
     /// Everything up to `endCall` is one operation to the caller, with one deadline.
-    void beginCall();
+    void beginCall()
+    {
+        if (m_calls++ == 0 && connection) {
+            connection->beginOperation();
+        }
+    }
     void endCall() { --m_calls; }
 
     /// Whether values travel apart from the text.
@@ -185,14 +190,15 @@ public:
     DatabaseResult execute(Command&& command)
     {
         return guarded([&] {
+            DatabaseResult outcome;
             if (!checkConnect()) {
-                return connectionError();
+                outcome = connectionError();
+                return outcome;
             }
             if (zel::Trace::enabled(zel::TraceKind::prn)) {
                 trace.prn("execute: '%s'", textOf(command).c_str());
             }
             QueryResult result;
-            DatabaseResult outcome;
             if (!exchange(command, result)) {
                 errorConnection();
                 outcome = connectionError();
@@ -212,12 +218,19 @@ public:
     void rollback() const;
     ///@{
     /// A command as the server gets it: without its values, where they travel apart.
-    const std::string& textOf(Statement& statement) const;
+    std::string textOf(const Statement& statement) const;
     std::string textOf(const Transaction& transaction) const;
     static const std::string& textOf(const std::string& text) { return text; }
     ///@}
+    /// Traces how many rows there are, where there is a format for it.
+    void traceRows(const char* format, int rows) const;
     /// Traces that text behind a prefix.
-    void traceText(Statement& statement, const char* prefix = "") const;
+    void traceText(const Statement& statement, const char* prefix = "") const
+    {
+        if (zel::Trace::enabled(zel::TraceKind::prn)) {
+            trace.prn(prefix + textOf(statement));
+        }
+    }
 
     // Whole operations
 
@@ -304,7 +317,6 @@ public:
 
 private:
     DatabaseResult resultOf(Run run) const;
-    void traceRows(const char* format, int rows) const;
     DatabaseResult updated(Statement statement);
     DatabaseResult insertedOrDeleted(Statement statement, Violation violation);
 

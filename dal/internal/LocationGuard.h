@@ -9,9 +9,9 @@ namespace oryx {
 template <typename Operation>
 DatabaseResult LocationService::guarded(Operation operation)
 {
-    DatabaseResult result;
-    checkConnect(result);
-    if (!result.okay()) {
+    if (!m_exec) {
+        DatabaseResult result;
+        checkConnect(result);
         return result;
     }
     Frame& frame = frameOf(*m_exec);

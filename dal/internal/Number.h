@@ -1,8 +1,11 @@
 #pragma once
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <limits>
+#include <string_view>
+#include <system_error>
 
 namespace oryx {
 
@@ -10,6 +13,11 @@ namespace oryx {
 /// and must come out alike where `long` is 32 and where it is 64 bits wide.
 inline int leadingInt(const char* text)
 {
+    // What the server writes is read without regard to the locale; the rest is for blanks, signs and limits.
+    int number = 0;
+    if (std::from_chars(text, text + std::string_view(text).size(), number).ec == std::errc()) {
+        return number;
+    }
     constexpr long long kMin = std::numeric_limits<int>::min();
     constexpr long long kMax = std::numeric_limits<int>::max();
     return static_cast<int>(std::clamp(std::strtoll(text, nullptr, 10), kMin, kMax));

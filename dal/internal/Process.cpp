@@ -2,13 +2,11 @@
 
 #include <pthread.h>
 
-#include <atomic>
-
 namespace oryx {
 
-namespace {
+constinit std::atomic<unsigned> detail::forks = 0;
 
-std::atomic<unsigned> forks = 0;
+namespace {
 
 void lock()
 {
@@ -23,18 +21,13 @@ void unlock()
 /// A comparison of process ids would cost a system call for every statement.
 void countAndUnlock()
 {
-    forks.fetch_add(1, std::memory_order_relaxed);
+    detail::forks.fetch_add(1, std::memory_order_relaxed);
     unlock();
 }
 
 const int watched = pthread_atfork(lock, unlock, countAndUnlock);
 
 } // namespace
-
-unsigned generation()
-{
-    return forks.load(std::memory_order_relaxed);
-}
 
 std::mutex& mutexAcrossForks()
 {

@@ -54,51 +54,56 @@ private:
     std::array<std::uint16_t, sizeof...(Values)> m_gaps{};
 };
 
-/// One value of a statement: a text as it stands (null as an empty one), or a whole number in decimal. Refers to the
-/// caller's text, which ends in a NUL.
+/// A text whose gap has no quotes around it: it brings them along, or is NULL where it is an empty string.
+struct QuotedOrNull {
+    explicit QuotedOrNull(const std::string& value) : text(value.empty() ? nullptr : value.c_str()) {}
+
+    const char* text; // null for NULL
+};
+
+/// One value of a statement: a text as it stands (null as an empty one), one in quotes or NULL, or a whole number in
+/// decimal. Refers to the caller's text, which ends in a NUL.
 class SqlValue {
 public:
     SqlValue() = default;
-    explicit SqlValue(const std::string& text) : m_text(text.c_str()), m_length(text.size()) {}
-    explicit SqlValue(const char* text) : m_text(text != nullptr ? text : ""), m_length(std::string_view(m_text).size())
+    explicit SqlValue(const std::string& text) : m_text(text.c_str()), m_length(text.size()), m_form(Form::bare) {}
+    explicit SqlValue(const char* text)
+        : m_text(text != nullptr ? text : ""), m_length(std::string_view(m_text).size()), m_form(Form::bare)
+    {
+    }
+    explicit SqlValue(const QuotedOrNull& value)
+        : m_text(value.text != nullptr ? value.text : "NULL"),
+          m_length(std::string_view(m_text).size()),
+          m_form(value.text != nullptr ? Form::quoted : Form::null)
     {
     }
     template <std::integral Number>
-    explicit SqlValue(Number number) : m_text(nullptr)
+    explicit SqlValue(Number number) : m_text(nullptr), m_form(Form::bare)
     {
         char* const end = std::to_chars(m_digits.data(), m_digits.data() + m_digits.size() - 1, number).ptr;
         *end = '\0';
         m_length = static_cast<std::size_t>(end - m_digits.data());
     }
 
-    const char* c_str() const { return m_text != nullptr ? m_text : m_digits.data(); }
-    std::string_view text() const { return {c_str(), m_length}; }
+    std::string_view text() const { return {m_text != nullptr ? m_text : m_digits.data(), m_length}; }
+    /// The same for libpq, null for NULL.
+    const char* parameter() const { return m_form != Form::null ? text().data() : nullptr; }
+    bool quoted() const { return m_form == Form::quoted; }
+    /// How much of a statement's text it takes.
+    std::size_t size() const { return m_length + (quoted() ? 2 : 0); }
 
 private:
+    enum class Form : std::uint8_t { bare, quoted, null };
+
     const char* m_text; // null for a number
     std::size_t m_length;
+    Form m_form;
     std::array<char, std::numeric_limits<unsigned long long>::digits10 + 3> m_digits;
 };
-
-namespace detail {
-
-/// A fixed text with each "{}" replaced by its value.
-std::string splice(std::string_view text, std::span<const std::uint16_t> gaps, std::span<const SqlValue> values);
-
-} // namespace detail
-
-/// A text with its values spliced in as they stand, for what is no statement with values: one allocation.
-template <typename... Values>
-std::string spliced(std::type_identity_t<SqlText<Values...>> text, const Values&... values)
-{
-    return detail::splice(text.text(), text.gaps(), std::array<SqlValue, sizeof...(Values)>{SqlValue(values)...});
-}
 
 /// Whether a value given so outlives the call it is given to: a text that is made for it does not.
 template <typename Value>
 inline constexpr bool outlivesTheCall = !std::is_same_v<std::remove_cv_t<Value>, std::string>;
-
-class Splicer;
 
 /// One of a statement's fixed texts.
 struct SqlPart {
@@ -135,7 +140,6 @@ public:
     {
         static_assert((outlivesTheCall<Values> && ...), "the statement refers to its values, so they must stay");
         add(text.text(), text.gaps(), values...);
-        m_text.clear();
         return *this;
     }
 
@@ -158,14 +162,14 @@ public:
     bool takesEffectOnce() const { return m_once; }
     bool keepsAnswer() const { return m_keepsAnswer; }
 
-    /// The whole text, its values spliced in unescaped; one allocation, made at the first call.
-    const std::string& text();
-    /// The whole text, handed over.
-    std::string takeText();
+    /// The whole text, its values spliced in unescaped.
+    std::string text() const;
+    /// Writes it in the place of what is there: at most one allocation, none where there is room.
+    void writeTo(std::string& text) const;
     /// How long it is.
     std::size_t size() const { return m_size; }
-    /// Adds it to a longer one.
-    void spliceInto(Splicer& splicer) const;
+    /// Writes it as a piece of a longer one that has room for it, and gives where it ends.
+    char* write(char* out) const;
 
     /// What stays the same whatever the values are: the fixed texts, and the columns of the lists.
     std::span<const SqlPart> parts() const { return {m_parts.data(), m_partCount}; }
@@ -178,7 +182,7 @@ private:
     {
         std::size_t next = m_gapCount;
         addText(text, gaps); // makes sure that there is room
-        ((m_size += std::construct_at(&m_values[next++], values)->text().size()), ...);
+        ((m_size += std::construct_at(&m_values[next++], values)->size()), ...);
     }
     void addText(std::string_view text, std::span<const std::uint16_t> gaps)
     {
@@ -192,13 +196,12 @@ private:
         m_gapCount += gaps.size();
         m_size += text.size() - kGap.size() * gaps.size();
     }
-    std::string spliced() const;
-    void spliceLists(Splicer& splicer) const;
+    char* writeLists(char* out) const;
     bool hasColumnList() const { return m_gapCount == 2; }
 
-    // The most that any statement of the library needs.
+    // The most that any text of the library needs.
     static constexpr std::size_t kMostParts = 10;
-    static constexpr std::size_t kMostValues = 9;
+    static constexpr std::size_t kMostValues = 12;
 
     std::optional<ValueString> m_lists;
     std::array<SqlPart, kMostParts> m_parts;
@@ -209,8 +212,14 @@ private:
     std::size_t m_size = 0;
     bool m_once = false;
     bool m_keepsAnswer = false;
-    std::string m_text;
 };
+
+/// A text with its values spliced in as they stand, for what is no statement: one allocation.
+template <typename... Values>
+std::string spliced(std::type_identity_t<SqlText<Values...>> text, const Values&... values)
+{
+    return Statement(text.text(), text.gaps(), values...).text();
+}
 
 /// A statement of a fixed text and its values.
 template <typename... Values>
@@ -254,6 +263,8 @@ struct Transaction {
 
     /// All of it as one text.
     std::string text() const;
+    /// Writes it in the place of what is there.
+    void writeTo(std::string& text) const;
 };
 
 } // namespace oryx

@@ -3,6 +3,7 @@
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <dal/UtilityConvert.h>
+#include <dal/internal/Traced.h>
 #include <dal/presence/SqlCommand.h>
 
 namespace oryx {
@@ -115,7 +116,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::setConfExtState(const std::strin
                                                                 unsigned int start_time)
 {
     return m_frame->guarded([&] {
-        m_frame->trace.prn("setConfExtState()");
+        traceProgress(m_frame->trace, "setConfExtState()");
         if (extension.empty()) {
             return m_frame->refuse("setConfExtState: missing one or more parameters\n");
         }
@@ -209,7 +210,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::deleteAllObsoleteConfExtNotInUse
 DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(std::string& extension)
 {
     return m_frame->guarded([&] {
-        m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
+        traceProgress(m_frame->trace, "PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse(): ");
         extension.clear();
         QueryResult result;
         DatabaseResult outcome = executeSqlCommand(
@@ -219,9 +220,9 @@ DatabaseResult PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUs
             result);
         if (outcome.okay()) {
             if (result.rows() > 0) {
-                extension = Row(result, 0).string(0);
+                extension = result.getValue(0, 0);
             }
-            m_frame->trace.prn("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
+            m_frame->traceRows("PresenceDatabaseCommandExecutor::reserveRandomlyIdleConfExtAsInUse: retrieved %d rows",
                                result.rows());
         }
         return outcome;

@@ -42,19 +42,11 @@ bool isComplete(const PresenceRecord& record)
 
 Statement addition(const PresenceRecord& record)
 {
-    ValueString columns;
-    columns.add("subscriptionid", record.subscriptionid());
-    columns.add("fromhdr", record.fromhdr());
-    columns.add("tohdr", record.tohdr());
-    columns.add("callid", record.callId());
-    columns.addExplicit("subcseq", record.subcseq());
-    columns.add("eventhdr", record.eventhdr());
-    columns.add("remotecontacthdr", record.remotecontacthdr());
-    columns.add("routeset", record.routeset());
-    columns.addExplicit("notcseq", record.notcseq());
-    columns.add("requesturi", record.requestUri());
-    columns.add("packageid", record.packageid());
-    return insertion("INSERT INTO subscription_states {} VALUES{};", std::move(columns));
+    return sql(
+        "INSERT INTO subscription_states (subscriptionid,fromhdr,tohdr,callid,subcseq,eventhdr,remotecontacthdr,routeset,notcseq,requesturi,packageid) VALUES('{}','{}','{}',{},{},'{}','{}',{},{},'{}','{}');",
+        record.subscriptionid(), record.fromhdr(), record.tohdr(), QuotedOrNull(record.callId()), record.subcseq(),
+        record.eventhdr(), record.remotecontacthdr(), QuotedOrNull(record.routeset()), record.notcseq(),
+        record.requestUri(), record.packageid());
 }
 
 } // namespace

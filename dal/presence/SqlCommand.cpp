@@ -6,22 +6,31 @@ namespace oryx {
 
 namespace {
 
-/// A statement that neither selected nor touched a row found nothing.
-DatabaseResult judgeRows(const QueryResult& qres, zel::Trace& trace)
+void traceRows(const QueryResult& qres, zel::Trace& trace)
 {
     const int rows = qres.rows();
     const int affected = qres.updateCount();
-    DatabaseResult result;
     if (rows == 0 && affected == 0) {
         trace.prn(
             "PresenceDatabaseCommandExecutor::executeSqlCmd: 0 rows selected (Query) or affected (Update, Insert, or Delete)!");
-        result.setNotFound();
     }
     if (rows > 0) {
         trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: retrieved %d rows.", rows);
     }
     if (affected > 0) {
         trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: %d rows affected!", affected);
+    }
+}
+
+/// A statement that neither selected nor touched a row found nothing.
+inline DatabaseResult judgeRows(const QueryResult& qres, zel::Trace& trace)
+{
+    DatabaseResult result;
+    if (qres.rows() == 0 && qres.updateCount() == 0) {
+        result.setNotFound();
+    }
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        traceRows(qres, trace);
     }
     return result;
 }
@@ -33,7 +42,9 @@ DatabaseResult runTraced(Frame& frame, Command& command, const std::string& show
         frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd: '%s': checkConnect() failed!", shown.c_str());
         return frame.connectionError();
     }
-    frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): '%s'", shown.c_str());
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): '%s'", shown.c_str());
+    }
     const Run outcome = frame.send(command, qres);
     if (outcome == Run::okay) {
         return judgeRows(qres, frame.trace);
@@ -48,9 +59,11 @@ DatabaseResult runTraced(Frame& frame, Command& command, const std::string& show
 
 DatabaseResult executeSqlCommand(Frame& frame, Statement&& statement, QueryResult& result)
 {
-    traceProgress(frame.trace, "PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
-    const bool traced = zel::Trace::enabled(zel::TraceKind::prn);
-    const std::string shown = traced ? frame.textOf(statement) : std::string();
+    std::string shown;
+    if (zel::Trace::enabled(zel::TraceKind::prn)) {
+        frame.trace.prn("PresenceDatabaseCommandExecutor::executeSqlCmd(): ");
+        shown = frame.textOf(statement);
+    }
     return runTraced(frame, statement, shown, result);
 }
 

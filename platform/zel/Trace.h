@@ -62,13 +62,13 @@ public:
     static bool enabled(TraceKind kind) noexcept
     {
         const unsigned kinds = s_kinds.load(std::memory_order_relaxed);
-        return ((kinds == kUndecided ? decidedKinds() : kinds) & bit(kind)) != 0;
+        return (kinds & bit(kind)) != 0 && (kinds != kUndecided || (decidedKinds() & bit(kind)) != 0);
     }
 
 private:
     friend struct TracedKinds;
 
-    static constexpr unsigned kUndecided = 1U << 31U;
+    static constexpr unsigned kUndecided = ~0U; // every bit, so that a call need not ask for it while tracing is off
     static constexpr unsigned bit(TraceKind kind) { return 1U << static_cast<unsigned>(kind); }
     // Has the environment decide.
     static unsigned decidedKinds() noexcept;

@@ -365,6 +365,21 @@ TEST_F(ConferenceTest, AChangeOfAnUnknownExtensionIsNotFound)
     EXPECT_EQ(executor.getErrorMessage(), kEarlierFailure);
 }
 
+TEST_F(ConferenceTest, ARefusedStatementIsToldAsItWasSentWhereNothingIsTraced)
+{
+    const auto syntax = refused("42601");
+    zel::setTraceSink({});
+    libpq.replies({command("1"), syntax, syntax, command("1"), syntax, syntax});
+    EXPECT_EQ(show(executor.deleteConfExtState("7001")), "okay");
+    EXPECT_EQ(
+        show(executor.deleteConfExtState(std::string("70\0 OR true", 11))),
+        "query error: ERROR:  refused\n, sqlState=42601, sqlcommand=DELETE FROM conf_state WHERE extension = '70");
+    EXPECT_EQ(show(executor.deleteConfExtState("a longer extension than before")), "okay");
+    EXPECT_EQ(
+        show(executor.deleteConfExtState("7'")),
+        "query error: ERROR:  refused\n, sqlState=42601, sqlcommand=DELETE FROM conf_state WHERE extension = '7'';");
+}
+
 TEST_F(ConferenceTest, AQuoteBreaksTheStatement)
 {
     const std::string broken =

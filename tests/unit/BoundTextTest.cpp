@@ -11,6 +11,7 @@ using oryx::BoundText;
 using oryx::call;
 using oryx::insertion;
 using oryx::Parameters;
+using oryx::QuotedOrNull;
 using oryx::sql;
 using oryx::Statement;
 using oryx::ValueString;
@@ -65,6 +66,14 @@ TEST(BoundTextTest, TakesValuesAsTheyAre)
     const std::string hostile = "o'hara\\ $1 {} %s; -- /* \" \n";
     EXPECT_EQ(shown(sql("SELECT '{}';", hostile)), "SELECT $1; [" + hostile + "]");
     EXPECT_EQ(shown(sql("SELECT '%%{}%%';", hostile)), "SELECT $1; [%%" + hostile + "%%]");
+}
+
+TEST(BoundTextTest, SendsATextThatMayBeNullWithoutItsQuotes)
+{
+    const std::string route = "<sip:edge.example;lr>";
+    const std::string none;
+    EXPECT_EQ(shown(sql("VALUES('{}',{},{});", "dialog-1", QuotedOrNull(route), QuotedOrNull(none))),
+              "VALUES($1,$2,$3); [dialog-1] [<sip:edge.example;lr>] NULL");
 }
 
 TEST(BoundTextTest, TakesNullForAnEmptyText)

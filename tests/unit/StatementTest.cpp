@@ -12,6 +12,7 @@ namespace {
 using oryx::call;
 using oryx::insertion;
 using oryx::leadingInt;
+using oryx::QuotedOrNull;
 using oryx::spliced;
 using oryx::sql;
 using oryx::Statement;
@@ -64,7 +65,24 @@ TEST(StatementTest, JoinsItsPartsAndTheirValues)
     const std::string port = "5060";
     statement.append(" AND sip_port = '{}'", port).append(";");
     EXPECT_EQ(statement.text(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
-    EXPECT_EQ(statement.takeText(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
+    EXPECT_EQ(statement.text(), "SELECT handle FROM acp WHERE handle = 'cm1' AND sip_port = '5060';");
+}
+
+TEST(StatementTest, BringsTheQuotesOfATextThatMayBeNullAlong)
+{
+    const std::string route = "<sip:edge.example;lr>";
+    const std::string none;
+    EXPECT_EQ(sql("VALUES('{}',{},{},{});", "dialog-1", QuotedOrNull(route), QuotedOrNull(none), 7).text(),
+              "VALUES('dialog-1','<sip:edge.example;lr>',NULL,7);");
+}
+
+TEST(StatementTest, WritesItsTextInThePlaceOfAnother)
+{
+    std::string text = "SELECT 1;";
+    sql("DELETE FROM contact WHERE address='{}';", "sip:a").writeTo(text);
+    EXPECT_EQ(text, "DELETE FROM contact WHERE address='sip:a';");
+    sql("DELETE FROM node;").writeTo(text);
+    EXPECT_EQ(text, "DELETE FROM node;");
 }
 
 TEST(StatementTest, JoinsTheListsOfAnInsertion)
@@ -73,7 +91,7 @@ TEST(StatementTest, JoinsTheListsOfAnInsertion)
     columns.add("sid", "7");
     columns.add("ordering", std::string());
     columns.addExplicit("csid", 12);
-    EXPECT_EQ(insertion("INSERT INTO contact_set{} VALUES{};", std::move(columns)).takeText(),
+    EXPECT_EQ(insertion("INSERT INTO contact_set{} VALUES{};", std::move(columns)).text(),
               "INSERT INTO contact_set(sid,ordering,csid) VALUES('7',NULL,12);");
 }
 
@@ -81,7 +99,7 @@ TEST(StatementTest, JoinsTheArgumentsOfACall)
 {
     ValueString arguments;
     arguments.add("id", "42");
-    EXPECT_EQ(call("SELECT remove_subscriber{}", std::move(arguments)).takeText(), "SELECT remove_subscriber('42')");
+    EXPECT_EQ(call("SELECT remove_subscriber{}", std::move(arguments)).text(), "SELECT remove_subscriber('42')");
 }
 
 TEST(StatementTest, TakesEffectOnceWhereItIsSaid)
