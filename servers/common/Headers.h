@@ -27,5 +27,7 @@ std::string headerText(Header& header)
 {
     return headerText(anyHeader(&header));
 }
+/// The time as the header field Date has it. For one thread.
+const char* dateText();
 
 } // namespace oryx::sip
