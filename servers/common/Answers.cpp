@@ -1,8 +1,14 @@
 #include <common/Answers.h>
 
+#include <common/Headers.h>
+
 #include <sodium.h>
 
+#include <algorithm>
+#include <climits>
+#include <initializer_list>
 #include <stdexcept>
+#include <string_view>
 
 namespace oryx::sip {
 
@@ -11,6 +17,37 @@ namespace {
 void appendPart(std::string& text, const char* part)
 {
     text.append(part != nullptr ? part : "").push_back('\n');
+}
+
+const char* firstGiven(std::initializer_list<const char*> texts)
+{
+    return *std::find_if(texts.begin(), texts.end(), [](const char* text) { return text != nullptr && *text != '\0'; });
+}
+
+/// Appends a header field's line.
+void appendField(std::string& text, std::string_view name, std::string_view value)
+{
+    text.append(name).append(": ").append(value).append("\r\n");
+}
+
+/// Appends the header fields that the tags give; false where one is not given as a text that a line can hold.
+bool appendFields(std::string& text, const tagi_t* tags)
+{
+    const auto ends = [](unsigned char c) { return (c < ' ' && c != '\t') || c == 0x7f; };
+    for (; tags != nullptr; tags = tl_next(tags)) {
+        if (tags->t_tag == tag_skip || tags->t_tag == tag_null) {
+            continue;
+        }
+        const std::string_view value =
+            reinterpret_cast<const char*>(tags->t_value); // NOLINT(performance-no-int-to-ptr)
+        if (tags->t_tag->tt_class != sipstrtag_class || std::any_of(value.begin(), value.end(), ends)) {
+            return false;
+        }
+        const auto* const kind =
+            reinterpret_cast<const msg_hclass_t*>(tags->t_tag->tt_magic); // NOLINT(performance-no-int-to-ptr)
+        appendField(text, kind->hc_name, value);
+    }
+    return true;
 }
 
 } // namespace
@@ -62,28 +99,56 @@ bool Answers::repeats(const Mark& mark, const Message& request, tport_t* socket)
 }
 
 void Answers::end(const Mark& mark, const Message& request, tport_t* socket, int status, const char* phrase,
-                  tagi_t* tags)
+                  const TagList& tags)
 {
     forgetOld();
     Kept& kept = m_kept[mark];
-    kept = {status, phrase, std::unique_ptr<tagi_t, TagsDeleter>(tags)};
-    if (!send(mark, request, socket, kept)) { // a text among the tags is none that can be sent
-        kept = {SIP_500_INTERNAL_SERVER_ERROR, nullptr};
-        send(mark, request, socket, kept);
+    kept = {status, phrase, ""};
+    if (!appendFields(kept.fields, tags.get())) {
+        kept = {SIP_500_INTERNAL_SERVER_ERROR, ""};
     }
+    send(mark, request, socket, kept);
     m_order.emplace_back(std::chrono::steady_clock::now(), mark);
 }
 
-/// The stack adds what each answer has from its request (section 8.2.6), and a tag of its own where there is none.
-bool Answers::send(const Mark& mark, const Message& request, tport_t* socket, const Kept& kept) const
+/// With what each answer has from its request (RFC 3261 section 8.2.6).
+std::string Answers::textOf(const Mark& mark, const sip_t& sip, const Kept& kept)
 {
-    su_home_t* const home = msg_home(request.get());
-    sip_to_t* const to = sip_to_dup(home, sip_object(request.get())->sip_to);
-    if (to == nullptr || (to->a_tag == nullptr && sip_to_tag(home, to, tagOf(mark).c_str()) < 0)) {
-        return false;
+    std::string text;
+    text.reserve(512 + kept.fields.size());
+    text.append("SIP/2.0 ").append(std::to_string(kept.status)).append(" ").append(kept.phrase).append("\r\n");
+    for (sip_via_t* via = sip.sip_via; via != nullptr; via = via->v_next) {
+        appendField(text, "Via", headerText(*via));
     }
-    return nta_msg_treply(m_agent, msg_ref_create(request.get()), kept.status, kept.phrase, NTATAG_TPORT(socket),
-                          SIPTAG_TO(to), TAG_NEXT(kept.tags.get())) >= 0;
+    appendField(text, "From", headerText(*sip.sip_from));
+    appendField(text, "To", headerText(*sip.sip_to) + (sip.sip_to->a_tag == nullptr ? ";tag=" + tagOf(mark) : ""));
+    appendField(text, "Call-ID", sip.sip_call_id->i_id);
+    appendField(text, "CSeq", std::to_string(sip.sip_cseq->cs_seq) + " " + sip.sip_cseq->cs_method_name);
+    return text.append(kept.fields).append("Content-Length: 0\r\n\r\n");
+}
+
+/// To where the request came from, as its Via has it by now (section 18.2.2, RFC 3581 section 4). For the stack the
+/// text is that of a first line, and it asks for no more.
+void Answers::send(const Mark& mark, const Message& request, tport_t* socket, const Kept& kept) const
+{
+    const sip_t& sip = *sip_object(request.get());
+    const sip_via_t& via = *sip.sip_via;
+    const std::string text = textOf(mark, sip, kept);
+    const Message answer(nta_msg_create(m_agent, 0));
+    sip_t* const answered = sip_object(answer.get());
+    sip_status_t* const whole =
+        sip_status_create(msg_home(answer.get()), static_cast<unsigned>(kept.status), "", nullptr);
+    if (whole != nullptr) {
+        whole->st_common->h_data = su_strdup(msg_home(answer.get()), text.c_str()); // it may wait for the socket
+        whole->st_common->h_len = static_cast<usize_t>(text.size());
+        sip_header_insert(answer.get(), answered, anyHeader(whole));
+        msg_serialize(answer.get(), anyMessage(answered));
+        tp_name_t client{};
+        client.tpn_proto = "udp";
+        client.tpn_host = client.tpn_canon = via.v_received != nullptr ? via.v_received : via.v_host;
+        client.tpn_port = firstGiven({via.v_rport, via.v_port, "5060"});
+        tport_tsend(socket, answer.get(), &client, TPTAG_MTU(INT_MAX), TAG_END());
+    }
 }
 
 void Answers::forgetOld()

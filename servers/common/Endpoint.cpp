@@ -232,7 +232,8 @@ void Endpoint::take(Message message, sip_t* sip)
     // leave by the first one later. A stream brings each request once, and its transactions end with their answers.
     tport_t* const socket = tport_delivered_by(nta_agent_tports(m_agent), message.get());
     std::optional<Answers::Mark> mark;
-    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0) {
+    // Who wants his answer elsewhere (maddr) has a transaction, which finds the way there.
+    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0 && sip->sip_via->v_maddr == nullptr) {
         mark = m_answers.markOf(*sip);
         if (m_answers.repeats(*mark, message, socket)) {
             return;

@@ -42,7 +42,7 @@ public:
         count(status); // before anybody can have it
         if (m_transaction == nullptr) {
             m_answers->end(m_mark, m_request, m_socket, status, phrase,
-                           tl_tlist(nullptr, SIPTAG_SERVER_STR(kServer), tags..., TAG_END()));
+                           TagList(tl_list(SIPTAG_SERVER_STR(kServer), tags..., TAG_END())));
             return;
         }
         nta_incoming_tag(m_transaction, nullptr);

@@ -52,4 +52,16 @@ std::string routeText(const sip_route_t* hops)
     return text;
 }
 
+const char* dateText()
+{
+    static sip_date_t date{};
+    static std::string text;
+    if (text.empty() || date.d_time != sip_now()) { // a busy server asks thousands of times a second
+        sip_date_init(&date);
+        date.d_time = sip_now();
+        text = headerText(date);
+    }
+    return text.c_str();
+}
+
 } // namespace oryx::sip

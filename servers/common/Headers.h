@@ -29,5 +29,7 @@ std::string headerText(Header& header)
 }
 /// All the values of a header field of routes, such as Path, in their order; empty where there are none.
 std::string routeText(const sip_route_t* hops);
+/// The time as the header field Date has it. For one thread.
+const char* dateText();
 
 } // namespace oryx::sip

@@ -62,4 +62,10 @@ sip_header_t* anyHeader(Header* header)
     return static_cast<sip_header_t*>(static_cast<void*>(header));
 }
 
+/// A message's content, as those operations of the stack take it that are for all protocols.
+inline msg_pub_t* anyMessage(sip_t* sip)
+{
+    return static_cast<msg_pub_t*>(static_cast<void*>(sip));
+}
+
 } // namespace oryx::sip

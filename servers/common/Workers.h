@@ -43,7 +43,7 @@ public:
     {
         m_stop = true;
         for (const auto& worker : m_workers) {
-            worker->bell.ring();
+            worker->wake();
         }
         for (const auto& worker : m_workers) {
             worker->thread.join();
@@ -67,7 +67,7 @@ public:
             return false;
         }
         ++m_underWay;
-        worker.bell.ring();
+        worker.wake();
         return true;
     }
 
@@ -93,9 +93,22 @@ private:
     struct Worker {
         Ring<Task, kMostWaiting> tasks;
         Ring<Task, 2 * kMostWaiting> done; // never full: the loop takes whatever is there
-        Bell bell;
+        std::atomic<int> woken{0};         // what the system can wait for by itself
         std::atomic<bool> connected{false};
         std::thread thread;
+
+        /// Costs a thread that is at work nothing.
+        void wake()
+        {
+            if (woken.exchange(1) == 0) {
+                woken.notify_one();
+            }
+        }
+        void sleep()
+        {
+            woken.wait(0);
+            woken.exchange(0); // before what it was woken for is looked at
+        }
     };
 
     void run(Worker& worker, Session& session)
@@ -106,7 +119,7 @@ private:
         --m_unconnected;
         m_bell.ring();
         while (!m_stop) {
-            worker.bell.await();
+            worker.sleep();
             while (!m_stop) {
                 std::unique_ptr<Task> task = worker.tasks.pop();
                 if (!task) {

@@ -174,12 +174,9 @@ void Registrar::listBindings(Incoming& request, const RegisterAnswer& answer) co
         contacts.append(";expires=").append(std::to_string(binding.expires.value_or(m_options.maxExpires)));
     }
     const std::string path = routeText(request.sip().sip_path);
-    sip_date_t date{};
-    sip_date_init(&date);
-    date.d_time = sip_now();
     request.answer(SIP_200_OK, TAG_IF(!contacts.empty(), SIPTAG_CONTACT_STR(contacts.c_str())),
                    TAG_IF(!path.empty(), SIPTAG_PATH_STR(path.c_str())), SIPTAG_SUPPORTED_STR("path"),
-                   SIPTAG_DATE(&date));
+                   SIPTAG_DATE_STR(dateText()));
 }
 
 } // namespace oryx::sip

@@ -143,6 +143,23 @@ TEST_F(Registration, RefreshesTheWholeBindingInItsPlace)
     EXPECT_EQ(rows("SELECT expires, qvalue, contact_header, path_vector, c_type FROM contact"), "1002400|0.5|new||\n");
 }
 
+TEST_F(Registration, GoesByIndexThoughNothingWasThereWhenItsPlansWereMade)
+{
+    sql("VACUUM ANALYZE contact");
+    sql("SELECT pg_stat_reset_single_table_counters('contact'::regclass)");
+    std::string ended; // tells then what it has read
+    {
+        Registrar registrar;
+        registrar.connect(m_database.uri());
+        for (std::uint32_t number = 1; number <= 20; ++number) {
+            registrar.apply(request(number, {binding("sip:a@192.0.2." + std::to_string(number))}));
+        }
+        ended = backend();
+    }
+    EXPECT_EQ(remaining(ended), "");
+    EXPECT_EQ(rows("SELECT n_tup_ins, seq_scan FROM pg_stat_user_tables WHERE relname = 'contact'"), "20|0\n");
+}
+
 TEST_F(Registration, UsesUpAContactNumberForANewBindingAlone)
 {
     apply(request(1, {binding(kA)}));

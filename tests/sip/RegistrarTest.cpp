@@ -193,6 +193,38 @@ TEST_F(Registrar, AnswersARequestThatIsSentAgain)
     EXPECT_EQ(alice.ask(request).text(), answer.text());
 }
 
+/// Section 8.2.6.
+TEST_F(Registrar, GivesAnAnswerWhatItHasFromItsRequest)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    request.set("From", "\"Alice \\\"A\\\" L.\" <sip:alice@oryx.example>;tag=7;x=\"y;z\"");
+    request.set("To", "Alice <sip:alice@oryx.example;p=1>;y=z");
+    request.add("Via", "SIP/2.0/TCP edge.example.net:5061;branch=z9hG4bKedge");
+    const Message answer = alice.ask(request);
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("From"), request.field("From"));
+    EXPECT_EQ(answer.field("To"), request.field("To") + ";tag=" + answer.parameter("To", "tag"));
+    EXPECT_EQ(answer.field("Call-ID") + " " + answer.field("CSeq"), alice.callId + " " + request.field("CSeq"));
+    EXPECT_EQ(answer.parameter("Via", "branch"), request.parameter("Via", "branch"));
+    EXPECT_EQ(answer.parameter("Via", "rport"), std::to_string(alice.socket().port()));
+    EXPECT_TRUE(answer.field("Via").ends_with(", SIP/2.0/TCP edge.example.net:5061;branch=z9hG4bKedge"));
+}
+
+/// Whoever wrote that into the database has no header fields of his own in an answer.
+TEST_F(Registrar, SendsNoTextThatEndsItsLine)
+{
+    startRegistrar();
+    sql("INSERT INTO contact (csid, address, permanent) VALUES (1, E'sip:a@192.0.2.9>\\r\\nServer: evil\\r\\nX: <', true)");
+    Phone alice("alice", "oryx.example", m_port);
+    const Message answer = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    EXPECT_EQ(status(answer), "500 Internal Server Error");
+    EXPECT_EQ(answer.text().find("evil"), std::string::npos);
+    sql("DELETE FROM contact WHERE permanent");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"))), "200 OK");
+}
+
 /// A lost answer must not turn into a challenge: the count of the nonce has been used.
 TEST_F(Registrar, AnswersAProofThatIsSentAgain)
 {
