@@ -125,7 +125,7 @@ DatabaseResult Frame::resultOf(Run run) const
     return {};
 }
 
-bool Frame::callFunction(Statement statement)
+bool Frame::callFunction(const Statement& statement)
 {
     QueryResult result;
     const Run outcome = run(statement, result);
@@ -162,7 +162,7 @@ bool Frame::begin(const char* operation, Refusals refusals, DatabaseResult& outc
     return true;
 }
 
-bool Frame::fetch(Statement statement, QueryResult& result, DatabaseResult& outcome)
+bool Frame::fetch(const Statement& statement, QueryResult& result, DatabaseResult& outcome)
 {
     traceText(statement);
     const Run ended = run(statement, result);
@@ -192,7 +192,7 @@ void Frame::traceRows(const char* format, int rows) const
     }
 }
 
-DatabaseResult Frame::updated(Statement statement)
+DatabaseResult Frame::updated(const Statement& statement)
 {
     traceText(statement);
     int count = 0;
@@ -203,7 +203,7 @@ DatabaseResult Frame::updated(Statement statement)
     return {};
 }
 
-DatabaseResult Frame::insertedOrDeleted(Statement statement, Violation violation)
+DatabaseResult Frame::insertedOrDeleted(const Statement& statement, Violation violation)
 {
     traceText(statement);
     QueryResult result;

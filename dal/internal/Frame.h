@@ -213,7 +213,7 @@ public:
         });
     }
     /// Runs a call of a stored function, and a rollback after one that failed.
-    bool callFunction(Statement statement);
+    bool callFunction(const Statement& statement);
     /// Ends a failed transaction. How that went does not count: the first failure is what the caller hears of.
     void rollback() const;
     ///@{
@@ -238,7 +238,7 @@ public:
     /// traced by itself, or does not.
     bool begin(const char* operation, Refusals refusals, DatabaseResult& outcome);
     /// Traces a query and runs it; `outcome` is changed by a failure alone.
-    bool fetch(Statement statement, QueryResult& result, DatabaseResult& outcome);
+    bool fetch(const Statement& statement, QueryResult& result, DatabaseResult& outcome);
 
     /// A query for any number of rows; `append` is called for each. `rowsTrace` is a format for their number.
     template <typename Record, typename MakeStatement, typename Append>
@@ -317,8 +317,8 @@ public:
 
 private:
     DatabaseResult resultOf(Run run) const;
-    DatabaseResult updated(Statement statement);
-    DatabaseResult insertedOrDeleted(Statement statement, Violation violation);
+    DatabaseResult updated(const Statement& statement);
+    DatabaseResult insertedOrDeleted(const Statement& statement, Violation violation);
 
     int m_calls = 0; // under way, one within the other
 };

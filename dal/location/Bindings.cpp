@@ -101,7 +101,7 @@ DatabaseResult lookedUp(LocationService& service, const AddressOfRecord& address
 
 } // namespace
 
-DatabaseResult fetchBindings(Frame& frame, Statement statement, BindingsFound& found)
+DatabaseResult fetchBindings(Frame& frame, const Statement& statement, BindingsFound& found)
 {
     if (zel::Trace::enabled(zel::TraceKind::prn)) {
         zel::Trace("oryx").prn(frame.textOf(statement));

@@ -24,7 +24,7 @@ struct BindingsFound {
 };
 
 /// Traces a statement that gives such rows, and runs it: okay, connection or query error.
-DatabaseResult fetchBindings(Frame& frame, Statement statement, BindingsFound& found);
+DatabaseResult fetchBindings(Frame& frame, const Statement& statement, BindingsFound& found);
 /// The bindings of an address of record; its outcome is "done", "unknown" or "inactive".
 DatabaseResult fetchBindings(Frame& frame, const AddressOfRecord& address, BindingsFound& found);
 /// The bindings of a contact set, whoever it belongs to; none of one that is not there.

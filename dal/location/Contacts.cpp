@@ -22,7 +22,7 @@ void addContactColumns(ValueString& columns, const ContactRecord& rec)
     columns.addExplicit("cseq", rec.cseq());
 }
 
-DatabaseResult fetchContacts(Frame& frame, Statement statement, const ContactQuery& query, std::string& ordering,
+DatabaseResult fetchContacts(Frame& frame, const Statement& statement, const ContactQuery& query, std::string& ordering,
                              bool& replaceUri, std::vector<ContactRecord>& contacts)
 {
     QueryResult result;
@@ -42,9 +42,9 @@ int DatabaseCommandExecutor::addContact(const char* handle, const char* domain, 
         arguments.add("handle", handle);
         arguments.add("sip_domain", domain);
         addContactColumns(arguments, rec);
-        Statement statement = call("SELECT add_contact{}", std::move(arguments)).once();
+        const Statement statement = call("SELECT add_contact{}", std::move(arguments)).once();
         m_frame->traceText(statement);
-        return m_frame->callFunction(std::move(statement)) ? 0 : -1;
+        return m_frame->callFunction(statement) ? 0 : -1;
     });
 }
 
@@ -77,7 +77,7 @@ int DatabaseCommandExecutor::removeContact(const char* handle, const char* domai
         arguments.add("handle", handle);
         arguments.add("sip_domain", domain);
         arguments.add("address", address);
-        Statement statement = call("SELECT remove_contact{}", std::move(arguments)).once();
+        const Statement statement = call("SELECT remove_contact{}", std::move(arguments)).once();
         m_frame->traceText(statement);
         QueryResult result;
         return m_frame->run(statement, result) == Run::okay ? 0 : -1;
@@ -98,8 +98,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(const char* handle, const
         Statement statement = sql(
             "SELECT contact_set.ordering,contact_set.replace_uri,subscriber.active, contact.address,contact.qvalue,contact.expires,contact.capabilities,contact.contact_header, contact.call_id,contact.cseq,contact.c_type   FROM public_address, contact_set, contact, subscriber WHERE  (public_address.handle = '{}' AND public_address.sip_domain = '{}' AND public_address.csid = contact_set.csid AND  contact.csid = contact_set.csid AND subscriber.sid = contact_set.sid);",
             handle, domain);
-        return fetchContacts(*m_frame, std::move(statement), {"replace uri", 2, 3, false}, ordering, replaceUri,
-                             contacts);
+        return fetchContacts(*m_frame, statement, {"replace uri", 2, 3, false}, ordering, replaceUri, contacts);
     });
 }
 
@@ -115,7 +114,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std:
             "SELECT contact_set.ordering, contact_set.replace_uri,subscriber.active, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM public_address, contact_set, contact, subscriber WHERE (public_address.id = {} AND contact_set.csid = public_address.csid AND  contact.csid = contact_set.csid AND contact_set.sid = subscriber.sid);",
             publicAddressId);
         m_frame->traceText(statement);
-        return fetchContacts(*m_frame, std::move(statement), {"replace", 2, 3, false}, ordering, replaceUri, contacts);
+        return fetchContacts(*m_frame, statement, {"replace", 2, 3, false}, ordering, replaceUri, contacts);
     });
 }
 
@@ -140,8 +139,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, in
             "SELECT contact_set.ordering, contact_set.replace_uri, contact.address, contact.qvalue,  contact.expires, contact.capabilities, contact.contact_header,contact.call_id,contact.cseq,contact.c_type  FROM contact_set, contact WHERE (contact_set.csid = '{}' AND contact.csid = contact_set.csid);",
             csid);
         m_frame->traceText(statement);
-        return fetchContacts(*m_frame, std::move(statement), {"replaceUri", -1, 2, false}, ordering, replaceUri,
-                             contacts);
+        return fetchContacts(*m_frame, statement, {"replaceUri", -1, 2, false}, ordering, replaceUri, contacts);
     });
 }
 

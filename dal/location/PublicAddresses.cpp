@@ -10,13 +10,13 @@ namespace oryx {
 namespace {
 
 /// Calls a stored function that provisions an address of record: 0 done, -1 failed.
-int provision(Frame& frame, Statement statement)
+int provision(Frame& frame, const Statement& statement)
 {
     if (!frame.checkConnect()) {
         return -1;
     }
     frame.traceText(statement);
-    return frame.callFunction(std::move(statement)) ? 0 : -1;
+    return frame.callFunction(statement) ? 0 : -1;
 }
 
 } // namespace

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kTagBytes = 16;
 
 /// Traces a statement and runs it: okay, connection or query error.
-DatabaseResult askedOfPublications(Frame& frame, Statement statement, QueryResult& result)
+DatabaseResult askedOfPublications(Frame& frame, const Statement& statement, QueryResult& result)
 {
     if (!frame.checkConnect()) {
         return frame.connectionError();
