@@ -193,8 +193,9 @@ TEST_P(OutOfMemory, IsAnAnswerAndLeavesNothingHalfDone)
         SCOPED_TRACE("memory runs out after " + std::to_string(news));
         m_world.library.registrar.okay(); // forgets the SQLSTATE of an earlier failure
         const std::string given = answer(news);
-        ASSERT_TRUE(m_ranOut || news > 0); // every operation needs some
-        untouched = news == 0 ? given : untouched;
+        if (news == 0 && m_ranOut) { // some need none
+            untouched = given;
+        }
         if (!m_ranOut || given != untouched) {
             EXPECT_EQ(given, right);
         }
