@@ -20,6 +20,13 @@ protected:
         ASSERT_EQ(status(telephone.ask(telephone.registration("<" + telephone.contact() + ">" + parameters))),
                   "200 OK");
     }
+    /// Both are alice's, and tried one after the other.
+    void answerInTurn(Phone& first, Phone& second)
+    {
+        sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+        answerOn(second, ";q=0.3");
+        answerOn(first, ";q=0.9");
+    }
     Phone alice() const { return {"alice", "oryx.example", m_port}; }
     Phone bob() const { return {"bob", "oryx.example", m_port}; }
     static Message invite(Phone& caller, const std::string& to = "sip:alice@oryx.example")
@@ -201,13 +208,11 @@ TEST_F(Proxy, RingsAllTelephonesAndCancelsTheOthers)
 
 TEST_F(Proxy, RingsByPreferenceWhereProvisioningSaysSo)
 {
-    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
     startRegistrar();
     Phone first = alice();
     Phone second = alice();
     Phone caller = bob();
-    answerOn(second, ";q=0.3");
-    answerOn(first, ";q=0.9");
+    answerInTurn(first, second);
     caller.send(invite(caller));
     const Message atFirst = first.receive();
     EXPECT_TRUE(second.socket().silent());
@@ -349,13 +354,11 @@ TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
 /// A telephone that rings in vain is given up for the next, however long it takes to stop.
 TEST_F(Proxy, DoesNotWaitForTheTelephoneBefore)
 {
-    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
     startRegistrar();
     Phone first = alice();
     Phone second = alice();
     Phone caller = bob();
-    answerOn(first, ";q=0.9");
-    answerOn(second, ";q=0.3");
+    answerInTurn(first, second);
     caller.send(invite(caller));
     first.send(first.response(first.receive(), 180, "Ringing"));
     const Message atSecond = second.receive(25000);
@@ -367,13 +370,11 @@ TEST_F(Proxy, DoesNotWaitForTheTelephoneBefore)
 /// A client waits 32 s for what is no INVITE.
 TEST_F(Proxy, AsksTheNextInTimeForAnAnswer)
 {
-    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
     startRegistrar();
     Phone first = alice();
     Phone second = alice();
     Phone caller = bob();
-    answerOn(first, ";q=0.9");
-    answerOn(second, ";q=0.3");
+    answerInTurn(first, second);
     caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
     const Message atSecond = second.receive(6000);
     second.send(second.response(atSecond, 200, "OK"));
