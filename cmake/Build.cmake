@@ -47,7 +47,7 @@ if(ORYX_CLANG_TIDY)
   # The checks spend their time in the standard library's headers. In a unity build they read those once for many
   # sources, which are headers to them then.
   set(left_out "-bugprone-suspicious-include")
-  if(NOT ORYX_CLANG_ANALYZER)
+  if(ORYX_CLANG_TIDY STREQUAL "SHIPPED")
     string(APPEND left_out ",-clang-analyzer-*")
   endif()
   set(CMAKE_CXX_CLANG_TIDY "${CLANG_TIDY};--quiet;--header-filter=/(dal|util|platform|examples|servers|tests)/.*[.](h|cpp)$"

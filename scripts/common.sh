@@ -7,7 +7,7 @@ readonly kBuildPackages=(
     libxml2-dev postgresql
 )
 readonly kTestPackages=(
-    baresip-core clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libfaketime libgtest-dev llvm
+    baresip-core clang clang-format clang-tidy doxygen libbenchmark-dev libclang-rt-14-dev libfaketime libgtest-dev lld llvm
     pgbouncer shellcheck sip-tester valgrind
 )
 # What a cluster of deploy/cluster is made of, beside the server.

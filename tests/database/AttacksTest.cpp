@@ -74,7 +74,7 @@ public:
         : m_superuser(superuser), m_name("oryx_attacked_" + std::to_string(::getpid()))
     {
         m_superuser.run("DROP ROLE IF EXISTS " + m_name + "; CREATE ROLE " + m_name + " LOGIN PASSWORD '" +
-                        server::kPassword + "' IN ROLE " + group);
+                        server::kPasswordKept + "' IN ROLE " + group);
     }
     ~OwnLogin() { m_superuser.run("DROP ROLE " + m_name); }
     OwnLogin(const OwnLogin&) = delete;

@@ -1,19 +1,15 @@
 // The change log's promise, kept among those who write, load, lock and copy.
 
 #include "support/DatabaseTest.h"
-#include "support/TemporaryDirectory.h"
+#include "support/MigrationTest.h"
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <future>
-#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -191,34 +187,14 @@ TEST_F(ChangeLogRights, KeepEveryLoginFromMakingLargeObjects)
 
 namespace {
 
-class OlderLog : public testing::Test {
+class OlderLog : public MigrationTest {
 protected:
-    OlderLog()
-    {
-        server::Session("postgres").run("CREATE DATABASE " + m_name);
-        std::filesystem::create_directory(m_folder.file("schema"));
-        for (const auto& entry : std::filesystem::directory_iterator(ORYX_SCHEMA)) {
-            if (entry.path().filename() < "150" || !entry.path().has_extension()) {
-                std::filesystem::copy(entry.path(), m_folder.file("schema"));
-            }
-        }
-        EXPECT_EQ(run("'" + m_folder.file("schema") + "/apply' " + m_name), 0);
-        m_session = std::make_unique<server::Session>(m_name);
-    }
+    OlderLog() : MigrationTest("150") {}
+    ~OlderLog() override { server::Session(m_name).run("DROP OWNED BY " + m_role + "; DROP ROLE " + m_role); }
 
-    ~OlderLog() override
-    {
-        m_session.reset();
-        server::Session("postgres").run("DROP DATABASE IF EXISTS " + m_name + "_restored WITH (FORCE)");
-        server::Session("postgres").run("DROP DATABASE " + m_name + " WITH (FORCE)");
-        server::Session("postgres").run("DROP ROLE IF EXISTS " + m_name);
-    }
+    void SetUp() override { m_session->run("CREATE ROLE " + m_role); }
 
-    static int run(const std::string& command) { return std::system((command + " >&2").c_str()); }
-
-    std::string m_name = "oryx_older_log_" + std::to_string(getpid());
-    TemporaryDirectory m_folder;
-    std::unique_ptr<server::Session> m_session;
+    const std::string m_role = m_name;
 };
 
 constexpr const char* kLog = "SELECT table_name, pk_int, pk_char, evt_timestamp FROM public.event_notify"
@@ -228,19 +204,18 @@ constexpr const char* kLog = "SELECT table_name, pk_int, pk_char, evt_timestamp 
 
 TEST_F(OlderLog, IsKeptWithItsReadersAndGoneOn)
 {
-    m_session->run("CREATE ROLE " + m_name + "; GRANT USAGE ON SCHEMA public TO " + m_name +
-                   "; GRANT SELECT ON event_notify TO " + m_name);
+    m_session->run("GRANT USAGE ON SCHEMA public TO " + m_role + "; GRANT SELECT ON event_notify TO " + m_role);
     m_session->run("INSERT INTO acp VALUES ('a'), ('b'); INSERT INTO subscriber (sid) VALUES (7)");
     const std::string kept = m_session->rows(kLog);
     const std::string highest = m_session->value("SELECT max(evt_timestamp) FROM event_notify");
 
-    ASSERT_EQ(run(std::string("'") + ORYX_SCHEMA + "/apply' " + m_name), 0);
+    ASSERT_EQ(apply(), 0) << told();
 
     server::Session session(m_name);
     EXPECT_EQ(session.rows(kLog), kept);
     session.run("SELECT setval('event_notify_stamp', " + highest + " + 60000000)"); // as left by a clock since set back
     session.run("UPDATE acp SET link_type = 'tls' WHERE handle = 'a'; DELETE FROM subscriber");
-    session.run("SET ROLE " + m_name);
+    session.run("SET ROLE " + m_role);
     EXPECT_EQ(session.rows("SELECT table_name, pk_int, pk_char FROM event_notify WHERE evt_timestamp > '" + highest +
                            "' ORDER BY evt_timestamp"),
               "acp|NULL|a\nsubscriber|7|NULL\n");
@@ -252,15 +227,10 @@ TEST_F(OlderLog, IsKeptWithItsReadersAndGoneOn)
 TEST_F(OlderLog, IsDumpedAndRestoredWithItsStamps)
 {
     m_session->run("INSERT INTO acp VALUES ('a')");
-    ASSERT_EQ(run(std::string("'") + ORYX_SCHEMA + "/apply' " + m_name), 0);
+    ASSERT_EQ(apply(), 0) << told();
     m_session->run("INSERT INTO acp VALUES ('b'), ('c')");
     const std::string kept = m_session->rows(kLog);
-    const std::string restored = m_name + "_restored";
-    const std::string dump = m_folder.file("dump");
-    server::Session("postgres").run("CREATE DATABASE " + restored);
-    ASSERT_EQ(
-        run("pg_dump -f " + dump + " " + m_name + " && psql -X -q -v ON_ERROR_STOP=1 -f " + dump + " " + restored), 0);
-    server::Session session(restored);
+    server::Session session(restore());
     EXPECT_EQ(session.rows(kLog), kept);
     // The transaction that was numbered so where the log comes from is another one here.
     session.run("BEGIN; UPDATE public.event_change SET xid = pg_current_xact_id(); INSERT INTO public.acp VALUES ('d');"

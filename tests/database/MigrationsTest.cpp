@@ -167,8 +167,7 @@ TEST_F(Migrations, AreAppliedOnceByRunsAtOnce)
 {
     addMigration("900_slow", "CREATE TABLE made (); DO $$ BEGIN PERFORM pg_sleep(1); END $$;");
 
-    const std::string other = m_name + "_restored"; // goes with this one
-    server::Session("postgres").run("CREATE DATABASE " + other);
+    const std::string other = makeEmpty();
     const std::string first = "'" + m_folder.file("schema") + "/apply' " + other;
     EXPECT_EQ(run(first + " & first=$!; " + first + "; second=$?; wait $first && [ $second = 0 ]"), 0) << told();
 
@@ -294,8 +293,6 @@ namespace {
 /// A database with the whole schema.
 class SchemaCheck : public MigrationTest {
 protected:
-    SchemaCheck() : MigrationTest("999") {}
-
     /// What is found there; ends in the exit status.
     std::string check(const std::string& database) const
     {
@@ -324,7 +321,9 @@ protected:
 
 TEST_F(SchemaCheck, FindsNothingWhereTheSchemaHasJustBeenApplied)
 {
-    EXPECT_EQ(check(m_name), "0") << "after a change of the migrations: scripts/expect-schema";
+    const std::string made = makeEmpty();
+    ASSERT_EQ(run("'" + m_folder.file("schema") + "/apply' " + made), 0) << told();
+    EXPECT_EQ(check(made), "0") << "after a change of the migrations: scripts/expect-schema";
 }
 
 TEST_F(SchemaCheck, LeavesOperatorsWhatIsTheirs)

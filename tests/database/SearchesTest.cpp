@@ -1,13 +1,10 @@
 #include "database/PresenceFixture.h"
 
-#include "support/TemporaryDirectory.h"
+#include "support/MigrationTest.h"
 
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -78,37 +75,9 @@ protected:
 };
 
 /// A database whose schema ends before the searches, with rows in it.
-class DatabaseBeforeSearches : public testing::Test {
+class DatabaseBeforeSearches : public MigrationTest {
 protected:
-    DatabaseBeforeSearches()
-    {
-        server::Session("postgres").run("CREATE DATABASE " + m_name);
-        const std::string folder = m_folder.file("schema");
-        std::filesystem::create_directory(folder);
-        for (const auto& file : std::filesystem::directory_iterator(ORYX_SCHEMA)) {
-            const std::string name = file.path().filename();
-            if (name < "150" || name == "apply") {
-                std::filesystem::copy(file.path(), folder + "/" + name, std::filesystem::copy_options::recursive);
-            }
-        }
-        EXPECT_EQ(apply(folder), 0);
-        m_session = std::make_unique<server::Session>(m_name);
-    }
-
-    ~DatabaseBeforeSearches() override
-    {
-        m_session.reset();
-        server::Session("postgres").run("DROP DATABASE " + m_name + " WITH (FORCE)");
-    }
-
-    int apply(const std::string& folder) const
-    {
-        return std::system(("'" + folder + "/apply' " + m_name + " >&2").c_str());
-    }
-
-    std::string m_name = "oryx_before_searches_" + std::to_string(getpid());
-    TemporaryDirectory m_folder;
-    std::unique_ptr<server::Session> m_session;
+    DatabaseBeforeSearches() : MigrationTest("150") {}
 };
 
 } // namespace
@@ -255,7 +224,7 @@ TEST_F(DatabaseBeforeSearches, IsMigratedWithoutWritingItsRowsAnew)
         " (SELECT md5(string_agg(s::text, '|' ORDER BY sourceopaque)) FROM event_sources s)";
     const std::string before = m_session->rows(files) + m_session->rows(sums);
 
-    EXPECT_EQ(apply(ORYX_SCHEMA), 0);
+    EXPECT_EQ(apply(), 0) << told();
 
     EXPECT_EQ(m_session->rows(files) + m_session->rows(sums), before);
     EXPECT_EQ(m_session->rows(

@@ -46,7 +46,7 @@ protected:
     /// A role that may log in, for all tests of it at once.
     void makeRole(const std::string& name)
     {
-        sql("DO $$ BEGIN CREATE ROLE " + name + " LOGIN PASSWORD '" + server::kPassword +
+        sql("DO $$ BEGIN CREATE ROLE " + name + " LOGIN PASSWORD '" + server::kPasswordKept +
             "'; EXCEPTION WHEN duplicate_object OR unique_violation THEN NULL; END $$");
         sql("GRANT CONNECT ON DATABASE " + m_database.name() + " TO " + name);
     }

@@ -1,6 +1,7 @@
 // Patterns as a grammar makes them of the fuzzer's bytes. What the schema lets into an address map must compile and
 // match request URIs of the longest length that servers hand over, within the time, memory and stack below.
 
+#include "support/ProcessorTime.h"
 #include "support/Server.h"
 
 #include <pthread.h>
@@ -181,9 +182,7 @@ constexpr unsigned kUris = 12;
 
 double cpuSeconds()
 {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return processorTime().count();
 }
 
 /// Compiles a pattern and matches it as a server does, on a thread with a small stack.

@@ -14,28 +14,16 @@ constexpr const char* kReleased = ORYX_SCHEMA;
 
 } // namespace
 
-MigrationTest::MigrationTest(const std::string& before)
+MigrationTest::MigrationTest(const std::string& before) : m_database(before)
 {
-    server::Session("postgres").run("CREATE DATABASE " + m_name);
-    const std::string copy = m_folder.file("schema");
-    std::filesystem::copy(kReleased, copy, std::filesystem::copy_options::recursive);
-    for (const auto& entry : std::filesystem::directory_iterator(kReleased)) {
-        const std::string name = entry.path().filename();
-        if (entry.path().extension() == ".sql" && name >= before) {
-            std::filesystem::remove(copy + "/" + name);
-        }
-    }
-    EXPECT_EQ(apply(), 0) << told();
-    std::filesystem::copy(kReleased, copy,
-                          std::filesystem::copy_options::recursive | std::filesystem::copy_options::skip_existing);
+    std::filesystem::copy(kReleased, m_folder.file("schema"), std::filesystem::copy_options::recursive);
     m_session = std::make_unique<server::Session>(m_name);
 }
 
 MigrationTest::~MigrationTest()
 {
     m_session.reset();
-    server::Session("postgres").run("DROP DATABASE IF EXISTS " + m_name + "_restored WITH (FORCE)");
-    server::Session("postgres").run("DROP DATABASE " + m_name + " WITH (FORCE)");
+    server::Session("postgres").run("DROP DATABASE IF EXISTS " + m_name + "_further WITH (FORCE)");
 }
 
 int MigrationTest::run(const std::string& command) const
@@ -75,10 +63,16 @@ std::string MigrationTest::applied(const std::string& from) const
     return m_session->rows("SELECT name FROM schema_migration WHERE number >= " + from + " ORDER BY number");
 }
 
+std::string MigrationTest::makeEmpty() const
+{
+    std::string further = m_name + "_further";
+    server::Session("postgres").run("CREATE DATABASE " + further);
+    return further;
+}
+
 std::string MigrationTest::restore() const
 {
-    const std::string restored = m_name + "_restored";
-    server::Session("postgres").run("CREATE DATABASE " + restored);
+    std::string restored = makeEmpty();
     const std::string dump = m_folder.file("dump");
     EXPECT_EQ(
         run("pg_dump -f " + dump + " " + m_name + " && psql -X -q -v ON_ERROR_STOP=1 -f " + dump + " " + restored), 0)

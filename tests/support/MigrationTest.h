@@ -14,8 +14,8 @@
 /// A database of the test's own, and a copy of the folder of migrations, to which the test may add some.
 class MigrationTest : public testing::Test {
 protected:
-    /// With the migrations below that number applied, as some release has left it.
-    explicit MigrationTest(const std::string& before);
+    /// With the migrations below that number applied, as some release has left it, or with all.
+    explicit MigrationTest(const std::string& before = "");
     ~MigrationTest() override;
 
     /// The exit status of a command; what it says is kept.
@@ -32,10 +32,12 @@ protected:
     /// Those applied of the migrations of that number and above.
     std::string applied(const std::string& from) const;
 
-    /// A further database, restored from a plain dump of this one; its name.
+    /// A further database, empty, or restored from a plain dump of this one; its name.
+    std::string makeEmpty() const;
     std::string restore() const;
 
-    std::string m_name = "oryx_older_" + std::to_string(getpid());
+    server::Database m_database;
+    std::string m_name = m_database.name();
     TemporaryDirectory m_folder;
     std::unique_ptr<server::Session> m_session;
 };

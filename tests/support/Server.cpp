@@ -1,5 +1,7 @@
 #include "support/Server.h"
 
+#include "support/TemporaryDirectory.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -25,52 +27,65 @@ void requireThrowAwayServer()
     }
 }
 
-std::string migrations()
+/// The migrations below that number, or all.
+std::set<std::filesystem::path> migrations(const std::string& before)
 {
     std::set<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(ORYX_SCHEMA)) {
-        if (entry.path().extension() == ".sql") {
+        if (entry.path().extension() == ".sql" && (before.empty() || entry.path().filename() < before)) {
             files.insert(entry.path());
         }
     }
-    std::ostringstream text;
-    for (const auto& file : files) {
-        text << std::ifstream(file).rdbuf();
-    }
-    return text.str();
+    return files;
 }
 
 void makeLogin(Session& session, const std::string& login, const std::string& group)
 {
     session.run("DO $$ BEGIN IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = '" + login + "') THEN CREATE ROLE " +
-                login + " LOGIN PASSWORD '" + kPassword + "' IN ROLE " + group + "; END IF; END $$");
+                login + " LOGIN PASSWORD '" + kPasswordKept + "' IN ROLE " + group + "; END IF; END $$");
 }
 
-void makeTemplate(Session& session, const std::string& name)
+void applyMigrations(const std::set<std::filesystem::path>& files, const std::string& database)
+{
+    const TemporaryDirectory folder;
+    std::filesystem::copy_file(ORYX_SCHEMA "/apply", folder.file("apply"));
+    for (const auto& file : files) {
+        std::filesystem::copy_file(file, folder.file(file.filename()));
+    }
+    // An earlier test of the process may have turned the environment to another server.
+    const std::string here = "env -u PGSERVICE PGPORT=" + port();
+    if (std::system((here + " '" + folder.file("apply") + "' " + database + " >&2").c_str()) != 0) {
+        throw std::runtime_error("the schema cannot be applied");
+    }
+}
+
+void makeTemplate(Session& session, const std::string& name, const std::string& before)
 {
     session.run("DROP DATABASE IF EXISTS " + name);
     session.run("CREATE DATABASE " + name);
-    // An earlier test of the process may have turned the environment to another server.
-    const std::string here = "env -u PGSERVICE PGPORT=" + port();
-    if (std::system((here + " '" ORYX_SCHEMA "/apply' " + name + " >&2").c_str()) != 0) {
-        throw std::runtime_error("the schema cannot be applied");
-    }
-    makeLogin(session, kUser, "oryx_server");
-    for (const char* const group : kGroups) {
-        makeLogin(session, loginOf(group), group);
+    applyMigrations(migrations(before), name);
+    if (before.empty()) {
+        makeLogin(session, kUser, "oryx_server");
+        for (const char* const group : kGroups) {
+            makeLogin(session, loginOf(group), group);
+        }
     }
     session.run("ALTER DATABASE " + name + " IS_TEMPLATE true");
 }
 
-/// The database that all others are copied from, made at the first demand. Its name tells the migrations it was made
-/// of, so that a server that outlives a change of them gets another one.
-std::string templateDatabase(Session& session)
+/// The database that others are copied from, made at the first demand. Its name tells the migrations it was made of, so
+/// that a server that outlives a change of them gets another one.
+std::string templateDatabase(Session& session, const std::string& before)
 {
-    std::string name = "oryx_template_" + std::to_string(std::hash<std::string>{}(migrations()));
+    std::ostringstream text;
+    for (const auto& file : migrations(before)) {
+        text << std::ifstream(file).rdbuf();
+    }
+    std::string name = "oryx_template_" + std::to_string(std::hash<std::string>{}(text.str()));
     // Tests run at once: one makes it, the others wait here.
     session.run("SELECT pg_advisory_lock(7)");
     if (session.rows("SELECT 1 FROM pg_database WHERE datistemplate AND datname = '" + name + "'").empty()) {
-        makeTemplate(session, name);
+        makeTemplate(session, name, before);
     }
     session.run("SELECT pg_advisory_unlock(7)");
     return name;
@@ -159,10 +174,11 @@ std::unique_ptr<PGresult, Session::Release> Session::execute(const std::string& 
     return result;
 }
 
-Database::Database() : m_name("oryx_test_" + std::to_string(getpid()))
+Database::Database(const std::string& before)
+    : m_name((before.empty() ? "oryx_test_" : "oryx_older_") + std::to_string(getpid()))
 {
     Session session(kMaintenance);
-    const std::string source = templateDatabase(session);
+    const std::string source = templateDatabase(session, before);
     session.run("DROP DATABASE IF EXISTS " + m_name + " WITH (FORCE)");
     // Copied file by file: writing the whole template to the log takes the server seven times as long.
     session.run("CREATE DATABASE " + m_name + " TEMPLATE " + source + " STRATEGY file_copy");

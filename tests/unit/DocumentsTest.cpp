@@ -1,5 +1,7 @@
 #include <events/Documents.h>
 
+#include "support/ProcessorTime.h"
+
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 
@@ -186,9 +188,9 @@ TEST(PresenceDocument, isComposedAtOnceWhateverTheIds)
         }
         documents.push_back(published(tuples));
     }
-    const auto begin = std::chrono::steady_clock::now();
+    const auto begin = processorTime();
     const std::string text = presence(documents);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_LT(processorTime() - begin, std::chrono::seconds(2));
     EXPECT_EQ(text.find("sip:0-0<"), std::string::npos);
     EXPECT_NE(text.find("sip:63-63<"), std::string::npos);
     EXPECT_LT(text.size(), 50000U);
@@ -260,9 +262,9 @@ TEST(ListBody, hasABoundaryAtOnceWhateverTheDocumentsHave)
     for (int number = 0; number < 200000; ++number) {
         document += "oryx-" + std::to_string(number) + " ";
     }
-    const auto begin = std::chrono::steady_clock::now();
+    const auto begin = processorTime();
     EXPECT_NE(listBody("sip:l@h", 0, {{"sip:a@h", "i", "active", "", document}}).type, "");
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_LT(processorTime() - begin, std::chrono::seconds(2));
 }
 
 TEST(ListBody, hasNoMoreDocumentsThanADatagramHasRoomFor)

@@ -1,5 +1,7 @@
 #include <util/MaskSecrets.h>
 
+#include "support/ProcessorTime.h"
+
 #include <chrono>
 #include <cstddef>
 #include <initializer_list>
@@ -385,9 +387,9 @@ TEST(MaskSecrets, takesTimeInProportionToTheText)
         while (text.size() < kSize) {
             text += piece;
         }
-        const auto begin = std::chrono::steady_clock::now();
+        const auto begin = processorTime();
         const std::string shown = maskSecrets(text);
-        const auto taken = std::chrono::steady_clock::now() - begin;
+        const auto taken = processorTime() - begin;
         // A loop within a loop over so much text takes hours.
         EXPECT_LT(taken, std::chrono::seconds(5)) << piece << shown.size();
     }
