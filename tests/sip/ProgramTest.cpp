@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 namespace {
 
+using phone::Message;
 using phone::Phone;
 
 class Command : public SipTest {
@@ -132,6 +135,85 @@ TEST_F(Command, CountsWhatItHasDone)
           "oryx_statement_seconds_bucket{le=\"+Inf\"} 1\n", "oryx_database_connections_lost_total 0\n"}) {
         EXPECT_NE(page.find(line), std::string::npos) << line << page;
     }
+}
+
+/// There is nothing to be read anew, and calls go on.
+TEST_F(Command, IsNotEndedByAHangUp)
+{
+    startRegistrar();
+    m_server->signal(SIGHUP);
+    m_server->signal(SIGPIPE);
+    Phone alice("alice", "oryx.example", m_port);
+    EXPECT_EQ(status(alice.ask(alice.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    EXPECT_EQ(stop(), 0);
+}
+
+/// What is written to standard error must not reach a telephone, or the database, by the number that it had.
+TEST_F(Command, NeedsNoStandardStreams)
+{
+    const std::string port = std::to_string(m_port);
+    Program shell("/bin/sh",
+                  {"-c", "exec " ORYX_REGISTRAR " --listen udp:127.0.0.1:" + port + " --database " + m_database.uri() +
+                             " --user " + server::kUser + " --auth none <&- >&- 2>&-"},
+                  {std::string("PGPASSWORD=") + server::kPassword});
+    Phone alice("alice", "oryx.example", m_port);
+    Message answer;
+    for (int look = 0; look < 100 && answer.status() == 0; ++look) {
+        alice.send(alice.request("OPTIONS", "sip:oryx.example"));
+        answer = alice.socket().silent(100) ? Message() : alice.receive();
+    }
+    EXPECT_EQ(status(answer), "200 OK");
+    for (const char* const stream : {"0", "1", "2"}) {
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(shell.process()) + "/fd/" + stream),
+                  "/dev/null");
+    }
+    shell.signal(SIGTERM);
+    EXPECT_EQ(shell.wait(2), 0);
+}
+
+/// Nobody reads what it says: oryx-registrar ... | head -1.
+TEST_F(Command, OutlivesWhoeverReadsItsOutput)
+{
+    const std::string port = std::to_string(m_port);
+    Program shell("/bin/sh",
+                  {"-c", "sh -c 'echo $$; exec " ORYX_REGISTRAR " --listen udp:127.0.0.1:" + port + " --database " +
+                             m_database.uri() + " --user " + server::kUser + " --auth none' | head -1; sleep 20"},
+                  {std::string("PGPASSWORD=") + server::kPassword});
+    const pid_t server = std::stoi(shell.line());
+    Phone alice("alice", "oryx.example", m_port);
+    Message answer;
+    for (int look = 0; look < 100 && answer.status() == 0; ++look) {
+        alice.send(alice.request("OPTIONS", "sip:oryx.example"));
+        answer = alice.socket().silent(100) ? Message() : alice.receive();
+    }
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(kill(server, SIGTERM), 0);
+}
+
+TEST_F(Command, WithAnAddressThatCannotBeHadGetsOneLineAndStatusOne)
+{
+    const phone::Socket taken;
+    for (const std::string& address : {taken.hostPort(), std::string("192.0.2.1:5060")}) {
+        const std::string text = said({"--listen", "udp:" + address, "--database", "oryx", "--user", "u"});
+        EXPECT_EQ(text, std::string(ORYX_REGISTRAR) + ": --listen: cannot listen on udp:" + address + "\n1");
+    }
+}
+
+/// Who asks for the page of counters and says nothing, too much, or reads nothing keeps it from others for a moment.
+TEST_F(Command, CountsOnWhateverItsReadersDo)
+{
+    const int port = phone::freePort();
+    startRegistrar({"--auth", "none", "--metrics", "127.0.0.1:" + std::to_string(port)});
+    phone::Socket silent("127.0.0.1", phone::Transport::tcp);
+    silent.send(port, "");
+    phone::Socket deaf("127.0.0.1", phone::Transport::tcp);
+    deaf.send(port, "G");
+    phone::Socket loud("127.0.0.1", phone::Transport::tcp);
+    loud.send(port, std::string(10000000, 'x'));
+    EXPECT_EQ(pageAt(port).find("HTTP/1.1 200 OK\r\n"), 0U);
+    phone::Socket waiting("127.0.0.1", phone::Transport::tcp);
+    waiting.send(port, "");
+    EXPECT_EQ(stop(), 0);
 }
 
 } // namespace
