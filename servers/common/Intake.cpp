@@ -26,11 +26,22 @@ constexpr std::size_t kMostFields = 250;
 
 std::atomic<std::uint64_t> s_refused{0};
 
+bool endsField(char c)
+{
+    return c == '\n' || c == '\r' || c == ',';
+}
+
 /// Where the header fields of a piece end that may still be read: at an empty line, or where `most` of them, in lines
 /// of their own or after a comma, have come. True in the latter case.
 bool exceeds(std::string_view piece, std::size_t most, std::size_t& end)
 {
-    for (end = 0; (end = piece.find_first_of("\r\n,", end)) != std::string_view::npos; ++end) {
+    if (static_cast<std::size_t>(std::count_if(piece.begin(), piece.end(), &endsField)) <= most) {
+        return false; // as in every honest message
+    }
+    for (end = 0; end < piece.size(); ++end) {
+        if (!endsField(piece[end])) {
+            continue;
+        }
         if (most-- == 0) {
             return true;
         }
@@ -52,16 +63,22 @@ bool cut(msg_t* message)
     if (size == 0 || msg_get_flags(message, MSG_FLG_BODY | MSG_FLG_COMPLETE) != 0) {
         return false;
     }
-    std::size_t left = kMostFields;
-    for (const msg_header_t* field = *msg_chain_head(message); field != nullptr && left > 0; field = field->sh_succ) {
-        --left; // which earlier pieces have brought
-    }
     auto* const text = static_cast<char*>(msg_buf_committed_data(message));
-    std::size_t end = 0;
-    if (!exceeds({text, size}, left, end)) {
+    const std::string_view piece(text, size);
+    const msg_header_t* const first = *msg_chain_head(message);
+    const std::size_t begin = first == nullptr ? piece.find_first_not_of(" \t\r\n") : 0; // signs of life come before
+    if (begin == std::string_view::npos || piece[begin] == '\r' || piece[begin] == '\n') {
         return false;
     }
-    std::fill(text + end, text + std::min(end + 2, size), '\n');
+    std::size_t left = kMostFields;
+    for (const msg_header_t* field = first; field != nullptr && left > 0; field = field->sh_succ) {
+        --left; // which earlier pieces have brought
+    }
+    std::size_t length = 0;
+    if (!exceeds(piece.substr(begin), left, length)) {
+        return false;
+    }
+    std::fill(text + begin + length, text + std::min(begin + length + 2, size), '\n');
     return true;
 }
 
@@ -111,19 +128,19 @@ std::uint64_t refusedMessages()
 
 } // namespace oryx::sip
 
-extern "C" __attribute__((visibility("default"))) int msg_extract(msg_t* message)
+extern "C" __attribute__((visibility("default"))) int msg_extract(msg_t* msg)
 {
     using namespace oryx::sip;
     static auto* const stacks = reinterpret_cast<decltype(&msg_extract)>(dlsym(RTLD_NEXT, "msg_extract"));
-    const bool isCut = cut(message);
-    int read = stacks(message);
-    if (isCut || (read == 0 && expectsTooMuch(message))) {
+    const bool isCut = cut(msg);
+    int read = stacks(msg);
+    if (isCut || (read == 0 && expectsTooMuch(msg))) {
         s_refused.fetch_add(1, std::memory_order_relaxed);
-        msg_mark_as_complete(message, MSG_FLG_TOOLARGE | MSG_FLG_ERROR); // 413, and the end of a stream
+        msg_mark_as_complete(msg, MSG_FLG_TOOLARGE | MSG_FLG_ERROR); // 413, and the end of a stream
         read = -1;
     }
     if (read != 0) {
-        settleSource(message);
+        settleSource(msg);
     }
     return read;
 }
