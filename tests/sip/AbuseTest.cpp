@@ -274,8 +274,13 @@ TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
     EXPECT_TRUE(telephone->socket().silent(1000));
     EXPECT_LT(m_server->processorTime() - spent, 0.5);
     sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND datname = current_database()");
-    Phone other("bob", "oryx.example", m_port); // its server connects anew
-    EXPECT_EQ(status(other.ask(other.registration("<" + other.contact() + ">"))), "200 OK");
+    Phone other("bob", "oryx.example", m_port);
+    std::string registered;
+    for (int n = 0; n < 40 && registered != "200 OK"; ++n) { // once the server has connected anew
+        registered = status(other.ask(other.registration("<" + other.contact() + ">")));
+        EXPECT_TRUE(other.socket().silent(100));
+    }
+    EXPECT_EQ(registered, "200 OK");
     crowd.clear();
     EXPECT_EQ(asked(*phoneAt("127.0.0.1")), "200 OK");
     EXPECT_EQ(asked(*telephone), "200 OK");
