@@ -210,7 +210,7 @@ TEST_F(Command, CountsOnWhateverItsReadersDo)
     phone::Socket deaf("127.0.0.1", phone::Transport::tcp);
     deaf.send(port, "G");
     phone::Socket loud("127.0.0.1", phone::Transport::tcp);
-    loud.send(port, std::string(10000000, 'x'));
+    loud.send(port, std::string(8000000, 'x'));
     EXPECT_EQ(pageAt(port).find("HTTP/1.1 200 OK\r\n"), 0U);
     phone::Socket waiting("127.0.0.1", phone::Transport::tcp);
     waiting.send(port, "");
