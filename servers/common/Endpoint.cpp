@@ -1,5 +1,7 @@
 #include <common/Endpoint.h>
 
+#include <common/Intake.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -19,7 +21,10 @@ constexpr unsigned kSocketRoom = 4 * 1024 * 1024;
 constexpr unsigned kKeepAlive = 120 * 1000;  // ms between the signs of life by which dead streams are found
 constexpr unsigned kMessageTime = 32 * 1000; // ms that a message may take to come in whole, and the first to begin
 constexpr unsigned kStacksTimerC = 24 * 3600 * 1000; // ms; a fork has one for each branch, which knows whom to cancel
-constexpr unsigned kLargestMessage = 64 * 1024;
+/// Connections that have not been accepted yet; the stack takes the size of its queues for that.
+constexpr unsigned kMostWaiting = 1000;
+constexpr unsigned kMostUnsent = 64;         // messages to whoever does not read them
+constexpr usize_t kMostTransactions = 50000; // with some 10 kB each
 /// The fields without which a request is not understood: 400 where one cannot be read.
 constexpr unsigned kNeeded = ~static_cast<unsigned>(sip_mask_response | sip_mask_pref | sip_mask_privacy);
 
@@ -148,7 +153,9 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
         for (sip_via_t* via = tport_magic(socket); via != nullptr; via = via->v_next) {
             via->v_comment = nullptr; // where the stack shows the sockets' families to all
         }
+        tport_set_params(socket, TPTAG_QUEUESIZE(kMostUnsent), TAG_END());
     }
+    m_connections.emplace(loop, metrics, tport_primaries(nta_agent_tports(m_agent)));
 }
 
 bool Endpoint::listen(const Listen& socket) const
@@ -157,7 +164,8 @@ bool Endpoint::listen(const Listen& socket) const
     const char* const family = socket.host.starts_with('[') ? "ip6" : "ip4"; // all need one where any has
     return nta_agent_add_tport(m_agent, urlText(uri.c_str()), TPTAG_IDENT(family), TPTAG_UDP_RMEM(kSocketRoom),
                                TPTAG_UDP_WMEM(kSocketRoom), TPTAG_KEEPALIVE(kKeepAlive), TPTAG_PONG2PING(1),
-                               TPTAG_TIMEOUT(kMessageTime), TPTAG_IDLE(kMessageTime), TAG_END()) == 0;
+                               TPTAG_TIMEOUT(kMessageTime), TPTAG_IDLE(kMessageTime), TPTAG_QUEUESIZE(kMostWaiting),
+                               TAG_END()) == 0;
 }
 
 Endpoint::~Endpoint()
@@ -214,12 +222,27 @@ int Endpoint::received(void* self, nta_agent_t* /*agent*/, msg_t* message, sip_t
 }
 
 /// Whoever has sent one request may be silent from now on; whoever has not is nobody's telephone.
-void Endpoint::keepConnection(msg_t* message) const
+void Endpoint::keepConnection(msg_t* message)
 {
     tport_t* const connection = tport_delivered_by(nta_agent_tports(m_agent), message);
     if (tport_is_secondary(connection) != 0) {
         tport_set_params(connection, TPTAG_IDLE(UINT_MAX), TAG_END());
+        m_connections->heard(connection);
     }
+}
+
+/// Whether one more transaction can be had. They are counted every now and then, which takes as long as a short
+/// request.
+bool Endpoint::hasRoom()
+{
+    constexpr unsigned kTogether = 64;
+    if (m_full || ++m_uncounted == kTogether) {
+        usize_t open = 0;
+        nta_agent_get_stats(m_agent, NTATAG_S_IRQ_HASH_USED_REF(open), TAG_END());
+        m_full = open >= kMostTransactions;
+        m_uncounted = 0;
+    }
+    return !m_full;
 }
 
 void Endpoint::take(Message message, sip_t* sip)
@@ -232,8 +255,7 @@ void Endpoint::take(Message message, sip_t* sip)
     // leave by the first one later. A stream brings each request once, and its transactions end with their answers.
     tport_t* const socket = tport_delivered_by(nta_agent_tports(m_agent), message.get());
     std::optional<Answers::Mark> mark;
-    // Who wants his answer elsewhere (maddr) has a transaction, which finds the way there.
-    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0 && sip->sip_via->v_maddr == nullptr) {
+    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0) {
         mark = m_answers.markOf(*sip);
         if (m_answers.repeats(*mark, message, socket)) {
             return;
@@ -247,7 +269,7 @@ void Endpoint::take(Message message, sip_t* sip)
     } else if (method == sip_method_cancel) { // of nothing that is known
         m_metrics.answer(481);
         nta_msg_treply(m_agent, message.release(), SIP_481_NO_TRANSACTION, TAG_END());
-    } else if (m_refusing) {
+    } else if (m_refusing || (!mark && !hasRoom())) {
         m_metrics.answer(503);
         nta_msg_treply(m_agent, message.release(), SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("1"), TAG_END());
     } else if (mark) {

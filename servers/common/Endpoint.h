@@ -1,12 +1,14 @@
 #pragma once
 
 #include <common/Answers.h>
+#include <common/Connections.h>
 #include <common/Loop.h>
 #include <common/Metrics.h>
 #include <common/Options.h>
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -120,7 +122,8 @@ public:
 private:
     static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);
     void take(Message message, sip_t* sip);
-    void keepConnection(msg_t* message) const;
+    void keepConnection(msg_t* message);
+    bool hasRoom();
     bool isOurs(const char* host, const char* port) const;
     bool listen(const Listen& socket) const;
 
@@ -131,7 +134,10 @@ private:
     std::vector<Listen> m_sockets;
     nta_agent_t* m_agent;
     Answers m_answers;
+    std::optional<Connections> m_connections;
     bool m_refusing = false;
+    bool m_full = false;
+    unsigned m_uncounted = 0; // transactions since it was found out whether there are too many
 };
 
 } // namespace oryx::sip

@@ -1,5 +1,7 @@
 #include <common/Metrics.h>
 
+#include <common/Intake.h>
+
 #include <dal/SessionStatistics.h>
 
 #include <netdb.h>
@@ -92,6 +94,10 @@ std::string Metrics::page() const
     for (std::size_t answers = 2; answers < m_answers.size(); ++answers) {
         sample(page, "oryx_answers_total{class=\"" + std::to_string(answers) + "xx\"}", m_answers.at(answers));
     }
+    family(page, "oryx_messages_refused_total", "counter", "messages too large, or with too many header fields");
+    sample(page, "oryx_messages_refused_total", refusedMessages());
+    family(page, "oryx_connections_closed_total", "counter", "connections by TCP that were too many, or never used");
+    sample(page, "oryx_connections_closed_total", m_closed);
     family(page, "oryx_statement_seconds", "histogram", "time of what a request asks of the database");
     std::uint64_t sum = 0;
     for (std::size_t at = 0; at < m_times.size(); ++at) {
@@ -132,11 +138,14 @@ MetricsPage::~MetricsPage()
 
 void MetricsPage::run() const
 {
+    constexpr std::chrono::milliseconds kNoDescriptorPause{100};
     while (readable(m_socket, m_stop, -1)) {
         const int client = accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
         if (client >= 0) {
             answer(client);
             close(client);
+        } else {
+            std::this_thread::sleep_for(kNoDescriptorPause);
         }
     }
 }

@@ -31,6 +31,8 @@ public:
     /// A final answer.
     void answer(int status);
     void statement(std::chrono::nanoseconds time);
+    /// A telephone's connection, which this server has ended.
+    void connectionClosed() { m_closed.fetch_add(1, std::memory_order_relaxed); }
     /// All of it in Prometheus' text format.
     std::string page() const;
 
@@ -42,6 +44,7 @@ private:
     std::array<std::atomic<std::uint64_t>, 7> m_answers{};
     std::array<std::atomic<std::uint64_t>, kBounds.size() + 1> m_times{};
     std::atomic<std::uint64_t> m_microseconds{0};
+    std::atomic<std::uint64_t> m_closed{0};
 };
 
 /// Serves the page by HTTP, on a thread of its own, one reader at a time.

@@ -38,6 +38,15 @@ Message cancelOf(nta_agent_t* agent, msg_t* invite)
     return message;
 }
 
+/// Where a request has gone to. Its URI may be that of several places, of which another would be chosen the next time.
+std::string placeOf(msg_t* sent)
+{
+    std::array<char, TPORT_HOSTPORTSIZE> place{};
+    tport_hostport(place.data(), place.size(), msg_addr(sent), 1);
+    const bool tcp = msg_addrinfo(sent)->ai_socktype == SOCK_STREAM;
+    return std::string("sip:") + place.data() + ";transport=" + (tcp ? "tcp" : "udp");
+}
+
 /// What a caller can do something about comes before what he cannot (RFC 3261 section 16.7, item 6).
 int rank(int status)
 {
@@ -50,11 +59,6 @@ int rank(int status)
     return 10 * (status / 100) + (is ? 0 : last ? 9 : 5);
 }
 
-struct UrlDeleter {
-    void operator()(url_t* url) const { su_free(nullptr, url); }
-};
-using Url = std::unique_ptr<url_t, UrlDeleter>;
-
 } // namespace
 
 struct Fork::Branch {
@@ -66,7 +70,6 @@ struct Fork::Branch {
     Fork& fork;
     std::string key; // of its Via
     Timer timerC;
-    Url next; // where it is sent
     Transaction transaction;
     Message response; // its final one
     bool heard = false;
@@ -177,7 +180,17 @@ Message Fork::addressed(const Hop& hop) const
     const bool addressed = (hop.uri.empty() || setRequestUri(message.get(), urlText(hop.uri.c_str()))) &&
                            (hop.route.empty() || sip_add_tl(message.get(), sip_object(message.get()),
                                                             SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END()) >= 0);
+    const std::string breadthText = "Max-Breadth: " + std::to_string(breadth());
+    sip_add_tl(message.get(), sip_object(message.get()), SIPTAG_HEADER_STR(breadthText.c_str()), TAG_END());
     return addressed ? std::move(message) : nullptr;
+}
+
+/// The next branch's share (RFC 5393 section 5.3.3). The next ones by q have theirs too, as those before them may not
+/// have ended when it is their turn.
+unsigned Fork::breadth() const
+{
+    const auto branches = static_cast<unsigned>(m_hops.size());
+    return m_outgoing.breadth / branches + (m_branches.size() <= m_outgoing.breadth % branches ? 1 : 0);
 }
 
 void Fork::send(const Hop& hop)
@@ -194,15 +207,14 @@ void Fork::send(const Hop& hop)
     const url_t* const next =
         hop.next.empty() ? &nextHop(*sip_object(message.get())) : url_hdup(home, urlText(hop.next.c_str())->us_url);
     if (next != nullptr) {
-        branch.next.reset(url_hdup(nullptr, next));
+        const url_t to = *next; // its texts stay with the message
         if (!m_outgoing.mark.socket.empty()) {
-            recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(*next));
+            recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(to));
         }
         fitStrictRouter(message.get());
-        branch.transaction.reset(
-            nta_outgoing_mcreate(m_endpoint.agent(), &Fork::responded, &branch, urlText(*branch.next),
-                                 message.release(), NTATAG_BRANCH_KEY(key.c_str()),
-                                 TPTAG_IDENT(Endpoint::familyOf(*branch.next)), NTATAG_PASS_100(1), TAG_END()));
+        branch.transaction.reset(nta_outgoing_mcreate(
+            m_endpoint.agent(), &Fork::responded, &branch, urlText(to), message.release(),
+            NTATAG_BRANCH_KEY(key.c_str()), TPTAG_IDENT(Endpoint::familyOf(to)), NTATAG_PASS_100(1), TAG_END()));
     }
     branch.ended = branch.transaction == nullptr; // nowhere: no such host
     if (!branch.ended && isInvite()) {
@@ -289,14 +301,15 @@ void Fork::cancelPending()
     }
 }
 
-/// Not as the stack does it, which ends the request's own transaction with that where it came by a stream.
+/// To the place that the request went to (section 9.1). Not as the stack does it, which ends the request's own
+/// transaction with that where it came by a stream.
 void Fork::sendCancel(const Branch& branch)
 {
     const Message request(nta_outgoing_getrequest(branch.transaction.get()));
     Message message = cancelOf(m_endpoint.agent(), request.get());
-    nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(*branch.next), message.release(),
-                         NTATAG_BRANCH_KEY(branch.key.c_str()), TPTAG_IDENT(Endpoint::familyOf(*branch.next)),
-                         TAG_END());
+    nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(placeOf(request.get()).c_str()),
+                         message.release(), NTATAG_BRANCH_KEY(branch.key.c_str()),
+                         TPTAG_IDENT(msg_addr(request.get())->su_family == AF_INET6 ? "ip6" : nullptr), TAG_END());
 }
 
 /// Those that have been cancelled and say nothing of it.

@@ -31,6 +31,7 @@ public:
         Message message; ///< The request as it is to be sent, but for its request URI and route.
         RouteMark mark;
         std::string branch; ///< What the branch parameters of its Via begin with.
+        unsigned breadth; ///< How many branches they and all that come of them may be at once, not less than the hops.
     };
 
     /// The hops come by preference.
@@ -57,6 +58,7 @@ private:
     void tryOthers();
     void send(const Hop& hop);
     Message addressed(const Hop& hop) const;
+    unsigned breadth() const;
     static int responded(void* branch, nta_outgoing_t* transaction, const sip_t* sip);
     void take(Branch& branch, const sip_t* sip);
     void end(Branch& branch);

@@ -5,10 +5,12 @@
 #include <registrar/Proxy.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <functional>
 #include <random>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace oryx::sip {
@@ -17,6 +19,8 @@ namespace {
 
 constexpr unsigned long kMaxForwards = 70;
 constexpr isize_t kLongestTarget = 2048;
+constexpr unsigned kMaxBreadth = 60; // RFC 5393 section 5.3.3; who asks for more gets no more
+constexpr const char* kBreadth = "Max-Breadth";
 constexpr std::size_t kLongestStored = 512; // no provisioned pattern is tried on a longer one
 
 std::string hexOf(std::size_t value)
@@ -76,6 +80,33 @@ Hop hopOf(const LiveBinding& binding, bool replaces)
         return {"", "", binding.address, binding.preference};
     }
     return {"", binding.path + ", <" + binding.address + ";lr>", "", binding.preference};
+}
+
+/// How many branches a request and all that comes of it may have at once (RFC 5393 section 5.3).
+unsigned breadthOf(const sip_t& sip)
+{
+    for (const sip_unknown_t* field = sip.sip_unknown; field != nullptr; field = field->un_next) {
+        const std::string_view value = orEmpty(field->un_value);
+        unsigned breadth = 0;
+        const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), breadth);
+        if (su_casematch(field->un_name, kBreadth) != 0 && error == std::errc() && end == value.data() + value.size()) {
+            return std::min(breadth, kMaxBreadth);
+        }
+    }
+    return kMaxBreadth;
+}
+
+/// Takes that off, for each branch has its own.
+void removeBreadth(msg_t* message)
+{
+    sip_t* const sip = sip_object(message);
+    for (sip_unknown_t* field = sip->sip_unknown; field != nullptr;) {
+        sip_unknown_t* const next = field->un_next;
+        if (su_casematch(field->un_name, kBreadth) != 0) {
+            sip_header_remove(message, sip, anyHeader(field));
+        }
+        field = next;
+    }
 }
 
 bool inDialog(const sip_t& sip)
@@ -333,12 +364,18 @@ void Proxy::challenge(Incoming& request, bool stale) const
 void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark,
                  std::vector<Hop> hops, bool sequential)
 {
+    const unsigned breadth = breadthOf(request->sip());
+    if (hops.size() > breadth) {
+        request->answer(440, "Max-Breadth Exceeded");
+        return;
+    }
     if (request->sip().sip_request->rq_method == sip_method_invite) {
         request->answer(SIP_100_TRYING);
     }
+    removeBreadth(outgoing.get());
     const std::string branch = newBranch() + "." + loopMark(request->sip());
     std::make_shared<Fork>(m_loop, *m_endpoint, m_seal, m_forks, request,
-                           Fork::Outgoing{std::move(outgoing), mark, branch}, std::move(hops))
+                           Fork::Outgoing{std::move(outgoing), mark, branch, breadth}, std::move(hops))
         ->start(sequential);
 }
 

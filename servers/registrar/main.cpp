@@ -49,12 +49,14 @@ void run(Loop& loop, const Options& options, int signals)
             proxy.take(request);
         }
     };
-    const auto isRegistration = [&](const sip_t& sip) {
-        return sip.sip_request->rq_method == sip_method_register && isForServer(sip, *endpoint, provisioning);
+    const auto isBrief = [&](const sip_t& sip) {
+        const sip_method_t method = sip.sip_request->rq_method;
+        return (method == sip_method_register || method == sip_method_options) &&
+               isForServer(sip, *endpoint, provisioning);
     };
     endpoint.emplace(
         loop, metrics, options.listen, take,
-        [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); }, isRegistration);
+        [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); }, isBrief);
     gate.setEndpoint(*endpoint);
     proxy.setEndpoint(*endpoint);
     std::optional<MetricsPage> page;

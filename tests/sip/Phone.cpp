@@ -226,6 +226,21 @@ void Socket::send(int port, const std::string& text)
     }
 }
 
+void Socket::fill(int port, const std::string& text)
+{
+    constexpr timeval kPatience{0, 500000};
+    constexpr int kSmall = 4096;
+    constexpr int kEnough = 1000;
+    ::setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &kSmall, sizeof kSmall);
+    ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
+    send(port, text);
+    for (int n = 0; n < kEnough; ++n) {
+        if (::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL) < static_cast<ssize_t>(text.size())) {
+            return;
+        }
+    }
+}
+
 std::string Socket::receive(int milliseconds)
 {
     for (;;) {

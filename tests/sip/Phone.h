@@ -48,6 +48,8 @@ public:
     int port() const { return m_port; }
     std::string hostPort() const;
     void send(int port, const std::string& text);
+    /// Sends the text by a stream again and again until the peer takes no more of it for a while; reads nothing.
+    void fill(int port, const std::string& text);
     /// What comes next: a datagram, or a message of the stream; throws when nothing does in time.
     std::string receive(int milliseconds = 5000);
     /// Whether nothing comes for so long.

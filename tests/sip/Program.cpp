@@ -125,6 +125,20 @@ long Program::memory() const
     return 0;
 }
 
+double Program::processorTime() const
+{
+    std::ifstream file("/proc/" + std::to_string(m_process) + "/stat");
+    std::string text;
+    std::getline(file, text, ')'); // behind its name
+    for (int field = 0; field < 11; ++field) {
+        file >> text;
+    }
+    double user = 0;
+    double system = 0;
+    file >> user >> system;
+    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 void Program::signal(int number) const
 {
     kill(m_process, number);

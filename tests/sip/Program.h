@@ -26,6 +26,8 @@ public:
     void signal(int number) const;
     /// How much memory it has resident, in kB.
     long memory() const;
+    /// How long it has kept a processor busy, in seconds.
+    double processorTime() const;
     /// Its exit status, or minus the signal that ended it; throws when it has not ended in time.
     int wait(int seconds = 20);
 

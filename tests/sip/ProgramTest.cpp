@@ -7,6 +7,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -34,6 +37,19 @@ protected:
     {
         arguments.insert(arguments.begin(), needed().begin(), needed().end());
         return said(arguments);
+    }
+    /// Whether a server whose output nobody sees comes to answer.
+    bool answers() const
+    {
+        Phone alice("alice", "oryx.example", m_port);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+        while (std::chrono::steady_clock::now() < end) {
+            alice.send(alice.request("OPTIONS", "sip:oryx.example"));
+            if (!alice.socket().silent(100) && alice.receive().status() == 200) {
+                return true;
+            }
+        }
+        return false;
     }
 };
 
@@ -132,6 +148,73 @@ TEST_F(Command, CountsWhatItHasDone)
           "oryx_statement_seconds_bucket{le=\"+Inf\"} 1\n", "oryx_database_connections_lost_total 0\n"}) {
         EXPECT_NE(page.find(line), std::string::npos) << line << page;
     }
+}
+
+/// There is nothing to be read anew, and calls go on.
+TEST_F(Command, IsNotEndedByAHangUp)
+{
+    startRegistrar();
+    m_server->signal(SIGHUP);
+    m_server->signal(SIGPIPE);
+    Phone alice("alice", "oryx.example", m_port);
+    EXPECT_EQ(status(alice.ask(alice.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    EXPECT_EQ(stop(), 0);
+}
+
+/// What is written to standard error must not reach a telephone, or the database, by the number that it had.
+TEST_F(Command, NeedsNoStandardStreams)
+{
+    const std::string port = std::to_string(m_port);
+    Program shell("/bin/sh",
+                  {"-c", "exec " ORYX_REGISTRAR " --listen udp:127.0.0.1:" + port + " --database " + m_database.uri() +
+                             " --user " + server::kUser + " --auth none <&- >&- 2>&-"},
+                  {std::string("PGPASSWORD=") + server::kPassword});
+    EXPECT_TRUE(answers());
+    for (const char* const stream : {"0", "1", "2"}) {
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(shell.process()) + "/fd/" + stream),
+                  "/dev/null");
+    }
+    shell.signal(SIGTERM);
+    EXPECT_EQ(shell.wait(2), 0);
+}
+
+/// Nobody reads what it says: oryx-registrar ... | head -1.
+TEST_F(Command, OutlivesWhoeverReadsItsOutput)
+{
+    const std::string port = std::to_string(m_port);
+    Program shell("/bin/sh",
+                  {"-c", "sh -c 'echo $$; exec " ORYX_REGISTRAR " --listen udp:127.0.0.1:" + port + " --database " +
+                             m_database.uri() + " --user " + server::kUser + " --auth none' | head -1"},
+                  {std::string("PGPASSWORD=") + server::kPassword});
+    const pid_t server = std::stoi(shell.line());
+    EXPECT_TRUE(answers());
+    EXPECT_EQ(kill(server, SIGTERM), 0);
+}
+
+TEST_F(Command, WithAnAddressThatCannotBeHadGetsOneLineAndStatusOne)
+{
+    const phone::Socket taken;
+    for (const std::string& address : {taken.hostPort(), std::string("192.0.2.1:5060")}) {
+        const std::string text = said({"--listen", "udp:" + address, "--database", "oryx", "--user", "u"});
+        EXPECT_EQ(text, std::string(ORYX_REGISTRAR) + ": --listen: cannot listen on udp:" + address + "\n1");
+    }
+}
+
+/// Who asks for the page of counters and says nothing, too much, or reads nothing keeps it from others for a moment.
+TEST_F(Command, CountsOnWhateverItsReadersDo)
+{
+    const int port = phone::freePort();
+    startRegistrar({"--auth", "none", "--metrics", "127.0.0.1:" + std::to_string(port)});
+    phone::Socket silent("127.0.0.1", phone::Transport::tcp);
+    silent.send(port, "");
+    phone::Socket deaf("127.0.0.1", phone::Transport::tcp);
+    deaf.send(port, "G");
+    phone::Socket loud("127.0.0.1", phone::Transport::tcp);
+    loud.send(port, std::string(8000000, 'x'));
+    EXPECT_EQ(pageAt(port).find("HTTP/1.1 200 OK\r\n"), 0U);
+    phone::Socket waiting("127.0.0.1", phone::Transport::tcp);
+    waiting.send(port, "");
+    EXPECT_EQ(stop(), 0);
 }
 
 } // namespace

@@ -182,6 +182,42 @@ TEST_F(Proxy, NoticesALoop)
     EXPECT_EQ(status(called.receive()), "482 Loop Detected");
 }
 
+/// RFC 5393 section 5.3: what all branches may become together is no more than what the request may.
+TEST_F(Proxy, DividesTheBreadthAmongTheBranches)
+{
+    startRegistrar();
+    Phone desk = alice();
+    Phone mobile = alice();
+    answerOn(desk);
+    answerOn(mobile);
+    Phone caller = bob();
+    const auto breadths = [&](const std::string& said) {
+        Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+        caller.send(request.set("Max-breadth", said));
+        std::vector<std::string> got;
+        for (Phone* const telephone : {&desk, &mobile}) {
+            const Message offered = telephone->receive();
+            got.push_back(offered.field("Max-Breadth"));
+            telephone->send(telephone->response(offered, 200, "OK"));
+        }
+        EXPECT_EQ(answers(caller), "200");
+        std::sort(got.begin(), got.end());
+        return got[0] + " " + got[1];
+    };
+    EXPECT_EQ(breadths(""), "30 30");
+    EXPECT_EQ(breadths("5"), "2 3");
+    EXPECT_EQ(breadths("2"), "1 1");
+    EXPECT_EQ(breadths("4000000000"), "30 30");
+    for (const char* const ordering : {"parallel", "sequential"}) {
+        sql(std::string("UPDATE contact_set SET ordering = '") + ordering + "' WHERE csid = 1");
+        for (const char* const too : {"1", "0"}) {
+            Message request = caller.request("INVITE", "sip:alice@oryx.example");
+            EXPECT_EQ(status(caller.ask(request.set("Max-Breadth", too))), "440 Max-Breadth Exceeded");
+        }
+    }
+    EXPECT_TRUE(desk.socket().silent());
+}
+
 /// Section 16.6: all at once; 16.7, item 10: those that have not answered are cancelled.
 TEST_F(Proxy, RingsAllTelephonesAndCancelsTheOthers)
 {

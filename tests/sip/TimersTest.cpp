@@ -92,4 +92,21 @@ TEST_F(Timers, EndACallToATelephoneThatSaysNothing)
     EXPECT_EQ(status(caller.receive()), "408 Request Timeout");
 }
 
+/// Who sends a byte now and then, and never a whole request, is nobody's telephone.
+TEST_F(Timers, EndAConnectionThatNeverSaysAnythingWhole)
+{
+    Phone telephone("alice", "oryx.example", m_port, "127.0.0.1", phone::Transport::tcp);
+    EXPECT_EQ(status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    phone::Socket slow("127.0.0.1", phone::Transport::tcp);
+    for (const int seconds : {9, 25}) { // less each than what the stack waits for the next one
+        slow.send(m_port, "O");
+        setClock(seconds);
+        EXPECT_FALSE(slow.closed(500)) << seconds;
+    }
+    slow.send(m_port, "O");
+    setClock(42);
+    EXPECT_TRUE(slow.closed());
+    EXPECT_EQ(status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+}
+
 } // namespace

@@ -1,0 +1,305 @@
+// What one machine can do to a server on purpose, and what others notice of it: nothing.
+
+#include "sip/SipTest.h"
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using phone::Message;
+using phone::Phone;
+using phone::Socket;
+using phone::Transport;
+
+class Abuse : public SipTest {
+protected:
+    Message question(const std::string& host = "127.0.0.1", Transport transport = Transport::udp)
+    {
+        return Phone("mallory", "oryx.example", m_port, host, transport).request("OPTIONS", "sip:oryx.example");
+    }
+    /// A request of so many header fields, each in the fewest bytes.
+    static std::string withFields(const Message& request, std::size_t count, const std::string& field = "a\n")
+    {
+        std::string text = request.text();
+        std::string fields;
+        for (std::size_t n = 0; n < count; ++n) {
+            fields += field;
+        }
+        return text.insert(text.find("Max-Forwards"), fields);
+    }
+    std::unique_ptr<Phone> phoneAt(const std::string& host) const
+    {
+        return std::make_unique<Phone>("alice", "oryx.example", m_port, host, Transport::tcp);
+    }
+    static std::string asked(Phone& telephone)
+    {
+        return status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example")));
+    }
+    /// Somebody else, by UDP.
+    std::string others() const
+    {
+        Phone other("bob", "oryx.example", m_port);
+        return asked(other);
+    }
+};
+
+/// One datagram of many short lines would take the stack seconds to read.
+TEST_F(Abuse, ByManyShortLinesHoldsUpNobody)
+{
+    startRegistrar();
+    Phone mallory("mallory", "oryx.example", m_port);
+    for (const char* const field : {"a\n", "v:SIP/2.0/UDP a,b\n", "i: x\r\n", "k:a,a,a,a,a,a,a,a\r\n"}) {
+        const Message request = mallory.request("OPTIONS", "sip:oryx.example");
+        mallory.socket().send(m_port, withFields(request, 58000 / std::string(field).size(), field));
+        EXPECT_EQ(status(mallory.receive()), "413 Request Entity Too Large") << field;
+    }
+    mallory.socket().send(m_port, "\r\n\r\n" + withFields(mallory.request("OPTIONS", "sip:oryx.example"), 20000));
+    EXPECT_EQ(status(mallory.receive()), "413 Request Entity Too Large");
+    EXPECT_EQ(others(), "200 OK");
+}
+
+TEST_F(Abuse, ByManyShortLinesOfAStreamEndsIt)
+{
+    startRegistrar();
+    Phone mallory("mallory", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+    const Message request = mallory.request("OPTIONS", "sip:oryx.example");
+    const std::string text = withFields(request, 20000);
+    mallory.socket().send(m_port, text.substr(0, 300)); // in pieces
+    EXPECT_TRUE(mallory.socket().silent(200));
+    mallory.socket().send(m_port, text.substr(300));
+    EXPECT_EQ(status(mallory.receive()), "413 Request Entity Too Large");
+    EXPECT_TRUE(mallory.socket().closed());
+    EXPECT_EQ(others(), "200 OK");
+}
+
+/// As many as proxies and telephones may need.
+TEST_F(Abuse, IsNotWhatHasManyFieldsForAReason)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    Message request = alice.request("OPTIONS", "sip:oryx.example");
+    for (int n = 0; n < 69; ++n) {
+        request.add("Via", "SIP/2.0/UDP 192.0.2.1;branch=z9hG4bK" + std::to_string(n));
+        request.add("Record-Route", "<sip:192.0.2.1;lr>");
+        request.add("Warning", "399 a \"b\"");
+    }
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    request.body.assign(20000, '\n'); // a body's lines do not count
+    request.set("CSeq", "2 OPTIONS").set("Content-Type", "text/plain");
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    Phone stream("alice", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+    request.set("Via", stream.via());
+    const std::string text = request.text();
+    const std::size_t end = text.find("\r\n\r\n");
+    for (const std::size_t cut : {end - 1, end, end + 1, end + 2, end + 3, end + 4, end + 5}) {
+        stream.socket().send(m_port, text.substr(0, cut));
+        EXPECT_TRUE(stream.socket().silent(20));
+        stream.socket().send(m_port, text.substr(cut));
+        EXPECT_EQ(status(stream.receive()), "200 OK") << cut - end;
+    }
+}
+
+/// Nobody waits for what will not be read.
+TEST_F(Abuse, ByABodyThatIsTooLargeEndsTheStream)
+{
+    startRegistrar();
+    for (const char* const length : {"4294967295", "4294967296", "18446744073709551616", "65537", "-1"}) {
+        Phone mallory("mallory", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+        std::string text = mallory.request("OPTIONS", "sip:oryx.example").text();
+        text.replace(text.find("Content-Length: 0") + 16, 1, length);
+        mallory.socket().send(m_port, text);
+        const int refused = mallory.receive().status();
+        EXPECT_TRUE(refused == 413 || refused == 400) << refused;
+        EXPECT_TRUE(mallory.socket().closed()) << length;
+    }
+}
+
+TEST_F(Abuse, ByStreamsWithoutAnEndTakesNoMemory)
+{
+    startRegistrar();
+    const long before = m_server->memory();
+    std::vector<std::unique_ptr<Socket>> sockets;
+    for (const char* const piece :
+         {"a", "a: b\r\n", "\r\n", "INVITE ", "OPTIONS sip:a SIP/2.0\r\n ", "SIP/2.0 200 OK\r\nv:"}) {
+        for (int n = 0; n < (*piece == 'a' ? 200 : 20); ++n) {
+            sockets.push_back(std::make_unique<Socket>("127.0.0.1", Transport::tcp));
+            std::string text;
+            while (text.size() < 60000) {
+                text += piece;
+            }
+            sockets.back()->send(m_port, text);
+        }
+    }
+    EXPECT_EQ(others(), "200 OK");
+#ifndef ORYX_SANITIZED
+    EXPECT_LT(m_server->memory() - before, 40000); // kB
+#else
+    static_cast<void>(before);
+#endif
+}
+
+/// RFC 3261 section 18.2.2, RFC 3581 section 4: back to where a datagram came from, whatever its Via says.
+TEST_F(Abuse, SendsNoAnswersToSomebodyElse)
+{
+    startRegistrar();
+    const Socket third("127.0.0.2");
+    Phone mallory("mallory", "oryx.example", m_port);
+    const auto fromThird = [&](Message request, const std::string& parameters) {
+        return request.set("Via", "SIP/2.0/UDP " + third.hostPort() + ";branch=z9hG4bK" + request.field("Call-ID") +
+                                      parameters);
+    };
+    const auto request = [&](const std::string& method) { return mallory.request(method, "sip:oryx.example"); };
+    for (const std::string& parameters :
+         {std::string(), std::string(";maddr=127.0.0.2"), std::string(";received=127.0.0.2"),
+          ";received=127.0.0.2;rport=" + std::to_string(third.port())}) {
+        mallory.send(fromThird(request("OPTIONS"), parameters));
+        mallory.send(fromThird(request("REGISTER"), parameters));
+        mallory.send(fromThird(request("CANCEL"), parameters));
+        mallory.send(fromThird(request("MESSAGE").set("CSeq", "x"), parameters));
+        Message version = fromThird(request("OPTIONS"), parameters);
+        version.first.replace(version.first.size() - 3, 3, "3.0");
+        mallory.send(version);
+        mallory.socket().send(m_port, withFields(fromThird(request("OPTIONS"), parameters), 300));
+    }
+    EXPECT_TRUE(third.silent(500));
+    Message version = request("OPTIONS");
+    version.first.replace(version.first.size() - 3, 3, "3.0");
+    Phone honest("bob", "oryx.example", m_port);
+    version.set("Via", "SIP/2.0/UDP 192.0.2.1:9;branch=z9hG4bKhonest;rport");
+    honest.send(version);
+    EXPECT_EQ(status(honest.receive()), "505 Version Not Supported");
+}
+
+/// The stack would ask for the address of the name before it did anything else.
+TEST_F(Abuse, ByANameInViaIsAnsweredAtOnce)
+{
+    startRegistrar();
+    for (const char* const method : {"OPTIONS", "REGISTER"}) {
+        Phone mallory("alice", "oryx.example", m_port);
+        Message request = mallory.request(method, "sip:oryx.example", mallory.address());
+        mallory.send(request.set("Via", mallory.via() + ";maddr=nobody.invalid"));
+        EXPECT_EQ(status(mallory.receive()), "200 OK") << method;
+    }
+}
+
+TEST_F(Abuse, ByDatagramsThatAreNoMessagesIsNotAnswered)
+{
+    startRegistrar();
+    Socket socket;
+    std::string garbage(65507, '\0');
+    for (std::size_t n = 0; n < garbage.size(); ++n) {
+        garbage[n] = static_cast<char>(n * 31 % 251);
+    }
+    for (const std::string& text : {std::string(), std::string("\r\n\r\n"), std::string("\r\n"), std::string(4, '\0'),
+                                    garbage, std::string(65507, 'A'), std::string(65506, '\n')}) {
+        socket.send(m_port, text);
+    }
+    EXPECT_TRUE(socket.silent());
+    EXPECT_EQ(others(), "200 OK");
+}
+
+/// RFC 5393 section 3: two subscribers with eight contacts each, all of which are the other one. A loop is seen only
+/// after eight times seven times seven times six and so on requests.
+TEST_F(Abuse, ByForksThatForkStaysSmall)
+{
+    sql("UPDATE system_parameters SET value = 'oryx.example,127.0.0.1' WHERE name = 'ServerNames';"
+        "INSERT INTO public_address (handle, sip_domain, csid) VALUES ('alice', '127.0.0.1', 1), ('bob', '127.0.0.1', 2)");
+    startRegistrar();
+    for (const auto& [user, other] : {std::pair("alice", "bob"), std::pair("bob", "alice")}) {
+        Phone telephone(user, "oryx.example", m_port);
+        std::string contacts;
+        for (int n = 0; n < 8; ++n) {
+            contacts += std::string(n > 0 ? ", " : "") + "<sip:" + other + "@127.0.0.1:" + std::to_string(m_port) +
+                        ";n=" + std::to_string(n) + ">";
+        }
+        EXPECT_EQ(status(telephone.ask(telephone.registration(contacts))), "200 OK");
+    }
+    Phone mallory("mallory", "oryx.example", m_port);
+    const double spent = m_server->processorTime();
+    const int answer = mallory.ask(mallory.request("MESSAGE", "sip:alice@oryx.example")).status();
+    EXPECT_TRUE(answer == 440 || answer == 482) << answer;
+    EXPECT_LT(m_server->processorTime() - spent, 3);
+}
+
+/// Who sends and does not read is given up, and holds up nobody.
+TEST_F(Abuse, ByWhoeverDoesNotReadHoldsUpNobody)
+{
+    startRegistrar();
+    const long before = m_server->memory();
+    Phone mallory("mallory", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+    std::string text;
+    for (int n = 0; n < 100; ++n) {
+        text += mallory.request("OPTIONS", "sip:oryx.example").text();
+    }
+    mallory.socket().fill(m_port, text);
+    EXPECT_EQ(others(), "200 OK");
+#ifndef ORYX_SANITIZED
+    EXPECT_LT(m_server->memory() - before, 40000); // kB
+#else
+    static_cast<void>(before);
+#endif
+}
+
+/// Those of one machine that are too many go, not those of others, and everything else has its descriptors.
+TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max < 1000) {
+        GTEST_SKIP() << "this process may have " << limit.rlim_max << " descriptors";
+    }
+    const rlimit few{256, 256};
+    const rlimit many{std::min<rlim_t>(limit.rlim_max, 4096), limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &many), 0);
+    const std::string port = std::to_string(m_port);
+    startRegistrar({"--auth", "none", "--listen", "tcp:127.0.0.2:" + port, "--listen", "tcp:127.0.0.3:" + port});
+    ASSERT_EQ(prlimit(m_server->process(), RLIMIT_NOFILE, &few, nullptr), 0);
+    const std::unique_ptr<Phone> telephone = phoneAt("127.0.0.2");
+    EXPECT_EQ(status(telephone->ask(telephone->registration("<" + telephone->contact() + ">"))), "200 OK");
+    std::vector<std::unique_ptr<Phone>> crowd;
+    for (int n = 0; n < 400; ++n) {
+        crowd.push_back(phoneAt("127.0.0.1"));
+        crowd.back()->send(crowd.back()->request("OPTIONS", "sip:oryx.example"));
+    }
+    EXPECT_EQ(asked(*phoneAt("127.0.0.3")), "200 OK");
+    EXPECT_EQ(asked(*telephone), "200 OK");
+    const double spent = m_server->processorTime();
+    EXPECT_TRUE(telephone->socket().silent(1000));
+    EXPECT_LT(m_server->processorTime() - spent, 0.5);
+    sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND datname = current_database()");
+    Phone other("bob", "oryx.example", m_port);
+    std::string registered;
+    for (int n = 0; n < 40 && registered != "200 OK"; ++n) { // once the server has connected anew
+        registered = status(other.ask(other.registration("<" + other.contact() + ">")));
+        EXPECT_TRUE(other.socket().silent(100));
+    }
+    EXPECT_EQ(registered, "200 OK");
+    crowd.clear();
+    EXPECT_EQ(asked(*phoneAt("127.0.0.1")), "200 OK");
+    EXPECT_EQ(asked(*telephone), "200 OK");
+}
+
+/// A burst of telephones that come back together.
+TEST_F(Abuse, IsNotABurstOfConnections)
+{
+    startRegistrar();
+    m_server->signal(SIGSTOP); // as if it had much else to do
+    std::vector<std::unique_ptr<Phone>> telephones;
+    for (int n = 0; n < 300; ++n) {
+        telephones.push_back(phoneAt("127.0.0.1"));
+        telephones.back()->send(telephones.back()->request("OPTIONS", "sip:oryx.example"));
+    }
+    m_server->signal(SIGCONT);
+    for (const std::unique_ptr<Phone>& telephone : telephones) {
+        EXPECT_EQ(status(telephone->receive()), "200 OK");
+    }
+}
+
+} // namespace
