@@ -14,7 +14,7 @@ namespace oryx::sip {
 /// What a server has done so far; counted by any thread.
 class Metrics {
 public:
-    /// How long one task of a worker takes, with its statement or statements.
+    /// How long a worker's task takes, or several that are done together, with their statement or statements.
     class Timing {
     public:
         explicit Timing(Metrics& metrics) : m_metrics(metrics) {}

@@ -17,10 +17,18 @@
 
 namespace oryx::sip {
 
+/// How a task is done.
+enum class Doing {
+    alone,
+    together, ///< its work leaves something with the session, and whatever was left so is done by `settle`
+};
+
 /// Threads that each hold a session with the database, and do what the SIP thread gives them: so that a slow statement
 /// holds up only what is behind it. What has the same key is done in order, by the same thread.
 ///
-/// `Session` is made and used on its thread alone. Its `connect()` is called until it answers true.
+/// `Session` is made and used on its thread alone. Its `connect()` is called until it answers true, its `settle()`
+/// behind each task, or behind several that may be done together and are there already, one right behind another.
+/// Nothing waits for others to come.
 template <typename Session>
 class Workers {
 public:
@@ -59,10 +67,10 @@ public:
     /// Has `work(session)` done by the thread of that key and `then(answer)` on the loop's. False, and neither is done,
     /// when that thread has no connection yet, or too much is waiting for it already.
     template <typename Work, typename Then>
-    bool give(std::size_t key, Work work, Then then)
+    bool give(std::size_t key, Work work, Then then, Doing doing = Doing::alone)
     {
         Worker& worker = *m_workers[key % m_workers.size()];
-        std::unique_ptr<Task> task = std::make_unique<TaskOf<Work, Then>>(std::move(work), std::move(then));
+        std::unique_ptr<Task> task = std::make_unique<TaskOf<Work, Then>>(std::move(work), std::move(then), doing);
         if (!worker.connected || !worker.tasks.push(task)) {
             return false;
         }
@@ -74,15 +82,21 @@ public:
 private:
     /// As many as are done before their clients send them again, half a second later.
     static constexpr std::size_t kMostWaiting = 1024;
+    /// The first of them is answered with the last.
+    static constexpr std::size_t kMostTogether = 16;
 
     struct Task {
+        explicit Task(Doing d) : doing(d) {}
         virtual ~Task() = default;
         virtual void work(Session& session) = 0;
         virtual void finish() = 0;
+
+        const Doing doing;
     };
+    using Tasks = std::vector<std::unique_ptr<Task>>;
     template <typename Work, typename Then>
     struct TaskOf : Task {
-        TaskOf(Work w, Then t) : toDo(std::move(w)), then(std::move(t)) {}
+        TaskOf(Work w, Then t, Doing d) : Task(d), toDo(std::move(w)), then(std::move(t)) {}
         void work(Session& session) override { answer.emplace(toDo(session)); }
         void finish() override { then(std::move(*answer)); }
 
@@ -118,23 +132,43 @@ private:
         worker.connected = true;
         --m_unconnected;
         m_bell.ring();
+        Tasks tasks;
         while (!m_stop) {
             worker.sleep();
-            while (!m_stop) {
-                std::unique_ptr<Task> task = worker.tasks.pop();
-                if (!task) {
-                    break;
-                }
-                {
-                    const Metrics::Timing timing(m_metrics);
-                    task->work(session);
-                }
-                while (!worker.done.push(task)) {
-                    std::this_thread::yield();
+            while (!m_stop && take(worker, tasks)) {
+                work(tasks, session);
+                for (std::unique_ptr<Task>& task : tasks) {
+                    while (!worker.done.push(task)) {
+                        std::this_thread::yield();
+                    }
                 }
                 m_bell.ring();
             }
         }
+    }
+
+    /// Takes the oldest task, and those right behind it that may be done together with it; false when there is none.
+    static bool take(Worker& worker, Tasks& tasks)
+    {
+        const auto isTogether = [](const Task* task) { return task != nullptr && task->doing == Doing::together; };
+        tasks.clear();
+        if (std::unique_ptr<Task> task = worker.tasks.pop()) {
+            tasks.push_back(std::move(task));
+        }
+        while (!tasks.empty() && tasks.size() < kMostTogether && isTogether(tasks.front().get()) &&
+               isTogether(worker.tasks.next())) {
+            tasks.push_back(worker.tasks.pop());
+        }
+        return !tasks.empty();
+    }
+
+    void work(const Tasks& tasks, Session& session)
+    {
+        const Metrics::Timing timing(m_metrics);
+        for (const std::unique_ptr<Task>& task : tasks) {
+            task->work(session);
+        }
+        session.settle();
     }
 
     void finish()
