@@ -5,7 +5,9 @@
 #include <common/Metrics.h>
 #include <common/Ring.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -82,8 +84,10 @@ public:
 private:
     /// As many as are done before their clients send them again, half a second later.
     static constexpr std::size_t kMostWaiting = 1024;
-    /// The first of them is answered with the last.
     static constexpr std::size_t kMostTogether = 16;
+    /// What takes longer is followed by half as many at once, what does not by twice as many: they are answered
+    /// together, and a database that is slow has to be done with all of them within one deadline.
+    static constexpr std::chrono::milliseconds kQuick{100};
 
     struct Task {
         explicit Task(Doing d) : doing(d) {}
@@ -133,10 +137,12 @@ private:
         --m_unconnected;
         m_bell.ring();
         Tasks tasks;
+        std::size_t most = 1; // at once
         while (!m_stop) {
             worker.sleep();
-            while (!m_stop && take(worker, tasks)) {
-                work(tasks, session);
+            while (!m_stop && take(worker, tasks, most)) {
+                const bool quick = work(tasks, session) <= kQuick;
+                most = quick ? std::min(2 * most, kMostTogether) : std::max<std::size_t>(most / 2, 1);
                 for (std::unique_ptr<Task>& task : tasks) {
                     while (!worker.done.push(task)) {
                         std::this_thread::yield();
@@ -148,27 +154,31 @@ private:
     }
 
     /// Takes the oldest task, and those right behind it that may be done together with it; false when there is none.
-    static bool take(Worker& worker, Tasks& tasks)
+    static bool take(Worker& worker, Tasks& tasks, std::size_t most)
     {
         const auto isTogether = [](const Task* task) { return task != nullptr && task->doing == Doing::together; };
         tasks.clear();
         if (std::unique_ptr<Task> task = worker.tasks.pop()) {
             tasks.push_back(std::move(task));
         }
-        while (!tasks.empty() && tasks.size() < kMostTogether && isTogether(tasks.front().get()) &&
+        while (!tasks.empty() && tasks.size() < most && isTogether(tasks.front().get()) &&
                isTogether(worker.tasks.next())) {
             tasks.push_back(worker.tasks.pop());
         }
         return !tasks.empty();
     }
 
-    void work(const Tasks& tasks, Session& session)
+    /// How long it took.
+    std::chrono::nanoseconds work(const Tasks& tasks, Session& session)
     {
-        const Metrics::Timing timing(m_metrics);
+        const auto begun = std::chrono::steady_clock::now();
         for (const std::unique_ptr<Task>& task : tasks) {
             task->work(session);
         }
         session.settle();
+        const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - begun;
+        m_metrics.statement(took);
+        return took;
     }
 
     void finish()

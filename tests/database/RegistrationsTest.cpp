@@ -213,6 +213,18 @@ TEST_F(Registrations, OfTwoServersDoNotWaitForEachOther)
     EXPECT_EQ(m_service.getStatistics().refusals + other.getStatistics().refusals, 0U);
 }
 
+/// Requests of two transactions with some of each seldom wait for each other where they have nothing in common.
+TEST_F(Registrations, OfManyContactSetsHaveManyTurns)
+{
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; SELECT take_registration_turn(11)");
+    sql("SET lock_timeout = '100ms'");
+    for (int distance = 1024; distance < 16384; distance *= 2) {
+        EXPECT_NO_THROW(sql("SELECT take_registration_turn(11 + " + std::to_string(distance) + ")"));
+    }
+    EXPECT_ANY_THROW(sql("SELECT take_registration_turn(11 + 16384)"));
+}
+
 /// A later statement may wait for as long as ever.
 TEST_F(Registrations, LeaveTheSessionAsItWas)
 {

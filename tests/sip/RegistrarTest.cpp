@@ -112,7 +112,7 @@ TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
         expected.push_back(done(user));
     }
     EXPECT_EQ(askAll(requests), expected);
-    EXPECT_EQ(rows("SELECT count(*), count(DISTINCT csid), count(DISTINCT xmin::text) < 7 FROM contact"), "40|40|t\n");
+    EXPECT_EQ(rows("SELECT count(*), count(DISTINCT csid), count(DISTINCT xmin::text) < 9 FROM contact"), "40|40|t\n");
 }
 
 TEST_F(RegistrarOfMany, RefusesOneForWhatItIsAndNoOther)
@@ -151,6 +151,22 @@ TEST_F(RegistrarOfMany, AnswersAllButTheOneWhoseBindingsAreLocked)
     }
     EXPECT_EQ(askAll(requests), expected);
     EXPECT_EQ(stop(), 0);
+}
+
+/// All that is waiting would take longer than one question may.
+TEST_F(RegistrarOfMany, AsksASlowDatabaseForFewerAtOnce)
+{
+    sql("CREATE FUNCTION take_time() RETURNS trigger LANGUAGE plpgsql AS"
+        " $$ BEGIN PERFORM pg_sleep(0.05); RETURN NEW; END $$;"
+        "CREATE TRIGGER take_time BEFORE INSERT ON contact FOR EACH ROW EXECUTE FUNCTION take_time()");
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    std::vector<Message> requests;
+    std::vector<std::string> expected;
+    for (std::size_t user = 0; user < kUsers; ++user) {
+        requests.push_back(registration(user));
+        expected.push_back(done(user));
+    }
+    EXPECT_EQ(askAll(requests), expected);
 }
 
 TEST_F(RegistrarOfMany, EndsInTimeWhileTheDatabaseKeepsThemWaiting)
