@@ -7,6 +7,7 @@
 #include <dal/RequestTarget.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -109,6 +110,13 @@ std::vector<oryx::Registration> withAnother(const char* handle, const char* doma
     return {{handle, domain, request, {}}, {"nobody", "oryx.example", twoContacts(), {}}};
 }
 
+/// What the first of several is answered; where the other has failed, it may have been done.
+std::string toldOfFirst(Library& library, std::vector<oryx::Registration> all)
+{
+    const DatabaseResult result = applyRegistrations(library.location, all);
+    return toldWith(result.okay() ? all.front().answer.bindings : std::vector<oryx::LiveBinding>(), result);
+}
+
 void addRegistrations(Entries& table, const RequestText& text)
 {
     const Row first = kRegistered.with("address", "'sip:first@192.0.2.9'").with(text.ofBoth ? text.column : nullptr);
@@ -144,8 +152,7 @@ void addRegistrations(Entries& table, const RequestText& text)
     entry.call = [of = text.of](Library& library, const std::string& value) {
         std::vector<oryx::Registration> all = withAnother("carol", "oryx.example", twoContacts());
         of(all.front().request) = value;
-        const DatabaseResult result = applyRegistrations(library.location, all);
-        return toldWith(all.front().answer.bindings, result);
+        return toldOfFirst(library, std::move(all));
     };
     table.push_back(std::move(entry));
 }
@@ -179,9 +186,7 @@ void addByAddress(Entries& table, const AddressPart& part)
             [=](Library& library, const std::string& text) {
                 RegisterRequest request;
                 request.removesAll = true;
-                std::vector<oryx::Registration> all = withAnother(part.handle(text), part.domain(text), request);
-                const DatabaseResult result = applyRegistrations(library.location, all);
-                return toldWith(all.front().answer.bindings, result);
+                return toldOfFirst(library, withAnother(part.handle(text), part.domain(text), request));
             },
         .answer = "okay\n0\n",
     });
