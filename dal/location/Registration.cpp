@@ -131,9 +131,9 @@ DatabaseResult applied(Frame& frame, const AddressOfRecord& address, const Regis
 /// Requests for different addresses of record, in the order in which their bindings are locked.
 using Round = std::vector<Registration*>;
 
-bool isBefore(const Registration* one, const Registration* other)
+bool isAppliedBefore(const Registration* first, const Registration* second)
 {
-    return std::tie(one->domain, one->handle) < std::tie(other->domain, other->handle);
+    return std::tie(first->domain, first->handle) < std::tie(second->domain, second->handle);
 }
 
 /// The first requests for each address of record, then the second ones, and so on.
@@ -144,12 +144,12 @@ std::vector<Round> roundsOf(std::vector<Registration>& registrations)
     for (Registration& one : registrations) {
         order.push_back(&one);
     }
-    std::stable_sort(order.begin(), order.end(), isBefore);
+    std::stable_sort(order.begin(), order.end(), isAppliedBefore);
     std::vector<Round> rounds;
     const Registration* before = nullptr;
     std::size_t round = 0;
     for (Registration* const one : order) {
-        round = before != nullptr && !isBefore(before, one) ? round + 1 : 0;
+        round = before != nullptr && !isAppliedBefore(before, one) ? round + 1 : 0;
         if (round == rounds.size()) {
             rounds.emplace_back();
         }
