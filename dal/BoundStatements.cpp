@@ -60,7 +60,7 @@ bool DatabaseConnection::executeBound(const Statement& statement, QueryResult& r
     return bound() ? executeBound({&statement, 1}, result) : executeBound(statement.text(), result);
 }
 
-bool DatabaseConnection::executeBound(std::span<const Statement> statements, QueryResult& result)
+bool DatabaseConnection::executeBound(std::span<const Statement> statements, QueryResult& result, Results* each)
 {
     if (statements.empty()) {
         return okay();
@@ -72,7 +72,23 @@ bool DatabaseConnection::executeBound(std::span<const Statement> statements, Que
         return okay();
     }
     m_bound->number(statements);
-    return runBound([&](PGconn* connection) { return m_bound->send(connection, statements); }, result);
+    return runBound([&](PGconn* connection) { return m_bound->send(connection, statements, each); }, result);
+}
+
+bool DatabaseConnection::sendForEach(std::span<const Statement> statements, QueryResult& result,
+                                     const ResultTaker& take)
+{
+    Results each;
+    each.reserve(statements.size());
+    if (!executeBound(statements, result, &each)) {
+        return false;
+    }
+    for (std::size_t number = 0; !result.m_failed && number < each.size(); ++number) {
+        QueryResult one;
+        one.setResult(each[number].release());
+        take(number, one);
+    }
+    return true;
 }
 
 bool DatabaseConnection::executeBound(const std::string& text, QueryResult& result)

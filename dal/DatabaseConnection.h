@@ -5,10 +5,12 @@
 #include <util/OryxExport.h>
 #include <zel/Trace.h>
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 struct pg_conn;
 using PGconn = pg_conn;
@@ -23,6 +25,7 @@ class Deadline;
 class Meter;
 class QueryResult;
 class Statement;
+struct ResultDeleter;
 struct Sent;
 struct Transaction;
 
@@ -120,6 +123,10 @@ private:
     // refuses costs no reset and is not sent again; it ends the transaction it stands in, as a reset would.
     bool send(const Statement& statement, QueryResult& result);
     bool send(const Transaction& transaction, QueryResult& result);
+    // The same of bound statements that are read one by one: `take` is called with each one's number and result when
+    // all of them have taken effect together. What is refused is in `result`.
+    using ResultTaker = std::function<void(std::size_t number, const QueryResult& result)>;
+    bool sendForEach(std::span<const Statement> statements, QueryResult& result, const ResultTaker& take);
     // `execute` for those who tell by themselves when memory runs out.
     bool send(const std::string& cmd, QueryResult& result);
     // The text that the server gets; without the values, where they travel apart from it.
@@ -172,7 +179,8 @@ private:
     // Bound statements (BoundStatements.cpp)
     void beginBoundOperation();
     bool executeBound(const Statement& statement, QueryResult& result);
-    bool executeBound(std::span<const Statement> statements, QueryResult& result);
+    using Results = std::vector<std::unique_ptr<PGresult, ResultDeleter>>;
+    bool executeBound(std::span<const Statement> statements, QueryResult& result, Results* each = nullptr);
     bool executeBound(const std::string& text, QueryResult& result);
     template <typename Send>
     bool runBound(Send send, QueryResult& result);

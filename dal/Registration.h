@@ -101,4 +101,35 @@ ORYX_EXPORT DatabaseResult applyRegistration(LocationService& service, const cha
                                              const RegisterRequest& request, RegisterAnswer& answer);
 ///@}
 
+/// A REGISTER request, whose bindings it is about, and what became of it.
+/// \ingroup registrar_requests
+struct Registration {
+    /// The address of record, in lower case.
+    std::string handle;
+    std::string domain;
+    RegisterRequest request;
+    /// **Replaced** by `applyRegistrations`, always.
+    RegisterAnswer answer;
+};
+
+/// Applies REGISTER requests as `applyRegistration` does each of them, those for the same address of record in the
+/// vector's order: bound statements in one transaction and one round trip. For a server that has several at hand: the
+/// database writes its log to disk once for all of them.
+///
+/// - Each has the outcome that it would have alone. An outcome is no error: one that is older, adds too many, or is for
+///   nobody leaves the others as they are.
+/// - Where one is refused by the server (an address that no index can hold, a text that is no text), or would have to
+///   wait for 50 ms for what others have locked, each is applied by itself, and those that have to wait come last: so
+///   nobody fails for another's sake, and two that wait for each other let go. All of it has one deadline. A connection
+///   that is lost, or silent, is told of all that were under way.
+/// - Requests for different addresses of record take effect in the order of domain and handle, so that servers that
+///   apply the same ones do not wait for each other crosswise. A second request for the same address of record has a
+///   transaction of its own, behind the first's.
+/// - Plain statements go one by one: their answers would not come back together.
+///
+/// A transaction keeps what it changes locked until its end: some dozen requests are enough. Okay when each has been
+/// answered, whatever the outcome; otherwise the connection or query error of the last that has `failed`.
+/// \ingroup registrar_requests
+ORYX_EXPORT DatabaseResult applyRegistrations(LocationService& service, std::vector<Registration>& registrations);
+
 } // namespace oryx

@@ -289,8 +289,9 @@ bool BoundSession::saysNumber(const PGconn* connection, std::span<const Statemen
            PQtransactionStatus(connection) == PQTRANS_IDLE;
 }
 
-Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements)
+Sent BoundSession::send(PGconn* connection, std::span<const Statement> statements, std::vector<Result>* each)
 {
+    m_each = each;
     m_saysNow = saysNumber(connection, statements);
     Sent sent = m_saysNow ? sendNumbered(connection, statements) : sendPrepared(connection, statements);
     m_lost = m_saysNow && sent.outcome == Sent::Outcome::lost;
@@ -394,6 +395,9 @@ Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> state
         return {Sent::Outcome::lost}; // memory ran out while it was filled: what it holds must never be sent
     }
     m_commands.clear();
+    if (m_each != nullptr) {
+        m_each->clear();
+    }
     PQsetnonblocking(connection, 1);
     if (PQenterPipelineMode(connection) == 0 || !queue(connection, statements) || PQpipelineSync(connection) == 0) {
         return {Sent::Outcome::lost};
@@ -463,13 +467,16 @@ Sent BoundSession::collect(PGconn* connection)
     }
 }
 
-/// Takes one result of several: the first that failed, else the last.
+/// Takes one result of several: the first that failed, else the last, or each.
 void BoundSession::keep(Result&& result, const Command& command, Sent& sent)
 {
-    if (command.prepares && !succeeded(result.get())) {
+    const bool success = succeeded(result.get());
+    if (command.prepares && !success) {
         m_prepared.erase(command.text->name());
     }
-    if (!sent.result || succeeded(sent.result.get())) {
+    if (m_each != nullptr && success && !command.prepares) {
+        m_each->push_back(std::move(result));
+    } else if (!sent.result || succeeded(sent.result.get())) {
         sent.result = std::move(result); // what follows a failure is only skipped
         sent.text = command.text;
     }

@@ -13,6 +13,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 struct pg_conn;
 using PGconn = pg_conn;
@@ -51,7 +52,7 @@ struct Sent {
     enum class Outcome { answered, lost, late };
 
     Outcome outcome = Outcome::answered;
-    Result result = {};              // of an answered one: the first that failed, else the last
+    Result result = {};              // of an answered one: the first that failed, else the last that nobody else has
     const BoundText* text = nullptr; // of the prepared statement that the result belongs to
 };
 
@@ -89,8 +90,9 @@ public:
     /// Sends statements; those that the connection does not know yet are prepared on the way. Ones that were numbered
     /// say that number, for the schema to know them again. Sent once more after they were lost, they change nothing if
     /// they have taken effect: the result is then one row, of what the function gave whose answer the schema keeps
-    /// (without such an answer, no row), or of nothing.
-    Sent send(PGconn* connection, std::span<const Statement> statements);
+    /// (without such an answer, no row), or of nothing. With `each`, that gets the result of every statement that
+    /// succeeded, in their order.
+    Sent send(PGconn* connection, std::span<const Statement> statements, std::vector<Result>* each = nullptr);
     /// Sends a text of one or more statements as it stands.
     Sent send(PGconn* connection, const std::string& text);
     /// Ends a failed transaction; false when the connection brings back no answer.
@@ -149,6 +151,7 @@ private:
     // Kept from statement to statement, so that they allocate nothing.
     std::string m_key;
     std::vector<Command> m_commands;
+    std::vector<Result>* m_each = nullptr; // of what is under way: whoever wants every result
     Parameters m_parameters;
 };
 

@@ -125,6 +125,19 @@ DatabaseResult Frame::resultOf(Run run) const
     return {};
 }
 
+DatabaseResult Frame::runForEach(std::span<const Statement> statements, const DatabaseConnection::ResultTaker& take)
+{
+    QueryResult result;
+    if (!connection || !connection->sendForEach(statements, result, take)) {
+        sqlState.clear(); // of an earlier failure
+        errorConnection();
+        return connectionError();
+    }
+    const Run outcome = result.failed() ? Run::queryFailed : Run::okay;
+    keepReason(outcome, result);
+    return resultOf(outcome);
+}
+
 bool Frame::callFunction(const Statement& statement)
 {
     QueryResult result;

@@ -12,6 +12,7 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -174,6 +175,9 @@ public:
     {
         return resultOf(run(command, result));
     }
+    /// Runs bound statements in one transaction and one round trip; `take` is called with each one's number and result
+    /// when all of them have taken effect.
+    DatabaseResult runForEach(std::span<const Statement> statements, const DatabaseConnection::ResultTaker& take);
     /// Runs a change; `count` gets the number of rows it touched, and is left as it was on a failure.
     template <typename Command>
     bool executeUpdate(Command&& command, int& count)

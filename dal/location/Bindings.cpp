@@ -66,6 +66,23 @@ bool isBefore(const LiveBinding& one, const LiveBinding& other)
     return std::tuple(-one.preference, one.contactId) < std::tuple(-other.preference, other.contactId);
 }
 
+DatabaseResult lookedUp(LocationService& service, const AddressOfRecord& address, BindingSet& found)
+{
+    return LocationAccess::guarded(service, [&] {
+        BindingsFound bindings;
+        DatabaseResult result = fetchBindings(frameOf(LocationAccess::executor(service)), address, bindings);
+        if (result.okay() && bindings.outcome != "done") {
+            result.setNotFound();
+        }
+        if (result.okay()) {
+            found = std::move(bindings.set);
+        }
+        return result;
+    });
+}
+
+} // namespace
+
 /// Reads outcome, ordering and replace-URI flag from the first row, and a binding from each that has one.
 void readBindings(const QueryResult& result, BindingsFound& found)
 {
@@ -84,28 +101,16 @@ void readBindings(const QueryResult& result, BindingsFound& found)
     std::sort(found.set.bindings.begin(), found.set.bindings.end(), isBefore);
 }
 
-DatabaseResult lookedUp(LocationService& service, const AddressOfRecord& address, BindingSet& found)
+void traceStatements(const Frame& frame, std::span<const Statement> statements)
 {
-    return LocationAccess::guarded(service, [&] {
-        BindingsFound bindings;
-        DatabaseResult result = fetchBindings(frameOf(LocationAccess::executor(service)), address, bindings);
-        if (result.okay() && bindings.outcome != "done") {
-            result.setNotFound();
-        }
-        if (result.okay()) {
-            found = std::move(bindings.set);
-        }
-        return result;
-    });
+    for (std::size_t i = 0; zel::Trace::enabled(zel::TraceKind::prn) && i < statements.size(); ++i) {
+        zel::Trace("oryx").prn(frame.textOf(statements[i]));
+    }
 }
-
-} // namespace
 
 DatabaseResult fetchBindings(Frame& frame, const Statement& statement, BindingsFound& found)
 {
-    if (zel::Trace::enabled(zel::TraceKind::prn)) {
-        zel::Trace("oryx").prn(frame.textOf(statement));
-    }
+    traceStatements(frame, {&statement, 1});
     QueryResult result;
     DatabaseResult outcome = frame.runForResult(statement, result);
     if (outcome.okay()) {

@@ -3,6 +3,7 @@
 #include <dal/LiveBindings.h>
 #include <dal/internal/Frame.h>
 
+#include <span>
 #include <string>
 
 /// \file
@@ -23,6 +24,10 @@ struct BindingsFound {
     BindingSet set;
 };
 
+/// Reads such rows.
+void readBindings(const QueryResult& result, BindingsFound& found);
+/// Traces statements that give such rows.
+void traceStatements(const Frame& frame, std::span<const Statement> statements);
 /// Traces a statement that gives such rows, and runs it: okay, connection or query error.
 DatabaseResult fetchBindings(Frame& frame, const Statement& statement, BindingsFound& found);
 /// The bindings of an address of record; its outcome is "done", "unknown" or "inactive".

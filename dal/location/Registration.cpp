@@ -1,4 +1,4 @@
-// REGISTER requests, each as one statement: the schema's function judges and applies it.
+// REGISTER requests, each as one statement: the schema's function judges and applies it. Several go in one transaction.
 
 #include <dal/Registration.h>
 
@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
 namespace oryx {
 
@@ -123,6 +126,130 @@ DatabaseResult applied(Frame& frame, const AddressOfRecord& address, const Regis
     return result.okay() ? conclude(found, answer) : result;
 }
 
+// Several -----------------------------------------------------------------------------------------------------------
+
+/// Requests for different addresses of record, in the order in which their bindings are locked.
+using Round = std::vector<Registration*>;
+
+bool isAppliedBefore(const Registration* first, const Registration* second)
+{
+    return std::tie(first->domain, first->handle) < std::tie(second->domain, second->handle);
+}
+
+/// The first requests for each address of record, then the second ones, and so on.
+std::vector<Round> roundsOf(std::vector<Registration>& registrations)
+{
+    Round order;
+    order.reserve(registrations.size());
+    for (Registration& one : registrations) {
+        order.push_back(&one);
+    }
+    std::stable_sort(order.begin(), order.end(), isAppliedBefore);
+    std::vector<Round> rounds;
+    const Registration* before = nullptr;
+    std::size_t round = 0;
+    for (Registration* const one : order) {
+        round = before != nullptr && !isAppliedBefore(before, one) ? round + 1 : 0;
+        if (round == rounds.size()) {
+            rounds.emplace_back();
+        }
+        rounds[round].push_back(one);
+        before = one;
+    }
+    return rounds;
+}
+
+/// Why one of several is none; null when it is one.
+const char* flawOf(const Registration& one)
+{
+    const bool cut = one.handle.find('\0') != std::string::npos || one.domain.find('\0') != std::string::npos;
+    return cut ? "an address of record that holds a NUL" : flawOf(one.request);
+}
+
+AddressOfRecord addressOf(const Registration& one)
+{
+    return {0, one.handle.c_str(), one.domain.c_str()};
+}
+
+/// Keeps the result of one that has failed.
+void note(const Registration& one, DatabaseResult&& ended, DatabaseResult& result)
+{
+    if (one.answer.outcome == RegisterOutcome::failed) {
+        result = std::move(ended);
+    }
+}
+
+/// Applies requests in one transaction and one round trip. It must not wait for long: it holds what others may wait
+/// for, and whoever locks the bindings of one would hold up all of them.
+DatabaseResult applyTogether(Frame& frame, std::span<Registration* const> round)
+{
+    if (!frame.checkConnect()) {
+        return frame.connectionError();
+    }
+    std::vector<std::string> contacts;
+    contacts.reserve(round.size()); // the statements refer to them
+    std::vector<Statement> statements;
+    statements.reserve(round.size() + 1);
+    statements.push_back(sql("SELECT set_config('lock_timeout', '50ms', true)"));
+    for (const Registration* const one : round) {
+        if (const char* const flaw = flawOf(*one); flaw != nullptr) {
+            return frame.refuse(flaw);
+        }
+        contacts.push_back(arrayOf(one->request.contacts));
+        statements.push_back(registration(addressOf(*one), one->request, contacts.back()));
+    }
+    traceStatements(frame, statements);
+    DatabaseResult result;
+    DatabaseResult sent = frame.runForEach(statements, [&](std::size_t number, const QueryResult& rows) {
+        if (number > 0) {
+            BindingsFound found;
+            readBindings(rows, found);
+            note(*round[number - 1], conclude(found, round[number - 1]->answer), result);
+        }
+    });
+    return sent.okay() ? result : sent;
+}
+
+void applyAlone(Frame& frame, Registration& one, DatabaseResult& result)
+{
+    const char* const flaw = flawOf(one);
+    note(one, flaw != nullptr ? frame.refuse(flaw) : applied(frame, addressOf(one), one.request, one.answer), result);
+}
+
+/// Each by itself, first those that need not wait for anybody.
+void applyEach(Frame& frame, const Round& round, DatabaseResult& result)
+{
+    Round refused;
+    for (Registration* const one : round) {
+        DatabaseResult ended = applyTogether(frame, {&one, 1});
+        if (ended.queryError()) {
+            refused.push_back(one);
+        } else {
+            note(*one, std::move(ended), result);
+        }
+    }
+    for (Registration* const one : refused) {
+        applyAlone(frame, *one, result);
+    }
+}
+
+/// `result` is changed by a failure alone.
+void applyRound(Frame& frame, const Round& round, DatabaseResult& result)
+{
+    if (!frame.bound() || round.size() == 1) {
+        for (Registration* const one : round) {
+            applyAlone(frame, *one, result);
+        }
+        return;
+    }
+    DatabaseResult ended = applyTogether(frame, round);
+    if (ended.queryError()) {
+        applyEach(frame, round, result);
+    } else if (!ended.okay()) {
+        result = std::move(ended);
+    }
+}
+
 } // namespace
 
 DatabaseResult applyRegistration(LocationService& service, int key, const RegisterRequest& request,
@@ -143,6 +270,21 @@ DatabaseResult applyRegistration(LocationService& service, const char* handle, c
             return frame.refuse("invalid parameters");
         }
         return applied(frame, {0, handle, domain}, request, answer);
+    });
+}
+
+DatabaseResult applyRegistrations(LocationService& service, std::vector<Registration>& registrations)
+{
+    for (Registration& one : registrations) {
+        one.answer = RegisterAnswer();
+    }
+    return LocationAccess::guarded(service, [&] {
+        Frame& frame = frameOf(LocationAccess::executor(service));
+        DatabaseResult result;
+        for (const Round& round : roundsOf(registrations)) {
+            applyRound(frame, round, result);
+        }
+        return result;
     });
 }
 

@@ -46,17 +46,17 @@ public:
     bool grant(Incoming& request, unsigned long asked, std::uint32_t& seconds) const;
     /// The sender's proof, if it is asked for; the worker finds out whether it is one.
     bool readProof(Incoming& request, Sender& sender) const;
-    /// Has `work(service, order)` done by a worker, if `order.sender` is found to be who he says he is, and
+    /// Has `work(session, order)` done by a worker, if `order.sender` is found to be who he says he is, and
     /// `then(answer)` with what it has answered; otherwise the request is answered, and `refused()`. All that one
     /// sender sends comes to one worker, which knows his credentials.
     template <typename Session, typename Order, typename Work, typename Then, typename Refused = void (*)()>
     void apply(
         Workers<Session>& workers, const std::shared_ptr<Incoming>& request, Order order, Work work, Then then,
-        Refused refused = [] {}) const
+        Refused refused = [] {}, Doing doing = Doing::alone) const
     {
         struct Judged {
             Verdict verdict = Verdict::accepted;
-            std::optional<std::invoke_result_t<Work&, decltype(std::declval<Session&>().service()), Order&>> answer;
+            std::optional<std::invoke_result_t<Work&, Session&, Order&>> answer;
         };
         const std::size_t key = order.sender.address.key();
         const char* const method = request->sip().sip_request->rq_method_name; // which `conclude` keeps
@@ -69,7 +69,7 @@ public:
                                                     : Verdict::wrong;
             }
             if (judged.verdict == Verdict::accepted) {
-                judged.answer.emplace(work(session.service(), order));
+                judged.answer.emplace(work(session, order));
             }
             return judged;
         };
@@ -81,7 +81,7 @@ public:
                 refuse(*request, key, judged.verdict);
             }
         };
-        if (!workers.give(key, std::move(judge), std::move(conclude))) {
+        if (!workers.give(key, std::move(judge), std::move(conclude), doing)) {
             refused();
             request->answerUnavailable();
         }

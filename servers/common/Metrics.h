@@ -14,22 +14,10 @@ namespace oryx::sip {
 /// What a server has done so far; counted by any thread.
 class Metrics {
 public:
-    /// How long one task of a worker takes, with its statement or statements.
-    class Timing {
-    public:
-        explicit Timing(Metrics& metrics) : m_metrics(metrics) {}
-        ~Timing() { m_metrics.statement(std::chrono::steady_clock::now() - m_begun); }
-        Timing(const Timing&) = delete;
-        Timing& operator=(const Timing&) = delete;
-
-    private:
-        Metrics& m_metrics;
-        std::chrono::steady_clock::time_point m_begun = std::chrono::steady_clock::now();
-    };
-
     void request() { m_requests.fetch_add(1, std::memory_order_relaxed); }
     /// A final answer.
     void answer(int status);
+    /// How long a worker's task took, or several that were done together, with their statement or statements.
     void statement(std::chrono::nanoseconds time);
     /// A telephone's connection, which this server has ended.
     void connectionClosed() { m_closed.fetch_add(1, std::memory_order_relaxed); }

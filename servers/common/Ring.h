@@ -23,6 +23,12 @@ public:
         m_tail.store(tail + 1, std::memory_order_release);
         return true;
     }
+    /// The oldest item, which stays; null when there is none. For the thread that takes them.
+    const Item* next() const
+    {
+        const std::size_t head = m_head.load(std::memory_order_relaxed);
+        return head != m_tail.load(std::memory_order_acquire) ? m_items[head % Capacity].get() : nullptr;
+    }
     /// The oldest item; null when there is none.
     std::unique_ptr<Item> pop()
     {

@@ -33,6 +33,8 @@ public:
         return false;
     }
     Service& service() { return m_service; }
+    /// Does what tasks have left to be done together; here none of them leaves anything.
+    void settle() {}
     /// Whether the credentials are those of the address' subscriber, for a request of that method.
     Verdict authenticate(const Address& address, const Credentials& credentials, std::string_view method)
     {

@@ -5,7 +5,9 @@
 #include <common/Metrics.h>
 #include <common/Ring.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -17,10 +19,18 @@
 
 namespace oryx::sip {
 
+/// How a task is done.
+enum class Doing {
+    alone,
+    together, ///< its work leaves something with the session, and whatever was left so is done by `settle`
+};
+
 /// Threads that each hold a session with the database, and do what the SIP thread gives them: so that a slow statement
 /// holds up only what is behind it. What has the same key is done in order, by the same thread.
 ///
-/// `Session` is made and used on its thread alone. Its `connect()` is called until it answers true.
+/// `Session` is made and used on its thread alone. Its `connect()` is called until it answers true, its `settle()`
+/// behind each task, or behind several that may be done together and are there already, one right behind another.
+/// Nothing waits for others to come.
 template <typename Session>
 class Workers {
 public:
@@ -59,10 +69,10 @@ public:
     /// Has `work(session)` done by the thread of that key and `then(answer)` on the loop's. False, and neither is done,
     /// when that thread has no connection yet, or too much is waiting for it already.
     template <typename Work, typename Then>
-    bool give(std::size_t key, Work work, Then then)
+    bool give(std::size_t key, Work work, Then then, Doing doing = Doing::alone)
     {
         Worker& worker = *m_workers[key % m_workers.size()];
-        std::unique_ptr<Task> task = std::make_unique<TaskOf<Work, Then>>(std::move(work), std::move(then));
+        std::unique_ptr<Task> task = std::make_unique<TaskOf<Work, Then>>(std::move(work), std::move(then), doing);
         if (!worker.connected || !worker.tasks.push(task)) {
             return false;
         }
@@ -74,15 +84,23 @@ public:
 private:
     /// As many as are done before their clients send them again, half a second later.
     static constexpr std::size_t kMostWaiting = 1024;
+    static constexpr std::size_t kMostTogether = 16;
+    /// What takes longer is followed by half as many at once, what does not by twice as many: they are answered
+    /// together, and a database that is slow has to be done with all of them within one deadline.
+    static constexpr std::chrono::milliseconds kQuick{100};
 
     struct Task {
+        explicit Task(Doing d) : doing(d) {}
         virtual ~Task() = default;
         virtual void work(Session& session) = 0;
         virtual void finish() = 0;
+
+        const Doing doing;
     };
+    using Tasks = std::vector<std::unique_ptr<Task>>;
     template <typename Work, typename Then>
     struct TaskOf : Task {
-        TaskOf(Work w, Then t) : toDo(std::move(w)), then(std::move(t)) {}
+        TaskOf(Work w, Then t, Doing d) : Task(d), toDo(std::move(w)), then(std::move(t)) {}
         void work(Session& session) override { answer.emplace(toDo(session)); }
         void finish() override { then(std::move(*answer)); }
 
@@ -118,23 +136,49 @@ private:
         worker.connected = true;
         --m_unconnected;
         m_bell.ring();
+        Tasks tasks;
+        std::size_t most = 1; // at once
         while (!m_stop) {
             worker.sleep();
-            while (!m_stop) {
-                std::unique_ptr<Task> task = worker.tasks.pop();
-                if (!task) {
-                    break;
-                }
-                {
-                    const Metrics::Timing timing(m_metrics);
-                    task->work(session);
-                }
-                while (!worker.done.push(task)) {
-                    std::this_thread::yield();
+            while (!m_stop && take(worker, tasks, most)) {
+                const bool quick = work(tasks, session) <= kQuick;
+                most = quick ? std::min(2 * most, kMostTogether) : std::max<std::size_t>(most / 2, 1);
+                for (std::unique_ptr<Task>& task : tasks) {
+                    while (!worker.done.push(task)) {
+                        std::this_thread::yield();
+                    }
                 }
                 m_bell.ring();
             }
         }
+    }
+
+    /// Takes the oldest task, and those right behind it that may be done together with it; false when there is none.
+    static bool take(Worker& worker, Tasks& tasks, std::size_t most)
+    {
+        const auto isTogether = [](const Task* task) { return task != nullptr && task->doing == Doing::together; };
+        tasks.clear();
+        if (std::unique_ptr<Task> task = worker.tasks.pop()) {
+            tasks.push_back(std::move(task));
+        }
+        while (!tasks.empty() && tasks.size() < most && isTogether(tasks.front().get()) &&
+               isTogether(worker.tasks.next())) {
+            tasks.push_back(worker.tasks.pop());
+        }
+        return !tasks.empty();
+    }
+
+    /// How long it took.
+    std::chrono::nanoseconds work(const Tasks& tasks, Session& session)
+    {
+        const auto begun = std::chrono::steady_clock::now();
+        for (const std::unique_ptr<Task>& task : tasks) {
+            task->work(session);
+        }
+        session.settle();
+        const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - begun;
+        m_metrics.statement(took);
+        return took;
     }
 
     void finish()

@@ -93,7 +93,7 @@ bool readBody(Incoming& request, PublishOrder& order)
 }
 
 /// Items 3 to 6 in a worker, where the presentity and his publications are known.
-Published publish(PresenceService& service, PublishOrder& order)
+Published publish(EventSession& session, PublishOrder& order)
 {
     Published published;
     PublishRequest& request = order.request;
@@ -107,7 +107,8 @@ Published publish(PresenceService& service, PublishOrder& order)
     }
     const Address& presentity = order.sender.address;
     request.maxPublications = kMostPublications;
-    applyPublication(service, presentity.handle.c_str(), presentity.domain.c_str(), request, published.answer);
+    applyPublication(session.service(), presentity.handle.c_str(), presentity.domain.c_str(), request,
+                     published.answer);
     const bool done = published.answer.outcome == PublishOutcome::done;
     published.changed = done && (!request.body.empty() || request.expires == 0);
     return published;

@@ -174,8 +174,9 @@ bool findsRoom(const Notifier& notifier, Incoming& request, const SubscribeOrder
 }
 
 /// In a worker: whether the watcher may know of the presentity. What goes on is stored before he hears of it.
-SubscribeOrder admit(PresenceService& service, SubscribeOrder& order)
+SubscribeOrder admit(EventSession& session, SubscribeOrder& order)
 {
+    PresenceService& service = session.service();
     Subscription& subscription = order.subscription;
     order.permission = permissionFor(service, subscription);
     if (order.permission == Permission::absent && subscription.package == Package::presence) {
@@ -193,9 +194,9 @@ SubscribeOrder admit(PresenceService& service, SubscribeOrder& order)
 }
 
 /// In a worker: a subscription that goes on, or is given up (section 4.2.1.4).
-SubscribeOrder prolong(PresenceService& service, SubscribeOrder& order)
+SubscribeOrder prolong(EventSession& session, SubscribeOrder& order)
 {
-    const bool stored = order.expires == 0 || storeRefresh(service, order.subscription);
+    const bool stored = order.expires == 0 || storeRefresh(session.service(), order.subscription);
     order.permission = stored ? Permission::allowed : Permission::unknown;
     return std::move(order);
 }

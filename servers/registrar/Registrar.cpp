@@ -127,17 +127,18 @@ bool Registrar::readExpiry(Incoming& request, const sip_contact_t& contact, std:
     return m_gate.grant(request, said, expires);
 }
 
-/// Items 3 to 7 in a worker, where the subscriber and the bindings are known.
+/// Items 3 to 7 in a worker, where the subscriber and the bindings are known: what waits for it is applied together,
+/// and the database writes its log to disk once for all of that.
 void Registrar::apply(const std::shared_ptr<Incoming>& request, Order order)
 {
-    const auto work = [](LocationService& service, const Order& asked) {
-        const Address& address = asked.sender.address;
-        RegisterAnswer answer;
-        applyRegistration(service, address.handle.c_str(), address.domain.c_str(), asked.request, answer);
-        return answer;
+    const auto work = [](Session& session, Order& asked) {
+        return session.leave(asked.sender.address, std::move(asked.request));
     };
-    const auto then = [this, request](const RegisterAnswer& answer) { conclude(*request, answer); };
-    m_gate.apply(m_workers, request, std::move(order), work, then);
+    const auto then = [this, request](const std::shared_ptr<const RegisterAnswer>& answer) {
+        conclude(*request, *answer);
+    };
+    m_gate.apply(
+        m_workers, request, std::move(order), work, then, [] {}, Doing::together);
 }
 
 void Registrar::conclude(Incoming& request, const RegisterAnswer& answer) const

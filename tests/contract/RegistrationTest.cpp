@@ -183,6 +183,87 @@ TEST_F(RegistrationTest, SendsNothingForWhatIsNoRequest)
     EXPECT_EQ(libpq.take(), "");
 }
 
+/// A request for an address of record at oryx.example, and the statement for it.
+oryx::Registration plainRequest(const std::string& handle, std::uint32_t cseq = 1)
+{
+    oryx::Registration made;
+    made.handle = handle;
+    made.domain = "oryx.example";
+    made.request.callId = "call";
+    made.request.cseq = cseq;
+    made.answer.outcome = RegisterOutcome::done; // of an earlier call
+    made.answer.bindings.resize(1);
+    return made;
+}
+
+std::string plainStatement(const std::string& handle, const std::string& domain, int cseq = 1)
+{
+    return "SELECT * FROM register_bindings(NULL, '" + handle + "', '" + domain + "', 'call', " + std::to_string(cseq) +
+           ", '', 0, 'f', '{}')";
+}
+
+TEST_F(RegistrationTest, SeveralGoOneByOneInTheOrderOfTheirAddresses)
+{
+    std::vector<oryx::Registration> all{plainRequest("bob", 2), plainRequest("carol"), plainRequest("bob", 1),
+                                        plainRequest("alice")};
+    all[1].domain = "abc.example";
+    all[3].domain = "other.example";
+    libpq.replies({rows({outcomeRow("many")}), rows({bindingRow("sip:b")}), rows({outcomeRow("older")}),
+                   rows({outcomeRow("unknown")})});
+    EXPECT_EQ(show(applyRegistrations(service, all)), "okay");
+    EXPECT_EQ(show(all[0].answer), "done\n" + shownBinding("sip:b"));
+    EXPECT_EQ(show(all[1].answer), "too many bindings\n");
+    EXPECT_EQ(show(all[2].answer), "unknown address\n");
+    EXPECT_EQ(show(all[3].answer), "older request\n");
+    const std::vector<std::string> statements{
+        plainStatement("carol", "abc.example"), plainStatement("bob", "oryx.example", 2),
+        plainStatement("alice", "other.example"), plainStatement("bob", "oryx.example", 1)};
+    EXPECT_EQ(libpq.take(), sent(statements));
+}
+
+TEST_F(RegistrationTest, OneOfSeveralFailsAlone)
+{
+    std::vector<oryx::Registration> all{plainRequest("alice"), plainRequest("bob"), plainRequest("carol")};
+    libpq.replies({rows({outcomeRow("done")}), refused("54000"), refused("54000"), rows({outcomeRow("done")})});
+    EXPECT_EQ(show(applyRegistrations(service, all)),
+              "query error: ERROR:  refused\n, sqlState=54000, sqlcommand=" + plainStatement("bob", "oryx.example"));
+    EXPECT_EQ(show(all[0].answer) + show(all[1].answer) + show(all[2].answer), "done\nfailed\ndone\n");
+    libpq.take();
+    loseForGood();
+    libpq.resetsTo({CONNECTION_BAD, CONNECTION_BAD, CONNECTION_BAD});
+    EXPECT_EQ(show(applyRegistrations(service, all)), "connection error: " + kServerGone);
+    EXPECT_EQ(show(all[0].answer) + show(all[1].answer) + show(all[2].answer), "failed\nfailed\nfailed\n");
+    EXPECT_EQ(libpq.take(), "reset\nreset\nreset\n");
+    all.clear();
+    EXPECT_EQ(show(applyRegistrations(service, all)), "okay");
+}
+
+TEST_F(RegistrationTest, OfSeveralWhoseMemoryRunsOutThoseThatAreDoneAreToldSo)
+{
+    const zel::TraceSink sink = zel::setTraceSink({}); // tracing has allocations of its own
+    bool ranOut = true;
+    for (std::size_t news = 0; ranOut; ++news) {
+        SCOPED_TRACE("memory runs out after " + std::to_string(news));
+        libpq.replies({rows({outcomeRow("done")}), rows({outcomeRow("done")})});
+        std::vector<oryx::Registration> all{plainRequest("alice"), plainRequest("bob")};
+        DatabaseResult result;
+        countNewsOnly([] { return !fake::answering(); });
+        failNewAfter(news);
+        result = applyRegistrations(service, all);
+        ranOut = newHasFailed();
+        failNoNew();
+        countNewsOnly(nullptr);
+        libpq.dropReplies();
+        EXPECT_EQ(show(result), ranOut ? "query error: out of memory" : "okay");
+        const std::string answers = show(all[0].answer) + show(all[1].answer);
+        EXPECT_TRUE(answers == "done\ndone\n" ||
+                    (ranOut && (answers == "failed\nfailed\n" || answers == "done\nfailed\n")))
+            << answers;
+    }
+    libpq.take();
+    zel::setTraceSink(sink);
+}
+
 TEST_F(RegistrationTest, ReadsNumbersBeyondItsRangeAsTheNearest)
 {
     std::vector<Cell> far = bindingRow("sip:a", "5", "4294967296");

@@ -7,6 +7,8 @@
 #include <dal/RequestTarget.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -102,6 +104,19 @@ constexpr const char* kTwo = "okay\n2\n";
 constexpr const char* kTooLongAddress = "query error 54000\n0\n";
 constexpr const char* kNoAddressOfRecord = "not found\n0\n";
 
+/// A request, and one for an address of record that is not there.
+std::vector<oryx::Registration> withAnother(const char* handle, const char* domain, const RegisterRequest& request)
+{
+    return {{handle, domain, request, {}}, {"nobody", "oryx.example", twoContacts(), {}}};
+}
+
+/// What the first of several is answered; where the other has failed, it may have been done.
+std::string toldOfFirst(Library& library, std::vector<oryx::Registration> all)
+{
+    const DatabaseResult result = applyRegistrations(library.location, all);
+    return toldWith(result.okay() ? all.front().answer.bindings : std::vector<oryx::LiveBinding>(), result);
+}
+
 void addRegistrations(Entries& table, const RequestText& text)
 {
     const Row first = kRegistered.with("address", "'sip:first@192.0.2.9'").with(text.ofBoth ? text.column : nullptr);
@@ -131,6 +146,14 @@ void addRegistrations(Entries& table, const RequestText& text)
         const DatabaseResult result = applyRegistration(library.location, "carol", "oryx.example", request, answer);
         return toldWith(answer.bindings, result);
     };
+    table.push_back(entry);
+    entry.argument =
+        std::string("oryx::applyRegistrations(service, registrations) registrations.request.") + text.name;
+    entry.call = [of = text.of](Library& library, const std::string& value) {
+        std::vector<oryx::Registration> all = withAnother("carol", "oryx.example", twoContacts());
+        of(all.front().request) = value;
+        return toldOfFirst(library, std::move(all));
+    };
     table.push_back(std::move(entry));
 }
 
@@ -153,6 +176,19 @@ void addByAddress(Entries& table, const AddressPart& part)
             },
         .answer = "okay\n0\n",
         .refused = kNoAddressOfRecord,
+    });
+    table.push_back({
+        .argument = std::string("oryx::applyRegistrations(service, registrations) registrations.") + part.name,
+        .place = Place::key,
+        .before = {kAddress.with(part.column).insert(), kStaleContact.insert()},
+        .change = {"DELETE FROM contact USING public_address WHERE contact.csid = 14 AND public_address_id = 44"},
+        .call =
+            [=](Library& library, const std::string& text) {
+                RegisterRequest request;
+                request.removesAll = true;
+                return toldOfFirst(library, withAnother(part.handle(text), part.domain(text), request));
+            },
+        .answer = "okay\n0\n",
     });
     table.push_back({
         .argument = std::string("oryx::lookupBindings(service, handle, domain, found) ") + part.name,

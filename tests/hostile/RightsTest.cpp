@@ -50,6 +50,7 @@ const std::map<std::string, Names> kServed{
     {"LocationService::getOutboundRoute", {"oryx_proxy"}},
     {"LocationService::checkInboundDomainAccess", {"oryx_proxy"}},
     {"oryx::applyRegistration", {"oryx_registrar"}},
+    {"oryx::applyRegistrations", {"oryx_registrar"}},
     {"oryx::lookupBindings", {"oryx_registrar", "oryx_proxy"}},
     {"oryx::findTarget", {"oryx_proxy"}},
     {"oryx::applyPublication", {"oryx_presence"}},

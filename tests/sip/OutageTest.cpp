@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <future>
+#include <map>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -115,6 +116,52 @@ TEST_F(Outage, LosesNothingThatWasAcknowledged)
     crash.get();
     EXPECT_TRUE(registersUntil("200 OK"));
     EXPECT_EQ(lost(), std::set<std::string>());
+}
+
+/// Of many that are applied together, some are under way whenever the database goes.
+TEST_F(Outage, OfManyAtOnceLosesNothingThatWasAcknowledged)
+{
+    constexpr int kRequests = 3000; // at 10,000 a second
+    sql("INSERT INTO contact_set (csid) SELECT n FROM generate_series(10000, 12999) n;"
+        "INSERT INTO public_address (handle, sip_domain, csid)"
+        " SELECT 'user' || n, 'oryx.example', n FROM generate_series(10000, 12999) n");
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    phone::Socket socket;
+    auto crash = std::async(std::launch::async, [this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        m_control.restart("immediate");
+    });
+    std::map<int, int> answers;
+    const auto take = [&](int milliseconds) {
+        while (!socket.silent(milliseconds)) {
+            const Message answer = Message::parse(socket.receive());
+            ++answers[answer.status()];
+            if (answer.status() == 200) {
+                m_acknowledged.insert("sip:" + answer.field("Call-ID"));
+            }
+        }
+    };
+    for (int number = 0; number < kRequests; ++number) {
+        const std::string contact = "x@192.0.2.1:" + std::to_string(1024 + number);
+        const std::string user = "user" + std::to_string(10000 + number);
+        socket.send(m_port, "REGISTER sip:oryx.example SIP/2.0\r\nVia: SIP/2.0/UDP " + socket.hostPort() +
+                                ";branch=z9hG4bK" + std::to_string(number) +
+                                "\r\nMax-Forwards: 70\r\nFrom: <sip:" + user +
+                                "@oryx.example>;tag=1\r\nTo: <sip:" + user + "@oryx.example>\r\nCall-ID: " + contact +
+                                "\r\nCSeq: 1 REGISTER\r\nContact: <sip:" + contact +
+                                ">\r\nExpires: 3600\r\nContent-Length: 0\r\n\r\n");
+        if (number % 10 == 9) {
+            take(1);
+        }
+    }
+    take(2000);
+    crash.get();
+    EXPECT_EQ(lost(), std::set<std::string>());
+    EXPECT_GT(answers[200], 0);
+    EXPECT_GT(answers[503], 0);
+    for (const auto& [code, count] : answers) {
+        EXPECT_TRUE(code == 200 || code == 503) << code << ": " << count;
+    }
 }
 
 /// The database says nothing any more, much is waiting for it, and the operator has said to wait long.

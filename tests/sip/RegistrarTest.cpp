@@ -3,8 +3,10 @@
 #include "sip/SipTest.h"
 
 #include <chrono>
+#include <memory>
 #include <regex>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -55,6 +57,128 @@ TEST_F(Registrar, AnswersThatItCannotWhileTheDatabaseDoesNot)
     EXPECT_NE(answer.field("Retry-After"), "");
     holder.run("COMMIT");
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"))), "200 OK");
+}
+
+/// What has come while the one before was under way is applied together.
+class RegistrarOfMany : public Registrar {
+protected:
+    static constexpr std::size_t kUsers = 40;
+
+    RegistrarOfMany()
+    {
+        sql("INSERT INTO contact_set (csid) SELECT n FROM generate_series(100, 139) n;"
+            "INSERT INTO public_address (handle, sip_domain, csid)"
+            " SELECT 'user' || n, 'oryx.example', n FROM generate_series(100, 139) n");
+        for (std::size_t user = 0; user < kUsers; ++user) {
+            m_phones.push_back(std::make_unique<Phone>("user" + std::to_string(100 + user), "oryx.example", m_port));
+        }
+    }
+    static std::string contactOf(std::size_t user) { return "sip:x@192.0.2.1:" + std::to_string(1024 + user); }
+    Message registration(std::size_t user) { return m_phones[user]->registration("<" + contactOf(user) + ">"); }
+    /// Has them all come while the database keeps the first of them waiting; what each is answered.
+    std::vector<std::string> askAll(const std::vector<Message>& requests)
+    {
+        server::Session holder(m_database.name());
+        holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+        m_phones[0]->send(requests[0]);
+        const std::string waiting = "SELECT count(*) FROM pg_locks WHERE NOT granted";
+        for (int look = 0; look < 300 && m_session.value(waiting) == "0"; ++look) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        for (std::size_t user = 1; user < kUsers; ++user) {
+            m_phones[user]->send(requests[user]);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // as it reads them
+        holder.run("COMMIT");
+        std::vector<std::string> answers;
+        for (const auto& telephone : m_phones) {
+            const Message answer = telephone->receive();
+            answers.push_back(status(answer) + " " + answer.field("Contact"));
+        }
+        return answers;
+    }
+    static std::string done(std::size_t user) { return "200 OK <" + contactOf(user) + ">;expires=3600"; }
+
+    std::vector<std::unique_ptr<Phone>> m_phones;
+};
+
+TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
+{
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    std::vector<Message> requests;
+    std::vector<std::string> expected;
+    for (std::size_t user = 0; user < kUsers; ++user) {
+        requests.push_back(registration(user));
+        expected.push_back(done(user));
+    }
+    EXPECT_EQ(askAll(requests), expected);
+    EXPECT_EQ(rows("SELECT count(*), count(DISTINCT csid), count(DISTINCT xmin::text) < 30 FROM contact"), "40|40|t\n");
+}
+
+TEST_F(RegistrarOfMany, RefusesOneForWhatItIsAndNoOther)
+{
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    std::vector<Message> requests;
+    std::vector<std::string> expected;
+    for (std::size_t user = 0; user < kUsers; ++user) {
+        EXPECT_EQ(status(m_phones[user]->ask(registration(user))), "200 OK");
+        requests.push_back(registration(user));
+        expected.push_back(done(user));
+    }
+    requests[5].set("To", "<sip:nobody@oryx.example>");
+    expected[5] = "404 Not Found ";
+    requests[10].set("CSeq", "0 REGISTER");
+    expected[10] = "500 Request Is Out of Order ";
+    requests[15].set("To", "<sip:carol@oryx.example>");
+    expected[15] = "403 Forbidden ";
+    requests[20] = m_phones[20]->registration("*", 0);
+    expected[20] = "200 OK ";
+    EXPECT_EQ(askAll(requests), expected);
+    EXPECT_EQ(rows("SELECT count(*), min(cseq), max(cseq) FROM contact"), "39|1|2\n");
+}
+
+TEST_F(RegistrarOfMany, AnswersAllButTheOneWhoseBindingsAreLocked)
+{
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    EXPECT_EQ(status(m_phones[7]->ask(registration(7))), "200 OK");
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; SELECT FROM contact FOR UPDATE");
+    std::vector<Message> requests;
+    std::vector<std::string> expected;
+    for (std::size_t user = 0; user < kUsers; ++user) {
+        requests.push_back(registration(user));
+        expected.push_back(user == 7 ? "503 Service Unavailable " : done(user));
+    }
+    EXPECT_EQ(askAll(requests), expected);
+    EXPECT_EQ(stop(), 0);
+}
+
+/// All that is waiting would take longer than one question may.
+TEST_F(RegistrarOfMany, AsksASlowDatabaseForFewerAtOnce)
+{
+    sql("CREATE FUNCTION take_time() RETURNS trigger LANGUAGE plpgsql AS"
+        " $$ BEGIN PERFORM pg_sleep(0.05); RETURN NEW; END $$;"
+        "CREATE TRIGGER take_time BEFORE INSERT ON contact FOR EACH ROW EXECUTE FUNCTION take_time()");
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    std::vector<Message> requests;
+    std::vector<std::string> expected;
+    for (std::size_t user = 0; user < kUsers; ++user) {
+        requests.push_back(registration(user));
+        expected.push_back(done(user));
+    }
+    EXPECT_EQ(askAll(requests), expected);
+}
+
+TEST_F(RegistrarOfMany, EndsInTimeWhileTheDatabaseKeepsThemWaiting)
+{
+    startRegistrar({"--auth", "none", "--workers", "1"});
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; SELECT FROM public_address FOR UPDATE; LOCK TABLE contact IN ACCESS EXCLUSIVE MODE");
+    for (std::size_t user = 0; user < kUsers; ++user) {
+        m_phones[user]->send(registration(user));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(700)); // several are under way now
+    EXPECT_EQ(stop(), 0);
 }
 
 /// Section 10.2.3.
