@@ -147,8 +147,7 @@ void addRegistrations(Entries& table, const RequestText& text)
         return toldWith(answer.bindings, result);
     };
     table.push_back(entry);
-    entry.argument =
-        std::string("oryx::applyRegistrations(service, registrations) registrations.request.") + text.name;
+    entry.argument = std::string("oryx::applyRegistrations(service, registrations) registrations.request.") + text.name;
     entry.call = [of = text.of](Library& library, const std::string& value) {
         std::vector<oryx::Registration> all = withAnother("carol", "oryx.example", twoContacts());
         of(all.front().request) = value;
