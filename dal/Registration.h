@@ -104,9 +104,9 @@ ORYX_EXPORT DatabaseResult applyRegistration(LocationService& service, const cha
 /// A REGISTER request, whose bindings it is about, and what became of it.
 /// \ingroup registrar_requests
 struct Registration {
-    /// The address of record, in lower case.
-    std::string handle;
-    std::string domain;
+    std::string handle; ///< of the address of record, in lower case
+    std::string domain; ///< of the address of record, in lower case
+    /// What it asks for.
     RegisterRequest request;
     /// **Replaced** by `applyRegistrations`, always.
     RegisterAnswer answer;
