@@ -120,8 +120,9 @@ struct Registration {
 ///   nobody leaves the others as they are.
 /// - Where one is refused by the server (an address that no index can hold, a text that is no text), or would have to
 ///   wait for 50 ms for what others have locked, each is applied by itself, and those that have to wait come last: so
-///   nobody fails for another's sake, and two that wait for each other let go. All of it has one deadline. A connection
-///   that is lost, or silent, is told of all that were under way.
+///   nobody fails for another's sake, and two that wait for each other let go. All of it has one deadline: those that
+///   have to wait share what is left of it, first come, first served. A connection that is lost, or silent, is told of
+///   all that were under way.
 /// - Requests for different addresses of record take effect in the order of domain and handle, so that servers that
 ///   apply the same ones do not wait for each other crosswise. A second request for the same address of record has a
 ///   transaction of its own, behind the first's.

@@ -294,6 +294,7 @@ Sent BoundSession::send(PGconn* connection, std::span<const Statement> statement
     m_each = each;
     m_saysNow = saysNumber(connection, statements);
     Sent sent = m_saysNow ? sendNumbered(connection, statements) : sendPrepared(connection, statements);
+    m_each = nullptr;
     m_lost = m_saysNow && sent.outcome == Sent::Outcome::lost;
     return sent;
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
 #include <span>
 #include <string_view>
 #include <tuple>
@@ -136,29 +137,6 @@ bool isAppliedBefore(const Registration* first, const Registration* second)
     return std::tie(first->domain, first->handle) < std::tie(second->domain, second->handle);
 }
 
-/// The first requests for each address of record, then the second ones, and so on.
-std::vector<Round> roundsOf(std::vector<Registration>& registrations)
-{
-    Round order;
-    order.reserve(registrations.size());
-    for (Registration& one : registrations) {
-        order.push_back(&one);
-    }
-    std::stable_sort(order.begin(), order.end(), isAppliedBefore);
-    std::vector<Round> rounds;
-    const Registration* before = nullptr;
-    std::size_t round = 0;
-    for (Registration* const one : order) {
-        round = before != nullptr && !isAppliedBefore(before, one) ? round + 1 : 0;
-        if (round == rounds.size()) {
-            rounds.emplace_back();
-        }
-        rounds[round].push_back(one);
-        before = one;
-    }
-    return rounds;
-}
-
 /// Why one of several is none; null when it is one.
 const char* flawOf(const Registration& one)
 {
@@ -181,7 +159,8 @@ void note(const Registration& one, DatabaseResult&& ended, DatabaseResult& resul
 
 /// Applies requests in one transaction and one round trip. It must not wait for long: it holds what others may wait
 /// for, and whoever locks the bindings of one would hold up all of them.
-DatabaseResult applyTogether(Frame& frame, std::span<Registration* const> round)
+DatabaseResult applyTogether(Frame& frame, std::span<Registration* const> round, const char* patience,
+                             DatabaseResult& result)
 {
     if (!frame.checkConnect()) {
         return frame.connectionError();
@@ -190,64 +169,106 @@ DatabaseResult applyTogether(Frame& frame, std::span<Registration* const> round)
     contacts.reserve(round.size()); // the statements refer to them
     std::vector<Statement> statements;
     statements.reserve(round.size() + 1);
-    statements.push_back(sql("SELECT set_config('lock_timeout', '50ms', true)"));
+    statements.push_back(sql("SELECT set_config('lock_timeout', '{}', true)", patience));
     for (const Registration* const one : round) {
-        if (const char* const flaw = flawOf(*one); flaw != nullptr) {
-            return frame.refuse(flaw);
-        }
         contacts.push_back(arrayOf(one->request.contacts));
         statements.push_back(registration(addressOf(*one), one->request, contacts.back()));
     }
     traceStatements(frame, statements);
-    DatabaseResult result;
-    DatabaseResult sent = frame.runForEach(statements, [&](std::size_t number, const QueryResult& rows) {
+    return frame.runForEach(statements, [&](std::size_t number, const QueryResult& rows) {
         if (number > 0) {
             BindingsFound found;
             readBindings(rows, found);
             note(*round[number - 1], conclude(found, round[number - 1]->answer), result);
         }
     });
-    return sent.okay() ? result : sent;
 }
 
-void applyAlone(Frame& frame, Registration& one, DatabaseResult& result)
+/// Those that are applied by themselves at last, in their order: what has to wait for what others have locked.
+class Waiting {
+public:
+    void add(Registration& one)
+    {
+        m_addresses.insert(&one);
+        m_order.push_back(&one);
+    }
+    /// Whether one for the same address of record is among them.
+    bool has(const Registration& one) const { return m_addresses.count(&one) != 0; }
+    const Round& order() const { return m_order; }
+
+private:
+    std::set<const Registration*, decltype(&isAppliedBefore)> m_addresses{&isAppliedBefore};
+    Round m_order;
+};
+
+/// Whether others were in the way (SQLSTATEs of a lock not given in time, a deadlock, a serialization failure).
+bool hadToWait(const DatabaseResult& ended)
 {
-    const char* const flaw = flawOf(one);
-    note(one, flaw != nullptr ? frame.refuse(flaw) : applied(frame, addressOf(one), one.request, one.answer), result);
+    const std::string& state = ended.getSqlState();
+    return ended.queryError() && (state == "55P03" || state == "40P01" || state == "40001");
 }
 
-/// Each by itself, first those that need not wait for anybody.
-void applyEach(Frame& frame, const Round& round, DatabaseResult& result)
+/// Each by itself, if it need not wait for anybody.
+void applyEach(Frame& frame, const Round& round, Waiting& waiting, DatabaseResult& result)
 {
-    Round refused;
     for (Registration* const one : round) {
-        DatabaseResult ended = applyTogether(frame, {&one, 1});
-        if (ended.queryError()) {
-            refused.push_back(one);
-        } else {
+        DatabaseResult ended = applyTogether(frame, {&one, 1}, "1ms", result);
+        if (hadToWait(ended)) {
+            waiting.add(*one);
+        } else if (!ended.okay()) {
             note(*one, std::move(ended), result);
         }
-    }
-    for (Registration* const one : refused) {
-        applyAlone(frame, *one, result);
     }
 }
 
 /// `result` is changed by a failure alone.
-void applyRound(Frame& frame, const Round& round, DatabaseResult& result)
+void applyRound(Frame& frame, Round round, Waiting& waiting, DatabaseResult& result)
 {
-    if (!frame.bound() || round.size() == 1) {
-        for (Registration* const one : round) {
-            applyAlone(frame, *one, result);
-        }
+    const auto ready = std::stable_partition(round.begin(), round.end(), [&](auto* one) { return waiting.has(*one); });
+    std::for_each(round.begin(), ready, [&](auto* one) { waiting.add(*one); });
+    round.erase(round.begin(), ready);
+    if (round.empty()) {
         return;
     }
-    DatabaseResult ended = applyTogether(frame, round);
+    DatabaseResult ended = applyTogether(frame, round, "50ms", result);
     if (ended.queryError()) {
-        applyEach(frame, round, result);
+        applyEach(frame, round, waiting, result);
     } else if (!ended.okay()) {
         result = std::move(ended);
     }
+}
+
+/// What can be asked for of them; what cannot is refused.
+Round soundOf(Frame& frame, std::vector<Registration>& registrations, DatabaseResult& result)
+{
+    Round sound;
+    sound.reserve(registrations.size());
+    for (Registration& one : registrations) {
+        if (const char* const flaw = flawOf(one); flaw != nullptr) {
+            note(one, frame.refuse(flaw), result);
+        } else {
+            sound.push_back(&one);
+        }
+    }
+    return sound;
+}
+
+/// The first requests for each address of record, then the second ones, and so on.
+std::vector<Round> roundsOf(Round order)
+{
+    std::stable_sort(order.begin(), order.end(), isAppliedBefore);
+    std::vector<Round> rounds;
+    const Registration* before = nullptr;
+    std::size_t round = 0;
+    for (Registration* const one : order) {
+        round = before != nullptr && !isAppliedBefore(before, one) ? round + 1 : 0;
+        if (round == rounds.size()) {
+            rounds.emplace_back();
+        }
+        rounds[round].push_back(one);
+        before = one;
+    }
+    return rounds;
 }
 
 } // namespace
@@ -281,8 +302,16 @@ DatabaseResult applyRegistrations(LocationService& service, std::vector<Registra
     return LocationAccess::guarded(service, [&] {
         Frame& frame = frameOf(LocationAccess::executor(service));
         DatabaseResult result;
-        for (const Round& round : roundsOf(registrations)) {
-            applyRound(frame, round, result);
+        Waiting waiting;
+        for (const Round& round : roundsOf(soundOf(frame, registrations, result))) {
+            if (frame.bound() && registrations.size() > 1) {
+                applyRound(frame, round, waiting, result);
+            } else {
+                std::for_each(round.begin(), round.end(), [&](auto* one) { waiting.add(*one); });
+            }
+        }
+        for (Registration* const one : waiting.order()) {
+            note(*one, applied(frame, addressOf(*one), one->request, one->answer), result);
         }
         return result;
     });

@@ -140,9 +140,12 @@ private:
         std::size_t most = 1; // at once
         while (!m_stop) {
             worker.sleep();
-            while (!m_stop && take(worker, tasks, most)) {
-                const bool quick = work(tasks, session) <= kQuick;
-                most = quick ? std::min(2 * most, kMostTogether) : std::max<std::size_t>(most / 2, 1);
+            while (!m_stop) {
+                const auto took = work(worker, session, most, tasks);
+                if (!took) {
+                    break;
+                }
+                most = *took <= kQuick ? std::min(2 * most, kMostTogether) : std::max<std::size_t>(most / 2, 1);
                 for (std::unique_ptr<Task>& task : tasks) {
                     while (!worker.done.push(task)) {
                         std::this_thread::yield();
@@ -153,33 +156,28 @@ private:
         }
     }
 
-    /// Takes the oldest task, and those right behind it that may be done together with it; false when there is none.
-    static bool take(Worker& worker, Tasks& tasks, std::size_t most)
-    {
-        const auto isTogether = [](const Task* task) { return task != nullptr && task->doing == Doing::together; };
-        tasks.clear();
-        if (std::unique_ptr<Task> task = worker.tasks.pop()) {
-            tasks.push_back(std::move(task));
-        }
-        while (!tasks.empty() && tasks.size() < most && isTogether(tasks.front().get()) &&
-               isTogether(worker.tasks.next())) {
-            tasks.push_back(worker.tasks.pop());
-        }
-        return !tasks.empty();
-    }
-
-    /// How long it took.
-    std::chrono::nanoseconds work(const Tasks& tasks, Session& session)
+    /// Does the oldest task, and those right behind it that may be done together with it, until that has taken long:
+    /// some ask the database by themselves first. How long all of it took; nothing without a task.
+    std::optional<std::chrono::nanoseconds> work(Worker& worker, Session& session, std::size_t most, Tasks& done)
     {
         const auto begun = std::chrono::steady_clock::now();
-        for (const std::unique_ptr<Task>& task : tasks) {
+        const auto took = [&] { return std::chrono::steady_clock::now() - begun; };
+        done.clear();
+        do {
+            std::unique_ptr<Task> task = worker.tasks.pop();
+            if (!task) {
+                return std::nullopt;
+            }
             task->work(session);
-        }
+            done.push_back(std::move(task));
+        } while (done.size() < most && isTogether(done.back().get()) && isTogether(worker.tasks.next()) &&
+                 took() <= kQuick);
         session.settle();
-        const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - begun;
-        m_metrics.statement(took);
-        return took;
+        const std::chrono::nanoseconds all = took();
+        m_metrics.statement(all);
+        return all;
     }
+    static bool isTogether(const Task* task) { return task != nullptr && task->doing == Doing::together; }
 
     void finish()
     {

@@ -20,8 +20,8 @@ public:
     /// Takes a registration; the answer is there once `settle` has applied it.
     std::shared_ptr<const RegisterAnswer> leave(const Address& address, RegisterRequest&& request)
     {
-        m_left.push_back({address.handle, address.domain, std::move(request), {}});
         m_answers.push_back(std::make_shared<RegisterAnswer>());
+        m_left.push_back({address.handle, address.domain, std::move(request), {}});
         return m_answers.back();
     }
     /// Applies what was left, for each address of record in order.

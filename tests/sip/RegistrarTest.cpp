@@ -73,6 +73,13 @@ protected:
             m_phones.push_back(std::make_unique<Phone>("user" + std::to_string(100 + user), "oryx.example", m_port));
         }
     }
+    /// With a deadline that is not met on a busy machine either.
+    void startPatientRegistrar()
+    {
+        setenv("ORYX_DEADLINE", "20s", 1);
+        startRegistrar({"--auth", "none", "--workers", "1"});
+        unsetenv("ORYX_DEADLINE");
+    }
     static std::string contactOf(std::size_t user) { return "sip:x@192.0.2.1:" + std::to_string(1024 + user); }
     Message registration(std::size_t user) { return m_phones[user]->registration("<" + contactOf(user) + ">"); }
     /// Has them all come while the database keeps the first of them waiting; what each is answered.
@@ -81,7 +88,8 @@ protected:
         server::Session holder(m_database.name());
         holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
         m_phones[0]->send(requests[0]);
-        const std::string waiting = "SELECT count(*) FROM pg_locks WHERE NOT granted";
+        const std::string waiting = "SELECT count(*) FROM pg_locks JOIN pg_database d ON d.oid = database"
+                                    " WHERE NOT granted AND datname = current_database()";
         for (int look = 0; look < 300 && m_session.value(waiting) == "0"; ++look) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -104,7 +112,7 @@ protected:
 
 TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
 {
-    startRegistrar({"--auth", "none", "--workers", "1"});
+    startPatientRegistrar();
     std::vector<Message> requests;
     std::vector<std::string> expected;
     for (std::size_t user = 0; user < kUsers; ++user) {
@@ -117,7 +125,7 @@ TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
 
 TEST_F(RegistrarOfMany, RefusesOneForWhatItIsAndNoOther)
 {
-    startRegistrar({"--auth", "none", "--workers", "1"});
+    startPatientRegistrar();
     std::vector<Message> requests;
     std::vector<std::string> expected;
     for (std::size_t user = 0; user < kUsers; ++user) {
