@@ -133,7 +133,7 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
                                NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1),
                                NTATAG_TIMER_C(kStacksTimerC), NTATAG_BAD_REQ_MASK(kNeeded),
-                               NTATAG_MAXSIZE(kLargestMessage), TAG_END())),
+                               NTATAG_MAXSIZE(kMostHeld), TAG_END())),
       m_answers(m_agent)
 {
     if (m_agent == nullptr) {
