@@ -94,24 +94,25 @@ void Connections::look()
     m_timer.set(kRoomPeriod);
 }
 
-/// Ends an eighth: those of whom nothing has been heard, then those who are furthest down among their own.
+/// Ends an eighth: those who are furthest down among their own network's, and of such as are equally far the mute. Who
+/// has just come is mute; he goes first among his own only.
 void Connections::makeRoom() const
 {
-    std::map<std::string, std::vector<Connection>> networks;
-    for (Connection& connection : find()) {
-        networks[networkOf(connection.peer)].push_back(std::move(connection));
+    std::map<std::string, std::vector<std::tuple<bool, std::chrono::milliseconds, int>>> networks;
+    for (const Connection& connection : find()) {
+        networks[networkOf(connection.peer)].emplace_back(!isHeard(connection.peer), connection.silent,
+                                                          connection.descriptor);
     }
-    std::vector<std::tuple<bool, std::size_t, int>> order; // mute, how many of its network are livelier, descriptor
+    std::vector<std::tuple<std::size_t, bool, int>> order; // rank, mute, descriptor
     for (auto& [network, connections] : networks) {
-        std::sort(connections.begin(), connections.end(),
-                  [](const Connection& left, const Connection& right) { return left.silent < right.silent; });
+        std::sort(connections.begin(), connections.end());
         for (std::size_t n = 0; n < connections.size(); ++n) {
-            order.emplace_back(!isHeard(connections[n].peer), n, connections[n].descriptor);
+            order.emplace_back(n, std::get<0>(connections[n]), std::get<2>(connections[n]));
         }
     }
     std::sort(order.rbegin(), order.rend());
     order.resize(std::min(order.size() / 2, static_cast<std::size_t>(m_descriptors) / 8));
-    for (const auto& [mute, livelier, descriptor] : order) {
+    for (const auto& [rank, mute, descriptor] : order) {
         end(descriptor);
     }
 }
@@ -152,6 +153,7 @@ std::vector<Connections::Connection> Connections::find() const
         su_sockaddr_t peer{};
         socklen_t size = sizeof peer;
         if (isOurs(descriptor) && getpeername(descriptor, &peer.su_sa, &size) == 0) {
+            SU_CANONIZE_SOCKADDR(&peer); // as the stack does: a socket of IPv6 may be reached by IPv4
             found.push_back({descriptor, peerOf(peer), silenceOf(descriptor)});
         }
     }

@@ -379,6 +379,32 @@ TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
     EXPECT_EQ(asked(*telephone), "200 OK");
 }
 
+/// Who has just come, and has not said anything whole yet, does not make room for a machine that has too many.
+TEST_F(Abuse, ByManyConnectionsShutsNoNewcomerOut)
+{
+    ASSERT_NO_FATAL_FAILURE(startWithFewDescriptors({"--listen", "tcp:127.0.0.2:" + std::to_string(m_port)}));
+    const std::unique_ptr<Phone> newcomer = phoneAt("127.0.0.2");
+    const std::string request = newcomer->request("OPTIONS", "sip:oryx.example").text();
+    newcomer->socket().send(m_port, request.substr(0, 100));
+    const std::vector<std::unique_ptr<Phone>> crowd = crowdAt(m_port);
+    EXPECT_TRUE(newcomer->socket().silent());
+    newcomer->socket().send(m_port, request.substr(100));
+    EXPECT_EQ(status(newcomer->receive()), "200 OK");
+}
+
+/// The system writes their addresses as those of IPv6; they are no less somebody's own for that.
+TEST_F(Abuse, ByManyConnectionsOfIPv4ToASocketOfIPv6ShutsNobodyElseOut)
+{
+    const int port = phone::freePort();
+    ASSERT_NO_FATAL_FAILURE(startWithFewDescriptors({"--listen", "tcp:[::ffff:127.0.0.1]:" + std::to_string(port),
+                                                     "--listen", "tcp:[::ffff:127.0.0.2]:" + std::to_string(port)}));
+    Phone telephone("alice", "oryx.example", port, "127.0.0.2", Transport::tcp);
+    EXPECT_EQ(asked(telephone), "200 OK");
+    const std::vector<std::unique_ptr<Phone>> crowd = crowdAt(port);
+    EXPECT_TRUE(telephone.socket().silent());
+    EXPECT_EQ(asked(telephone), "200 OK");
+}
+
 /// A burst of telephones that come back together.
 TEST_F(Abuse, IsNotABurstOfConnections)
 {
