@@ -53,12 +53,13 @@ bool samePort(const char* left, const char* right)
 
 } // namespace
 
-Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction)
+Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction, bool brief)
     : m_agent(agent),
       m_metrics(metrics),
       m_transaction(transaction),
       m_request(nta_incoming_getrequest(transaction)),
-      m_sip(sip_object(m_request.get()))
+      m_sip(sip_object(m_request.get())),
+      m_brief(brief)
 {
     nta_incoming_bind(transaction, &Incoming::acknowledgedOrCancelled, this);
 }
@@ -71,7 +72,8 @@ Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_
       m_socket(socket),
       m_mark(mark),
       m_request(std::move(request)),
-      m_sip(sip_object(m_request.get()))
+      m_sip(sip_object(m_request.get())),
+      m_brief(true)
 {
     answers.begin(mark);
 }
@@ -255,7 +257,8 @@ void Endpoint::take(Message message, sip_t* sip)
     // leave by the first one later. A stream brings each request once, and its transactions end with their answers.
     tport_t* const socket = tport_delivered_by(nta_agent_tports(m_agent), message.get());
     std::optional<Answers::Mark> mark;
-    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0) {
+    const bool brief = m_isBrief && m_isBrief(*sip);
+    if (brief && tport_is_udp(socket) != 0) {
         mark = m_answers.markOf(*sip);
         if (m_answers.repeats(*mark, message, socket)) {
             return;
@@ -276,7 +279,7 @@ void Endpoint::take(Message message, sip_t* sip)
         m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), socket, m_answers, *mark));
     } else if (nta_incoming_t* const transaction =
                    nta_incoming_create(m_agent, nullptr, message.release(), sip, TAG_END())) {
-        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction));
+        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction, brief));
     }
 }
 
