@@ -1,8 +1,10 @@
 #include <common/Connections.h>
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -42,13 +44,34 @@ std::string peerOf(const su_sockaddr_t& address)
     return text.append(reinterpret_cast<const char*>(&address.su_port), sizeof(in_port_t));
 }
 
-/// Since when nothing has come, not even a sign of life.
-std::chrono::milliseconds silenceOf(int descriptor)
+tcp_info stateOf(int descriptor)
 {
     tcp_info info{};
     socklen_t size = sizeof info;
     getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size);
-    return std::chrono::milliseconds(info.tcpi_last_data_recv);
+    return info;
+}
+
+/// Since when nothing has come, not even a sign of life.
+std::chrono::milliseconds silenceOf(int descriptor)
+{
+    return std::chrono::milliseconds(stateOf(descriptor).tcpi_last_data_recv);
+}
+
+/// Whether there is something for the peer of which he has let nothing through for long. The system asks such a one
+/// for ever whether he reads again, unless it is told to give up everybody who once loses a sign of life.
+bool readsNothing(int descriptor)
+{
+    int waiting = 0;
+    return ioctl(descriptor, SIOCOUTQNSD, &waiting) == 0 && waiting > 0 &&
+           std::chrono::milliseconds(stateOf(descriptor).tcpi_last_data_sent) >= kMutePatience;
+}
+
+/// Throws away what waits for a peer and resets the connection, where an end would have to wait for that.
+void reset(int descriptor)
+{
+    const sockaddr nobody{AF_UNSPEC, {}};
+    static_cast<void>(connect(descriptor, &nobody, sizeof nobody));
 }
 
 } // namespace
@@ -130,14 +153,18 @@ void Connections::end(int descriptor) const
     m_metrics.connectionClosed();
 }
 
-/// Ends those that have not brought a whole request in time, however busily they bring parts of one.
+/// Ends those that have not brought a whole request in time, however busily they bring parts of one, and those whose
+/// peers do not read.
 void Connections::endMute()
 {
     std::unordered_map<std::string, Peer> present;
     for (const Connection& connection : find()) {
         const auto known = m_peers.find(connection.peer);
         const Peer peer = known != m_peers.end() ? known->second : Peer{false, m_looked};
-        if (!peer.heard && m_looked - peer.since >= kMutePatience) {
+        if (readsNothing(connection.descriptor)) {
+            reset(connection.descriptor);
+            m_metrics.connectionClosed();
+        } else if (!peer.heard && m_looked - peer.since >= kMutePatience) {
             end(connection.descriptor);
         }
         present.emplace(connection.peer, peer);

@@ -333,7 +333,7 @@ TEST_F(Abuse, ByForksThatForkStaysSmall)
     EXPECT_LT(m_server->processorTime() - spent, 3);
 }
 
-/// Who sends and does not read is given up, and holds up nobody.
+/// Who sends and does not read holds up nobody. (He is given up after half a minute, which no test waits for.)
 TEST_F(Abuse, ByWhoeverDoesNotReadHoldsUpNobody)
 {
     startRegistrar();
