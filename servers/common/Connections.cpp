@@ -1,8 +1,10 @@
 #include <common/Connections.h>
 
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -42,13 +44,34 @@ std::string peerOf(const su_sockaddr_t& address)
     return text.append(reinterpret_cast<const char*>(&address.su_port), sizeof(in_port_t));
 }
 
-/// Since when nothing has come, not even a sign of life.
-std::chrono::milliseconds silenceOf(int descriptor)
+tcp_info stateOf(int descriptor)
 {
     tcp_info info{};
     socklen_t size = sizeof info;
     getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size);
-    return std::chrono::milliseconds(info.tcpi_last_data_recv);
+    return info;
+}
+
+/// Since when nothing has come, not even a sign of life.
+std::chrono::milliseconds silenceOf(int descriptor)
+{
+    return std::chrono::milliseconds(stateOf(descriptor).tcpi_last_data_recv);
+}
+
+/// Whether there is something for the peer of which he has let nothing through for long. The system asks such a one
+/// for ever whether he reads again, unless it is told to give up everybody who once loses a sign of life.
+bool readsNothing(int descriptor)
+{
+    int waiting = 0;
+    return ioctl(descriptor, SIOCOUTQNSD, &waiting) == 0 && waiting > 0 &&
+           std::chrono::milliseconds(stateOf(descriptor).tcpi_last_data_sent) >= kMutePatience;
+}
+
+/// Throws away what waits for a peer and resets the connection, where an end would have to wait for that.
+void reset(int descriptor)
+{
+    const sockaddr nobody{AF_UNSPEC, {}};
+    static_cast<void>(connect(descriptor, &nobody, sizeof nobody));
 }
 
 } // namespace
@@ -94,24 +117,25 @@ void Connections::look()
     m_timer.set(kRoomPeriod);
 }
 
-/// Ends an eighth: those of whom nothing has been heard, then those who are furthest down among their own.
+/// Ends an eighth: those who are furthest down among their own network's, and of such as are equally far the mute. Who
+/// has just come is mute; he goes first among his own only.
 void Connections::makeRoom() const
 {
-    std::map<std::string, std::vector<Connection>> networks;
-    for (Connection& connection : find()) {
-        networks[networkOf(connection.peer)].push_back(std::move(connection));
+    std::map<std::string, std::vector<std::tuple<bool, std::chrono::milliseconds, int>>> networks;
+    for (const Connection& connection : find()) {
+        networks[networkOf(connection.peer)].emplace_back(!isHeard(connection.peer), connection.silent,
+                                                          connection.descriptor);
     }
-    std::vector<std::tuple<bool, std::size_t, int>> order; // mute, how many of its network are livelier, descriptor
+    std::vector<std::tuple<std::size_t, bool, int>> order; // rank, mute, descriptor
     for (auto& [network, connections] : networks) {
-        std::sort(connections.begin(), connections.end(),
-                  [](const Connection& left, const Connection& right) { return left.silent < right.silent; });
+        std::sort(connections.begin(), connections.end());
         for (std::size_t n = 0; n < connections.size(); ++n) {
-            order.emplace_back(!isHeard(connections[n].peer), n, connections[n].descriptor);
+            order.emplace_back(n, std::get<0>(connections[n]), std::get<2>(connections[n]));
         }
     }
     std::sort(order.rbegin(), order.rend());
     order.resize(std::min(order.size() / 2, static_cast<std::size_t>(m_descriptors) / 8));
-    for (const auto& [mute, livelier, descriptor] : order) {
+    for (const auto& [rank, mute, descriptor] : order) {
         end(descriptor);
     }
 }
@@ -129,14 +153,18 @@ void Connections::end(int descriptor) const
     m_metrics.connectionClosed();
 }
 
-/// Ends those that have not brought a whole request in time, however busily they bring parts of one.
+/// Ends those that have not brought a whole request in time, however busily they bring parts of one, and those whose
+/// peers do not read.
 void Connections::endMute()
 {
     std::unordered_map<std::string, Peer> present;
     for (const Connection& connection : find()) {
         const auto known = m_peers.find(connection.peer);
         const Peer peer = known != m_peers.end() ? known->second : Peer{false, m_looked};
-        if (!peer.heard && m_looked - peer.since >= kMutePatience) {
+        if (readsNothing(connection.descriptor)) {
+            reset(connection.descriptor);
+            m_metrics.connectionClosed();
+        } else if (!peer.heard && m_looked - peer.since >= kMutePatience) {
             end(connection.descriptor);
         }
         present.emplace(connection.peer, peer);
@@ -152,6 +180,7 @@ std::vector<Connections::Connection> Connections::find() const
         su_sockaddr_t peer{};
         socklen_t size = sizeof peer;
         if (isOurs(descriptor) && getpeername(descriptor, &peer.su_sa, &size) == 0) {
+            SU_CANONIZE_SOCKADDR(&peer); // as the stack does: a socket of IPv6 may be reached by IPv4
             found.push_back({descriptor, peerOf(peer), silenceOf(descriptor)});
         }
     }

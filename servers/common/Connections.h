@@ -12,8 +12,8 @@
 namespace oryx::sip {
 
 /// Sees that the connections that others open leave descriptors for everything else, and that none is kept by who never
-/// says anything whole. Where there are too many, whoever has most of them gives up those that have been silent
-/// longest; who is not such a one keeps his.
+/// says anything whole, or reads nothing. Where there are too many, whoever has most of them gives up those that have
+/// been silent longest; who is not such a one keeps his.
 ///
 /// It asks the system what there is, for the stack tells of no connection before it has brought a message.
 class Connections {

@@ -24,7 +24,7 @@ constexpr unsigned kStacksTimerC = 24 * 3600 * 1000; // ms; a fork has one for e
 /// Connections that have not been accepted yet; the stack takes the size of its queues for that.
 constexpr unsigned kMostWaiting = 1000;
 constexpr unsigned kMostUnsent = 64;         // messages to whoever does not read them
-constexpr usize_t kMostTransactions = 50000; // with some 10 kB each
+constexpr usize_t kMostTransactions = 50000; // that others begin, with some 10 kB each; a call has one to each side
 /// The fields without which a request is not understood: 400 where one cannot be read.
 constexpr unsigned kNeeded = ~static_cast<unsigned>(sip_mask_response | sip_mask_pref | sip_mask_privacy);
 
@@ -53,12 +53,13 @@ bool samePort(const char* left, const char* right)
 
 } // namespace
 
-Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction)
+Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction, bool brief)
     : m_agent(agent),
       m_metrics(metrics),
       m_transaction(transaction),
       m_request(nta_incoming_getrequest(transaction)),
-      m_sip(sip_object(m_request.get()))
+      m_sip(sip_object(m_request.get())),
+      m_brief(brief)
 {
     nta_incoming_bind(transaction, &Incoming::acknowledgedOrCancelled, this);
 }
@@ -71,7 +72,8 @@ Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_
       m_socket(socket),
       m_mark(mark),
       m_request(std::move(request)),
-      m_sip(sip_object(m_request.get()))
+      m_sip(sip_object(m_request.get())),
+      m_brief(true)
 {
     answers.begin(mark);
 }
@@ -132,8 +134,8 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
                                NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1),
-                               NTATAG_TIMER_C(kStacksTimerC), NTATAG_BAD_REQ_MASK(kNeeded),
-                               NTATAG_MAXSIZE(kLargestMessage), TAG_END())),
+                               NTATAG_TIMER_C(kStacksTimerC), NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kMostHeld),
+                               TAG_END())),
       m_answers(m_agent)
 {
     if (m_agent == nullptr) {
@@ -238,8 +240,9 @@ bool Endpoint::hasRoom()
     constexpr unsigned kTogether = 64;
     if (m_full || ++m_uncounted == kTogether) {
         usize_t open = 0;
-        nta_agent_get_stats(m_agent, NTATAG_S_IRQ_HASH_USED_REF(open), TAG_END());
-        m_full = open >= kMostTransactions;
+        usize_t own = 0;
+        nta_agent_get_stats(m_agent, NTATAG_S_IRQ_HASH_USED_REF(open), NTATAG_S_ORQ_HASH_USED_REF(own), TAG_END());
+        m_full = open >= kMostTransactions || open + own >= 2 * kMostTransactions;
         m_uncounted = 0;
     }
     return !m_full;
@@ -255,7 +258,8 @@ void Endpoint::take(Message message, sip_t* sip)
     // leave by the first one later. A stream brings each request once, and its transactions end with their answers.
     tport_t* const socket = tport_delivered_by(nta_agent_tports(m_agent), message.get());
     std::optional<Answers::Mark> mark;
-    if (m_isBrief && m_isBrief(*sip) && tport_is_udp(socket) != 0) {
+    const bool brief = m_isBrief && m_isBrief(*sip);
+    if (brief && tport_is_udp(socket) != 0) {
         mark = m_answers.markOf(*sip);
         if (m_answers.repeats(*mark, message, socket)) {
             return;
@@ -276,7 +280,7 @@ void Endpoint::take(Message message, sip_t* sip)
         m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), socket, m_answers, *mark));
     } else if (nta_incoming_t* const transaction =
                    nta_incoming_create(m_agent, nullptr, message.release(), sip, TAG_END())) {
-        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction));
+        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction, brief));
     }
 }
 

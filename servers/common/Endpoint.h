@@ -18,7 +18,7 @@ namespace oryx::sip {
 /// in the place of one. A request that is given up without a final answer is answered 500.
 class Incoming {
 public:
-    Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction);
+    Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction, bool brief);
     /// One without a transaction: to be answered once, by this server.
     Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
              const Answers::Mark& mark);
@@ -31,6 +31,8 @@ public:
     /// The socket that it came by, as a URI such as "sip:192.0.2.1:5060;transport=udp".
     std::string socket() const;
     bool answered() const { return m_answered; }
+    /// What `Endpoint::IsBrief` has said of it, which may not say the same again.
+    bool isBrief() const { return m_brief; }
     /// The tag in To of this server's own answers.
     std::string tag() const
     {
@@ -83,6 +85,7 @@ private:
     const sip_t* m_sip;
     std::function<void()> m_cancel;
     bool m_answered = false;
+    bool m_brief;
 };
 
 struct TransactionDeleter {

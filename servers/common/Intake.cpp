@@ -1,7 +1,7 @@
 // What is looked at before the stack reads a message. It keeps all header fields in one list, which it walks along for
 // each field that it adds: 64 KiB of short ones would hold up everybody for a second, and that is what a single
 // datagram can carry. It asks `msg_extract` for each piece that comes in, which therefore is this server's own, before
-// the stack's.
+// the stack's. So is `su_getmsgsize`, by which it learns how much there is to be read.
 
 #include <common/Intake.h>
 #include <common/Sofia.h>
@@ -9,6 +9,7 @@
 #include <sofia-sip/msg_buffer.h>
 
 #include <dlfcn.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -28,6 +29,9 @@ constexpr std::size_t kMostFields = 250;
 constexpr std::size_t kSmall = 1024;
 
 std::atomic<std::uint64_t> s_refused{0};
+
+/// What the stack has read last; it parses that before it reads anything else.
+thread_local su_socket_t t_socket = INVALID_SOCKET;
 
 bool endsField(char c)
 {
@@ -85,16 +89,42 @@ bool cut(msg_t* message)
     return true;
 }
 
-/// Whether a body is still to come that is too large, so that nobody waits for it.
-bool expectsTooMuch(const msg_t* message)
+/// Whether a message is too large, or will be with a body that is still to come, so that nobody waits for it. What is
+/// behind a whole one is the next one's.
+bool isTooLarge(const msg_t* message, bool whole)
 {
     const sip_t* const sip = sip_object(message);
-    return sip != nullptr && sip->sip_content_length != nullptr && sip->sip_content_length->l_length > kLargestMessage;
+    return msg_size(message) + (whole ? 0 : msg_buf_committed(message)) > kLargestMessage ||
+           (sip != nullptr && sip->sip_content_length != nullptr &&
+            sip->sip_content_length->l_length > kLargestMessage);
+}
+
+/// 413, after which the stack ends a stream. Where nobody can be told it would only read no more of it.
+void refuse(msg_t* message)
+{
+    s_refused.fetch_add(1, std::memory_order_relaxed);
+    msg_mark_as_complete(message, MSG_FLG_TOOLARGE | MSG_FLG_ERROR);
+    const sip_t* const sip = sip_object(message);
+    const bool answerable = sip != nullptr && sip->sip_request != nullptr && sip->sip_via != nullptr;
+    if (!answerable && msg_addrinfo(message)->ai_socktype == SOCK_STREAM) {
+        shutdown(t_socket, SHUT_RDWR);
+    }
+}
+
+/// Takes away all parameters of that name, of which the stack takes one at a time; false where there was none.
+bool take(sip_via_t& via, const char* name)
+{
+    bool had = false;
+    while (msg_header_remove_param(via.v_common, name) > 0) {
+        had = true;
+    }
+    return had;
 }
 
 /// Has the answer go to where the request came from (RFC 3261 section 18.2.1, RFC 3581), whatever its Via says. A maddr
 /// parameter, which is for multicast, would have it sent to anybody at all, and the stack wait for a name server to
-/// find out where that is. Two of the stack's refusals do not look for the source.
+/// find out where that is. Nothing may be there twice: the stack puts the source into the first of a name, and reads
+/// the last where it answers without a transaction. Two of its refusals do not look for the source.
 void settleSource(msg_t* message)
 {
     const sip_t* const sip = sip_object(message);
@@ -102,9 +132,11 @@ void settleSource(msg_t* message)
     if (via == nullptr) {
         return;
     }
-    if (via->v_maddr != nullptr) {
-        msg_header_remove_param(via->v_common, "maddr");
-        msg_fragment_clear_chain(static_cast<msg_header_t*>(static_cast<void*>(via)));
+    su_home_t* const home = msg_home(message);
+    take(*via, "maddr");
+    take(*via, "received");
+    if (take(*via, "rport")) {
+        msg_header_replace_param(home, via->v_common, "rport");
     }
     const bool refused = msg_get_flags(message, MSG_FLG_TOOLARGE) != 0 ||
                          su_casematch(sip->sip_request->rq_version, sip_version_2_0) == 0;
@@ -113,7 +145,6 @@ void settleSource(msg_t* message)
         tport_hostport(host.data(), host.size(), msg_addr(message), 0);
         std::string received = std::string("received=") + host.data();
         std::erase_if(received, [](char c) { return c == '[' || c == ']'; });
-        su_home_t* const home = msg_home(message);
         msg_header_replace_param(home, via->v_common, su_strdup(home, received.c_str()));
         if (via->v_rport != nullptr) {
             const std::string rport = "rport=" + std::to_string(ntohs(msg_addr(message)->su_port));
@@ -135,15 +166,24 @@ extern "C" __attribute__((visibility("default"))) int msg_extract(msg_t* msg)
 {
     using namespace oryx::sip;
     static auto* const stacks = reinterpret_cast<decltype(&msg_extract)>(dlsym(RTLD_NEXT, "msg_extract"));
+    msg_maxsize(msg, kMostHeld); // which the stack says only of the first of a stream
     const bool isCut = cut(msg);
     int read = stacks(msg);
-    if (isCut || (read == 0 && expectsTooMuch(msg))) {
-        s_refused.fetch_add(1, std::memory_order_relaxed);
-        msg_mark_as_complete(msg, MSG_FLG_TOOLARGE | MSG_FLG_ERROR); // 413, and the end of a stream
+    if (isCut || (read >= 0 && isTooLarge(msg, read > 0))) {
+        refuse(msg);
         read = -1;
     }
     if (read != 0) {
         settleSource(msg);
     }
     return read;
+}
+
+/// Of a stream no more is read at once than a message may have: the stack ends it where there is more than it may hold,
+/// however many messages that may be. Datagrams are no larger.
+extern "C" __attribute__((visibility("default"))) issize_t su_getmsgsize(su_socket_t socket)
+{
+    static auto* const stacks = reinterpret_cast<decltype(&su_getmsgsize)>(dlsym(RTLD_NEXT, "su_getmsgsize"));
+    oryx::sip::t_socket = socket;
+    return std::min<issize_t>(stacks(socket), oryx::sip::kLargestMessage);
 }

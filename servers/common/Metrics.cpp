@@ -96,7 +96,8 @@ std::string Metrics::page() const
     }
     family(page, "oryx_messages_refused_total", "counter", "messages too large, or with too many header fields");
     sample(page, "oryx_messages_refused_total", refusedMessages());
-    family(page, "oryx_connections_closed_total", "counter", "connections by TCP that were too many, or never used");
+    family(page, "oryx_connections_closed_total", "counter",
+           "connections by TCP that were too many, never used or not read");
     sample(page, "oryx_connections_closed_total", m_closed);
     family(page, "oryx_statement_seconds", "histogram", "time of what a request asks of the database");
     std::uint64_t sum = 0;

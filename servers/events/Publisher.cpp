@@ -74,11 +74,9 @@ bool readEntityTag(Incoming& request, PublishOrder& order)
 bool readBody(Incoming& request, PublishOrder& order)
 {
     const sip_t& sip = request.sip();
-    const bool initial = order.request.entityTag.empty();
     const bool present = sip.sip_payload != nullptr && sip.sip_payload->pl_len > 0;
-    const bool removal = order.request.expires == 0;
-    if (!present || removal) {
-        return !initial || request.refuse(SIP_400_BAD_REQUEST);
+    if (!present || order.request.expires == 0) {
+        return !order.request.entityTag.empty() || request.refuse(SIP_400_BAD_REQUEST);
     }
     if (sip.sip_content_encoding != nullptr || sip.sip_content_type == nullptr ||
         su_casematch(sip.sip_content_type->c_type, kDocumentType) == 0) {

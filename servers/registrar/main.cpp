@@ -37,13 +37,11 @@ void run(Loop& loop, const Options& options, int signals)
     Proxy proxy(loop, options, provisioning, nonces, *workers);
     std::optional<Endpoint> endpoint;
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
-        const sip_t& sip = request->sip();
-        const bool here = isForServer(sip, *endpoint, provisioning);
-        if (sip.sip_request->rq_method == sip_method_options && here) {
+        if (request->isBrief() && request->sip().sip_request->rq_method == sip_method_options) {
             request->answer(SIP_200_OK, SIPTAG_ALLOW_STR("REGISTER, OPTIONS"), SIPTAG_SUPPORTED_STR("path"));
         } else if (!provisioning.known()) {
             request->answerUnavailable();
-        } else if (sip.sip_request->rq_method == sip_method_register && here) {
+        } else if (request->isBrief()) {
             registrar.take(request);
         } else {
             proxy.take(request);

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <csignal>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -37,6 +39,31 @@ protected:
     std::unique_ptr<Phone> phoneAt(const std::string& host) const
     {
         return std::make_unique<Phone>("alice", "oryx.example", m_port, host, Transport::tcp);
+    }
+    /// Those of one machine, each of whom has asked something.
+    static std::vector<std::unique_ptr<Phone>> crowdAt(int port)
+    {
+        std::vector<std::unique_ptr<Phone>> crowd;
+        for (int n = 0; n < 400; ++n) {
+            crowd.push_back(std::make_unique<Phone>("mallory", "oryx.example", port, "127.0.0.1", Transport::tcp));
+            crowd.back()->send(crowd.back()->request("OPTIONS", "sip:oryx.example"));
+        }
+        return crowd;
+    }
+    /// The registrar with fewer descriptors than a crowd has.
+    void startWithFewDescriptors(std::vector<std::string> options)
+    {
+        rlimit limit{};
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+        if (limit.rlim_max < 1000) {
+            GTEST_SKIP() << "this process may have " << limit.rlim_max << " descriptors";
+        }
+        const rlimit few{256, 256};
+        const rlimit many{std::min<rlim_t>(limit.rlim_max, 4096), limit.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &many), 0);
+        options.insert(options.end(), {"--auth", "none"});
+        startRegistrar(options);
+        ASSERT_EQ(prlimit(m_server->process(), RLIMIT_NOFILE, &few, nullptr), 0);
     }
     static std::string asked(Phone& telephone)
     {
@@ -121,6 +148,75 @@ TEST_F(Abuse, ByABodyThatIsTooLargeEndsTheStream)
     }
 }
 
+/// The first message of a stream and a later one, each in what comes of it in whole lines, in one line, and in a body.
+TEST_F(Abuse, ByAMessageThatIsTooLargeEndsTheStream)
+{
+    startRegistrar();
+    for (const bool later : {false, true}) {
+        for (const std::string& field : {"a: " + std::string(1000, 'x') + "\r\n", "a: " + std::string(70000, 'x')}) {
+            Phone mallory("mallory", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+            const std::string before = later ? mallory.request("OPTIONS", "sip:oryx.example").text() : "";
+            const Message request = mallory.request("OPTIONS", "sip:oryx.example");
+            mallory.socket().send(m_port, before + withFields(request, 70000 / field.size() + 1, field));
+            EXPECT_EQ(status(mallory.receive()), later ? "200 OK" : "413 Request Entity Too Large");
+            if (later) {
+                EXPECT_EQ(status(mallory.receive()), "413 Request Entity Too Large");
+            }
+            EXPECT_TRUE(mallory.socket().closed()) << later << field.size();
+        }
+        Phone mallory("mallory", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+        const std::string before = later ? mallory.request("OPTIONS", "sip:oryx.example").text() : "";
+        Message request = mallory.request("OPTIONS", "sip:oryx.example").add("a", std::string(10000, 'x'));
+        request.body.assign(60000, 'x');
+        mallory.socket().send(m_port, before + request.text());
+        EXPECT_TRUE(mallory.socket().closed()) << later;
+    }
+}
+
+/// A proxy's connection may bring the requests of many telephones at once.
+TEST_F(Abuse, IsNotAStreamOfManyMessages)
+{
+    constexpr int kMany = 800;
+    startRegistrar();
+    Phone proxy("proxy", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
+    EXPECT_EQ(asked(proxy), "200 OK");
+    std::string text;
+    for (int n = 0; n < kMany; ++n) {
+        text += proxy.request("OPTIONS", "sip:oryx.example").text();
+    }
+    ASSERT_GT(text.size(), 200U * 1024);
+    m_server->signal(SIGSTOP); // as if it had much else to do
+    std::thread writer([&] { proxy.socket().send(m_port, text); });
+    EXPECT_TRUE(proxy.socket().silent(200));
+    m_server->signal(SIGCONT);
+    int answered = 0;
+    try {
+        while (answered < kMany && status(proxy.receive()) == "200 OK") {
+            ++answered;
+        }
+    } catch (const std::runtime_error&) { // nothing more
+    }
+    writer.join();
+    EXPECT_EQ(answered, kMany);
+}
+
+/// Also where there is nobody whom 413 could be sent to, and of a stream that has brought a request.
+TEST_F(Abuse, ByAMessageThatDoesNotEndEndsTheStream)
+{
+    startRegistrar();
+    for (const std::string& before : {std::string(), question("127.0.0.1", Transport::tcp).text()}) {
+        for (const char* const begin : {"a", "OPTIONS sip:a SIP/2.0\r\na: ", "SIP/2.0 200 OK\r\na: "}) {
+            Socket socket("127.0.0.1", Transport::tcp);
+            socket.send(m_port, before + begin);
+            for (int n = 0; n < 20; ++n) {
+                static_cast<void>(socket.silent(10)); // so that they are read one by one
+                socket.send(m_port, std::string(4000, 'x'));
+            }
+            EXPECT_TRUE(socket.closed(1000)) << before.size() << begin;
+        }
+    }
+}
+
 TEST_F(Abuse, ByStreamsWithoutAnEndTakesNoMemory)
 {
     startRegistrar();
@@ -158,7 +254,11 @@ TEST_F(Abuse, SendsNoAnswersToSomebodyElse)
     const auto request = [&](const std::string& method) { return mallory.request(method, "sip:oryx.example"); };
     for (const std::string& parameters :
          {std::string(), std::string(";maddr=127.0.0.2"), std::string(";received=127.0.0.2"),
-          ";received=127.0.0.2;rport=" + std::to_string(third.port())}) {
+          ";received=127.0.0.2;rport=" + std::to_string(third.port()),
+          // The stack looks at the first of a name, and writes an answer by the last.
+          std::string(";maddr=127.0.0.2;maddr=127.0.0.2;MADDR=127.0.0.2"),
+          std::string(";received=127.0.0.2;received=127.0.0.2;received=127.0.0.2"),
+          ";rport;received=127.0.0.2;received=127.0.0.2;rport=" + std::to_string(third.port())}) {
         mallory.send(fromThird(request("OPTIONS"), parameters));
         mallory.send(fromThird(request("REGISTER"), parameters));
         mallory.send(fromThird(request("CANCEL"), parameters));
@@ -169,6 +269,13 @@ TEST_F(Abuse, SendsNoAnswersToSomebodyElse)
         mallory.socket().send(m_port, withFields(fromThird(request("OPTIONS"), parameters), 300));
     }
     EXPECT_TRUE(third.silent(500));
+    for (const char* const method : {"OPTIONS", "CANCEL"}) { // with a transaction, and without
+        Phone honest("bob", "oryx.example", m_port);
+        Message twice = honest.request(method, "sip:oryx.example");
+        honest.send(twice.set("Via", honest.via() + ";rport=9"));
+        EXPECT_EQ(status(honest.receive()), *method == 'O' ? "200 OK" : "481 Call/Transaction Does Not Exist")
+            << method;
+    }
     Message version = request("OPTIONS");
     version.first.replace(version.first.size() - 3, 3, "3.0");
     Phone honest("bob", "oryx.example", m_port);
@@ -228,7 +335,7 @@ TEST_F(Abuse, ByForksThatForkStaysSmall)
     EXPECT_LT(m_server->processorTime() - spent, 3);
 }
 
-/// Who sends and does not read is given up, and holds up nobody.
+/// Who sends and does not read holds up nobody. (He is given up after half a minute, which no test waits for.)
 TEST_F(Abuse, ByWhoeverDoesNotReadHoldsUpNobody)
 {
     startRegistrar();
@@ -250,24 +357,15 @@ TEST_F(Abuse, ByWhoeverDoesNotReadHoldsUpNobody)
 /// Those of one machine that are too many go, not those of others, and everything else has its descriptors.
 TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
 {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    if (limit.rlim_max < 1000) {
-        GTEST_SKIP() << "this process may have " << limit.rlim_max << " descriptors";
-    }
-    const rlimit few{256, 256};
-    const rlimit many{std::min<rlim_t>(limit.rlim_max, 4096), limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &many), 0);
     const std::string port = std::to_string(m_port);
-    startRegistrar({"--auth", "none", "--listen", "tcp:127.0.0.2:" + port, "--listen", "tcp:127.0.0.3:" + port});
-    ASSERT_EQ(prlimit(m_server->process(), RLIMIT_NOFILE, &few, nullptr), 0);
+    ASSERT_NO_FATAL_FAILURE(
+        startWithFewDescriptors({"--listen", "tcp:127.0.0.2:" + port, "--listen", "tcp:127.0.0.3:" + port}));
+    if (IsSkipped()) {
+        return;
+    }
     const std::unique_ptr<Phone> telephone = phoneAt("127.0.0.2");
     EXPECT_EQ(status(telephone->ask(telephone->registration("<" + telephone->contact() + ">"))), "200 OK");
-    std::vector<std::unique_ptr<Phone>> crowd;
-    for (int n = 0; n < 400; ++n) {
-        crowd.push_back(phoneAt("127.0.0.1"));
-        crowd.back()->send(crowd.back()->request("OPTIONS", "sip:oryx.example"));
-    }
+    std::vector<std::unique_ptr<Phone>> crowd = crowdAt(m_port);
     EXPECT_EQ(asked(*phoneAt("127.0.0.3")), "200 OK");
     EXPECT_EQ(asked(*telephone), "200 OK");
     const double spent = m_server->processorTime();
@@ -284,6 +382,38 @@ TEST_F(Abuse, ByManyConnectionsShutsNobodyElseOut)
     crowd.clear();
     EXPECT_EQ(asked(*phoneAt("127.0.0.1")), "200 OK");
     EXPECT_EQ(asked(*telephone), "200 OK");
+}
+
+/// Who has just come, and has not said anything whole yet, does not make room for a machine that has too many.
+TEST_F(Abuse, ByManyConnectionsShutsNoNewcomerOut)
+{
+    ASSERT_NO_FATAL_FAILURE(startWithFewDescriptors({"--listen", "tcp:127.0.0.2:" + std::to_string(m_port)}));
+    if (IsSkipped()) {
+        return;
+    }
+    const std::unique_ptr<Phone> newcomer = phoneAt("127.0.0.2");
+    const std::string request = newcomer->request("OPTIONS", "sip:oryx.example").text();
+    newcomer->socket().send(m_port, request.substr(0, 100));
+    const std::vector<std::unique_ptr<Phone>> crowd = crowdAt(m_port);
+    EXPECT_TRUE(newcomer->socket().silent());
+    newcomer->socket().send(m_port, request.substr(100));
+    EXPECT_EQ(status(newcomer->receive()), "200 OK");
+}
+
+/// The system writes their addresses as those of IPv6; they are no less somebody's own for that.
+TEST_F(Abuse, ByManyConnectionsOfIPv4ToASocketOfIPv6ShutsNobodyElseOut)
+{
+    const int port = phone::freePort();
+    ASSERT_NO_FATAL_FAILURE(startWithFewDescriptors({"--listen", "tcp:[::ffff:127.0.0.1]:" + std::to_string(port),
+                                                     "--listen", "tcp:[::ffff:127.0.0.2]:" + std::to_string(port)}));
+    if (IsSkipped()) {
+        return;
+    }
+    Phone telephone("alice", "oryx.example", port, "127.0.0.2", Transport::tcp);
+    EXPECT_EQ(asked(telephone), "200 OK");
+    const std::vector<std::unique_ptr<Phone>> crowd = crowdAt(port);
+    EXPECT_TRUE(telephone.socket().silent());
+    EXPECT_EQ(asked(telephone), "200 OK");
 }
 
 /// A burst of telephones that come back together.

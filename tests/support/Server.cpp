@@ -74,14 +74,15 @@ void makeTemplate(Session& session, const std::string& name, const std::string& 
 }
 
 /// The database that others are copied from, made at the first demand. Its name tells the migrations it was made of, so
-/// that a server that outlives a change of them gets another one.
+/// that a server that outlives a change of them gets another one, and whether it has logins.
 std::string templateDatabase(Session& session, const std::string& before)
 {
     std::ostringstream text;
     for (const auto& file : migrations(before)) {
         text << std::ifstream(file).rdbuf();
     }
-    std::string name = "oryx_template_" + std::to_string(std::hash<std::string>{}(text.str()));
+    std::string name = before.empty() ? "oryx_template_" : "oryx_older_template_";
+    name += std::to_string(std::hash<std::string>{}(text.str()));
     // Tests run at once: one makes it, the others wait here.
     session.run("SELECT pg_advisory_lock(7)");
     if (session.rows("SELECT 1 FROM pg_database WHERE datistemplate AND datname = '" + name + "'").empty()) {
