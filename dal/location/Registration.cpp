@@ -193,7 +193,7 @@ public:
         m_order.push_back(&one);
     }
     /// Whether one for the same address of record is among them.
-    bool has(const Registration& one) const { return m_addresses.count(&one) != 0; }
+    bool has(const Registration& one) const { return m_addresses.contains(&one); }
     const Round& order() const { return m_order; }
 
 private:
