@@ -2,6 +2,8 @@
 
 #include <common/Address.h>
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -50,6 +52,20 @@ std::string routeText(const sip_route_t* hops)
         text.append(text.empty() ? "" : ", ").append(headerText(one));
     }
     return text;
+}
+
+std::optional<std::string_view> parameterOf(const url_t& uri, std::string_view name)
+{
+    std::string_view rest = uri.url_params != nullptr ? uri.url_params : "";
+    while (!rest.empty()) {
+        const std::string_view parameter = rest.substr(0, rest.find(';'));
+        const std::size_t equals = std::min(parameter.find('='), parameter.size());
+        if (equals == name.size() && strncasecmp(parameter.data(), name.data(), equals) == 0) {
+            return parameter.substr(std::min(equals + 1, parameter.size()));
+        }
+        rest.remove_prefix(std::min(parameter.size() + 1, rest.size()));
+    }
+    return std::nullopt;
 }
 
 const char* dateText()

@@ -25,7 +25,7 @@ const url_string_t* route(msg_t* message, sip_t* sip, const Subscription& subscr
     su_home_t* const home = msg_home(message);
     const PresenceRecord& dialog = subscription.dialog;
     sip_route_t* const hops = dialog.routeset().empty() ? nullptr : sip_route_make(home, dialog.routeset().c_str());
-    const bool strict = hops != nullptr && url_has_param(hops->r_url, "lr") == 0;
+    const bool strict = hops != nullptr && !parameterOf(*hops->r_url, "lr");
     const std::string last = "<" + dialog.remotecontacthdr() + ">";
     const url_string_t* const target = strict ? urlText(*hops->r_url) : urlText(dialog.remotecontacthdr().c_str());
     sip_add_tl(message, sip, TAG_IF(hops != nullptr, SIPTAG_ROUTE(strict ? hops->r_next : hops)),

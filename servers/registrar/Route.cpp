@@ -4,7 +4,6 @@
 #include <common/Headers.h>
 
 #include <algorithm>
-#include <array>
 
 namespace oryx::sip {
 
@@ -14,9 +13,7 @@ constexpr const char* kCookie = "oryx"; // a parameter of this proxy's Record-Ro
 
 std::string cookieOf(const url_t& route)
 {
-    std::array<char, 64> value{};
-    url_param(route.url_params, kCookie, value.data(), static_cast<isize_t>(value.size()));
-    return value.data();
+    return std::string(parameterOf(route, kCookie).value_or(""));
 }
 
 void insertRecordRoute(msg_t* message, const std::string& socket, const std::string& cookie)
@@ -107,7 +104,7 @@ std::vector<std::string> takeOwnRoutes(msg_t* message, const std::function<bool(
     sip_t* const sip = sip_object(message);
     std::vector<std::string> cookies;
     const url_t& target = *sip->sip_request->rq_url;
-    if (sip->sip_route != nullptr && url_has_param(&target, kCookie) != 0 && leadsHere(target)) {
+    if (sip->sip_route != nullptr && parameterOf(target, kCookie) && leadsHere(target)) {
         cookies.push_back(cookieOf(target));
         setRequestUri(message, urlText(*sip_route_pop(message, sip)->r_url));
     }
@@ -129,7 +126,7 @@ void recordRoute(msg_t* message, const RouteMark& mark, const std::string& leavi
 void fitStrictRouter(msg_t* message)
 {
     sip_t* const sip = sip_object(message);
-    if (sip->sip_route == nullptr || url_has_param(sip->sip_route->r_url, "lr") != 0) {
+    if (sip->sip_route == nullptr || parameterOf(*sip->sip_route->r_url, "lr")) {
         return;
     }
     sip_route_t* const last = sip_route_create(msg_home(message), sip->sip_request->rq_url, nullptr);
