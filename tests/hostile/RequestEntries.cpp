@@ -158,7 +158,7 @@ void addRegistrations(Entries& table, const RequestText& text)
 
 void addByAddress(Entries& table, const AddressPart& part)
 {
-    table.push_back({
+    Entry entry{
         .argument = std::string("oryx::applyRegistration(service, handle, domain, request, answer) ") + part.name,
         .place = Place::key,
         .before = {kAddress.with(part.column).insert(), kStaleContact.insert()},
@@ -175,20 +175,16 @@ void addByAddress(Entries& table, const AddressPart& part)
             },
         .answer = "okay\n0\n",
         .refused = kNoAddressOfRecord,
-    });
-    table.push_back({
-        .argument = std::string("oryx::applyRegistrations(service, registrations) registrations.") + part.name,
-        .place = Place::key,
-        .before = {kAddress.with(part.column).insert(), kStaleContact.insert()},
-        .change = {"DELETE FROM contact USING public_address WHERE contact.csid = 14 AND public_address_id = 44"},
-        .call =
-            [=](Library& library, const std::string& text) {
-                RegisterRequest request;
-                request.removesAll = true;
-                return toldOfFirst(library, withAnother(part.handle(text), part.domain(text), request));
-            },
-        .answer = "okay\n0\n",
-    });
+    };
+    table.push_back(entry);
+    entry.argument = std::string("oryx::applyRegistrations(service, registrations) registrations.") + part.name;
+    entry.call = [=](Library& library, const std::string& text) {
+        RegisterRequest request;
+        request.removesAll = true;
+        return toldOfFirst(library, withAnother(part.handle(text), part.domain(text), request));
+    };
+    entry.refused.clear();
+    table.push_back(std::move(entry));
     table.push_back({
         .argument = std::string("oryx::lookupBindings(service, handle, domain, found) ") + part.name,
         .place = Place::key,

@@ -106,6 +106,16 @@ protected:
         return answers;
     }
     static std::string done(std::size_t user) { return "200 OK <" + contactOf(user) + ">;expires=3600"; }
+    void expectAllDone()
+    {
+        std::vector<Message> requests;
+        std::vector<std::string> expected;
+        for (std::size_t user = 0; user < kUsers; ++user) {
+            requests.push_back(registration(user));
+            expected.push_back(done(user));
+        }
+        EXPECT_EQ(askAll(requests), expected);
+    }
 
     std::vector<std::unique_ptr<Phone>> m_phones;
 };
@@ -113,13 +123,7 @@ protected:
 TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
 {
     startPatientRegistrar();
-    std::vector<Message> requests;
-    std::vector<std::string> expected;
-    for (std::size_t user = 0; user < kUsers; ++user) {
-        requests.push_back(registration(user));
-        expected.push_back(done(user));
-    }
-    EXPECT_EQ(askAll(requests), expected);
+    expectAllDone();
     EXPECT_EQ(rows("SELECT count(*), count(DISTINCT csid), count(DISTINCT xmin::text) < 30 FROM contact"), "40|40|t\n");
 }
 
@@ -168,13 +172,7 @@ TEST_F(RegistrarOfMany, AsksASlowDatabaseForFewerAtOnce)
         " $$ BEGIN PERFORM pg_sleep(0.05); RETURN NEW; END $$;"
         "CREATE TRIGGER take_time BEFORE INSERT ON contact FOR EACH ROW EXECUTE FUNCTION take_time()");
     startRegistrar({"--auth", "none", "--workers", "1"});
-    std::vector<Message> requests;
-    std::vector<std::string> expected;
-    for (std::size_t user = 0; user < kUsers; ++user) {
-        requests.push_back(registration(user));
-        expected.push_back(done(user));
-    }
-    EXPECT_EQ(askAll(requests), expected);
+    expectAllDone();
 }
 
 TEST_F(RegistrarOfMany, EndsInTimeWhileTheDatabaseKeepsThemWaiting)
