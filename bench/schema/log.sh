@@ -93,6 +93,7 @@ measure_log_rates() {
 }
 
 # The longest that a server's reservation and release take, 20 times a second, while a load is under way: in milliseconds.
+# What they wait without a log is the processors'.
 longest_wait() {
     local database=$1 load=$2 loading
     # shellcheck disable=SC2016 # pgbench's variables
@@ -125,13 +126,15 @@ longest_wait() {
 }
 
 measure_log_waits() {
-    local age load
+    local waiting load
+    run_sql postgres -c 'CREATE DATABASE log_none TEMPLATE log_new'
+    run_sql log_none -c "$kNoLog"
     printf '\nlongest wait of a reservation while %d subscribers are loaded, ms\n\n' "$kLoaded"
     printf '%-36s%20s%20s%20s\n' '' 'nothing loaded' 'one transaction' '100 each'
-    for age in old new; do
-        printf '%-36s' "$([[ $age == old ]] && echo 'the schema before' || echo "the schema's")"
+    for waiting in 'log_none|no log' 'log_old|the schema before' "log_new|the schema's"; do
+        printf '%-36s' "${waiting#*|}"
         for load in none one many; do
-            printf '%20.0f' "$(longest_wait "log_$age" "$load")"
+            printf '%20.0f' "$(longest_wait "${waiting%|*}" "$load")"
         done
         printf '\n'
     done
