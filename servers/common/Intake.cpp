@@ -99,14 +99,32 @@ bool isTooLarge(const msg_t* message, bool whole)
             sip->sip_content_length->l_length > kLargestMessage);
 }
 
-/// 413, after which the stack ends a stream. Where nobody can be told it would only read no more of it.
+/// 413, after which the stack ends a stream.
 void refuse(msg_t* message)
 {
     s_refused.fetch_add(1, std::memory_order_relaxed);
     msg_mark_as_complete(message, MSG_FLG_TOOLARGE | MSG_FLG_ERROR);
+}
+
+/// Whether the socket that was read last is the message's.
+bool isFromLastRead(msg_t* message)
+{
+    su_sockaddr_t peer{};
+    socklen_t size = sizeof peer;
+    if (msg_addrinfo(message)->ai_socktype != SOCK_STREAM || getpeername(t_socket, &peer.su_sa, &size) != 0) {
+        return false;
+    }
+    SU_CANONIZE_SOCKADDR(&peer);
+    return su_cmp_sockaddr(&peer, msg_addr(message)) == 0;
+}
+
+/// Ends a stream of which nobody knows where its next message begins. The stack does so once it has answered; where
+/// nobody can be given an answer it would only read no more, and keep a telephone that waits to be called.
+void endUnreadable(msg_t* message)
+{
     const sip_t* const sip = sip_object(message);
     const bool answerable = sip != nullptr && sip->sip_request != nullptr && sip->sip_via != nullptr;
-    if (!answerable && msg_addrinfo(message)->ai_socktype == SOCK_STREAM) {
+    if (!answerable && isFromLastRead(message)) {
         shutdown(t_socket, SHUT_RDWR);
     }
 }
@@ -172,6 +190,9 @@ extern "C" __attribute__((visibility("default"))) int msg_extract(msg_t* msg)
     if (isCut || (read >= 0 && isTooLarge(msg, read > 0))) {
         refuse(msg);
         read = -1;
+    }
+    if (read < 0) {
+        endUnreadable(msg);
     }
     if (read != 0) {
         settleSource(msg);

@@ -1,4 +1,5 @@
 #include <common/Server.h>
+#include <common/SignsOfLife.h>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -63,6 +64,7 @@ int serve(int argc, char** argv, const std::function<void(Loop& loop, const Opti
     const int signals = endingSignals();
     int status = 0;
     try {
+        answerSignsOfLife();
         Loop loop;
         serve(loop, *parsed.options, signals);
     } catch (const std::exception& error) {

@@ -200,13 +200,13 @@ Notifier::Watch& Notifier::insert(Subscription subscription, bool stored)
     return watch;
 }
 
-/// Has a subscription end when its time is over.
+/// Has a subscription end when its time is over. It began part-way through a second, which is not counted against it.
 void Notifier::schedule(Watch& watch)
 {
     constexpr std::time_t kLongest = 86400; // seconds; the stack's timers know no years
     const std::time_t left = watch.subscription.expires - std::time(nullptr);
-    if (left > 0) {
-        watch.expiry.set(std::chrono::seconds(std::min(left, kLongest)));
+    if (left >= 0) {
+        watch.expiry.set(std::chrono::seconds(std::min(left, kLongest) + 1));
     } else {
         wantEnd(watch, "timeout");
     }

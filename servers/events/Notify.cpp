@@ -15,7 +15,7 @@ std::string stateOf(const Subscription& subscription, const Notice& notice)
     if (notice.state == SubscriptionState::terminated) {
         return state + ";reason=" + notice.reason;
     }
-    return state + ";expires=" + std::to_string(std::max<std::time_t>(subscription.expires - std::time(nullptr), 0));
+    return state + ";expires=" + std::to_string(std::max<std::time_t>(subscription.expires - std::time(nullptr), 1));
 }
 
 /// Request URI and Route. A first hop that does not know loose routing gets the request URI, and is gone to in spite of

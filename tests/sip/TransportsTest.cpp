@@ -228,4 +228,68 @@ TEST_F(Transports, AnswerSignsOfLife)
     EXPECT_FALSE(socket.silent(2000));
 }
 
+/// A message of STUN: what begins its header, what is left of it, its attributes.
+std::string stun(const std::string& type, const std::string& number, const std::string& attributes = "")
+{
+    const auto length = static_cast<char>(attributes.size());
+    return type + std::string({'\0', length}) + number + attributes;
+}
+
+/// RFC 5626 section 3.5.2, RFC 5389 section 7.3.1: a telephone behind a NAT is told as whom it is seen. Its port and
+/// address are written as XOR-MAPPED-ADDRESS, with the cookie, or by RFC 3489 as MAPPED-ADDRESS where there is none.
+TEST_F(Transports, AnswerStun)
+{
+    const std::string request("\x00\x01", 2);
+    const std::string response("\x01\x01");
+    const std::string cookie("\x21\x12\xA4\x42");
+    const std::string rest("twelve bytes");
+    const std::string software("\x80\x22\x00\x03one\x00", 8);
+    startWithAll({});
+    phone::Socket four("127.0.0.1", Transport::udp);
+    const auto port = static_cast<unsigned>(four.port());
+    const auto written = [&](unsigned mask) {
+        return std::string({static_cast<char>((port ^ mask) >> 8U), static_cast<char>(port ^ mask)});
+    };
+    const std::string sought = stun(response, cookie + rest,
+                                    std::string("\x00\x20\x00\x08\x00\x01", 6) + written(0x2112) + "\x5E\x12\xA4\x43");
+    four.send(m_port, stun(request, cookie + rest));
+    EXPECT_EQ(four.receive(), sought);
+    four.send(m_port, stun(request, cookie + rest, software));
+    EXPECT_EQ(four.receive(), sought);
+    four.send(m_port, stun(request, "four" + rest));
+    EXPECT_EQ(four.receive(),
+              stun(response, "four" + rest,
+                   std::string("\x00\x01\x00\x08\x00\x01", 6) + written(0) + std::string("\x7F\0\0\1", 4)));
+    four.send(m_port, stun(request, cookie + rest, software + std::string("\x00\x03\x00\x04\x00\x00\x00\x06", 8)));
+    EXPECT_EQ(four.receive(),
+              stun("\x01\x11", cookie + rest,
+                   std::string("\x00\x09\x00\x04\x00\x00\x04\x14\x00\x0A\x00\x02\x00\x03\x00\x00", 16)));
+    phone::Socket six("::1", Transport::udp);
+    std::string hidden = cookie + rest; // and ::1, of which only the last bit is set
+    hidden.back() = static_cast<char>(hidden.back() ^ 1);
+    const unsigned sixPort = static_cast<unsigned>(six.port()) ^ 0x2112U;
+    six.send(m_port, stun(request, cookie + rest));
+    EXPECT_EQ(six.receive(),
+              stun(response, cookie + rest,
+                   std::string("\x00\x20\x00\x14\x00\x02", 6) +
+                       std::string({static_cast<char>(sixPort >> 8U), static_cast<char>(sixPort)}) + hidden));
+}
+
+/// Whatever else may be STUN is not answered, and nobody is told of it.
+TEST_F(Transports, AreSilentToOtherStun)
+{
+    startRegistrar();
+    const std::string request("\x00\x01", 2);
+    const std::string number("\x21\x12\xA4\x42twelve bytes");
+    phone::Socket socket;
+    for (const std::string& text :
+         {stun(request, number, "abc"), stun(request, number, std::string("\x80\x22\xFF\xFF", 4)),
+          stun(request, number).substr(0, 19), stun(std::string("\x00\x02", 2), number), stun("\x01\x01", number),
+          std::string(1000, '\0')}) {
+        socket.send(m_port, text);
+    }
+    EXPECT_TRUE(socket.silent());
+    EXPECT_EQ(m_server->soFar(), "ready\n");
+}
+
 } // namespace
