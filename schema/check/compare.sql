@@ -5,6 +5,7 @@
 \set fingerprint `cat "$ORYX_APPLY_CHECK/fingerprint.sql"`
 BEGIN TRANSACTION READ ONLY;
 SET LOCAL search_path = '';
+SET LOCAL jit = off;  -- compiling this takes longer than running it once
 WITH wanted AS (
     SELECT field[1] AS kind, field[2] AS name, field[3] AS definition
         FROM regexp_split_to_table(:'expected', E'\n') AS line,
