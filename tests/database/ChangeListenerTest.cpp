@@ -331,6 +331,7 @@ TEST_F(Listener, HandsOverAllThatIsPendingAtOnceEachTableOnceInAFixedOrder)
     for (int i = 0; i < 3; ++i) {
         sql("NOTIFY sip_event_aggregator; NOTIFY subscriber; NOTIFY acp; NOTIFY contact; NOTIFY subscriber, 'x'");
     }
+    std::this_thread::sleep_for(milliseconds(500)); // the server sends them after the commits have been answered
     notified.set_value();
     EXPECT_EQ(m_calls.await(2), (std::vector<std::string>{kEverything, "acp! subscriber! sip_event_aggregator!"}));
     EXPECT_EQ(end(), "okay");

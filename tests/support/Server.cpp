@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -17,8 +19,6 @@
 namespace server {
 
 namespace {
-
-constexpr const char* kMaintenance = "postgres";
 
 void requireThrowAwayServer()
 {
@@ -73,23 +73,53 @@ void makeTemplate(Session& session, const std::string& name, const std::string& 
     session.run("ALTER DATABASE " + name + " IS_TEMPLATE true");
 }
 
-/// The database that others are copied from, made at the first demand. Its name tells the migrations it was made of, so
-/// that a server that outlives a change of them gets another one, and whether it has logins.
-std::string templateDatabase(Session& session, const std::string& before)
+/// Its name tells the migrations it was made of, so that a server that outlives a change of them gets another one, and
+/// whether it has logins.
+std::string templateName(const std::string& before)
 {
     std::ostringstream text;
     for (const auto& file : migrations(before)) {
         text << std::ifstream(file).rdbuf();
     }
-    std::string name = before.empty() ? "oryx_template_" : "oryx_older_template_";
-    name += std::to_string(std::hash<std::string>{}(text.str()));
+    return (before.empty() ? "oryx_template_" : "oryx_older_template_") +
+           std::to_string(std::hash<std::string>{}(text.str()));
+}
+
+/// The database that others are copied from, made at the first demand.
+const std::string& templateDatabase(Session& session, const std::string& before)
+{
+    static std::map<std::string, std::string> known; // to this process
+    if (const auto entry = known.find(before); entry != known.end()) {
+        return entry->second;
+    }
+    const std::string name = templateName(before);
     // Tests run at once: one makes it, the others wait here.
     session.run("SELECT pg_advisory_lock(7)");
-    if (session.rows("SELECT 1 FROM pg_database WHERE datistemplate AND datname = '" + name + "'").empty()) {
-        makeTemplate(session, name, before);
+    try {
+        if (session.rows("SELECT 1 FROM pg_database WHERE datistemplate AND datname = '" + name + "'").empty()) {
+            makeTemplate(session, name, before);
+        }
+    } catch (...) {
+        session.run("SELECT pg_advisory_unlock(7)");
+        throw;
     }
     session.run("SELECT pg_advisory_unlock(7)");
-    return name;
+    return known[before] = name;
+}
+
+/// By which all databases of this process are made and dropped: to connect would take as long as either. Another one
+/// where the server has been stopped meanwhile.
+Session& maintenance()
+{
+    static std::optional<Session> session;
+    try {
+        if (session) {
+            session->run("SELECT");
+        }
+    } catch (const std::runtime_error&) {
+        session.reset();
+    }
+    return session ? *session : session.emplace("postgres");
 }
 
 } // namespace
@@ -178,8 +208,8 @@ std::unique_ptr<PGresult, Session::Release> Session::execute(const std::string& 
 Database::Database(const std::string& before)
     : m_name((before.empty() ? "oryx_test_" : "oryx_older_") + std::to_string(getpid()))
 {
-    Session session(kMaintenance);
-    const std::string source = templateDatabase(session, before);
+    Session& session = maintenance();
+    const std::string& source = templateDatabase(session, before);
     session.run("DROP DATABASE IF EXISTS " + m_name + " WITH (FORCE)");
     // Copied file by file: writing the whole template to the log takes the server seven times as long.
     session.run("CREATE DATABASE " + m_name + " TEMPLATE " + source + " STRATEGY file_copy");
@@ -207,7 +237,7 @@ std::string Database::socketUri() const
 Database::~Database()
 {
     try {
-        Session(kMaintenance).run("DROP DATABASE " + m_name + " WITH (FORCE)");
+        maintenance().run("DROP DATABASE " + m_name + " WITH (FORCE)");
     } catch (const std::exception& failure) {
         ADD_FAILURE() << "the test's database was not dropped: " << failure.what();
     }
