@@ -26,12 +26,10 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace addressMapCacheTest {
 
 std::atomic<bool> compilationsFail = false;
 std::atomic<int> compilations = 0;
-
-} // namespace
 
 /// Stands before the C library's own.
 extern "C" int regcomp(regex_t* regex, const char* pattern, int flags)
@@ -40,8 +38,6 @@ extern "C" int regcomp(regex_t* regex, const char* pattern, int flags)
     ++compilations;
     return compilationsFail ? REG_ESPACE : real(regex, pattern, flags);
 }
-
-namespace {
 
 using fake::Cell;
 using fake::noRows;
@@ -418,4 +414,4 @@ TEST_F(UntracedLookup, IsRightAgainAfterMemoryRanOut)
     }
 }
 
-} // namespace
+} // namespace addressMapCacheTest

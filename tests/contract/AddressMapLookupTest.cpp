@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace addressMapLookupTest {
 
 using fake::Cell;
 using fake::noRows;
@@ -50,7 +50,10 @@ const std::string kNoContacts = "okay\nordering='before' replace=true\n";
 
 class AddressMapLookup : public ConnectedServiceTest {
 protected:
-    std::string lookUp(const char* uri, const Found& found = {}) { return ::lookUp(service, uri, found); }
+    std::string lookUp(const char* uri, const Found& found = {})
+    {
+        return addressMapLookupTest::lookUp(service, uri, found);
+    }
 
     /// A lookup while the table holds these maps is served by that contact set, which has no contacts here.
     void expectServed(const std::string& uri, const std::string& csid, const fake::Rows& maps)
@@ -620,4 +623,4 @@ TEST_F(NeverConnectedLookup, HasNoMapsToListFindOrRemove)
     EXPECT_EQ(trace.take(), "");
 }
 
-} // namespace
+} // namespace addressMapLookupTest

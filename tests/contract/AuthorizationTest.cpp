@@ -1,6 +1,6 @@
 #include "contract/PresenceFixture.h"
 
-namespace {
+namespace authorizationTest {
 
 using fake::Cell;
 using fake::command;
@@ -522,4 +522,4 @@ TEST_F(AccessControlListTest, TakesANullTextAsAnEmptyOne)
         "exec SELECT requester, access_action FROM access_control_list,node WHERE object = node_id and state='ACTIVE' and application='';\n");
 }
 
-} // namespace
+} // namespace authorizationTest

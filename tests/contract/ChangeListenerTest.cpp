@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace changeListenerTest {
 
 using fake::command;
 using fake::nothing;
@@ -103,8 +103,6 @@ protected:
     ChangeListenerOptions m_options;
     oryx::ChangePosition m_position;
 };
-
-} // namespace
 
 TEST_F(Listener, SubscribesToAllTablesHasItselfNotifiedAndTellsToReadEverything)
 {
@@ -261,3 +259,5 @@ TEST_F(Listener, TellsWhatOfItsUriIsIgnoredOncePerRun)
     EXPECT_EQ(traced.rfind(line), 0U) << traced;
     m_libpq.take();
 }
+
+} // namespace changeListenerTest

@@ -1,7 +1,7 @@
 #include "contract/PresenceFixture.h"
 #include "support/TableChanges.h"
 
-namespace {
+namespace changesTest {
 
 using fake::Cell;
 using fake::command;
@@ -442,4 +442,4 @@ TEST_F(CallManagerTest, AreWithoutWhatIsNull)
               "call manager 'boston' type='tcp' address='10.0.0.1' port='5060'\n");
 }
 
-} // namespace
+} // namespace changesTest

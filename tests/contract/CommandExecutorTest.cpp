@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace commandExecutorTest {
 
 using fake::command;
 using fake::noRows;
@@ -1134,4 +1134,4 @@ TEST(ValueStringTest, SeparatesWhatIsAddedAfterALongerOpening)
     EXPECT_STREQ(list.names(), "(a)");
 }
 
-} // namespace
+} // namespace commandExecutorTest

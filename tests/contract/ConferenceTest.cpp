@@ -1,6 +1,6 @@
 #include "contract/PresenceFixture.h"
 
-namespace {
+namespace conferenceTest {
 
 using fake::command;
 using fake::noRows;
@@ -500,4 +500,4 @@ TEST_F(ConferenceTest, AFailedReservationIsNotFollowedByARollback)
     EXPECT_EQ(libpq.take(), "exec " + kReservation + "\nreset\nexec " + kReservation + "\n");
 }
 
-} // namespace
+} // namespace conferenceTest

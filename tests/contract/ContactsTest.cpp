@@ -1,7 +1,7 @@
 #include "contract/DeskContact.h"
 #include "contract/ExecutorFixture.h"
 
-namespace {
+namespace contactsTest {
 
 using fake::Cell;
 using fake::command;
@@ -463,4 +463,4 @@ TEST_P(ContactLookupOfSubscriber, TakesNullForActiveAndTracesNoStatus)
               GetParam().trace({"retrieved 1 rows", "ordering is 'parallel'", GetParam().replaceText + "false"}));
 }
 
-} // namespace
+} // namespace contactsTest

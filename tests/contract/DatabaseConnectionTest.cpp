@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <vector>
 
-namespace {
+namespace databaseConnectionTest {
 
 using fake::command;
 using fake::nothing;
@@ -601,4 +601,4 @@ INSTANTIATE_TEST_SUITE_P(Of, DatabaseExecuteFailures,
                                          PGRES_NONFATAL_ERROR, PGRES_COPY_BOTH),
                          [](const auto& row) { return "Status" + std::to_string(row.param); });
 
-} // namespace
+} // namespace databaseConnectionTest

@@ -1,6 +1,6 @@
 #include "contract/PresenceFixture.h"
 
-namespace {
+namespace dialogsTest {
 
 using fake::Cell;
 using fake::command;
@@ -524,4 +524,4 @@ TEST_F(DialogsTest, AFilterMayPointIntoTheVectorThatGrows)
     EXPECT_EQ(show(records), kBefore + kRead + kSecondRead + kRead);
 }
 
-} // namespace
+} // namespace dialogsTest

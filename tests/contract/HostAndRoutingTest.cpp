@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-namespace {
+namespace hostAndRoutingTest {
 
 using fake::Cell;
 using fake::noRows;
@@ -399,4 +399,4 @@ TEST_F(HostAndRoutingTest, AProxyMayBeNamedByAnItemThatItsConfigurationReplaces)
                                        ("no configuration found for " + name).c_str()}));
 }
 
-} // namespace
+} // namespace hostAndRoutingTest

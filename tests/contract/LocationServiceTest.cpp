@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace locationServiceTest {
 
 using fake::Cell;
 using fake::command;
@@ -644,4 +644,4 @@ TEST_F(LocationServiceTest, TheDomainNameIsEmptyWhenTheConnectionIsLost)
         "DatabaseCommandExecutor prn: getNthElementOfDomainList(): *** ERROR ***: No database connection opened!\n");
 }
 
-} // namespace
+} // namespace locationServiceTest

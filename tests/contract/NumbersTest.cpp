@@ -14,7 +14,7 @@
 // Every number that travels between a record and its column: one of type long whole, as far as a long reaches here, one
 // of type int held to an int's limits.
 
-namespace {
+namespace numbersTest {
 
 using fake::Cell;
 using fake::command;
@@ -511,4 +511,4 @@ TEST_F(PresenceTest, NumbersOfSourcesWatcherInformationAndListsAreStoredWhole)
             kMin + " WHERE listfsmidentifier='l' AND subscriptionidentifier = 's';\n");
 }
 
-} // namespace
+} // namespace numbersTest

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace outOfMemoryTest {
 
 using fake::command;
 using fake::noRows;
@@ -294,4 +294,4 @@ TEST_F(ListenerOutOfMemory, HandsOnWhatTheCallbackThrows)
     EXPECT_THROW(listener.run([](const oryx::ChangeSet& /*changes*/) { throw std::bad_alloc(); }), std::bad_alloc);
 }
 
-} // namespace
+} // namespace outOfMemoryTest

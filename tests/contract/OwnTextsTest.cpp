@@ -11,7 +11,7 @@
 // Arguments that are texts of what the operation itself changes: of the caller's records, or the executor's error text.
 // The operation must do as it does with a text of the caller's own.
 
-namespace {
+namespace ownTextsTest {
 
 using fake::command;
 using fake::noRows;
@@ -369,4 +369,4 @@ INSTANTIATE_TEST_SUITE_P(
             [](const auto& rec) -> const std::string& { return rec.type(); })),
     kRowName);
 
-} // namespace
+} // namespace ownTextsTest

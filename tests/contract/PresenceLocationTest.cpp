@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 
-namespace {
+namespace presenceLocationTest {
 
 using fake::Cell;
 using fake::command;
@@ -1103,4 +1103,4 @@ TEST_F(ExpiredContacts, LeaveTheDefaultWhereAColumnIsNull)
     }
 }
 
-} // namespace
+} // namespace presenceLocationTest

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace presenceServiceTest {
 
 using fake::Cell;
 using fake::command;
@@ -1169,4 +1169,4 @@ TEST_F(UnconnectedPresenceService, HasNoAddressMaps)
     EXPECT_EQ(trace.take(), "");
 }
 
-} // namespace
+} // namespace presenceServiceTest

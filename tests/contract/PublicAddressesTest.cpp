@@ -1,6 +1,6 @@
 #include "contract/ExecutorFixture.h"
 
-namespace {
+namespace publicAddressesTest {
 
 using fake::Cell;
 using fake::command;
@@ -270,4 +270,4 @@ TEST_F(PublicAddressesTest, KeysBeyondAnIntBecomeTheLargest)
               "okay\naddress -2147483648 'alice'@'oryx.example' csid=2147483647 scope='public' admin='north'\n");
 }
 
-} // namespace
+} // namespace publicAddressesTest

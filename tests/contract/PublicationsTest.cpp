@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace publicationsTest {
 
 using fake::nothing;
 using fake::refused;
@@ -177,4 +177,4 @@ TEST(Publications, AskNothingOfAServiceThatWasNeverConnected)
     EXPECT_EQ(show(removeExpiredPublications(service, expired)) + "\n", kNeverConnected);
 }
 
-} // namespace
+} // namespace publicationsTest

@@ -14,7 +14,7 @@
 #include <string>
 #include <type_traits>
 
-namespace {
+namespace queryResultTest {
 
 using fake::command;
 using fake::refused;
@@ -369,4 +369,4 @@ TEST_F(RowTest, ReadsTheRowItStandsFor)
     EXPECT_EQ(shown(oryx::Row(result, 2).text(0)), "null");
 }
 
-} // namespace
+} // namespace queryResultTest

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace registrationTest {
 
 using fake::Cell;
 using fake::noRows;
@@ -363,4 +363,4 @@ TEST_F(RegistrationTest, MemoryThatRunsOutLeavesNothingHalfSaid)
     zel::setTraceSink(sink);
 }
 
-} // namespace
+} // namespace registrationTest

@@ -1,6 +1,6 @@
 #include "contract/PresenceFixture.h"
 
-namespace {
+namespace resetTest {
 
 using fake::command;
 using fake::nothing;
@@ -135,4 +135,4 @@ TEST_F(ResetTest, AConnectionThatIsLostWithoutAnEarlierFailureLeavesTheMessageEm
     EXPECT_EQ(executor.getErrorMessage(), "");
 }
 
-} // namespace
+} // namespace resetTest

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace routingTest {
 
 using fake::Cell;
 using fake::noRows;
@@ -685,4 +685,4 @@ std::vector<Question> questions()
 
 INSTANTIATE_TEST_SUITE_P(Service, NeverConnectedRouting, testing::ValuesIn(questions()), kRowName);
 
-} // namespace
+} // namespace routingTest

@@ -14,7 +14,7 @@
 
 // What the services have in common: how they are connected, and what they are without a connection.
 
-namespace {
+namespace serviceConnectionTest {
 
 using oryx::DatabaseResult;
 using oryx::LocationService;
@@ -185,4 +185,4 @@ TYPED_TEST(ServiceConnection, NeverMadeMeansAnEmptyDomainName)
     EXPECT_EQ(this->trace.take(), "");
 }
 
-} // namespace
+} // namespace serviceConnectionTest

@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+namespace sessionOptionsTest {
 
 using oryx::SessionOptions;
 
@@ -123,4 +123,4 @@ TEST(SessionOptionsTest, TellOfWordsThatTheyDoNotKnow)
               "plain 2000\noryx log: ORYX_DEADLINE counts for bound statements only: set ORYX_STATEMENTS=bound\n");
 }
 
-} // namespace
+} // namespace sessionOptionsTest

@@ -14,7 +14,7 @@
 #include <chrono>
 #include <string>
 
-namespace {
+namespace sessionStatisticsTest {
 
 using oryx::SessionStatistics;
 
@@ -121,4 +121,4 @@ TYPED_TEST(CountingStatements, CountsForTheProcessToo)
     EXPECT_EQ(after.lastError, "a statement was refused: 23505");
 }
 
-} // namespace
+} // namespace sessionStatisticsTest

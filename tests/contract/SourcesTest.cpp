@@ -1,6 +1,6 @@
 #include "contract/PresenceFixture.h"
 
-namespace {
+namespace sourcesTest {
 
 using fake::Cell;
 using fake::command;
@@ -436,4 +436,4 @@ TEST_F(SourcesTest, AKeyMayPointIntoTheVectorThatGrows)
     EXPECT_EQ(show(records), kWinfoBefore + appended + appended + appended);
 }
 
-} // namespace
+} // namespace sourcesTest

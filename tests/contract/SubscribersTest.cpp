@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-namespace {
+namespace subscribersTest {
 
 using fake::Cell;
 using fake::command;
@@ -408,4 +408,4 @@ TEST_F(SubscribersTest, AnEmptyContactSetIsStoredWithoutAnOrdering)
     EXPECT_EQ(libpq.take(), "exec INSERT INTO contact_set(sid,csid,ordering) VALUES('-1','-1',NULL);\n");
 }
 
-} // namespace
+} // namespace subscribersTest

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace tableChangeNotificationTest {
 
 using fake::command;
 using fake::nothing;
@@ -130,8 +130,6 @@ protected:
 
 /// A wait with a callback of the test's own.
 using TableChangeCallback = TableChange;
-
-} // namespace
 
 TEST_F(TableChangeSubscription, IsOneStatement)
 {
@@ -373,3 +371,5 @@ TEST_F(TableChangeCallback, MayFollowAFormerWait)
     EXPECT_EQ(wait(), kAccepted + statements() + kTurn + kTurn);
     EXPECT_EQ(changes.calls(), "false ''\ntrue 'contact_set'\nfalse ''\n");
 }
+
+} // namespace tableChangeNotificationTest

@@ -1,6 +1,6 @@
 #include "contract/PresenceFixture.h"
 
-namespace {
+namespace watchersTest {
 
 using fake::Cell;
 using fake::command;
@@ -354,4 +354,4 @@ TEST_F(WatchersTest, AKeyMayPointIntoTheVectorThatGrows)
     EXPECT_EQ(show(records), kBefore + appended + appended + appended);
 }
 
-} // namespace
+} // namespace watchersTest

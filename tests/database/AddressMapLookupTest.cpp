@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace addressMapLookupTest {
 
 /// Two contact sets with a contact each that names its set: "sales", 12, and "help", 13.
 class AddressMaps : public ServiceTest {
@@ -92,8 +92,6 @@ std::string scans(const std::string& plan)
 }
 
 const std::string kNone = "not found - replacing";
-
-} // namespace
 
 TEST_F(AddressMaps, ServeNothingWhileThereAreNone)
 {
@@ -302,3 +300,5 @@ TEST_F(AddressMaps, ReadNoContactSetsButTheirOwnAmongAMillion)
         }
     }
 }
+
+} // namespace addressMapLookupTest

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace addressMapPatternTest {
 
 const std::string kTooLarge = "stands for more than 1000 characters and operators when its repetitions are written out";
 const std::string kTooManyStates = "needs more than 500 states: what follows a repetition matches what is repeated";
@@ -48,8 +48,6 @@ protected:
         return "okay";
     }
 };
-
-} // namespace
 
 TEST_F(AddressMapPattern, OfADialPlanIsFine)
 {
@@ -245,16 +243,12 @@ TEST_F(AddressMapPattern, LetsReadersSeeWhatWasRefusedAndServersNot)
 
 // A database from before the rule ----------------------------------------------------------------------------------
 
-namespace {
-
 class OlderDatabase : public MigrationTest {
 protected:
     OlderDatabase() : MigrationTest("120") {}
 
     const server::Database m_other; // with which comes the role that the library connects as
 };
-
-} // namespace
 
 TEST_F(OlderDatabase, KeepsGoodMapsAndMovesTheOthersAside)
 {
@@ -316,3 +310,5 @@ TEST_F(OlderDatabase, IsDumpedAndRestoredWithTheRule)
     EXPECT_EQ(session.rows("SELECT handle FROM public.address_map"), "a\n");
     EXPECT_THROW(session.run("UPDATE public.address_map SET pattern = '(a*)*'"), std::runtime_error);
 }
+
+} // namespace addressMapPatternTest

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace attacksTest {
 
 constexpr std::chrono::seconds kPatience(20);
 
@@ -86,8 +86,6 @@ private:
     server::Session& m_superuser;
     std::string m_name;
 };
-
-} // namespace
 
 // Kept from everybody ----------------------------------------------------------------------------------------------
 
@@ -328,3 +326,5 @@ TEST_F(Attacks, WhatASuperuserHasSetForALoginItCannotTakeBack)
                              " generate_series(1, 300000) n OFFSET 0) t"),
               "ERROR:  temporary file size exceeds temp_file_limit (1024kB)");
 }
+
+} // namespace attacksTest

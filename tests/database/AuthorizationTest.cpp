@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace authorizationTest {
 
 using oryx::AccessControlEntry;
 using oryx::ListSubscriptionRecord;
@@ -92,8 +92,6 @@ std::string entry(const std::string& object)
 }
 
 const std::string kMapped = "list1|sub1|2000000000\nlist1|sub2|-1\nlist2|sub1|60\n";
-
-} // namespace
 
 TEST_F(AccessControl, GoesByTheAddressThenTheHandleThenTheDefaultPolicy)
 {
@@ -265,3 +263,5 @@ TEST_F(ListMappings, AreRemovedOneByOne)
     EXPECT_EQ(outcome(m_executor.removeListMapping("list1", kQuoted)), plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), "list1|sub2|-1\nlist2|sub1|60\n");
 }
+
+} // namespace authorizationTest

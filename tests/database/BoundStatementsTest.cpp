@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace boundStatementsTest {
 
 using oryx::DatabaseResult;
 using oryx::QueryResult;
@@ -289,4 +289,4 @@ TEST_F(BoundThroughRelay, AStatementWhoseConnectionIsCutWhileItIsSentIsSentAgain
     EXPECT_TRUE(m_executor.getListId(megabytes.c_str(), &id).notFound());
 }
 
-} // namespace
+} // namespace boundStatementsTest

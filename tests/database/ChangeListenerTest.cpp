@@ -25,7 +25,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace changeListenerTest {
 
 using oryx::ChangedTable;
 using oryx::ChangeListener;
@@ -268,8 +268,6 @@ protected:
 const std::string kNothingLogged =
     "everything: acp extension conf_state conf_state_reset public_address subscriber contact_set sip_event_aggregator";
 
-} // namespace
-
 TEST_F(Listener, IsToldAtFirstToReadEverythingAndThenOfEachChange)
 {
     listen();
@@ -424,11 +422,7 @@ TEST_F(Listener, IsStoppedByItsCallback)
     EXPECT_EQ(m_calls.await(2), (std::vector<std::string>{kEverything, "acp!"}));
 }
 
-namespace {
-
 std::atomic<ChangeListener*> interrupted = nullptr;
-
-} // namespace
 
 TEST_F(Listener, IsStoppedByASignalHandler)
 {
@@ -748,3 +742,5 @@ TEST_F(ListenerOfTheLog, MissesNothingAndDoublesNothingWhileItsConnectionsAreLos
     EXPECT_EQ(delivered(), logged());
     EXPECT_EQ(end(), "okay");
 }
+
+} // namespace changeListenerTest

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace changeLogTest {
 
 using oryx::DatabaseUpdate;
 
@@ -86,8 +86,6 @@ std::chrono::milliseconds timed(server::Session& session, const std::string& sta
 }
 
 using ChangeLogRights = ExecutorTest;
-
-} // namespace
 
 TEST_F(ChangeLogAmongWriters, KeepsNothingFromAReaderOfTheHighestStamp)
 {
@@ -185,8 +183,6 @@ TEST_F(ChangeLogRights, KeepEveryLoginFromMakingLargeObjects)
 
 // A database whose log is stamped by the row -----------------------------------------------------------------------
 
-namespace {
-
 class OlderLog : public MigrationTest {
 protected:
     OlderLog() : MigrationTest("150") {}
@@ -199,8 +195,6 @@ protected:
 
 constexpr const char* kLog = "SELECT table_name, pk_int, pk_char, evt_timestamp FROM public.event_notify"
                              " ORDER BY evt_timestamp, pk_int, pk_char";
-
-} // namespace
 
 TEST_F(OlderLog, IsKeptWithItsReadersAndGoneOn)
 {
@@ -240,3 +234,5 @@ TEST_F(OlderLog, IsDumpedAndRestoredWithItsStamps)
               "d\n");
     EXPECT_THROW(session.run("SET ROLE oryx_reader; SELECT lo_create(0)"), std::runtime_error);
 }
+
+} // namespace changeLogTest

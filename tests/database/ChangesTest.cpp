@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace changesTest {
 
 using oryx::CMRecord;
 using oryx::DatabaseUpdate;
@@ -92,8 +92,6 @@ const std::string k4 = "call manager 'manager4' type='udp' address='192.0.2.4' p
 const std::string k5 = "call manager 'Manager5' type='tls' address='192.0.2.5' port='5061'\n";
 const std::string k6 = "call manager 'manager6' type='tls' address='192.0.2.6' port='5061'\n";
 const std::string k7 = "call manager 'manager7' type='' address='' port=''\n";
-
-} // namespace
 
 TEST_F(TableChangesOfTheEventServer, AreWaitedForUntilTheConnectionIsLost)
 {
@@ -224,3 +222,5 @@ TEST_F(CallManagers, AreNoneWhereTheyCannotBeRead)
     sql("REVOKE SELECT ON acp FROM oryx_server");
     EXPECT_EQ(matching({}, false), "okay\n");
 }
+
+} // namespace changesTest

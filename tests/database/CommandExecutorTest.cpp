@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace commandExecutorTest {
 
 /// What both executors have.
 template <typename Executor>
@@ -64,8 +64,6 @@ protected:
 
     oryx::QueryResult m_result;
 };
-
-} // namespace
 
 TYPED_TEST(ExecutorFrame, RunsNothingBeforeItIsConnected)
 {
@@ -285,3 +283,5 @@ TEST_F(PresenceExecutor, TellsThatItIsNotConnected)
               "connection error: attempt to execute a command with no database connection");
     EXPECT_EQ(m_result.getErrorMessage(), "not executed");
 }
+
+} // namespace commandExecutorTest

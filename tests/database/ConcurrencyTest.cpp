@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace concurrencyTest {
 
 class Concurrency : public DatabaseTest {
 protected:
@@ -69,8 +69,6 @@ std::string serve(oryx::LocationService& service, int number)
 
 const std::string kAllWell = " okay 42 okay okay okay sequential both okay okay oryx.example";
 
-} // namespace
-
 TEST_F(Concurrency, OfTwoServicesLeavesEachItsOwn)
 {
     std::atomic<int> lines = 0;
@@ -123,3 +121,5 @@ TEST_F(Concurrency, CreatesAnAddressOfRecordForOneOfTwo)
         sql("DELETE FROM contact_set WHERE csid <> 12");
     }
 }
+
+} // namespace concurrencyTest

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace conferenceTest {
 
 using oryx::ConfExtRecord;
 
@@ -72,8 +72,6 @@ const std::string k600 = "conference '600' 'IDLE' since 1700000000\n";
 const std::string k601 = "conference '601' 'IN USE' since 1700000001\n";
 const std::string k602 = "conference '602' 'INVALID' since 0\n";
 const std::string k603 = "conference '603' 'In use' since 1700000003\n";
-
-} // namespace
 
 TEST_F(ConferenceStates, AreReadByTheirExtension)
 {
@@ -275,3 +273,5 @@ TEST_F(ConferenceStates, AreReservedOnceEachByEightServersAtATime)
               "400|400|1001|1400\n");
     EXPECT_EQ(rows("SELECT conf_status, count(*) FROM conf_state GROUP BY conf_status"), "IN USE|400\n");
 }
+
+} // namespace conferenceTest

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace contactsTest {
 
 class Contacts : public ExecutorTest {
 protected:
@@ -75,8 +75,6 @@ const std::string kNothing = "okay ordering='as before' replace=yes\n";
 const std::string kAlicesSet = "okay ordering='sequential' replace=yes\n";
 const std::string kRowOfA = "12|sip:a@192.0.2.1|0.7|2000000000|f|audio|<sip:a@192.0.2.1>;q=0.7|"
                             "843817637684230@998sdasdh09|1826|1\n";
-
-} // namespace
 
 TEST_F(Contacts, AreFoundWithTheirSetsOrderingInAllThreeWays)
 {
@@ -313,3 +311,5 @@ TEST_F(Contacts, KeepTextsOfAnyLanguageAndLength)
     EXPECT_EQ(add("alice", "oryx.example", binding), 0);
     expectFound(kAlicesSet + oryx::show(binding));
 }
+
+} // namespace contactsTest

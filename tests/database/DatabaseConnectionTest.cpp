@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+namespace databaseConnectionTest {
 
 class Connecting : public DatabaseTest {
 protected:
@@ -45,8 +45,6 @@ std::string failedAttempt(const std::string& port, const std::string& reason)
 {
     return "connection to server at \"127.0.0.1\", port " + port + " failed: " + reason + "\n";
 }
-
-} // namespace
 
 TEST_F(Connecting, ReachesTheDatabaseThatTheUriNames)
 {
@@ -249,3 +247,5 @@ TEST_F(Executing, TracesTheServersNoticesAlsoAfterAReset)
     EXPECT_TRUE(m_connection.execute(notice, m_result));
     EXPECT_EQ(trace.take(), traced);
 }
+
+} // namespace databaseConnectionTest

@@ -13,12 +13,10 @@
 #include <new>
 #include <string>
 
-namespace {
+namespace descriptorsTest {
 
 /// How often something was closed that was not open, which in a program with threads may be another's by then.
 std::atomic<int> closedInVain = 0;
-
-} // namespace
 
 /// Stands before the C library's own.
 extern "C" [[gnu::visibility("default")]] int close(int descriptor)
@@ -27,8 +25,6 @@ extern "C" [[gnu::visibility("default")]] int close(int descriptor)
     closedInVain += outcome != 0 && errno == EBADF ? 1 : 0;
     return outcome;
 }
-
-namespace {
 
 using Descriptors = ServiceTest;
 
@@ -52,4 +48,4 @@ TEST_F(Descriptors, ThatAreAllInUseAreEachClosedOnceByAChild)
     EXPECT_EQ(rows("SELECT pid FROM pg_stat_activity WHERE pid = " + before), before + "\n");
 }
 
-} // namespace
+} // namespace descriptorsTest

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace dialogsTest {
 
 using oryx::PresenceRecord;
 
@@ -102,8 +102,6 @@ std::string of(const std::vector<PresenceRecord>& dialogs, const std::vector<std
 }
 
 const std::string kNone = "not found\n";
-
-} // namespace
 
 TEST_F(Dialogs, AreStoredAndReadBack)
 {
@@ -348,3 +346,5 @@ TEST_F(Dialogs, CannotBeReadOrChangedWithoutTheRight)
     EXPECT_EQ(outcome(m_executor.deleteWatcher("incoming#1")), "connection error: " + denied);
     EXPECT_EQ(outcome(m_executor.updateWatcherContact("incoming#1", "c", 1)), kRefusedUpdate);
 }
+
+} // namespace dialogsTest

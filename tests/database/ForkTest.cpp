@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-namespace {
+namespace forkTest {
 
 class Fork : public ServiceTest {
 protected:
@@ -121,4 +121,4 @@ TEST_F(Fork, IsNotHungByAThreadThatReadsTheDomainList)
     reader.join();
 }
 
-} // namespace
+} // namespace forkTest

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace hostAndRoutingTest {
 
 class HostAndRouting : public ExecutorTest {
 protected:
@@ -91,8 +91,6 @@ oryx::AddressMapRecord addressMap(const char* handle, const char* pattern, int p
     map.setPriority(priority);
     return map;
 }
-
-} // namespace
 
 TEST_F(HostAndRouting, HasNoHostSettingsInAnEmptyTable)
 {
@@ -276,3 +274,5 @@ TEST_F(HostAndRouting, ReadsAccessRulesInTheOrderOfTheirQvalue)
                              "rule -1 'c.example' direction='o' action='a'\n"
                              "rule -1 '*' direction='*' action='d'\n");
 }
+
+} // namespace hostAndRoutingTest

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace keysTest {
 
 class Keys : public ExecutorTest {
 protected:
@@ -46,8 +46,6 @@ class ReleasedDatabase : public MigrationTest {
 protected:
     ReleasedDatabase() : MigrationTest("150") {}
 };
-
-} // namespace
 
 TEST_F(Keys, TellLogicalReplicationEveryRow)
 {
@@ -293,3 +291,5 @@ TEST_F(ReleasedDatabase, KeepsTheFirstOfRepeatedRows)
     EXPECT_EQ(m_session->rows("SELECT acl_id FROM access_control_list ORDER BY 1"), "1\n3\n5\n");
     EXPECT_EQ(m_session->rows("SELECT property_id FROM proxy_configuration ORDER BY 1"), "7\n8\n");
 }
+
+} // namespace keysTest

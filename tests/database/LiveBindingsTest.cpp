@@ -8,7 +8,7 @@
 
 #include <string>
 
-namespace {
+namespace liveBindingsTest {
 
 class LiveBindings : public ServiceTest {
 protected:
@@ -148,4 +148,4 @@ TEST_F(LiveBindings, CanBeLookedUpWhereNothingMayBeWritten)
     EXPECT_EQ(order(), "sip:a 1000; ");
 }
 
-} // namespace
+} // namespace liveBindingsTest

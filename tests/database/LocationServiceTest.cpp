@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace locationServiceTest {
 
 class Service : public ServiceTest {
 protected:
@@ -56,8 +56,6 @@ oryx::ContactRecord refreshed(const std::string& address)
     binding.setCseq(1827);
     return binding;
 }
-
-} // namespace
 
 TEST_F(Service, ReportsAConnectionErrorBeforeItIsConnected)
 {
@@ -405,3 +403,5 @@ TEST_F(Service, NamesTheFirstDomain)
     std::string domain;
     EXPECT_EQ(m_service.getDomainName(domain), "oryx.example");
 }
+
+} // namespace locationServiceTest

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace lostConnectionTest {
 
 using server::Proxy;
 
@@ -83,8 +83,6 @@ const std::string kClosed = "[00000] server closed the connection unexpectedly";
 /// Plain statements tell what libpq said of the statement; bound ones have nothing but the connection's failure.
 const std::string kLostTwice =
     plainOrBound("query error: " + kClosed, "connection error: fatal query error after reset");
-
-} // namespace
 
 TEST_F(LostService, IsReplacedUnnoticedBetweenTwoRequests)
 {
@@ -390,3 +388,5 @@ TEST_F(LostExecutor, RepeatsUnnoticedWhatMayHappenTwice)
     EXPECT_EQ(m_executor.removeSubscriber(7), 1);
     EXPECT_EQ(rows("SELECT count(*) FROM subscriber"), "0\n");
 }
+
+} // namespace lostConnectionTest

@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-namespace {
+namespace migrationsTest {
 
 using Clock = std::chrono::steady_clock;
 
@@ -52,8 +52,6 @@ std::chrono::milliseconds longestLookup(const std::string& database, const std::
     } while (over.wait_for(std::chrono::seconds(0)) == std::future_status::timeout);
     return std::chrono::duration_cast<std::chrono::milliseconds>(longest);
 }
-
-} // namespace
 
 TEST_F(Migrations, AreListedWithHowTheyStand)
 {
@@ -288,8 +286,6 @@ TEST_F(Migrations, AreRepeatedIfTheyHaveStoppedHalfWay)
 
 // What differs -----------------------------------------------------------------------------------------------------
 
-namespace {
-
 /// A database with the whole schema.
 class SchemaCheck : public MigrationTest {
 protected:
@@ -316,8 +312,6 @@ protected:
             << told();
     }
 };
-
-} // namespace
 
 TEST_F(SchemaCheck, FindsNothingWhereTheSchemaHasJustBeenApplied)
 {
@@ -464,3 +458,5 @@ TEST_F(SchemaCheck, TellsMigrationsToo)
     addMigration("999_last", "SELECT 1;");
     EXPECT_EQ(check(m_name), "-- migration 999_last is pending: schema/apply --dry-run says more\n1");
 }
+
+} // namespace migrationsTest

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace presenceLocationTest {
 
 using oryx::ContactRecord;
 using oryx::ExtendedContactRecord;
@@ -216,8 +216,6 @@ std::string deniedQuery(const std::string& table)
 {
     return "query error: [42501] ERROR:  permission denied for table " + table;
 }
-
-} // namespace
 
 TEST_F(ContactsOfPresentities, AreFoundByKeyAndBySetWithEveryField)
 {
@@ -549,3 +547,5 @@ TEST_F(ExpiredContacts, StayUnreportedWhereTheirRemovalIsRefused)
     deny("SELECT", "contact");
     EXPECT_EQ(flush(), deniedQuery("contact") + "\n");
 }
+
+} // namespace presenceLocationTest

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace presenceSchemaTest {
 
 /// A second session is there for what happens while a transaction of the first is open; it rather fails than waits for
 /// its end.
@@ -334,8 +334,6 @@ std::string reads(const std::string& plan)
     }
     return text;
 }
-
-} // namespace
 
 TEST_F(PresenceSchema, TakesEveryStatementOfAServer)
 {
@@ -674,3 +672,5 @@ TEST_F(ChangeLog, IsTrimmedOfWhatIsOlderThanAsked)
     sql("COMMIT");
     EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "while trimming\n");
 }
+
+} // namespace presenceSchemaTest

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace presenceServiceTest {
 
 using oryx::AccessControlEntry;
 using oryx::CMRecord;
@@ -445,4 +445,4 @@ TEST_F(PresenceServices, GiveTheirExecutorForWhatTheyDoNotOffer)
     EXPECT_EQ(rows("SELECT * FROM listsubscriptions"), "");
 }
 
-} // namespace
+} // namespace presenceServiceTest

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace {
+namespace publicAddressesTest {
 
 class PublicAddresses : public ExecutorTest {
 protected:
@@ -38,8 +38,6 @@ oryx::PublicAddressRecord alice()
     rec.setPublicAddressId(42);
     return rec;
 }
-
-} // namespace
 
 TEST_F(PublicAddresses, AreCreatedWithAContactSetOfTheirOwn)
 {
@@ -169,3 +167,5 @@ TEST_F(PublicAddresses, AreNotFoundWhereThereAreNone)
               plainOrBound("query error: " + kBroken, "not found") + " " + show(before));
     EXPECT_EQ(lookup("alice", "oryx.example", before), "okay " + show(alice()));
 }
+
+} // namespace publicAddressesTest

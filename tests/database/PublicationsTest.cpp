@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace publicationsTest {
 
 using oryx::PublishAnswer;
 using oryx::PublishRequest;
@@ -361,4 +361,4 @@ TEST_F(PublicationsThroughProxy, AreLimitedWithoutCountingTheFirstSending)
     EXPECT_EQ(m_losing.apply(limited), kMany);
 }
 
-} // namespace
+} // namespace publicationsTest

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace {
+namespace queryResultTest {
 
 class QueryResults : public DatabaseTest {
 protected:
@@ -42,8 +42,6 @@ protected:
     oryx::DatabaseConnection m_connection;
     oryx::QueryResult m_result;
 };
-
-} // namespace
 
 TEST_F(QueryResults, AnswersNeutrallyBeforeAnyStatement)
 {
@@ -163,3 +161,5 @@ TEST_F(QueryResults, HoldALargeResult)
     EXPECT_EQ(m_result.rows(), 10000);
     EXPECT_STREQ(m_result.getValue(9999, 0), "sip:10000");
 }
+
+} // namespace queryResultTest

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace registrationTest {
 
 using oryx::RegisterAnswer;
 using oryx::RegisterContact;
@@ -443,4 +443,4 @@ TEST_F(RegistrationThroughProxy, DoesNotUndoANewerOneWhenItIsSentAgain)
     EXPECT_EQ(stored(), kA + "|1000030|call|5\n");
 }
 
-} // namespace
+} // namespace registrationTest

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace registrationsTest {
 
 using oryx::RegisterContact;
 using oryx::RegisterRequest;
@@ -276,4 +276,4 @@ TEST_F(RegistrationsThroughProxy, AllFailWhereTheConnectionIsLostForGood)
     EXPECT_EQ(stored(), "");
 }
 
-} // namespace
+} // namespace registrationsTest

@@ -22,12 +22,10 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace repetitionTest {
 
 /// Whether libpq finds no memory for a result that the library makes.
 bool makesNoResults = false;
-
-} // namespace
 
 /// Stands before libpq's own, which does not call it.
 extern "C" [[gnu::visibility("default")]] int PQsetResultAttrs(PGresult* result, int count, PGresAttDesc* columns)
@@ -35,8 +33,6 @@ extern "C" [[gnu::visibility("default")]] int PQsetResultAttrs(PGresult* result,
     static auto* const real = reinterpret_cast<decltype(&PQsetResultAttrs)>(dlsym(RTLD_NEXT, "PQsetResultAttrs"));
     return makesNoResults ? 0 : real(result, count, columns);
 }
-
-namespace {
 
 using oryx::ContactRecord;
 using server::Proxy;
@@ -178,8 +174,6 @@ std::string row(long cseq, const std::string& address = kA)
 {
     return address + "|" + std::to_string(cseq) + "|" + std::to_string(kExpires + cseq) + "\n";
 }
-
-} // namespace
 
 // Refreshes --------------------------------------------------------------------------------------------------------
 
@@ -595,8 +589,6 @@ TEST_F(Repetition, IsRememberedForADayAtLeast)
               plainOrBound("1\n2\n", "2\n"));
 }
 
-namespace {
-
 /// What the schema does with the numbers that a server sends, whatever its way.
 class Sending : public ExecutorTest {
 protected:
@@ -624,8 +616,6 @@ protected:
     const std::string m_remove = "DELETE FROM contact WHERE address = 'sip:a'";
     const std::string m_refused = "query error: [OX001] ERROR:  this change has taken effect before";
 };
-
-} // namespace
 
 TEST_F(Sending, ThatComesAgainOrAfterALaterOneOfItsSessionChangesNothing)
 {
@@ -761,3 +751,5 @@ TEST_F(Sending, IsNotSaidInsideACallersTransaction)
     EXPECT_EQ(bindingsStored(), kA + "\n");
     EXPECT_EQ(rows("SELECT count(*) FROM away"), "0\n");
 }
+
+} // namespace repetitionTest

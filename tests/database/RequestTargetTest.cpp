@@ -8,7 +8,7 @@
 
 #include <string>
 
-namespace {
+namespace requestTargetTest {
 
 class RequestTargets : public ServiceTest {
 protected:
@@ -193,4 +193,4 @@ TEST_F(RequestTargets, AreNotToldWhereAStepFails)
               "connection error: lookup attempted without a database connection");
 }
 
-} // namespace
+} // namespace requestTargetTest

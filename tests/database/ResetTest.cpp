@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace resetTest {
 
 using Executor = oryx::PresenceDatabaseCommandExecutor;
 using server::Proxy;
@@ -79,8 +79,6 @@ std::string denied(const std::string& table)
 {
     return "connection error: [42501] ERROR:  permission denied for table " + table;
 }
-
-} // namespace
 
 TEST_F(Leftovers, AreRemovedTableByTable)
 {
@@ -193,3 +191,5 @@ TEST_F(LostLeftovers, TellTheConnectionsReasonWhereItIsAsked)
     loseServer();
     EXPECT_EQ(show(m_executor.updateWatcherContact("incoming#1", "c", 1)), notReset);
 }
+
+} // namespace resetTest

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace rolesTest {
 
 class Roles : public ExecutorTest {
 protected:
@@ -44,8 +44,6 @@ std::string denied(const std::string& what)
 {
     return "query error: [42501] ERROR:  " + what;
 }
-
-} // namespace
 
 TEST_F(Roles, KeepServersFromChangingTheSchema)
 {
@@ -87,8 +85,6 @@ TEST_F(Roles, LetReadersSeeAllButPasswords)
 // What each role can do --------------------------------------------------------------------------------------------
 // Tried, and not read from the catalogue: each column of each table, each sequence and each function. That a role needs
 // what it can do is in tests/hostile/RightsTest.cpp.
-
-namespace {
 
 class RolesTried : public DatabaseTest {
 protected:
@@ -193,8 +189,6 @@ std::string RolesTried::possible(const std::string& group)
     }
     return text;
 }
-
-} // namespace
 
 TEST_F(RolesTried, RegistrarsKeepBindingsAndReadCredentials)
 {
@@ -472,3 +466,5 @@ TEST_F(DatabaseTest, AnOwnerWhoIsNoSuperuserAppliesTheSchemaAndIsToldWhatStaysOp
     sql("DROP DATABASE " + owned + " WITH (FORCE)");
     sql("DROP ROLE " + owner);
 }
+
+} // namespace rolesTest

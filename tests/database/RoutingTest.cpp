@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace routingTest {
 
 class Routing : public ServiceTest {
 protected:
@@ -49,8 +49,6 @@ protected:
         sql("INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES " + rules);
     }
 };
-
-} // namespace
 
 TEST_F(Routing, TheDefaultRouteIsTheParentsContactSet)
 {
@@ -164,3 +162,5 @@ TEST_F(Routing, QuestionsAreAnsweredOverANewConnectionWhenTheirsWasTerminated)
     terminate(backend());
     EXPECT_EQ(inbound("example.com"), "okay denied");
 }
+
+} // namespace routingTest

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace searchesTest {
 
 using oryx::PresenceRecord;
 using oryx::SourcesRecord;
@@ -80,8 +80,6 @@ class DatabaseBeforeSearches : public MigrationTest {
 protected:
     DatabaseBeforeSearches() : MigrationTest("150") {}
 };
-
-} // namespace
 
 TEST_F(Searches, AskAnIndexForThePartThatTellsRowsApart)
 {
@@ -238,3 +236,5 @@ TEST_F(DatabaseBeforeSearches, IsMigratedWithoutWritingItsRowsAnew)
               "event_sources|presentity\nevent_watchers|presentitykey\nsubscription_states|fromhdr\n"
               "subscription_states|requesturi\nsubscription_states|tohdr\n");
 }
+
+} // namespace searchesTest

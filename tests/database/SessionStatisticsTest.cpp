@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+namespace sessionStatisticsTest {
 
 using oryx::SessionStatistics;
 
@@ -133,4 +133,4 @@ TEST_F(Statistics, TellTheOperatorOfAnOutageOnceAMinute)
     EXPECT_EQ(reports, 1);
 }
 
-} // namespace
+} // namespace sessionStatisticsTest

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace sourcesTest {
 
 using oryx::SourcesRecord;
 using oryx::WatcherInfoRecord;
@@ -80,8 +80,6 @@ const WatcherInfoRecord kFirst("bob#winfo", "s1", "sip", 1, 2000000000);
 const WatcherInfoRecord kSecond("carol#winfo", "s2", "pres", 2, 2100000000);
 const std::string kRowOfFirst = "bob#winfo|s1|sip|1|2000000000\n";
 const std::string kRowOfSecond = "carol#winfo|s2|pres|2|2100000000\n";
-
-} // namespace
 
 TEST_F(EventSources, AreStored)
 {
@@ -269,3 +267,5 @@ TEST_F(WatcherInformation, IsRemovedByItsSubscriber)
     EXPECT_EQ(outcome(m_executor.deleteWinfoForPresentity(kQuoted)), plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), kRowOfFirst);
 }
+
+} // namespace sourcesTest

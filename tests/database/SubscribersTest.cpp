@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+namespace subscribersTest {
 
 class Subscribers : public ExecutorTest {
 protected:
@@ -52,8 +52,6 @@ oryx::SubscriberRecord alice()
     rec.setOid(3);
     return rec;
 }
-
-} // namespace
 
 TEST_F(Subscribers, AreStoredAndAuthenticateUnderTheirUserId)
 {
@@ -274,3 +272,5 @@ TEST_F(Subscribers, GetContactSets)
     EXPECT_EQ(rows("SELECT csid, sid, ordering, replace_uri FROM contact_set ORDER BY csid"),
               "12|7|sequential|NULL\n13|7|parallel|NULL\n14|7|NULL|NULL\n");
 }
+
+} // namespace subscribersTest

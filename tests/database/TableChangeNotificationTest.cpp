@@ -24,7 +24,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace tableChangeNotificationTest {
 
 constexpr std::array kTables{"acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
                              "subscriber", "contact_set", "sip_event_aggregator"};
@@ -131,8 +131,6 @@ private:
 
     std::unique_ptr<PGconn, void (*)(PGconn*)> m_listener{nullptr, PQfinish};
 };
-
-} // namespace
 
 TEST_F(TableChangeWait, HandsOnWhatAnotherConnectionNotifies)
 {
@@ -346,3 +344,5 @@ TEST_F(TableChangeAnnouncement, DoesNotComeForARegistration)
     EXPECT_EQ(announced("UPDATE contact SET expires = 2000000000"), Channels{});
     EXPECT_EQ(announced("DELETE FROM contact"), Channels{});
 }
+
+} // namespace tableChangeNotificationTest

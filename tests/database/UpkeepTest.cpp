@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace {
+namespace upkeepTest {
 
 class Upkeep : public ExecutorTest {
 protected:
@@ -69,8 +69,6 @@ protected:
 };
 
 const std::string kNothingForgotten = "done|forget_sendings|0|rows|not written for a day\n";
-
-} // namespace
 
 TEST_F(Upkeep, TrimsTheChangeLogAndForgetsEndedSessions)
 {
@@ -332,3 +330,5 @@ TEST_F(Upkeep, DoesNotTakeForGoodWhatItCannotSee)
               "horizon_held_back\noldest_transaction\nreplication_lag\n");
     sql("ROLLBACK");
 }
+
+} // namespace upkeepTest

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace watchersTest {
 
 using oryx::WatchersRecord;
 
@@ -67,8 +67,6 @@ std::string read(WatchersRecord record, const std::string& key, const std::strin
     record.remoteContactHdr(contact);
     return show(record);
 }
-
-} // namespace
 
 TEST_F(Watchers, AreStoredWithoutTheirContact)
 {
@@ -229,3 +227,5 @@ TEST_F(Watchers, AreRemovedOneByOne)
               plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), row(kCarol) + row(kDave));
 }
+
+} // namespace watchersTest

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace checkerTest {
 
 using namespace drill;
 
@@ -40,8 +40,6 @@ protected:
 };
 
 const std::string kKey = "contact/c0.0";
-
-} // namespace
 
 TEST_F(Checker, FindsNothingWrongWithWhatWasAcknowledged)
 {
@@ -353,8 +351,6 @@ TEST_F(Checker, MeasuresTheReturnOfTheWorkerThatTakesLongest)
     EXPECT_EQ(recovery({m_entries, {}}, {Time(1)}), Time(std::chrono::seconds(-1)));
 }
 
-namespace {
-
 class JournalFile : public testing::Test {
 protected:
     JournalFile() { m_file = ::testing::TempDir() + "journal." + std::to_string(::getpid()); }
@@ -375,8 +371,6 @@ protected:
 };
 
 const std::string kAsked = "ask 0 1 enter contact/c0.0 1\n";
-
-} // namespace
 
 TEST_F(JournalFile, IsReadAsItWasWritten)
 {
@@ -408,3 +402,5 @@ TEST_F(JournalFile, IsRefusedWhereALineIsNoneOfAJournal)
         EXPECT_THROW(read(kAsked + line + "ask 1 3 remove contact/c0.0 0\n"), std::exception) << line;
     }
 }
+
+} // namespace checkerTest

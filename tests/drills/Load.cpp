@@ -18,7 +18,7 @@ namespace {
 /// A server that gets an error has other requests to answer before it comes back to this one.
 constexpr std::chrono::milliseconds kPause(20);
 constexpr int kDialogs = 10;
-constexpr std::size_t kExtensions = 3;
+constexpr std::size_t kMostHeld = 3;
 
 /// What a worker believes of a key. After an error it does not know, and reads before it goes on.
 struct Belief {
@@ -112,7 +112,7 @@ private:
 
     Answer extension()
     {
-        if (m_held.size() < kExtensions && (m_held.empty() || chance(2) == 0)) {
+        if (m_held.size() < kMostHeld && (m_held.empty() || chance(2) == 0)) {
             Answer answer = m_jobs.reserve();
             if (answer.outcome == Outcome::okay) {
                 m_held.push_back(answer.seen);

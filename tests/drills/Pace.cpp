@@ -15,7 +15,7 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr int kFirst = 10001; // key of the first address of record, "p10001"
-constexpr int kAddresses = 100000;
+constexpr int kAddressesOfRecord = 100000;
 
 bool refresh(oryx::LocationService& service, int key, long cseq)
 {
@@ -52,7 +52,7 @@ std::string measurePace(const Account& account, const std::string& request, int 
             oryx::LocationService service;
             account.connect(service);
             std::mt19937 random(static_cast<std::mt19937::result_type>(number));
-            std::uniform_int_distribution<int> keys(kFirst, kFirst + kAddresses - 1);
+            std::uniform_int_distribution<int> keys(kFirst, kFirst + kAddressesOfRecord - 1);
             for (long cseq = 2; steady_clock::now() < begin + time && !failed; ++cseq) {
                 const int key = keys(random);
                 failed = failed || !(request == "refresh" ? refresh(service, key, cseq) : lookUp(service, key));

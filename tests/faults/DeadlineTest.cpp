@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace deadlineTest {
 
 using oryx::DatabaseResult;
 using oryx::SessionOptions;
@@ -220,4 +220,4 @@ TEST_F(Deadline, EndsAListenersWaitWhenItsConnectionIsDead)
     m_proxy.swallow(false);
 }
 
-} // namespace
+} // namespace deadlineTest

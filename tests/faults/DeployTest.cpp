@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace deployTest {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -103,8 +103,6 @@ protected:
 };
 
 const std::string kStrings = "'client_encoding', 'standard_conforming_strings'";
-
-} // namespace
 
 TEST_F(Deployed, SetsForEachRoleWhatItNeeds)
 {
@@ -345,3 +343,5 @@ TEST_F(Deployed, GivesUpANetworkThatFallsSilentBeforeTheAnswer)
     EXPECT_NE(asked.get(), "\n");
     proxy.blackHole(false);
 }
+
+} // namespace deployTest

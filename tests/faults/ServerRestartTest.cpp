@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace serverRestartTest {
 
 class ServerRestart : public ServiceTest {
 protected:
@@ -37,8 +37,6 @@ std::string refusal()
     return "connection error: " + notConnected() +
            "Connection refused\n\tIs the server running on that host and accepting TCP/IP connections?\n";
 }
-
-} // namespace
 
 TEST_F(ServerRestart, GoesUnnoticedBetweenTwoRequests)
 {
@@ -116,3 +114,5 @@ TEST_F(ServerRestart, IsSurvivedByAListenerWhichTellsToReadEverything)
     m_server.start();
     lookAgain();
 }
+
+} // namespace serverRestartTest

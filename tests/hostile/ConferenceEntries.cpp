@@ -9,7 +9,7 @@ using oryx::ConfExtRecord;
 const Row kState("conf_state", {{"extension", "'709'"}, {"conf_status", "'IDLE'"}, {"start_time", "9"}});
 
 template <typename Target>
-void addChanges(Entries& table)
+void addConferenceChanges(Entries& table)
 {
     table.push_back({
         .argument = argumentOf<Target>("addConfExtState(record) record.extension"),
@@ -57,7 +57,7 @@ void addChanges(Entries& table)
 }
 
 template <typename Target>
-void addLookups(Entries& table)
+void addConferenceLookups(Entries& table)
 {
     table.push_back({
         .argument = argumentOf<Target>("getConfExtState(extension, status, start_time) extension"),
@@ -97,8 +97,8 @@ template <typename Target>
 Entries conferenceEntries()
 {
     Entries table;
-    addChanges<Target>(table);
-    addLookups<Target>(table);
+    addConferenceChanges<Target>(table);
+    addConferenceLookups<Target>(table);
     return table;
 }
 

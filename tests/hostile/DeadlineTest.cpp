@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace deadlineTest {
 
 using oryx::SessionOptions;
 using std::chrono::milliseconds;
@@ -96,4 +96,4 @@ TEST_F(EveryOperation, ComesBackWithinItsDeadlineWhileEverythingSentIsSwallowed)
     }));
 }
 
-} // namespace
+} // namespace deadlineTest

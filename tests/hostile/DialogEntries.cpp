@@ -56,7 +56,7 @@ std::string listedNumber(const List& list)
 }
 
 template <typename Target>
-void addChanges(Entries& table)
+void addDialogChanges(Entries& table)
 {
     for (const Field<PresenceRecord>& field : kFields) {
         table.push_back({
@@ -141,7 +141,7 @@ void addRefreshes(Entries& table)
 }
 
 template <typename Target>
-void addLookups(Entries& table)
+void addDialogLookups(Entries& table)
 {
     table.push_back({
         .argument = argumentOf<Target>("getWatcher(subscriptionId, out) subscriptionId"),
@@ -244,9 +244,9 @@ template <typename Target>
 Entries dialogEntries()
 {
     Entries table;
-    addChanges<Target>(table);
+    addDialogChanges<Target>(table);
     addRefreshes<Target>(table);
-    addLookups<Target>(table);
+    addDialogLookups<Target>(table);
     if constexpr (std::is_same_v<Target, oryx::PresenceDatabaseCommandExecutor>) {
         addSearches(table);
     }

@@ -19,7 +19,7 @@
 #include <tuple>
 #include <vector>
 
-namespace {
+namespace hostileTest {
 
 using oryx::SessionOptions;
 
@@ -223,4 +223,4 @@ INSTANTIATE_TEST_SUITE_P(BothWays, OutOfMemory,
 
 INSTANTIATE_TEST_SUITE_P(Bound, Hostile, testing::ValuesIn(allEntries()), testName);
 
-} // namespace
+} // namespace hostileTest

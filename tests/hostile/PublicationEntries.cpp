@@ -93,7 +93,7 @@ void addRequests(Entries& table)
     });
 }
 
-void addByAddress(Entries& table, const AddressPart& part)
+void addPublicationsOf(Entries& table, const AddressPart& part)
 {
     const std::string presentity = part.isHandle ? "$1 || '@oryx.example'" : "'carol@' || $1";
     table.push_back({
@@ -135,7 +135,7 @@ Entries publicationEntries()
     Entries table;
     addRequests(table);
     for (const AddressPart& part : kAddressParts) {
-        addByAddress(table, part);
+        addPublicationsOf(table, part);
     }
     table.push_back({
         .argument = "oryx::livePublications(service, handle, domain, event, found) event",

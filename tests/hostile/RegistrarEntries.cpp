@@ -24,7 +24,7 @@ const Row kImportedContact("contact", {{"csid", "(SELECT max(csid) FROM contact_
 const std::string kNoSuchAddress = "-1 23503\n";
 const std::string kTooLong = "-1 54000\n";
 
-void addSubscribers(Entries& table)
+void addSubscriber(Entries& table)
 {
     static const std::vector<Field<SubscriberRecord>> kFields{
         {"userId", "user_id", Place::column, &SubscriberRecord::setUserId},
@@ -314,7 +314,7 @@ void addContactRecords(Entries& table)
 Entries registrarEntries()
 {
     Entries table;
-    addSubscribers(table);
+    addSubscriber(table);
     addAddresses(table);
     addContacts(table);
     addContactRecords(table);

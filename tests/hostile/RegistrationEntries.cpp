@@ -66,7 +66,7 @@ void addRegistrations(Entries& table)
     }
 }
 
-void addLookups(Entries& table)
+void addRegistrationLookups(Entries& table)
 {
     const std::string carols = "okay\n" + show(carolsContact()) + "sequential replace\n";
     for (const AddressPart& part : kAddressParts) {
@@ -136,7 +136,7 @@ Entries registrationEntries()
 {
     Entries table;
     addRegistrations(table);
-    addLookups(table);
+    addRegistrationLookups(table);
     addAccess(table);
     return table;
 }

@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace rightsTest {
 
 using Statements = oryx::SessionOptions::Statements;
 using Names = std::set<std::string>;
@@ -429,8 +429,6 @@ Names declaredBy(const std::string& name)
     return names;
 }
 
-} // namespace
-
 TEST(RightsTable, HasEveryOperation)
 {
     Names declared;
@@ -485,3 +483,5 @@ TEST_F(Rights, AreAllNeeded)
         }
     }
 }
+
+} // namespace rightsTest

@@ -116,7 +116,7 @@ void appendExecutors(Entries& table)
 
 /// What the event server's service and executor have.
 template <typename Target>
-void appendPresence(Entries& table)
+void appendTextless(Entries& table)
 {
     table.push_back(operation<Target>("getIncomingMatchingSubscriptions(records)", [](Target& target) {
         return listed<oryx::PresenceRecord>(
@@ -163,8 +163,8 @@ void appendEventServer(Entries& table)
 {
     using Service = PresenceService;
     using Executor = PresenceDatabaseCommandExecutor;
-    appendPresence<Service>(table);
-    appendPresence<Executor>(table);
+    appendTextless<Service>(table);
+    appendTextless<Executor>(table);
     table.push_back(operation<Service>("getDomainName(out)", domainName<Service>));
     table.push_back(operation<Service>("lookupContacts(csid, ordering, replaceUri, contacts)", [](Service& service) {
         return contactsFound([&](auto&... out) { return service.lookupContacts(12, out...); });

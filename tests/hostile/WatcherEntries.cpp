@@ -32,7 +32,7 @@ struct WatcherField {
     Place place;
     void (WatchersRecord::*set)(const std::string&);
 };
-constexpr WatcherField kFields[]{
+constexpr WatcherField kWatcherFields[]{
     {"presentitykey", "presentitykey", Place::key, &WatchersRecord::presentitykey},
     {"watcheropaque", "watcheropaque", Place::key, &WatchersRecord::watcheropaque},
     {"watcheridentity", "watcheridentity", Place::column, &WatchersRecord::watcheridentity},
@@ -75,7 +75,7 @@ Entry change(const Key& key, const char* operation, const std::string& statement
 }
 
 template <typename Target>
-void addChanges(Entries& table, const Key& key)
+void addWatcherChanges(Entries& table, const Key& key)
 {
     table.push_back(change<Target>(
         key, "updateWatcherState(presentityKey, watcherOpaque, state) ", "UPDATE event_watchers SET watcherstate = 9",
@@ -103,7 +103,7 @@ void addChanges(Entries& table, const Key& key)
     });
 }
 
-void addSearches(Entries& table)
+void addWatcherSearches(Entries& table)
 {
     using Executor = oryx::PresenceDatabaseCommandExecutor;
     for (const bool isFirst : {true, false}) {
@@ -138,7 +138,7 @@ template <typename Target>
 Entries watcherEntries()
 {
     Entries table;
-    for (const WatcherField& field : kFields) {
+    for (const WatcherField& field : kWatcherFields) {
         table.push_back({
             .argument = argumentOf<Target>("addWatcherState(record) record.") + field.name,
             .place = field.place,
@@ -153,7 +153,7 @@ Entries watcherEntries()
         });
     }
     for (const Key& key : kKeys) {
-        addChanges<Target>(table, key);
+        addWatcherChanges<Target>(table, key);
     }
     table.push_back({
         .argument = argumentOf<Target>("getWatcherState(presentityKey, records) presentityKey"),
@@ -170,7 +170,7 @@ Entries watcherEntries()
         .refused = "okay\n",
     });
     if constexpr (std::is_same_v<Target, oryx::PresenceDatabaseCommandExecutor>) {
-        addSearches(table);
+        addWatcherSearches(table);
     }
     return table;
 }

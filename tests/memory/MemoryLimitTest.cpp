@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace memoryLimitTest {
 
 using oryx::DatabaseResult;
 
@@ -103,4 +103,4 @@ TEST_P(MemoryLimit, IsAQueryErrorOfTheRegistrarsListing)
 // With the least it is libpq whose memory runs out, with more the library.
 INSTANTIATE_TEST_SUITE_P(Mebibytes, MemoryLimit, testing::Values(kLeast, 96), testing::PrintToStringParamName());
 
-} // namespace
+} // namespace memoryLimitTest

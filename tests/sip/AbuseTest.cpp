@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace abuseTest {
 
 using phone::Message;
 using phone::Phone;
@@ -445,4 +445,4 @@ TEST_F(Abuse, ByAStreamThatCannotBeReadAnyMoreEndsIt)
     }
 }
 
-} // namespace
+} // namespace abuseTest

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <thread>
 
-namespace {
+namespace callsTest {
 
 class Calls : public SipTest {
 protected:
@@ -126,4 +126,4 @@ TEST_F(Calls, BeginWithRegistrationsOfAnyTelephone)
     std::remove(users.c_str());
 }
 
-} // namespace
+} // namespace callsTest

@@ -12,7 +12,7 @@
 #include <random>
 #include <string_view>
 
-namespace {
+namespace fuzzTest {
 
 using phone::Message;
 using phone::Phone;
@@ -203,4 +203,4 @@ TEST_F(Fuzz, LeavesTheEventServerAnswering)
     isTried(ORYX_EVENTS);
 }
 
-} // namespace
+} // namespace fuzzTest

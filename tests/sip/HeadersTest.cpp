@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace {
+namespace headersTest {
 
 using oryx::sip::parameterOf;
 
@@ -42,4 +42,4 @@ TEST(UriParameter, IsNotFoundBehindTheLastOne)
     }
 }
 
-} // namespace
+} // namespace headersTest

@@ -7,7 +7,7 @@
 #include <set>
 #include <sstream>
 
-namespace {
+namespace loadTest {
 
 using phone::Message;
 using phone::Socket;
@@ -108,4 +108,4 @@ TEST_F(Load, KeepsLittleOfWhatItHasAnswered)
     EXPECT_LT(kept, kMostKept);
 }
 
-} // namespace
+} // namespace loadTest

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <thread>
 
-namespace {
+namespace outageTest {
 
 using phone::Message;
 using phone::Phone;
@@ -232,4 +232,4 @@ TEST_F(Outage, EndsNoSubscription)
     EXPECT_EQ(told("<basic>open</basic>"), "2 NOTIFY");
 }
 
-} // namespace
+} // namespace outageTest

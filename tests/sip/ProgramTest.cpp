@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace programTest {
 
 using phone::Phone;
 
@@ -217,4 +217,4 @@ TEST_F(Command, CountsOnWhateverItsReadersDo)
     EXPECT_EQ(stop(), 0);
 }
 
-} // namespace
+} // namespace programTest

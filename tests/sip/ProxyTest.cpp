@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-namespace {
+namespace proxyTest {
 
 using phone::Message;
 using phone::Phone;
@@ -640,4 +640,4 @@ TEST_F(Proxy, AnswersWhoeverLooksIfItIsThere)
               "404 Not Found");
 }
 
-} // namespace
+} // namespace proxyTest

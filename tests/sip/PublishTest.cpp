@@ -7,7 +7,7 @@
 #include <optional>
 #include <thread>
 
-namespace {
+namespace publishTest {
 
 using phone::Message;
 using phone::Phone;
@@ -368,4 +368,4 @@ TEST_F(Publishing, OutlivesTheServer)
     EXPECT_EQ(seen(), composed(kClosed));
 }
 
-} // namespace
+} // namespace publishTest

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace registrarTest {
 
 using phone::Message;
 using phone::Phone;
@@ -588,4 +588,4 @@ TEST_F(Registrar, HearsOfANewPassword)
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice")), "401 Unauthorized");
 }
 
-} // namespace
+} // namespace registrarTest

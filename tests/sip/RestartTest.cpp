@@ -4,7 +4,7 @@
 
 #include <csignal>
 
-namespace {
+namespace restartTest {
 
 using phone::Message;
 using phone::Phone;
@@ -88,4 +88,4 @@ TEST_F(Restart, LetsACallGoOn)
     EXPECT_EQ(status(called.receive()), "200 OK");
 }
 
-} // namespace
+} // namespace restartTest

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <ostream>
 
-namespace {
+namespace scenariosTest {
 
 struct Scenario {
     std::string name;
@@ -103,4 +103,4 @@ const std::vector<Scenario> kEvents{
 INSTANTIATE_TEST_SUITE_P(Sipp, RegistrarScenarios, testing::ValuesIn(kRegistrar), nameOf);
 INSTANTIATE_TEST_SUITE_P(Sipp, EventScenarios, testing::ValuesIn(kEvents), nameOf);
 
-} // namespace
+} // namespace scenariosTest

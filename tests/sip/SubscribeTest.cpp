@@ -12,7 +12,7 @@
 #include <set>
 #include <thread>
 
-namespace {
+namespace subscribeTest {
 
 using phone::Message;
 using phone::Phone;
@@ -1143,4 +1143,4 @@ TEST_F(Subscribing, ShowsTelephonesEachOtherAfterARestart)
     EXPECT_TRUE(bob->sees("Online")) << bob->said() << alice->said();
 }
 
-} // namespace
+} // namespace subscribeTest

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
-namespace {
+namespace timersTest {
 
 using phone::Message;
 using phone::Phone;
@@ -109,4 +109,4 @@ TEST_F(Timers, EndAConnectionThatNeverSaysAnythingWhole)
     EXPECT_EQ(status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example"))), "200 OK");
 }
 
-} // namespace
+} // namespace timersTest

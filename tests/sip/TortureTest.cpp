@@ -7,7 +7,7 @@
 #include <random>
 #include <string_view>
 
-namespace {
+namespace tortureTest {
 
 using phone::Message;
 using phone::Phone;
@@ -549,4 +549,4 @@ TEST_F(Torture, OfStreams)
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"))), "200 OK");
 }
 
-} // namespace
+} // namespace tortureTest

@@ -8,7 +8,7 @@
 #include <array>
 #include <memory>
 
-namespace {
+namespace transportsTest {
 
 using phone::Message;
 using phone::Phone;
@@ -292,4 +292,4 @@ TEST_F(Transports, AreSilentToOtherStun)
     EXPECT_EQ(m_server->soFar(), "ready\n");
 }
 
-} // namespace
+} // namespace transportsTest

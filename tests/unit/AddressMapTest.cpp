@@ -8,7 +8,7 @@
 
 #include <unit/TraceCapture.h>
 
-namespace {
+namespace addressMapTest {
 
 using Lines = std::vector<std::string>;
 
@@ -215,4 +215,4 @@ TEST(AddressMap, keepsItsExpressionWhenAMissingPatternIsNoNewer)
     EXPECT_TRUE(map.matches("sip:alice@oryx.example"));
 }
 
-} // namespace
+} // namespace addressMapTest

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-namespace {
+namespace boundTextTest {
 
 using oryx::BoundText;
 using oryx::call;
@@ -142,4 +142,4 @@ TEST(BoundTextTest, RefusesANulInAnyValue)
     EXPECT_FALSE(BoundText::canBeSent(insertion("INSERT INTO event_watchers {} VALUES{};", std::move(columns))));
 }
 
-} // namespace
+} // namespace boundTextTest

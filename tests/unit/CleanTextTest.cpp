@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace {
+namespace cleanTextTest {
 
 using namespace std::string_literals;
 using oryx::TextUse;
@@ -171,4 +171,4 @@ TEST(CleanText, holdsNoInvalidUtf8)
     EXPECT_EQ(flawsOfEach(sequences), allAre(kInvalid, sequences));
 }
 
-} // namespace
+} // namespace cleanTextTest

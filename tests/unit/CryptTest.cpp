@@ -13,7 +13,7 @@
 #include <support/TemporaryDirectory.h>
 #include <unit/TraceCapture.h>
 
-namespace {
+namespace cryptTest {
 
 using Lines = std::vector<std::string>;
 
@@ -254,4 +254,4 @@ TEST_F(CryptWithKey, encryptsNothingWithoutAUsableKey)
                                     ": not 64 hexadecimal digits"}));
 }
 
-} // namespace
+} // namespace cryptTest

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace documentsTest {
 
 using namespace oryx::sip;
 
@@ -54,8 +54,6 @@ std::string stored(const std::string& body)
 {
     return publishedDocument(body).value_or("none");
 }
-
-} // namespace
 
 TEST(PublishedDocument, isStoredInAsciiOnOneLineWithoutQuotes)
 {
@@ -278,3 +276,5 @@ TEST(ListBody, hasNoMoreDocumentsThanADatagramHasRoomFor)
               std::string::npos);
     EXPECT_LT(body.text.size(), 40000U);
 }
+
+} // namespace documentsTest

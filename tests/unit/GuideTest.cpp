@@ -15,7 +15,7 @@ void leaveOutExpired(std::vector<oryx::ContactRecord>& contacts);
 
 } // namespace guide
 
-namespace {
+namespace guideTest {
 
 oryx::ContactRecord contact(const char* address, long expires, char permanent)
 {
@@ -47,4 +47,4 @@ TEST(Guide, leavesOutWhatHasExpiredAndNothingElse)
     EXPECT_EQ(kept, "no expiry\nno expiry, permanent\ngone, permanent\nin an hour\nlast\n");
 }
 
-} // namespace
+} // namespace guideTest

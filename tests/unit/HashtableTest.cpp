@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace hashtableTest {
 
 template <typename Value>
 std::string shown(const Value* value)
@@ -81,4 +81,4 @@ TEST(Hashtable, takesOverAValueThatCannotBeCopied)
     EXPECT_EQ(value ? **value : 0, 2);
 }
 
-} // namespace
+} // namespace hashtableTest

@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace maskSecretsTest {
 
 using oryx::maskSecrets;
 
@@ -395,4 +395,4 @@ TEST(MaskSecrets, takesTimeInProportionToTheText)
     }
 }
 
-} // namespace
+} // namespace maskSecretsTest

@@ -13,7 +13,7 @@
 
 #include <unit/TraceCapture.h>
 
-namespace {
+namespace regExpTest {
 
 using Lines = std::vector<std::string>;
 
@@ -218,4 +218,4 @@ TEST(RegExp, matchesNoNullText)
     EXPECT_FALSE(expression.match(nullptr));
 }
 
-} // namespace
+} // namespace regExpTest

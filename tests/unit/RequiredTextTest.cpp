@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace requiredTextTest {
 
 /// Patterns, each with the text that it is found to need.
 using Needs = std::vector<std::pair<std::string, std::string>>;
@@ -81,4 +81,4 @@ TEST(RequiredText, takesNoPartOfACharacterBeyondAscii)
     });
 }
 
-} // namespace
+} // namespace requiredTextTest

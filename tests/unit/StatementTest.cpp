@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-namespace {
+namespace statementTest {
 
 using oryx::call;
 using oryx::insertion;
@@ -155,4 +155,4 @@ TEST(LeadingIntTest, StopsAtTheLimitsOfAnInt)
     EXPECT_EQ(leadingInt("-99999999999999999999"), std::numeric_limits<int>::min());
 }
 
-} // namespace
+} // namespace statementTest

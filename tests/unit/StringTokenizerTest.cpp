@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace stringTokenizerTest {
 
 using Tokens = std::vector<std::string>;
 
@@ -81,4 +81,4 @@ TEST(StringTokenizer, outlivesTheTextItWasMadeFrom)
     EXPECT_EQ(tokenizer.nextToken(), "a text too long for the short string buffer");
 }
 
-} // namespace
+} // namespace stringTokenizerTest

@@ -19,7 +19,7 @@
 #include <support/TemporaryDirectory.h>
 #include <unit/TraceCapture.h>
 
-namespace {
+namespace traceTest {
 
 using Lines = std::vector<std::string>;
 
@@ -570,4 +570,4 @@ TEST_F(TraceEnvironment, opensNoFileWhenOff)
     EXPECT_EXIT(trace(), kSucceeds, testing::Eq("0"));
 }
 
-} // namespace
+} // namespace traceTest

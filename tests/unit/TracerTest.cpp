@@ -7,7 +7,7 @@
 
 #include <unit/TraceCapture.h>
 
-namespace {
+namespace tracerTest {
 
 TEST(Tracer, tracesRoutineProgressOnItsChannel)
 {
@@ -31,4 +31,4 @@ TEST(Tracer, sharesTheSinkOfTheProcess)
     EXPECT_EQ(outer.lines(), (std::vector<std::string>{"RegEx prn two"}));
 }
 
-} // namespace
+} // namespace tracerTest

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace urlTest {
 
 /// Validity, host and path.
 std::string parts(const wex::URL& url)
@@ -123,4 +123,4 @@ TEST(URL, takesTextFromAnArrayAsFromAString)
     EXPECT_EQ(parts(wex::URL("x://h/a")), "valid [h] [a]");
 }
 
-} // namespace
+} // namespace urlTest

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace uriTest {
 
 /// All that a URI says, one part per bracket.
 std::string parts(const wex::Uri& uri)
@@ -175,4 +175,4 @@ TEST(Uri, losesNothingOfAnyTextItTakes)
     EXPECT_GT(taken, 1000U);
 }
 
-} // namespace
+} // namespace uriTest

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <string>
 
-namespace {
+namespace utilityConvertTest {
 
 using oryx::convertTime;
 using oryx::monthToInt;
@@ -573,4 +573,4 @@ TEST_F(ConvertTimeTest, IsZeroForTheSecondThatStandsForAFailure)
     EXPECT_EQ(convertTime("Wed Dec 31 23:59:59 1969"), 0);
 }
 
-} // namespace
+} // namespace utilityConvertTest

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace variableSubstitutionTest {
 
 Hashtable<std::string> uriVariables()
 {
@@ -114,4 +114,4 @@ TEST(VariableSubstitution, takesTimeInProportionToTheText)
     EXPECT_EQ(filled(closed).size(), 2500000U);
 }
 
-} // namespace
+} // namespace variableSubstitutionTest
