@@ -1,5 +1,5 @@
 #include <common/Server.h>
-#include <common/SignsOfLife.h>
+#include <common/Stun.h>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -64,7 +64,7 @@ int serve(int argc, char** argv, const std::function<void(Loop& loop, const Opti
     const int signals = endingSignals();
     int status = 0;
     try {
-        answerSignsOfLife();
+        answerStun();
         Loop loop;
         serve(loop, *parsed.options, signals);
     } catch (const std::exception& error) {

@@ -1,8 +1,8 @@
 // STUN beside SIP at the same socket. The stack's own server writes a line to standard error for each datagram, with
 // which anybody could fill a log.
 
-#include <common/SignsOfLife.h>
 #include <common/Sofia.h>
+#include <common/Stun.h>
 
 extern "C" { // which this header leaves to its readers
 #include <sofia-sip/tport_plugins.h>
@@ -127,7 +127,7 @@ void take(tport_stun_server_t* /*server*/, su_socket_t socket, void* data, ssize
 
 } // namespace
 
-void answerSignsOfLife()
+void answerStun()
 {
     static const struct {
         tport_stun_server_vtable_t server;
