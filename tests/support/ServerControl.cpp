@@ -1,5 +1,6 @@
 #include "support/ServerControl.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -18,24 +19,39 @@ ServerControl::ServerControl(Session& session)
 {
 }
 
-void ServerControl::stop(const std::string& mode) const
+ServerControl::~ServerControl()
 {
+    try {
+        if (m_stopped) {
+            start();
+        }
+    } catch (const std::exception& failure) {
+        ADD_FAILURE() << "the test's server was not started again: " << failure.what();
+    }
+}
+
+void ServerControl::stop(const std::string& mode)
+{
+    m_stopped = true;
     control("-w stop -m " + mode);
 }
 
-void ServerControl::beginToStop(const std::string& mode) const
+void ServerControl::beginToStop(const std::string& mode)
 {
+    m_stopped = true;
     control("-W stop -m " + mode);
 }
 
-void ServerControl::start() const
+void ServerControl::start()
 {
     control("-w " + starting());
+    m_stopped = false;
 }
 
-void ServerControl::beginToStart() const
+void ServerControl::beginToStart()
 {
     control("-W " + starting());
+    m_stopped = false;
 }
 
 std::string ServerControl::starting() const

@@ -9,21 +9,25 @@
 
 namespace server {
 
-/// The throw-away server itself, told to stop and to start. It must be the test's own.
+/// The throw-away server itself, told to stop and to start. It must be the test's own. Where a test has failed while it
+/// was stopped, it starts with the object's end: other tests may share it.
 class ServerControl {
 public:
     explicit ServerControl(Session& session);
+    ~ServerControl();
+    ServerControl(const ServerControl&) = delete;
+    ServerControl& operator=(const ServerControl&) = delete;
 
     const std::string& folder() const { return m_folder; }
 
     /// "fast": sessions are told and ended; "immediate": the server is gone as after a crash.
-    void stop(const std::string& mode) const;
+    void stop(const std::string& mode);
     /// Without waiting for the sessions to end.
-    void beginToStop(const std::string& mode) const;
-    void start() const;
+    void beginToStop(const std::string& mode);
+    void start();
     /// Without waiting until it takes sessions.
-    void beginToStart() const;
-    void restart(const std::string& mode) const
+    void beginToStart();
+    void restart(const std::string& mode)
     {
         stop(mode);
         start();
@@ -36,6 +40,7 @@ private:
     std::string m_folder;
     std::string m_program;
     std::string m_settings;
+    bool m_stopped = false;
 };
 
 /// Processes, asked not to run; they run again with the object's end.
