@@ -22,7 +22,7 @@
 #include <string_view>
 #include <vector>
 
-namespace {
+namespace addressMaps {
 
 // A dial plan's usual pattern, and one whose beginning tells nothing.
 constexpr const char* kNumber = "'^sip:' || 1000000 + n || '@oryx\\.example'";
@@ -265,4 +265,4 @@ BENCHMARK_CAPTURE(worstPattern, again, false)
     ->DenseRange(0, kWorst.size() - 1)
     ->Unit(benchmark::kMicrosecond);
 
-} // namespace
+} // namespace addressMaps

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace listings {
 
 constexpr int kRows = 100000;
 
@@ -143,4 +143,4 @@ BENCHMARK(dialogsByLibpq)->Name("dialog_listing_by_libpq")->Unit(benchmark::kMil
 BENCHMARK(watchers)->Name("watcher_listing")->Unit(benchmark::kMillisecond);
 BENCHMARK(watchersByLibpq)->Name("watcher_listing_by_libpq")->Unit(benchmark::kMillisecond);
 
-} // namespace
+} // namespace listings

@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace notification {
 
 using Clock = std::chrono::steady_clock;
 
@@ -168,4 +168,4 @@ BENCHMARK_CAPTURE(latency, libpq, listenByHand)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-} // namespace
+} // namespace notification

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace registrations {
 
 using oryx::LocationService;
 using oryx::SessionOptions;
@@ -136,4 +136,4 @@ BENCHMARK_CAPTURE(registration, new_plain_one, registerInOne, kPlain, true)->Ite
 BENCHMARK_CAPTURE(registration, new_bound_three, registerInThree, kBound, true)->Iterations(kUsers)->UseRealTime();
 BENCHMARK_CAPTURE(registration, new_bound_one, registerInOne, kBound, true)->Iterations(kUsers)->UseRealTime();
 
-} // namespace
+} // namespace registrations

@@ -9,6 +9,9 @@
 
 namespace peers {
 
+/// As data.sql has it.
+inline constexpr const char* kApplication = "presence";
+
 /// What one run of a job is about: an address of record, and what a server has at hand with it.
 class Input {
 public:
