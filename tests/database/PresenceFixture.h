@@ -37,31 +37,6 @@ inline std::string sorted(const std::string& listing)
     return oryx::show(lines);
 }
 
-/// For tests that store rows by the ten thousand: a row takes longer to enter one of the indexes of what is searched
-/// for than all its others. They are taken away before, and built when all rows are there.
-constexpr const char* kSetSearchIndexesAside = R"(
-    CREATE TEMPORARY TABLE set_aside AS
-        SELECT pg_class.oid::regclass::text AS name, pg_get_indexdef(pg_class.oid) AS definition
-            FROM pg_class JOIN pg_am ON pg_am.oid = relam
-            WHERE relnamespace = 'public'::regnamespace AND relkind = 'i' AND amname <> 'btree';
-    DO $$
-    DECLARE
-        names text := (SELECT string_agg(name, ', ') FROM set_aside);
-    BEGIN
-        EXECUTE 'DROP INDEX ' || names;
-    END
-    $$)";
-constexpr const char* kBuildSearchIndexes = R"(
-    DO $$
-    DECLARE
-        statement text;
-    BEGIN
-        FOR statement IN SELECT definition FROM set_aside LOOP
-            EXECUTE statement;
-        END LOOP;
-    END
-    $$)";
-
 class PresenceTest : public DatabaseTest {
 protected:
     void SetUp() override { connect(m_executor); }

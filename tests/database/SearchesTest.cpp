@@ -49,10 +49,10 @@ class Searches : public PresenceTest {
 protected:
     void storeNumbers(int count)
     {
-        sql(kSetSearchIndexesAside);
+        sql(kSetIndexesAside);
         sql("SET test.numbers = " + std::to_string(count));
         sql(kNumbers);
-        sql(kBuildSearchIndexes);
+        sql(kBuildIndexes);
         sql("VACUUM ANALYZE subscription_states, event_watchers, event_sources");
     }
 

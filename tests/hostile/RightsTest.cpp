@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <set>
@@ -342,9 +343,9 @@ protected:
         return m_world.rows("SELECT FROM sending") != "";
     }
 
-    /// Whether one of the calls is refused without a right, or says no more which change it is. Those are tried first
-    /// that have sent what it is about.
-    bool isNeeded(const std::string& right, const std::string& group, std::vector<Sent> calls);
+    /// Whether one of the calls is refused without a right, and no more when it is given back, or says no more which
+    /// change it is. Those are tried first that have sent what it is about.
+    bool isNeeded(const std::string& right, const std::string& group, const std::vector<Sent>& calls);
 
     TraceLog m_trace;
     World m_world;
@@ -376,19 +377,29 @@ std::vector<std::string> Rights::rightsOf(const std::string& group)
     return rights;
 }
 
-bool Rights::isNeeded(const std::string& right, const std::string& group, std::vector<Sent> calls)
+bool Rights::isNeeded(const std::string& right, const std::string& group, const std::vector<Sent>& calls)
 {
     std::string object = right.substr(right.rfind(" ON ") + 4);
     object = object.substr(object.rfind(' ') + 1, object.find('('));
-    std::stable_partition(calls.begin(), calls.end(),
+    std::vector<std::reference_wrapper<const Sent>> tried(calls.begin(), calls.end());
+    std::stable_partition(tried.begin(), tried.end(),
                           [&](const Sent& call) { return call.traced.find(object) != std::string::npos; });
+    const bool ofSaying = object.starts_with("sending");
+    const auto bind = [&] { m_world.connect(m_bound, Statements::bound, server::loginOf(group)); };
     m_world.rows("REVOKE " + right + " FROM " + group);
-    m_world.connect(m_bound, Statements::bound, server::loginOf(group)); // it has said all until here
-    const bool needed = std::any_of(calls.begin(), calls.end(), [&](const Sent& call) {
-        return object.starts_with("sending") ? call.said && !says(call.entry)
-                                             : refused(m_bound, call.entry) || refused(m_plain, call.entry);
+    if (ofSaying) {
+        bind(); // it has said all until here
+    }
+    const auto needing = std::find_if(tried.begin(), tried.end(), [&](const Sent& call) {
+        return ofSaying ? call.said && !says(call.entry) : refused(m_bound, call.entry) || refused(m_plain, call.entry);
     });
     m_world.rows("GRANT " + right + " TO " + group);
+    const bool needed = needing != tried.end();
+    if (ofSaying) {
+        bind(); // it says nothing any more
+    } else if (needed) {
+        EXPECT_FALSE(refused(m_bound, needing->get().entry) || refused(m_plain, needing->get().entry)) << m_traced;
+    }
     m_world.bringBack(m_world.snapshot());
     return needed;
 }
