@@ -88,7 +88,7 @@ public:
         setenv("PGSSLMODE", "disable", 1);
         // Capitals are texts like others here.
         m_session.run("ALTER TABLE public_address DROP CONSTRAINT public_address_in_lower_case");
-        const std::string uri = m_database.uri();
+        const std::string uri = m_database.socketUri();
         okay("connect", m_registrar.connect(uri.c_str(), server::kUser, server::kPassword));
         expect("connect", m_location.connect(uri.c_str(), server::kUser, server::kPassword), true);
         expect("connect", m_presence.connect(uri.c_str(), server::kUser, server::kPassword), true);
