@@ -24,6 +24,8 @@
 
 namespace addressMaps {
 
+namespace {
+
 // A dial plan's usual pattern, and one whose beginning tells nothing.
 constexpr const char* kNumber = "'^sip:' || 1000000 + n || '@oryx\\.example'";
 constexpr const char* kNumberInGroup = "'^sips?:(' || 1000000 + n || ')@oryx\\.example'";
@@ -264,5 +266,7 @@ BENCHMARK_CAPTURE(worstPattern, again, false)
     ->Name("address_map_worst_again")
     ->DenseRange(0, kWorst.size() - 1)
     ->Unit(benchmark::kMicrosecond);
+
+} // namespace
 
 } // namespace addressMaps

@@ -16,6 +16,8 @@
 
 namespace listings {
 
+namespace {
+
 constexpr int kRows = 100000;
 
 void makeRows(const server::Database& database)
@@ -142,5 +144,7 @@ BENCHMARK(dialogs)->Name("dialog_listing")->Unit(benchmark::kMillisecond);
 BENCHMARK(dialogsByLibpq)->Name("dialog_listing_by_libpq")->Unit(benchmark::kMillisecond);
 BENCHMARK(watchers)->Name("watcher_listing")->Unit(benchmark::kMillisecond);
 BENCHMARK(watchersByLibpq)->Name("watcher_listing_by_libpq")->Unit(benchmark::kMillisecond);
+
+} // namespace
 
 } // namespace listings

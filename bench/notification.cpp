@@ -21,6 +21,8 @@
 
 namespace notification {
 
+namespace {
+
 using Clock = std::chrono::steady_clock;
 
 constexpr int kNotifications = 1000;
@@ -167,5 +169,7 @@ BENCHMARK_CAPTURE(latency, libpq, listenByHand)
     ->Iterations(kNotifications)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
+
+} // namespace
 
 } // namespace notification

@@ -14,6 +14,8 @@
 
 namespace registrations {
 
+namespace {
+
 using oryx::LocationService;
 using oryx::SessionOptions;
 
@@ -135,5 +137,7 @@ BENCHMARK_CAPTURE(registration, new_plain_three, registerInThree, kPlain, true)-
 BENCHMARK_CAPTURE(registration, new_plain_one, registerInOne, kPlain, true)->Iterations(kUsers)->UseRealTime();
 BENCHMARK_CAPTURE(registration, new_bound_three, registerInThree, kBound, true)->Iterations(kUsers)->UseRealTime();
 BENCHMARK_CAPTURE(registration, new_bound_one, registerInOne, kBound, true)->Iterations(kUsers)->UseRealTime();
+
+} // namespace
 
 } // namespace registrations

@@ -28,6 +28,8 @@
 
 namespace addressMapCacheTest {
 
+namespace {
+
 std::atomic<bool> compilationsFail = false;
 std::atomic<int> compilations = 0;
 
@@ -413,5 +415,7 @@ TEST_F(UntracedLookup, IsRightAgainAfterMemoryRanOut)
         EXPECT_EQ(mapKeys(service), "[b-2][c-3][d-with-a-longer-handle-4]");
     }
 }
+
+} // namespace
 
 } // namespace addressMapCacheTest

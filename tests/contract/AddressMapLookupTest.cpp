@@ -16,6 +16,8 @@
 
 namespace addressMapLookupTest {
 
+namespace {
+
 using fake::Cell;
 using fake::noRows;
 using fake::nothing;
@@ -622,5 +624,7 @@ TEST_F(NeverConnectedLookup, HasNoMapsToListFindOrRemove)
     EXPECT_EQ(libpq.take(), "");
     EXPECT_EQ(trace.take(), "");
 }
+
+} // namespace
 
 } // namespace addressMapLookupTest

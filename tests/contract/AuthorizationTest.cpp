@@ -2,6 +2,8 @@
 
 namespace authorizationTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -521,5 +523,7 @@ TEST_F(AccessControlListTest, TakesANullTextAsAnEmptyOne)
         "exec SELECT requester,access_action FROM access_control_list WHERE object='' and state='ACTIVE' and application='';\n"
         "exec SELECT requester, access_action FROM access_control_list,node WHERE object = node_id and state='ACTIVE' and application='';\n");
 }
+
+} // namespace
 
 } // namespace authorizationTest

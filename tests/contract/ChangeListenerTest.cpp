@@ -19,6 +19,8 @@
 
 namespace changeListenerTest {
 
+namespace {
+
 using fake::command;
 using fake::nothing;
 using fake::refused;
@@ -259,5 +261,7 @@ TEST_F(Listener, TellsWhatOfItsUriIsIgnoredOncePerRun)
     EXPECT_EQ(traced.rfind(line), 0U) << traced;
     m_libpq.take();
 }
+
+} // namespace
 
 } // namespace changeListenerTest

@@ -3,6 +3,8 @@
 
 namespace changesTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -441,5 +443,7 @@ TEST_F(CallManagerTest, AreWithoutWhatIsNull)
               "call manager 'boston' type='tcp' address='' port='5070'\n"
               "call manager 'boston' type='tcp' address='10.0.0.1' port='5060'\n");
 }
+
+} // namespace
 
 } // namespace changesTest

@@ -19,6 +19,8 @@
 
 namespace commandExecutorTest {
 
+namespace {
+
 using fake::command;
 using fake::noRows;
 using fake::nothing;
@@ -1133,5 +1135,7 @@ TEST(ValueStringTest, SeparatesWhatIsAddedAfterALongerOpening)
     list.addName("a");
     EXPECT_STREQ(list.names(), "(a)");
 }
+
+} // namespace
 
 } // namespace commandExecutorTest

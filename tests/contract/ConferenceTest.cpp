@@ -2,6 +2,8 @@
 
 namespace conferenceTest {
 
+namespace {
+
 using fake::command;
 using fake::noRows;
 using fake::refused;
@@ -499,5 +501,7 @@ TEST_F(ConferenceTest, AFailedReservationIsNotFollowedByARollback)
     EXPECT_EQ(reserve(executor), "query error: ERROR:  refused\n, sqlState=42883, sqlcommand=" + kReservation + "\n''");
     EXPECT_EQ(libpq.take(), "exec " + kReservation + "\nreset\nexec " + kReservation + "\n");
 }
+
+} // namespace
 
 } // namespace conferenceTest

@@ -3,6 +3,8 @@
 
 namespace contactsTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -462,5 +464,7 @@ TEST_P(ContactLookupOfSubscriber, TakesNullForActiveAndTracesNoStatus)
     EXPECT_EQ(traced(),
               GetParam().trace({"retrieved 1 rows", "ordering is 'parallel'", GetParam().replaceText + "false"}));
 }
+
+} // namespace
 
 } // namespace contactsTest

@@ -14,6 +14,8 @@
 
 namespace databaseConnectionTest {
 
+namespace {
+
 using fake::command;
 using fake::nothing;
 using fake::refused;
@@ -600,5 +602,7 @@ INSTANTIATE_TEST_SUITE_P(Of, DatabaseExecuteFailures,
                          testing::Values(PGRES_EMPTY_QUERY, PGRES_COPY_OUT, PGRES_COPY_IN, PGRES_BAD_RESPONSE,
                                          PGRES_NONFATAL_ERROR, PGRES_COPY_BOTH),
                          [](const auto& row) { return "Status" + std::to_string(row.param); });
+
+} // namespace
 
 } // namespace databaseConnectionTest

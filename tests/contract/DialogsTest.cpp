@@ -2,6 +2,8 @@
 
 namespace dialogsTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -523,5 +525,7 @@ TEST_F(DialogsTest, AFilterMayPointIntoTheVectorThatGrows)
     EXPECT_EQ(show(executor.getIncomingSubscriptions(records, records.front().packageid().c_str())), "okay");
     EXPECT_EQ(show(records), kBefore + kRead + kSecondRead + kRead);
 }
+
+} // namespace
 
 } // namespace dialogsTest

@@ -4,6 +4,8 @@
 
 namespace hostAndRoutingTest {
 
+namespace {
+
 using fake::Cell;
 using fake::noRows;
 using fake::refused;
@@ -398,5 +400,7 @@ TEST_F(HostAndRoutingTest, AProxyMayBeNamedByAnItemThatItsConfigurationReplaces)
     EXPECT_EQ(traced(), executorTrace({("looking up proxy configuration for " + name).c_str(),
                                        ("no configuration found for " + name).c_str()}));
 }
+
+} // namespace
 
 } // namespace hostAndRoutingTest

@@ -13,6 +13,8 @@
 
 namespace locationServiceTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -643,5 +645,7 @@ TEST_F(LocationServiceTest, TheDomainNameIsEmptyWhenTheConnectionIsLost)
         trace.take(),
         "DatabaseCommandExecutor prn: getNthElementOfDomainList(): *** ERROR ***: No database connection opened!\n");
 }
+
+} // namespace
 
 } // namespace locationServiceTest

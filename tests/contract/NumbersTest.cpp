@@ -16,6 +16,8 @@
 
 namespace numbersTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::rows;
@@ -510,5 +512,7 @@ TEST_F(PresenceTest, NumbersOfSourcesWatcherInformationAndListsAreStoredWhole)
             "exec UPDATE listsubscriptions SET subscriptionidentifier='n', expirytime = " +
             kMin + " WHERE listfsmidentifier='l' AND subscriptionidentifier = 's';\n");
 }
+
+} // namespace
 
 } // namespace numbersTest

@@ -20,6 +20,8 @@
 
 namespace outOfMemoryTest {
 
+namespace {
+
 using fake::command;
 using fake::noRows;
 using fake::nothing;
@@ -293,5 +295,7 @@ TEST_F(ListenerOutOfMemory, HandsOnWhatTheCallbackThrows)
     oryx::ChangeListener listener("postgresql://db/oryx", "events1", "secret", m_options);
     EXPECT_THROW(listener.run([](const oryx::ChangeSet& /*changes*/) { throw std::bad_alloc(); }), std::bad_alloc);
 }
+
+} // namespace
 
 } // namespace outOfMemoryTest

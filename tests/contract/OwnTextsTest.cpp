@@ -13,6 +13,8 @@
 
 namespace ownTextsTest {
 
+namespace {
+
 using fake::command;
 using fake::noRows;
 using fake::rows;
@@ -368,5 +370,7 @@ INSTANTIATE_TEST_SUITE_P(
             },
             [](const auto& rec) -> const std::string& { return rec.type(); })),
     kRowName);
+
+} // namespace
 
 } // namespace ownTextsTest

@@ -10,6 +10,8 @@
 
 namespace presenceLocationTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -1102,5 +1104,7 @@ TEST_F(ExpiredContacts, LeaveTheDefaultWhereAColumnIsNull)
             << "column " << column;
     }
 }
+
+} // namespace
 
 } // namespace presenceLocationTest

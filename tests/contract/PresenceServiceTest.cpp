@@ -15,6 +15,8 @@
 
 namespace presenceServiceTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -1168,5 +1170,7 @@ TEST_F(UnconnectedPresenceService, HasNoAddressMaps)
     EXPECT_EQ(libpq.take(), "");
     EXPECT_EQ(trace.take(), "");
 }
+
+} // namespace
 
 } // namespace presenceServiceTest

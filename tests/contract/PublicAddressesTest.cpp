@@ -2,6 +2,8 @@
 
 namespace publicAddressesTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -269,5 +271,7 @@ TEST_F(PublicAddressesTest, KeysBeyondAnIntBecomeTheLargest)
     EXPECT_EQ(looksUp(executor, "alice", "oryx.example"),
               "okay\naddress -2147483648 'alice'@'oryx.example' csid=2147483647 scope='public' admin='north'\n");
 }
+
+} // namespace
 
 } // namespace publicAddressesTest

@@ -14,6 +14,8 @@
 
 namespace publicationsTest {
 
+namespace {
+
 using fake::nothing;
 using fake::refused;
 using fake::rows;
@@ -176,5 +178,7 @@ TEST(Publications, AskNothingOfAServiceThatWasNeverConnected)
     EXPECT_EQ(show(livePublications(service, "alice", "oryx.example", "presence", live)) + "\n", kNeverConnected);
     EXPECT_EQ(show(removeExpiredPublications(service, expired)) + "\n", kNeverConnected);
 }
+
+} // namespace
 
 } // namespace publicationsTest

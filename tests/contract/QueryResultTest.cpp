@@ -16,6 +16,8 @@
 
 namespace queryResultTest {
 
+namespace {
+
 using fake::command;
 using fake::refused;
 using fake::rows;
@@ -368,5 +370,7 @@ TEST_F(RowTest, ReadsTheRowItStandsFor)
     EXPECT_EQ(shown(oryx::Row(result, 1).text(0)), "'bob'");
     EXPECT_EQ(shown(oryx::Row(result, 2).text(0)), "null");
 }
+
+} // namespace
 
 } // namespace queryResultTest

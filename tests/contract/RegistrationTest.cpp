@@ -12,6 +12,8 @@
 
 namespace registrationTest {
 
+namespace {
+
 using fake::Cell;
 using fake::noRows;
 using fake::nothing;
@@ -362,5 +364,7 @@ TEST_F(RegistrationTest, MemoryThatRunsOutLeavesNothingHalfSaid)
     libpq.take();
     zel::setTraceSink(sink);
 }
+
+} // namespace
 
 } // namespace registrationTest

@@ -2,6 +2,8 @@
 
 namespace resetTest {
 
+namespace {
+
 using fake::command;
 using fake::nothing;
 using fake::refused;
@@ -134,5 +136,7 @@ TEST_F(ResetTest, AConnectionThatIsLostWithoutAnEarlierFailureLeavesTheMessageEm
     EXPECT_EQ(show(executor.removeEventWatchers()), "connection error");
     EXPECT_EQ(executor.getErrorMessage(), "");
 }
+
+} // namespace
 
 } // namespace resetTest

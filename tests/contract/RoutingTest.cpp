@@ -11,6 +11,8 @@
 
 namespace routingTest {
 
+namespace {
+
 using fake::Cell;
 using fake::noRows;
 using fake::nothing;
@@ -684,5 +686,7 @@ std::vector<Question> questions()
 }
 
 INSTANTIATE_TEST_SUITE_P(Service, NeverConnectedRouting, testing::ValuesIn(questions()), kRowName);
+
+} // namespace
 
 } // namespace routingTest

@@ -16,6 +16,8 @@
 
 namespace serviceConnectionTest {
 
+namespace {
+
 using oryx::DatabaseResult;
 using oryx::LocationService;
 using oryx::PresenceService;
@@ -184,5 +186,7 @@ TYPED_TEST(ServiceConnection, NeverMadeMeansAnEmptyDomainName)
     EXPECT_EQ(this->libpq.take(), "");
     EXPECT_EQ(this->trace.take(), "");
 }
+
+} // namespace
 
 } // namespace serviceConnectionTest

@@ -15,6 +15,8 @@
 
 namespace sessionOptionsTest {
 
+namespace {
+
 using oryx::SessionOptions;
 
 constexpr const char* kConnected = "connect dbname=oryx user=u password=p\nnotices\n";
@@ -122,5 +124,7 @@ TEST(SessionOptionsTest, TellOfWordsThatTheyDoNotKnow)
     EXPECT_EQ(asked("plain", "2s"),
               "plain 2000\noryx log: ORYX_DEADLINE counts for bound statements only: set ORYX_STATEMENTS=bound\n");
 }
+
+} // namespace
 
 } // namespace sessionOptionsTest

@@ -16,6 +16,8 @@
 
 namespace sessionStatisticsTest {
 
+namespace {
+
 using oryx::SessionStatistics;
 
 std::string show(const SessionStatistics& statistics)
@@ -120,5 +122,7 @@ TYPED_TEST(CountingStatements, CountsForTheProcessToo)
     EXPECT_EQ(after.connects - before.connects, 1U);
     EXPECT_EQ(after.lastError, "a statement was refused: 23505");
 }
+
+} // namespace
 
 } // namespace sessionStatisticsTest

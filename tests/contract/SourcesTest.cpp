@@ -2,6 +2,8 @@
 
 namespace sourcesTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -435,5 +437,7 @@ TEST_F(SourcesTest, AKeyMayPointIntoTheVectorThatGrows)
         "winfo 'carol.w%info' for 'incoming#1' scheme='sip' from version=2 expires=1700000000\n";
     EXPECT_EQ(show(records), kWinfoBefore + appended + appended + appended);
 }
+
+} // namespace
 
 } // namespace sourcesTest

@@ -8,6 +8,8 @@
 
 namespace subscribersTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -407,5 +409,7 @@ TEST_F(SubscribersTest, AnEmptyContactSetIsStoredWithoutAnOrdering)
     EXPECT_EQ(show(executor.addContactSet(ContactSetRecord())), "okay");
     EXPECT_EQ(libpq.take(), "exec INSERT INTO contact_set(sid,csid,ordering) VALUES('-1','-1',NULL);\n");
 }
+
+} // namespace
 
 } // namespace subscribersTest

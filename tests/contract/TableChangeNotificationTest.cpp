@@ -17,6 +17,8 @@
 
 namespace tableChangeNotificationTest {
 
+namespace {
+
 using fake::command;
 using fake::nothing;
 using fake::refused;
@@ -371,5 +373,7 @@ TEST_F(TableChangeCallback, MayFollowAFormerWait)
     EXPECT_EQ(wait(), kAccepted + statements() + kTurn + kTurn);
     EXPECT_EQ(changes.calls(), "false ''\ntrue 'contact_set'\nfalse ''\n");
 }
+
+} // namespace
 
 } // namespace tableChangeNotificationTest

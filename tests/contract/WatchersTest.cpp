@@ -2,6 +2,8 @@
 
 namespace watchersTest {
 
+namespace {
+
 using fake::Cell;
 using fake::command;
 using fake::noRows;
@@ -353,5 +355,7 @@ TEST_F(WatchersTest, AKeyMayPointIntoTheVectorThatGrows)
         "watcher 'incoming#1' of 'carol#dialog' doctype=2 type=3 state=4 expires=1700000000 identity='alice' presentity='sip:bob@oryx.example' version=5 event='' contact='<sip:alice@192.0.2.1>'\n";
     EXPECT_EQ(show(records), kBefore + appended + appended + appended);
 }
+
+} // namespace
 
 } // namespace watchersTest

@@ -12,6 +12,8 @@
 
 namespace addressMapLookupTest {
 
+namespace {
+
 /// Two contact sets with a contact each that names its set: "sales", 12, and "help", 13.
 class AddressMaps : public ServiceTest {
 protected:
@@ -302,5 +304,7 @@ TEST_F(AddressMaps, ReadNoContactSetsButTheirOwnAmongAMillion)
         }
     }
 }
+
+} // namespace
 
 } // namespace addressMapLookupTest

@@ -13,6 +13,8 @@
 
 namespace addressMapPatternTest {
 
+namespace {
+
 const std::string kTooLarge = "stands for more than 1000 characters and operators when its repetitions are written out";
 const std::string kTooManyStates = "needs more than 500 states: what follows a repetition matches what is repeated";
 
@@ -310,5 +312,7 @@ TEST_F(OlderDatabase, IsDumpedAndRestoredWithTheRule)
     EXPECT_EQ(session.rows("SELECT handle FROM public.address_map"), "a\n");
     EXPECT_THROW(session.run("UPDATE public.address_map SET pattern = '(a*)*'"), std::runtime_error);
 }
+
+} // namespace
 
 } // namespace addressMapPatternTest

@@ -15,6 +15,8 @@
 
 namespace attacksTest {
 
+namespace {
+
 constexpr std::chrono::seconds kPatience(20);
 
 /// Every login role of the tests.
@@ -326,5 +328,7 @@ TEST_F(Attacks, WhatASuperuserHasSetForALoginItCannotTakeBack)
                              " generate_series(1, 300000) n OFFSET 0) t"),
               "ERROR:  temporary file size exceeds temp_file_limit (1024kB)");
 }
+
+} // namespace
 
 } // namespace attacksTest

@@ -5,6 +5,8 @@
 
 namespace authorizationTest {
 
+namespace {
+
 using oryx::AccessControlEntry;
 using oryx::ListSubscriptionRecord;
 
@@ -263,5 +265,7 @@ TEST_F(ListMappings, AreRemovedOneByOne)
     EXPECT_EQ(outcome(m_executor.removeListMapping("list1", kQuoted)), plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), "list1|sub2|-1\nlist2|sub1|60\n");
 }
+
+} // namespace
 
 } // namespace authorizationTest

@@ -16,6 +16,8 @@
 
 namespace boundStatementsTest {
 
+namespace {
+
 using oryx::DatabaseResult;
 using oryx::QueryResult;
 using oryx::SessionOptions;
@@ -288,5 +290,7 @@ TEST_F(BoundThroughRelay, AStatementWhoseConnectionIsCutWhileItIsSentIsSentAgain
     EXPECT_TRUE(m_executor.getListId(megabytes.c_str(), &id).notFound());
     EXPECT_TRUE(m_executor.getListId(megabytes.c_str(), &id).notFound());
 }
+
+} // namespace
 
 } // namespace boundStatementsTest

@@ -27,6 +27,8 @@
 
 namespace changeListenerTest {
 
+namespace {
+
 using oryx::ChangedTable;
 using oryx::ChangeListener;
 using oryx::ChangeListenerOptions;
@@ -742,5 +744,7 @@ TEST_F(ListenerOfTheLog, MissesNothingAndDoublesNothingWhileItsConnectionsAreLos
     EXPECT_EQ(delivered(), logged());
     EXPECT_EQ(end(), "okay");
 }
+
+} // namespace
 
 } // namespace changeListenerTest

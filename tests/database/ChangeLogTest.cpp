@@ -18,6 +18,8 @@
 
 namespace changeLogTest {
 
+namespace {
+
 using oryx::DatabaseUpdate;
 
 /// A server that follows the log of a table, as the servers do: it asks for what is later than the highest stamp seen.
@@ -234,5 +236,7 @@ TEST_F(OlderLog, IsDumpedAndRestoredWithItsStamps)
               "d\n");
     EXPECT_THROW(session.run("SET ROLE oryx_reader; SELECT lo_create(0)"), std::runtime_error);
 }
+
+} // namespace
 
 } // namespace changeLogTest

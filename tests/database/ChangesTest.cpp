@@ -10,6 +10,8 @@
 
 namespace changesTest {
 
+namespace {
+
 using oryx::CMRecord;
 using oryx::DatabaseUpdate;
 
@@ -222,5 +224,7 @@ TEST_F(CallManagers, AreNoneWhereTheyCannotBeRead)
     sql("REVOKE SELECT ON acp FROM oryx_server");
     EXPECT_EQ(matching({}, false), "okay\n");
 }
+
+} // namespace
 
 } // namespace changesTest

@@ -12,6 +12,8 @@
 
 namespace commandExecutorTest {
 
+namespace {
+
 /// What both executors have.
 template <typename Executor>
 class ExecutorFrame : public DatabaseTest {
@@ -283,5 +285,7 @@ TEST_F(PresenceExecutor, TellsThatItIsNotConnected)
               "connection error: attempt to execute a command with no database connection");
     EXPECT_EQ(m_result.getErrorMessage(), "not executed");
 }
+
+} // namespace
 
 } // namespace commandExecutorTest

@@ -13,6 +13,8 @@
 
 namespace concurrencyTest {
 
+namespace {
+
 class Concurrency : public DatabaseTest {
 protected:
     void SetUp() override
@@ -121,5 +123,7 @@ TEST_F(Concurrency, CreatesAnAddressOfRecordForOneOfTwo)
         sql("DELETE FROM contact_set WHERE csid <> 12");
     }
 }
+
+} // namespace
 
 } // namespace concurrencyTest

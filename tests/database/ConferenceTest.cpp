@@ -8,6 +8,8 @@
 
 namespace conferenceTest {
 
+namespace {
+
 using oryx::ConfExtRecord;
 
 class ConferenceStates : public PresenceTest {
@@ -273,5 +275,7 @@ TEST_F(ConferenceStates, AreReservedOnceEachByEightServersAtATime)
               "400|400|1001|1400\n");
     EXPECT_EQ(rows("SELECT conf_status, count(*) FROM conf_state GROUP BY conf_status"), "IN USE|400\n");
 }
+
+} // namespace
 
 } // namespace conferenceTest

@@ -9,6 +9,8 @@
 
 namespace contactsTest {
 
+namespace {
+
 class Contacts : public ExecutorTest {
 protected:
     void SetUp() override
@@ -311,5 +313,7 @@ TEST_F(Contacts, KeepTextsOfAnyLanguageAndLength)
     EXPECT_EQ(add("alice", "oryx.example", binding), 0);
     expectFound(kAlicesSet + oryx::show(binding));
 }
+
+} // namespace
 
 } // namespace contactsTest

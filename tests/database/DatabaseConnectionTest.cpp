@@ -11,6 +11,8 @@
 
 namespace databaseConnectionTest {
 
+namespace {
+
 class Connecting : public DatabaseTest {
 protected:
     bool connect(const std::string& uri, const char* password = server::kPassword)
@@ -247,5 +249,7 @@ TEST_F(Executing, TracesTheServersNoticesAlsoAfterAReset)
     EXPECT_TRUE(m_connection.execute(notice, m_result));
     EXPECT_EQ(trace.take(), traced);
 }
+
+} // namespace
 
 } // namespace databaseConnectionTest

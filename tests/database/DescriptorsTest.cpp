@@ -15,6 +15,8 @@
 
 namespace descriptorsTest {
 
+namespace {
+
 /// How often something was closed that was not open, which in a program with threads may be another's by then.
 std::atomic<int> closedInVain = 0;
 
@@ -47,5 +49,7 @@ TEST_F(Descriptors, ThatAreAllInUseAreEachClosedOnceByAChild)
     EXPECT_EQ(said, "0");
     EXPECT_EQ(rows("SELECT pid FROM pg_stat_activity WHERE pid = " + before), before + "\n");
 }
+
+} // namespace
 
 } // namespace descriptorsTest

@@ -7,6 +7,8 @@
 
 namespace dialogsTest {
 
+namespace {
+
 using oryx::PresenceRecord;
 
 class Dialogs : public PresenceTest {
@@ -346,5 +348,7 @@ TEST_F(Dialogs, CannotBeReadOrChangedWithoutTheRight)
     EXPECT_EQ(outcome(m_executor.deleteWatcher("incoming#1")), "connection error: " + denied);
     EXPECT_EQ(outcome(m_executor.updateWatcherContact("incoming#1", "c", 1)), kRefusedUpdate);
 }
+
+} // namespace
 
 } // namespace dialogsTest

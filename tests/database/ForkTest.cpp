@@ -13,6 +13,8 @@
 
 namespace forkTest {
 
+namespace {
+
 class Fork : public ServiceTest {
 protected:
     std::string lookUp(const std::string& handle)
@@ -120,5 +122,7 @@ TEST_F(Fork, IsNotHungByAThreadThatReadsTheDomainList)
     done = true;
     reader.join();
 }
+
+} // namespace
 
 } // namespace forkTest

@@ -11,6 +11,8 @@
 
 namespace hostAndRoutingTest {
 
+namespace {
+
 class HostAndRouting : public ExecutorTest {
 protected:
     void SetUp() override
@@ -274,5 +276,7 @@ TEST_F(HostAndRouting, ReadsAccessRulesInTheOrderOfTheirQvalue)
                              "rule -1 'c.example' direction='o' action='a'\n"
                              "rule -1 '*' direction='*' action='d'\n");
 }
+
+} // namespace
 
 } // namespace hostAndRoutingTest

@@ -12,6 +12,8 @@
 
 namespace keysTest {
 
+namespace {
+
 class Keys : public ExecutorTest {
 protected:
     /// The first line of what goes wrong with statements, "okay" when nothing does.
@@ -293,5 +295,7 @@ TEST_F(ReleasedDatabase, KeepsTheFirstOfRepeatedRows)
     EXPECT_EQ(m_session->rows("SELECT acl_id FROM access_control_list ORDER BY 1"), "1\n3\n5\n");
     EXPECT_EQ(m_session->rows("SELECT property_id FROM proxy_configuration ORDER BY 1"), "7\n8\n");
 }
+
+} // namespace
 
 } // namespace keysTest

@@ -10,6 +10,8 @@
 
 namespace liveBindingsTest {
 
+namespace {
+
 class LiveBindings : public ServiceTest {
 protected:
     std::string byKey(int key = 42)
@@ -147,5 +149,7 @@ TEST_F(LiveBindings, CanBeLookedUpWhereNothingMayBeWritten)
     ASSERT_TRUE(m_service.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay());
     EXPECT_EQ(order(), "sip:a 1000; ");
 }
+
+} // namespace
 
 } // namespace liveBindingsTest

@@ -12,6 +12,8 @@
 
 namespace locationServiceTest {
 
+namespace {
+
 class Service : public ServiceTest {
 protected:
     std::string unregister(const std::vector<std::string>& addresses, int key = 42)
@@ -403,5 +405,7 @@ TEST_F(Service, NamesTheFirstDomain)
     std::string domain;
     EXPECT_EQ(m_service.getDomainName(domain), "oryx.example");
 }
+
+} // namespace
 
 } // namespace locationServiceTest

@@ -13,6 +13,8 @@
 
 namespace lostConnectionTest {
 
+namespace {
+
 using server::Proxy;
 
 /// A fixture whose library is connected through a proxy.
@@ -388,5 +390,7 @@ TEST_F(LostExecutor, RepeatsUnnoticedWhatMayHappenTwice)
     EXPECT_EQ(m_executor.removeSubscriber(7), 1);
     EXPECT_EQ(rows("SELECT count(*) FROM subscriber"), "0\n");
 }
+
+} // namespace
 
 } // namespace lostConnectionTest

@@ -12,6 +12,8 @@
 
 namespace migrationsTest {
 
+namespace {
+
 using Clock = std::chrono::steady_clock;
 
 /// A database as the first release left it, with what the test adds behind it.
@@ -458,5 +460,7 @@ TEST_F(SchemaCheck, TellsMigrationsToo)
     addMigration("999_last", "SELECT 1;");
     EXPECT_EQ(check(m_name), "-- migration 999_last is pending: schema/apply --dry-run says more\n1");
 }
+
+} // namespace
 
 } // namespace migrationsTest

@@ -12,6 +12,8 @@
 
 namespace presenceLocationTest {
 
+namespace {
+
 using oryx::ContactRecord;
 using oryx::ExtendedContactRecord;
 using oryx::PublicAddressRecord;
@@ -547,5 +549,7 @@ TEST_F(ExpiredContacts, StayUnreportedWhereTheirRemovalIsRefused)
     deny("SELECT", "contact");
     EXPECT_EQ(flush(), deniedQuery("contact") + "\n");
 }
+
+} // namespace
 
 } // namespace presenceLocationTest

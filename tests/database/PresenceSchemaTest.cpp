@@ -18,6 +18,8 @@
 
 namespace presenceSchemaTest {
 
+namespace {
+
 /// A second session is there for what happens while a transaction of the first is open; it rather fails than waits for
 /// its end.
 class PresenceSchema : public ExecutorTest {
@@ -672,5 +674,7 @@ TEST_F(ChangeLog, IsTrimmedOfWhatIsOlderThanAsked)
     sql("COMMIT");
     EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "while trimming\n");
 }
+
+} // namespace
 
 } // namespace presenceSchemaTest

@@ -16,6 +16,8 @@
 
 namespace presenceServiceTest {
 
+namespace {
+
 using oryx::AccessControlEntry;
 using oryx::CMRecord;
 using oryx::ConfExtRecord;
@@ -444,5 +446,7 @@ TEST_F(PresenceServices, GiveTheirExecutorForWhatTheyDoNotOffer)
     EXPECT_EQ(outcome(m_service.getPresenceDatabaseCommandExecutor()->removeEventServerState()), "okay");
     EXPECT_EQ(rows("SELECT * FROM listsubscriptions"), "");
 }
+
+} // namespace
 
 } // namespace presenceServiceTest

@@ -7,6 +7,8 @@
 
 namespace publicAddressesTest {
 
+namespace {
+
 class PublicAddresses : public ExecutorTest {
 protected:
     void SetUp() override
@@ -167,5 +169,7 @@ TEST_F(PublicAddresses, AreNotFoundWhereThereAreNone)
               plainOrBound("query error: " + kBroken, "not found") + " " + show(before));
     EXPECT_EQ(lookup("alice", "oryx.example", before), "okay " + show(alice()));
 }
+
+} // namespace
 
 } // namespace publicAddressesTest

@@ -17,6 +17,8 @@
 
 namespace publicationsTest {
 
+namespace {
+
 using oryx::PublishAnswer;
 using oryx::PublishRequest;
 using server::Proxy;
@@ -360,5 +362,7 @@ TEST_F(PublicationsThroughProxy, AreLimitedWithoutCountingTheFirstSending)
     EXPECT_EQ(m_losing.apply(limited), kDone);
     EXPECT_EQ(m_losing.apply(limited), kMany);
 }
+
+} // namespace
 
 } // namespace publicationsTest

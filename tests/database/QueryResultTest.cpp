@@ -9,6 +9,8 @@
 
 namespace queryResultTest {
 
+namespace {
+
 class QueryResults : public DatabaseTest {
 protected:
     void SetUp() override
@@ -161,5 +163,7 @@ TEST_F(QueryResults, HoldALargeResult)
     EXPECT_EQ(m_result.rows(), 10000);
     EXPECT_STREQ(m_result.getValue(9999, 0), "sip:10000");
 }
+
+} // namespace
 
 } // namespace queryResultTest

@@ -16,6 +16,8 @@
 
 namespace registrationTest {
 
+namespace {
+
 using oryx::RegisterAnswer;
 using oryx::RegisterContact;
 using oryx::RegisterRequest;
@@ -442,5 +444,7 @@ TEST_F(RegistrationThroughProxy, DoesNotUndoANewerOneWhenItIsSentAgain)
     EXPECT_EQ(apply(removal(4)), kOlder);
     EXPECT_EQ(stored(), kA + "|1000030|call|5\n");
 }
+
+} // namespace
 
 } // namespace registrationTest

@@ -16,6 +16,8 @@
 
 namespace registrationsTest {
 
+namespace {
+
 using oryx::RegisterContact;
 using oryx::RegisterRequest;
 using oryx::Registration;
@@ -275,5 +277,7 @@ TEST_F(RegistrationsThroughProxy, AllFailWhereTheConnectionIsLostForGood)
     EXPECT_EQ(answer.substr(answer.find(';')), "; failed; failed");
     EXPECT_EQ(stored(), "");
 }
+
+} // namespace
 
 } // namespace registrationsTest

@@ -24,6 +24,8 @@
 
 namespace repetitionTest {
 
+namespace {
+
 /// Whether libpq finds no memory for a result that the library makes.
 bool makesNoResults = false;
 
@@ -751,5 +753,7 @@ TEST_F(Sending, IsNotSaidInsideACallersTransaction)
     EXPECT_EQ(bindingsStored(), kA + "\n");
     EXPECT_EQ(rows("SELECT count(*) FROM away"), "0\n");
 }
+
+} // namespace
 
 } // namespace repetitionTest

@@ -10,6 +10,8 @@
 
 namespace requestTargetTest {
 
+namespace {
+
 class RequestTargets : public ServiceTest {
 protected:
     void SetUp() override
@@ -192,5 +194,7 @@ TEST_F(RequestTargets, AreNotToldWhereAStepFails)
     EXPECT_EQ(show(findTarget(unconnected, question, target)),
               "connection error: lookup attempted without a database connection");
 }
+
+} // namespace
 
 } // namespace requestTargetTest

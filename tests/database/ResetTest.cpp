@@ -7,6 +7,8 @@
 
 namespace resetTest {
 
+namespace {
+
 using Executor = oryx::PresenceDatabaseCommandExecutor;
 using server::Proxy;
 
@@ -191,5 +193,7 @@ TEST_F(LostLeftovers, TellTheConnectionsReasonWhereItIsAsked)
     loseServer();
     EXPECT_EQ(show(m_executor.updateWatcherContact("incoming#1", "c", 1)), notReset);
 }
+
+} // namespace
 
 } // namespace resetTest

@@ -14,6 +14,8 @@
 
 namespace rolesTest {
 
+namespace {
+
 class Roles : public ExecutorTest {
 protected:
     void SetUp() override
@@ -466,5 +468,7 @@ TEST_F(DatabaseTest, AnOwnerWhoIsNoSuperuserAppliesTheSchemaAndIsToldWhatStaysOp
     sql("DROP DATABASE " + owned + " WITH (FORCE)");
     sql("DROP ROLE " + owner);
 }
+
+} // namespace
 
 } // namespace rolesTest

@@ -9,6 +9,8 @@
 
 namespace routingTest {
 
+namespace {
+
 class Routing : public ServiceTest {
 protected:
     void SetUp() override
@@ -162,5 +164,7 @@ TEST_F(Routing, QuestionsAreAnsweredOverANewConnectionWhenTheirsWasTerminated)
     terminate(backend());
     EXPECT_EQ(inbound("example.com"), "okay denied");
 }
+
+} // namespace
 
 } // namespace routingTest

@@ -11,6 +11,8 @@
 
 namespace searchesTest {
 
+namespace {
+
 using oryx::PresenceRecord;
 using oryx::SourcesRecord;
 using oryx::WatchersRecord;
@@ -236,5 +238,7 @@ TEST_F(DatabaseBeforeSearches, IsMigratedWithoutWritingItsRowsAnew)
               "event_sources|presentity\nevent_watchers|presentitykey\nsubscription_states|fromhdr\n"
               "subscription_states|requesturi\nsubscription_states|tohdr\n");
 }
+
+} // namespace
 
 } // namespace searchesTest

@@ -16,6 +16,8 @@
 
 namespace sessionStatisticsTest {
 
+namespace {
+
 using oryx::SessionStatistics;
 
 class Statistics : public ServiceTest {
@@ -132,5 +134,7 @@ TEST_F(Statistics, TellTheOperatorOfAnOutageOnceAMinute)
     zel::setTraceSink(before);
     EXPECT_EQ(reports, 1);
 }
+
+} // namespace
 
 } // namespace sessionStatisticsTest

@@ -6,6 +6,8 @@
 
 namespace sourcesTest {
 
+namespace {
+
 using oryx::SourcesRecord;
 using oryx::WatcherInfoRecord;
 
@@ -267,5 +269,7 @@ TEST_F(WatcherInformation, IsRemovedByItsSubscriber)
     EXPECT_EQ(outcome(m_executor.deleteWinfoForPresentity(kQuoted)), plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), kRowOfFirst);
 }
+
+} // namespace
 
 } // namespace sourcesTest

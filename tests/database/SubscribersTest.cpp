@@ -11,6 +11,8 @@
 
 namespace subscribersTest {
 
+namespace {
+
 class Subscribers : public ExecutorTest {
 protected:
     std::string stored()
@@ -272,5 +274,7 @@ TEST_F(Subscribers, GetContactSets)
     EXPECT_EQ(rows("SELECT csid, sid, ordering, replace_uri FROM contact_set ORDER BY csid"),
               "12|7|sequential|NULL\n13|7|parallel|NULL\n14|7|NULL|NULL\n");
 }
+
+} // namespace
 
 } // namespace subscribersTest

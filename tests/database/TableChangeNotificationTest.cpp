@@ -26,6 +26,8 @@
 
 namespace tableChangeNotificationTest {
 
+namespace {
+
 constexpr std::array kTables{"acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
                              "subscriber", "contact_set", "sip_event_aggregator"};
 
@@ -344,5 +346,7 @@ TEST_F(TableChangeAnnouncement, DoesNotComeForARegistration)
     EXPECT_EQ(announced("UPDATE contact SET expires = 2000000000"), Channels{});
     EXPECT_EQ(announced("DELETE FROM contact"), Channels{});
 }
+
+} // namespace
 
 } // namespace tableChangeNotificationTest

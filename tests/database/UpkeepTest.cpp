@@ -11,6 +11,8 @@
 
 namespace upkeepTest {
 
+namespace {
+
 class Upkeep : public ExecutorTest {
 protected:
     /// What a run did, without the alarms.
@@ -330,5 +332,7 @@ TEST_F(Upkeep, DoesNotTakeForGoodWhatItCannotSee)
               "horizon_held_back\noldest_transaction\nreplication_lag\n");
     sql("ROLLBACK");
 }
+
+} // namespace
 
 } // namespace upkeepTest

@@ -8,6 +8,8 @@
 
 namespace watchersTest {
 
+namespace {
+
 using oryx::WatchersRecord;
 
 class Watchers : public PresenceTest {
@@ -227,5 +229,7 @@ TEST_F(Watchers, AreRemovedOneByOne)
               plainOrBound(kBrokenChange, "okay"));
     EXPECT_EQ(stored(), row(kCarol) + row(kDave));
 }
+
+} // namespace
 
 } // namespace watchersTest

@@ -13,6 +13,8 @@
 
 namespace checkerTest {
 
+namespace {
+
 using namespace drill;
 
 class Checker : public testing::Test {
@@ -402,5 +404,7 @@ TEST_F(JournalFile, IsRefusedWhereALineIsNoneOfAJournal)
         EXPECT_THROW(read(kAsked + line + "ask 1 3 remove contact/c0.0 0\n"), std::exception) << line;
     }
 }
+
+} // namespace
 
 } // namespace checkerTest

@@ -20,6 +20,8 @@
 
 namespace deadlineTest {
 
+namespace {
+
 using oryx::DatabaseResult;
 using oryx::SessionOptions;
 using server::Proxy;
@@ -219,5 +221,7 @@ TEST_F(Deadline, EndsAListenersWaitWhenItsConnectionIsDead)
     EXPECT_LT(waited, std::chrono::seconds(30));
     m_proxy.swallow(false);
 }
+
+} // namespace
 
 } // namespace deadlineTest

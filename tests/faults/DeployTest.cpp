@@ -25,6 +25,8 @@
 
 namespace deployTest {
 
+namespace {
+
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -343,5 +345,7 @@ TEST_F(Deployed, GivesUpANetworkThatFallsSilentBeforeTheAnswer)
     EXPECT_NE(asked.get(), "\n");
     proxy.blackHole(false);
 }
+
+} // namespace
 
 } // namespace deployTest

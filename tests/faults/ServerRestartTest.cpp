@@ -14,6 +14,8 @@
 
 namespace serverRestartTest {
 
+namespace {
+
 class ServerRestart : public ServiceTest {
 protected:
     /// The test's own session, which the server's end has ended too, is connected again.
@@ -114,5 +116,7 @@ TEST_F(ServerRestart, IsSurvivedByAListenerWhichTellsToReadEverything)
     m_server.start();
     lookAgain();
 }
+
+} // namespace
 
 } // namespace serverRestartTest

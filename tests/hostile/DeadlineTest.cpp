@@ -17,6 +17,8 @@
 
 namespace deadlineTest {
 
+namespace {
+
 using oryx::SessionOptions;
 using std::chrono::milliseconds;
 
@@ -95,5 +97,7 @@ TEST_F(EveryOperation, ComesBackWithinItsDeadlineWhileEverythingSentIsSwallowed)
         return m_library.location.getPublicAddressKey("alice", "oryx.example", key).notFound();
     }));
 }
+
+} // namespace
 
 } // namespace deadlineTest

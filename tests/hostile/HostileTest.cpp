@@ -21,6 +21,8 @@
 
 namespace hostileTest {
 
+namespace {
+
 using oryx::SessionOptions;
 
 /// The SQLSTATE with which the schema refuses a text there, empty when it takes it.
@@ -222,5 +224,7 @@ INSTANTIATE_TEST_SUITE_P(BothWays, OutOfMemory,
                          wayAndName);
 
 INSTANTIATE_TEST_SUITE_P(Bound, Hostile, testing::ValuesIn(allEntries()), testName);
+
+} // namespace
 
 } // namespace hostileTest

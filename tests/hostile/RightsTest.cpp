@@ -21,6 +21,8 @@
 
 namespace rightsTest {
 
+namespace {
+
 using Statements = oryx::SessionOptions::Statements;
 using Names = std::set<std::string>;
 
@@ -494,5 +496,7 @@ TEST_F(Rights, AreAllNeeded)
         }
     }
 }
+
+} // namespace
 
 } // namespace rightsTest

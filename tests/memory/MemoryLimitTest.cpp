@@ -14,6 +14,8 @@
 
 namespace memoryLimitTest {
 
+namespace {
+
 using oryx::DatabaseResult;
 
 /// So many rows take libpq some 70 MiB, and the library's records as much again.
@@ -102,5 +104,7 @@ TEST_P(MemoryLimit, IsAQueryErrorOfTheRegistrarsListing)
 
 // With the least it is libpq whose memory runs out, with more the library.
 INSTANTIATE_TEST_SUITE_P(Mebibytes, MemoryLimit, testing::Values(kLeast, 96), testing::PrintToStringParamName());
+
+} // namespace
 
 } // namespace memoryLimitTest

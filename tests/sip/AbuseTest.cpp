@@ -16,6 +16,8 @@
 
 namespace abuseTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 using phone::Socket;
@@ -444,5 +446,7 @@ TEST_F(Abuse, ByAStreamThatCannotBeReadAnyMoreEndsIt)
         EXPECT_TRUE(mallory.socket().closed()) << broken;
     }
 }
+
+} // namespace
 
 } // namespace abuseTest

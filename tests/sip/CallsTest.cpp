@@ -14,6 +14,8 @@
 
 namespace callsTest {
 
+namespace {
+
 class Calls : public SipTest {
 protected:
     /// The user's telephone, which has registered.
@@ -125,5 +127,7 @@ TEST_F(Calls, BeginWithRegistrationsOfAnyTelephone)
     EXPECT_EQ(rows("SELECT count(*) FROM contact"), "2\n");
     std::remove(users.c_str());
 }
+
+} // namespace
 
 } // namespace callsTest

@@ -14,6 +14,8 @@
 
 namespace fuzzTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 using phone::Socket;
@@ -202,5 +204,7 @@ TEST_F(Fuzz, LeavesTheEventServerAnswering)
 {
     isTried(ORYX_EVENTS);
 }
+
+} // namespace
 
 } // namespace fuzzTest

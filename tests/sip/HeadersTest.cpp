@@ -8,6 +8,8 @@
 
 namespace headersTest {
 
+namespace {
+
 using oryx::sip::parameterOf;
 
 /// As a word, with what tells an empty value from none.
@@ -41,5 +43,7 @@ TEST(UriParameter, IsNotFoundBehindTheLastOne)
         EXPECT_EQ(parameter(last, "lr"), "none");
     }
 }
+
+} // namespace
 
 } // namespace headersTest

@@ -9,6 +9,8 @@
 
 namespace loadTest {
 
+namespace {
+
 using phone::Message;
 using phone::Socket;
 
@@ -107,5 +109,7 @@ TEST_F(Load, KeepsLittleOfWhatItHasAnswered)
     std::printf("%.1f kB each\n", kept);
     EXPECT_LT(kept, kMostKept);
 }
+
+} // namespace
 
 } // namespace loadTest

@@ -16,6 +16,8 @@
 
 namespace outageTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -231,5 +233,7 @@ TEST_F(Outage, EndsNoSubscription)
         "<basic>open</basic></status></tuple></presence>', 0)");
     EXPECT_EQ(told("<basic>open</basic>"), "2 NOTIFY");
 }
+
+} // namespace
 
 } // namespace outageTest

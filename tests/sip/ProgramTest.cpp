@@ -15,6 +15,8 @@
 
 namespace programTest {
 
+namespace {
+
 using phone::Phone;
 
 class Command : public SipTest {
@@ -216,5 +218,7 @@ TEST_F(Command, CountsOnWhateverItsReadersDo)
     waiting.send(port, "");
     EXPECT_EQ(stop(), 0);
 }
+
+} // namespace
 
 } // namespace programTest

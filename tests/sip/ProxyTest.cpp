@@ -10,6 +10,8 @@
 
 namespace proxyTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -639,5 +641,7 @@ TEST_F(Proxy, AnswersWhoeverLooksIfItIsThere)
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("To", "<sip:a@b.example>;tag=1"))),
               "404 Not Found");
 }
+
+} // namespace
 
 } // namespace proxyTest

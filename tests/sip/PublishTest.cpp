@@ -9,6 +9,8 @@
 
 namespace publishTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -367,5 +369,7 @@ TEST_F(Publishing, OutlivesTheServer)
     EXPECT_EQ(answer(request(kClosed, tag)), "200 OK");
     EXPECT_EQ(seen(), composed(kClosed));
 }
+
+} // namespace
 
 } // namespace publishTest

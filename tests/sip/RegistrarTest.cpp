@@ -10,6 +10,8 @@
 
 namespace registrarTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -587,5 +589,7 @@ TEST_F(Registrar, HearsOfANewPassword)
     EXPECT_EQ(last, "200 OK");
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice")), "401 Unauthorized");
 }
+
+} // namespace
 
 } // namespace registrarTest

@@ -6,6 +6,8 @@
 
 namespace restartTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -87,5 +89,7 @@ TEST_F(Restart, LetsACallGoOn)
     caller.send(caller.response(ended, 200, "OK"));
     EXPECT_EQ(status(called.receive()), "200 OK");
 }
+
+} // namespace
 
 } // namespace restartTest

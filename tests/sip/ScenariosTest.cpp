@@ -9,6 +9,8 @@
 
 namespace scenariosTest {
 
+namespace {
+
 struct Scenario {
     std::string name;
     /// What stands in the database besides.
@@ -102,5 +104,7 @@ const std::vector<Scenario> kEvents{
 
 INSTANTIATE_TEST_SUITE_P(Sipp, RegistrarScenarios, testing::ValuesIn(kRegistrar), nameOf);
 INSTANTIATE_TEST_SUITE_P(Sipp, EventScenarios, testing::ValuesIn(kEvents), nameOf);
+
+} // namespace
 
 } // namespace scenariosTest

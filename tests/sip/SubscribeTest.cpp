@@ -14,6 +14,8 @@
 
 namespace subscribeTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -1142,5 +1144,7 @@ TEST_F(Subscribing, ShowsTelephonesEachOtherAfterARestart)
     alice->command("presence_online");
     EXPECT_TRUE(bob->sees("Online")) << bob->said() << alice->said();
 }
+
+} // namespace
 
 } // namespace subscribeTest

@@ -9,6 +9,8 @@
 
 namespace timersTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 
@@ -108,5 +110,7 @@ TEST_F(Timers, EndAConnectionThatNeverSaysAnythingWhole)
     EXPECT_TRUE(slow.closed());
     EXPECT_EQ(status(telephone.ask(telephone.request("OPTIONS", "sip:oryx.example"))), "200 OK");
 }
+
+} // namespace
 
 } // namespace timersTest

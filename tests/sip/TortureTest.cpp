@@ -9,6 +9,8 @@
 
 namespace tortureTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 using phone::Socket;
@@ -548,5 +550,7 @@ TEST_F(Torture, OfStreams)
     Phone alice("alice", "oryx.example", m_port, "127.0.0.1", Transport::tcp);
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"))), "200 OK");
 }
+
+} // namespace
 
 } // namespace tortureTest

@@ -10,6 +10,8 @@
 
 namespace transportsTest {
 
+namespace {
+
 using phone::Message;
 using phone::Phone;
 using phone::Transport;
@@ -291,5 +293,7 @@ TEST_F(Transports, AreSilentToOtherStun)
     EXPECT_TRUE(socket.silent());
     EXPECT_EQ(m_server->soFar(), "ready\n");
 }
+
+} // namespace
 
 } // namespace transportsTest

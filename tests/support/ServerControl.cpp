@@ -23,6 +23,7 @@ ServerControl::~ServerControl()
 {
     try {
         if (m_stopped) {
+            static_cast<void>(run("-w stop -m immediate")); // it may be on its way, or gone
             start();
         }
     } catch (const std::exception& failure) {
@@ -61,12 +62,17 @@ std::string ServerControl::starting() const
 
 void ServerControl::control(const std::string& what) const
 {
+    if (!run(what)) {
+        throw std::runtime_error("failed: " + m_program + " " + what);
+    }
+}
+
+bool ServerControl::run(const std::string& what) const
+{
     // The server does not run as root: neither may what controls it.
     const std::string as = geteuid() == 0 ? "runuser -u postgres -- " : "";
     const std::string command = "cd / && " + as + m_program + " -s -D '" + m_folder + "' " + what;
-    if (std::system(command.c_str()) != 0) {
-        throw std::runtime_error("failed: " + command);
-    }
+    return std::system(command.c_str()) == 0;
 }
 
 namespace {

@@ -9,8 +9,8 @@
 
 namespace server {
 
-/// The throw-away server itself, told to stop and to start. It must be the test's own. Where a test has failed while it
-/// was stopped, it starts with the object's end: other tests may share it.
+/// The throw-away server itself, told to stop and to start. It must be the program's own. Where a test has failed while
+/// it was stopped, it starts with the object's end, for the tests that follow.
 class ServerControl {
 public:
     explicit ServerControl(Session& session);
@@ -36,6 +36,7 @@ public:
 private:
     std::string starting() const;
     void control(const std::string& what) const;
+    bool run(const std::string& what) const;
 
     std::string m_folder;
     std::string m_program;

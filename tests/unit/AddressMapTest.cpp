@@ -10,6 +10,8 @@
 
 namespace addressMapTest {
 
+namespace {
+
 using Lines = std::vector<std::string>;
 
 constexpr time_t kModified = 882344236;
@@ -214,5 +216,7 @@ TEST(AddressMap, keepsItsExpressionWhenAMissingPatternIsNoNewer)
     EXPECT_STREQ(map.pattern(), "alice");
     EXPECT_TRUE(map.matches("sip:alice@oryx.example"));
 }
+
+} // namespace
 
 } // namespace addressMapTest

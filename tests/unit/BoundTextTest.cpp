@@ -7,6 +7,8 @@
 
 namespace boundTextTest {
 
+namespace {
+
 using oryx::BoundText;
 using oryx::call;
 using oryx::insertion;
@@ -141,5 +143,7 @@ TEST(BoundTextTest, RefusesANulInAnyValue)
     columns.add("event", withNul);
     EXPECT_FALSE(BoundText::canBeSent(insertion("INSERT INTO event_watchers {} VALUES{};", std::move(columns))));
 }
+
+} // namespace
 
 } // namespace boundTextTest

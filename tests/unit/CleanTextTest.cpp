@@ -8,6 +8,8 @@
 
 namespace cleanTextTest {
 
+namespace {
+
 using namespace std::string_literals;
 using oryx::TextUse;
 
@@ -170,5 +172,7 @@ TEST(CleanText, holdsNoInvalidUtf8)
     };
     EXPECT_EQ(flawsOfEach(sequences), allAre(kInvalid, sequences));
 }
+
+} // namespace
 
 } // namespace cleanTextTest

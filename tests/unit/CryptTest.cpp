@@ -15,6 +15,8 @@
 
 namespace cryptTest {
 
+namespace {
+
 using Lines = std::vector<std::string>;
 
 const std::string kKey = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
@@ -253,5 +255,7 @@ TEST_F(CryptWithKey, encryptsNothingWithoutAUsableKey)
     EXPECT_EQ(trace.lines(), (Lines{"Crypt log cannot encrypt a password: key file " + m_directory.file("key") +
                                     ": not 64 hexadecimal digits"}));
 }
+
+} // namespace
 
 } // namespace cryptTest

@@ -12,6 +12,8 @@
 
 namespace documentsTest {
 
+namespace {
+
 using namespace oryx::sip;
 
 using Texts = std::vector<std::string>;
@@ -276,5 +278,7 @@ TEST(ListBody, hasNoMoreDocumentsThanADatagramHasRoomFor)
               std::string::npos);
     EXPECT_LT(body.text.size(), 40000U);
 }
+
+} // namespace
 
 } // namespace documentsTest

@@ -17,6 +17,8 @@ void leaveOutExpired(std::vector<oryx::ContactRecord>& contacts);
 
 namespace guideTest {
 
+namespace {
+
 oryx::ContactRecord contact(const char* address, long expires, char permanent)
 {
     oryx::ContactRecord contact;
@@ -46,5 +48,7 @@ TEST(Guide, leavesOutWhatHasExpiredAndNothingElse)
     }
     EXPECT_EQ(kept, "no expiry\nno expiry, permanent\ngone, permanent\nin an hour\nlast\n");
 }
+
+} // namespace
 
 } // namespace guideTest

@@ -9,6 +9,8 @@
 
 namespace hashtableTest {
 
+namespace {
+
 template <typename Value>
 std::string shown(const Value* value)
 {
@@ -80,5 +82,7 @@ TEST(Hashtable, takesOverAValueThatCannotBeCopied)
     const std::unique_ptr<int>* value = table.get("a");
     EXPECT_EQ(value ? **value : 0, 2);
 }
+
+} // namespace
 
 } // namespace hashtableTest

@@ -15,6 +15,8 @@
 
 namespace maskSecretsTest {
 
+namespace {
+
 using oryx::maskSecrets;
 
 /// What the message of a failed statement looks like.
@@ -394,5 +396,7 @@ TEST(MaskSecrets, takesTimeInProportionToTheText)
         EXPECT_LT(taken, std::chrono::seconds(5)) << piece << shown.size();
     }
 }
+
+} // namespace
 
 } // namespace maskSecretsTest

@@ -15,6 +15,8 @@
 
 namespace regExpTest {
 
+namespace {
+
 using Lines = std::vector<std::string>;
 
 static_assert(!std::is_copy_constructible_v<oryx::RegExp>);
@@ -217,5 +219,7 @@ TEST(RegExp, matchesNoNullText)
     EXPECT_TRUE(expression.compile(".*", false));
     EXPECT_FALSE(expression.match(nullptr));
 }
+
+} // namespace
 
 } // namespace regExpTest

@@ -8,6 +8,8 @@
 
 namespace requiredTextTest {
 
+namespace {
+
 /// Patterns, each with the text that it is found to need.
 using Needs = std::vector<std::pair<std::string, std::string>>;
 
@@ -80,5 +82,7 @@ TEST(RequiredText, takesNoPartOfACharacterBeyondAscii)
         {"tab\there", "here"},
     });
 }
+
+} // namespace
 
 } // namespace requiredTextTest

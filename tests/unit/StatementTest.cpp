@@ -9,6 +9,8 @@
 
 namespace statementTest {
 
+namespace {
+
 using oryx::call;
 using oryx::insertion;
 using oryx::leadingInt;
@@ -154,5 +156,7 @@ TEST(LeadingIntTest, StopsAtTheLimitsOfAnInt)
     EXPECT_EQ(leadingInt("-2147483649"), std::numeric_limits<int>::min());
     EXPECT_EQ(leadingInt("-99999999999999999999"), std::numeric_limits<int>::min());
 }
+
+} // namespace
 
 } // namespace statementTest

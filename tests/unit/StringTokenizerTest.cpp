@@ -8,6 +8,8 @@
 
 namespace stringTokenizerTest {
 
+namespace {
+
 using Tokens = std::vector<std::string>;
 
 Tokens tokens(const std::string& text, const std::string& delimiters)
@@ -80,5 +82,7 @@ TEST(StringTokenizer, outlivesTheTextItWasMadeFrom)
     text.reset();
     EXPECT_EQ(tokenizer.nextToken(), "a text too long for the short string buffer");
 }
+
+} // namespace
 
 } // namespace stringTokenizerTest

@@ -16,6 +16,8 @@
 
 namespace traceFileTest {
 
+namespace {
+
 class TraceFile : public TraceEnvironment {
 protected:
     static void traceTo(const std::string& path)
@@ -182,5 +184,7 @@ TEST_F(TraceFile, opensNoFileWhenOff)
     };
     EXPECT_EXIT(trace(), kSucceeds, testing::Eq("0"));
 }
+
+} // namespace
 
 } // namespace traceFileTest

@@ -19,6 +19,8 @@
 
 namespace traceTest {
 
+namespace {
+
 using Lines = std::vector<std::string>;
 
 /// Keeps tracing off while it lives.
@@ -383,5 +385,7 @@ TEST_F(TraceEnvironment, tracesFromDestructorsThatRunAtExit)
     };
     EXPECT_EXIT(trace(), kSucceeds, testing::MatchesRegex(line("Channel prn: working") + line("Farewell prn: gone")));
 }
+
+} // namespace
 
 } // namespace traceTest

@@ -9,6 +9,8 @@
 
 namespace tracerTest {
 
+namespace {
+
 TEST(Tracer, tracesRoutineProgressOnItsChannel)
 {
     const TraceCapture trace;
@@ -30,5 +32,7 @@ TEST(Tracer, sharesTheSinkOfTheProcess)
     tracer.prn("two");
     EXPECT_EQ(outer.lines(), (std::vector<std::string>{"RegEx prn two"}));
 }
+
+} // namespace
 
 } // namespace tracerTest

@@ -6,6 +6,8 @@
 
 namespace urlTest {
 
+namespace {
+
 /// Validity, host and path.
 std::string parts(const wex::URL& url)
 {
@@ -122,5 +124,7 @@ TEST(URL, takesTextFromAnArrayAsFromAString)
 {
     EXPECT_EQ(parts(wex::URL("x://h/a")), "valid [h] [a]");
 }
+
+} // namespace
 
 } // namespace urlTest

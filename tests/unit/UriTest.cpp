@@ -7,6 +7,8 @@
 
 namespace uriTest {
 
+namespace {
+
 /// All that a URI says, one part per bracket.
 std::string parts(const wex::Uri& uri)
 {
@@ -174,5 +176,7 @@ TEST(Uri, losesNothingOfAnyTextItTakes)
     }
     EXPECT_GT(taken, 1000U);
 }
+
+} // namespace
 
 } // namespace uriTest

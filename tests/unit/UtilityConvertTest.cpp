@@ -16,6 +16,8 @@
 
 namespace utilityConvertTest {
 
+namespace {
+
 using oryx::convertTime;
 using oryx::monthToInt;
 using oryx::stringLower;
@@ -572,5 +574,7 @@ TEST_F(ConvertTimeTest, IsZeroForTheSecondThatStandsForAFailure)
     EXPECT_EQ(convertTime("Wed Dec 31 23:59:58 1969"), -2);
     EXPECT_EQ(convertTime("Wed Dec 31 23:59:59 1969"), 0);
 }
+
+} // namespace
 
 } // namespace utilityConvertTest

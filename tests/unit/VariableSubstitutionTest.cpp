@@ -6,6 +6,8 @@
 
 namespace variableSubstitutionTest {
 
+namespace {
+
 Hashtable<std::string> uriVariables()
 {
     Hashtable<std::string> variables;
@@ -113,5 +115,7 @@ TEST(VariableSubstitution, takesTimeInProportionToTheText)
     EXPECT_EQ(filled("}" + braces), "}" + braces);
     EXPECT_EQ(filled(closed).size(), 2500000U);
 }
+
+} // namespace
 
 } // namespace variableSubstitutionTest
