@@ -1,3 +1,5 @@
+// What a contender answers to each job, as a text: all must answer alike before they are measured.
+
 #include "Jobs.h"
 
 #include <algorithm>

@@ -1,6 +1,5 @@
 #include <zel/Trace.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
