@@ -16,7 +16,8 @@ class SipTest : public testing::Test {
 protected:
     SipTest();
 
-    /// Starts the registrar with these options beside its sockets and its database, and waits until it is ready.
+    /// Starts the registrar with these options beside its sockets and its database, and waits until it is ready. With
+    /// --record-route it has a password, and so the same key for its routes each time; else it enters without one.
     void startRegistrar(const std::vector<std::string>& options = {"--auth", "none"});
     /// The same with the event server, as a member of its role and nothing more.
     void startEvents(const std::vector<std::string>& options = {"--auth", "none"});
@@ -39,7 +40,8 @@ protected:
     std::unique_ptr<Program> m_server;
 
 private:
-    void start(const std::string& program, const std::string& user, const std::vector<std::string>& options);
+    void start(const std::string& program, const std::string& database, const std::string& user,
+               const std::vector<std::string>& options);
 };
 
 /// The status line of an answer.
