@@ -174,6 +174,11 @@ bool DatabaseConnection::givenUp()
     return error(why.c_str());
 }
 
+bool DatabaseConnection::ranLate() const
+{
+    return m_conn == nullptr && m_bound && m_bound->late();
+}
+
 std::string DatabaseConnection::lateness() const
 {
     return "no answer within the deadline of " + std::to_string(m_bound->duration().count()) + " ms";

@@ -149,6 +149,8 @@ private:
         }
     }
     bool m_inOperation = false; // the owner says when one begins
+    // Whether the latest was given up at its deadline.
+    bool ranLate() const;
 
     // After memory ran out: whatever a statement may have left open ends, with the connection it is open on.
     void settle() noexcept;

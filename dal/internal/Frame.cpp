@@ -75,6 +75,14 @@ DatabaseResult Frame::connectionError() const
     return result;
 }
 
+DatabaseResult Frame::unanswered()
+{
+    if (connection && connection->ranLate()) {
+        errorConnection();
+    }
+    return connectionError();
+}
+
 DatabaseResult Frame::queryError() const
 {
     DatabaseResult result;
@@ -221,7 +229,7 @@ DatabaseResult Frame::insertedOrDeleted(const Statement& statement, Violation vi
     traceText(statement);
     QueryResult result;
     if (!exchange(statement, result)) {
-        return connectionError(); // the caller hears of the last failure that had words
+        return unanswered();
     }
     if (!result.failed()) {
         return {};

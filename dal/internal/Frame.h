@@ -87,6 +87,9 @@ public:
     ///@}
     /// A connection error with the error text as the message.
     DatabaseResult connectionError() const;
+    /// A connection error of an addition, a deletion or the reset that brought back no result: its caller hears of the
+    /// deadline, and otherwise of the last failure that had words.
+    DatabaseResult unanswered();
     /// A query error with the error text as the message.
     DatabaseResult queryError() const;
     /// A query error with that reason.

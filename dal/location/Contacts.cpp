@@ -2,6 +2,7 @@
 
 #include <dal/DatabaseCommandExecutor.h>
 
+#include <dal/internal/Call.h>
 #include <dal/internal/Frame.h>
 #include <dal/location/LocationRows.h>
 
@@ -121,6 +122,7 @@ DatabaseResult DatabaseCommandExecutor::lookupContacts(int publicAddressId, std:
 DatabaseResult DatabaseCommandExecutor::lookupContacts(std::string& ordering, int csid, bool& replaceUri,
                                                        std::vector<ContactRecord>& contacts)
 {
+    const Call call(*m_frame);
     return m_frame->guarded([&] {
         replaceUri = true;
         if (!m_frame->checkConnect()) {

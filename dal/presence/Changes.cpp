@@ -2,6 +2,7 @@
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
+#include <dal/internal/Call.h>
 #include <dal/internal/Frame.h>
 #include <dal/presence/ChangeLog.h>
 #include <dal/presence/SqlCommand.h>
@@ -132,6 +133,7 @@ DatabaseResult readChangeLog(Frame& frame, const std::string& tableName, const s
 
 DatabaseResult PresenceDatabaseCommandExecutor::getCMforBulkSub(std::vector<CMRecord>& records, bool regexMatch)
 {
+    const Call call(*m_frame);
     return m_frame->guarded([&] {
         DatabaseResult outcome;
         if (!m_frame->begin("getCMforBulkSub(): getCMRecord ...", {}, outcome)) {

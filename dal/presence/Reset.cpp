@@ -50,7 +50,7 @@ DatabaseResult PresenceDatabaseCommandExecutor::removeEventServerState()
         }
         QueryResult result;
         if (!m_frame->exchange(transaction, result)) {
-            outcome = m_frame->connectionError(); // with the last failure that had words
+            outcome = m_frame->unanswered();
             m_frame->trace.prn("transaction failed because of connection error, rolling back");
             m_frame->rollback();
         } else if (result.failed()) {

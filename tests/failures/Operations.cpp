@@ -180,7 +180,8 @@ std::string told(const DatabaseResult& result)
 {
     const std::string& message = result.getErrorMessage();
     const bool silent = message.empty() && !result.fatalError();
-    return statusOf(result) + stateIn(message) + (silent ? "" : ", " + words(message));
+    const std::string state = result.getSqlState().empty() ? stateIn(message) : " " + result.getSqlState();
+    return statusOf(result) + state + (silent ? "" : ", " + words(message));
 }
 
 Library::Library(const Way& wayTaken, Part part) : way(wayTaken)

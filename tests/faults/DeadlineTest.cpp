@@ -126,9 +126,12 @@ TEST_F(Deadline, HoldsWhileEverythingSentIsSwallowed)
 
 TEST_F(Deadline, NamesItselfInTheMessage)
 {
+    const std::string named = "no answer within the deadline of " + std::to_string(kMeasure.deadline.count()) + " ms";
     m_proxy.swallow(true);
-    EXPECT_EQ(lookUp().getErrorMessage(),
-              "no answer within the deadline of " + std::to_string(kMeasure.deadline.count()) + " ms");
+    EXPECT_EQ(lookUp().getErrorMessage(), named);
+    EXPECT_EQ(m_events.deleteWatcherState("key", "opaque").getErrorMessage(), named);
+    m_events.okay(); // forgets that
+    EXPECT_EQ(m_events.removeEventServerState().getErrorMessage(), named);
     m_proxy.swallow(false);
 }
 
@@ -153,6 +156,35 @@ TEST_F(Deadline, HoldsForAllStatementsOfAnOperationTogether)
         "('a@b', 'x', 'A', 'ACTIVE', 'presence'), ('a', 'x', 'A', 'ACTIVE', 'presence')");
     std::vector<oryx::AccessControlEntry> entries;
     EXPECT_EQ(calls(5, {[&] { return m_events.getAccessControlList("a", "b", "presence", entries); }}), "in time");
+}
+
+TEST_F(Deadline, HoldsForConnectingAnewAndTheStatementTogether)
+{
+    const std::chrono::seconds deadline(4); // so long that one and two of them differ on a busy machine too
+    oryx::DatabaseCommandExecutor registry;
+    for (oryx::CommandExecutor* const executor : std::initializer_list<oryx::CommandExecutor*>{&registry, &m_events}) {
+        executor->setSessionOptions({SessionOptions::Statements::bound, deadline});
+        ASSERT_TRUE(executor->connect(m_database.uri().c_str(), server::kUser, server::kPassword));
+    }
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE contact_set, acp");
+    std::string ordering;
+    bool replaceUri = false;
+    std::vector<oryx::ContactRecord> found;
+    // Their connections are known to be lost.
+    m_proxy.refuse(true);
+    m_proxy.hangUp();
+    EXPECT_TRUE(registry.lookupContacts(ordering, 12, replaceUri, found).connectionError());
+    EXPECT_TRUE(m_events.updateWatcherState("key", "opaque", 1).connectionError());
+    m_proxy.refuse(false);
+    m_proxy.delay(deadline * 3 / 4);
+    const milliseconds contacts = timed([&] { registry.lookupContacts(ordering, 12, replaceUri, found); });
+    std::vector<oryx::CMRecord> managers;
+    const milliseconds callManagers = timed([&] { m_events.getCMforBulkSub(managers, false); });
+    for (const milliseconds took : {contacts, callManagers}) {
+        EXPECT_GE(took, deadline);
+        EXPECT_LT(took, deadline * 3 / 2);
+    }
 }
 
 TEST_F(Deadline, HasTheServerCancelWhatItWorksAt)
