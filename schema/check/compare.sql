@@ -59,7 +59,9 @@ WITH wanted AS (
                    coalesce((SELECT string_agg(E';\nGRANT ' || part.name, '' ORDER BY part.name) FROM wanted AS part
                                  WHERE part.kind = 'grant' AND part.name ~ ' \('
                                      AND regexp_replace(part.name, ' \(.*?\) ON ', ' ON ') = difference.name), '')
-               WHEN kind = 'kept from PUBLIC' THEN 'REVOKE EXECUTE ON FUNCTION ' || called || ' FROM PUBLIC'
+               WHEN kind = 'kept from PUBLIC' THEN
+                   (SELECT 'REVOKE EXECUTE ON FUNCTION ' || string_agg(oid::regprocedure::text, ', ' ORDER BY oid) || ' FROM PUBLIC'
+                        FROM pg_proc WHERE pronamespace = 'pg_catalog'::regnamespace AND quote_ident(proname) = called)
                WHEN kind = 'owner' AND found IS NOT NULL THEN 'ALTER ' || called || ' OWNER TO ' || wanted
                WHEN kind = 'constraint' AND found = wanted || ' NOT VALID' THEN
                    format('ALTER TABLE %s VALIDATE CONSTRAINT %s', split_part(called, ' ON ', 2),

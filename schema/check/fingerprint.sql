@@ -63,13 +63,15 @@ SELECT 'default rights', format('FOR ROLE %s ON %s', defaclrole::regrole, defacl
        array_to_string(ARRAY(SELECT acl::text FROM unnest(defaclacl) AS acl ORDER BY 1), ' ')
     FROM pg_default_acl WHERE defaclnamespace = 0
 UNION ALL
--- Of the server's own functions, those that are kept from PUBLIC here.
-SELECT 'kept from PUBLIC', p.oid::regprocedure::text, ''
+-- Of the server's own functions, those that are kept from PUBLIC here; by name, as later servers have other arguments.
+SELECT 'kept from PUBLIC', quote_ident(proname), ''
     FROM pg_proc p
         LEFT JOIN pg_init_privs i
             ON i.objoid = p.oid AND i.classoid = 'pg_proc'::regclass
-    WHERE p.pronamespace = 'pg_catalog'::regnamespace AND p.proacl IS DISTINCT FROM i.initprivs
-        AND NOT EXISTS (SELECT FROM aclexplode(p.proacl) WHERE grantee = 0)
+    WHERE p.pronamespace = 'pg_catalog'::regnamespace
+    GROUP BY proname
+    HAVING bool_or(p.proacl IS DISTINCT FROM i.initprivs)
+        AND bool_and(p.proacl IS NOT NULL AND NOT EXISTS (SELECT FROM aclexplode(p.proacl) WHERE grantee = 0))
 UNION ALL
 -- A sequence's goes with its table's.
 SELECT 'owner', object, owner::regrole::text FROM owned WHERE type IN ('r', 'f')

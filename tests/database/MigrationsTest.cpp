@@ -437,6 +437,29 @@ TEST_F(SchemaCheck, TellsWhoMayMoreOrLess)
     EXPECT_EQ(check(m_name), "0");
 }
 
+TEST_F(SchemaCheck, TellsWhichOfTheServersFunctionsAreOpenWhateverTheirArguments)
+{
+    EXPECT_EQ(
+        checkAfter(
+            "GRANT EXECUTE ON FUNCTION pg_logical_emit_message(boolean, text, bytea), lo_creat(integer) TO PUBLIC"),
+        "-- kept from PUBLIC lo_creat: missing\n"
+        "REVOKE EXECUTE ON FUNCTION lo_creat(integer) FROM PUBLIC;\n"
+        "-- kept from PUBLIC pg_logical_emit_message: missing\n"
+        "REVOKE EXECUTE ON FUNCTION pg_logical_emit_message(boolean,text,text),"
+        " pg_logical_emit_message(boolean,text,bytea) FROM PUBLIC;\n1");
+    mend(m_name);
+    // As from PostgreSQL 17 on.
+    EXPECT_EQ(
+        checkAfter("CREATE FUNCTION pg_catalog.pg_logical_emit_message(boolean, text, text, boolean) RETURNS pg_lsn"
+                   " LANGUAGE sql AS 'SELECT NULL::pg_lsn'"),
+        "-- kept from PUBLIC pg_logical_emit_message: missing\n"
+        "REVOKE EXECUTE ON FUNCTION pg_logical_emit_message(boolean,text,text),"
+        " pg_logical_emit_message(boolean,text,bytea),"
+        " pg_logical_emit_message(boolean,text,text,boolean) FROM PUBLIC;\n1");
+    mend(m_name);
+    EXPECT_EQ(check(m_name), "0");
+}
+
 TEST_F(SchemaCheck, TellsSettings)
 {
     m_session->run("ALTER DATABASE " + m_name + " RESET DateStyle");
