@@ -9,10 +9,10 @@ readonly kSearches=(
     "getOutgoingSubscribes|SELECT subscriptionid, fromhdr, tohdr, callid, subcseq, eventhdr, remotecontacthdr, routeset, notcseq, requesturi,packageid  FROM subscription_states  WHERE subscriptionid like '%%outgoing#%%' and tohdr like \$1 AND packageid like \$2|'%%@next@@oryx.example%%','%%presence#%%'"
 )
 readonly kStored=(
-    "dialog|INSERT INTO subscription_states (subscriptionid,fromhdr,tohdr,callid,subcseq,eventhdr,remotecontacthdr,routeset,notcseq,requesturi,packageid) VALUES('@way@#new@n@','<sip:@this@@oryx.example>;tag=@n@','<sip:@next@@oryx.example>;tag=@n@','@n@',1,'presence','<sip:@this@@192.0.2.1>','',1,'sip:@next@@oryx.example','presence#@n@')"
-    "dialog refreshed|UPDATE subscription_states SET subcseq=2,remotecontacthdr = '<sip:@this@@192.0.2.9>' WHERE subscriptionid='@way@#new@n@'"
-    "watcher|INSERT INTO event_watchers (presentitykey,watcheropaque,doctype,docversion,watchertype,watcherstate,expirytime,watcheridentity,event,presentity) VALUES('@next@@oryx.example#presence','incoming#new@n@',1,1,1,1,2000000000,'sip:@this@@oryx.example','presence','sip:@next@@oryx.example')"
-    "source|INSERT INTO event_sources (presentitykey,sourceopaque,contact,expirytime,event,presentity) VALUES('@this@@oryx.example#presence','source#new@n@','<sip:@this@@192.0.2.1>',2000000000,'presence','sip:@this@@oryx.example')"
+    "dialog|INSERT INTO subscription_states (subscriptionid,fromhdr,tohdr,callid,subcseq,eventhdr,remotecontacthdr,routeset,notcseq,requesturi,packageid) VALUES(\$1,\$2,\$3,\$4,1,'presence',\$5,'',1,\$6,\$7)|'@way@#new@n@','<sip:@this@@oryx.example>;tag=@n@','<sip:@next@@oryx.example>;tag=@n@','@n@','<sip:@this@@192.0.2.1>','sip:@next@@oryx.example','presence#@n@'"
+    "dialog refreshed|UPDATE subscription_states SET subcseq=2,remotecontacthdr = \$1 WHERE subscriptionid=\$2|'<sip:@this@@192.0.2.9>','@way@#new@n@'"
+    "watcher|INSERT INTO event_watchers (presentitykey,watcheropaque,doctype,docversion,watchertype,watcherstate,expirytime,watcheridentity,event,presentity) VALUES(\$1,\$2,1,1,1,1,2000000000,\$3,'presence',\$4)|'@next@@oryx.example#presence','incoming#new@n@','sip:@this@@oryx.example','sip:@next@@oryx.example'"
+    "source|INSERT INTO event_sources (presentitykey,sourceopaque,contact,expirytime,event,presentity) VALUES(\$1,\$2,\$3,2000000000,'presence',\$4)|'@this@@oryx.example#presence','source#new@n@','<sip:@this@@192.0.2.1>','sip:@this@@oryx.example'"
 )
 readonly kSearchIndexes=(
     "CREATE INDEX subscription_states_incoming ON subscription_states USING gin (packageid gin_trgm_ops, fromhdr gin_trgm_ops, requesturi gin_trgm_ops) WHERE subscriptionid LIKE '%%incoming#%%'"
@@ -39,8 +39,9 @@ SQL
 }
 
 # Runs a script of statements, a line each; the processor time of the server process for one of them, at the median, at
-# 99 of 100 and at worst, and how long one takes at the median, in ms, are added to figures. Processor time, because
-# on a machine with other work a statement of a tenth of a millisecond now and then waits twenty for its turn.
+# 99 of 100 and at worst, and how long one takes at the median and at 99 of 100, in ms, are added to figures. Processor
+# time, because on a machine with other work a statement of a tenth of a millisecond now and then waits twenty for its
+# turn.
 # shellcheck disable=SC2154 # folder is measure's
 timed() {
     local script=$1 prepare=${2:-} column figure=
@@ -50,41 +51,51 @@ timed() {
                print "SELECT \047Work: \047 || split_part(pg_read_file(\047/proc/self/schedstat\047), \047 \047, 1);" }' "$script"
     } | run_sql searches | awk '/^Time: / { time = $2 } /^Work: / { if (before) print ($2 - before) / 1000000, time; before = $2 }' \
         >"$folder/timed"
-    for column in "1 0.5" "1 0.99" "1 1" "2 0.5"; do
+    for column in "1 0.5" "1 0.99" "1 1" "2 0.5" "2 0.99"; do
         figure+=$(sort -g -k "${column% *},${column% *}" "$folder/timed" |
             awk -v column="${column% *}" -v part="${column#* }" \
-                '{ value[NR] = $column } END { printf "%9.2f", value[int(NR * part + 0.5)] }')
+                '{ value[NR] = $column } END { printf "%8.2f", value[int(NR * part + 0.5)] }')
     done
     figures+=("$figure")
 }
 
-# In both ways of sending; a bound one after six times, when it has a plan for any pattern.
+# NAME|STATEMENT|VALUES: a statement with $1, $2, ... and what it is sent with, in plain text and by a prepared one, into
+# scripts with so many of every STEPth number from FIRST on.
+both_ways() {
+    local text values value plain k=0
+    IFS='|' read -r _ text values <<<"$1"
+    plain=$text
+    for value in ${values//,/ }; do
+        k=$((k + 1))
+        plain=${plain//"\$$k"/"$value"}
+    done
+    prepared="PREPARE sent AS $text;"
+    named "$plain" "$2" "$3" "$4" >"$folder/plain.sql"
+    named "EXECUTE sent($values)" "$2" "$3" "$4" >"$folder/bound.sql"
+}
+
+# A bound one after six times, when it has a plan for any pattern.
 measure_search() {
-    local name text patterns pattern plain k=0 step first=12 figures=()
-    IFS='|' read -r name text patterns <<<"$1"
+    local name=${1%%|*} prepared step first=12 figures=()
     # Of those sent every odd number is one.
     [[ $name != getOutgoing* ]] || first=11
     step=$(((size - first) / kSearchesPerRun / 2 * 2))
-    plain=$text
-    for pattern in ${patterns//,/ }; do
-        k=$((k + 1))
-        plain=${plain//"\$$k"/"$pattern"}
-    done
-    named "$plain" "$first" "$step" "$kSearchesPerRun" >"$folder/search.plain.sql"
-    named "EXECUTE search($patterns)" "$first" "$step" "$kSearchesPerRun" >"$folder/search.bound.sql"
-    timed "$folder/search.plain.sql"
-    timed "$folder/search.bound.sql" "PREPARE search AS $text;
+    both_ways "$1" "$first" "$step" "$kSearchesPerRun"
+    timed "$folder/plain.sql"
+    timed "$folder/bound.sql" "$prepared
 \\o /dev/null
-$(head -6 "$folder/search.bound.sql")
+$(head -6 "$folder/bound.sql")
 \\o"
     printf '  %-32s%s   %s\n' "$name" "${figures[@]}"
 }
 
 measure_stored() {
-    local stored=$1 figures=()
-    named "${stored#*|}" "$next" 1 "$kStoredPerRun" >"$folder/stored.sql"
-    timed "$folder/stored.sql"
-    printf '  %-32s%s\n' "${stored%%|*} stored" "${figures[@]}"
+    local prepared figures=()
+    both_ways "$1" "$next" 1 "$kStoredPerRun"
+    timed "$folder/plain.sql"
+    both_ways "$1" "$((next + kStoredPerRun))" 1 "$kStoredPerRun"
+    timed "$folder/bound.sql" "$prepared"
+    printf '  %-32s%s   %s\n' "${1%%|*} stored" "${figures[@]}"
 }
 
 # Everything about the schema as it stands.
@@ -97,7 +108,7 @@ measure_searching() {
     for each in "${kStored[@]}"; do
         measure_stored "$each"
     done
-    next=$((next + kStoredPerRun))
+    next=$((next + 2 * kStoredPerRun))
     run_sql searches -c "SELECT format('  %-38s%s', relname, pg_size_pretty(pg_relation_size(oid))) FROM pg_class
                          WHERE relkind = 'i' AND relam <> (SELECT oid FROM pg_am WHERE amname = 'btree')
                             AND relnamespace = 'public'::regnamespace AND pg_relation_size(oid) > 1000000 ORDER BY 1"
@@ -115,8 +126,8 @@ measure_searches() {
         echo "$((SECONDS - began)) s: ${each%% ON *}"
     done
     run_sql searches -c 'VACUUM ANALYZE'
-    printf '\n%d dialogs, watchers and sources each; ms of the server process at the median, at 99 %% and at worst, and what passes at the median\n' "$size"
-    printf '%-34s%36s   %36s\n' '' 'plain' 'bound'
+    printf '\n%d dialogs, watchers and sources each; ms of the server process at the median, at 99 %% and at worst, and what passes at the median and at 99 %%\n' "$size"
+    printf '%-34s%40s   %40s\n' '' 'plain' 'bound'
     measure_searching 'as released'
 
     began=$SECONDS
@@ -133,7 +144,7 @@ measure_searches() {
         printf 'watchers: %s (built in %d s)\n' "${each%%|*}" "$((SECONDS - began))"
         measure_search "${kSearches[0]}"
         measure_stored "${kStored[2]}"
-        next=$((next + kStoredPerRun))
+        next=$((next + 2 * kStoredPerRun))
         run_sql searches -c "SELECT '  ' || pg_size_pretty(pg_relation_size('event_watchers_presentitykey'))"
     done
 }
