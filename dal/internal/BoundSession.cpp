@@ -1,5 +1,6 @@
 #include <dal/internal/BoundSession.h>
 
+#include <dal/internal/ConnectAttempts.h>
 #include <dal/internal/Process.h>
 #include <dal/internal/RandomText.h>
 #include <zel/Trace.h>
@@ -185,14 +186,32 @@ int Deadline::pollTimeout() const
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
 }
 
+Deadline Deadline::halfWay() const
+{
+    Deadline half;
+    if (m_until) {
+        const auto now = std::chrono::steady_clock::now();
+        half.m_until = now + (*m_until - now) / 2;
+    }
+    return half;
+}
+
 /// Waits until the socket is ready; false when the deadline passes first.
 bool BoundSession::await(PGconn* connection, short events)
 {
     const bool ready = await(connection, events, m_deadline);
-    if (ready && m_interruption >= 0) {
-        begin();
+    if (ready) {
+        hear();
     }
     return ready;
+}
+
+/// The server was heard of, which is what the deadline is for where something interrupts.
+void BoundSession::hear()
+{
+    if (m_interruption >= 0) {
+        begin();
+    }
 }
 
 bool BoundSession::awaitInput(PGconn* connection, const Deadline& deadline) const
@@ -203,12 +222,17 @@ bool BoundSession::awaitInput(PGconn* connection, const Deadline& deadline) cons
 bool BoundSession::await(PGconn* connection, short events, const Deadline& deadline) const
 {
     std::array<pollfd, 2> sockets{{{PQsocket(connection), events, 0}, {m_interruption, POLLIN, 0}}};
-    if (sockets[0].fd < 0) {
-        return true; // lost already: libpq says so without waiting, and poll(2) would ignore it
-    }
+    // Lost already without one: libpq says so without waiting, and poll(2) would ignore it.
+    return sockets[0].fd < 0 || await(sockets, deadline);
+}
+
+/// The last of the sockets is what interrupts.
+bool BoundSession::await(std::span<pollfd> sockets, const Deadline& deadline) const
+{
+    const std::size_t watched = m_interruption >= 0 ? sockets.size() : sockets.size() - 1;
     while (!deadline.passed()) {
-        const int ready = poll(sockets.data(), m_interruption >= 0 ? 2 : 1, deadline.pollTimeout());
-        if (sockets[1].revents != 0) {
+        const int ready = poll(sockets.data(), watched, deadline.pollTimeout());
+        if (sockets.back().revents != 0) {
             return false;
         }
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
@@ -237,16 +261,18 @@ Connection BoundSession::connect(const std::string& connectionString)
     if (m_duration.count() == 0) {
         return Connection(PQconnectdb(connectionString.c_str())); // minds PGCONNECT_TIMEOUT, which polling does not
     }
-    Connection connection(PQconnectStart(connectionString.c_str()));
-    PostgresPollingStatusType wanted = PGRES_POLLING_WRITING;
-    while (connection && PQstatus(connection.get()) != CONNECTION_BAD && wanted != PGRES_POLLING_OK &&
-           wanted != PGRES_POLLING_FAILED) {
-        if (!await(connection.get(), wanted == PGRES_POLLING_READING ? POLLIN : POLLOUT)) {
+    ConnectAttempts attempts(connectionString);
+    for (Deadline turn = m_deadline.halfWay(); attempts.underWay();) {
+        if (await(attempts.sockets(m_interruption), turn)) {
+            hear();
+            attempts.goOn();
+        } else if (late() || interrupted()) {
             break;
+        } else { // half of what was left has gone by: the other half is the next host's, and so on
+            turn = attempts.beginAnother() ? m_deadline.halfWay() : m_deadline;
         }
-        wanted = PQconnectPoll(connection.get());
     }
-    return connection;
+    return attempts.take();
 }
 
 const BoundText& BoundSession::bound(const Statement& statement)

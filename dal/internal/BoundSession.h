@@ -19,6 +19,7 @@ struct pg_conn;
 using PGconn = pg_conn;
 struct pg_result;
 using PGresult = pg_result;
+struct pollfd;
 
 namespace oryx {
 
@@ -42,6 +43,8 @@ public:
     bool passed() const;
     /// What is left, as poll(2) takes it: rounded up, -1 without a deadline.
     int pollTimeout() const;
+    /// The point half way from now.
+    Deadline halfWay() const;
 
 private:
     std::optional<std::chrono::steady_clock::time_point> m_until;
@@ -134,6 +137,8 @@ private:
     bool next(PGconn* connection, Result& result);
     bool await(PGconn* connection, short events);
     bool await(PGconn* connection, short events, const Deadline& deadline) const;
+    bool await(std::span<pollfd> sockets, const Deadline& deadline) const;
+    void hear();
 
     int m_interruption;
     std::chrono::milliseconds m_duration;

@@ -1,0 +1,153 @@
+#include <dal/internal/ConnectAttempts.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+namespace oryx {
+
+namespace {
+
+using Options = std::unique_ptr<PQconninfoOption, decltype(&PQconninfoFree)>;
+
+/// The parts of a list, of which some may be empty; none of an empty list.
+std::vector<std::string> parts(const PQconninfoOption* options, std::string_view keyword)
+{
+    while (options->keyword != nullptr && options->keyword != keyword) {
+        ++options;
+    }
+    std::vector<std::string> found;
+    if (options->val == nullptr || *options->val == '\0') { // none of the end's either
+        return found;
+    }
+    for (std::string_view rest = options->val;; rest.remove_prefix(found.back().size() + 1)) {
+        found.emplace_back(rest.substr(0, rest.find(',')));
+        if (found.back().size() == rest.size()) {
+            return found;
+        }
+    }
+}
+
+/// A single port is every host's.
+std::string at(const std::vector<std::string>& parts, std::size_t index)
+{
+    return parts.empty() ? "" : parts[std::min(index, parts.size() - 1)];
+}
+
+} // namespace
+
+HostList::HostList(PGconn* begun)
+{
+    const Options options(PQconninfo(begun), &PQconninfoFree);
+    if (!options) {
+        return;
+    }
+    const std::vector<std::string> names = parts(options.get(), "host");
+    const std::vector<std::string> addresses = parts(options.get(), "hostaddr");
+    const std::vector<std::string> ports = parts(options.get(), "port");
+    for (std::size_t i = 0; i < std::max(names.size(), addresses.size()); ++i) {
+        m_hosts.push_back({at(names, i), at(addresses, i), at(ports, i)});
+    }
+}
+
+bool HostList::Host::isOf(const PGconn* connection) const
+{
+    return (name.empty() ? address : name) == PQhost(connection) &&
+           (address.empty() || address == PQhostaddr(connection)) && (port.empty() || port == PQport(connection));
+}
+
+void HostList::leaveOut(const PGconn* waiting)
+{
+    const auto left = std::erase_if(m_hosts, [&](const Host& host) { return host.isOf(waiting); });
+    if (left == 0 && !m_hosts.empty()) { // it goes by another name: most likely the one that is tried first
+        m_hosts.erase(m_hosts.begin());
+    }
+}
+
+std::string HostList::list(std::string Host::*part) const
+{
+    std::string text;
+    for (const Host& host : m_hosts) {
+        text += (&host == &m_hosts.front() ? "" : ",") + host.*part;
+    }
+    return text;
+}
+
+Connection HostList::connect(const std::string& connectionString) const
+{
+    const std::string names = list(&Host::name);
+    const std::string addresses = list(&Host::address);
+    const std::string ports = list(&Host::port);
+    // What stands behind the text wins over it.
+    const std::array<const char*, 5> keywords{"dbname", "host", "hostaddr", "port", nullptr};
+    const std::array<const char*, 5> values{connectionString.c_str(), names.c_str(), addresses.c_str(), ports.c_str(),
+                                            nullptr};
+    return Connection(PQconnectStartParams(keywords.data(), values.data(), 1));
+}
+
+bool ConnectAttempts::Attempt::underWay() const
+{
+    return connection && PQstatus(connection.get()) != CONNECTION_BAD && wanted != PGRES_POLLING_OK &&
+           wanted != PGRES_POLLING_FAILED;
+}
+
+ConnectAttempts::ConnectAttempts(const std::string& connectionString) : m_connectionString(connectionString)
+{
+    m_attempts.push_back({Connection(PQconnectStart(connectionString.c_str()))});
+}
+
+bool ConnectAttempts::underWay() const
+{
+    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::underWay)) &&
+           std::none_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));
+}
+
+bool ConnectAttempts::beginAnother()
+{
+    if (m_attempts.size() == 1) {
+        m_hosts = HostList(m_attempts.front().connection.get());
+    }
+    m_hosts.leaveOut(m_attempts.back().connection.get());
+    if (m_hosts.size() == 0) {
+        return false;
+    }
+    Connection another = m_hosts.connect(m_connectionString);
+    const bool begun = another != nullptr;
+    if (begun) {
+        m_attempts.push_back({std::move(another)});
+    }
+    return begun;
+}
+
+std::span<pollfd> ConnectAttempts::sockets(int interruption)
+{
+    m_sockets.clear();
+    for (const Attempt& attempt : m_attempts) {
+        const bool reads = attempt.wanted == PGRES_POLLING_READING;
+        const int socket = attempt.underWay() ? PQsocket(attempt.connection.get()) : -1; // poll(2) ignores that one
+        m_sockets.push_back({socket, static_cast<short>(reads ? POLLIN : POLLOUT), 0});
+    }
+    m_sockets.push_back({interruption, POLLIN, 0});
+    return m_sockets;
+}
+
+void ConnectAttempts::goOn()
+{
+    for (std::size_t i = 0; i < m_attempts.size(); ++i) {
+        if (m_sockets[i].revents != 0) {
+            m_attempts[i].wanted = PQconnectPoll(m_attempts[i].connection.get());
+        }
+    }
+}
+
+Connection ConnectAttempts::take()
+{
+    const auto made = std::find_if(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));
+    return std::move((made != m_attempts.end() ? *made : m_attempts.front()).connection);
+}
+
+} // namespace oryx
