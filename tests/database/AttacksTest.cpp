@@ -63,6 +63,13 @@ protected:
         return true;
     }
 
+    /// What deploy/upkeep/role.sql grants, and nothing else.
+    void grantTheUpkeep(const std::string& login)
+    {
+        sql("GRANT CONNECT ON DATABASE " + m_database.name() + " TO " + login + "; GRANT USAGE ON SCHEMA public TO " +
+            login + "; GRANT EXECUTE ON FUNCTION oryx_upkeep(interval, interval, interval), oryx_alarms() TO " + login);
+    }
+
     server::Session as(const std::string& group) const
     {
         return server::Session(m_database.name(), server::loginOf(group));
@@ -72,13 +79,13 @@ protected:
 /// A login role of the test's own, whose settings no other test meets.
 class OwnLogin {
 public:
-    OwnLogin(server::Session& superuser, const std::string& group)
+    explicit OwnLogin(server::Session& superuser, const std::string& group = "")
         : m_superuser(superuser), m_name("oryx_attacked_" + std::to_string(::getpid()))
     {
         m_superuser.run("DROP ROLE IF EXISTS " + m_name + "; CREATE ROLE " + m_name + " LOGIN PASSWORD '" +
-                        server::kPasswordKept + "' IN ROLE " + group);
+                        server::kPasswordKept + "'" + (group.empty() ? "" : " IN ROLE " + group));
     }
-    ~OwnLogin() { m_superuser.run("DROP ROLE " + m_name); }
+    ~OwnLogin() { m_superuser.run("DROP OWNED BY " + m_name + "; DROP ROLE " + m_name); }
     OwnLogin(const OwnLogin&) = delete;
     OwnLogin& operator=(const OwnLogin&) = delete;
 
@@ -217,6 +224,29 @@ TEST_F(Attacks, WhatTheSweepIsLetLockChangesNothing)
               "ERROR:  permission denied for table public_address");
 }
 
+TEST_F(Attacks, NoLoginLocksTheTablesOfTurns)
+{
+    std::vector<std::string> logins = allLogins();
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    logins.push_back(upkeep.name());
+    for (const std::string& login : logins) {
+        server::Session session(m_database.name(), login);
+        for (const std::string table : {"event_turn", "registration_turn", "upkeep_turn", "schema_migration"}) {
+            for (const std::string mode : {"ROW SHARE", "ROW EXCLUSIVE", "SHARE UPDATE EXCLUSIVE", "SHARE",
+                                           "SHARE ROW EXCLUSIVE", "EXCLUSIVE", "ACCESS EXCLUSIVE"}) {
+                EXPECT_EQ(tried(session, "BEGIN; LOCK TABLE " + table + " IN " + mode + " MODE"),
+                          "ERROR:  permission denied for table " + table)
+                    << login << ": " << mode;
+                session.run("ROLLBACK");
+            }
+            EXPECT_EQ(tried(session, "SELECT 1 FROM " + table + " FOR KEY SHARE"),
+                      "ERROR:  permission denied for table " + table)
+                << login;
+        }
+    }
+}
+
 // Passwords --------------------------------------------------------------------------------------------------------
 
 TEST_F(Attacks, WhoReadsNoPasswordFindsNoWayToOne)
@@ -260,6 +290,33 @@ TEST_F(Attacks, AReadersOpenTransactionKeepsTheSchemaFromChangingUntilItIsEnded)
                                    "' AND datname = current_database() AND state = 'idle in transaction'"),
               "okay");
     EXPECT_EQ(tried(m_session, "ALTER TABLE contact ADD CHECK (csid > 0) NOT VALID"), "okay");
+}
+
+TEST_F(Attacks, WhoHasChangesStampedBeforeItCommitsKeepsOthersFromItUntilTheUpkeepEndsIt)
+{
+    sql("INSERT INTO extension (extension) VALUES ('4711'); INSERT INTO conf_state VALUES ('4711', 'IDLE', 5)");
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    server::Session keeper(m_database.name(), upkeep.name());
+    for (const std::string group : {"oryx_presence", "oryx_provisioning"}) {
+        SCOPED_TRACE(group);
+        server::Session holder = as(group);
+        const std::string process = holder.value("SELECT pg_backend_pid()");
+        holder.run("SET idle_in_transaction_session_timeout = 0");
+        holder.run("BEGIN; UPDATE conf_state SET start_time = 6; SET CONSTRAINTS ALL IMMEDIATE");
+        server::Session provisioning = as("oryx_provisioning");
+        const std::string change = "SET lock_timeout = '200ms'; UPDATE contact_set SET ordering = 'parallel'";
+        EXPECT_EQ(tried(provisioning, change), "ERROR:  canceling statement due to lock timeout");
+        server::Session registrar = as("oryx_registrar"); // what is not logged waits for nobody
+        EXPECT_EQ(tried(registrar,
+                        "SET lock_timeout = '200ms'; INSERT INTO contact (csid, address) VALUES (12, '" + group + "')"),
+                  "okay");
+        const std::string ended =
+            keeper.rows("SELECT item, state FROM oryx_upkeep(idle_limit => '0') WHERE detail ~ 'session " + process +
+                        " of " + server::loginOf(group) + " '");
+        EXPECT_EQ(ended, "end_forgotten_transactions|done\n");
+        EXPECT_EQ(tried(provisioning, change), "okay");
+    }
 }
 
 TEST_F(Attacks, AnybodyCanAnnounceAndFillTheQueueUntilTheOneWhoDoesNotReadIsEnded)

@@ -299,6 +299,7 @@ TEST_F(RolesTried, ProvisioningWritesWhatServersFindAndReadsNoPassword)
               "subscriber_sid_seq: nextval\n"
               "add_contact: EXECUTE\n"
               "address_csid: EXECUTE\n"
+              "analyze_provisioned: EXECUTE\n"
               "create_public_address_alias: EXECUTE\n"
               "create_public_address: EXECUTE\n"
               "import_public_address: EXECUTE\n"
@@ -444,6 +445,20 @@ TEST_F(RolesTried, ProvisioningLoadsTheSamplesAndWholeTables)
 }
 
 // Without a superuser ----------------------------------------------------------------------------------------------
+
+TEST_F(RolesTried, ProvisioningHasTheStatisticsOfWhatItLoads)
+{
+    const std::string known = "SELECT reltuples FROM pg_class WHERE oid = 'subscriber'::regclass";
+    server::Session provisioning(m_database.name(), server::loginOf("oryx_provisioning"));
+    provisioning.run("INSERT INTO subscriber (sid) SELECT generate_series(1, 1000)");
+    provisioning.run("ANALYZE subscriber");
+    EXPECT_EQ(rows(known), "-1\n"); // warned, and nothing done
+    provisioning.run("SELECT analyze_provisioned()");
+    EXPECT_EQ(rows(known), "1000\n");
+    EXPECT_EQ(rows("SELECT relname FROM pg_class WHERE relkind = 'r' AND relnamespace = 'public'::regnamespace"
+                   " AND has_table_privilege('oryx_provisioning', oid, 'INSERT') AND reltuples < 0"),
+              "conf_state_reset\n"); // a row for each reset
+}
 
 TEST_F(DatabaseTest, AnOwnerWhoIsNoSuperuserAppliesTheSchemaAndIsToldWhatStaysOpen)
 {

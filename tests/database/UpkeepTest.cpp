@@ -1,6 +1,7 @@
 // The upkeep that a timer calls, and the alarms: what they do, what they find, and that they do no harm.
 
 #include "support/DatabaseTest.h"
+#include "support/MigrationTest.h"
 
 #include <gtest/gtest.h>
 
@@ -78,11 +79,11 @@ TEST_F(Upkeep, TrimsTheChangeLogAndForgetsEndedSessions)
     sql("INSERT INTO sending (session, number) VALUES ('00000000-0000-0000-0000-000000000001', 25),"
         " ('00000000-0000-0000-0000-000000000002', 23)");
     sql("UPDATE sending SET sent_at = now() - number * interval '1 hour'");
-    EXPECT_EQ(done("'1 hour'"), "done|trim_change_log|0|rows|older than 01:00:00\n"
-                                "done|forget_sendings|1|rows|not written for a day\n");
+    EXPECT_EQ(done("'1 hour'"), "done|forget_sendings|1|rows|not written for a day\n"
+                                "done|trim_change_log|0|rows|older than 01:00:00\n");
     EXPECT_EQ(rows("SELECT number FROM sending"), "23\n");
     sql("DELETE FROM upkeep_run");
-    EXPECT_EQ(done("'-1 hour'"), "done|trim_change_log|1|rows|older than -01:00:00\n" + kNothingForgotten);
+    EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|1|rows|older than -01:00:00\n");
     EXPECT_EQ(rows("SELECT * FROM event_notify"), "");
 }
 
@@ -90,11 +91,11 @@ TEST_F(Upkeep, ReadsTheChangeLogOnceAnHourOrUntilItIsTrimmed)
 {
     EXPECT_EQ(doneAgain(), kNothingForgotten);
     sql("UPDATE upkeep_run SET run_at = run_at - interval '61 minutes'");
-    EXPECT_EQ(done(), "done|trim_change_log|0|rows|older than 7 days\n" + kNothingForgotten);
+    EXPECT_EQ(done(), kNothingForgotten + "done|trim_change_log|0|rows|older than 7 days\n");
 
     sql("DELETE FROM upkeep_run; REVOKE EXECUTE ON FUNCTION trim_some_changes(interval, integer) FROM oryx_owner");
     const std::string refused =
-        "failed|trim_change_log|NULL|rows|permission denied for function trim_some_changes\n" + kNothingForgotten;
+        kNothingForgotten + "failed|trim_change_log|NULL|rows|permission denied for function trim_some_changes\n";
     EXPECT_EQ(done(), refused);
     EXPECT_EQ(done(), refused);
     EXPECT_EQ(state("upkeep_failed"), "alarm");
@@ -107,7 +108,7 @@ TEST_F(Upkeep, EndsASessionThatLeavesATransactionOpen)
     const std::string named = session("idle in transaction");
     EXPECT_EQ(doneAgain(), kNothingForgotten); // it has a minute
     EXPECT_EQ(withoutSeconds(done("idle_limit => '0'")),
-              kNothingForgotten + "done|end_forgotten_transactions|1|sessions|" + named + "\n");
+              "done|end_forgotten_transactions|1|sessions|" + named + "\n" + kNothingForgotten);
     EXPECT_EQ(remaining(forgotten), "");
     EXPECT_EQ(doneAgain("idle_limit => '0'"), kNothingForgotten);
     EXPECT_EQ(ask("SELECT 1"), "okay"); // in a new session
@@ -121,7 +122,7 @@ TEST_F(Upkeep, CancelsAStatementThatGoesOnAndOn)
     const std::string cancelled = backend();
     const std::string named = session("active");
     EXPECT_EQ(withoutSeconds(done("running_limit => '0'")),
-              kNothingForgotten + "done|end_forgotten_transactions|1|sessions|" + named + "\n");
+              "done|end_forgotten_transactions|1|sessions|" + named + "\n" + kNothingForgotten);
     // A plain statement is sent once more.
     EXPECT_NE(waitingBackend(cancelled), "");
     done("running_limit => '0'");
@@ -140,9 +141,51 @@ TEST_F(Upkeep, TrimsALongLogRunByRun)
 {
     sql("INSERT INTO event_notify_earlier SELECT 'acp', NULL, 'manager', n FROM generate_series(1, 200001) n");
     EXPECT_EQ(done(),
-              "done|trim_change_log|200000|rows|older than 7 days, and the next run goes on\n" + kNothingForgotten);
-    EXPECT_EQ(done(), "done|trim_change_log|1|rows|older than 7 days\n" + kNothingForgotten);
+              kNothingForgotten + "done|trim_change_log|200000|rows|older than 7 days, and the next run goes on\n");
+    EXPECT_EQ(done(), kNothingForgotten + "done|trim_change_log|1|rows|older than 7 days\n");
     EXPECT_EQ(doneAgain(), kNothingForgotten);
+}
+
+TEST_F(Upkeep, TrimsALargeLoadsStampRunByRun)
+{
+    sql("INSERT INTO acp SELECT n FROM generate_series(1, 250000) n");
+    sql("INSERT INTO acp VALUES ('later')");
+    sql("UPDATE event_stamp SET evt_timestamp = 1 WHERE evt_timestamp = (SELECT min(evt_timestamp) FROM event_stamp)");
+    EXPECT_EQ(rows("SELECT trim_some_changes('7 days', 1000)"), "1000\n");
+    EXPECT_EQ(rows("SELECT count(*) FROM event_notify WHERE evt_timestamp = 1"), "249000\n");
+
+    EXPECT_EQ(done(),
+              kNothingForgotten + "done|trim_change_log|200000|rows|older than 7 days, and the next run goes on\n");
+    EXPECT_EQ(rows("SELECT count(*) FROM event_notify WHERE evt_timestamp = 1"), "49000\n");
+    EXPECT_EQ(done(), kNothingForgotten + "done|trim_change_log|49000|rows|older than 7 days\n");
+    EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "later\n");
+    EXPECT_EQ(rows("SELECT count(*) FROM event_stamp"), "1\n");
+    EXPECT_EQ(rows("SELECT count(*) FROM event_change"), "1\n");
+}
+
+TEST_F(Upkeep, EndsForgottenSessionsThoughTheTrimmingIsCancelled)
+{
+    sql("CREATE OR REPLACE FUNCTION trim_some_changes(keep interval, most integer) RETURNS bigint LANGUAGE sql"
+        " AS 'SELECT 0::bigint FROM pg_sleep(300)'");
+    ASSERT_EQ(ask("BEGIN; SELECT FROM contact"), "okay");
+    const std::string forgotten = backend();
+    const std::string named = session("idle in transaction");
+    m_session.run("SET statement_timeout = '3s'");
+    EXPECT_EQ(withoutSeconds(done("idle_limit => '0'")),
+              "done|end_forgotten_transactions|1|sessions|" + named + "\n" + kNothingForgotten +
+                  "failed|trim_change_log|NULL|rows|canceling statement due to statement timeout\n");
+    m_session.run("RESET statement_timeout");
+    EXPECT_EQ(remaining(forgotten), "");
+    EXPECT_EQ(rows("SELECT trimmed, failed FROM upkeep_run"), "NULL|1\n");
+    EXPECT_EQ(state("upkeep_failed"), "alarm");
+}
+
+TEST_F(Upkeep, TrimsForSoLong)
+{
+    sql("CREATE OR REPLACE FUNCTION trim_some_changes(keep interval, most integer) RETURNS bigint LANGUAGE sql"
+        " AS 'SELECT most::bigint FROM pg_sleep(0.1)'");
+    EXPECT_EQ(rows("SELECT removed < 2000000, goes_on FROM upkeep_trim('7 days', 2000000, '1 second')"), "t|t\n");
+    EXPECT_EQ(rows("SELECT * FROM upkeep_trim('7 days', 40000, '1 minute')"), "40000|t\n");
 }
 
 TEST_F(Upkeep, LetsAMigrationTakeItsTime)
@@ -185,9 +228,9 @@ TEST_F(Upkeep, SaysWhatItMayNotEnd)
     server::Session superuser(m_database.name());
     superuser.run("BEGIN; SELECT FROM contact");
     EXPECT_EQ(withoutSeconds(doneAgain("idle_limit => '0'")),
-              kNothingForgotten + "failed|end_forgotten_transactions|1|sessions|session " +
-                  superuser.value("SELECT pg_backend_pid()") +
-                  " of postgres (no name), idle in transaction: must be a superuser to terminate superuser process\n");
+              "failed|end_forgotten_transactions|1|sessions|session " + superuser.value("SELECT pg_backend_pid()") +
+                  " of postgres (no name), idle in transaction: must be a superuser to terminate superuser process\n" +
+                  kNothingForgotten);
     EXPECT_EQ(alarm("upkeep_failed").substr(0, 9), "alarm|1|a");
     superuser.run("ROLLBACK");
     done();
@@ -244,14 +287,17 @@ TEST_F(Upkeep, FindsNothingWrongInANewDatabase)
               "dead_rows|ok|40|% of the rows\n"
               "extensions_in_use|ok|0|extensions\n"
               "horizon_held_back|ok|1000000|transactions\n"
+              "idle_transaction|ok|120|s\n"
               "invalid_indexes|ok|0|indexes\n"
               "log_held_by_slots|ok|4096|MB\n"
               "log_written|ok|150|GB a day\n"
-              "oldest_transaction|ok|120|s\n"
+              "notifications_unread|ok|10|% of the queue\n"
+              "oldest_transaction|ok|600|s\n"
               "prepared_transaction|ok|300|s\n"
               "refreshes_moved|ok|20|% of the refreshes\n"
               "replication_lag|ok|64|MB\n"
               "sequences_used|ok|75|% of the numbers\n"
+              "slots_lost|ok|0|slots\n"
               "transaction_ids_used|ok|60|% of what there is\n"
               "upkeep_failed|ok|0|tasks\n"
               "upkeep_missing|ok|600|s\n");
@@ -269,9 +315,36 @@ TEST_F(Upkeep, NamesWhoHoldsAnOldTransaction)
     EXPECT_EQ(state("horizon_held_back"), "alarm");
     EXPECT_NE(alarm("oldest_transaction").find(session("idle in transaction")), std::string::npos);
     EXPECT_EQ(state("oldest_transaction"), "alarm");
+    allow("idle_transaction", -1);
+    EXPECT_NE(alarm("idle_transaction").find("session " + backend()), std::string::npos);
+    EXPECT_EQ(state("idle_transaction"), "alarm");
     ASSERT_EQ(ask("ROLLBACK"), "okay");
     EXPECT_EQ(alarm("horizon_held_back"), "ok|0|NULL\n");
+    EXPECT_EQ(alarm("idle_transaction"), "alarm|0|NULL\n");
     EXPECT_EQ(alarm("oldest_transaction"), "alarm|0|NULL\n");
+}
+
+TEST_F(Upkeep, TakesALongReportForNoIdleOne)
+{
+    allow("oldest_transaction", 0);
+    allow("idle_transaction", 0);
+    auto asked = std::async(std::launch::async, [this] { return ask("SELECT pg_sleep(3)"); });
+    EXPECT_NE(waitingBackend(), "");
+    sql("SELECT pg_sleep(1)");
+    EXPECT_EQ(state("oldest_transaction"), "alarm");
+    EXPECT_EQ(alarm("idle_transaction"), "ok|0|NULL\n");
+    EXPECT_EQ(asked.get(), "okay");
+}
+
+TEST_F(Upkeep, AlarmsAtAnnouncementsThatAreNotRead)
+{
+    server::Session deaf(m_database.name());
+    deaf.run("LISTEN mine");
+    deaf.run("BEGIN; SELECT 1");
+    sql("SELECT pg_notify('other', n::text || repeat('x', 7900)) FROM generate_series(1, 200) n");
+    allow("notifications_unread", 0);
+    EXPECT_EQ(state("notifications_unread"), "alarm");
+    deaf.run("ROLLBACK");
 }
 
 TEST_F(Upkeep, AlarmsAtWhatWouldStopAService)
@@ -329,8 +402,42 @@ TEST_F(Upkeep, DoesNotTakeForGoodWhatItCannotSee)
     done();
     sql("BEGIN; REVOKE pg_read_all_stats FROM oryx_owner");
     EXPECT_EQ(rows("SELECT alarm FROM oryx_alarms() WHERE state = 'unknown'"),
-              "horizon_held_back\noldest_transaction\nreplication_lag\n");
+              "horizon_held_back\nidle_transaction\noldest_transaction\nreplication_lag\n");
     sql("ROLLBACK");
+}
+
+// A database whose upkeep trims first ------------------------------------------------------------------------------
+
+class OlderUpkeep : public MigrationTest {
+protected:
+    OlderUpkeep() : MigrationTest("260") {}
+
+    std::string limit(const std::string& alarm)
+    {
+        return m_session->value("SELECT allowed FROM alarm_limit WHERE alarm = '" + alarm + "'");
+    }
+};
+
+TEST_F(OlderUpkeep, IsReplacedWhileTheLogIsWrittenAndRead)
+{
+    m_session->run("INSERT INTO acp VALUES ('logged')");
+    server::Session writer(m_name);
+    writer.run("BEGIN; INSERT INTO acp VALUES ('open'); SET CONSTRAINTS ALL IMMEDIATE");
+    server::Session reader(m_name);
+    reader.run("BEGIN; SELECT FROM event_notify, contact, alarm_limit");
+    EXPECT_EQ(apply("--attempts=1"), 0) << told();
+    writer.run("COMMIT");
+    reader.run("COMMIT");
+    EXPECT_EQ(m_session->rows("SELECT pk_char FROM event_notify ORDER BY evt_timestamp"), "logged\nopen\n");
+    EXPECT_EQ(limit("oldest_transaction"), "600");
+    EXPECT_EQ(limit("idle_transaction"), "120");
+}
+
+TEST_F(OlderUpkeep, LeavesAnOperatorHisLimit)
+{
+    m_session->run("UPDATE alarm_limit SET allowed = 300 WHERE alarm = 'oldest_transaction'");
+    EXPECT_EQ(apply(), 0) << told();
+    EXPECT_EQ(limit("oldest_transaction"), "300");
 }
 
 } // namespace

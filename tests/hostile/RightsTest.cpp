@@ -156,6 +156,7 @@ std::vector<std::string> provisioningStatements()
         // The columns that can be read of it, by which subscribers are found.
         "SELECT sid, user_id, auth_user_id, oid, s_type, auth_type, active FROM subscriber",
         "SELECT * FROM set_key_sequences()",
+        "SELECT analyze_provisioned()",
         "SELECT * FROM public_address_not_in_lower_case",
         "INSERT INTO conf_state_reset DEFAULT VALUES",
         "DELETE FROM conf_state_reset WHERE requested_at < now() - interval '1 day'",
