@@ -239,7 +239,9 @@ void Fork::take(Branch& branch, const sip_t* sip)
             sendCancel(branch);
         }
         if (status > 100 && response && !m_decided) {
-            branch.timerC.set(kTimerC); // section 16.7, item 2
+            if (!branch.cancelled) {        // who was told to stop is waited for by m_giveUp alone
+                branch.timerC.set(kTimerC); // section 16.7, item 2
+            }
             forward(response.get());
         }
         return;
@@ -278,8 +280,10 @@ void Fork::end(Branch& branch)
 /// Section 16.8.
 void Fork::timeOut(Branch& branch)
 {
-    cancel(branch);
-    tryNext();
+    if (!branch.ended) { // else its transaction may be gone
+        cancel(branch);
+        tryNext();
+    }
 }
 
 void Fork::cancel(Branch& branch)
@@ -317,6 +321,7 @@ void Fork::endCancelled()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
         if (branch->cancelled && !branch->ended) {
+            branch->timerC.cancel();
             branch->transaction.reset();
             branch->ended = true;
         }
