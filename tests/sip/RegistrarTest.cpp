@@ -438,6 +438,19 @@ TEST_F(Registrar, TakesAnAddressInAnyCaseWithEscapesAndByItsAlias)
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
 }
 
+/// Section 10.3, item 1: its request URI alone says whom a REGISTER is for.
+TEST_F(Registrar, TakesARegisterWhoseToHasATag)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message request =
+        alice.registration("<sip:alice@192.0.2.1>").set("To", "<sip:alice@oryx.example>;tag=before");
+    const Message answer = alice.ask(request);
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("To"), request.field("To"));
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
+}
+
 /// Section 10.3, item 2.
 TEST_F(Registrar, RefusesExtensionsThatItDoesNotKnow)
 {
