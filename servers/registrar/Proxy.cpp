@@ -142,6 +142,9 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
     if (!valid(*request)) {
         return;
     }
+    if (request->sip().sip_request->rq_method == sip_method_invite) {
+        request->answer(SIP_100_TRYING); // section 17.2.1: before the database is asked, which may take its time
+    }
     std::vector<std::string> cookies;
     Message outgoing = prepared(request->sip(), request->message(), cookies);
     RouteMark mark;
@@ -368,9 +371,6 @@ void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, con
     if (hops.size() > breadth) {
         request->answer(440, "Max-Breadth Exceeded");
         return;
-    }
-    if (request->sip().sip_request->rq_method == sip_method_invite) {
-        request->answer(SIP_100_TRYING);
     }
     removeBreadth(outgoing.get());
     const std::string branch = newBranch() + "." + loopMark(request->sip());

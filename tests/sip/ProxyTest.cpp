@@ -435,6 +435,25 @@ TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
     EXPECT_TRUE(caller.socket().silent());
 }
 
+/// Section 17.2.1: a caller who hears nothing for half a second asks again, however long the database takes.
+TEST_F(Proxy, SaysOnceThatItTriesBeforeItKnowsWhere)
+{
+    setenv("ORYX_DEADLINE", "20s", 1);
+    startRegistrar();
+    unsetenv("ORYX_DEADLINE");
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    caller.send(invite(caller));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_TRUE(caller.socket().silent());
+    holder.run("COMMIT");
+    called.send(called.response(called.receive(), 200, "OK"));
+    EXPECT_EQ(answers(caller), "200");
+}
+
 /// Section 9.2: while nobody has been asked yet.
 TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
 {
@@ -446,6 +465,7 @@ TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
     holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
     const Message request = invite(caller);
     caller.send(request);
+    EXPECT_EQ(caller.receive().status(), 100);
     caller.send(cancelOf(request, caller));
     const std::string both = std::to_string(caller.receive().status()) + std::to_string(caller.receive().status());
     EXPECT_TRUE(both == "200487" || both == "487200") << both;
