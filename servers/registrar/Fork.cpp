@@ -216,7 +216,8 @@ void Fork::send(const Hop& hop)
             m_endpoint.agent(), &Fork::responded, &branch, urlText(to), message.release(),
             NTATAG_BRANCH_KEY(key.c_str()), TPTAG_IDENT(Endpoint::familyOf(to)), NTATAG_PASS_100(1), TAG_END()));
     }
-    branch.ended = branch.transaction == nullptr; // nowhere: no such host
+    branch.ended = branch.transaction == nullptr; // the stack knows no such way
+    m_sent = m_sent || !branch.ended;
     if (!branch.ended && isInvite()) {
         branch.timerC.set(kTimerC);
     }
@@ -351,15 +352,16 @@ void Fork::answerBest()
 {
     m_decided = true;
     const Message chosen = best();
-    const int status = chosen ? sip_object(chosen.get())->sip_status->st_status : m_unwanted ? 487 : 408;
+    const int otherwise = m_unwanted ? 487 : m_sent ? 408 : 503; // as if it had come: sections 16.8 and 16.9
+    const int status = chosen ? sip_object(chosen.get())->sip_status->st_status : otherwise;
     if (status == 408 || (status == 487 && !m_unwanted)) { // who rang was told to stop, not by the caller
-        if (isInvite()) {
+        if (isInvite()) { // else nothing is said, not even when it is sent again (RFC 4320 section 4.2)
             answerTimeout();
-        } // else nothing, not even when it is sent again (RFC 4320 section 4.2)
-    } else if (!chosen) {
-        m_request->answer(SIP_487_REQUEST_TERMINATED);
+        }
     } else if (status == 503) { // that one is overloaded, this one is not
         m_request->answer(SIP_500_INTERNAL_SERVER_ERROR);
+    } else if (!chosen) {
+        m_request->answer(SIP_487_REQUEST_TERMINATED);
     } else {
         forward(chosen.get());
     }

@@ -419,6 +419,26 @@ TEST_F(Proxy, AsksTheNextInTimeForAnAnswer)
     EXPECT_EQ(answers(caller), "200");
 }
 
+/// Section 16.9: as if it had said 503 there, which is passed on as 500; with others, theirs is the better answer.
+TEST_F(Proxy, SaysWhereItCannotSendAnything)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    for (const char* const nowhere : {"tel:+4930123456", "sip:alice@192.0.2.1;transport=tls"}) {
+        sql("DELETE FROM contact");
+        sql(std::string("INSERT INTO contact (csid, address, permanent) VALUES (1, '") + nowhere + "', true)");
+        for (const char* const method : {"MESSAGE", "INVITE"}) {
+            EXPECT_EQ(status(caller.ask(caller.request(method, "sip:alice@oryx.example"))), "500 Internal Server Error")
+                << method << ' ' << nowhere;
+        }
+        answerOn(called);
+        caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+        called.send(called.response(called.receive(), 486, "Busy Here"));
+        EXPECT_EQ(answers(caller), "486") << nowhere;
+    }
+}
+
 /// RFC 4320 section 4.2.
 TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
 {
