@@ -34,8 +34,9 @@ public:
     bool serves(const Address& address) const { return m_provisioning.serves(address.domain); }
     /// Whether a sender has to prove who he is.
     bool asksForProof() const { return m_options.digest; }
-    /// Whether all extensions that the request requires are understood, of which one may be known (RFC 3261 section
-    /// 8.2.2.3). False when the request has been answered, here and below.
+    /// Whether the request's URI is one that can be served, which sips is not without TLS, and all extensions that it
+    /// requires are understood, of which one may be known (RFC 3261 sections 8.2.2.1 and 8.2.2.3). False when the
+    /// request has been answered, here and below.
     static bool understands(Incoming& request, std::string_view known = "");
     /// The address in one of its URIs.
     static bool readAddress(Incoming& request, const url_t& url, Address& address);

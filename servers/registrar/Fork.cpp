@@ -173,13 +173,15 @@ void Fork::tryOthers()
     tryNext();
 }
 
-/// The request with that request URI and route (section 16.6, items 2 and 6); none where those cannot be read.
+/// The request with that request URI and route (section 16.6, items 2 and 6); none where those cannot be read, or ask
+/// for TLS on the whole way (section 26.2.2).
 Message Fork::addressed(const Hop& hop) const
 {
     Message message(msg_dup(m_outgoing.message.get()));
     const bool addressed = (hop.uri.empty() || setRequestUri(message.get(), urlText(hop.uri.c_str()))) &&
                            (hop.route.empty() || sip_add_tl(message.get(), sip_object(message.get()),
-                                                            SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END()) >= 0);
+                                                            SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END()) >= 0) &&
+                           sip_object(message.get())->sip_request->rq_url->url_type != url_sips;
     const std::string breadthText = "Max-Breadth: " + std::to_string(breadth());
     sip_add_tl(message.get(), sip_object(message.get()), SIPTAG_HEADER_STR(breadthText.c_str()), TAG_END());
     return addressed ? std::move(message) : nullptr;
@@ -206,7 +208,7 @@ void Fork::send(const Hop& hop)
     su_home_t* const home = msg_home(message.get());
     const url_t* const next =
         hop.next.empty() ? &nextHop(*sip_object(message.get())) : url_hdup(home, urlText(hop.next.c_str())->us_url);
-    if (next != nullptr) {
+    if (next != nullptr && next->url_type != url_sips) {
         const url_t to = *next; // its texts stay with the message
         if (!m_outgoing.mark.socket.empty()) {
             recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(to));

@@ -163,6 +163,7 @@ TEST_F(Proxy, RefusesWhatItCannotSendOn)
     Phone caller = bob();
     EXPECT_EQ(status(caller.ask(invite(caller).set("Max-Forwards", "0"))), "483 Too Many Hops");
     EXPECT_EQ(status(caller.ask(invite(caller, "tel:+4930123456"))), "416 Unsupported URI Scheme");
+    EXPECT_EQ(status(caller.ask(invite(caller, "sips:alice@oryx.example"))), "416 Unsupported URI Scheme");
     const Message answer = caller.ask(invite(caller).set("Proxy-Require", "teleport"));
     EXPECT_EQ(status(answer), "420 Bad Extension");
     EXPECT_EQ(answer.field("Unsupported"), "teleport");
@@ -437,6 +438,26 @@ TEST_F(Proxy, SaysWhereItCannotSendAnything)
         called.send(called.response(called.receive(), 486, "Busy Here"));
         EXPECT_EQ(answers(caller), "486") << nowhere;
     }
+}
+
+/// Section 26.2.2: by TLS or not at all, whoever has provisioned it.
+TEST_F(Proxy, SendsNothingInTheClearToWhomAsksForTls)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    const std::string secure = "sips:alice@" + called.socket().hostPort();
+    const std::string path = "<sip:" + edge.socket().hostPort() + ";lr>";
+    for (const std::string& values : {"'" + secure + ";transport=udp', NULL", "'" + secure + "', '" + path + "'"}) {
+        sql("DELETE FROM contact;"
+            "INSERT INTO contact (csid, address, path_vector, permanent) VALUES (1, " +
+            values + ", true)");
+        EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", "sip:alice@oryx.example"))), "500 Internal Server Error")
+            << values;
+    }
+    EXPECT_TRUE(called.socket().silent());
+    EXPECT_TRUE(edge.socket().silent());
 }
 
 /// RFC 4320 section 4.2.

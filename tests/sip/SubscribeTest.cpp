@@ -256,6 +256,8 @@ TEST_F(Subscribing, RefusesWhatItDoesNotUnderstand)
     const Message extension = bob.subscribe(bob.request(kAlice).set("Require", "everything"));
     EXPECT_EQ(status(extension), "420 Bad Extension");
     EXPECT_EQ(extension.field("Unsupported"), "everything");
+    EXPECT_EQ(status(bob.subscribe(bob.request("sips:alice@oryx.example"))), "416 Unsupported URI Scheme");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Contact", "<sips:bob@127.0.0.1>"))), "400 Bad Request");
     EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Contact", ""))), "400 Bad Request");
     EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).add("Contact", "<sip:second@127.0.0.1>"))), "400 Bad Request");
     EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("To", "<" + kAlice + ">;tag=none"))),
