@@ -39,7 +39,7 @@ void run(Loop& loop, const Options& options, int signals)
     std::optional<Endpoint> endpoint;
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         if (request->isBrief() && request->sip().sip_request->rq_method == sip_method_options) {
-            request->answer(SIP_200_OK, SIPTAG_ALLOW_STR("REGISTER, OPTIONS"), SIPTAG_SUPPORTED_STR("path"));
+            Gate::describe(*request, "REGISTER, OPTIONS", "", "path");
         } else if (!provisioning.known()) {
             request->answerUnavailable();
         } else if (request->isBrief()) {

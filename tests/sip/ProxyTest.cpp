@@ -698,9 +698,28 @@ TEST_F(Proxy, AnswersWhoeverLooksIfItIsThere)
     Phone caller = bob();
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:127.0.0.1:" + std::to_string(m_port)))), "200 OK");
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sips:oryx.example"))), "416 Unsupported URI Scheme");
     // That of a dialog is not for this server, whose dialogs are all others'.
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("To", "<sip:a@b.example>;tag=1"))),
               "404 Not Found");
+}
+
+/// Sections 11.2, 20.1 and 8.2.2.3, whether there is a transaction or not.
+TEST_F(Proxy, TellsWhoeverAsksWhatItUnderstands)
+{
+    startRegistrar();
+    for (const phone::Transport transport : {phone::Transport::udp, phone::Transport::tcp}) {
+        Phone caller("bob", "oryx.example", m_port, "127.0.0.1", transport);
+        const Message answer = caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("Require", "path"));
+        EXPECT_EQ(status(answer), "200 OK");
+        EXPECT_EQ(answer.field("Allow"), "REGISTER, OPTIONS");
+        EXPECT_EQ(answer.field("Supported"), "path");
+        EXPECT_NE(answer.text().find("\r\nAccept:"), std::string::npos); // no body at all
+        EXPECT_EQ(answer.field("Accept"), "");
+        const Message refused = caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("Require", "path, gruu"));
+        EXPECT_EQ(status(refused), "420 Bad Extension");
+        EXPECT_EQ(refused.field("Unsupported"), "gruu");
+    }
 }
 
 } // namespace
