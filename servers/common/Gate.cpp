@@ -9,6 +9,9 @@ namespace oryx::sip {
 
 bool Gate::understands(Incoming& request, std::string_view known)
 {
+    if (request.sip().sip_request->rq_url->url_type != url_sip) {
+        return request.refuse(SIP_416_UNSUPPORTED_URI);
+    }
     const std::string unknown = unknownTags(request.sip().sip_require, known);
     return unknown.empty() || request.refuse(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
 }

@@ -34,9 +34,21 @@ public:
     bool serves(const Address& address) const { return m_provisioning.serves(address.domain); }
     /// Whether a sender has to prove who he is.
     bool asksForProof() const { return m_options.digest; }
-    /// Whether all extensions that the request requires are understood, of which one may be known (RFC 3261 section
-    /// 8.2.2.3). False when the request has been answered, here and below.
+    /// Whether the request's URI is one that can be served, which sips is not without TLS, and all extensions that it
+    /// requires are understood, of which one may be known (RFC 3261 sections 8.2.2.1 and 8.2.2.3). False when the
+    /// request has been answered, here and below.
     static bool understands(Incoming& request, std::string_view known = "");
+    /// Answers OPTIONS (RFC 3261 section 11.2): with the methods, the bodies and the one extension that are understood,
+    /// and what else the tags say.
+    template <typename... Tags>
+    static void describe(Incoming& request, const char* methods, const char* bodies, const char* extension,
+                         Tags... tags)
+    {
+        if (understands(request, extension)) {
+            request.answer(SIP_200_OK, SIPTAG_ALLOW_STR(methods), SIPTAG_ACCEPT_STR(bodies),
+                           SIPTAG_SUPPORTED_STR(extension), tags...);
+        }
+    }
     /// The address in one of its URIs.
     static bool readAddress(Incoming& request, const url_t& url, Address& address);
     /// The seconds that Expires asks for, within bounds; an end at a date, which no telephone asks for, counts as not

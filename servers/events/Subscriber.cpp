@@ -110,9 +110,7 @@ bool readTarget(Incoming& request, PresenceRecord& dialog)
         dialog.SetRemotecontacthdr(normalized(*contact->m_url).c_str());
     }
     dialog.SetSubcseq(static_cast<int>(std::min(cseq, kLastCseq)));
-    const bool reachable =
-        contact == nullptr ||
-        (contact->m_next == nullptr && (contact->m_url->url_type == url_sip || contact->m_url->url_type == url_sips));
+    const bool reachable = contact == nullptr || (contact->m_next == nullptr && contact->m_url->url_type == url_sip);
     const std::string& target = dialog.remotecontacthdr();
     return (reachable && !target.empty() && fits(target) && cseq <= kLastCseq) || request.refuse(SIP_400_BAD_REQUEST);
 }

@@ -46,8 +46,8 @@ void run(Loop& loop, const Options& options, int signals)
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
         if (method == sip_method_options) {
-            request->answer(SIP_200_OK, SIPTAG_ALLOW_STR(kAllow), SIPTAG_ALLOW_EVENTS_STR(kAllowEvents),
-                            SIPTAG_SUPPORTED_STR("eventlist"));
+            Gate::describe(*request, kAllow, "application/pidf+xml", "eventlist",
+                           SIPTAG_ALLOW_EVENTS_STR(kAllowEvents));
         } else if (method != sip_method_subscribe && method != sip_method_publish) {
             request->answer(SIP_405_METHOD_NOT_ALLOWED, SIPTAG_ALLOW_STR(kAllow));
         } else if (!notifier->resumed()) {

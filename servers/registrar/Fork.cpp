@@ -173,13 +173,15 @@ void Fork::tryOthers()
     tryNext();
 }
 
-/// The request with that request URI and route (section 16.6, items 2 and 6); none where those cannot be read.
+/// The request with that request URI and route (section 16.6, items 2 and 6); none where those cannot be read, or ask
+/// for TLS on the whole way (section 26.2.2).
 Message Fork::addressed(const Hop& hop) const
 {
     Message message(msg_dup(m_outgoing.message.get()));
     const bool addressed = (hop.uri.empty() || setRequestUri(message.get(), urlText(hop.uri.c_str()))) &&
                            (hop.route.empty() || sip_add_tl(message.get(), sip_object(message.get()),
-                                                            SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END()) >= 0);
+                                                            SIPTAG_ROUTE_STR(hop.route.c_str()), TAG_END()) >= 0) &&
+                           sip_object(message.get())->sip_request->rq_url->url_type != url_sips;
     const std::string breadthText = "Max-Breadth: " + std::to_string(breadth());
     sip_add_tl(message.get(), sip_object(message.get()), SIPTAG_HEADER_STR(breadthText.c_str()), TAG_END());
     return addressed ? std::move(message) : nullptr;
@@ -206,7 +208,7 @@ void Fork::send(const Hop& hop)
     su_home_t* const home = msg_home(message.get());
     const url_t* const next =
         hop.next.empty() ? &nextHop(*sip_object(message.get())) : url_hdup(home, urlText(hop.next.c_str())->us_url);
-    if (next != nullptr) {
+    if (next != nullptr && next->url_type != url_sips) {
         const url_t to = *next; // its texts stay with the message
         if (!m_outgoing.mark.socket.empty()) {
             recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(to));
@@ -216,7 +218,8 @@ void Fork::send(const Hop& hop)
             m_endpoint.agent(), &Fork::responded, &branch, urlText(to), message.release(),
             NTATAG_BRANCH_KEY(key.c_str()), TPTAG_IDENT(Endpoint::familyOf(to)), NTATAG_PASS_100(1), TAG_END()));
     }
-    branch.ended = branch.transaction == nullptr; // nowhere: no such host
+    branch.ended = branch.transaction == nullptr; // the stack knows no such way
+    m_sent = m_sent || !branch.ended;
     if (!branch.ended && isInvite()) {
         branch.timerC.set(kTimerC);
     }
@@ -239,7 +242,9 @@ void Fork::take(Branch& branch, const sip_t* sip)
             sendCancel(branch);
         }
         if (status > 100 && response && !m_decided) {
-            branch.timerC.set(kTimerC); // section 16.7, item 2
+            if (!branch.cancelled) {        // who was told to stop is waited for by m_giveUp alone
+                branch.timerC.set(kTimerC); // section 16.7, item 2
+            }
             forward(response.get());
         }
         return;
@@ -278,8 +283,10 @@ void Fork::end(Branch& branch)
 /// Section 16.8.
 void Fork::timeOut(Branch& branch)
 {
-    cancel(branch);
-    tryNext();
+    if (!branch.ended) { // else its transaction may be gone
+        cancel(branch);
+        tryNext();
+    }
 }
 
 void Fork::cancel(Branch& branch)
@@ -317,6 +324,7 @@ void Fork::endCancelled()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
         if (branch->cancelled && !branch->ended) {
+            branch->timerC.cancel();
             branch->transaction.reset();
             branch->ended = true;
         }
@@ -346,15 +354,16 @@ void Fork::answerBest()
 {
     m_decided = true;
     const Message chosen = best();
-    const int status = chosen ? sip_object(chosen.get())->sip_status->st_status : m_unwanted ? 487 : 408;
+    const int otherwise = m_unwanted ? 487 : m_sent ? 408 : 503; // as if it had come: sections 16.8 and 16.9
+    const int status = chosen ? sip_object(chosen.get())->sip_status->st_status : otherwise;
     if (status == 408 || (status == 487 && !m_unwanted)) { // who rang was told to stop, not by the caller
-        if (isInvite()) {
+        if (isInvite()) { // else nothing is said, not even when it is sent again (RFC 4320 section 4.2)
             answerTimeout();
-        } // else nothing, not even when it is sent again (RFC 4320 section 4.2)
-    } else if (!chosen) {
-        m_request->answer(SIP_487_REQUEST_TERMINATED);
+        }
     } else if (status == 503) { // that one is overloaded, this one is not
         m_request->answer(SIP_500_INTERNAL_SERVER_ERROR);
+    } else if (!chosen) {
+        m_request->answer(SIP_487_REQUEST_TERMINATED);
     } else {
         forward(chosen.get());
     }

@@ -84,6 +84,7 @@ private:
     std::vector<Hop> m_hops;
     std::size_t m_tried = 0;
     bool m_sequential = false;
+    bool m_sent = false;     // to one of the hops at least; others are none that anything can be sent to
     bool m_unwanted = false; // the client has cancelled it
     bool m_decided = false;  // a final answer has been given, or none is wanted
     std::vector<std::unique_ptr<Branch>> m_branches;

@@ -142,6 +142,9 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
     if (!valid(*request)) {
         return;
     }
+    if (request->sip().sip_request->rq_method == sip_method_invite) {
+        request->answer(SIP_100_TRYING); // section 17.2.1: before the database is asked, which may take its time
+    }
     std::vector<std::string> cookies;
     Message outgoing = prepared(request->sip(), request->message(), cookies);
     RouteMark mark;
@@ -161,13 +164,12 @@ bool Proxy::valid(Incoming& request) const
 {
     const sip_t& sip = request.sip();
     const url_t& target = *sip.sip_request->rq_url;
-    const auto scheme = static_cast<url_type_e>(target.url_type);
     const std::string unknown = unknownTags(sip.sip_proxy_require);
     if (url_len(&target) > kLongestTarget) {
         request.answer(SIP_414_REQUEST_URI_TOO_LONG);
     } else if (target.url_headers != nullptr) { // section 19.1.1: not in a request URI
         request.answer(SIP_400_BAD_REQUEST);
-    } else if (scheme != url_sip && scheme != url_sips) {
+    } else if (target.url_type != url_sip) { // sips, too: nothing may go on in the clear that asks for TLS
         request.answer(SIP_416_UNSUPPORTED_URI);
     } else if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
         request.answer(SIP_483_TOO_MANY_HOPS);
@@ -369,9 +371,6 @@ void Proxy::send(const std::shared_ptr<Incoming>& request, Message outgoing, con
         request->answer(440, "Max-Breadth Exceeded");
         return;
     }
-    if (request->sip().sip_request->rq_method == sip_method_invite) {
-        request->answer(SIP_100_TRYING);
-    }
     removeBreadth(outgoing.get());
     const std::string branch = newBranch() + "." + loopMark(request->sip());
     std::make_shared<Fork>(m_loop, *m_endpoint, m_seal, m_forks, request,
@@ -401,9 +400,10 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
     }
     std::vector<std::string> cookies;
     Message outgoing = prepared(sip, message.get(), cookies);
-    if (isSettled(m_seal, *sip_object(outgoing.get()), cookies)) {
+    const sip_t& sent = *sip_object(outgoing.get());
+    if (sent.sip_request->rq_url->url_type == url_sip && isSettled(m_seal, sent, cookies)) {
         const std::string branch = newBranch() + "." + loopMark(sip) + ".0";
-        const url_t next = nextHop(*sip_object(outgoing.get())); // its texts stay with the message
+        const url_t next = nextHop(sent); // its texts stay with the message
         fitStrictRouter(outgoing.get());
         nta_msg_tsend(m_endpoint->agent(), outgoing.release(), urlText(next), NTATAG_BRANCH_KEY(branch.c_str()),
                       TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END());

@@ -100,7 +100,10 @@ bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, Reg
     read.address = normalized(*contact.m_url);
     read.contactHeader = headerText(one);
     read.qvalue = contact.m_q != nullptr ? contact.m_q : "";
-    if (!wex::Uri(read.address).isValid() || !isPreference(read.qvalue) || !fits(read.address) ||
+    // A sips contact wants calls to come by TLS all the way (RFC 5630 section 5.4). Most telephones that have come by
+    // TLS to a server before this one write sip and transport=tls, and want no more than their calls.
+    const bool wantsTls = contact.m_url->url_type == url_sips;
+    if (wantsTls || !wex::Uri(read.address).isValid() || !isPreference(read.qvalue) || !fits(read.address) ||
         !fits(read.contactHeader) || !fits(read.qvalue) || order.contacts.size() == kMostContacts) {
         request.answer(SIP_400_BAD_REQUEST);
         return false;

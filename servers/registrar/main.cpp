@@ -14,13 +14,14 @@ namespace {
 
 using namespace oryx::sip;
 
-/// Whether a request is for the server itself: registrations, and those by which a peer looks if it is there. Not what
-/// belongs to a dialog, which is with somebody behind it.
+/// Whether a request is for the server itself: registrations, and those by which a peer looks if it is there. Of the
+/// latter not what belongs to a dialog, which is with somebody behind it.
 bool isForServer(const sip_t& sip, const Endpoint& endpoint, const Provisioning& provisioning)
 {
     const url_t& url = *sip.sip_request->rq_url;
-    const bool wanted = sip.sip_request->rq_method == sip_method_register || url.url_user == nullptr;
-    return wanted && sip.sip_to->a_tag == nullptr && (endpoint.isOurs(url) || provisioning.serves(hostOf(url)));
+    const bool registers = sip.sip_request->rq_method == sip_method_register;
+    const bool wanted = registers || (url.url_user == nullptr && sip.sip_to->a_tag == nullptr);
+    return wanted && (endpoint.isOurs(url) || provisioning.serves(hostOf(url)));
 }
 
 void run(Loop& loop, const Options& options, int signals)
@@ -38,7 +39,7 @@ void run(Loop& loop, const Options& options, int signals)
     std::optional<Endpoint> endpoint;
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         if (request->isBrief() && request->sip().sip_request->rq_method == sip_method_options) {
-            request->answer(SIP_200_OK, SIPTAG_ALLOW_STR("REGISTER, OPTIONS"), SIPTAG_SUPPORTED_STR("path"));
+            Gate::describe(*request, "REGISTER, OPTIONS", "", "path");
         } else if (!provisioning.known()) {
             request->answerUnavailable();
         } else if (request->isBrief()) {

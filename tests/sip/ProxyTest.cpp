@@ -163,6 +163,7 @@ TEST_F(Proxy, RefusesWhatItCannotSendOn)
     Phone caller = bob();
     EXPECT_EQ(status(caller.ask(invite(caller).set("Max-Forwards", "0"))), "483 Too Many Hops");
     EXPECT_EQ(status(caller.ask(invite(caller, "tel:+4930123456"))), "416 Unsupported URI Scheme");
+    EXPECT_EQ(status(caller.ask(invite(caller, "sips:alice@oryx.example"))), "416 Unsupported URI Scheme");
     const Message answer = caller.ask(invite(caller).set("Proxy-Require", "teleport"));
     EXPECT_EQ(status(answer), "420 Bad Extension");
     EXPECT_EQ(answer.field("Unsupported"), "teleport");
@@ -419,6 +420,46 @@ TEST_F(Proxy, AsksTheNextInTimeForAnAnswer)
     EXPECT_EQ(answers(caller), "200");
 }
 
+/// Section 16.9: as if it had said 503 there, which is passed on as 500; with others, theirs is the better answer.
+TEST_F(Proxy, SaysWhereItCannotSendAnything)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    for (const char* const nowhere : {"tel:+4930123456", "sip:alice@192.0.2.1;transport=tls"}) {
+        sql("DELETE FROM contact");
+        sql(std::string("INSERT INTO contact (csid, address, permanent) VALUES (1, '") + nowhere + "', true)");
+        for (const char* const method : {"MESSAGE", "INVITE"}) {
+            EXPECT_EQ(status(caller.ask(caller.request(method, "sip:alice@oryx.example"))), "500 Internal Server Error")
+                << method << ' ' << nowhere;
+        }
+        answerOn(called);
+        caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+        called.send(called.response(called.receive(), 486, "Busy Here"));
+        EXPECT_EQ(answers(caller), "486") << nowhere;
+    }
+}
+
+/// Section 26.2.2: by TLS or not at all, whoever has provisioned it.
+TEST_F(Proxy, SendsNothingInTheClearToWhomAsksForTls)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone edge("edge", "oryx.example", m_port);
+    Phone caller = bob();
+    const std::string secure = "sips:alice@" + called.socket().hostPort();
+    const std::string path = "<sip:" + edge.socket().hostPort() + ";lr>";
+    for (const std::string& values : {"'" + secure + ";transport=udp', NULL", "'" + secure + "', '" + path + "'"}) {
+        sql("DELETE FROM contact;"
+            "INSERT INTO contact (csid, address, path_vector, permanent) VALUES (1, " +
+            values + ", true)");
+        EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", "sip:alice@oryx.example"))), "500 Internal Server Error")
+            << values;
+    }
+    EXPECT_TRUE(called.socket().silent());
+    EXPECT_TRUE(edge.socket().silent());
+}
+
 /// RFC 4320 section 4.2.
 TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
 {
@@ -435,6 +476,25 @@ TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
     EXPECT_TRUE(caller.socket().silent());
 }
 
+/// Section 17.2.1: a caller who hears nothing for half a second asks again, however long the database takes.
+TEST_F(Proxy, SaysOnceThatItTriesBeforeItKnowsWhere)
+{
+    setenv("ORYX_DEADLINE", "20s", 1);
+    startRegistrar();
+    unsetenv("ORYX_DEADLINE");
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    caller.send(invite(caller));
+    EXPECT_EQ(caller.receive().status(), 100);
+    EXPECT_TRUE(caller.socket().silent());
+    holder.run("COMMIT");
+    called.send(called.response(called.receive(), 200, "OK"));
+    EXPECT_EQ(answers(caller), "200");
+}
+
 /// Section 9.2: while nobody has been asked yet.
 TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
 {
@@ -446,6 +506,7 @@ TEST_F(Proxy, AsksNobodyWhenTheCallerHasCancelled)
     holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
     const Message request = invite(caller);
     caller.send(request);
+    EXPECT_EQ(caller.receive().status(), 100);
     caller.send(cancelOf(request, caller));
     const std::string both = std::to_string(caller.receive().status()) + std::to_string(caller.receive().status());
     EXPECT_TRUE(both == "200487" || both == "487200") << both;
@@ -637,9 +698,28 @@ TEST_F(Proxy, AnswersWhoeverLooksIfItIsThere)
     Phone caller = bob();
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:127.0.0.1:" + std::to_string(m_port)))), "200 OK");
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example"))), "200 OK");
+    EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sips:oryx.example"))), "416 Unsupported URI Scheme");
     // That of a dialog is not for this server, whose dialogs are all others'.
     EXPECT_EQ(status(caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("To", "<sip:a@b.example>;tag=1"))),
               "404 Not Found");
+}
+
+/// Sections 11.2, 20.1 and 8.2.2.3, whether there is a transaction or not.
+TEST_F(Proxy, TellsWhoeverAsksWhatItUnderstands)
+{
+    startRegistrar();
+    for (const phone::Transport transport : {phone::Transport::udp, phone::Transport::tcp}) {
+        Phone caller("bob", "oryx.example", m_port, "127.0.0.1", transport);
+        const Message answer = caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("Require", "path"));
+        EXPECT_EQ(status(answer), "200 OK");
+        EXPECT_EQ(answer.field("Allow"), "REGISTER, OPTIONS");
+        EXPECT_EQ(answer.field("Supported"), "path");
+        EXPECT_NE(answer.text().find("\r\nAccept:"), std::string::npos); // no body at all
+        EXPECT_EQ(answer.field("Accept"), "");
+        const Message refused = caller.ask(caller.request("OPTIONS", "sip:oryx.example").set("Require", "path, gruu"));
+        EXPECT_EQ(status(refused), "420 Bad Extension");
+        EXPECT_EQ(refused.field("Unsupported"), "gruu");
+    }
 }
 
 } // namespace

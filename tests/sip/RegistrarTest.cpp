@@ -438,6 +438,35 @@ TEST_F(Registrar, TakesAnAddressInAnyCaseWithEscapesAndByItsAlias)
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
 }
 
+/// Section 10.3, item 1: its request URI alone says whom a REGISTER is for.
+TEST_F(Registrar, TakesARegisterWhoseToHasATag)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const Message request =
+        alice.registration("<sip:alice@192.0.2.1>").set("To", "<sip:alice@oryx.example>;tag=before");
+    const Message answer = alice.ask(request);
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("To"), request.field("To"));
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
+}
+
+/// RFC 5630 section 5.4: what is reached in the clear is bound to no URI that asks for TLS.
+TEST_F(Registrar, BindsNothingThatAsksForTls)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    EXPECT_EQ(status(alice.ask(alice.registration("<SIPS:alice@192.0.2.1>"))), "400 Bad Request");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>, <sips:alice@192.0.2.1>"))),
+              "400 Bad Request");
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    request.first = "REGISTER sips:oryx.example SIP/2.0";
+    EXPECT_EQ(status(alice.ask(request)), "416 Unsupported URI Scheme");
+    EXPECT_EQ(bindings(), "");
+    // Who has come by TLS to a server before this one says so.
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1;transport=tls>"))), "200 OK");
+}
+
 /// Section 10.3, item 2.
 TEST_F(Registrar, RefusesExtensionsThatItDoesNotKnow)
 {

@@ -256,11 +256,30 @@ TEST_F(Subscribing, RefusesWhatItDoesNotUnderstand)
     const Message extension = bob.subscribe(bob.request(kAlice).set("Require", "everything"));
     EXPECT_EQ(status(extension), "420 Bad Extension");
     EXPECT_EQ(extension.field("Unsupported"), "everything");
+    EXPECT_EQ(status(bob.subscribe(bob.request("sips:alice@oryx.example"))), "416 Unsupported URI Scheme");
+    EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Contact", "<sips:bob@127.0.0.1>"))), "400 Bad Request");
     EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("Contact", ""))), "400 Bad Request");
     EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).add("Contact", "<sip:second@127.0.0.1>"))), "400 Bad Request");
     EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("To", "<" + kAlice + ">;tag=none"))),
               "481 Call/Transaction Does Not Exist");
     EXPECT_EQ(status(bob.phone().ask(bob.phone().request("MESSAGE", kAlice))), "405 Method Not Allowed");
+}
+
+/// RFC 3261 sections 11.2 and 8.2.2.3.
+TEST_F(Subscribing, CanAskWhatIsUnderstood)
+{
+    startEvents();
+    Phone bob("bob", "oryx.example", m_port);
+    const Message answer = bob.ask(bob.request("OPTIONS", "sip:oryx.example").set("Require", "eventlist"));
+    EXPECT_EQ(status(answer), "200 OK");
+    EXPECT_EQ(answer.field("Allow"), "SUBSCRIBE, PUBLISH, OPTIONS");
+    EXPECT_EQ(answer.field("Allow-Events"), "presence, presence.winfo");
+    EXPECT_EQ(answer.field("Supported"), "eventlist");
+    EXPECT_EQ(answer.field("Accept"), "application/pidf+xml");
+    const Message refused = bob.ask(bob.request("OPTIONS", "sip:oryx.example").set("Require", "gruu"));
+    EXPECT_EQ(status(refused), "420 Bad Extension");
+    EXPECT_EQ(refused.field("Unsupported"), "gruu");
+    EXPECT_EQ(status(bob.ask(bob.request("OPTIONS", "sips:oryx.example"))), "416 Unsupported URI Scheme");
 }
 
 TEST_F(Subscribing, KnowsPeopleOfItsOwnDomainAlone)

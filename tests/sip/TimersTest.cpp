@@ -81,6 +81,38 @@ TEST_F(Timers, EndACallThatNobodyTakes)
     EXPECT_EQ(status(caller.receive()), "408 Request Timeout");
 }
 
+/// Section 16.8: who rings on after he was told to stop, and never says that he has stopped, is given up once.
+TEST_F(Timers, OutliveATelephoneThatRingsOnWhenItWasToldToStop)
+{
+    Phone deaf("alice", "oryx.example", m_port);
+    for (Phone* const telephone : {&deaf, &called}) {
+        ASSERT_EQ(status(telephone->ask(telephone->registration("<" + telephone->contact() + ">", 36000))), "200 OK");
+    }
+    caller.send(caller.request("INVITE", "sip:alice@oryx.example"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    const Message atDeaf = deaf.receive();
+    const Message offered = called.receive();
+    const auto ring = [&](Phone& telephone, const Message& request) {
+        telephone.send(telephone.response(request, 180, "Ringing"));
+        EXPECT_EQ(caller.receive().status(), 180);
+    };
+    ring(deaf, atDeaf);
+    ring(called, offered);
+    setClock(180);
+    ring(called, offered);
+    setClock(186);
+    const Message cancel = deaf.receive();
+    EXPECT_EQ(cancel.method(), "CANCEL");
+    deaf.send(deaf.response(cancel, 200, "OK"));
+    ring(deaf, atDeaf);
+    setClock(219);
+    ring(called, offered);
+    setClock(373);
+    EXPECT_TRUE(deaf.socket().silent());
+    called.send(called.response(offered, 200, "OK"));
+    EXPECT_EQ(status(caller.receive()), "200 OK");
+}
+
 /// Section 17.1.1.2, Timer B: half a minute for the first word.
 TEST_F(Timers, EndACallToATelephoneThatSaysNothing)
 {
