@@ -438,6 +438,26 @@ TEST_F(Registrar, TakesAnAddressInAnyCaseWithEscapesAndByItsAlias)
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
 }
 
+/// Section 10.3, item 7: a telephone that writes its contact otherwise refreshes its binding, and is called once.
+TEST_F(Registrar, KnowsABindingHoweverItIsWritten)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    for (const char* const contact :
+         {"<sip:alice@Host.example;transport=tcp;ob;line=aB>", "<sip:alice@host.example;ob;transport=TCP;line=aB>",
+          "<SIP:%61lice@host.example;Line=aB;OB;Transport=TCP>"}) {
+        EXPECT_EQ(status(alice.ask(alice.registration(contact))), "200 OK") << contact;
+        EXPECT_EQ(bindings(), "sip:alice@host.example;line=aB;ob;transport=tcp\n");
+    }
+    for (const char* const other :
+         {"<sip:ALICE@host.example;ob;transport=tcp;line=aB>", "<sip:alice@host.example;ob;transport=udp;line=aB>"}) {
+        EXPECT_EQ(status(alice.ask(alice.registration(other))), "200 OK") << other;
+    }
+    EXPECT_EQ(rows("SELECT count(*) FROM contact"), "3\n");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@host.example;LINE=aB;TRANSPORT=Tcp;ob>", 0))), "200 OK");
+    EXPECT_EQ(rows("SELECT count(*) FROM contact"), "2\n");
+}
+
 /// Section 10.3, item 2.
 TEST_F(Registrar, RefusesExtensionsThatItDoesNotKnow)
 {
