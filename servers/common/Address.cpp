@@ -6,6 +6,7 @@
 #include <utf8.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -24,6 +25,34 @@ std::string lowerCase(std::string text)
 bool isControl(char c)
 {
     return (c >= 0 && c < ' ') || c == '\x7f';
+}
+
+/// A parameter with its name in lower case, and with its value where RFC 3261 says what it means and case does not
+/// count. What a telephone has made up for itself stays: it may look for it in requests as it was written.
+std::string normalizedParameter(std::string_view parameter)
+{
+    constexpr std::array<std::string_view, 4> kInAnyCase{"transport", "user", "ttl", "maddr"};
+    const std::size_t equals = std::min(parameter.find('='), parameter.size());
+    const std::string name = lowerCase(std::string(parameter.substr(0, equals)));
+    const std::string value(parameter.substr(equals));
+    const bool inAnyCase = std::find(kInAnyCase.begin(), kInAnyCase.end(), name) != kInAnyCase.end();
+    return name + (inAnyCase ? lowerCase(value) : value);
+}
+
+std::string normalizedParameters(std::string_view rest)
+{
+    std::vector<std::string> parameters;
+    while (!rest.empty()) {
+        const std::string_view parameter = rest.substr(0, rest.find(';'));
+        parameters.push_back(normalizedParameter(parameter));
+        rest.remove_prefix(std::min(parameter.size() + 1, rest.size()));
+    }
+    std::sort(parameters.begin(), parameters.end());
+    std::string text;
+    for (const std::string& parameter : parameters) {
+        text.append(text.empty() ? "" : ";").append(parameter);
+    }
+    return text;
 }
 
 } // namespace
@@ -79,12 +108,14 @@ std::optional<Address> addressOf(const char* uri)
 
 std::string normalized(const url_t& url)
 {
-    url_t copy = url;
+    url_t copy = url; // in which the stack has read the escapes
+    const std::string parameters = normalizedParameters(url.url_params != nullptr ? url.url_params : "");
     const std::string host = lowerCase(url.url_host != nullptr ? url.url_host : "");
     const std::string scheme = lowerCase(url.url_scheme != nullptr ? url.url_scheme : "");
     copy.url_host = host.c_str();
     copy.url_scheme = scheme.c_str();
-    copy.url_headers = nullptr;
+    copy.url_params = parameters.empty() ? nullptr : parameters.c_str();
+    copy.url_headers = nullptr; // a request URI has none (section 19.1.1, table 1): it would be the same place
     std::vector<char> text(static_cast<std::size_t>(url_len(&copy)) + 1);
     url_e(text.data(), static_cast<isize_t>(text.size()), &copy);
     return text.data();

@@ -28,7 +28,10 @@ std::string userOf(const url_t& url);
 std::string hostOf(const url_t& url);
 /// Whether a text can stand in the database.
 bool canBeStored(const char* text);
-/// A URI as text, scheme and host in lower case: the form by which bindings are told apart (RFC 3261 section 19.1.4).
+/// A URI as text in the form by which bindings are told apart (RFC 3261 section 19.1.4): scheme, host and parameters'
+/// names in lower case, the parameters in one order, no headers. It is stored and is what requests go to as well, so
+/// nothing in it is changed that a telephone may not find changed. A parameter that only one of two URIs has tells them
+/// apart, also where that section would ignore it: by it two may equal a third, and not each other.
 std::string normalized(const url_t& url);
 
 } // namespace oryx::sip

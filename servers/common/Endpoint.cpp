@@ -125,17 +125,17 @@ int Incoming::acknowledgedOrCancelled(void* self, nta_incoming_t* /*transaction*
 }
 
 Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest,
-                   OnStray onStray, IsBrief isBrief)
+                   OnStray onStray, IsBrief isBrief, Merged merged)
     : m_metrics(metrics),
       m_onRequest(std::move(onRequest)),
-      m_onStray(std::move(onStray)),
+      m_onStray(onStray ? std::move(onStray) : OnStray([](const Message&, const sip_t&) {})),
       m_isBrief(std::move(isBrief)),
       m_sockets(sockets),
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
-      m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0), NTATAG_MERGE_482(0),
-                               NTATAG_CANCEL_487(0), NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1),
-                               NTATAG_TIMER_C(kStacksTimerC), NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kMostHeld),
-                               TAG_END())),
+      m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0),
+                               NTATAG_MERGE_482(merged == Merged::refused), NTATAG_CANCEL_487(0),
+                               NTATAG_SERVER_RPORT(1), NTATAG_CLIENT_RPORT(1), NTATAG_TIMER_C(kStacksTimerC),
+                               NTATAG_BAD_REQ_MASK(kNeeded), NTATAG_MAXSIZE(kMostHeld), TAG_END())),
       m_answers(m_agent)
 {
     if (m_agent == nullptr) {

@@ -99,14 +99,21 @@ class Endpoint {
 public:
     /// Gets each new request but ACK and CANCEL.
     using OnRequest = std::function<void(std::shared_ptr<Incoming> request)>;
-    /// Gets what no transaction is for: an ACK for a 2xx; a response, whose transaction has ended or never was.
+    /// Gets what no transaction is for: an ACK for a 2xx; a response, whose transaction has ended or never was. Without
+    /// one it is dropped.
     using OnStray = std::function<void(const Message& message, const sip_t& sip)>;
     /// Whether a request needs no transaction: it is answered once, by this server, and cannot be cancelled.
     using IsBrief = std::function<bool(const sip_t& sip)>;
 
+    /// What becomes of a request that comes again by another way, as a proxy before this server has forked it.
+    enum class Merged {
+        taken,   ///< It goes on: to a proxy they are two.
+        refused, ///< 482, where requests end (RFC 3261 section 8.2.2.2); of those with a transaction.
+    };
+
     /// Throws `std::runtime_error` when one of the sockets cannot be had.
     Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest, OnStray onStray,
-             IsBrief isBrief = nullptr);
+             IsBrief isBrief = nullptr, Merged merged = Merged::taken);
     ~Endpoint();
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;

@@ -60,24 +60,28 @@ Provisioning::~Provisioning()
     m_listener.stop();
     m_thread.join();
     m_reader.join();
+    m_domains.reset(m_handedOver.exchange(nullptr));
 }
 
-std::shared_ptr<const Provisioning::Domains> Provisioning::domains() const
+/// The newest list; the one before is thrown away here, where nobody is in the middle of it.
+const Provisioning::Domains& Provisioning::domains() const
 {
-    const std::lock_guard lock(m_mutex);
-    return m_domains;
+    if (m_handedOver.load(std::memory_order_relaxed) != nullptr) {
+        m_domains.reset(m_handedOver.exchange(nullptr, std::memory_order_acquire));
+    }
+    return *m_domains;
 }
 
 bool Provisioning::serves(const std::string& host) const
 {
-    const std::shared_ptr<const Domains> all = domains();
-    return std::find(all->begin(), all->end(), host) != all->end();
+    const Domains& all = domains();
+    return std::find(all.begin(), all.end(), host) != all.end();
 }
 
 std::string Provisioning::realm() const
 {
-    const std::shared_ptr<const Domains> all = domains();
-    return !m_options.realm.empty() || all->empty() ? m_options.realm : all->front();
+    const Domains& all = domains();
+    return !m_options.realm.empty() || all.empty() ? m_options.realm : all.front();
 }
 
 void Provisioning::readDomainsAtLast()
@@ -112,15 +116,17 @@ bool Provisioning::readDomains()
         std::transform(domain.begin(), domain.end(), domain.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     }
-    take(std::move(domains));
+    handOver(std::move(domains));
     return true;
 }
 
-void Provisioning::take(Domains domains)
+/// Hands the list over to the SIP thread, in the place of one that it has not taken yet.
+void Provisioning::handOver(Domains domains)
 {
-    const std::lock_guard lock(m_mutex);
-    if (domains != *m_domains) {
-        m_domains = std::make_shared<const Domains>(std::move(domains));
+    if (domains != m_read) {
+        m_read = domains;
+        auto list = std::make_unique<const Domains>(std::move(domains));
+        list.reset(m_handedOver.exchange(list.release(), std::memory_order_acq_rel));
         m_changes.fetch_add(1, std::memory_order_release); // the realm may be another, and with it all secrets
     }
     m_known.store(true, std::memory_order_release);

@@ -29,11 +29,12 @@ public:
     Provisioning(const Provisioning&) = delete;
     Provisioning& operator=(const Provisioning&) = delete;
 
-    /// Whether the list of domains has been read. For any thread, as the others.
+    /// Whether the list of domains has been read. For any thread, as all but the next two.
     bool known() const { return m_known.load(std::memory_order_acquire); }
-    /// Whether the server answers for that host, in lower case.
+    /// Whether the server answers for that host, in lower case. For the SIP thread alone: the list is its own.
     bool serves(const std::string& host) const;
-    /// The realm of credentials: the first domain served, unless the command line says another.
+    /// The realm of credentials: the first domain served, unless the command line says another. For the SIP thread
+    /// alone.
     std::string realm() const;
     /// Counts up whenever subscribers or addresses may have changed: what was kept of them holds no longer.
     unsigned changes() const { return m_changes.load(std::memory_order_acquire); }
@@ -43,9 +44,9 @@ public:
 private:
     using Domains = std::vector<std::string>;
 
-    std::shared_ptr<const Domains> domains() const;
+    const Domains& domains() const;
     bool readDomains();
-    void take(Domains domains);
+    void handOver(Domains domains);
     void readDomainsAtLast();
     void readDomainsAgain();
 
@@ -54,13 +55,15 @@ private:
     std::atomic<unsigned> m_changes{0};
     std::atomic<bool> m_known{false};
     std::atomic<bool> m_stop{false};
-    mutable std::mutex m_mutex; // for a moment
-    std::shared_ptr<const Domains> m_domains = std::make_shared<const Domains>();
-    std::mutex m_reading; // of whoever reads the list from the database
+    mutable std::unique_ptr<const Domains> m_domains = std::make_unique<const Domains>(); // the SIP thread's
+    mutable std::atomic<const Domains*> m_handedOver{nullptr}; // to it, which has not taken it yet
+    std::mutex m_reading;                                      // of whoever reads the list from the database
+    Domains m_read;                                            // what came of it
     DatabaseCommandExecutor m_executor;
     bool m_connected = false;
     ChangeListener m_listener;
     std::thread m_thread;
+    std::mutex m_mutex; // of the end alone
     std::condition_variable m_ending;
     std::thread m_reader;
 };

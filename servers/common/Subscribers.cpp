@@ -4,6 +4,7 @@ namespace oryx::sip {
 
 namespace {
 
+constexpr std::string_view kFirstCount = "00000001";
 constexpr std::size_t kMostSecrets = 100000;
 /// How long they may be kept while the listener has lost its connection, and no change is heard of.
 constexpr std::chrono::seconds kSecretsAge{30};
@@ -21,12 +22,9 @@ Verdict Subscribers::authenticate(const Address& address, const Credentials& cre
     if (secret.empty() || credentials.user != secrets.user || !credentials.match(method, secret)) {
         return Verdict::wrong;
     }
-    // Without a count they could be sent again by anybody.
-    if (!credentials.qop) {
-        return Verdict::wrong;
-    }
-    const bool fresh =
-        m_nonces.fresh(credentials.nonce, address.key()) && m_counts.use(credentials.nonce, credentials.count);
+    // Who knows no qop sends no count (RFC 3261 section 22.4, item 8): the nonce is good for one request.
+    const std::string_view count = credentials.qop ? std::string_view(credentials.count) : kFirstCount;
+    const bool fresh = m_nonces.fresh(credentials.nonce, address.key()) && m_counts.use(credentials.nonce, count);
     return fresh ? secrets.verdict : Verdict::stale;
 }
 

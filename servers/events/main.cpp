@@ -58,7 +58,7 @@ void run(Loop& loop, const Options& options, int signals)
             subscriber.take(request);
         }
     };
-    Endpoint endpoint(loop, metrics, options.listen, take, [](const Message&, const sip_t&) {});
+    Endpoint endpoint(loop, metrics, options.listen, take, nullptr, nullptr, Endpoint::Merged::refused);
     notifier->setEndpoint(endpoint);
     gate.setEndpoint(endpoint);
     std::optional<MetricsPage> page;

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <numeric>
 #include <set>
 #include <sstream>
 
@@ -23,9 +24,11 @@ constexpr double kMostKept = 3;
 
 class Load : public SipTest {
 protected:
+    using Clock = std::chrono::steady_clock;
     static constexpr int kUsers = 2000;
     static constexpr int kPorts = 8; // of one user's contacts
     static constexpr int kRate = 10000;
+    static constexpr int kTogether = 500; // fewer than a worker lets wait
 
     Load()
     {
@@ -52,21 +55,46 @@ protected:
         while (!m_socket.silent(milliseconds)) {
             const Message answer = Message::parse(m_socket.receive());
             ++m_answers[answer.status()];
+            m_answered.insert(std::stoi(answer.field("CSeq")) - 1);
             if (answer.status() == 200) {
                 m_acknowledged.insert("sip:" + answer.field("Call-ID"));
             }
         }
     }
 
+    /// Sends what has no answer until it has one, for as long as telephones do (RFC 3261 section 17.1.2.2, Timer F);
+    /// how many have none then.
+    int sendAgain(int first, int behind)
+    {
+        const auto end = Clock::now() + std::chrono::seconds(32);
+        int unanswered = 0;
+        do {
+            unanswered = 0;
+            for (int number = first; number < behind; ++number) {
+                if (m_answered.count(number) == 0) {
+                    m_socket.send(m_port, request(number));
+                    ++unanswered;
+                }
+            }
+            take(100);
+        } while (unanswered > 0 && Clock::now() < end);
+        return unanswered;
+    }
+    int answers() const
+    {
+        return std::accumulate(m_answers.begin(), m_answers.end(), 0,
+                               [](int sum, const auto& answer) { return sum + answer.second; });
+    }
+
     Socket m_socket;
     std::set<std::string> m_acknowledged;
+    std::set<int> m_answered;
     std::map<int, int> m_answers;
 };
 
 TEST_F(Load, LosesNothingThatWasAcknowledged)
 {
     startRegistrar();
-    using Clock = std::chrono::steady_clock;
     const std::chrono::seconds time(std::getenv("ORYX_DRILL") != nullptr ? 30 : 3);
     const auto begun = Clock::now();
     int offered = 0;
@@ -78,6 +106,16 @@ TEST_F(Load, LosesNothingThatWasAcknowledged)
         take(1);
     }
     take(2000);
+    // On two busy processors it was from 72 to 100 in a hundred, with and without sanitizers.
+    std::printf("%d of %d answered, %d with 200\n", answers(), offered, m_answers[200]);
+    EXPECT_GE(m_answers[200], answers() / 10);
+    // More than half of what is offered the system throws away then, on its way there or back: it says nothing about
+    // the server. What is sent again does: the last ones, every one of which is answered.
+    EXPECT_EQ(sendAgain(offered - kTogether, offered), 0);
+    // And whoever comes when that is over is served.
+    const int before = m_answers[200];
+    EXPECT_EQ(sendAgain(offered, offered + kTogether), 0);
+    EXPECT_GE(m_answers[200] - before, kTogether / 2);
     std::istringstream there(bindings());
     for (std::string contact; std::getline(there, contact);) {
         m_acknowledged.erase(contact);

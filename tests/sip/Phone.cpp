@@ -309,6 +309,31 @@ int freePort(const std::string& host)
     }
 }
 
+namespace {
+
+/// What all credentials say: whom they answer, and what they are for.
+struct Proof {
+    Proof(const Message& request, const Message& challenge)
+    {
+        const std::string name = challenge.status() == 407 ? "Proxy-Authenticate" : "WWW-Authenticate";
+        const std::size_t begin = request.method().size() + 1;
+        realm = challenge.parameter(name, "realm");
+        nonce = challenge.parameter(name, "nonce");
+        uri = request.first.substr(begin, request.first.rfind(' ') - begin);
+    }
+    std::string text(const std::string& user) const
+    {
+        return "Digest username=\"" + user + "\", realm=\"" + realm + "\", nonce=\"" + nonce + "\", uri=\"" + uri +
+               "\"";
+    }
+
+    std::string realm;
+    std::string nonce;
+    std::string uri;
+};
+
+} // namespace
+
 Phone::Phone(std::string user, std::string domain, int server, const std::string& host, Transport transport)
     : callId("call-" + unique()),
       m_user(std::move(user)),
@@ -368,15 +393,20 @@ Message Phone::ask(const Message& request)
 std::string Phone::credentials(const Message& request, const Message& challenge, const std::string& password,
                                const std::string& algorithm) const
 {
-    const std::string name = challenge.status() == 407 ? "Proxy-Authenticate" : "WWW-Authenticate";
-    const std::string realm = challenge.parameter(name, "realm");
-    const std::string nonce = challenge.parameter(name, "nonce");
-    const std::string uri =
-        request.first.substr(request.method().size() + 1, request.first.rfind(' ') - request.method().size() - 1);
-    const std::string response = hash(algorithm, {hash(algorithm, {m_user, realm, password}), nonce, "00000001",
-                                                  "cnonce", "auth", hash(algorithm, {request.method(), uri})});
-    return "Digest username=\"" + m_user + "\", realm=\"" + realm + "\", nonce=\"" + nonce + "\", uri=\"" + uri +
-           "\", algorithm=" + algorithm + ", qop=auth, nc=00000001, cnonce=\"cnonce\", response=\"" + response + "\"";
+    const Proof proof(request, challenge);
+    const std::string response =
+        hash(algorithm, {hash(algorithm, {m_user, proof.realm, password}), proof.nonce, "00000001", "cnonce", "auth",
+                         hash(algorithm, {request.method(), proof.uri})});
+    return proof.text(m_user) + ", algorithm=" + algorithm + ", qop=auth, nc=00000001, cnonce=\"cnonce\", response=\"" +
+           response + "\"";
+}
+
+std::string Phone::oldCredentials(const Message& request, const Message& challenge, const std::string& password) const
+{
+    const Proof proof(request, challenge);
+    const std::string response = hash(
+        "MD5", {hash("MD5", {m_user, proof.realm, password}), proof.nonce, hash("MD5", {request.method(), proof.uri})});
+    return proof.text(m_user) + ", response=\"" + response + "\"";
 }
 
 Message Phone::ask(Message request, const std::string& password, const std::string& algorithm)

@@ -104,6 +104,8 @@ public:
     /// The credentials that answer a challenge.
     std::string credentials(const Message& request, const Message& challenge, const std::string& password,
                             const std::string& algorithm) const;
+    /// The same as telephones make them that do not know qop, in MD5 (RFC 2069).
+    std::string oldCredentials(const Message& request, const Message& challenge, const std::string& password) const;
 
 private:
     std::string m_user;

@@ -467,6 +467,26 @@ TEST_F(Registrar, BindsNothingThatAsksForTls)
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1;transport=tls>"))), "200 OK");
 }
 
+/// Section 10.3, item 7: a telephone that writes its contact otherwise refreshes its binding, and is called once.
+TEST_F(Registrar, KnowsABindingHoweverItIsWritten)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    for (const char* const contact :
+         {"<sip:alice@Host.example;transport=tcp;ob;line=aB>", "<sip:alice@host.example;ob;transport=TCP;line=aB>",
+          "<SIP:%61lice@host.example;Line=aB;OB;Transport=TCP>"}) {
+        EXPECT_EQ(status(alice.ask(alice.registration(contact))), "200 OK") << contact;
+        EXPECT_EQ(bindings(), "sip:alice@host.example;line=aB;ob;transport=tcp\n");
+    }
+    for (const char* const other :
+         {"<sip:ALICE@host.example;ob;transport=tcp;line=aB>", "<sip:alice@host.example;ob;transport=udp;line=aB>"}) {
+        EXPECT_EQ(status(alice.ask(alice.registration(other))), "200 OK") << other;
+    }
+    EXPECT_EQ(rows("SELECT count(*) FROM contact"), "3\n");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@host.example;LINE=aB;TRANSPORT=Tcp;ob>", 0))), "200 OK");
+    EXPECT_EQ(rows("SELECT count(*) FROM contact"), "2\n");
+}
+
 /// Section 10.3, item 2.
 TEST_F(Registrar, RefusesExtensionsThatItDoesNotKnow)
 {
@@ -533,6 +553,43 @@ TEST_F(Registrar, TakesAProofOnce)
     EXPECT_EQ(status(answer), "401 Unauthorized");
     EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "true");
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
+}
+
+/// RFC 3261 section 22.4, item 8: a server must take it. It has no count, so each nonce is good for one request.
+TEST_F(Registrar, TakesAProofWithoutQopOnce)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    const Message challenge = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    Message wrong = alice.registration("<sip:mallory@192.0.2.66>");
+    wrong.set("Authorization", alice.oldCredentials(wrong, challenge, "wrong"));
+    const Message refused = alice.ask(wrong);
+    EXPECT_EQ(status(refused), "401 Unauthorized");
+    EXPECT_EQ(refused.parameter("WWW-Authenticate", "stale"), "");
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    request.set("Authorization", alice.oldCredentials(request, challenge, "alice"));
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    Message again = alice.registration("<sip:mallory@192.0.2.66>");
+    again.set("Authorization", request.field("Authorization"));
+    const Message answer = alice.ask(again);
+    EXPECT_EQ(status(answer), "401 Unauthorized");
+    EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "true");
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
+}
+
+TEST_F(Registrar, TakesNoProofWithoutQopForANonceThatWasUsedWithIt)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    const Message challenge = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    request.set("Authorization", alice.credentials(request, challenge, "alice", "MD5"));
+    EXPECT_EQ(status(alice.ask(request)), "200 OK");
+    Message old = alice.registration("<sip:alice@192.0.2.2>");
+    old.set("Authorization", alice.oldCredentials(old, challenge, "alice"));
+    const Message answer = alice.ask(old);
+    EXPECT_EQ(status(answer), "401 Unauthorized");
+    EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "true");
 }
 
 /// The same telephone by another name is another worker's: with four of them the two names of alice's are apart.

@@ -946,6 +946,24 @@ TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
     EXPECT_EQ(another(), "403 Forbidden");
 }
 
+/// RFC 3261 section 8.2.2.2: what a proxy on the way has forked would be two subscriptions of one watcher.
+TEST_F(Subscribing, IsHadOnceOfARequestThatComesByTwoWays)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const Message request = bob.request(kAlice);
+    const Message answer = bob.subscribe(request);
+    EXPECT_EQ(status(answer), "200 OK");
+    bob.notified();
+    Message merged = request;
+    EXPECT_EQ(bob.phone().ask(merged.set("Via", bob.phone().via())).status(), 482);
+    EXPECT_EQ(bob.phone().ask(request).text(), answer.text());
+    EXPECT_EQ(stored(), "1\n");
+    EXPECT_TRUE(bob.silent());
+    EXPECT_EQ(status(bob.refresh(3600)), "200 OK");
+}
+
 /// RFC 7616 sections 3.3 and 3.4.6: a proof for another request, and one with another's nonce.
 TEST_F(Subscribing, NeedsAProofOfItsOwn)
 {
