@@ -79,7 +79,7 @@ measure_search() {
     local name=${1%%|*} prepared step first=12 figures=()
     # Of those sent every odd number is one.
     [[ $name != getOutgoing* ]] || first=11
-    step=$(((size - first) / kSearchesPerRun / 2 * 2))
+    step=$(((kSize - first) / kSearchesPerRun / 2 * 2))
     both_ways "$1" "$first" "$step" "$kSearchesPerRun"
     timed "$folder/plain.sql"
     timed "$folder/bound.sql" "$prepared
@@ -115,18 +115,17 @@ measure_searching() {
 }
 
 measure_searches() {
-    local size=${SIZE:-1000000} next each began
-    next=$((size + 1))
+    local next=$((kSize + 1)) each began
     make_database_before 150 searches
     run_sql searches -c 'DROP INDEX subscription_states_incoming, subscription_states_outgoing, event_watchers_presentitykey, event_sources_presentity'
-    run_sql searches --set=size="$size" -f "$here/presence.sql"
+    run_sql searches --set=size="$kSize" -f "$here/presence.sql"
     for each in "${kSearchIndexes[@]}"; do
         began=$SECONDS
         run_sql searches -c "$each"
         echo "$((SECONDS - began)) s: ${each%% ON *}"
     done
     run_sql searches -c 'VACUUM ANALYZE'
-    printf '\n%d dialogs, watchers and sources each; ms of the server process at the median, at 99 %% and at worst, and what passes at the median and at 99 %%\n' "$size"
+    printf '\n%d dialogs, watchers and sources each; ms of the server process at the median, at 99 %% and at worst, and what passes at the median and at 99 %%\n' "$kSize"
     printf '%-34s%40s   %40s\n' '' 'plain' 'bound'
     measure_searching 'as released'
 

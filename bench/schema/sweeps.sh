@@ -30,7 +30,7 @@ measure_aid() {
     run_sql sweeps -c "$enable" -c 'VACUUM ANALYZE contact'
     run_sql sweeps -c "SELECT pg_stat_reset_single_table_counters('contact'::regclass)" >"$folder/out"
     for ((round = 0; round < 3; round++)); do
-        run_sql sweeps --set=first="$(((aid * 3 + round) * kChangesPerRound))" --set=count="$kChangesPerRound" --set=size="$size" <<'SQL' >"$folder/refresh.sql"
+        run_sql sweeps --set=first="$(((aid * 3 + round) * kChangesPerRound))" --set=count="$kChangesPerRound" --set=size="$kSize" <<'SQL' >"$folder/refresh.sql"
 SELECT format('EXECUTE refresh(%s, %s, %L);', expires + 1800, csid, address) FROM contact
     JOIN (SELECT (:first + k) * 997 % :size + 1 AS csid FROM generate_series(1, :count) AS k) AS chosen USING (csid)
     WHERE address LIKE '%192.0.2.1:%';
@@ -52,9 +52,9 @@ SQL
 }
 
 measure_sweeps() {
-    local size=${SIZE:-1000000} aid
+    local aid
     make_database sweeps
-    run_sql sweeps --set=size="$size" <<'SQL'
+    run_sql sweeps --set=size="$kSize" <<'SQL'
 -- Rows that no server follows, and keys and indexes after them: in a tenth of the time.
 SET session_replication_role = replica;
 INSERT INTO subscriber (sid) SELECT generate_series(1, :size);
@@ -73,7 +73,7 @@ ALTER TABLE contact ADD CONSTRAINT contact_pkey PRIMARY KEY (contact_id),
     ADD CONSTRAINT contact_csid_address_key UNIQUE (csid, address);
 VACUUM ANALYZE;
 SQL
-    printf '\n%d contacts, one in a hundred expired; shared_buffers %s\n' "$((size * 3 / 2))" "$(run_sql sweeps -c 'SHOW shared_buffers')"
+    printf '\n%d contacts, one in a hundred expired; shared_buffers %s\n' "$((kSize * 3 / 2))" "$(run_sql sweeps -c 'SHOW shared_buffers')"
     printf '%-36s%15s%10s%18s%20s\n%-36s%15s%10s%18s%20s\n' '' 'refresh, us' 'in place' "registrar's, ms" \
         'flush, ms' '' 'of processor' '' 'processor, all' 'processor, all'
     for aid in "${!kSweepAids[@]}"; do

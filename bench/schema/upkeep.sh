@@ -1,7 +1,6 @@
 # shellcheck shell=bash
 # What a transaction that somebody leaves open does to refreshes, without limits and with them.
 
-readonly kForgettingSize=${SIZE:-1000000}
 readonly kForgettingSeconds=${FORGETTING_SECONDS:-150}
 # Database, what the reader sets for itself (none: no reader), how often the upkeep runs.
 readonly kForgetting=(
@@ -18,7 +17,7 @@ make_forgetting_databases() {
     run_sql postgres -c 'CREATE ROLE forgetful LOGIN IN ROLE oryx_reader'
     for database in forgetting_before forgetting_after; do
         # No server follows these: without the log of their changes.
-        PGOPTIONS='-c session_replication_role=replica' run_sql "$database" --set=size="$kForgettingSize" -f "$here/data.sql"
+        PGOPTIONS='-c session_replication_role=replica' run_sql "$database" --set=size="$kSize" -f "$here/data.sql"
     done
 }
 
@@ -42,9 +41,9 @@ refresh_counters() {
 }
 
 measure_upkeep() {
-    local variant name database reader every before after helpers rate=$((kForgettingSize * 3 / 1000))
+    local variant name database reader every before after helpers rate=$((kSize * 3 / 1000))
     make_forgetting_databases
-    printf '\n%d refreshes a second for %d s, %d addresses of record\n\n' "$rate" "$kForgettingSeconds" "$kForgettingSize"
+    printf '\n%d refreshes a second for %d s, %d addresses of record\n\n' "$rate" "$kForgettingSeconds" "$kSize"
     printf '%-38s%10s%10s%20s%14s%12s\n' '' 'refreshes' 'in place' 'WAL, bytes each' 'page images' 'table'
     for variant in "${kForgetting[@]}"; do
         IFS='|' read -r name database reader every <<<"$variant"
@@ -53,7 +52,7 @@ measure_upkeep() {
         helpers=()
         [[ -z $reader ]] || { forget_transaction "$database" "$reader" & helpers+=($!); }
         [[ -z $every ]] || { run_upkeep_every "$database" "$every" & helpers+=($!); }
-        pgbench --no-vacuum --client=4 --rate="$rate" --time="$kForgettingSeconds" --define=size="$kForgettingSize" \
+        pgbench --no-vacuum --client=4 --rate="$rate" --time="$kForgettingSeconds" --define=size="$kSize" \
             --file="$here/refresh.sql" "$database" >"$folder/out" 2>&1 || { cat "$folder/out" >&2; return 1; }
         [[ ${#helpers[@]} -eq 0 ]] || kill "${helpers[@]}" 2>/dev/null || true
         wait
