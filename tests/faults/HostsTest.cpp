@@ -231,11 +231,65 @@ TEST_F(SeveralHosts, AreToldApartByAddressesOfOneName)
     EXPECT_EQ(connect(m_database.name()), m_okay);
 }
 
+TEST_F(SeveralHosts, AreToldApartByAddressesHoweverTheseAreWritten)
+{
+    Proxy second("127.0.0.2", m_first.port());
+    set("PGPORT", m_first.port());
+    set("PGHOST", "db.oryx.example,db.oryx.example");
+    set("PGHOSTADDR", "127.0.0.1,127.2");
+    set("PGTARGETSESSIONATTRS", "prefer-standby");
+    second.swallow(true);
+    EXPECT_EQ(connect(m_database.name()), m_okay) << "without the second, which is the silent one";
+}
+
 TEST_F(SeveralHosts, AreGoneOnToByASocket)
 {
     set("PGPORT", m_first.port() + "," + server::port());
     set("PGHOST", std::string("127.0.0.1,") + std::getenv("ORYX_SERVER_SOCKET"));
     m_first.swallow(true);
+    EXPECT_EQ(connect(m_database.name()), m_okay);
+}
+
+TEST_F(SeveralHosts, AreGoneOnToWithoutAName)
+{
+    twoHosts();
+    set("PGHOST", "db.oryx.example,");
+    set("PGHOSTADDR", "127.0.0.1,127.0.0.1");
+    m_first.swallow(true);
+    EXPECT_EQ(connect(m_database.name()), m_okay);
+}
+
+TEST_F(SeveralHosts, AreGoneOnToWithoutAnAddress)
+{
+    twoHosts();
+    set("PGHOST", "db.oryx.example,127.0.0.1");
+    set("PGHOSTADDR", "127.0.0.1,");
+    m_first.swallow(true);
+    EXPECT_EQ(connect(m_database.name()), m_okay);
+}
+
+TEST_F(SeveralHosts, AreGoneOnToAtTheDefaultPort)
+{
+    const TemporaryDirectory folder; // with the server's socket, as if its port were libpq's own
+    std::filesystem::create_symlink(std::string(std::getenv("ORYX_SERVER_SOCKET")) + "/.s.PGSQL." + server::port(),
+                                    folder.file(".s.PGSQL.5432"));
+    set("PGPORT", m_first.port() + ",");
+    set("PGHOST", "127.0.0.1," + folder.file(""));
+    m_first.swallow(true);
+    EXPECT_EQ(connect(m_database.name()), m_okay);
+}
+
+TEST_F(SeveralHosts, AreGoneOnToWhenTheOneAtTheDefaultPortIsSilent)
+{
+    const TemporaryDirectory folder;
+    const server::Socket silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    folder.file(".s.PGSQL.5432").copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(silent.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(silent.fd(), 1), 0);
+    set("PGPORT", "," + m_second.port());
+    set("PGHOST", folder.file("") + ",127.0.0.1");
     EXPECT_EQ(connect(m_database.name()), m_okay);
 }
 
