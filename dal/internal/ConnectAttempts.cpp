@@ -138,12 +138,18 @@ bool ConnectAttempts::underWay() const
 
 bool ConnectAttempts::beginAnother()
 {
+    return unlessOutOfMemory([this] { return beginWithoutLatest(); }, [] { return false; });
+}
+
+bool ConnectAttempts::beginWithoutLatest()
+{
     if (m_attempts.size() == 1) {
         m_hosts = HostList(m_attempts.front().connection.get());
     }
     if (!m_hosts.leaveOut(m_attempts.back().connection.get())) {
         return false;
     }
+    m_sockets.reserve(m_attempts.size() + 2); // one more, and what interrupts
     Connection another = m_hosts.connect(m_connectionString);
     const bool begun = another != nullptr;
     if (begun) {

@@ -65,6 +65,8 @@ private:
         bool underWay() const;
     };
 
+    bool beginWithoutLatest();
+
     const std::string& m_connectionString;
     std::vector<Attempt> m_attempts;
     std::vector<pollfd> m_sockets; // one of each attempt, and what interrupts

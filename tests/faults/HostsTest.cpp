@@ -312,6 +312,33 @@ TEST_F(SeveralHosts, AreWaitedForWhenSlow)
     EXPECT_EQ(connect(twoHosts()), m_okay);
 }
 
+TEST_F(SeveralHosts, AreWaitedForWhereMemoryRunsOutForOthers)
+{
+    m_first.delay(m_measure.deadline * 6 / 10);
+    m_second.swallow(true);
+    const std::string uri = twoHosts();
+    static thread_local Clock::time_point began;
+    std::vector<std::string> ends(24);
+    std::vector<std::thread> threads;
+    for (std::size_t news = 0; news < ends.size(); ++news) {
+        threads.emplace_back([&, news] {
+            oryx::LocationService service;
+            service.setSessionOptions({SessionOptions::Statements::bound, m_measure.deadline});
+            began = Clock::now();
+            countNewsOnly([] { // of the attempt at the others, which begins at half of the deadline
+                const auto gone = Clock::now() - began;
+                return gone > kDeadline * 4 / 10 && gone < kDeadline * 58 / 100;
+            });
+            failNewAfter(news);
+            ends[news] = outcome(service.connect(uri.c_str(), server::kUser, server::kPassword));
+            failNoNew();
+            countNewsOnly(nullptr);
+        });
+    }
+    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    EXPECT_EQ(ends, std::vector<std::string>(ends.size(), m_okay));
+}
+
 TEST_F(SeveralHosts, AreGivenUpAtTheDeadlineTogether)
 {
     m_first.swallow(true);
