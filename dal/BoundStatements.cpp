@@ -148,9 +148,10 @@ bool DatabaseConnection::connectBound()
     if (m_conn != nullptr) {
         drop();
     }
-    m_conn = m_bound->connect(m_connectionString).release();
+    std::string refusals;
+    m_conn = m_bound->connect(m_connectionString, refusals).release();
     if (m_bound->late() && PQstatus(m_conn) != CONNECTION_OK) {
-        return givenUp();
+        return givenUp(refusals);
     }
     return connected();
 }
@@ -164,10 +165,11 @@ bool DatabaseConnection::tooLate()
     return givenUp();
 }
 
-bool DatabaseConnection::givenUp()
+/// Of several hosts some may have refused while another was silent: that is said too.
+bool DatabaseConnection::givenUp(const std::string& refusals)
 {
     drop();
-    const std::string why = lateness();
+    const std::string why = lateness() + (refusals.empty() ? "" : "\n") + refusals;
     if (!m_bound->interrupted()) {
         m_meter->ranLate(why);
     }

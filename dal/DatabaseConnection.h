@@ -192,7 +192,7 @@ private:
     bool resetBound();
     void settleBound() noexcept;
     bool tooLate();
-    bool givenUp();
+    bool givenUp(const std::string& refusals = "");
     std::string lateness() const;
     void drop();
 

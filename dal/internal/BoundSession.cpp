@@ -253,7 +253,7 @@ bool BoundSession::interrupted() const
     return m_interruption >= 0 && poll(&interruption, 1, 0) > 0;
 }
 
-Connection BoundSession::connect(const std::string& connectionString)
+Connection BoundSession::connect(const std::string& connectionString, std::string& refusals)
 {
     m_prepared.clear();
     m_outdated = false;
@@ -271,6 +271,9 @@ Connection BoundSession::connect(const std::string& connectionString)
         } else { // half of what was left has gone by: the other half is the next host's, and so on
             turn = attempts.beginAnother() ? m_deadline.halfWay() : m_deadline;
         }
+    }
+    if (late()) {
+        refusals = attempts.refusals();
     }
     return attempts.take();
 }

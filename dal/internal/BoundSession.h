@@ -83,8 +83,9 @@ public:
     /// Whether the descriptor that interrupts has input.
     bool interrupted() const;
 
-    /// Connects; not usable, or null, when that fails. Nothing is prepared on it yet.
-    Connection connect(const std::string& connectionString);
+    /// Connects; not usable, or null, when that fails. Nothing is prepared on it yet. Where the deadline passes
+    /// first, `refusals` gets what libpq has said of the hosts that refused.
+    Connection connect(const std::string& connectionString, std::string& refusals);
     /// The text that the server gets for a statement.
     const std::string& textOf(const Statement& statement) { return bound(statement).text(); }
     /// Statements are about to be sent for the first time: a change that must not take effect again gets the next

@@ -179,6 +179,16 @@ void ConnectAttempts::goOn()
     }
 }
 
+std::string ConnectAttempts::refusals() const
+{
+    std::string all;
+    for (const Attempt& attempt : m_attempts) {
+        const std::string_view said = PQerrorMessage(attempt.connection.get());
+        all += said.substr(0, said.rfind('\n') + 1); // behind the last line it names the host that it waits for
+    }
+    return all;
+}
+
 Connection ConnectAttempts::take()
 {
     const auto made = std::find_if(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));

@@ -53,6 +53,8 @@ public:
     std::span<pollfd> sockets(int interruption);
     /// Goes on with those whose sockets are ready.
     void goOn();
+    /// What libpq has said so far of the hosts that took no connection.
+    std::string refusals() const;
     /// The connection that was made; else the first attempt, which has gone to every host and says why.
     Connection take();
 

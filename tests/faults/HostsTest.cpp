@@ -293,6 +293,32 @@ TEST_F(SeveralHosts, AreGoneOnToWhenTheOneAtTheDefaultPortIsSilent)
     EXPECT_EQ(connect(m_database.name()), m_okay);
 }
 
+TEST_F(SeveralHosts, AreGoneOnToAtTheDefaultSocket)
+{
+    set("PGPORT", m_first.port() + "," + m_second.port());
+    m_first.swallow(true);
+    const std::string end = connect("postgresql://127.0.0.1,/" + m_database.name());
+    EXPECT_NE(end.find("/.s.PGSQL." + m_second.port() + "\" failed"), std::string::npos) << end;
+}
+
+TEST_F(SeveralHosts, SayBesideTheDeadlineWhyTheyRefuse)
+{
+    m_first.swallow(true);
+    EXPECT_EQ(connect(twoHosts(), "another"),
+              tooLate() + "\nconnection to server at \"127.0.0.1\", port " + m_second.port() +
+                  " failed: FATAL:  password authentication failed for user \"" + server::kUser + "\"\n");
+}
+
+TEST_F(SeveralHosts, SayBesideTheDeadlineWhyTheyRefusedBeforeTheSilentOne)
+{
+    m_first.refuse(true);
+    m_second.swallow(true);
+    const std::string end = connect(twoHosts());
+    const std::string refused =
+        tooLate() + "\nconnection to server at \"127.0.0.1\", port " + m_first.port() + " failed: Connection refused\n";
+    EXPECT_EQ(end.substr(0, refused.size()), refused);
+}
+
 TEST_F(SeveralHosts, HaveAPasswordEach)
 {
     const TemporaryDirectory folder;
