@@ -206,12 +206,15 @@ bool BoundSession::await(PGconn* connection, short events)
     return ready;
 }
 
-/// The server was heard of, which is what the deadline is for where something interrupts.
-void BoundSession::hear()
+/// The server was heard of. Where something interrupts, the deadline is for its silence, and counts anew; whether it
+/// does.
+bool BoundSession::hear()
 {
-    if (m_interruption >= 0) {
+    const bool listens = m_interruption >= 0;
+    if (listens) {
         begin();
     }
+    return listens;
 }
 
 bool BoundSession::awaitInput(PGconn* connection, const Deadline& deadline) const
@@ -262,11 +265,11 @@ Connection BoundSession::connect(const std::string& connectionString, std::strin
         return Connection(PQconnectdb(connectionString.c_str())); // minds PGCONNECT_TIMEOUT, which polling does not
     }
     ConnectAttempts attempts(connectionString);
-    for (Deadline turn = m_deadline.halfWay(); attempts.underWay();) {
+    // It goes on also where another was begun: the look-up of its name takes time, and the first may have answered.
+    for (Deadline turn = m_deadline.halfWay(); attempts.underWay(); attempts.goOn()) {
         if (await(attempts.sockets(m_interruption), turn)) {
-            hear();
-            attempts.goOn();
-        } else if (late() || interrupted()) {
+            turn = hear() ? m_deadline.halfWay() : turn;
+        } else if (late() || !turn.passed()) {
             break;
         } else { // half of what was left has gone by: the other half is the next host's, and so on
             turn = attempts.beginAnother() ? m_deadline.halfWay() : m_deadline;

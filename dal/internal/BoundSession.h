@@ -139,7 +139,7 @@ private:
     bool await(PGconn* connection, short events);
     bool await(PGconn* connection, short events, const Deadline& deadline) const;
     bool await(std::span<pollfd> sockets, const Deadline& deadline) const;
-    void hear();
+    bool hear();
 
     int m_interruption;
     std::chrono::milliseconds m_duration;

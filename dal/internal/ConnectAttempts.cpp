@@ -172,6 +172,8 @@ std::span<pollfd> ConnectAttempts::sockets(int interruption)
 
 void ConnectAttempts::goOn()
 {
+    const std::span<pollfd> now = sockets(-1);
+    poll(now.data(), now.size(), 0);
     for (std::size_t i = 0; i < m_attempts.size(); ++i) {
         if (m_sockets[i].revents != 0) {
             m_attempts[i].wanted = PQconnectPoll(m_attempts[i].connection.get());

@@ -51,7 +51,7 @@ public:
     bool beginAnother();
     /// What to wait for; the last is what interrupts.
     std::span<pollfd> sockets(int interruption);
-    /// Goes on with those whose sockets are ready.
+    /// Goes on with those whose sockets are ready by now.
     void goOn();
     /// What libpq has said so far of the hosts that took no connection.
     std::string refusals() const;

@@ -365,6 +365,14 @@ TEST_F(SeveralHosts, AreWaitedForWhereMemoryRunsOutForOthers)
     EXPECT_EQ(ends, std::vector<std::string>(ends.size(), m_okay));
 }
 
+TEST_F(SeveralHosts, AreLookedAtAgainBehindALookUpThatTookAllOfTheTime)
+{
+    m_first.lag(m_measure.deadline / 5); // it answers three times
+    slowness = m_measure.deadline * 12 / 10;
+    twoHosts();
+    EXPECT_EQ(connect(std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name()), m_okay);
+}
+
 TEST_F(SeveralHosts, AreGivenUpAtTheDeadlineTogether)
 {
     m_first.swallow(true);
@@ -392,6 +400,16 @@ TEST_F(SeveralHosts, AreGoneOnToByAListener)
     EXPECT_TRUE(listener.run([&](const oryx::ChangeSet&) { heard = true; }).okay());
     limit.join();
     EXPECT_TRUE(heard);
+}
+
+TEST_F(SeveralHosts, AreLeftAloneByAListenerWhoseOwnAnswers)
+{
+    oryx::ChangeListenerOptions options;
+    options.answerTime = milliseconds(4000);
+    m_first.lag(options.answerTime / 5); // it answers three times before it takes the connection
+    oryx::ChangeListener listener(twoHosts(), server::kUser, server::kPassword, options);
+    EXPECT_TRUE(listener.run([&](const oryx::ChangeSet&) { listener.stop(); }).okay());
+    EXPECT_EQ(m_second.hangUp(), 0U);
 }
 
 } // namespace
