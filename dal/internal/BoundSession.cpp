@@ -229,16 +229,16 @@ bool BoundSession::await(PGconn* connection, short events, const Deadline& deadl
     return sockets[0].fd < 0 || await(sockets, deadline);
 }
 
-/// The last of the sockets is what interrupts.
+/// The last of the sockets is what interrupts. Where the system cannot wait, it is not tried again for all of the time.
 bool BoundSession::await(std::span<pollfd> sockets, const Deadline& deadline) const
 {
     const std::size_t watched = m_interruption >= 0 ? sockets.size() : sockets.size() - 1;
     while (!deadline.passed()) {
         const int ready = poll(sockets.data(), watched, deadline.pollTimeout());
-        if (sockets.back().revents != 0) {
+        if (sockets.back().revents != 0 || (ready < 0 && errno != EINTR)) {
             return false;
         }
-        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+        if (ready > 0) {
             return true; // what went wrong with the socket is libpq's to find out
         }
     }

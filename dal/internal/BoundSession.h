@@ -105,7 +105,7 @@ public:
     bool answers(PGconn* connection);
     /// Whether something was begun on the connection whose answer has not been taken.
     static bool underWay(const PGconn* connection);
-    /// Waits for input; false when the deadline passes first, or with an interruption.
+    /// Waits for input; false when the deadline passes first, with an interruption, or where the system cannot wait.
     bool awaitInput(PGconn* connection, const Deadline& deadline) const;
 
     /// Asks the server, beside the connection, to stop what it is doing for it, and closes it then; waits for nothing.

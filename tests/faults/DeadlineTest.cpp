@@ -9,8 +9,16 @@
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/QueryResult.h>
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
+
+#include <dlfcn.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -22,12 +30,36 @@ namespace deadlineTest {
 
 namespace {
 
+std::atomic<bool> programEnds = false;
+std::atomic<bool> finishedAtItsEnd = false;
+
+/// Stands before libpq's own.
+extern "C" [[gnu::visibility("default")]] void PQfinish(PGconn* connection)
+{
+    static auto* const real = reinterpret_cast<decltype(&PQfinish)>(dlsym(RTLD_NEXT, "PQfinish"));
+    finishedAtItsEnd = finishedAtItsEnd || programEnds;
+    real(connection);
+}
+
 using oryx::DatabaseResult;
 using oryx::SessionOptions;
 using server::Proxy;
 using std::chrono::milliseconds;
 
 const Measure kMeasure = Measure::drillOr(14, milliseconds(500));
+
+thread_local bool cannotWait = false;
+
+/// Stands before the system's: while this thread cannot wait, there is no memory for it.
+extern "C" [[gnu::visibility("default")]] int poll(pollfd* sockets, nfds_t count, int timeout)
+{
+    static auto* const real = reinterpret_cast<decltype(&poll)>(dlsym(RTLD_NEXT, "poll"));
+    if (cannotWait) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return real(sockets, count, timeout);
+}
 
 using Operation = std::function<DatabaseResult()>;
 
@@ -229,6 +261,20 @@ TEST_F(Deadline, HoldsForServicesOfSeveralThreads)
     }
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     EXPECT_EQ(ends, std::vector<std::string>(4, "in time"));
+}
+
+TEST_F(Deadline, IsNotWaitedForWhereTheSystemCannotWait)
+{
+    const std::chrono::seconds deadline(30);
+    m_service.setSessionOptions({SessionOptions::Statements::bound, deadline});
+    ASSERT_TRUE(connect());
+    m_proxy.swallow(true);
+    for (const char* const what : {"a statement", "a connection"}) {
+        cannotWait = true;
+        const milliseconds took = timed([&] { EXPECT_TRUE(lookUp().connectionError()) << what; });
+        cannotWait = false;
+        EXPECT_LT(took, deadline / 2) << what;
+    }
 }
 
 std::vector<bool> wakeUps; // whether each call of the listener's callback told of a change
