@@ -1,6 +1,7 @@
 #include <dal/internal/BoundSession.h>
 
 #include <dal/internal/ConnectAttempts.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Process.h>
 #include <dal/internal/RandomText.h>
 #include <zel/Trace.h>
@@ -16,9 +17,13 @@
 #include <csignal>
 #include <exception>
 #include <functional>
+#include <list>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace oryx {
 
@@ -101,9 +106,10 @@ Result answerOfFirst(PGconn* connection, const PGresult* refusal)
     return answer;
 }
 
-constexpr int kMostCancelRequests = 8;
 /// How long the server is given to answer each request to cancel, before the next.
 constexpr std::array kCancelWaits{10, 100, 1000};
+/// How long after the first request others may follow: one may take minutes to get nowhere.
+constexpr std::chrono::milliseconds kAskingTime(1000);
 
 /// A connection that was given up while the server was at work for it. It is closed when the server has been asked to
 /// stop: a pooler passes no request on for a client that has said goodbye.
@@ -121,7 +127,8 @@ public:
     /// nothing, and the statement would take effect when nobody thinks of it any more.
     void cancel() const
     {
-        for (std::size_t asked = 0; m_request != nullptr && asked < kCancelWaits.size(); ++asked) {
+        const Deadline last(kAskingTime);
+        for (std::size_t asked = 0; m_request != nullptr && asked < kCancelWaits.size() && !last.passed(); ++asked) {
             std::array<char, 256> ignored{};
             PQcancel(m_request, ignored.data(), ignored.size());
             pollfd socket{PQsocket(m_connection.get()), POLLIN, 0};
@@ -131,9 +138,56 @@ public:
         }
     }
 
+    bool isOfServerOf(const PGconn* connection) const
+    {
+        return std::string_view(PQhost(m_connection.get())) == PQhost(connection) &&
+               std::string_view(PQhostaddr(m_connection.get())) == PQhostaddr(connection) &&
+               std::string_view(PQport(m_connection.get())) == PQport(connection);
+    }
+
 private:
     Connection m_connection;
     PGcancel* m_request;
+};
+
+/// The connections that this process has given up, until they are closed.
+class AbandonedConnections {
+public:
+    using One = std::list<Abandoned>::iterator;
+
+    /// Never destroyed: some may be left when the program ends.
+    static AbandonedConnections& ofProcess()
+    {
+        static auto* const all = new AbandonedConnections;
+        return *all;
+    }
+
+    /// Takes one; nothing, and closes it, where many are left of its server: one that answers nobody is asked no more.
+    std::optional<One> add(Connection connection)
+    {
+        const std::lock_guard lock(mutexAcrossForks());
+        if (std::exchange(m_generation, generation()) != generation()) {
+            m_all = new std::list<Abandoned>; // the others are the parent's, and stay so
+        }
+        if (std::count_if(m_all->begin(), m_all->end(),
+                          [&](const Abandoned& one) { return one.isOfServerOf(connection.get()); }) >= kMostOfServer) {
+            return std::nullopt;
+        }
+        return m_all->emplace(m_all->end(), std::move(connection));
+    }
+
+    void close(One one)
+    {
+        const std::lock_guard lock(mutexAcrossForks());
+        m_all->erase(one);
+    }
+
+private:
+    static constexpr int kMostOfServer = 8;
+
+    // Under the mutex across forks.
+    std::list<Abandoned>* m_all = new std::list<Abandoned>;
+    unsigned m_generation = generation();
 };
 
 /// Holds off the program's signals, also from the threads that are started meanwhile.
@@ -570,26 +624,26 @@ bool BoundSession::next(PGconn* connection, Result& result)
 
 void BoundSession::giveUp(Connection connection)
 {
-    static std::atomic<int> underWay = 0;
-    static std::atomic<unsigned> countedIn = generation();
-    if (countedIn.exchange(generation()) != generation()) {
-        underWay = 0; // the parent's threads are not here
-    }
-    if (++underWay > kMostCancelRequests) {
-        --underWay; // a server that answers nobody is asked no more
+    if (!underWay(connection.get())) {
         return;
     }
     PQsetNoticeProcessor(
         connection.get(), [](void* /*nobody*/, const char* /*message*/) {}, nullptr);
+    const auto one = unlessOutOfMemory([&] { return AbandonedConnections::ofProcess().add(std::move(connection)); },
+                                       [] { return std::nullopt; });
+    if (!one) {
+        return;
+    }
     // Asking takes as long as the server is silent, so it goes its own way.
+    AbandonedConnections& all = AbandonedConnections::ofProcess();
     try {
         const SignalsHeldOff heldOff;
-        std::thread([abandoned = std::make_unique<const Abandoned>(std::move(connection))] {
-            abandoned->cancel();
-            --underWay;
+        std::thread([&all, one = *one] {
+            one->cancel();
+            all.close(one);
         }).detach();
     } catch (const std::exception&) {
-        --underWay; // no memory, or no thread: the server finds out by itself
+        all.close(*one); // no memory, or no thread: the server finds out by itself
     }
 }
 

@@ -109,6 +109,7 @@ public:
     bool awaitInput(PGconn* connection, const Deadline& deadline) const;
 
     /// Asks the server, beside the connection, to stop what it is doing for it, and closes it then; waits for nothing.
+    /// One that the server does nothing for is only closed.
     static void giveUp(Connection connection);
 
 private:

@@ -263,6 +263,28 @@ TEST_F(Deadline, HoldsForServicesOfSeveralThreads)
     EXPECT_EQ(ends, std::vector<std::string>(4, "in time"));
 }
 
+TEST_F(Deadline, HasTheServerCancelThoughAnotherHostIsSilent)
+{
+    std::array<oryx::LocationService, 8> services;
+    for (oryx::LocationService& service : services) {
+        service.setSessionOptions({SessionOptions::Statements::bound, kMeasure.deadline});
+        ASSERT_TRUE(kMeasure.eventually(
+            [&] { return service.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay(); }));
+    }
+    m_proxy.blackHole(true);
+    for (oryx::LocationService& service : services) {
+        int key = 0;
+        EXPECT_TRUE(service.getPublicAddressKey("alice", "oryx.example", key).connectionError());
+    }
+    setenv("PGPORT", server::port().c_str(), 1);
+    ASSERT_TRUE(kMeasure.eventually([this] { return connect(); }));
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address");
+    EXPECT_EQ(calls(1, m_operations), "in time");
+    EXPECT_TRUE(kMeasure.eventually(
+        [&] { return holder.value("SELECT count(*) FROM pg_stat_activity WHERE wait_event_type = 'Lock'") == "0"; }));
+}
+
 TEST_F(Deadline, IsNotWaitedForWhereTheSystemCannotWait)
 {
     const std::chrono::seconds deadline(30);
