@@ -476,8 +476,17 @@ bool BoundSession::rollback(PGconn* connection)
     return sent.outcome == Sent::Outcome::answered;
 }
 
+/// A connection that was made at the last moment, or an answer that came then: what follows would be nobody's.
+bool BoundSession::tooLateToSend() const
+{
+    return m_interruption < 0 && late();
+}
+
 Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> statements)
 {
+    if (tooLateToSend()) {
+        return {Sent::Outcome::late};
+    }
     if (PQpipelineStatus(connection) != PQ_PIPELINE_OFF) {
         return {Sent::Outcome::lost}; // memory ran out while it was filled: what it holds must never be sent
     }
@@ -571,6 +580,9 @@ void BoundSession::keep(Result&& result, const Command& command, Sent& sent)
 
 Sent BoundSession::send(PGconn* connection, const std::string& text)
 {
+    if (tooLateToSend()) {
+        return {Sent::Outcome::late};
+    }
     PQsetnonblocking(connection, 1);
     if (PQsendQuery(connection, text.c_str()) == 0) {
         return {Sent::Outcome::lost};

@@ -141,6 +141,7 @@ private:
     bool await(PGconn* connection, short events, const Deadline& deadline) const;
     bool await(std::span<pollfd> sockets, const Deadline& deadline) const;
     bool hear();
+    bool tooLateToSend() const;
 
     int m_interruption;
     std::chrono::milliseconds m_duration;

@@ -373,6 +373,20 @@ TEST_F(SeveralHosts, AreLookedAtAgainBehindALookUpThatTookAllOfTheTime)
     EXPECT_EQ(connect(std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name()), m_okay);
 }
 
+TEST_F(SeveralHosts, GetNoStatementBehindTheDeadline)
+{
+    twoHosts();
+    const std::string uri = std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name();
+    ASSERT_EQ(connect(uri), m_okay);
+    m_first.hangUp();
+    m_first.lag(m_measure.deadline / 5);
+    slowness = m_measure.deadline * 12 / 10;
+    std::vector<oryx::ContactRecord> made = contacts({"sip:alice@192.0.2.1"});
+    EXPECT_EQ(timely([&] { return m_service.registerContacts(42, made); }), tooLate());
+    std::this_thread::sleep_for(m_measure.deadline / 5);
+    EXPECT_EQ(storedContacts(), "");
+}
+
 TEST_F(SeveralHosts, AreGivenUpAtTheDeadlineTogether)
 {
     m_first.swallow(true);
