@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <list>
@@ -176,18 +177,31 @@ public:
         return m_all->emplace(m_all->end(), std::move(connection));
     }
 
+    /// Not while the program ends: TLS may have been cleaned up by then.
     void close(One one)
     {
         const std::lock_guard lock(mutexAcrossForks());
-        m_all->erase(one);
+        if (!m_ending) {
+            m_all->erase(one);
+        }
     }
 
 private:
     static constexpr int kMostOfServer = 8;
 
+    /// At the end of the program what was registered last comes first: before TLS, which the connections had begun.
+    AbandonedConnections()
+    {
+        std::atexit([] {
+            const std::lock_guard lock(mutexAcrossForks());
+            ofProcess().m_ending = true;
+        });
+    }
+
     // Under the mutex across forks.
     std::list<Abandoned>* m_all = new std::list<Abandoned>;
     unsigned m_generation = generation();
+    bool m_ending = false;
 };
 
 /// Holds off the program's signals, also from the threads that are started meanwhile.

@@ -299,6 +299,30 @@ TEST_F(Deadline, IsNotWaitedForWhereTheSystemCannotWait)
     }
 }
 
+/// Run by the next one, as a program of its own.
+TEST_F(Deadline, DISABLED_EndsTheProgram)
+{
+    std::atexit([] { // as TLS, which has gone behind this
+        programEnds = true;
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        _exit(finishedAtItsEnd ? 1 : 0);
+    });
+    m_proxy.swallow(true);
+    m_proxy.refuse(true); // requests to cancel, which are repeated for a second
+    lookUp();
+    std::exit(2);
+}
+
+TEST_F(Deadline, LeavesConnectionsToTheSystemAtTheEndOfTheProgram)
+{
+    setenv("PGPORT", server::port().c_str(), 1);
+    const std::string program = program_invocation_name;
+    EXPECT_EQ(std::system(
+                  ("'" + program + "' --gtest_also_run_disabled_tests --gtest_filter=Deadline.DISABLED_EndsTheProgram")
+                      .c_str()),
+              0);
+}
+
 std::vector<bool> wakeUps; // whether each call of the listener's callback told of a change
 
 TEST_F(Deadline, EndsAListenersWaitWhenItsConnectionIsDead)
