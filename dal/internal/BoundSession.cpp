@@ -453,8 +453,10 @@ Sent BoundSession::passOver(PGconn* connection, std::span<const Statement> state
 Sent BoundSession::readNumber(PGconn* connection)
 {
     m_saysNow = false;
+    std::vector<Result>* const each = std::exchange(m_each, nullptr); // this one's result is nobody else's
     const Statement asking = sql("SELECT number FROM sending WHERE session = '{}'", m_name);
     Sent kept = sendPrepared(connection, {&asking, 1});
+    m_each = each;
     if (kept.outcome == Sent::Outcome::answered && !succeeded(kept.result.get())) {
         kept.outcome = Sent::Outcome::lost;
     }
