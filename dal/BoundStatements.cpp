@@ -93,8 +93,11 @@ bool DatabaseConnection::sendForEach(std::span<const Statement> statements, Quer
 
 bool DatabaseConnection::executeBound(const std::string& text, QueryResult& result)
 {
-    result.setSqlCommand(text);
-    return runBound([&](PGconn* connection) { return m_bound->send(connection, text); }, result);
+    const auto send = [&](PGconn* connection) {
+        result.setSqlCommand(text);
+        return m_bound->send(connection, text);
+    };
+    return runBound(send, result);
 }
 
 bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
