@@ -93,8 +93,11 @@ bool DatabaseConnection::sendForEach(std::span<const Statement> statements, Quer
 
 bool DatabaseConnection::executeBound(const std::string& text, QueryResult& result)
 {
-    result.setSqlCommand(text);
-    return runBound([&](PGconn* connection) { return m_bound->send(connection, text); }, result);
+    const auto send = [&](PGconn* connection) {
+        result.setSqlCommand(text);
+        return m_bound->send(connection, text);
+    };
+    return runBound(send, result);
 }
 
 bool DatabaseConnection::received(Sent&& sent, QueryResult& result)
@@ -148,9 +151,10 @@ bool DatabaseConnection::connectBound()
     if (m_conn != nullptr) {
         drop();
     }
-    m_conn = m_bound->connect(m_connectionString).release();
+    std::string refusals;
+    m_conn = m_bound->connect(m_connectionString, refusals).release();
     if (m_bound->late() && PQstatus(m_conn) != CONNECTION_OK) {
-        return givenUp();
+        return givenUp(refusals);
     }
     return connected();
 }
@@ -164,10 +168,11 @@ bool DatabaseConnection::tooLate()
     return givenUp();
 }
 
-bool DatabaseConnection::givenUp()
+/// Of several hosts some may have refused while another was silent: that is said too.
+bool DatabaseConnection::givenUp(const std::string& refusals)
 {
     drop();
-    const std::string why = lateness();
+    const std::string why = lateness() + (refusals.empty() ? "" : "\n") + refusals;
     if (!m_bound->interrupted()) {
         m_meter->ranLate(why);
     }

@@ -148,9 +148,9 @@ private:
             beginBoundOperation();
         }
     }
-    bool m_inOperation = false; // the owner says when one begins
-    // Whether the latest was given up at its deadline.
+    // Whether the latest operation was given up at its deadline.
     bool ranLate() const;
+    bool m_inOperation = false; // the owner says when one begins
 
     // After memory ran out: whatever a statement may have left open ends, with the connection it is open on.
     void settle() noexcept;
@@ -192,7 +192,7 @@ private:
     bool resetBound();
     void settleBound() noexcept;
     bool tooLate();
-    bool givenUp();
+    bool givenUp(const std::string& refusals = "");
     std::string lateness() const;
     void drop();
 

@@ -1,6 +1,7 @@
 #include <dal/internal/BoundSession.h>
 
 #include <dal/internal/ConnectAttempts.h>
+#include <dal/internal/Memory.h>
 #include <dal/internal/Process.h>
 #include <dal/internal/RandomText.h>
 #include <zel/Trace.h>
@@ -14,11 +15,16 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <functional>
+#include <list>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace oryx {
 
@@ -101,9 +107,10 @@ Result answerOfFirst(PGconn* connection, const PGresult* refusal)
     return answer;
 }
 
-constexpr int kMostCancelRequests = 8;
 /// How long the server is given to answer each request to cancel, before the next.
 constexpr std::array kCancelWaits{10, 100, 1000};
+/// How long after the first request others may follow: one may take minutes to get nowhere.
+constexpr std::chrono::milliseconds kAskingTime(1000);
 
 /// A connection that was given up while the server was at work for it. It is closed when the server has been asked to
 /// stop: a pooler passes no request on for a client that has said goodbye.
@@ -121,7 +128,8 @@ public:
     /// nothing, and the statement would take effect when nobody thinks of it any more.
     void cancel() const
     {
-        for (std::size_t asked = 0; m_request != nullptr && asked < kCancelWaits.size(); ++asked) {
+        const Deadline last(kAskingTime);
+        for (std::size_t asked = 0; m_request != nullptr && asked < kCancelWaits.size() && !last.passed(); ++asked) {
             std::array<char, 256> ignored{};
             PQcancel(m_request, ignored.data(), ignored.size());
             pollfd socket{PQsocket(m_connection.get()), POLLIN, 0};
@@ -131,9 +139,69 @@ public:
         }
     }
 
+    bool isOfServerOf(const PGconn* connection) const
+    {
+        return std::string_view(PQhost(m_connection.get())) == PQhost(connection) &&
+               std::string_view(PQhostaddr(m_connection.get())) == PQhostaddr(connection) &&
+               std::string_view(PQport(m_connection.get())) == PQport(connection);
+    }
+
 private:
     Connection m_connection;
     PGcancel* m_request;
+};
+
+/// The connections that this process has given up, until they are closed.
+class AbandonedConnections {
+public:
+    using One = std::list<Abandoned>::iterator;
+
+    /// Never destroyed: some may be left when the program ends.
+    static AbandonedConnections& ofProcess()
+    {
+        static auto* const all = new AbandonedConnections;
+        return *all;
+    }
+
+    /// Takes one; nothing, and closes it, where many are left of its server: one that answers nobody is asked no more.
+    std::optional<One> add(Connection connection)
+    {
+        const std::lock_guard lock(mutexAcrossForks());
+        if (std::exchange(m_generation, generation()) != generation()) {
+            m_all = new std::list<Abandoned>; // the others are the parent's, and stay so
+        }
+        if (std::count_if(m_all->begin(), m_all->end(),
+                          [&](const Abandoned& one) { return one.isOfServerOf(connection.get()); }) >= kMostOfServer) {
+            return std::nullopt;
+        }
+        return m_all->emplace(m_all->end(), std::move(connection));
+    }
+
+    /// Not while the program ends: TLS may have been cleaned up by then.
+    void close(One one)
+    {
+        const std::lock_guard lock(mutexAcrossForks());
+        if (!m_ending) {
+            m_all->erase(one);
+        }
+    }
+
+private:
+    static constexpr int kMostOfServer = 8;
+
+    /// At the end of the program what was registered last comes first: before TLS, which the connections had begun.
+    AbandonedConnections()
+    {
+        std::atexit([] {
+            const std::lock_guard lock(mutexAcrossForks());
+            ofProcess().m_ending = true;
+        });
+    }
+
+    // Under the mutex across forks.
+    std::list<Abandoned>* m_all = new std::list<Abandoned>;
+    unsigned m_generation = generation();
+    bool m_ending = false;
 };
 
 /// Holds off the program's signals, also from the threads that are started meanwhile.
@@ -206,12 +274,15 @@ bool BoundSession::await(PGconn* connection, short events)
     return ready;
 }
 
-/// The server was heard of, which is what the deadline is for where something interrupts.
-void BoundSession::hear()
+/// The server was heard of. Where something interrupts, the deadline is for its silence, and counts anew; whether it
+/// does.
+bool BoundSession::hear()
 {
-    if (m_interruption >= 0) {
+    const bool listens = m_interruption >= 0;
+    if (listens) {
         begin();
     }
+    return listens;
 }
 
 bool BoundSession::awaitInput(PGconn* connection, const Deadline& deadline) const
@@ -226,16 +297,16 @@ bool BoundSession::await(PGconn* connection, short events, const Deadline& deadl
     return sockets[0].fd < 0 || await(sockets, deadline);
 }
 
-/// The last of the sockets is what interrupts.
+/// The last of the sockets is what interrupts. Where the system cannot wait, it is not tried again for all of the time.
 bool BoundSession::await(std::span<pollfd> sockets, const Deadline& deadline) const
 {
     const std::size_t watched = m_interruption >= 0 ? sockets.size() : sockets.size() - 1;
     while (!deadline.passed()) {
         const int ready = poll(sockets.data(), watched, deadline.pollTimeout());
-        if (sockets.back().revents != 0) {
+        if (sockets.back().revents != 0 || (ready < 0 && errno != EINTR)) {
             return false;
         }
-        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+        if (ready > 0) {
             return true; // what went wrong with the socket is libpq's to find out
         }
     }
@@ -253,7 +324,7 @@ bool BoundSession::interrupted() const
     return m_interruption >= 0 && poll(&interruption, 1, 0) > 0;
 }
 
-Connection BoundSession::connect(const std::string& connectionString)
+Connection BoundSession::connect(const std::string& connectionString, std::string& refusals)
 {
     m_prepared.clear();
     m_outdated = false;
@@ -262,15 +333,18 @@ Connection BoundSession::connect(const std::string& connectionString)
         return Connection(PQconnectdb(connectionString.c_str())); // minds PGCONNECT_TIMEOUT, which polling does not
     }
     ConnectAttempts attempts(connectionString);
-    for (Deadline turn = m_deadline.halfWay(); attempts.underWay();) {
+    // It goes on also where another was begun: the look-up of its name takes time, and the first may have answered.
+    for (Deadline turn = m_deadline.halfWay(); attempts.underWay(); attempts.goOn()) {
         if (await(attempts.sockets(m_interruption), turn)) {
-            hear();
-            attempts.goOn();
-        } else if (late() || interrupted()) {
+            turn = hear() ? m_deadline.halfWay() : turn;
+        } else if (late() || !turn.passed()) {
             break;
         } else { // half of what was left has gone by: the other half is the next host's, and so on
             turn = attempts.beginAnother() ? m_deadline.halfWay() : m_deadline;
         }
+    }
+    if (late()) {
+        refusals = attempts.refusals();
     }
     return attempts.take();
 }
@@ -379,8 +453,10 @@ Sent BoundSession::passOver(PGconn* connection, std::span<const Statement> state
 Sent BoundSession::readNumber(PGconn* connection)
 {
     m_saysNow = false;
+    std::vector<Result>* const each = std::exchange(m_each, nullptr); // this one's result is nobody else's
     const Statement asking = sql("SELECT number FROM sending WHERE session = '{}'", m_name);
     Sent kept = sendPrepared(connection, {&asking, 1});
+    m_each = each;
     if (kept.outcome == Sent::Outcome::answered && !succeeded(kept.result.get())) {
         kept.outcome = Sent::Outcome::lost;
     }
@@ -416,8 +492,17 @@ bool BoundSession::rollback(PGconn* connection)
     return sent.outcome == Sent::Outcome::answered;
 }
 
+/// A connection that was made at the last moment, or an answer that came then: what follows would be nobody's.
+bool BoundSession::tooLateToSend() const
+{
+    return m_interruption < 0 && late();
+}
+
 Sent BoundSession::sendOnce(PGconn* connection, std::span<const Statement> statements)
 {
+    if (tooLateToSend()) {
+        return {Sent::Outcome::late};
+    }
     if (PQpipelineStatus(connection) != PQ_PIPELINE_OFF) {
         return {Sent::Outcome::lost}; // memory ran out while it was filled: what it holds must never be sent
     }
@@ -511,6 +596,9 @@ void BoundSession::keep(Result&& result, const Command& command, Sent& sent)
 
 Sent BoundSession::send(PGconn* connection, const std::string& text)
 {
+    if (tooLateToSend()) {
+        return {Sent::Outcome::late};
+    }
     PQsetnonblocking(connection, 1);
     if (PQsendQuery(connection, text.c_str()) == 0) {
         return {Sent::Outcome::lost};
@@ -564,26 +652,26 @@ bool BoundSession::next(PGconn* connection, Result& result)
 
 void BoundSession::giveUp(Connection connection)
 {
-    static std::atomic<int> underWay = 0;
-    static std::atomic<unsigned> countedIn = generation();
-    if (countedIn.exchange(generation()) != generation()) {
-        underWay = 0; // the parent's threads are not here
-    }
-    if (++underWay > kMostCancelRequests) {
-        --underWay; // a server that answers nobody is asked no more
+    if (!underWay(connection.get())) {
         return;
     }
     PQsetNoticeProcessor(
         connection.get(), [](void* /*nobody*/, const char* /*message*/) {}, nullptr);
+    const auto one = unlessOutOfMemory([&] { return AbandonedConnections::ofProcess().add(std::move(connection)); },
+                                       [] { return std::nullopt; });
+    if (!one) {
+        return;
+    }
     // Asking takes as long as the server is silent, so it goes its own way.
+    AbandonedConnections& all = AbandonedConnections::ofProcess();
     try {
         const SignalsHeldOff heldOff;
-        std::thread([abandoned = std::make_unique<const Abandoned>(std::move(connection))] {
-            abandoned->cancel();
-            --underWay;
+        std::thread([&all, one = *one] {
+            one->cancel();
+            all.close(one);
         }).detach();
     } catch (const std::exception&) {
-        --underWay; // no memory, or no thread: the server finds out by itself
+        all.close(*one); // no memory, or no thread: the server finds out by itself
     }
 }
 

@@ -83,8 +83,9 @@ public:
     /// Whether the descriptor that interrupts has input.
     bool interrupted() const;
 
-    /// Connects; not usable, or null, when that fails. Nothing is prepared on it yet.
-    Connection connect(const std::string& connectionString);
+    /// Connects; not usable, or null, when that fails. Nothing is prepared on it yet. Where the deadline passes
+    /// first, `refusals` gets what libpq has said of the hosts that refused.
+    Connection connect(const std::string& connectionString, std::string& refusals);
     /// The text that the server gets for a statement.
     const std::string& textOf(const Statement& statement) { return bound(statement).text(); }
     /// Statements are about to be sent for the first time: a change that must not take effect again gets the next
@@ -104,10 +105,11 @@ public:
     bool answers(PGconn* connection);
     /// Whether something was begun on the connection whose answer has not been taken.
     static bool underWay(const PGconn* connection);
-    /// Waits for input; false when the deadline passes first, or with an interruption.
+    /// Waits for input; false when the deadline passes first, with an interruption, or where the system cannot wait.
     bool awaitInput(PGconn* connection, const Deadline& deadline) const;
 
     /// Asks the server, beside the connection, to stop what it is doing for it, and closes it then; waits for nothing.
+    /// One that the server does nothing for is only closed.
     static void giveUp(Connection connection);
 
 private:
@@ -138,7 +140,8 @@ private:
     bool await(PGconn* connection, short events);
     bool await(PGconn* connection, short events, const Deadline& deadline) const;
     bool await(std::span<pollfd> sockets, const Deadline& deadline) const;
-    void hear();
+    bool hear();
+    bool tooLateToSend() const;
 
     int m_interruption;
     std::chrono::milliseconds m_duration;

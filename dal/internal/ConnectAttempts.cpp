@@ -1,5 +1,9 @@
 #include <dal/internal/ConnectAttempts.h>
 
+#include <dal/internal/Memory.h>
+
+#include <netdb.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -14,14 +18,14 @@ namespace {
 
 using Options = std::unique_ptr<PQconninfoOption, decltype(&PQconninfoFree)>;
 
-/// The parts of a list, of which some may be empty; none of an empty list.
-std::vector<std::string> parts(const PQconninfoOption* options, std::string_view keyword)
+/// The items of a list, of which some may be empty; none of an empty list.
+std::vector<std::string> items(const PQconninfoOption* options, std::string_view keyword)
 {
     while (options->keyword != nullptr && options->keyword != keyword) {
         ++options;
     }
     std::vector<std::string> found;
-    if (options->val == nullptr || *options->val == '\0') { // none of the end's either
+    if (options->val == nullptr || *options->val == '\0') {
         return found;
     }
     for (std::string_view rest = options->val;; rest.remove_prefix(found.back().size() + 1)) {
@@ -32,10 +36,31 @@ std::vector<std::string> parts(const PQconninfoOption* options, std::string_view
     }
 }
 
-/// A single port is every host's.
-std::string at(const std::vector<std::string>& parts, std::size_t index)
+bool hasEmpty(const std::vector<std::string>& items)
 {
-    return parts.empty() ? "" : parts[std::min(index, parts.size() - 1)];
+    return std::find(items.begin(), items.end(), "") != items.end();
+}
+
+/// A host's item. One port alone is every host's; of names and addresses there is one for each, or none at all.
+std::string at(const std::vector<std::string>& items, std::size_t index)
+{
+    return items.empty() ? "" : items[std::min(index, items.size() - 1)];
+}
+
+/// An address as libpq shows it, however it was written.
+std::string usualForm(const std::string& address)
+{
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(address.c_str(), nullptr, &hints, &found) != 0) {
+        return address;
+    }
+    std::array<char, NI_MAXHOST> form{};
+    getnameinfo(found->ai_addr, found->ai_addrlen, form.data(), form.size(), nullptr, 0, NI_NUMERICHOST);
+    freeaddrinfo(found);
+    const std::string_view shown = form.data();
+    return std::string(shown.substr(0, shown.find('%'))); // without the interface
 }
 
 } // namespace
@@ -46,26 +71,31 @@ HostList::HostList(PGconn* begun)
     if (!options) {
         return;
     }
-    const std::vector<std::string> names = parts(options.get(), "host");
-    const std::vector<std::string> addresses = parts(options.get(), "hostaddr");
-    const std::vector<std::string> ports = parts(options.get(), "port");
+    const std::vector<std::string> names = items(options.get(), "host");
+    const std::vector<std::string> addresses = items(options.get(), "hostaddr");
+    const std::vector<std::string> ports = items(options.get(), "port");
     for (std::size_t i = 0; i < std::max(names.size(), addresses.size()); ++i) {
         m_hosts.push_back({at(names, i), at(addresses, i), at(ports, i)});
     }
+    m_mixed = hasEmpty(names) || hasEmpty(addresses) || hasEmpty(ports);
 }
 
 bool HostList::Host::isOf(const PGconn* connection) const
 {
-    return (name.empty() ? address : name) == PQhost(connection) &&
-           (address.empty() || address == PQhostaddr(connection)) && (port.empty() || port == PQport(connection));
+    const std::string& called = name.empty() ? address : name;
+    const std::string_view host = PQhost(connection);
+    // What has neither is the default socket, whose folder only libpq knows.
+    return (called.empty() ? host.starts_with('/') : called == host) && port == PQport(connection) &&
+           (name.empty() || address.empty() || usualForm(address) == PQhostaddr(connection));
 }
 
-void HostList::leaveOut(const PGconn* waiting)
+bool HostList::leaveOut(const PGconn* waiting)
 {
-    const auto left = std::erase_if(m_hosts, [&](const Host& host) { return host.isOf(waiting); });
-    if (left == 0 && !m_hosts.empty()) { // it goes by another name: most likely the one that is tried first
-        m_hosts.erase(m_hosts.begin());
+    const bool left = std::erase_if(m_hosts, [&](const Host& host) { return host.isOf(waiting); }) > 0;
+    if (m_mixed && m_hosts.size() == 1) { // twice: an empty text would be no list, and libpq would take the former
+        m_hosts.push_back(m_hosts.front());
     }
+    return left && !m_hosts.empty();
 }
 
 std::string HostList::list(std::string Host::*part) const
@@ -108,13 +138,18 @@ bool ConnectAttempts::underWay() const
 
 bool ConnectAttempts::beginAnother()
 {
+    return unlessOutOfMemory([this] { return beginWithoutLatest(); }, [] { return false; });
+}
+
+bool ConnectAttempts::beginWithoutLatest()
+{
     if (m_attempts.size() == 1) {
         m_hosts = HostList(m_attempts.front().connection.get());
     }
-    m_hosts.leaveOut(m_attempts.back().connection.get());
-    if (m_hosts.size() == 0) {
+    if (!m_hosts.leaveOut(m_attempts.back().connection.get())) {
         return false;
     }
+    m_sockets.reserve(m_attempts.size() + 2); // one more, and what interrupts
     Connection another = m_hosts.connect(m_connectionString);
     const bool begun = another != nullptr;
     if (begun) {
@@ -137,11 +172,23 @@ std::span<pollfd> ConnectAttempts::sockets(int interruption)
 
 void ConnectAttempts::goOn()
 {
+    const std::span<pollfd> now = sockets(-1);
+    poll(now.data(), now.size(), 0);
     for (std::size_t i = 0; i < m_attempts.size(); ++i) {
         if (m_sockets[i].revents != 0) {
             m_attempts[i].wanted = PQconnectPoll(m_attempts[i].connection.get());
         }
     }
+}
+
+std::string ConnectAttempts::refusals() const
+{
+    std::string all;
+    for (const Attempt& attempt : m_attempts) {
+        const std::string_view said = PQerrorMessage(attempt.connection.get());
+        all += said.substr(0, said.rfind('\n') + 1); // behind the last line it names the host that it waits for
+    }
+    return all;
 }
 
 Connection ConnectAttempts::take()

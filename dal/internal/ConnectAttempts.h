@@ -18,9 +18,9 @@ public:
     HostList() = default;
     explicit HostList(PGconn* begun);
 
-    std::size_t size() const { return m_hosts.size(); }
-    /// Leaves out the host that a connection waits for.
-    void leaveOut(const PGconn* waiting);
+    /// Leaves out the host that a connection waits for, or ended at; false when it is at none of these, or no other is
+    /// left.
+    bool leaveOut(const PGconn* waiting);
     /// Begins a connection to these instead of the text's.
     Connection connect(const std::string& connectionString) const;
 
@@ -36,6 +36,7 @@ private:
     std::string list(std::string Host::*part) const;
 
     std::vector<Host> m_hosts;
+    bool m_mixed = false; // some have no name, address or port of their own, where others do
 };
 
 /// A connection in the making. libpq goes from a host that refuses to the next by itself, but waits for one that is
@@ -50,8 +51,10 @@ public:
     bool beginAnother();
     /// What to wait for; the last is what interrupts.
     std::span<pollfd> sockets(int interruption);
-    /// Goes on with those whose sockets are ready.
+    /// Goes on with those whose sockets are ready by now.
     void goOn();
+    /// What libpq has said so far of the hosts that took no connection.
+    std::string refusals() const;
     /// The connection that was made; else the first attempt, which has gone to every host and says why.
     Connection take();
 
@@ -63,6 +66,8 @@ private:
         bool succeeded() const { return wanted == PGRES_POLLING_OK; }
         bool underWay() const;
     };
+
+    bool beginWithoutLatest();
 
     const std::string& m_connectionString;
     std::vector<Attempt> m_attempts;

@@ -179,6 +179,16 @@ TEST_F(Connecting, ExecutesNothingBefore)
     EXPECT_EQ(result.getErrorMessage(), "not executed");
 }
 
+TEST_F(Executing, LeavesTheResultAsItIsWithoutAConnection)
+{
+    ASSERT_TRUE(m_connection.execute("SELECT 1", m_result));
+    m_connection.close();
+    EXPECT_FALSE(m_connection.execute("SELECT 2", m_result));
+    EXPECT_EQ(m_connection.getErrorMessage(), "no connection");
+    EXPECT_EQ(m_result.getSqlCommand(), "SELECT 1");
+    EXPECT_STREQ(m_result.getValue(0, 0), "1");
+}
+
 TEST_F(Executing, ResetsAndRepeatsOnceAfterAUniqueViolationUnlessBound)
 {
     // A sequence counts the attempts: what was taken from it stays taken.

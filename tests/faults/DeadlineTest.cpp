@@ -9,8 +9,16 @@
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/QueryResult.h>
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
+
+#include <dlfcn.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -22,12 +30,36 @@ namespace deadlineTest {
 
 namespace {
 
+std::atomic<bool> programEnds = false;
+std::atomic<bool> finishedAtItsEnd = false;
+
+/// Stands before libpq's own.
+extern "C" [[gnu::visibility("default")]] void PQfinish(PGconn* connection)
+{
+    static auto* const real = reinterpret_cast<decltype(&PQfinish)>(dlsym(RTLD_NEXT, "PQfinish"));
+    finishedAtItsEnd = finishedAtItsEnd || programEnds;
+    real(connection);
+}
+
 using oryx::DatabaseResult;
 using oryx::SessionOptions;
 using server::Proxy;
 using std::chrono::milliseconds;
 
 const Measure kMeasure = Measure::drillOr(14, milliseconds(500));
+
+thread_local bool cannotWait = false;
+
+/// Stands before the system's: while this thread cannot wait, there is no memory for it.
+extern "C" [[gnu::visibility("default")]] int poll(pollfd* sockets, nfds_t count, int timeout)
+{
+    static auto* const real = reinterpret_cast<decltype(&poll)>(dlsym(RTLD_NEXT, "poll"));
+    if (cannotWait) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return real(sockets, count, timeout);
+}
 
 using Operation = std::function<DatabaseResult()>;
 
@@ -229,6 +261,66 @@ TEST_F(Deadline, HoldsForServicesOfSeveralThreads)
     }
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     EXPECT_EQ(ends, std::vector<std::string>(4, "in time"));
+}
+
+TEST_F(Deadline, HasTheServerCancelThoughAnotherHostIsSilent)
+{
+    std::array<oryx::LocationService, 8> services;
+    for (oryx::LocationService& service : services) {
+        service.setSessionOptions({SessionOptions::Statements::bound, kMeasure.deadline});
+        ASSERT_TRUE(kMeasure.eventually(
+            [&] { return service.connect(m_database.uri().c_str(), server::kUser, server::kPassword).okay(); }));
+    }
+    m_proxy.blackHole(true);
+    for (oryx::LocationService& service : services) {
+        int key = 0;
+        EXPECT_TRUE(service.getPublicAddressKey("alice", "oryx.example", key).connectionError());
+    }
+    setenv("PGPORT", server::port().c_str(), 1);
+    ASSERT_TRUE(kMeasure.eventually([this] { return connect(); }));
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address");
+    EXPECT_EQ(calls(1, m_operations), "in time");
+    EXPECT_TRUE(kMeasure.eventually(
+        [&] { return holder.value("SELECT count(*) FROM pg_stat_activity WHERE wait_event_type = 'Lock'") == "0"; }));
+}
+
+TEST_F(Deadline, IsNotWaitedForWhereTheSystemCannotWait)
+{
+    const std::chrono::seconds deadline(30);
+    m_service.setSessionOptions({SessionOptions::Statements::bound, deadline});
+    ASSERT_TRUE(connect());
+    m_proxy.swallow(true);
+    for (const char* const what : {"a statement", "a connection"}) {
+        cannotWait = true;
+        const milliseconds took = timed([&] { EXPECT_TRUE(lookUp().connectionError()) << what; });
+        cannotWait = false;
+        EXPECT_LT(took, deadline / 2) << what;
+    }
+}
+
+/// Run by the next one, as a program of its own.
+TEST_F(Deadline, DISABLED_EndsTheProgram)
+{
+    std::atexit([] { // as TLS, which has gone behind this
+        programEnds = true;
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        _exit(finishedAtItsEnd ? 1 : 0);
+    });
+    m_proxy.swallow(true);
+    m_proxy.refuse(true); // requests to cancel, which are repeated for a second
+    lookUp();
+    std::exit(2);
+}
+
+TEST_F(Deadline, LeavesConnectionsToTheSystemAtTheEndOfTheProgram)
+{
+    setenv("PGPORT", server::port().c_str(), 1);
+    const std::string program = program_invocation_name;
+    EXPECT_EQ(std::system(
+                  ("'" + program + "' --gtest_also_run_disabled_tests --gtest_filter=Deadline.DISABLED_EndsTheProgram")
+                      .c_str()),
+              0);
 }
 
 std::vector<bool> wakeUps; // whether each call of the listener's callback told of a change

@@ -30,12 +30,12 @@ int check(int outcome)
     return outcome;
 }
 
-sockaddr_in loopback(std::uint16_t port)
+sockaddr_in addressOf(const std::string& host, const std::string& port)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
+    address.sin_addr.s_addr = ::inet_addr(host.c_str());
+    address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
     return address;
 }
 
@@ -47,22 +47,21 @@ Socket newSocket()
     return made;
 }
 
-Socket bound(std::uint16_t port)
+Socket bound(const sockaddr_in& address)
 {
     Socket made = newSocket();
     const int on = 1;
     check(::setsockopt(made.fd(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on));
-    const sockaddr_in address = loopback(port);
     check(::bind(made.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
     return made;
 }
 
-std::uint16_t portOf(const Socket& socket)
+sockaddr_in addressOf(const Socket& socket)
 {
     sockaddr_in address{};
     socklen_t size = sizeof address;
     check(::getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&address), &size));
-    return ntohs(address.sin_port);
+    return address;
 }
 
 /// Has the kernel drop every packet for a socket, before it is confirmed; or no longer.
@@ -104,7 +103,8 @@ Socket::~Socket()
     }
 }
 
-Proxy::Proxy() : m_reservation(bound(0)), m_port(portOf(m_reservation))
+Proxy::Proxy(const std::string& address, const std::string& port)
+    : m_reservation(bound(addressOf(address, port))), m_address(addressOf(m_reservation))
 {
     refuse(false);
     m_thread = std::thread([this] { serve(); });
@@ -143,7 +143,7 @@ void Proxy::meanwhile(std::function<void()> happens)
 void Proxy::refuse(bool refusing)
 {
     const std::lock_guard lock(m_mutex);
-    m_listener = refusing ? Socket() : bound(m_port);
+    m_listener = refusing ? Socket() : bound(m_address);
     if (!refusing) {
         check(::listen(m_listener.fd(), SOMAXCONN));
     }
@@ -169,6 +169,12 @@ void Proxy::delay(std::chrono::milliseconds delay)
 {
     const std::lock_guard lock(m_mutex);
     m_delay = delay;
+}
+
+void Proxy::lag(std::chrono::milliseconds lag)
+{
+    const std::lock_guard lock(m_mutex);
+    m_lag = lag;
 }
 
 void Proxy::lend(bool lending)
@@ -221,7 +227,7 @@ void Proxy::accept()
     link.server = newSocket();
     link.lent = m_lending;
     link.from = std::chrono::steady_clock::now() + m_delay;
-    const sockaddr_in address = loopback(static_cast<std::uint16_t>(std::stoi(server::port())));
+    const sockaddr_in address = addressOf("127.0.0.1", server::port());
     if (::connect(link.server.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         m_links.push_back(std::move(link));
     }
@@ -246,6 +252,7 @@ void Proxy::forward(Link& link, bool fromClient)
     std::string passed(bytes.data(), static_cast<std::size_t>(size));
     if (fromClient) {
         link.asked = true;
+        link.from = std::chrono::steady_clock::now() + m_lag;
     } else if (link.lent) {
         passed = withoutUnasked(link, passed);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <netinet/in.h>
 #include <poll.h>
 
 #include <atomic>
@@ -35,20 +36,21 @@ private:
 
 /// Stands between the library and the server, and loses connections when told to.
 ///
-/// It listens on a port of 127.0.0.1 of its own and serves from a thread of its own; its operations are for the test's
-/// thread and count from their return on. The connections through it must not be encrypted: it looks for statements.
+/// It listens on a port of its own, or on one that is given, of 127.0.0.1 or another loopback address, and serves from
+/// a thread of its own; its operations are for the test's thread and count from their return on. The connections
+/// through it must not be encrypted: it looks for statements.
 class Proxy {
 public:
     /// What gets lost of a statement, with the connection: nothing, the statement itself, or its answer, when the
     /// server has carried it out.
     enum class Loss { nothing, request, answer };
 
-    Proxy();
+    explicit Proxy(const std::string& address = "127.0.0.1", const std::string& port = "0");
     ~Proxy();
     Proxy(const Proxy&) = delete;
     Proxy& operator=(const Proxy&) = delete;
 
-    std::string port() const { return std::to_string(m_port); }
+    std::string port() const { return std::to_string(ntohs(m_address.sin_port)); }
 
     /// Cuts every connection there is; how many.
     std::size_t hangUp();
@@ -69,6 +71,8 @@ public:
     void blackHole(bool dark);
     /// Connections that are made from now on are served only after so long.
     void delay(std::chrono::milliseconds delay);
+    /// Whatever a client sends from now on is answered only after so long.
+    void lag(std::chrono::milliseconds lag);
     /// Connections that are made from now on hear notifications only with an answer, as through a pooler that lends
     /// sessions by the transaction; or they hear all again.
     void lend(bool lending);
@@ -95,7 +99,7 @@ private:
     static std::string withoutUnasked(Link& link, std::string_view bytes);
 
     Socket m_reservation; // bound and never listening: keeps the port while nobody listens
-    std::uint16_t m_port;
+    sockaddr_in m_address;
     Socket m_listener;
     std::list<Link> m_links;
     std::deque<Loss> m_losses;
@@ -104,6 +108,7 @@ private:
     bool m_swallowing = false;
     bool m_dark = false;
     std::chrono::milliseconds m_delay{0};
+    std::chrono::milliseconds m_lag{0};
     bool m_lending = false;
     std::mutex m_mutex;
     std::atomic<bool> m_stop = false;
