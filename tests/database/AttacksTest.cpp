@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -28,6 +29,10 @@ std::vector<std::string> allLogins()
     }
     return logins;
 }
+
+/// A telephone that registers for the first time.
+const std::string kRegistration = "SELECT register_bindings(NULL, 'alice', 'oryx.example', 'call', 1, '', 0, false,"
+                                  " ARRAY[['sip:alice@192.0.2.7', '3600', '', '', '', '']])";
 
 class Attacks : public DatabaseTest {
 protected:
@@ -232,7 +237,8 @@ TEST_F(Attacks, NoLoginLocksTheTablesOfTurns)
     logins.push_back(upkeep.name());
     for (const std::string& login : logins) {
         server::Session session(m_database.name(), login);
-        for (const std::string table : {"event_turn", "registration_turn", "upkeep_turn", "schema_migration"}) {
+        for (const std::string table :
+             {"event_turn", "registration_turn", "publication_turn", "upkeep_turn", "schema_migration"}) {
             for (const std::string mode : {"ROW SHARE", "ROW EXCLUSIVE", "SHARE UPDATE EXCLUSIVE", "SHARE",
                                            "SHARE ROW EXCLUSIVE", "EXCLUSIVE", "ACCESS EXCLUSIVE"}) {
                 EXPECT_EQ(tried(session, "BEGIN; LOCK TABLE " + table + " IN " + mode + " MODE"),
@@ -245,6 +251,38 @@ TEST_F(Attacks, NoLoginLocksTheTablesOfTurns)
                 << login;
         }
     }
+}
+
+TEST_F(Attacks, NoLoginTakesTheTurnsOfAnothersJob)
+{
+    const struct {
+        std::string function;
+        std::vector<std::string> takers;
+    } kTurns[]{
+        {"take_registration_turn", {server::kUser, server::loginOf("oryx_registrar")}},
+        {"take_publication_turn", {server::kUser, server::loginOf("oryx_presence")}},
+    };
+    std::vector<std::string> logins = allLogins();
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    logins.push_back(upkeep.name());
+    for (const std::string& login : logins) {
+        server::Session session(m_database.name(), login);
+        for (const auto& [function, takers] : kTurns) {
+            const bool takes = std::find(takers.begin(), takers.end(), login) != takers.end();
+            EXPECT_EQ(tried(session, "SELECT " + function + "(n) FROM generate_series(0, 16383) n"),
+                      takes ? "okay" : "ERROR:  permission denied for function " + function)
+                << login;
+        }
+    }
+}
+
+TEST_F(Attacks, AnEventServersTurnsKeepNoTelephoneFromRegistering)
+{
+    server::Session presence = as("oryx_presence");
+    presence.run("BEGIN; SELECT take_publication_turn(n) FROM generate_series(0, 16383) n");
+    server::Session registrar = as("oryx_registrar");
+    EXPECT_EQ(tried(registrar, "SET lock_timeout = '2s';" + kRegistration), "okay");
 }
 
 // Passwords --------------------------------------------------------------------------------------------------------
@@ -317,6 +355,21 @@ TEST_F(Attacks, WhoHasChangesStampedBeforeItCommitsKeepsOthersFromItUntilTheUpke
         EXPECT_EQ(ended, "end_forgotten_transactions|done\n");
         EXPECT_EQ(tried(provisioning, change), "okay");
     }
+}
+
+TEST_F(Attacks, ARegistrarKeepsTelephonesFromRegisteringUntilTheUpkeepEndsIt)
+{
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    server::Session keeper(m_database.name(), upkeep.name());
+    server::Session holder = as("oryx_registrar");
+    holder.run("SET idle_in_transaction_session_timeout = 0");
+    holder.run("BEGIN; SELECT take_registration_turn(n) FROM generate_series(0, 16383) n");
+    server::Session registrar = as("oryx_registrar");
+    EXPECT_EQ(tried(registrar, "SET lock_timeout = '200ms';" + kRegistration),
+              "ERROR:  canceling statement due to lock timeout");
+    keeper.run("SELECT FROM oryx_upkeep(idle_limit => '0')");
+    EXPECT_EQ(tried(registrar, kRegistration), "okay");
 }
 
 TEST_F(Attacks, AnybodyCanAnnounceAndFillTheQueueUntilTheOneWhoDoesNotReadIsEnded)
