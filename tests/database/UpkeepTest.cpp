@@ -82,9 +82,31 @@ TEST_F(Upkeep, TrimsTheChangeLogAndForgetsEndedSessions)
     EXPECT_EQ(done("'1 hour'"), "done|forget_sendings|1|rows|not written for a day\n"
                                 "done|trim_change_log|0|rows|older than 01:00:00\n");
     EXPECT_EQ(rows("SELECT number FROM sending"), "23\n");
-    sql("DELETE FROM upkeep_run");
-    EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|1|rows|older than -01:00:00\n");
+    sql("DELETE FROM upkeep_run; UPDATE event_stamp SET evt_timestamp = evt_timestamp - 3660000000");
+    EXPECT_EQ(done("'1 hour'"), kNothingForgotten + "done|trim_change_log|1|rows|older than 01:00:00\n");
     EXPECT_EQ(rows("SELECT * FROM event_notify"), "");
+}
+
+TEST_F(Upkeep, LeavesAnHoursChangesWhateverItIsTold)
+{
+    sql("INSERT INTO acp VALUES ('unread')");
+    sql("UPDATE event_stamp SET evt_timestamp = evt_timestamp - 3540000000"); // 59 minutes
+    // The last is an hour where a month is 30 days, and days of the future with any eight months that are to come.
+    for (const std::string keep : {"-1 hour", "0", "59 minutes", "-8 months 240 days 1 hour"}) {
+        sql("DELETE FROM upkeep_run");
+        done("'" + keep + "'");
+        EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "unread\n") << keep;
+    }
+    sql("DELETE FROM upkeep_run");
+    EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|0|rows|older than 01:00:00\n");
+}
+
+TEST_F(Upkeep, TrimsNothingWhereNothingIsSaid)
+{
+    sql("INSERT INTO acp VALUES ('old')");
+    sql("UPDATE event_stamp SET evt_timestamp = 1");
+    done("NULL");
+    EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "old\n");
 }
 
 TEST_F(Upkeep, ReadsTheChangeLogOnceAnHourOrUntilItIsTrimmed)
@@ -127,6 +149,47 @@ TEST_F(Upkeep, CancelsAStatementThatGoesOnAndOn)
     EXPECT_NE(waitingBackend(cancelled), "");
     done("running_limit => '0'");
     EXPECT_EQ(asked.get(), "query error: [57014] ERROR:  canceling statement due to user request");
+}
+
+TEST_F(Upkeep, EndsAStatementThatGoesOnThoughItIsCancelled)
+{
+    server::Session stubborn(m_database.name(), server::kUser);
+    const std::string process = stubborn.value("SELECT pg_backend_pid()");
+    auto asked = std::async(std::launch::async, [&stubborn]() -> std::string {
+        try {
+            stubborn.run("DO $$ BEGIN LOOP BEGIN PERFORM pg_sleep(300);"
+                         " EXCEPTION WHEN query_canceled THEN NULL; END; END LOOP; END $$");
+        } catch (const std::runtime_error& ended) {
+            return ended.what();
+        }
+        return "done";
+    });
+    const std::string one = "done|end_forgotten_transactions|1|sessions|session " + process + " of " + server::kUser +
+                            " (no name), active\n" + kNothingForgotten;
+    const std::string asleep =
+        "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep' AND pid = " + process;
+    while (m_session.value(asleep) == "0") {
+    }
+    done();
+    EXPECT_EQ(withoutSeconds(done("running_limit => '0'")), one);
+    EXPECT_EQ(asked.wait_for(std::chrono::seconds(1)), std::future_status::timeout);
+    EXPECT_EQ(m_session.value(asleep), "1");
+    EXPECT_EQ(withoutSeconds(done("running_limit => '-3 minutes'")), one); // as three minutes later
+    EXPECT_EQ(remaining(process), "");
+    sql("SELECT pg_terminate_backend(" + process + ")"); // or this waits for ever
+    EXPECT_EQ(asked.get().substr(0, 59), "FATAL:  terminating connection due to administrator command");
+}
+
+TEST_F(Upkeep, TakesForEndedWhatHasEndedByItself)
+{
+    done();
+    sql("CREATE OR REPLACE VIEW open_transaction AS SELECT 2147483647 AS pid, 'gone'::name AS usename,"
+        " '' AS application_name, state, interval '1 hour' AS open_for, interval '1 hour' AS idle_for,"
+        " state <> 'active' AS is_idle, false AS may_migrate FROM (VALUES ('active'), ('idle in transaction')) v(state)");
+    const std::string one = "done|end_forgotten_transactions|1|sessions|session 2147483647 of gone (no name), ";
+    EXPECT_EQ(done("running_limit => '58 minutes'"),
+              one + "active, open for 3600 s\n" + one + "idle in transaction, open for 3600 s\n" + kNothingForgotten);
+    EXPECT_EQ(state("upkeep_failed"), "ok");
 }
 
 TEST_F(Upkeep, LetsAMigrationWaitForWhatItBuildsElsewhere)
