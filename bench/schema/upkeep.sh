@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# What a transaction that somebody leaves open does to refreshes, without limits and with them.
+# What refreshes write and use up in a day, and what a transaction that somebody leaves open does to them, without limits
+# and with them.
 
 readonly kForgettingSeconds=${FORGETTING_SECONDS:-150}
 # Database, what the reader sets for itself (none: no reader), how often the upkeep runs.
@@ -40,9 +41,51 @@ refresh_counters() {
         FROM pg_stat_user_tables, pg_stat_wal WHERE relname = 'contact'"
 }
 
+# DATABASE: updates, bytes of log and page images of some refreshes, after a checkpoint with these settings of the server.
+refresh_with() {
+    local database=$1 before setting
+    for setting in "${@:2}"; do
+        run_sql postgres -c "ALTER SYSTEM SET $setting"
+    done
+    run_sql postgres -c 'SELECT pg_reload_conf()' >"$folder/out"
+    sleep 1
+    run_sql postgres -c CHECKPOINT
+    before=$(refresh_counters "$database")
+    latency "$database" "$here/refresh.sql" 20000 >"$folder/out"
+    echo "$before $(refresh_counters "$database")" | awk '{ print $6 - $1, $8 - $3, $9 - $4 }'
+}
+
+# Refreshes of all contacts alike, so many a second. A checkpoint has each page that is changed before the next one written
+# whole, and autovacuum freezes the table for its transaction ids, when they are as old as that.
+measure_log_of_a_day() {
+    local rate=$1 database pages none whole packed
+    printf '\nlog of %d refreshes a second, a checkpoint every 15 min; hours until vacuum must freeze, at ids of that age\n\n' "$rate"
+    printf '%-26s%12s%12s%8s%12s%12s%14s%14s\n%-26s%12s%12s%8s%12s%12s%14s%14s\n' '' 'a refresh,' 'an image,' 'pages' 'a day, GB' 'with lz4' \
+        '200,000,000' '1,000,000,000' '' 'bytes' 'with lz4' '' '' '' '(stock)' '(server.conf)'
+    for database in forgetting_before forgetting_after; do
+        run_sql "$database" -c 'VACUUM FULL contact' -c 'VACUUM ANALYZE contact'
+        pages=$(run_sql "$database" -c "SELECT relpages FROM pg_class WHERE oid = 'contact'::regclass")
+        none=$(refresh_with "$database" 'full_page_writes = off')
+        whole=$(refresh_with "$database" 'full_page_writes = on' 'wal_compression = off')
+        packed=$(refresh_with "$database" 'wal_compression = lz4')
+        awk -v name="$([[ $database == *before ]] && echo 'as released' || echo "the schema's")" -v rate="$rate" -v pages="$pages" \
+            -v none="$none" -v whole="$whole" -v packed="$packed" '
+            function image(measured, m) { split(measured, m, " "); return (m[2] - m[1] * refresh) / m[3] }
+            function day(size) { return (refresh * rate * 86400 + size * pages * (1 - exp(-rate * 900 / pages)) * 96) / 1e9 }
+            BEGIN {
+                split(none, n, " ")
+                refresh = n[2] / n[1]
+                printf "%-26s%12.0f%6.0f%6.0f%8d%12.1f%12.1f%14.1f%14.1f\n", name, refresh, image(whole), image(packed), pages,
+                    day(image(whole)), day(image(packed)), 2e8 / rate / 3600, 1e9 / rate / 3600
+            }'
+    done
+    run_sql postgres -c 'ALTER SYSTEM RESET full_page_writes' -c 'ALTER SYSTEM RESET wal_compression' -c 'SELECT pg_reload_conf()' >"$folder/out"
+}
+
 measure_upkeep() {
     local variant name database reader every before after helpers rate=$((kSize * 3 / 1000))
     make_forgetting_databases
+    measure_log_of_a_day "$rate"
     printf '\n%d refreshes a second for %d s, %d addresses of record\n\n' "$rate" "$kForgettingSeconds" "$kSize"
     printf '%-38s%10s%10s%20s%14s%12s\n' '' 'refreshes' 'in place' 'WAL, bytes each' 'page images' 'table'
     for variant in "${kForgetting[@]}"; do

@@ -4,8 +4,9 @@
 --     psql --dbname=oryx --file=deploy/upkeep/pg_cron.sql
 --
 -- postgresql.conf says before: shared_preload_libraries = 'pg_cron', cron.database_name = 'oryx',
--- cron.use_background_workers = on (jobs need no connection, password or pg_hba.conf line then). What was found stands in
--- upkeep_run, and oryx_alarms() tells it; cron.job_run_details has runs that failed.
+-- cron.use_background_workers = on (jobs need no connection, password or pg_hba.conf line then). cron.job_run_details has
+-- runs that failed. Alarms are nowhere: a monitoring asks oryx_alarms() for them. pg_cron starts when recovery is over: at
+-- a standby the timer tells them.
 
 \set ON_ERROR_STOP on
 SET client_min_messages = warning;

@@ -576,6 +576,8 @@ TEST_F(ChangeLog, NamesBothKeysOfARowWhoseKeyChanges)
     sql("UPDATE acp SET handle = 'later' WHERE handle = 'former'");
     sql("UPDATE contact_set SET csid = 13");
     EXPECT_EQ(logged(), "acp|NULL|former\nacp|NULL|later\ncontact_set|12|NULL\ncontact_set|13|NULL\n");
+    sql("UPDATE acp SET handle = lower(handle) WHERE handle = 'later'");
+    EXPECT_EQ(logged(), "acp|NULL|later\n");
 }
 
 TEST_F(ChangeLog, NamesTheRowsThatARemovalReaches)

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
+#include <vector>
 
 namespace {
 
@@ -56,6 +57,19 @@ std::string MigrationTest::warnings() const
 void MigrationTest::addMigration(const std::string& name, const std::string& text) const
 {
     m_folder.write("schema/" + name + ".sql", text);
+}
+
+void MigrationTest::leaveOut(const std::string& from) const
+{
+    std::vector<std::filesystem::path> later;
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder.file("schema"))) {
+        if (entry.path().extension() == ".sql" && entry.path().filename().string() >= from) {
+            later.push_back(entry.path());
+        }
+    }
+    for (const auto& path : later) {
+        std::filesystem::remove(path);
+    }
 }
 
 std::string MigrationTest::applied(const std::string& from) const

@@ -29,6 +29,8 @@ protected:
     std::string warnings() const;
 
     void addMigration(const std::string& name, const std::string& text) const;
+    /// Leaves out the migrations of that number and above.
+    void leaveOut(const std::string& from) const;
     /// Those applied of the migrations of that number and above.
     std::string applied(const std::string& from) const;
 
