@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -28,6 +30,10 @@ std::vector<std::string> allLogins()
     }
     return logins;
 }
+
+/// A telephone that registers for the first time.
+const std::string kRegistration = "SELECT register_bindings(NULL, 'alice', 'oryx.example', 'call', 1, '', 0, false,"
+                                  " ARRAY[['sip:alice@192.0.2.7', '3600', '', '', '', '']])";
 
 class Attacks : public DatabaseTest {
 protected:
@@ -232,7 +238,8 @@ TEST_F(Attacks, NoLoginLocksTheTablesOfTurns)
     logins.push_back(upkeep.name());
     for (const std::string& login : logins) {
         server::Session session(m_database.name(), login);
-        for (const std::string table : {"event_turn", "registration_turn", "upkeep_turn", "schema_migration"}) {
+        for (const std::string table :
+             {"event_turn", "registration_turn", "publication_turn", "upkeep_turn", "schema_migration"}) {
             for (const std::string mode : {"ROW SHARE", "ROW EXCLUSIVE", "SHARE UPDATE EXCLUSIVE", "SHARE",
                                            "SHARE ROW EXCLUSIVE", "EXCLUSIVE", "ACCESS EXCLUSIVE"}) {
                 EXPECT_EQ(tried(session, "BEGIN; LOCK TABLE " + table + " IN " + mode + " MODE"),
@@ -245,6 +252,38 @@ TEST_F(Attacks, NoLoginLocksTheTablesOfTurns)
                 << login;
         }
     }
+}
+
+TEST_F(Attacks, NoLoginTakesTheTurnsOfAnothersJob)
+{
+    const struct {
+        std::string function;
+        std::vector<std::string> takers;
+    } kTurns[]{
+        {"take_registration_turn", {server::kUser, server::loginOf("oryx_registrar")}},
+        {"take_publication_turn", {server::kUser, server::loginOf("oryx_presence")}},
+    };
+    std::vector<std::string> logins = allLogins();
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    logins.push_back(upkeep.name());
+    for (const std::string& login : logins) {
+        server::Session session(m_database.name(), login);
+        for (const auto& [function, takers] : kTurns) {
+            const bool takes = std::find(takers.begin(), takers.end(), login) != takers.end();
+            EXPECT_EQ(tried(session, "SELECT " + function + "(n) FROM generate_series(0, 16383) n"),
+                      takes ? "okay" : "ERROR:  permission denied for function " + function)
+                << login;
+        }
+    }
+}
+
+TEST_F(Attacks, AnEventServersTurnsKeepNoTelephoneFromRegistering)
+{
+    server::Session presence = as("oryx_presence");
+    presence.run("BEGIN; SELECT take_publication_turn(n) FROM generate_series(0, 16383) n");
+    server::Session registrar = as("oryx_registrar");
+    EXPECT_EQ(tried(registrar, "SET lock_timeout = '2s';" + kRegistration), "okay");
 }
 
 // Passwords --------------------------------------------------------------------------------------------------------
@@ -317,6 +356,64 @@ TEST_F(Attacks, WhoHasChangesStampedBeforeItCommitsKeepsOthersFromItUntilTheUpke
         EXPECT_EQ(ended, "end_forgotten_transactions|done\n");
         EXPECT_EQ(tried(provisioning, change), "okay");
     }
+}
+
+TEST_F(Attacks, WhoGathersStatisticsWithItsChangesStampedIsCancelledByTheUpkeepToo)
+{
+    // For ANALYZE to take its time whatever it is told.
+    sql("CREATE FUNCTION slow(text) RETURNS text IMMUTABLE LANGUAGE sql RETURN $1;"
+        "CREATE INDEX ON public_address (slow(handle));"
+        "CREATE OR REPLACE FUNCTION slow(text) RETURNS text IMMUTABLE LANGUAGE plpgsql"
+        " AS 'BEGIN PERFORM pg_sleep(300); RETURN $1; END'");
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    server::Session keeper(m_database.name(), upkeep.name());
+    server::Session holder = as("oryx_provisioning");
+    const std::string process = holder.value("SELECT pg_backend_pid()");
+    holder.run("BEGIN; UPDATE contact_set SET ordering = 'serial'; SET CONSTRAINTS ALL IMMEDIATE");
+    auto analysed = std::async(std::launch::async, [&holder] { return tried(holder, "SELECT analyze_provisioned()"); });
+    EXPECT_TRUE(comesTo("SELECT count(*) FROM pg_stat_progress_analyze WHERE pid = " + process, "1"));
+
+    server::Session provisioning = as("oryx_provisioning");
+    const std::string change = "SET lock_timeout = '200ms'; UPDATE subscriber SET oid = 7";
+    EXPECT_EQ(tried(provisioning, change), "ERROR:  canceling statement due to lock timeout");
+    const std::string named = "detail ~ 'session " + process + " of " + server::loginOf("oryx_provisioning") + " '";
+    EXPECT_EQ(keeper.rows("SELECT alarm FROM oryx_alarms() WHERE " + named), "horizon_held_back\noldest_transaction\n");
+    EXPECT_EQ(keeper.rows("SELECT item, state FROM oryx_upkeep(running_limit => '0') WHERE " + named +
+                          " AND item NOT IN (SELECT alarm FROM oryx_alarms())"),
+              "end_forgotten_transactions|done\n");
+    EXPECT_EQ(analysed.wait_for(kPatience), std::future_status::ready);
+    sql("SELECT pg_terminate_backend(" + process + ", 5000)");
+    EXPECT_EQ(analysed.get(), "ERROR:  canceling statement due to user request");
+    EXPECT_EQ(tried(provisioning, change), "okay");
+}
+
+TEST_F(Attacks, WhoGathersStatisticsDoesNotHaveThemTakeTheirTime)
+{
+    sql("INSERT INTO contact (csid, address) SELECT 12, n FROM generate_series(1, 30000) n");
+    server::Session provisioning = as("oryx_provisioning");
+    provisioning.run("SET vacuum_cost_delay = 100; SET vacuum_cost_limit = 1; SET default_statistics_target = 1");
+    EXPECT_EQ(tried(provisioning, "SET statement_timeout = '10s'; SELECT analyze_provisioned()"), "okay");
+    EXPECT_EQ(
+        rows(
+            "SELECT array_length(most_common_vals::text::text[], 1) > 1 OR array_length(histogram_bounds::text::text[], 1) > 90"
+            " FROM pg_stats WHERE tablename = 'contact' AND attname = 'address'"),
+        "t\n");
+}
+
+TEST_F(Attacks, ARegistrarKeepsTelephonesFromRegisteringUntilTheUpkeepEndsIt)
+{
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    server::Session keeper(m_database.name(), upkeep.name());
+    server::Session holder = as("oryx_registrar");
+    holder.run("SET idle_in_transaction_session_timeout = 0");
+    holder.run("BEGIN; SELECT take_registration_turn(n) FROM generate_series(0, 16383) n");
+    server::Session registrar = as("oryx_registrar");
+    EXPECT_EQ(tried(registrar, "SET lock_timeout = '200ms';" + kRegistration),
+              "ERROR:  canceling statement due to lock timeout");
+    keeper.run("SELECT FROM oryx_upkeep(idle_limit => '0')");
+    EXPECT_EQ(tried(registrar, kRegistration), "okay");
 }
 
 TEST_F(Attacks, AnybodyCanAnnounceAndFillTheQueueUntilTheOneWhoDoesNotReadIsEnded)

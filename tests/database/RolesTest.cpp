@@ -267,7 +267,7 @@ TEST_F(RolesTried, EventServersKeepTheirStateAndSweepContacts)
               "remove_expired_publications: EXECUTE\n"
               "reserve_one_available_conf_ext_randomly: EXECUTE\n"
               "sending_has_taken_effect: EXECUTE\n"
-              "take_registration_turn: EXECUTE\n");
+              "take_publication_turn: EXECUTE\n");
 }
 
 TEST_F(RolesTried, ProvisioningWritesWhatServersFindAndReadsNoPassword)

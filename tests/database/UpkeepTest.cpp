@@ -82,9 +82,31 @@ TEST_F(Upkeep, TrimsTheChangeLogAndForgetsEndedSessions)
     EXPECT_EQ(done("'1 hour'"), "done|forget_sendings|1|rows|not written for a day\n"
                                 "done|trim_change_log|0|rows|older than 01:00:00\n");
     EXPECT_EQ(rows("SELECT number FROM sending"), "23\n");
-    sql("DELETE FROM upkeep_run");
-    EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|1|rows|older than -01:00:00\n");
+    sql("DELETE FROM upkeep_run; UPDATE event_stamp SET evt_timestamp = evt_timestamp - 3660000000");
+    EXPECT_EQ(done("'1 hour'"), kNothingForgotten + "done|trim_change_log|1|rows|older than 01:00:00\n");
     EXPECT_EQ(rows("SELECT * FROM event_notify"), "");
+}
+
+TEST_F(Upkeep, LeavesAnHoursChangesWhateverItIsTold)
+{
+    sql("INSERT INTO acp VALUES ('unread')");
+    sql("UPDATE event_stamp SET evt_timestamp = evt_timestamp - 3540000000"); // 59 minutes
+    // The last is an hour where a month is 30 days, and days of the future with any eight months that are to come.
+    for (const std::string keep : {"-1 hour", "0", "59 minutes", "-8 months 240 days 1 hour"}) {
+        sql("DELETE FROM upkeep_run");
+        done("'" + keep + "'");
+        EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "unread\n") << keep;
+    }
+    sql("DELETE FROM upkeep_run");
+    EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|0|rows|older than 01:00:00\n");
+}
+
+TEST_F(Upkeep, TrimsNothingWhereNothingIsSaid)
+{
+    sql("INSERT INTO acp VALUES ('old')");
+    sql("UPDATE event_stamp SET evt_timestamp = 1");
+    done("NULL");
+    EXPECT_EQ(rows("SELECT pk_char FROM event_notify"), "old\n");
 }
 
 TEST_F(Upkeep, ReadsTheChangeLogOnceAnHourOrUntilItIsTrimmed)
@@ -127,6 +149,47 @@ TEST_F(Upkeep, CancelsAStatementThatGoesOnAndOn)
     EXPECT_NE(waitingBackend(cancelled), "");
     done("running_limit => '0'");
     EXPECT_EQ(asked.get(), "query error: [57014] ERROR:  canceling statement due to user request");
+}
+
+TEST_F(Upkeep, EndsAStatementThatGoesOnThoughItIsCancelled)
+{
+    server::Session stubborn(m_database.name(), server::kUser);
+    const std::string process = stubborn.value("SELECT pg_backend_pid()");
+    auto asked = std::async(std::launch::async, [&stubborn]() -> std::string {
+        try {
+            stubborn.run("DO $$ BEGIN LOOP BEGIN PERFORM pg_sleep(300);"
+                         " EXCEPTION WHEN query_canceled THEN NULL; END; END LOOP; END $$");
+        } catch (const std::runtime_error& ended) {
+            return ended.what();
+        }
+        return "done";
+    });
+    const std::string one = "done|end_forgotten_transactions|1|sessions|session " + process + " of " + server::kUser +
+                            " (no name), active\n" + kNothingForgotten;
+    const std::string asleep =
+        "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep' AND pid = " + process;
+    while (m_session.value(asleep) == "0") {
+    }
+    done();
+    EXPECT_EQ(withoutSeconds(done("running_limit => '0'")), one);
+    EXPECT_EQ(asked.wait_for(std::chrono::seconds(1)), std::future_status::timeout);
+    EXPECT_EQ(m_session.value(asleep), "1");
+    EXPECT_EQ(withoutSeconds(done("running_limit => '-3 minutes'")), one); // as three minutes later
+    EXPECT_EQ(remaining(process), "");
+    sql("SELECT pg_terminate_backend(" + process + ")"); // or this waits for ever
+    EXPECT_EQ(asked.get().substr(0, 59), "FATAL:  terminating connection due to administrator command");
+}
+
+TEST_F(Upkeep, TakesForEndedWhatHasEndedByItself)
+{
+    done();
+    sql("CREATE OR REPLACE VIEW open_transaction AS SELECT 2147483647 AS pid, 'gone'::name AS usename,"
+        " '' AS application_name, state, interval '1 hour' AS open_for, interval '1 hour' AS idle_for,"
+        " state <> 'active' AS is_idle, false AS may_migrate FROM (VALUES ('active'), ('idle in transaction')) v(state)");
+    const std::string one = "done|end_forgotten_transactions|1|sessions|session 2147483647 of gone (no name), ";
+    EXPECT_EQ(done("running_limit => '58 minutes'"),
+              one + "active, open for 3600 s\n" + one + "idle in transaction, open for 3600 s\n" + kNothingForgotten);
+    EXPECT_EQ(state("upkeep_failed"), "ok");
 }
 
 TEST_F(Upkeep, LetsAMigrationWaitForWhatItBuildsElsewhere)
@@ -281,6 +344,7 @@ TEST_F(Upkeep, FindsNothingWrongInANewDatabase)
 {
     done();
     EXPECT_EQ(rows("SELECT alarm, state, allowed, unit FROM oryx_alarms()"),
+              "archiving_behind|ok|4096|MB\n"
               "archiving_failed|ok|300|s\n"
               "change_log_rows|ok|5000000|rows\n"
               "connections_used|ok|80|% of max_connections\n"
@@ -296,6 +360,7 @@ TEST_F(Upkeep, FindsNothingWrongInANewDatabase)
               "prepared_transaction|ok|300|s\n"
               "refreshes_moved|ok|20|% of the refreshes\n"
               "replication_lag|ok|64|MB\n"
+              "replication_stopped|ok|600|s\n"
               "sequences_used|ok|75|% of the numbers\n"
               "slots_lost|ok|0|slots\n"
               "transaction_ids_used|ok|60|% of what there is\n"
@@ -397,6 +462,17 @@ TEST_F(Upkeep, AlarmsAtRefreshesThatLeaveTheirPage)
     ASSERT_EQ(ask("ROLLBACK"), "okay");
 }
 
+TEST_F(Upkeep, TakesTheRowsThatItHasTrimmedForNoAlarm)
+{
+    sql("ALTER TABLE event_change SET (autovacuum_enabled = off)"); // the next minute
+    sql("INSERT INTO acp SELECT n FROM generate_series(1, 15000) n");
+    sql("UPDATE event_stamp SET evt_timestamp = 1");
+    done();
+    sql("SELECT pg_stat_force_next_flush()");
+    ASSERT_EQ(rows("SELECT n_dead_tup FROM pg_stat_user_tables WHERE relname = 'event_change'"), "15000\n");
+    EXPECT_EQ(state("dead_rows"), "ok");
+}
+
 TEST_F(Upkeep, DoesNotTakeForGoodWhatItCannotSee)
 {
     done();
@@ -404,6 +480,90 @@ TEST_F(Upkeep, DoesNotTakeForGoodWhatItCannotSee)
     EXPECT_EQ(rows("SELECT alarm FROM oryx_alarms() WHERE state = 'unknown'"),
               "horizon_held_back\nidle_transaction\noldest_transaction\nreplication_lag\n");
     sql("ROLLBACK");
+}
+
+// The archive -------------------------------------------------------------------------------------------------------
+
+/// What the archiver tells is the test's, as are the runs, soon after the server's start.
+class Archive : public Upkeep {
+protected:
+    static std::string at(int milliseconds)
+    {
+        return "pg_postmaster_start_time() + interval '" + std::to_string(milliseconds) + " milliseconds'";
+    }
+
+    /// The last file archived, and when; or none since statistics were lost.
+    void archived(const std::string& file, int milliseconds) { tells("'" + file + "'", at(milliseconds), at(0)); }
+    void lost(int milliseconds) { tells("NULL", "NULL::timestamptz", at(milliseconds)); }
+
+    void run(int milliseconds, int writing)
+    {
+        sql("INSERT INTO upkeep_run (run_at, wal_position, refreshes, refreshes_in_place) SELECT " + at(milliseconds) +
+            ", '0/0'::pg_lsn + " + std::to_string(writing) +
+            " * setting::numeric, 0, 0 FROM pg_settings WHERE name = 'wal_segment_size'");
+    }
+
+    std::string waits() { return m_session.value("SELECT archiving_waits_for() > 0"); }
+
+private:
+    void tells(const std::string& file, const std::string& time, const std::string& since)
+    {
+        sql("CREATE OR REPLACE VIEW archiver AS SELECT " + file + "::text AS last_archived_wal, " + time +
+            " AS last_archived_time, " + since + " AS stats_reset");
+    }
+};
+
+TEST_F(Archive, IsWaitedForFromTheNextFinishedFileOn)
+{
+    for (const std::string file : {"000000010000000000000028", "000000010000000000000028.partial"}) {
+        sql("DELETE FROM upkeep_run");
+        archived(file, 5);
+        run(1, 40);
+        run(10, 41);
+        EXPECT_EQ(waits(), "f") << file;
+        run(20, 42);
+        EXPECT_EQ(waits(), "t") << file;
+    }
+}
+
+TEST_F(Archive, IsNotWaitedForAfterABackupUntilAFileIsFinished)
+{
+    // Named after the file that the backup began in; three have been archived with it.
+    for (const std::string file : {"000000010000000000000028.00000028.backup", "00000002.history"}) {
+        sql("DELETE FROM upkeep_run");
+        archived(file, 5);
+        run(1, 40);
+        run(10, 43);
+        run(15, 43);
+        EXPECT_EQ(waits(), "f") << file;
+        run(20, 44);
+        EXPECT_EQ(waits(), "t") << file;
+    }
+}
+
+TEST_F(Archive, IsNotWaitedForAfterStatisticsWereLostUntilAFileIsFinished)
+{
+    lost(15);
+    run(1, 40);
+    run(10, 41);
+    run(20, 42);
+    EXPECT_EQ(waits(), "f");
+    run(30, 43);
+    EXPECT_EQ(waits(), "t");
+}
+
+TEST_F(Archive, AlarmsWhereItFallsBehindTheLog)
+{
+    done();
+    sql("CREATE OR REPLACE FUNCTION wal_position() RETURNS pg_lsn LANGUAGE sql RETURN '2/0'::pg_lsn");
+    archived("000000010000000100000000", 5);
+    EXPECT_EQ(state("archiving_behind"), "alarm"); // 4 GiB, but for one file
+    archived(m_session.value("SELECT pg_walfile_name('2/0'::pg_lsn - 1)"), 5);
+    EXPECT_EQ(state("archiving_behind"), "ok");
+    archived("000000010000000100000000", -5); // before the last start: nothing may have been to be archived since
+    EXPECT_EQ(state("archiving_behind"), "ok");
+    archived("000000010000000000000028.00000028.backup", 5);
+    EXPECT_EQ(state("archiving_behind"), "ok");
 }
 
 // A database whose upkeep trims first ------------------------------------------------------------------------------
@@ -420,7 +580,7 @@ protected:
 
 TEST_F(OlderUpkeep, IsReplacedWhileTheLogIsWrittenAndRead)
 {
-    leaveOut("270");
+    leaveOut("310");
     m_session->run("INSERT INTO acp VALUES ('logged')");
     server::Session writer(m_name);
     writer.run("BEGIN; INSERT INTO acp VALUES ('open'); SET CONSTRAINTS ALL IMMEDIATE");

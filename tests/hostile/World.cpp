@@ -72,7 +72,7 @@ constexpr const char* kMakeSnapshot = R"(
                                               ELSE quote_ident(relname) END, '\n', relname), ' UNION ALL ')
             INTO query FROM pg_class
             WHERE relnamespace = 'public'::regnamespace AND relkind = 'r'
-                AND relname NOT IN ('schema_migration', 'sending', 'event_stamp', 'registration_turn');  -- no text gets there
+                AND relname NOT IN ('schema_migration', 'sending', 'event_stamp', 'registration_turn', 'publication_turn');  -- no text gets there
         EXECUTE 'PREPARE snapshot AS ' || query;
     END
     $$)";
@@ -86,7 +86,7 @@ constexpr const char* kMakeCopies = R"(
         columns text;
     BEGIN
         FOR name IN SELECT relname FROM pg_class WHERE relnamespace = 'public'::regnamespace AND relkind = 'r'
-                AND relname <> 'registration_turn' LOOP
+                AND relname NOT IN ('registration_turn', 'publication_turn') LOOP
             SELECT string_agg(quote_ident(attname), ', ') INTO columns FROM pg_attribute
                 WHERE attrelid = format('public.%I', name)::regclass AND attnum > 0 AND attgenerated = '';
             EXECUTE format('CREATE TABLE copies.%I AS TABLE public.%I', name, name);
