@@ -160,6 +160,8 @@ void Fork::tryThose()
     }
     if (m_tried < m_hops.size()) {
         m_patience.set(isInvite() ? kRinging : kAnswering);
+    } else {
+        m_patience.cancel(); // what those before have left of theirs, where they could not be sent to
     }
 }
 

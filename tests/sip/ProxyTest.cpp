@@ -22,11 +22,16 @@ protected:
         ASSERT_EQ(status(telephone.ask(telephone.registration("<" + telephone.contact() + ">" + parameters))),
                   "200 OK");
     }
+    /// Alice's, and tried after those that she has with a higher q.
+    void answerInTurn(Phone& last)
+    {
+        sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+        answerOn(last, ";q=0.3");
+    }
     /// Both are alice's, and tried one after the other.
     void answerInTurn(Phone& first, Phone& second)
     {
-        sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
-        answerOn(second, ";q=0.3");
+        answerInTurn(second);
         answerOn(first, ";q=0.9");
     }
     Phone alice() const { return {"alice", "oryx.example", m_port}; }
@@ -437,6 +442,12 @@ TEST_F(Proxy, SaysWhereItCannotSendAnything)
         caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
         called.send(called.response(called.receive(), 486, "Busy Here"));
         EXPECT_EQ(answers(caller), "486") << nowhere;
+        sql("DELETE FROM contact WHERE NOT permanent; UPDATE contact SET qvalue = '0.9'");
+        answerInTurn(called);
+        caller.send(invite(caller)); // the next one at once
+        called.send(called.response(called.receive(1000), 200, "OK"));
+        EXPECT_EQ(answers(caller), "100, 200") << nowhere;
+        sql("UPDATE contact_set SET ordering = 'parallel' WHERE csid = 1");
     }
 }
 
