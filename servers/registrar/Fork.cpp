@@ -243,7 +243,7 @@ void Fork::take(Branch& branch, const sip_t* sip)
         if (!std::exchange(branch.heard, true) && branch.cancelled) {
             sendCancel(branch);
         }
-        if (status > 100 && response && !m_decided) {
+        if (status > 100 && response && !m_decided && isInvite()) { // nobody else waits for it (RFC 4320 section 4.1)
             if (!branch.cancelled) {        // who was told to stop is waited for by m_giveUp alone
                 branch.timerC.set(kTimerC); // section 16.7, item 2
             }

@@ -487,6 +487,24 @@ TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
     EXPECT_TRUE(caller.socket().silent());
 }
 
+/// RFC 4320 section 4.1: not even where a telephone does.
+TEST_F(Proxy, SendsNothingProvisionalForAnythingButAnInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    for (const char* const method : {"MESSAGE", "OPTIONS"}) {
+        caller.send(caller.request(method, "sip:alice@oryx.example"));
+        const Message passed = called.receive();
+        called.send(called.response(passed, 100, "Trying"));
+        called.send(called.response(passed, 183, "Session Progress"));
+        EXPECT_TRUE(caller.socket().silent()) << method;
+        called.send(called.response(passed, 200, "OK"));
+        EXPECT_EQ(answers(caller), "200") << method;
+    }
+}
+
 /// Section 17.2.1: a caller who hears nothing for half a second asks again, however long the database takes.
 TEST_F(Proxy, SaysOnceThatItTriesBeforeItKnowsWhere)
 {
