@@ -148,7 +148,9 @@ void Fork::tryNext()
     if (!m_decided) {
         answerBest();
     }
-    m_linger.set(kLinger);
+    // A 2xx of an INVITE may come again. Where nothing was answered, the request may: its transaction is silent then.
+    // Any other answer stays with the stack, for as long as somebody may ask for it again.
+    m_linger.set(isInvite() || !m_request->answered() ? kLinger : std::chrono::seconds::zero());
 }
 
 /// The next hops, all or those of the same preference.

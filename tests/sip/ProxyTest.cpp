@@ -505,6 +505,30 @@ TEST_F(Proxy, SendsNothingProvisionalForAnythingButAnInvite)
     }
 }
 
+/// Section 17.2.2: by UDP an answer is there for whoever sends the same again. A stream brings each request once, so
+/// what is answered needs no transaction any more; it was kept for 32 s, and 50,000 are all there may be.
+TEST_F(Proxy, KeepsNothingOfAStreamsRequestThatIsNoInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    answerOn(called);
+    for (const phone::Transport transport : {phone::Transport::udp, phone::Transport::tcp}) {
+        Phone caller("bob", "oryx.example", m_port, "127.0.0.1", transport);
+        const Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+        caller.send(request);
+        called.send(called.response(called.receive(), 200, "OK"));
+        EXPECT_EQ(answers(caller), "200");
+        caller.send(request);
+        if (transport == phone::Transport::tcp) {
+            called.send(called.response(called.receive(), 202, "Accepted"));
+            EXPECT_EQ(answers(caller), "202");
+        } else {
+            EXPECT_EQ(answers(caller), "200");
+            EXPECT_TRUE(called.socket().silent());
+        }
+    }
+}
+
 /// Section 17.2.1: a caller who hears nothing for half a second asks again, however long the database takes.
 TEST_F(Proxy, SaysOnceThatItTriesBeforeItKnowsWhere)
 {
