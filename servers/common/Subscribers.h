@@ -43,6 +43,7 @@ private:
     /// What is kept in place of a subscriber's password.
     struct Secrets {
         Verdict verdict = Verdict::failed; // for whoever is right
+        std::string realm;                 // which they are for: requests with the last one may still come
         std::string user;
         std::string sha256;
         std::string md5;

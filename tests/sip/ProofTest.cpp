@@ -1,0 +1,92 @@
+// What the servers remember of those who have proved who they are.
+
+#include "sip/SipTest.h"
+
+#include <common/Database.h>
+#include <common/Subscribers.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <set>
+
+namespace proofTest {
+
+namespace {
+
+using namespace oryx::sip;
+
+class KeptSecrets : public SipTest {
+protected:
+    KeptSecrets()
+        : m_options(optionsFor(m_database)), m_provisioning(m_options, [this](const oryx::ChangeSet& changes) {
+              const std::lock_guard lock(m_mutex);
+              for (const oryx::ChangedTable& table : changes.tables) {
+                  m_heard.insert(table.name);
+              }
+              m_news.notify_all();
+          })
+    {
+        hear("subscriber"); // all tables are named at first
+    }
+    static Options optionsFor(const server::Database& database)
+    {
+        Options options;
+        options.database = database.uri();
+        options.user = server::kUser;
+        options.password = server::kPassword;
+        return options;
+    }
+    /// Waits until that table's change has been heard of and taken in.
+    void hear(const std::string& table)
+    {
+        std::unique_lock lock(m_mutex);
+        EXPECT_TRUE(m_news.wait_for(lock, std::chrono::seconds(20), [&] { return m_heard.count(table) != 0; }))
+            << table;
+        m_heard.clear();
+    }
+    /// Has alice prove who she is, with a nonce of her own.
+    Verdict prove(const std::string& realm)
+    {
+        const Address alice{"alice", "oryx.example"};
+        Credentials credentials;
+        credentials.user = "alice";
+        credentials.realm = realm;
+        credentials.nonce = m_nonces.make(alice.key());
+        credentials.uri = "sip:oryx.example";
+        // All of these are hashes of three words with colons between them.
+        const std::string request = secretOf(Algorithm::md5, "REGISTER", "sip", "oryx.example");
+        const std::string secret = secretOf(Algorithm::md5, "alice", realm, "alice's");
+        credentials.response = secretOf(Algorithm::md5, secret, credentials.nonce, request);
+        return m_subscribers.authenticate(alice, credentials, "REGISTER", [this](oryx::SubscriberRecord& subscriber) {
+            ++m_read;
+            subscriber.setUserId("alice");
+            subscriber.setPassword("alice's");
+            subscriber.setActive('t');
+            return oryx::DatabaseResult();
+        });
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_news;
+    std::set<std::string> m_heard;
+    Options m_options;
+    Provisioning m_provisioning;
+    Nonces m_nonces;
+    Subscribers m_subscribers{m_provisioning, m_nonces};
+    int m_read = 0;
+};
+
+/// A request that was challenged with the old realm may come to a worker after the news of the new one.
+TEST_F(KeptSecrets, AreOfOneRealm)
+{
+    for (const char* const realm : {"old.example", "new.example", "old.example"}) {
+        EXPECT_EQ(prove(realm), Verdict::accepted) << realm;
+    }
+    EXPECT_EQ(m_read, 3);
+    EXPECT_EQ(prove("old.example"), Verdict::accepted);
+    EXPECT_EQ(m_read, 3);
+}
+
+} // namespace
+
+} // namespace proofTest
