@@ -87,6 +87,25 @@ TEST_F(KeptSecrets, AreOfOneRealm)
     EXPECT_EQ(m_read, 3);
 }
 
+/// Conferences come and go by the minute; all subscribers would be read again each time.
+TEST_F(KeptSecrets, OutliveChangesOfWhatIsNoSubscribers)
+{
+    EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
+    for (const char* const table : {"conf_state", "conf_state_reset", "extension", "acp", "access_control_list"}) {
+        sql(std::string("DELETE FROM ") + table + " WHERE false");
+        hear(table);
+        EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
+        EXPECT_EQ(m_read, 1) << table;
+    }
+    for (const char* const table : {"subscriber", "public_address", "contact_set"}) {
+        const int before = m_read;
+        sql(std::string("DELETE FROM ") + table + " WHERE false");
+        hear(table);
+        EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
+        EXPECT_EQ(m_read, before + 1) << table;
+    }
+}
+
 } // namespace
 
 } // namespace proofTest
