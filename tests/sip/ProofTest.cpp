@@ -5,7 +5,10 @@
 #include <common/Database.h>
 #include <common/Subscribers.h>
 
+#include <array>
+#include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <mutex>
 #include <set>
 
@@ -104,6 +107,59 @@ TEST_F(KeptSecrets, OutliveChangesOfWhatIsNoSubscribers)
         EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
         EXPECT_EQ(m_read, before + 1) << table;
     }
+}
+
+/// They come from anybody, whatever they say.
+TEST(Nonces, AreNotFreshBecauseTheySaySo)
+{
+    const Nonces nonces;
+    const std::string made = nonces.make(1);
+    EXPECT_TRUE(nonces.fresh(made, 1));
+    EXPECT_FALSE(nonces.fresh(made, 2));
+    for (const char* const time : {"9999999999", "-999999999", "0000000000", "         9", "nonce     "}) {
+        EXPECT_FALSE(nonces.fresh(time + made.substr(10), 1)) << time;
+    }
+    EXPECT_FALSE(nonces.fresh(made.substr(0, 42), 1));
+}
+
+/// As `Nonces` makes it: the second that it was made in, and what no other has.
+std::string nonce(int secondsAgo, std::size_t number)
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto made = std::chrono::duration_cast<std::chrono::seconds>(now).count() - secondsAgo;
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%010lld%016zx", static_cast<long long>(made), number);
+    return text.data();
+}
+
+/// RFC 7616 section 5.12; of a nonce of which nobody can know, none may be used.
+TEST(NonceCounts, AreKeptForSoManyNonces)
+{
+    constexpr const char* kFirst = "00000001";
+    constexpr const char* kSecond = "00000002";
+    NonceCounts counts;
+    std::size_t number = 10;
+    const auto fill = [&] {
+        for (std::size_t i = 0; i < NonceCounts::kMost; ++i) {
+            ASSERT_TRUE(counts.use(nonce(-60, ++number), kFirst)); // younger than any time at which some are forgotten
+        }
+    };
+    const std::string remembered = nonce(60, 1);
+    const std::string forgotten = nonce(60, 2);
+    const std::string unused = nonce(60, 3);
+    EXPECT_TRUE(counts.use(remembered, kFirst));
+    EXPECT_TRUE(counts.use(forgotten, kFirst));
+    fill();
+    EXPECT_FALSE(counts.use(remembered, kFirst));
+    EXPECT_TRUE(counts.use(remembered, kSecond));
+    fill();
+    EXPECT_FALSE(counts.use(remembered, kSecond));
+    EXPECT_TRUE(counts.use(remembered, "00000003"));
+    for (const std::string& old : {forgotten, unused}) {
+        EXPECT_FALSE(counts.use(old, kFirst));
+        EXPECT_FALSE(counts.use(old, kSecond));
+    }
+    EXPECT_TRUE(counts.use(nonce(-60, 4), kFirst));
 }
 
 } // namespace
