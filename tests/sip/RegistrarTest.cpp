@@ -463,6 +463,12 @@ TEST_F(Registrar, BindsNothingThatAsksForTls)
     request.first = "REGISTER sips:oryx.example SIP/2.0";
     EXPECT_EQ(status(alice.ask(request)), "416 Unsupported URI Scheme");
     EXPECT_EQ(bindings(), "");
+    // What is there all the same, as of a server that has TLS, may go.
+    for (const char* const removed : {"<sips:alice@192.0.2.1>;expires=0", "<SIPS:alice@192.0.2.1>", "*"}) {
+        sql("INSERT INTO contact (csid, address, expires) VALUES (1, 'sips:alice@192.0.2.1', 4000000000)");
+        EXPECT_EQ(status(alice.ask(alice.registration(removed, 0))), "200 OK") << removed;
+        EXPECT_EQ(bindings(), "") << removed;
+    }
     // Who has come by TLS to a server before this one says so.
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1;transport=tls>"))), "200 OK");
 }
