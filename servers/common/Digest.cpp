@@ -104,6 +104,14 @@ constexpr std::size_t kTimeDigits = 10;
 constexpr std::size_t kSaltBytes = 8;
 constexpr std::size_t kSealBytes = 16;
 
+/// When a nonce was made, by its own word: in whole seconds.
+std::chrono::seconds timeOf(std::string_view nonce)
+{
+    std::int64_t seconds = 0;
+    std::from_chars(nonce.data(), nonce.data() + kTimeDigits, seconds);
+    return std::chrono::seconds(seconds);
+}
+
 } // namespace
 
 std::string secretOf(Algorithm algorithm, std::string_view user, std::string_view realm, std::string_view password)
@@ -171,12 +179,10 @@ bool Nonces::fresh(std::string_view nonce, std::size_t key) const
         return false;
     }
     const std::string_view time = nonce.substr(0, nonce.size() - 2 * kSealBytes);
-    std::int64_t made = 0;
-    std::from_chars(time.data(), time.data() + kTimeDigits, made);
-    const std::chrono::seconds age =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch()) -
-        std::chrono::seconds(made);
-    return age < kLife && sodium_memcmp(sealed(time, key).data(), nonce.data() + time.size(), 2 * kSealBytes) == 0;
+    const auto now =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch());
+    return now - timeOf(nonce) < kLife &&
+           sodium_memcmp(sealed(time, key).data(), nonce.data() + time.size(), 2 * kSealBytes) == 0;
 }
 
 std::string Nonces::sealed(std::string_view time, std::size_t key) const
@@ -198,6 +204,10 @@ bool NonceCounts::use(std::string_view nonce, std::string_view count)
     std::uint64_t key = 0;
     std::from_chars(nonce.data() + kTimeDigits, nonce.data() + kTimeDigits + 2 * kSaltBytes, key, 16);
     const auto before = m_usedBefore.find(key);
+    const bool known = before != m_usedBefore.end() || m_used.contains(key);
+    if (!known && timeOf(nonce) < m_sinceBefore.time_since_epoch()) { // it may have been used, and forgotten
+        return false;
+    }
     std::uint32_t& used = m_used.try_emplace(key, before != m_usedBefore.end() ? before->second : 0).first->second;
     if (value <= used) {
         return false;
@@ -209,10 +219,10 @@ bool NonceCounts::use(std::string_view nonce, std::string_view count)
 /// Nonces that are not accepted any more need no count.
 void NonceCounts::forgetOld()
 {
-    const auto now = std::chrono::steady_clock::now();
-    if (now - m_since >= Nonces::kLife) {
+    const auto now = Clock::now();
+    if (now - m_since >= Nonces::kLife || m_used.size() >= kMost) {
         m_usedBefore = std::exchange(m_used, {});
-        m_since = now;
+        m_sinceBefore = std::exchange(m_since, now);
     }
 }
 

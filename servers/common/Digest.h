@@ -67,18 +67,24 @@ private:
 /// Which nonce counts have been used, so that nobody sends another's request again (RFC 7616 section 5.12).
 class NonceCounts {
 public:
-    /// Whether the count is higher than all before it with that nonce, which is a fresh one; it is used then.
+    /// Whether the count is higher than all before it with that nonce, which is a fresh one; it is used then. Of a
+    /// nonce that is older than what is remembered nobody knows, and none can be used.
     bool use(std::string_view nonce, std::string_view count);
 
+    /// After so many nonces those before them are forgotten, as with time: whoever has a password can have any number.
+    static constexpr std::size_t kMost = 100000;
+
 private:
+    using Clock = std::chrono::steady_clock;
     /// The highest count by the nonce's random part.
     using Counts = std::unordered_map<std::uint64_t, std::uint32_t>;
 
     void forgetOld();
 
     Counts m_used;
+    Clock::time_point m_since = Clock::now();
     Counts m_usedBefore; // which nonces that are still fresh may be in
-    std::chrono::steady_clock::time_point m_since = std::chrono::steady_clock::now();
+    Clock::time_point m_sinceBefore = Clock::time_point::min();
 };
 
 /// Answers a request with a challenge for each algorithm: 401, or 407 for a proxy's. `stale` says that the credentials

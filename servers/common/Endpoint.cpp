@@ -255,7 +255,8 @@ void Endpoint::take(Message message, sip_t* sip)
         return;
     }
     // The stack tells which socket brought a request only while it hands it over: an answer without a transaction would
-    // leave by the first one later. A stream brings each request once, and its transactions end with their answers.
+    // leave by the first one later. A stream brings each request once, and the transaction of one that is answered here
+    // ends with its answer.
     tport_t* const socket = tport_delivered_by(nta_agent_tports(m_agent), message.get());
     std::optional<Answers::Mark> mark;
     const bool brief = m_isBrief && m_isBrief(*sip);

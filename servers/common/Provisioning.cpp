@@ -28,6 +28,12 @@ bool isProvisioned(const ChangedTable& table)
     return table.name != "publication";
 }
 
+/// What subscribers' secrets are read from; conferences, say, come and go by the minute.
+bool isOfSubscribers(const ChangedTable& table)
+{
+    return table.name == "subscriber" || table.name == "public_address" || table.name == "contact_set";
+}
+
 } // namespace
 
 Provisioning::Provisioning(const Options& options, OnChanges onChanges)
@@ -38,8 +44,10 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
     m_executor.setSessionOptions(sessionOptions());
     m_thread = std::thread([this] {
         m_listener.run([this](const ChangeSet& changes) {
-            if (std::any_of(changes.tables.begin(), changes.tables.end(), isProvisioned)) {
+            if (std::any_of(changes.tables.begin(), changes.tables.end(), isOfSubscribers)) {
                 m_changes.fetch_add(1, std::memory_order_release);
+            }
+            if (std::any_of(changes.tables.begin(), changes.tables.end(), isProvisioned)) {
                 readDomainsAtLast();
             }
             if (m_onChanges) {

@@ -16,7 +16,7 @@
 
 namespace oryx::sip {
 
-/// What provisioning has decided and servers keep: the domains that are served, and how often anything has changed.
+/// What provisioning has decided and servers keep: the domains that are served, and how often subscribers have changed.
 /// Heard of, or looked for, on threads of its own.
 class Provisioning {
 public:

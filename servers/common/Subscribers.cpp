@@ -37,7 +37,7 @@ const Subscribers::Secrets& Subscribers::secretsOf(const Address& address, const
         m_secretsOf = changes;
     }
     const auto known = m_secrets.find(address.text());
-    if (known != m_secrets.end() &&
+    if (known != m_secrets.end() && known->second.realm == realm &&
         (m_provisioning.listening() || std::chrono::steady_clock::now() - known->second.read <= kSecretsAge)) {
         return known->second;
     }
@@ -68,6 +68,7 @@ Subscribers::Secrets Subscribers::readSecrets(const std::string& realm, const Lo
         return secrets;
     }
     secrets.verdict = subscriber.active() == "t" ? Verdict::accepted : Verdict::barred;
+    secrets.realm = realm;
     secrets.user = subscriber.userId();
     secrets.sha256 = secretOf(Algorithm::sha256, secrets.user, realm, subscriber.password());
     secrets.md5 = secretOf(Algorithm::md5, secrets.user, realm, subscriber.password());

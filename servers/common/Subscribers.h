@@ -24,7 +24,7 @@ enum class Verdict {
     failed, ///< nobody could be asked
 };
 
-/// Who can prove who he is; what has been read of subscribers is kept until provisioning changes, which must be heard
+/// Who can prove who he is; what has been read of subscribers is kept until one of them changes, which must be heard
 /// of. Of one worker: all that is about an address comes to the same.
 class Subscribers {
 public:
@@ -43,6 +43,7 @@ private:
     /// What is kept in place of a subscriber's password.
     struct Secrets {
         Verdict verdict = Verdict::failed; // for whoever is right
+        std::string realm;                 // which they are for: requests with the last one may still come
         std::string user;
         std::string sha256;
         std::string md5;
@@ -57,7 +58,7 @@ private:
     NonceCounts m_counts;
     std::unordered_map<std::string, Secrets> m_secrets; // of those who can be right
     Secrets m_unkept;                                   // of the last who cannot
-    unsigned m_secretsOf = 0;                           // the state of provisioning that they are from
+    unsigned m_secretsOf = 0;                           // the count of changes that they are from
 };
 
 } // namespace oryx::sip

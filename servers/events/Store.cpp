@@ -47,10 +47,10 @@ std::optional<Subscription> subscriptionOf(const PresenceRecord& dialog)
     Scratch scratch;
     const url_t* const uri = url_make(scratch.home(), dialog.requestUri().c_str());
     const sip_from_t* const from = sip_from_make(scratch.home(), dialog.fromhdr().c_str());
+    const url_t* const contact = url_make(scratch.home(), dialog.remotecontacthdr().c_str());
     const bool routes =
         dialog.routeset().empty() || sip_route_make(scratch.home(), dialog.routeset().c_str()) != nullptr;
-    if (package == kPackageIds.end() || uri == nullptr || from == nullptr || !routes ||
-        url_make(scratch.home(), dialog.remotecontacthdr().c_str()) == nullptr) {
+    if (package == kPackageIds.end() || uri == nullptr || from == nullptr || contact == nullptr || !routes) {
         return std::nullopt;
     }
     const std::optional<Address> presentity = addressOf(*uri);
@@ -59,6 +59,7 @@ std::optional<Subscription> subscriptionOf(const PresenceRecord& dialog)
         return std::nullopt;
     }
     Subscription read{dialog, static_cast<Package>(package - kPackageIds.begin()), *presentity, *watcher};
+    read.dialog.SetRemotecontacthdr(normalized(*contact).c_str()); // an earlier version has stored it as it was written
     if (read.package == Package::presenceList) {
         read.presentity.handle = userOf(*uri);
     }

@@ -148,7 +148,9 @@ void Fork::tryNext()
     if (!m_decided) {
         answerBest();
     }
-    m_linger.set(kLinger);
+    // A 2xx of an INVITE may come again. Where nothing was answered, the request may: its transaction is silent then.
+    // Any other answer stays with the stack, for as long as somebody may ask for it again.
+    m_linger.set(isInvite() || !m_request->answered() ? kLinger : std::chrono::seconds::zero());
 }
 
 /// The next hops, all or those of the same preference.
@@ -160,6 +162,8 @@ void Fork::tryThose()
     }
     if (m_tried < m_hops.size()) {
         m_patience.set(isInvite() ? kRinging : kAnswering);
+    } else {
+        m_patience.cancel(); // what those before have left of theirs, where they could not be sent to
     }
 }
 
@@ -241,7 +245,7 @@ void Fork::take(Branch& branch, const sip_t* sip)
         if (!std::exchange(branch.heard, true) && branch.cancelled) {
             sendCancel(branch);
         }
-        if (status > 100 && response && !m_decided) {
+        if (status > 100 && response && !m_decided && isInvite()) { // nobody else waits for it (RFC 4320 section 4.1)
             if (!branch.cancelled) {        // who was told to stop is waited for by m_giveUp alone
                 branch.timerC.set(kTimerC); // section 16.7, item 2
             }

@@ -101,8 +101,9 @@ bool Registrar::readContact(Incoming& request, const sip_contact_t& contact, Reg
     read.contactHeader = headerText(one);
     read.qvalue = contact.m_q != nullptr ? contact.m_q : "";
     // A sips contact wants calls to come by TLS all the way (RFC 5630 section 5.4). Most telephones that have come by
-    // TLS to a server before this one write sip and transport=tls, and want no more than their calls.
-    const bool wantsTls = contact.m_url->url_type == url_sips;
+    // TLS to a server before this one write sip and transport=tls, and want no more than their calls. One that has been
+    // stored before may be removed.
+    const bool wantsTls = contact.m_url->url_type == url_sips && read.expires > 0;
     if (wantsTls || !wex::Uri(read.address).isValid() || !isPreference(read.qvalue) || !fits(read.address) ||
         !fits(read.contactHeader) || !fits(read.qvalue) || order.contacts.size() == kMostContacts) {
         request.answer(SIP_400_BAD_REQUEST);

@@ -22,11 +22,16 @@ protected:
         ASSERT_EQ(status(telephone.ask(telephone.registration("<" + telephone.contact() + ">" + parameters))),
                   "200 OK");
     }
+    /// Alice's, and tried after those that she has with a higher q.
+    void answerInTurn(Phone& last)
+    {
+        sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
+        answerOn(last, ";q=0.3");
+    }
     /// Both are alice's, and tried one after the other.
     void answerInTurn(Phone& first, Phone& second)
     {
-        sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1");
-        answerOn(second, ";q=0.3");
+        answerInTurn(second);
         answerOn(first, ";q=0.9");
     }
     Phone alice() const { return {"alice", "oryx.example", m_port}; }
@@ -437,6 +442,12 @@ TEST_F(Proxy, SaysWhereItCannotSendAnything)
         caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
         called.send(called.response(called.receive(), 486, "Busy Here"));
         EXPECT_EQ(answers(caller), "486") << nowhere;
+        sql("DELETE FROM contact WHERE NOT permanent; UPDATE contact SET qvalue = '0.9'");
+        answerInTurn(called);
+        caller.send(invite(caller)); // the next one at once
+        called.send(called.response(called.receive(1000), 200, "OK"));
+        EXPECT_EQ(answers(caller), "100, 200") << nowhere;
+        sql("UPDATE contact_set SET ordering = 'parallel' WHERE csid = 1");
     }
 }
 
@@ -474,6 +485,48 @@ TEST_F(Proxy, SendsNoTimeoutForAnythingButAnInvite)
     EXPECT_TRUE(caller.socket().silent());
     caller.send(request);
     EXPECT_TRUE(caller.socket().silent());
+}
+
+/// RFC 4320 section 4.1: not even where a telephone does.
+TEST_F(Proxy, SendsNothingProvisionalForAnythingButAnInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    for (const char* const method : {"MESSAGE", "OPTIONS"}) {
+        caller.send(caller.request(method, "sip:alice@oryx.example"));
+        const Message passed = called.receive();
+        called.send(called.response(passed, 100, "Trying"));
+        called.send(called.response(passed, 183, "Session Progress"));
+        EXPECT_TRUE(caller.socket().silent()) << method;
+        called.send(called.response(passed, 200, "OK"));
+        EXPECT_EQ(answers(caller), "200") << method;
+    }
+}
+
+/// Section 17.2.2: by UDP an answer is there for whoever sends the same again. A stream brings each request once, so
+/// what is answered needs no transaction any more; it was kept for 32 s, and 50,000 are all there may be.
+TEST_F(Proxy, KeepsNothingOfAStreamsRequestThatIsNoInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    answerOn(called);
+    for (const phone::Transport transport : {phone::Transport::udp, phone::Transport::tcp}) {
+        Phone caller("bob", "oryx.example", m_port, "127.0.0.1", transport);
+        const Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+        caller.send(request);
+        called.send(called.response(called.receive(), 200, "OK"));
+        EXPECT_EQ(answers(caller), "200");
+        caller.send(request);
+        if (transport == phone::Transport::tcp) {
+            called.send(called.response(called.receive(), 202, "Accepted"));
+            EXPECT_EQ(answers(caller), "202");
+        } else {
+            EXPECT_EQ(answers(caller), "200");
+            EXPECT_TRUE(called.socket().silent());
+        }
+    }
 }
 
 /// Section 17.2.1: a caller who hears nothing for half a second asks again, however long the database takes.

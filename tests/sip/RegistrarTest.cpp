@@ -3,6 +3,8 @@
 #include "sip/SipTest.h"
 
 #include <chrono>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <regex>
 #include <thread>
@@ -16,6 +18,16 @@ using phone::Message;
 using phone::Phone;
 
 class Registrar : public SipTest {};
+
+/// The statement that the page of the servers has.
+std::string upgrade()
+{
+    std::ifstream page(ORYX_SCENARIOS "/../../../docs/servers.md");
+    const std::string text{std::istreambuf_iterator<char>(page), {}};
+    const std::string mark = "\n```sql\n";
+    const std::size_t begin = text.find(mark) + mark.size();
+    return text.substr(begin, text.find("```", begin) - begin);
+}
 
 /// Section 10.3, item 8.
 TEST_F(Registrar, StoresABindingAndListsIt)
@@ -463,6 +475,12 @@ TEST_F(Registrar, BindsNothingThatAsksForTls)
     request.first = "REGISTER sips:oryx.example SIP/2.0";
     EXPECT_EQ(status(alice.ask(request)), "416 Unsupported URI Scheme");
     EXPECT_EQ(bindings(), "");
+    // What is there all the same, as of a server that has TLS, may go.
+    for (const char* const removed : {"<sips:alice@192.0.2.1>;expires=0", "<SIPS:alice@192.0.2.1>", "*"}) {
+        sql("INSERT INTO contact (csid, address, expires) VALUES (1, 'sips:alice@192.0.2.1', 4000000000)");
+        EXPECT_EQ(status(alice.ask(alice.registration(removed, 0))), "200 OK") << removed;
+        EXPECT_EQ(bindings(), "") << removed;
+    }
     // Who has come by TLS to a server before this one says so.
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1;transport=tls>"))), "200 OK");
 }
@@ -485,6 +503,30 @@ TEST_F(Registrar, KnowsABindingHoweverItIsWritten)
     EXPECT_EQ(rows("SELECT count(*) FROM contact"), "3\n");
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@host.example;LINE=aB;TRANSPORT=Tcp;ob>", 0))), "200 OK");
     EXPECT_EQ(rows("SELECT count(*) FROM contact"), "2\n");
+}
+
+/// The page's statement takes those away that telephones have stored again, and nothing else.
+TEST_F(Registrar, LeavesNoBindingOfAnEarlierVersionAfterItsUpgrade)
+{
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    sql("INSERT INTO contact (csid, address, call_id, cseq, expires, permanent) VALUES"
+        " (1, 'sip:alice@Host.example;transport=TCP;ob', '" +
+        alice.callId +
+        "', 0, 4000000000, false),"
+        " (1, 'sip:alice@Host.example;transport=UDP;ob', '" +
+        alice.callId +
+        "', 0, 4000000000, false),"
+        " (1, 'SIP:alice@host.example;transport=tcp;ob', 'of another', 0, 4000000000, false),"
+        " (1, 'sip:alice@HOST.example;transport=tcp;ob', NULL, NULL, NULL, true)");
+    ASSERT_EQ(status(alice.ask(alice.registration("<sip:alice@Host.example;transport=TCP;ob>"))), "200 OK");
+    EXPECT_EQ(rows("SELECT count(*) FROM contact"), "5\n");
+    sql(upgrade());
+    EXPECT_EQ(rows("SELECT address COLLATE \"C\" FROM contact ORDER BY 1"),
+              "SIP:alice@host.example;transport=tcp;ob\n"
+              "sip:alice@HOST.example;transport=tcp;ob\n"
+              "sip:alice@Host.example;transport=UDP;ob\n"
+              "sip:alice@host.example;ob;transport=tcp\n");
 }
 
 /// Section 10.3, item 2.

@@ -441,6 +441,25 @@ TEST_F(Subscribing, EndsWithTheRegistrationThatItCameFrom)
     EXPECT_EQ(bindings(), "");
 }
 
+/// An earlier version stored contacts as they were written.
+TEST_F(Subscribing, EndsWithTheRegistrationHoweverItsContactWasStored)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    kill();
+    const std::string at = "bob@" + bob.phone().socket().hostPort();
+    sql("UPDATE subscription_states SET remotecontacthdr = 'SIP:" + at + ";Transport=UDP;Ob'");
+    startEvents();
+    EXPECT_EQ(bob.notified().first, "NOTIFY sip:" + at + ";ob;transport=udp SIP/2.0");
+    sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, 'sip:" + at + "', '<sip:" + at +
+        ";OB;transport=udp>;expires=60', extract(epoch FROM now())::int - 1)");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
+    EXPECT_EQ(stored(), "0\n");
+}
+
 /// As when it is refreshed in the moment between.
 TEST_F(Subscribing, StaysWithARegistrationThatIsNotTakenAway)
 {

@@ -113,6 +113,23 @@ TEST_F(Timers, OutliveATelephoneThatRingsOnWhenItWasToldToStop)
     EXPECT_EQ(status(caller.receive()), "200 OK");
 }
 
+/// Where one cannot be sent to, the next has all his own time: nobody comes after him.
+TEST_F(Timers, LetTheLastTelephoneRingWhereTheOneBeforeCannotBeCalled)
+{
+    sql("UPDATE contact_set SET ordering = 'sequential' WHERE csid = 1;"
+        "INSERT INTO contact (csid, address, qvalue, permanent) VALUES (1, 'tel:+4930123456', '0.9', true)");
+    ASSERT_EQ(status(called.ask(called.registration("<" + called.contact() + ">;q=0.3", 36000))), "200 OK");
+    caller.send(caller.request("INVITE", "sip:alice@oryx.example"));
+    EXPECT_EQ(caller.receive().status(), 100);
+    const Message offered = called.receive();
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(caller.receive().status(), 180);
+    setClock(60);
+    EXPECT_TRUE(called.socket().silent());
+    called.send(called.response(offered, 200, "OK"));
+    EXPECT_EQ(status(caller.receive()), "200 OK");
+}
+
 /// Section 17.1.1.2, Timer B: half a minute for the first word.
 TEST_F(Timers, EndACallToATelephoneThatSaysNothing)
 {
