@@ -106,7 +106,7 @@ const Subscription* Notifier::find(const std::string& id) const
 
 bool Notifier::hasEnough(const Subscription& another) const
 {
-    const std::set<Watch*>& his = m_ofWatcher.of(another.watcher.text());
+    const std::set<Watch*>& his = watchesOf(m_ofWatcher, another.watcher.text());
     const auto alike = [&](const Watch* watch) {
         const bool ofWatchers = watch->subscription.package == Package::watchers;
         return ofWatchers == (another.package == Package::watchers) &&
@@ -150,7 +150,7 @@ void Notifier::refresh(const Subscription& refreshed)
 
 void Notifier::publicationChanged(const std::string& presentity)
 {
-    for (Watch* const watch : m_watching.of(presentity)) {
+    for (Watch* const watch : watchesOf(m_watching, presentity)) {
         want(*watch, Want::news);
     }
 }
@@ -164,26 +164,26 @@ void Notifier::lookAgain()
 
 void Notifier::contactExpired(const std::string& watcher, const std::string& contact)
 {
-    for (Watch* const watch : m_ofWatcher.of(watcher)) {
+    for (Watch* const watch : watchesOf(m_ofWatcher, watcher)) {
         if (watch->subscription.dialog.remotecontacthdr() == contact) {
             wantEnd(*watch, "timeout");
         }
     }
 }
 
-void Notifier::Index::remove(const std::string& person, Watch& watch)
+void Notifier::remove(Index& index, const std::string& person, Watch& watch)
 {
-    const auto found = m_watches.find(person);
-    if (found != m_watches.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
-        m_watches.erase(found);
+    const auto found = index.find(person);
+    if (found != index.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
+        index.erase(found);
     }
 }
 
-const std::set<Notifier::Watch*>& Notifier::Index::of(const std::string& person) const
+const std::set<Notifier::Watch*>& Notifier::watchesOf(const Index& index, const std::string& person)
 {
     static const std::set<Watch*> none;
-    const auto found = m_watches.find(person);
-    return found != m_watches.end() ? found->second : none;
+    const auto found = index.find(person);
+    return found != index.end() ? found->second : none;
 }
 
 /// Whoever only fetches watches nobody.
@@ -194,9 +194,9 @@ Notifier::Watch& Notifier::insert(Subscription subscription, bool stored)
     watch.occasion.stored = stored;
     if (stored) {
         Index& watching = watch.subscription.package == Package::watchers ? m_watchingWatchers : m_watching;
-        watching.add(watch.subscription.presentity.text(), watch);
+        watching[watch.subscription.presentity.text()].insert(&watch);
     }
-    m_ofWatcher.add(watch.subscription.watcher.text(), watch);
+    m_ofWatcher[watch.subscription.watcher.text()].insert(&watch);
     return watch;
 }
 
@@ -335,10 +335,10 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
 {
     const std::set<std::string> before = std::exchange(watch.members, {members.begin(), members.end()});
     for (const std::string& member : before) {
-        m_watching.remove(member, watch);
+        remove(m_watching, member, watch);
     }
     for (const std::string& member : watch.members) {
-        m_watching.add(member, watch);
+        m_watching[member].insert(&watch);
         if (!before.contains(member)) { // what has happened between the look at him and now nobody has been told
             watch.wanted = std::max(watch.wanted, Want::news);
         }
@@ -397,9 +397,9 @@ void Notifier::finish(Watch& watch)
 void Notifier::erase(Watch& watch)
 {
     takeMembers(watch, {});
-    m_watching.remove(watch.subscription.presentity.text(), watch);
-    m_watchingWatchers.remove(watch.subscription.presentity.text(), watch);
-    m_ofWatcher.remove(watch.subscription.watcher.text(), watch);
+    remove(m_watching, watch.subscription.presentity.text(), watch);
+    remove(m_watchingWatchers, watch.subscription.presentity.text(), watch);
+    remove(m_ofWatcher, watch.subscription.watcher.text(), watch);
     m_watches.erase(std::string(watch.subscription.id()));
 }
 
@@ -407,7 +407,7 @@ void Notifier::erase(Watch& watch)
 void Notifier::watchersChanged(const Watch& watch)
 {
     if (watch.subscription.package == Package::presence && watch.occasion.stored) {
-        for (Watch* const other : m_watchingWatchers.of(watch.subscription.presentity.text())) {
+        for (Watch* const other : watchesOf(m_watchingWatchers, watch.subscription.presentity.text())) {
             want(*other, Want::anything);
         }
     }
@@ -417,7 +417,7 @@ std::vector<WatcherEntry> Notifier::watchersOf(const std::string& presentity) co
 {
     std::vector<WatcherEntry> entries;
     const std::time_t now = std::time(nullptr);
-    for (const Watch* const watch : m_watching.of(presentity)) {
+    for (const Watch* const watch : watchesOf(m_watching, presentity)) {
         const Subscription& subscription = watch->subscription;
         if (subscription.package != Package::presence) {
             continue;

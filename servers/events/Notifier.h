@@ -100,15 +100,10 @@ private:
     };
     using Watches = std::unordered_map<std::string, std::unique_ptr<Watch>>;
     /// The subscriptions that what happens to somebody concerns.
-    class Index {
-    public:
-        void add(const std::string& person, Watch& watch) { m_watches[person].insert(&watch); }
-        void remove(const std::string& person, Watch& watch);
-        const std::set<Watch*>& of(const std::string& person) const;
+    using Index = std::unordered_map<std::string, std::set<Watch*>>;
 
-    private:
-        std::unordered_map<std::string, std::set<Watch*>> m_watches;
-    };
+    static const std::set<Watch*>& watchesOf(const Index& index, const std::string& person);
+    static void remove(Index& index, const std::string& person, Watch& watch);
 
     void load();
     Watch& insert(Subscription subscription, bool stored);

@@ -2,13 +2,11 @@
 
 #include <common/Ending.h>
 #include <common/Endpoint.h>
-#include <common/Gate.h>
 #include <common/Server.h>
 #include <common/Workers.h>
 #include <events/Changes.h>
 #include <events/Notifier.h>
-#include <events/Publisher.h>
-#include <events/Subscriber.h>
+#include <events/Requests.h>
 #include <events/Sweeper.h>
 
 #include <memory>
@@ -40,9 +38,7 @@ void run(Loop& loop, const Options& options, int signals)
         });
     notifier.emplace(loop, *workers, options);
     sweeper.emplace(loop, *workers, *notifier);
-    Gate gate(options, provisioning, nonces);
-    Subscriber subscriber(gate, *workers, *notifier);
-    Publisher publisher(gate, *workers, *notifier);
+    Desk desk{Gate(options, provisioning, nonces), *workers, *notifier};
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
         if (method == sip_method_options) {
@@ -53,14 +49,14 @@ void run(Loop& loop, const Options& options, int signals)
         } else if (!notifier->resumed()) {
             request->answerUnavailable();
         } else if (method == sip_method_publish) {
-            publisher.take(request);
+            publish(desk, request);
         } else {
-            subscriber.take(request);
+            subscribe(desk, request);
         }
     };
     Endpoint endpoint(loop, metrics, options.listen, take, nullptr, nullptr, Endpoint::Merged::refused);
     notifier->setEndpoint(endpoint);
-    gate.setEndpoint(endpoint);
+    desk.gate.setEndpoint(endpoint);
     std::optional<MetricsPage> page;
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);

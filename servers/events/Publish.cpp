@@ -1,6 +1,6 @@
 // RFC 3903 section 6, its items in their order.
 
-#include <events/Publisher.h>
+#include <events/Requests.h>
 
 #include <common/Headers.h>
 #include <events/Documents.h>
@@ -91,7 +91,7 @@ bool readBody(Incoming& request, PublishOrder& order)
 }
 
 /// Items 3 to 6 in a worker, where the presentity and his publications are known.
-Published publish(EventSession& session, PublishOrder& order)
+Published carryOut(EventSession& session, PublishOrder& order)
 {
     Published published;
     PublishRequest& request = order.request;
@@ -138,21 +138,22 @@ void tell(Incoming& request, const Published& published)
 
 } // namespace
 
-void Publisher::take(const std::shared_ptr<Incoming>& request)
+void publish(const Desk& desk, const std::shared_ptr<Incoming>& request)
 {
     PublishOrder order;
-    if (!readPresentity(m_gate, *request, order) || !readEvent(*request, order) ||
-        !readPublishingSender(m_gate, *request, order) || !readEntityTag(*request, order) ||
-        !m_gate.readExpiry(*request, order.request.expires) || !readBody(*request, order)) {
+    if (!readPresentity(desk.gate, *request, order) || !readEvent(*request, order) ||
+        !readPublishingSender(desk.gate, *request, order) || !readEntityTag(*request, order) ||
+        !desk.gate.readExpiry(*request, order.request.expires) || !readBody(*request, order)) {
         return;
     }
-    const auto then = [this, request, presentity = order.sender.address.text()](const Published& published) {
+    const auto then = [&notifier = desk.notifier, request,
+                       presentity = order.sender.address.text()](const Published& published) {
         tell(*request, published);
         if (published.changed) {
-            m_notifier.publicationChanged(presentity);
+            notifier.publicationChanged(presentity);
         }
     };
-    m_gate.apply(m_workers, request, std::move(order), &publish, then);
+    desk.gate.apply(desk.workers, request, std::move(order), &carryOut, then);
 }
 
 } // namespace oryx::sip

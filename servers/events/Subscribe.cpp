@@ -1,7 +1,7 @@
 // RFC 6665 section 4.2.1, in its order: what a request must be, whether its subscription is known, for how long, and
 // who wants it; then, in a worker, whether he may.
 
-#include <events/Subscriber.h>
+#include <events/Requests.h>
 
 #include <common/Headers.h>
 #include <events/Rules.h>
@@ -202,18 +202,15 @@ SubscribeOrder prolong(EventSession& session, SubscribeOrder& order)
 /// Whether the watcher is granted what he asks for.
 bool isGranted(Incoming& request, const SubscribeOrder& order)
 {
-    switch (order.permission) {
-    case Permission::absent:
-        return request.refuse(SIP_404_NOT_FOUND);
-    case Permission::blocked:
-        return request.refuse(SIP_403_FORBIDDEN);
-    case Permission::unknown:
+    if (order.permission == Permission::unknown) {
         request.answerUnavailable();
         return false;
-    case Permission::allowed:
-    case Permission::unsettled:
-    case Permission::deceived:
-        break;
+    }
+    if (order.permission == Permission::absent) {
+        return request.refuse(SIP_404_NOT_FOUND);
+    }
+    if (order.permission == Permission::blocked) {
+        return request.refuse(SIP_403_FORBIDDEN);
     }
     return order.lists || order.subscription.package != Package::presenceList ||
            request.refuse(SIP_421_EXTENSION_REQUIRED, SIPTAG_REQUIRE_STR(kEventList));
@@ -228,52 +225,54 @@ void conclude(Incoming& request, const SubscribeOrder& order)
                    TAG_IF(order.subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR(kEventList)));
 }
 
-} // namespace
-
-void Subscriber::take(const std::shared_ptr<Incoming>& request)
-{
-    if (request->sip().sip_to->a_tag != nullptr) { // of a dialog
-        return refresh(request);
-    }
-    SubscribeOrder order;
-    if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
-        !m_gate.readExpiry(*request, order.expires) || !readParties(m_gate, *request, order) ||
-        !readDialog(*request, order) || !readWatcher(m_gate, *request, order) ||
-        !findsRoom(m_notifier, *request, order)) {
-        return;
-    }
-    const auto then = [this, request](SubscribeOrder accepted) {
-        if (isGranted(*request, accepted)) {
-            conclude(*request, accepted);
-            m_notifier.add(std::move(accepted.subscription), accepted.expires > 0);
-        }
-    };
-    m_gate.apply(m_workers, request, std::move(order), &admit, then);
-}
-
-void Subscriber::refresh(const std::shared_ptr<Incoming>& request)
+/// Of a request within a dialog.
+void refresh(const Desk& desk, const std::shared_ptr<Incoming>& request)
 {
     SubscribeOrder order;
     if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
-        !readKnown(m_notifier, *request, order) || !m_gate.readExpiry(*request, order.expires) ||
-        !readWatcher(m_gate, *request, order)) {
+        !readKnown(desk.notifier, *request, order) || !desk.gate.readExpiry(*request, order.expires) ||
+        !readWatcher(desk.gate, *request, order)) {
         return;
     }
-    const std::function<void()> forget = m_notifier.takeCseq(order.subscription);
+    const std::function<void()> forget = desk.notifier.takeCseq(order.subscription);
     if (!forget) { // RFC 3261 section 12.2.2
         return request->answer(500, "Request Is Out of Order");
     }
-    const auto then = [this, request](const SubscribeOrder& stored) {
+    const auto then = [&notifier = desk.notifier, request](const SubscribeOrder& stored) {
         if (!isGranted(*request, stored)) {
             return;
         }
-        if (m_notifier.find(stored.subscription.id()) == nullptr) { // it has ended meanwhile
+        if (notifier.find(stored.subscription.id()) == nullptr) { // it has ended meanwhile
             return request->answer(SIP_481_NO_TRANSACTION);
         }
         conclude(*request, stored);
-        m_notifier.refresh(stored.subscription);
+        notifier.refresh(stored.subscription);
     };
-    m_gate.apply(m_workers, request, std::move(order), &prolong, then, forget); // who proves nothing has sent nothing
+    desk.gate.apply(desk.workers, request, std::move(order), &prolong, then,
+                    forget); // who proves nothing has sent nothing
+}
+
+} // namespace
+
+void subscribe(const Desk& desk, const std::shared_ptr<Incoming>& request)
+{
+    if (request->sip().sip_to->a_tag != nullptr) { // of a dialog
+        return refresh(desk, request);
+    }
+    SubscribeOrder order;
+    if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
+        !desk.gate.readExpiry(*request, order.expires) || !readParties(desk.gate, *request, order) ||
+        !readDialog(*request, order) || !readWatcher(desk.gate, *request, order) ||
+        !findsRoom(desk.notifier, *request, order)) {
+        return;
+    }
+    const auto then = [&notifier = desk.notifier, request](SubscribeOrder accepted) {
+        if (isGranted(*request, accepted)) {
+            conclude(*request, accepted);
+            notifier.add(std::move(accepted.subscription), accepted.expires > 0);
+        }
+    };
+    desk.gate.apply(desk.workers, request, std::move(order), &admit, then);
 }
 
 } // namespace oryx::sip
