@@ -50,8 +50,8 @@ Notifier::Watch::Watch(Notifier& of, Subscription what)
 {
 }
 
-Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options)
-    : m_loop(loop), m_workers(workers), m_options(options), m_retry(loop, [this] { retry(); })
+Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient)
+    : m_loop(loop), m_workers(workers), m_patient(patient), m_retry(loop, [this] { retry(); })
 {
 }
 
@@ -63,7 +63,7 @@ void Notifier::resume(std::function<void()> resumed)
 
 void Notifier::load()
 {
-    const auto work = [this](EventSession& /*session*/) { return loadSubscriptions(m_options); };
+    const auto work = [](EventSession& session) { return loadSubscriptions(session.service()); };
     const auto then = [this](std::optional<std::vector<Subscription>> loaded) {
         if (!loaded) {
             m_retry.set(kRetryPause);
@@ -78,9 +78,7 @@ void Notifier::load()
         m_loaded = true;
         m_resumed();
     };
-    if (!m_workers.give(0, work, then)) {
-        m_retry.set(kRetryPause);
-    }
+    m_patient.give(0, work, then); // which has nothing else to do yet
 }
 
 /// Tells what there is now, for nobody knows what has changed; if its time is over, with its end.
@@ -162,10 +160,16 @@ void Notifier::lookAgain()
     }
 }
 
+bool Notifier::comesFrom(const std::string& watcher, const std::string& contact) const
+{
+    const std::set<Watch*>& his = watchesOf(m_ofWatcher, watcher);
+    return std::any_of(his.begin(), his.end(), [&](const Watch* watch) { return watch->contact() == contact; });
+}
+
 void Notifier::contactExpired(const std::string& watcher, const std::string& contact)
 {
     for (Watch* const watch : watchesOf(m_ofWatcher, watcher)) {
-        if (watch->subscription.dialog.remotecontacthdr() == contact) {
+        if (watch->contact() == contact) {
             wantEnd(*watch, "timeout");
         }
     }

@@ -26,7 +26,8 @@ namespace oryx::sip {
 /// One that is refused for now is made again, a few times.
 class Notifier {
 public:
-    Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options);
+    /// What was stored is loaded by the patient one.
+    Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient);
     Notifier(const Notifier&) = delete;
     Notifier& operator=(const Notifier&) = delete;
 
@@ -57,7 +58,9 @@ public:
     void publicationChanged(const std::string& presentity);
     /// Anything may have changed.
     void lookAgain();
-    /// A registration of the watcher, "user@domain", has expired: what he has subscribed to from there ends.
+    /// Whether the watcher, "user@domain", has subscribed to anything from that contact.
+    bool comesFrom(const std::string& watcher, const std::string& contact) const;
+    /// His registration has expired: what he has subscribed to from there ends.
     void contactExpired(const std::string& watcher, const std::string& contact);
     /// Ends whatever is under way.
     void stop() { m_watches.clear(); }
@@ -83,6 +86,7 @@ private:
             rest.set(time);
         }
         void leave(Phase left) { phase = phase == left ? Phase::idle : phase; }
+        const std::string& contact() const { return subscription.dialog.remotecontacthdr(); }
         bool ending() const { return !occasion.ends.empty() || subscription.state == SubscriptionState::terminated; }
 
         Notifier& notifier;
@@ -128,7 +132,7 @@ private:
 
     Loop& m_loop;
     Workers<EventSession>& m_workers;
-    const Options& m_options;
+    Workers<EventSession>& m_patient;
     const Endpoint* m_endpoint = nullptr;
     Watches m_watches;
     Index m_watching;                  // presentity to subscriptions to his presence, by himself or by a list

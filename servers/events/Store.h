@@ -1,6 +1,5 @@
 #pragma once
 
-#include <common/Options.h>
 #include <events/Subscription.h>
 
 #include <dal/PresenceService.h>
@@ -18,9 +17,8 @@
 
 namespace oryx::sip {
 
-/// All that are stored, those that have expired among them; by a session of its own, that waits longer than requests
-/// do.
-std::optional<std::vector<Subscription>> loadSubscriptions(const Options& options);
+/// All that are stored, those that have expired among them.
+std::optional<std::vector<Subscription>> loadSubscriptions(PresenceService& service);
 /// Stores a new one.
 bool store(PresenceService& service, const Subscription& subscription);
 /// Stores what a refresh has changed: contact, CSeq and expiry.

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace oryx::sip {
 
@@ -26,50 +26,71 @@ std::string contactUri(const std::string& header)
     return contact != nullptr ? normalized(*contact->m_url) : "";
 }
 
-/// Whether what had expired has been registered again before it could be taken away.
-bool isThereAgain(PresenceService& service, const ExtendedContactRecord& expired)
+/// Whether what had expired has been registered again before it could be taken away; or perhaps has, where the database
+/// cannot be asked: what has been subscribed to from there ends by itself.
+bool isThereAgain(PresenceService& service, const ExtendedContactRecord& gone)
 {
-    const std::string uri = contactUri(expired.contactHeader());
     std::string ordering;
     bool replaces = false;
     std::vector<ContactRecord> contacts;
-    service.getPresenceDatabaseCommandExecutor()->lookupContacts(expired.sid(), ordering, replaces, contacts);
-    return std::any_of(contacts.begin(), contacts.end(),
-                       [&](const ContactRecord& contact) { return contactUri(contact.contactHeader()) == uri; });
+    const DatabaseResult found =
+        service.getPresenceDatabaseCommandExecutor()->lookupContacts(gone.sid(), ordering, replaces, contacts);
+    const auto same = [&](const ContactRecord& one) { return contactUri(one.contactHeader()) == gone.address(); };
+    return found.fatalError() || std::any_of(contacts.begin(), contacts.end(), same);
 }
 
-/// In a worker. What cannot be done now can be the next time.
-Swept sweptFrom(PresenceService& service)
+/// In the worker. What cannot be done now can be the next time.
+Swept sweptFrom(EventSession& session)
 {
     Swept swept;
-    removeExpiredPublications(service, swept.publications);
-    service.flushExpiredContacts(swept.contacts);
-    std::erase_if(swept.contacts, [&](const ExtendedContactRecord& expired) { return isThereAgain(service, expired); });
+    removeExpiredPublications(session.service(), swept.publications);
+    session.service().flushExpiredContacts(swept.contacts);
+    for (ExtendedContactRecord& gone : swept.contacts) {
+        gone.setAddress(contactUri(gone.contactHeader()).c_str());
+    }
     return swept;
+}
+
+std::string watcherAt(const ExtendedContactRecord& contact)
+{
+    return contact.handle() + "@" + contact.domain();
 }
 
 } // namespace
 
-Sweeper::Sweeper(Loop& loop, Workers<EventSession>& workers, Notifier& notifier)
-    : m_workers(workers), m_notifier(notifier), m_timer(loop, [this] { sweep(); })
+Sweeper::Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier)
+    : m_worker(worker), m_notifier(notifier), m_timer(loop, [this] { sweep(); })
 {
 }
 
 void Sweeper::sweep()
 {
-    const auto work = [](EventSession& session) { return sweptFrom(session.service()); };
-    const auto then = [this](const Swept& swept) {
+    const auto then = [this](Swept swept) {
         for (const ExpiredPublication& publication : swept.publications) {
             m_notifier.publicationChanged(publication.presentity);
         }
-        for (const ExtendedContactRecord& expired : swept.contacts) {
-            m_notifier.contactExpired(expired.handle() + "@" + expired.domain(), contactUri(expired.contactHeader()));
+        std::erase_if(swept.contacts, [this](const ExtendedContactRecord& gone) {
+            return !m_notifier.comesFrom(watcherAt(gone), gone.address());
+        });
+        end(std::move(swept.contacts));
+    };
+    m_worker.give(0, &sweptFrom, then); // which has nothing else to do
+}
+
+/// Ends what was subscribed to from contacts that are not there any more.
+void Sweeper::end(std::vector<ExtendedContactRecord> gone)
+{
+    auto work = [gone = std::move(gone)](EventSession& session) mutable {
+        std::erase_if(gone, [&](const ExtendedContactRecord& one) { return isThereAgain(session.service(), one); });
+        return std::move(gone);
+    };
+    const auto then = [this](const std::vector<ExtendedContactRecord>& ended) {
+        for (const ExtendedContactRecord& one : ended) {
+            m_notifier.contactExpired(watcherAt(one), one.address());
         }
         start();
     };
-    if (!m_workers.give(0, work, then)) {
-        start();
-    }
+    m_worker.give(0, std::move(work), then);
 }
 
 } // namespace oryx::sip

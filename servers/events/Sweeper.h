@@ -5,13 +5,16 @@
 #include <events/Notifier.h>
 #include <events/Session.h>
 
+#include <vector>
+
 namespace oryx::sip {
 
 /// Takes away, every few seconds, what has expired in the database with nobody asking for it: publications, and
-/// registrations with what has been subscribed to from there.
+/// registrations with what has been subscribed to from there. That may be very much: no request waits for its worker.
 class Sweeper {
 public:
-    Sweeper(Loop& loop, Workers<EventSession>& workers, Notifier& notifier);
+    /// The worker is one, and the sweeper's alone from `start` on.
+    Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier);
 
     void start() { m_timer.set(kPause); }
 
@@ -19,8 +22,9 @@ private:
     static constexpr std::chrono::milliseconds kPause{1000};
 
     void sweep();
+    void end(std::vector<ExtendedContactRecord> gone);
 
-    Workers<EventSession>& m_workers;
+    Workers<EventSession>& m_worker;
     Notifier& m_notifier;
     Timer m_timer;
 };

@@ -26,18 +26,24 @@ void run(Loop& loop, const Options& options, int signals)
     std::optional<Notifier> notifier;
     Changes changes(loop, notifier);
     const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
+    const auto newSession = [&] { return std::make_unique<EventSession>(options, provisioning, nonces); };
     std::optional<Sweeper> sweeper;
     std::optional<Workers<EventSession>> workers;
-    workers.emplace(
-        loop, metrics, options.workers, [&] { return std::make_unique<EventSession>(options, provisioning, nonces); },
-        [&] {
+    std::optional<Workers<EventSession>> patientOne; // for what no request waits for
+    int unconnected = 2;
+    const auto connected = [&] {
+        if (--unconnected == 0) {
             notifier->resume([&] {
                 sweeper->start(); // of what it takes away nobody hears again
                 tellReady();
             });
-        });
-    notifier.emplace(loop, *workers, options);
-    sweeper.emplace(loop, *workers, *notifier);
+        }
+    };
+    workers.emplace(loop, metrics, options.workers, newSession, connected);
+    patientOne.emplace(
+        loop, metrics, 1, [&] { return patient(newSession()); }, connected);
+    notifier.emplace(loop, *workers, *patientOne);
+    sweeper.emplace(loop, *patientOne, *notifier);
     Desk desk{Gate(options, provisioning, nonces), *workers, *notifier};
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
@@ -61,10 +67,11 @@ void run(Loop& loop, const Options& options, int signals)
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);
     }
-    const Ending ending(loop, endpoint, signals, [&] { return workers->idle(); });
+    const Ending ending(loop, endpoint, signals, [&] { return workers->idle() && patientOne->idle(); });
     loop.run();
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();
+    patientOne.reset();
     notifier->stop();
 }
 

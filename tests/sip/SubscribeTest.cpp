@@ -457,6 +457,41 @@ TEST_F(Subscribing, StaysWithARegistrationThatIsNotTakenAway)
     EXPECT_EQ(stored(), "1\n");
 }
 
+/// Whether it is registered again, nobody knows then.
+TEST_F(Subscribing, StaysWhereNobodyCanTellWhetherItsRegistrationDoes)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    sql("REVOKE SELECT ON subscriber FROM oryx_presence;"
+        "INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" +
+        bob.phone().contact() + "', '<" + bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    EXPECT_TRUE(bob.phone().socket().silent(2500));
+    EXPECT_EQ(bindings(), "");
+    EXPECT_EQ(stored(), "1\n");
+}
+
+/// As after an outage: all of them at once.
+TEST_F(Subscribing, DoesNotWaitForRegistrationsThatExpire)
+{
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--workers", "1"});
+    sql("INSERT INTO contact (csid, address, contact_header, expires)"
+        " SELECT 2, 'sip:bob@192.0.2.7:' || n, '<sip:bob@192.0.2.7:' || n || '>;expires=60', extract(epoch FROM now())::int - 1"
+        " FROM generate_series(1, 50000) n");
+    for (int tries = 0; tries < 200 && bindings() != ""; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    const auto begun = std::chrono::steady_clock::now();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+    EXPECT_EQ(bindings(), "");
+}
+
 TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
 {
     allow("bob@oryx.example");
