@@ -41,6 +41,7 @@ bool endsSubscription(int status)
 Notifier::Watch::Watch(Notifier& of, Subscription what)
     : notifier(of),
       subscription(std::move(what)),
+      lane(of.m_lanes[subscription.presentity.key() % of.m_lanes.size()]),
       cause("subscribe"),
       expiry(of.m_loop, [this] { notifier.schedule(*this); }),
       rest(of.m_loop, [this] {
@@ -51,8 +52,11 @@ Notifier::Watch::Watch(Notifier& of, Subscription what)
 }
 
 Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient)
-    : m_loop(loop), m_workers(workers), m_patient(patient), m_retry(loop, [this] { retry(); })
+    : m_loop(loop), m_workers(workers), m_patient(patient), m_lanes(workers.count()), m_retry(loop, [this] { load(); })
 {
+    for (std::size_t n = 0; n < m_lanes.size(); ++n) {
+        m_lanes[n].worker = n;
+    }
 }
 
 void Notifier::resume(std::function<void()> resumed)
@@ -240,25 +244,25 @@ void Notifier::begin(Watch& watch)
 {
     if (watch.wanted != Want::nothing && watch.phase == Phase::idle) {
         watch.phase = Phase::waiting;
-        (watch.subscription.dialog.notcseq() == 0 ? m_new : m_waiting).push_back(watch.subscription.id());
-        composeNext();
+        Lane& lane = watch.lane;
+        (watch.subscription.dialog.notcseq() == 0 ? lane.first : lane.other).push_back(watch.subscription.id());
+        composeNext(lane);
     }
 }
 
-/// A few at a time: whoever subscribes does not wait for all that a restart or a change of rules brings about.
-void Notifier::composeNext()
+void Notifier::composeNext(Lane& lane)
 {
-    while (!m_pausing && m_composing < kMostAtOnce && !(m_new.empty() && m_waiting.empty())) {
-        std::deque<std::string>& queue = m_new.empty() ? m_waiting : m_new;
+    bool room = true;
+    while (room && lane.composing < kMostAtOnce && !(lane.first.empty() && lane.other.empty())) {
+        std::deque<std::string>& queue = lane.first.empty() ? lane.other : lane.first;
         const auto next = m_watches.find(queue.front());
         queue.pop_front();
-        if (next != m_watches.end()) {
-            compose(*next->second);
-        }
+        room = next == m_watches.end() || compose(*next->second);
     }
 }
 
-void Notifier::compose(Watch& watch)
+/// False where the worker has no room.
+bool Notifier::compose(Watch& watch)
 {
     watch.occasion.always = watch.wanted == Want::anything;
     if (watch.subscription.package == Package::watchers) {
@@ -267,30 +271,19 @@ void Notifier::compose(Watch& watch)
     auto work = [subscription = watch.subscription, occasion = watch.occasion](EventSession& session) {
         return sip::compose(session.service(), subscription, occasion);
     };
-    auto then = [this, id = watch.subscription.id()](const Notice& made) {
-        --m_composing;
+    auto then = [this, &lane = watch.lane, id = watch.subscription.id()](const Notice& made) {
+        --lane.composing;
         take(id, made);
-        composeNext();
+        composeNext(lane);
     };
-    if (m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
-        ++m_composing;
-        watch.phase = Phase::underWay;
-        watch.wanted = Want::nothing;
-    } else {
-        m_pausing = true; // until the workers have room
-        m_retry.set(kRetryPause);
-        watch.phase = Phase::idle;
-        begin(watch);
+    if (!m_workers.give(watch.lane.worker, std::move(work), std::move(then))) {
+        watch.pauseFor(kRetryPause);
+        return false;
     }
-}
-
-void Notifier::retry()
-{
-    m_pausing = false;
-    if (!m_loaded) {
-        load();
-    }
-    composeNext();
+    ++watch.lane.composing;
+    watch.phase = Phase::underWay;
+    watch.wanted = Want::nothing;
+    return true;
 }
 
 /// What a worker has made.

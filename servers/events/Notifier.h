@@ -76,6 +76,14 @@ private:
         underWay, // is being made, or has not been answered
         resting,  // for a while, after what could not be done
     };
+    /// What one worker is to make, a few at a time: neither those that wait for another worker's rows in the database
+    /// wait with it, nor whoever subscribes for all that a restart or a change of rules brings about.
+    struct Lane {
+        std::size_t worker = 0;
+        std::deque<std::string> first; ///< Subscriptions that want their first NOTIFY made,
+        std::deque<std::string> other; ///< and those that want another.
+        std::size_t composing = 0;     ///< How many are being made.
+    };
     /// A subscription, and what is under way for it.
     struct Watch {
         Watch(Notifier& of, Subscription what);
@@ -91,6 +99,7 @@ private:
 
         Notifier& notifier;
         Subscription subscription;
+        Lane& lane;
         Occasion occasion;             ///< Of the NOTIFY that is under way, or of the last one.
         Phase phase = Phase::idle;     ///< Of that NOTIFY.
         Want wanted = Want::nothing;   ///< What another is to say.
@@ -116,9 +125,8 @@ private:
     void want(Watch& watch, Want what);
     void wantEnd(Watch& watch, const std::string& reason);
     void begin(Watch& watch);
-    void composeNext();
-    void compose(Watch& watch);
-    void retry();
+    void composeNext(Lane& lane);
+    bool compose(Watch& watch);
     void take(const std::string& id, const Notice& notice);
     void takeState(Watch& watch, const Notice& notice);
     void takeMembers(Watch& watch, const std::vector<std::string>& members);
@@ -135,13 +143,10 @@ private:
     Workers<EventSession>& m_patient;
     const Endpoint* m_endpoint = nullptr;
     Watches m_watches;
-    Index m_watching;                  // presentity to subscriptions to his presence, by himself or by a list
-    Index m_watchingWatchers;          // presentity to subscriptions to his watchers
-    Index m_ofWatcher;                 // watcher to his subscriptions
-    std::deque<std::string> m_new;     // those that want their first NOTIFY made
-    std::deque<std::string> m_waiting; // and those that want another
-    std::size_t m_composing = 0;       // how many are being made
-    bool m_pausing = false;            // the workers have no room
+    Index m_watching;         // presentity to subscriptions to his presence, by himself or by a list
+    Index m_watchingWatchers; // presentity to subscriptions to his watchers
+    Index m_ofWatcher;        // watcher to his subscriptions
+    std::vector<Lane> m_lanes;
     Timer m_retry;
     std::function<void()> m_resumed;
     bool m_loaded = false;

@@ -91,12 +91,13 @@ protected:
             " ('alice@oryx.example', '" +
             requester + "', '" + action + "', 'presence')");
     }
-    void publish(const std::string& tag = "tag", int seconds = 3600)
+    void publish(const std::string& tag = "tag", int seconds = 3600) { sql(publication("alice", tag, seconds)); }
+    static std::string publication(const std::string& handle, const std::string& tag = "tag", int seconds = 3600)
     {
-        sql("SELECT apply_publication('alice', 'oryx.example', 'presence', '', '" + tag + "', " +
-            std::to_string(seconds) +
-            ", 'application/pidf+xml', '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"" + kAlice +
-            "\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0)");
+        return "SELECT apply_publication('" + handle + "', 'oryx.example', 'presence', '', '" + tag + "', " +
+               std::to_string(seconds) +
+               ", 'application/pidf+xml', '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"sip:" + handle +
+               "@oryx.example\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0);";
     }
     std::string stored() { return rows("SELECT count(*) FROM subscription_states"); }
     void kill()
@@ -778,6 +779,42 @@ TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
     EXPECT_EQ(told(notify), "NOTIFY active open");
     EXPECT_EQ(notify.field("CSeq"), "2 NOTIFY");
     EXPECT_TRUE(bob.silent());
+}
+
+/// Only what the same worker does waits with it.
+TEST_F(Subscribing, IsToldOfOneWhileAnothersRowsAreLocked)
+{
+    constexpr int kLocked = 40;
+    constexpr int kOthers = 8;
+    allow("*");
+    startEvents({"--auth", "none", "--workers", "4"});
+    Watcher locked("bob", m_port);
+    for (int n = 0; n < kLocked; ++n) {
+        const std::string from = "<sip:locked" + std::to_string(n) + "@oryx.example>;tag=1";
+        EXPECT_EQ(status(locked.subscribe(locked.request(kAlice).set("From", from))), "200 OK");
+        locked.notified();
+    }
+    Watcher other("bob", m_port);
+    std::string published;
+    for (int n = 0; n < kOthers; ++n) {
+        const std::string handle = "other" + std::to_string(n);
+        const std::string address = "sip:" + handle + "@oryx.example";
+        sql("INSERT INTO public_address (csid, handle, sip_domain) VALUES (2, '" + handle + "', 'oryx.example')");
+        EXPECT_EQ(status(other.subscribe(other.request(address).set("From", "<" + address + ">;tag=1"))), "200 OK");
+        other.notified();
+        published += publication(handle);
+    }
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; SELECT FROM subscription_states WHERE fromhdr LIKE '%locked%' FOR UPDATE");
+    publish();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto begun = std::chrono::steady_clock::now();
+    sql(published);
+    for (int n = 0; n < kOthers / 2; ++n) {
+        EXPECT_EQ(told(other.notified()), "NOTIFY active open");
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(3));
+    holder.run("COMMIT");
 }
 
 /// As when PostgreSQL was restarted.
