@@ -21,7 +21,6 @@ namespace {
 
 constexpr const char* kPidf = "urn:ietf:params:xml:ns:pidf";
 constexpr const char* kDataModel = "urn:ietf:params:xml:ns:pidf:data-model"; // RFC 4479
-constexpr const char* kNewLine = "\r\n";
 /// Of one publication: a device has a few, and each costs time in every document that is composed.
 constexpr std::size_t kMostElements = 64;
 /// Bytes of a body; a datagram has some thousand more, for the header.
@@ -303,11 +302,8 @@ std::string boundaryBetween(const std::vector<ListMember>& members)
 void addPart(std::string& text, const std::string& boundary, const std::string& id, const char* type,
              const std::string& document)
 {
-    text.append("--").append(boundary).append(kNewLine);
-    text.append("Content-Transfer-Encoding: binary").append(kNewLine);
-    text.append("Content-ID: <").append(id).append(">").append(kNewLine);
-    text.append("Content-Type: ").append(type).append(kNewLine).append(kNewLine);
-    text.append(document).append(kNewLine);
+    text += "--" + boundary + "\r\nContent-Transfer-Encoding: binary\r\nContent-ID: <" + id +
+            ">\r\nContent-Type: " + type + "\r\n\r\n" + document + "\r\n";
 }
 
 void addResource(xmlNode* list, const ListMember& member, const std::string& contentId)
@@ -387,7 +383,7 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
     body.type =
         R"(multipart/related;type="application/rlmi+xml";start="<)" + rootId + R"(>";boundary=")" + boundary + '"';
     addPart(body.text, boundary, rootId, "application/rlmi+xml;charset=\"UTF-8\"", written(document));
-    body.text += parts + "--" + boundary + "--" + kNewLine;
+    body.text += parts + "--" + boundary + "--\r\n";
     return body;
 }
 

@@ -79,7 +79,6 @@ void Notifier::load()
         for (const auto& [id, watch] : m_watches) { // when all that watch a presentity are there
             proceed(*watch);
         }
-        m_loaded = true;
         m_resumed();
     };
     m_patient.give(0, work, then); // which has nothing else to do yet
@@ -97,6 +96,15 @@ void Notifier::add(Subscription subscription, bool stored)
     Watch& watch = insert(std::move(subscription), stored);
     proceed(watch);
     watchersChanged(watch);
+}
+
+void Notifier::discard(Subscription subscription, bool stored)
+{
+    Watch& watch = insert(std::move(subscription), false); // which nobody has watched by
+    watch.occasion.stored = stored;
+    watch.occasion.silent = true;
+    watch.occasion.ends = "rejected";
+    want(watch, Want::anything);
 }
 
 const Subscription* Notifier::find(const std::string& id) const
@@ -320,9 +328,9 @@ void Notifier::takeState(Watch& watch, const Notice& notice)
 {
     const bool ending = watch.ending();
     if (std::exchange(watch.subscription.state, notice.state) != notice.state && !ending) {
-        const bool active = notice.state == SubscriptionState::active;
-        const bool pending = notice.state == SubscriptionState::pending; // once more, after an approval
-        watch.cause = active ? "approved" : pending ? "subscribe" : notice.reason;
+        // Pending, once more, after an approval.
+        const char* const cause = notice.state == SubscriptionState::active ? "approved" : "subscribe";
+        watch.cause = notice.state == SubscriptionState::terminated ? notice.reason : cause;
         watchersChanged(watch);
     }
 }

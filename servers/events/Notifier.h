@@ -35,8 +35,6 @@ public:
     void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
     /// Goes on with what was stored before the server was started, and calls `resumed` then.
     void resume(std::function<void()> resumed);
-    /// Whether that has come about: until then nobody knows what there is.
-    bool resumed() const { return m_loaded; }
 
     /// Whether there are as many subscriptions as this server is to have, 100,000.
     bool full() const { return m_watches.size() >= kMostWatches; }
@@ -48,6 +46,8 @@ public:
     /// A new subscription, which gets its first NOTIFY. One that is not stored gets no other: its subscriber only
     /// fetches what is there (RFC 6665 section 4.4.3).
     void add(Subscription subscription, bool stored);
+    /// Has one taken away again that there was no room for after all; its subscriber hears nothing.
+    void discard(Subscription subscription, bool stored);
     /// A subscription that has not ended; null when there is none.
     const Subscription* find(const std::string& id) const;
     /// Takes over what a refresh has changed of a subscription that has not ended, and sends a NOTIFY
@@ -62,8 +62,6 @@ public:
     bool comesFrom(const std::string& watcher, const std::string& contact) const;
     /// His registration has expired: what he has subscribed to from there ends.
     void contactExpired(const std::string& watcher, const std::string& contact);
-    /// Ends whatever is under way.
-    void stop() { m_watches.clear(); }
 
 private:
     /// A subscription takes some thousand bytes, ten where everything in it is as long as it may be.
@@ -149,7 +147,6 @@ private:
     std::vector<Lane> m_lanes;
     Timer m_retry;
     std::function<void()> m_resumed;
-    bool m_loaded = false;
 };
 
 } // namespace oryx::sip

@@ -267,10 +267,14 @@ void subscribe(const Desk& desk, const std::shared_ptr<Incoming>& request)
         return;
     }
     const auto then = [&notifier = desk.notifier, request](SubscribeOrder accepted) {
-        if (isGranted(*request, accepted)) {
-            conclude(*request, accepted);
-            notifier.add(std::move(accepted.subscription), accepted.expires > 0);
+        if (!isGranted(*request, accepted)) {
+            return;
         }
+        if (!findsRoom(notifier, *request, accepted)) { // others were faster, or it is a list by its own name
+            return notifier.discard(std::move(accepted.subscription), accepted.expires > 0);
+        }
+        conclude(*request, accepted);
+        notifier.add(std::move(accepted.subscription), accepted.expires > 0);
     };
     desk.gate.apply(desk.workers, request, std::move(order), &admit, then);
 }

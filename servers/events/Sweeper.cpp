@@ -8,14 +8,16 @@
 #include <algorithm>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace oryx::sip {
 
 namespace {
 
+using Contacts = std::vector<ExtendedContactRecord>;
 struct Swept {
     std::vector<ExpiredPublication> publications;
-    std::vector<ExtendedContactRecord> contacts;
+    Contacts contacts;
 };
 
 /// The URI in a stored Contact header field; empty where it cannot be read.
@@ -28,13 +30,13 @@ std::string contactUri(const std::string& header)
 
 /// Whether what had expired has been registered again before it could be taken away; or perhaps has, where the database
 /// cannot be asked: what has been subscribed to from there ends by itself.
-bool isThereAgain(PresenceService& service, const ExtendedContactRecord& gone)
+bool isThereAgain(EventSession& session, const ExtendedContactRecord& gone)
 {
     std::string ordering;
     bool replaces = false;
     std::vector<ContactRecord> contacts;
-    const DatabaseResult found =
-        service.getPresenceDatabaseCommandExecutor()->lookupContacts(gone.sid(), ordering, replaces, contacts);
+    const DatabaseResult found = session.service().getPresenceDatabaseCommandExecutor()->lookupContacts(
+        gone.sid(), ordering, replaces, contacts);
     const auto same = [&](const ContactRecord& one) { return contactUri(one.contactHeader()) == gone.address(); };
     return found.fatalError() || std::any_of(contacts.begin(), contacts.end(), same);
 }
@@ -65,32 +67,26 @@ Sweeper::Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier)
 
 void Sweeper::sweep()
 {
-    const auto then = [this](Swept swept) {
-        for (const ExpiredPublication& publication : swept.publications) {
-            m_notifier.publicationChanged(publication.presentity);
-        }
-        std::erase_if(swept.contacts, [this](const ExtendedContactRecord& gone) {
-            return !m_notifier.comesFrom(watcherAt(gone), gone.address());
-        });
-        end(std::move(swept.contacts));
-    };
-    m_worker.give(0, &sweptFrom, then); // which has nothing else to do
-}
-
-/// Ends what was subscribed to from contacts that are not there any more.
-void Sweeper::end(std::vector<ExtendedContactRecord> gone)
-{
-    auto work = [gone = std::move(gone)](EventSession& session) mutable {
-        std::erase_if(gone, [&](const ExtendedContactRecord& one) { return isThereAgain(session.service(), one); });
-        return std::move(gone);
-    };
-    const auto then = [this](const std::vector<ExtendedContactRecord>& ended) {
-        for (const ExtendedContactRecord& one : ended) {
-            m_notifier.contactExpired(watcherAt(one), one.address());
+    const auto end = [this](const Contacts& gone) {
+        for (const ExtendedContactRecord& contact : gone) {
+            m_notifier.contactExpired(watcherAt(contact), contact.address());
         }
         start();
     };
-    m_worker.give(0, std::move(work), then);
+    const auto follow = [this, end](Swept swept) {
+        for (const ExpiredPublication& publication : swept.publications) {
+            m_notifier.publicationChanged(publication.presentity);
+        }
+        std::erase_if(swept.contacts, [this](const ExtendedContactRecord& contact) {
+            return !m_notifier.comesFrom(watcherAt(contact), contact.address());
+        });
+        auto look = [gone = std::move(swept.contacts)](EventSession& session) mutable {
+            std::erase_if(gone, [&](const ExtendedContactRecord& contact) { return isThereAgain(session, contact); });
+            return std::move(gone);
+        };
+        m_worker.give(0, std::move(look), end);
+    };
+    m_worker.give(0, &sweptFrom, follow); // which has nothing else to do
 }
 
 } // namespace oryx::sip

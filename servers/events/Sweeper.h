@@ -5,8 +5,6 @@
 #include <events/Notifier.h>
 #include <events/Session.h>
 
-#include <vector>
-
 namespace oryx::sip {
 
 /// Takes away, every few seconds, what has expired in the database with nobody asking for it: publications, and
@@ -22,7 +20,6 @@ private:
     static constexpr std::chrono::milliseconds kPause{1000};
 
     void sweep();
-    void end(std::vector<ExtendedContactRecord> gone);
 
     Workers<EventSession>& m_worker;
     Notifier& m_notifier;

@@ -1,5 +1,6 @@
 // oryx-events: presence, who watches it, and lists of it (RFC 6665, 3856, 3857, 4662), whose state is the database's.
 
+#include <common/Database.h>
 #include <common/Ending.h>
 #include <common/Endpoint.h>
 #include <common/Server.h>
@@ -9,6 +10,8 @@
 #include <events/Requests.h>
 #include <events/Sweeper.h>
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +21,15 @@ namespace {
 using namespace oryx::sip;
 
 constexpr const char* kAllow = "SUBSCRIBE, PUBLISH, OPTIONS";
+
+/// Has one wait longer than requests do, for what goes through whole tables.
+std::unique_ptr<EventSession> patient(std::unique_ptr<EventSession> session)
+{
+    oryx::SessionOptions options = sessionOptions();
+    options.deadline = std::max(options.deadline, std::chrono::milliseconds(30000));
+    session->service().setSessionOptions(options);
+    return session;
+}
 
 void run(Loop& loop, const Options& options, int signals)
 {
@@ -31,10 +43,12 @@ void run(Loop& loop, const Options& options, int signals)
     std::optional<Workers<EventSession>> workers;
     std::optional<Workers<EventSession>> patientOne; // for what no request waits for
     int unconnected = 2;
+    bool resumed = false; // until then nobody knows what there is
     const auto connected = [&] {
         if (--unconnected == 0) {
             notifier->resume([&] {
                 sweeper->start(); // of what it takes away nobody hears again
+                resumed = true;
                 tellReady();
             });
         }
@@ -52,7 +66,7 @@ void run(Loop& loop, const Options& options, int signals)
                            SIPTAG_ALLOW_EVENTS_STR(kAllowEvents));
         } else if (method != sip_method_subscribe && method != sip_method_publish) {
             request->answer(SIP_405_METHOD_NOT_ALLOWED, SIPTAG_ALLOW_STR(kAllow));
-        } else if (!notifier->resumed()) {
+        } else if (!resumed) {
             request->answerUnavailable();
         } else if (method == sip_method_publish) {
             publish(desk, request);
@@ -72,7 +86,7 @@ void run(Loop& loop, const Options& options, int signals)
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();
     patientOne.reset();
-    notifier->stop();
+    notifier.reset();
 }
 
 } // namespace

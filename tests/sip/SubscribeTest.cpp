@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <map>
 #include <random>
 #include <regex>
 #include <set>
@@ -100,6 +101,14 @@ protected:
                "@oryx.example\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0);";
     }
     std::string stored() { return rows("SELECT count(*) FROM subscription_states"); }
+    /// What nobody is told of happens some time.
+    bool storedBecomes(const std::string& count)
+    {
+        for (int tries = 0; tries < 100 && stored() != count; ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return stored() == count;
+    }
     void kill()
     {
         m_server->signal(SIGKILL);
@@ -989,6 +998,38 @@ TEST_F(Subscribing, CanBeHadEightTimes)
     EXPECT_EQ(status(bob.phone().ask(bob.request("sip:bob@oryx.example"))), "200 OK");
 }
 
+TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
+{
+    constexpr int kRequests = 100;
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--workers", "2"});
+    server::Session holder(m_database.name()); // so that all are there before the first is stored
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < kRequests; ++n) {
+        Message request = bob.request(kAlice);
+        bob.phone().send(request.set("Call-ID", "burst" + std::to_string(n)));
+    }
+    holder.run("COMMIT");
+    std::map<std::string, std::set<std::string>> calls; // by what they were told
+    for (int answered = 0; answered < kRequests;) {
+        const Message message = bob.phone().receive();
+        if (message.status() != 0) {
+            calls[status(message)].insert(message.field("Call-ID"));
+            ++answered;
+        } else {
+            calls["NOTIFY"].insert(message.field("Call-ID"));
+            bob.phone().send(bob.phone().response(message, 200, "OK"));
+        }
+    }
+    while (calls["NOTIFY"].size() < 8) {
+        calls["NOTIFY"].insert(bob.notified().field("Call-ID"));
+    }
+    EXPECT_EQ(calls["200 OK"].size(), 8U);
+    EXPECT_EQ(calls["NOTIFY"], calls["200 OK"]);
+    EXPECT_TRUE(storedBecomes("8\n"));
+}
+
 TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
 {
     allow("bob@oryx.example");
@@ -1210,6 +1251,24 @@ TEST_F(PresenceList, IsKnownByItsNameAsItIs)
 }
 
 /// RFC 4662 section 5.5: the same instance in each document.
+/// Also one whose name has capitals.
+TEST_F(PresenceList, CanBeSubscribedToEightTimes)
+{
+    sql("UPDATE buddy_list SET buddy_list_name = 'Friends'");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const auto subscribes = [&] {
+        return status(bob.subscribe(bob.request("sip:Friends@oryx.example").set("Supported", "eventlist")));
+    };
+    for (int n = 0; n < 8; ++n) {
+        EXPECT_EQ(subscribes(), "200 OK");
+        bob.notified();
+    }
+    EXPECT_EQ(subscribes(), "403 Forbidden");
+    EXPECT_TRUE(storedBecomes("8\n"));
+    EXPECT_TRUE(bob.silent());
+}
+
 TEST_F(PresenceList, KeepsTheNamesOfItsMembersInstances)
 {
     const auto instanceOfAlice = [](const Message& notify) {
