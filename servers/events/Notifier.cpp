@@ -3,7 +3,6 @@
 #include <events/Notifier.h>
 
 #include <events/Notify.h>
-#include <events/Store.h>
 
 #include <algorithm>
 #include <array>
@@ -77,7 +76,7 @@ void Notifier::load()
             insert(std::move(subscription), true);
         }
         for (const auto& [id, watch] : m_watches) { // when all that watch a presentity are there
-            proceed(*watch);
+            proceed(*watch, late);
         }
         m_resumed();
     };
@@ -85,10 +84,10 @@ void Notifier::load()
 }
 
 /// Tells what there is now, for nobody knows what has changed; if its time is over, with its end.
-void Notifier::proceed(Watch& watch)
+void Notifier::proceed(Watch& watch, Turn turn)
 {
     schedule(watch);
-    want(watch, Want::anything);
+    want(watch, Want::anything, turn);
 }
 
 void Notifier::add(Subscription subscription, bool stored)
@@ -168,7 +167,7 @@ void Notifier::publicationChanged(const std::string& presentity)
 void Notifier::lookAgain()
 {
     for (const auto& [id, watch] : m_watches) {
-        want(*watch, Want::news);
+        want(*watch, Want::news, late);
     }
 }
 
@@ -229,9 +228,10 @@ void Notifier::schedule(Watch& watch)
 }
 
 /// Has a NOTIFY sent, whatever it says or if it says anything new.
-void Notifier::want(Watch& watch, Want what)
+void Notifier::want(Watch& watch, Want what, Turn turn)
 {
     watch.wanted = std::max(watch.wanted, what);
+    watch.turn = std::min(watch.turn, turn);
     begin(watch);
 }
 
@@ -250,22 +250,33 @@ void Notifier::wantEnd(Watch& watch, const std::string& reason)
 
 void Notifier::begin(Watch& watch)
 {
-    if (watch.wanted != Want::nothing && watch.phase == Phase::idle) {
-        watch.phase = Phase::waiting;
-        Lane& lane = watch.lane;
-        (watch.subscription.dialog.notcseq() == 0 ? lane.first : lane.other).push_back(watch.subscription.id());
-        composeNext(lane);
+    if (watch.wanted == Want::nothing || (watch.phase != Phase::idle && watch.phase != Phase::waiting)) {
+        return;
     }
+    watch.phase = Phase::waiting;
+    const Turn turn = watch.subscription.dialog.notcseq() == 0 ? first : watch.turn;
+    if (!watch.queued[turn]) {
+        watch.queued.set(turn);
+        watch.lane.queues.at(turn).push_back(watch.subscription.id());
+    }
+    composeNext(watch.lane);
 }
 
 void Notifier::composeNext(Lane& lane)
 {
     bool room = true;
-    while (room && lane.composing < kMostAtOnce && !(lane.first.empty() && lane.other.empty())) {
-        std::deque<std::string>& queue = lane.first.empty() ? lane.other : lane.first;
-        const auto next = m_watches.find(queue.front());
-        queue.pop_front();
-        room = next == m_watches.end() || compose(*next->second);
+    while (room && lane.composing < kMostAtOnce) {
+        const auto full = [](const std::deque<std::string>& queue) { return !queue.empty(); };
+        auto* const queue = std::find_if(lane.queues.begin(), lane.queues.end(), full);
+        if (queue == lane.queues.end()) {
+            return;
+        }
+        const auto next = m_watches.find(queue->front());
+        queue->pop_front();
+        if (next != m_watches.end()) {
+            next->second->queued.reset(static_cast<std::size_t>(queue - lane.queues.begin()));
+            room = next->second->phase != Phase::waiting || compose(*next->second);
+        }
     }
 }
 
@@ -291,6 +302,7 @@ bool Notifier::compose(Watch& watch)
     ++watch.lane.composing;
     watch.phase = Phase::underWay;
     watch.wanted = Want::nothing;
+    watch.turn = late;
     return true;
 }
 

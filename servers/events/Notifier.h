@@ -4,9 +4,11 @@
 #include <common/Loop.h>
 #include <common/Workers.h>
 #include <events/Composer.h>
-#include <events/Session.h>
+#include <events/Store.h>
 #include <events/Subscription.h>
 
+#include <array>
+#include <bitset>
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -74,13 +76,14 @@ private:
         underWay, // is being made, or has not been answered
         resting,  // for a while, after what could not be done
     };
-    /// What one worker is to make, a few at a time: neither those that wait for another worker's rows in the database
-    /// wait with it, nor whoever subscribes for all that a restart or a change of rules brings about.
+    /// When a NOTIFY is made: the first of a subscription before news, and those before what a restart or a change of
+    /// rules brings about for everybody.
+    enum Turn : std::size_t { first, soon, late, turns };
+    /// What one worker is to make, a few at a time: those that wait for another worker's rows do not wait with it.
     struct Lane {
         std::size_t worker = 0;
-        std::deque<std::string> first; ///< Subscriptions that want their first NOTIFY made,
-        std::deque<std::string> other; ///< and those that want another.
-        std::size_t composing = 0;     ///< How many are being made.
+        std::array<std::deque<std::string>, turns> queues; ///< Of subscriptions.
+        std::size_t composing = 0;                         ///< How many are being made.
     };
     /// A subscription, and what is under way for it.
     struct Watch {
@@ -101,6 +104,8 @@ private:
         Occasion occasion;             ///< Of the NOTIFY that is under way, or of the last one.
         Phase phase = Phase::idle;     ///< Of that NOTIFY.
         Want wanted = Want::nothing;   ///< What another is to say.
+        Turn turn = late;              ///< When it is to be made.
+        std::bitset<turns> queued;     ///< Where it stands, or stood when its turn came elsewhere.
         unsigned failures = 0;         ///< How often the database could not be asked, one after another.
         unsigned refusals = 0;         ///< How many NOTIFYs were refused, one after another.
         std::string cause;             ///< What has made the state what it is, as watcher information calls it.
@@ -118,9 +123,9 @@ private:
 
     void load();
     Watch& insert(Subscription subscription, bool stored);
-    void proceed(Watch& watch);
+    void proceed(Watch& watch, Turn turn = soon);
     void schedule(Watch& watch);
-    void want(Watch& watch, Want what);
+    void want(Watch& watch, Want what, Turn turn = soon);
     void wantEnd(Watch& watch, const std::string& reason);
     void begin(Watch& watch);
     void composeNext(Lane& lane);

@@ -2,7 +2,6 @@
 
 #include <common/Gate.h>
 #include <events/Notifier.h>
-#include <events/Session.h>
 
 #include <memory>
 

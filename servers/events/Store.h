@@ -1,5 +1,6 @@
 #pragma once
 
+#include <common/Session.h>
 #include <events/Subscription.h>
 
 #include <dal/PresenceService.h>
@@ -16,6 +17,9 @@
 /// twice.
 
 namespace oryx::sip {
+
+/// What a worker of the event server holds.
+using EventSession = SessionOf<PresenceService>;
 
 /// All that are stored, those that have expired among them.
 std::optional<std::vector<Subscription>> loadSubscriptions(PresenceService& service);

@@ -42,11 +42,11 @@ bool isThereAgain(EventSession& session, const ExtendedContactRecord& gone)
 }
 
 /// In the worker. What cannot be done now can be the next time.
-Swept sweptFrom(EventSession& session)
+Swept sweptFrom(PresenceService& service)
 {
     Swept swept;
-    removeExpiredPublications(session.service(), swept.publications);
-    session.service().flushExpiredContacts(swept.contacts);
+    removeExpiredPublications(service, swept.publications);
+    service.flushExpiredContacts(swept.contacts);
     for (ExtendedContactRecord& gone : swept.contacts) {
         gone.setAddress(contactUri(gone.contactHeader()).c_str());
     }
@@ -86,7 +86,8 @@ void Sweeper::sweep()
         };
         m_worker.give(0, std::move(look), end);
     };
-    m_worker.give(0, &sweptFrom, follow); // which has nothing else to do
+    const auto begin = [](EventSession& session) { return sweptFrom(session.service()); };
+    m_worker.give(0, begin, follow); // which has nothing else to do
 }
 
 } // namespace oryx::sip

@@ -3,7 +3,7 @@
 #include <common/Loop.h>
 #include <common/Workers.h>
 #include <events/Notifier.h>
-#include <events/Session.h>
+#include <events/Store.h>
 
 namespace oryx::sip {
 

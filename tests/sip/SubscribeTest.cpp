@@ -826,6 +826,39 @@ TEST_F(Subscribing, IsToldOfOneWhileAnothersRowsAreLocked)
     holder.run("COMMIT");
 }
 
+/// What concerns few goes before what may concern everybody.
+TEST_F(Subscribing, IsToldOfAPublicationBeforeOthersAreOfARule)
+{
+    constexpr int kWatchers = 60;
+    allow("*");
+    publish();
+    startEvents({"--auth", "none", "--workers", "1"});
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < kWatchers; ++n) {
+        const std::string from = "<sip:watcher" + std::to_string(n) + "@oryx.example>;tag=1";
+        EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("From", from))), "200 OK");
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    }
+    EXPECT_EQ(status(bob.subscribe(bob.phone().address())), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    server::Session holder(m_database.name()); // so that all of it waits
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    allow("*", "polite");
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    sql(publication("bob"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    holder.run("COMMIT");
+    int before = 0;
+    while (told(bob.notified()) == "NOTIFY active closed") {
+        ++before;
+    }
+    EXPECT_LE(before, 16);
+    for (; before < kWatchers; ++before) {
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    }
+    EXPECT_TRUE(bob.silent());
+}
+
 /// As when PostgreSQL was restarted.
 TEST_F(Subscribing, IsToldAfterAllConnectionsWereLost)
 {
