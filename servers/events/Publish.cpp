@@ -39,13 +39,13 @@ bool readPresentity(const Gate& gate, Incoming& request, PublishOrder& order)
            (gate.serves(order.sender.address) || request.refuse(SIP_404_NOT_FOUND));
 }
 
-/// Item 2: the event package. Of a request that needs an extension none is known (RFC 3261 section 8.2.2.3).
+/// Item 2: the event package.
 bool readEvent(Incoming& request, PublishOrder& order)
 {
     const sip_event_t* const event = request.sip().sip_event;
     order.request.event = kPackage;
-    return Gate::understands(request) && ((event != nullptr && std::strcmp(event->o_type, kPackage) == 0) ||
-                                          request.refuse(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kPackage)));
+    return (event != nullptr && std::strcmp(event->o_type, kPackage) == 0) ||
+           request.refuse(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kPackage));
 }
 
 /// Section 14.1: nobody publishes for somebody else. What From says must be proven, if proof is asked for.
@@ -141,7 +141,7 @@ void tell(Incoming& request, const Published& published)
 void publish(const Desk& desk, const std::shared_ptr<Incoming>& request)
 {
     PublishOrder order;
-    if (!readPresentity(desk.gate, *request, order) || !readEvent(*request, order) ||
+    if (!Gate::understands(*request) || !readPresentity(desk.gate, *request, order) || !readEvent(*request, order) ||
         !readPublishingSender(desk.gate, *request, order) || !readEntityTag(*request, order) ||
         !desk.gate.readExpiry(*request, order.request.expires) || !readBody(*request, order)) {
         return;
