@@ -50,21 +50,18 @@ Notifier::Watch::Watch(Notifier& of, Subscription what)
 {
 }
 
-Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient)
-    : m_loop(loop), m_workers(workers), m_patient(patient), m_lanes(workers.count()), m_retry(loop, [this] { load(); })
+Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient,
+                   std::function<void()> resumed)
+    : m_loop(loop),
+      m_workers(workers),
+      m_patient(patient),
+      m_lanes(workers.count()),
+      m_retry(loop, [this] { resume(); }),
+      m_resumed(std::move(resumed))
 {
-    for (std::size_t n = 0; n < m_lanes.size(); ++n) {
-        m_lanes[n].worker = n;
-    }
 }
 
-void Notifier::resume(std::function<void()> resumed)
-{
-    m_resumed = std::move(resumed);
-    load();
-}
-
-void Notifier::load()
+void Notifier::resume()
 {
     const auto work = [](EventSession& session) { return loadSubscriptions(session.service()); };
     const auto then = [this](std::optional<std::vector<Subscription>> loaded) {
@@ -295,7 +292,7 @@ bool Notifier::compose(Watch& watch)
         take(id, made);
         composeNext(lane);
     };
-    if (!m_workers.give(watch.lane.worker, std::move(work), std::move(then))) {
+    if (!m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
         watch.pauseFor(kRetryPause);
         return false;
     }

@@ -28,15 +28,15 @@ namespace oryx::sip {
 /// One that is refused for now is made again, a few times.
 class Notifier {
 public:
-    /// What was stored is loaded by the patient one.
-    Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient);
+    /// What was stored is loaded by the patient one; `resumed` is called then.
+    Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient, std::function<void()> resumed);
     Notifier(const Notifier&) = delete;
     Notifier& operator=(const Notifier&) = delete;
 
     /// Once the sockets are there: where NOTIFY is sent from.
     void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
-    /// Goes on with what was stored before the server was started, and calls `resumed` then.
-    void resume(std::function<void()> resumed);
+    /// Goes on with what was stored before the server was started.
+    void resume();
 
     /// Whether there are as many subscriptions as this server is to have, 100,000.
     bool full() const { return m_watches.size() >= kMostWatches; }
@@ -81,7 +81,6 @@ private:
     enum Turn : std::size_t { first, soon, late, turns };
     /// What one worker is to make, a few at a time: those that wait for another worker's rows do not wait with it.
     struct Lane {
-        std::size_t worker = 0;
         std::array<std::deque<std::string>, turns> queues; ///< Of subscriptions.
         std::size_t composing = 0;                         ///< How many are being made.
     };
@@ -121,7 +120,6 @@ private:
     static const std::set<Watch*>& watchesOf(const Index& index, const std::string& person);
     static void remove(Index& index, const std::string& person, Watch& watch);
 
-    void load();
     Watch& insert(Subscription subscription, bool stored);
     void proceed(Watch& watch, Turn turn = soon);
     void schedule(Watch& watch);

@@ -18,6 +18,7 @@ namespace oryx::sip {
 namespace {
 
 constexpr const char* kEventList = "eventlist";
+constexpr const char* kIdStart = "incoming#";   // and the server's tag in the dialog
 constexpr std::uint32_t kLastCseq = 0x7fffffff; // RFC 3261 section 8.1.1.5
 
 /// A request as a worker gets it.
@@ -42,11 +43,6 @@ bool accepts(const sip_t& sip, const char* type)
         }
     }
     return sip.sip_accept == nullptr;
-}
-
-std::string subscriptionId(const char* tag)
-{
-    return std::string("incoming#") + tag;
 }
 
 /// Whether a request is of the subscription's dialog, by tag and Call-ID, and of its event (RFC 6665 section 8.2.1).
@@ -124,7 +120,7 @@ bool readDialog(Incoming& request, SubscribeOrder& order)
         return false;
     }
     const std::string tag = request.tag();
-    dialog.SetSubscriptionid(subscriptionId(tag.c_str()).c_str());
+    dialog.SetSubscriptionid((kIdStart + tag).c_str());
     dialog.SetFromhdr(headerText(*sip.sip_from).c_str());
     dialog.SetTohdr((headerText(*sip.sip_to) + ";tag=" + tag).c_str());
     dialog.SetCallId(sip.sip_call_id->i_id);
@@ -140,7 +136,7 @@ bool readDialog(Incoming& request, SubscribeOrder& order)
 bool readKnown(const Notifier& notifier, Incoming& request, SubscribeOrder& order)
 {
     const sip_t& sip = request.sip();
-    const Subscription* const known = notifier.find(subscriptionId(sip.sip_to->a_tag));
+    const Subscription* const known = notifier.find(kIdStart + std::string(sip.sip_to->a_tag));
     if (known == nullptr || !isOf(known->dialog, sip)) {
         return request.refuse(SIP_481_NO_TRANSACTION);
     }

@@ -46,17 +46,17 @@ void run(Loop& loop, const Options& options, int signals)
     bool resumed = false; // until then nobody knows what there is
     const auto connected = [&] {
         if (--unconnected == 0) {
-            notifier->resume([&] {
-                sweeper->start(); // of what it takes away nobody hears again
-                resumed = true;
-                tellReady();
-            });
+            notifier->resume();
         }
     };
     workers.emplace(loop, metrics, options.workers, newSession, connected);
     patientOne.emplace(
         loop, metrics, 1, [&] { return patient(newSession()); }, connected);
-    notifier.emplace(loop, *workers, *patientOne);
+    notifier.emplace(loop, *workers, *patientOne, [&] {
+        sweeper->start(); // of what it takes away nobody hears again
+        resumed = true;
+        tellReady();
+    });
     sweeper.emplace(loop, *patientOne, *notifier);
     Desk desk{Gate(options, provisioning, nonces), *workers, *notifier};
     const auto take = [&](const std::shared_ptr<Incoming>& request) {

@@ -1284,6 +1284,19 @@ TEST_F(PresenceList, IsKnownByItsNameAsItIs)
 }
 
 /// RFC 4662 section 5.5: the same instance in each document.
+TEST_F(PresenceList, ShowsTheFirstOfVeryManyMembers)
+{
+    sql("INSERT INTO buddy_list_detail SELECT 'friends', 'sip:m' || n || '@oryx.example' FROM generate_series(1000, 1999) n");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(request(bob))), "200 OK");
+    const Message notify = bob.notified();
+    EXPECT_LT(notify.body.size(), 57344U);
+    const std::string shown = resources(notify);
+    EXPECT_TRUE(shown.starts_with("0 sip:alice@oryx.example pending sip:m1000@oryx.example terminated")) << shown;
+    EXPECT_TRUE(shown.ends_with("sip:m1254@oryx.example terminated")) << shown;
+}
+
 /// Also one whose name has capitals.
 TEST_F(PresenceList, CanBeSubscribedToEightTimes)
 {
