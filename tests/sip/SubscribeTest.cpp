@@ -491,7 +491,7 @@ TEST_F(Subscribing, DoesNotWaitForRegistrationsThatExpire)
     sql("INSERT INTO contact (csid, address, contact_header, expires)"
         " SELECT 2, 'sip:bob@192.0.2.7:' || n, '<sip:bob@192.0.2.7:' || n || '>;expires=60', extract(epoch FROM now())::int - 1"
         " FROM generate_series(1, 50000) n");
-    for (int tries = 0; tries < 200 && bindings() != ""; ++tries) {
+    for (int tries = 0; tries < 200 && !bindings().empty(); ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     const auto begun = std::chrono::steady_clock::now();
@@ -794,7 +794,7 @@ TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
 TEST_F(Subscribing, IsToldOfOneWhileAnothersRowsAreLocked)
 {
     constexpr int kLocked = 40;
-    constexpr int kOthers = 8;
+    constexpr int kOthers = 16; // more than a few of whom another worker serves
     allow("*");
     startEvents({"--auth", "none", "--workers", "4"});
     Watcher locked("bob", m_port);
@@ -819,7 +819,7 @@ TEST_F(Subscribing, IsToldOfOneWhileAnothersRowsAreLocked)
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     const auto begun = std::chrono::steady_clock::now();
     sql(published);
-    for (int n = 0; n < kOthers / 2; ++n) {
+    for (int n = 0; n < kOthers / 4; ++n) {
         EXPECT_EQ(told(other.notified()), "NOTIFY active open");
     }
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(3));
