@@ -63,6 +63,7 @@ public:
     Workers(const Workers&) = delete;
     Workers& operator=(const Workers&) = delete;
 
+    std::size_t count() const { return m_workers.size(); }
     /// Whether nothing is under way.
     bool idle() const { return m_underWay == 0; }
 

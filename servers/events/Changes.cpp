@@ -39,12 +39,13 @@ void Changes::tell()
 {
     m_bell.await();
     const std::unique_ptr<News> news(m_news.exchange(nullptr));
-    if (news && news->anything) {
-        m_notifier->lookAgain();
-    } else if (news) {
+    if (news) {
         for (const std::string& presentity : news->presentities) {
             m_notifier->publicationChanged(presentity);
         }
+    }
+    if (news && news->anything) {
+        m_notifier->lookAgain();
     }
 }
 

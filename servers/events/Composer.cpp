@@ -15,6 +15,8 @@ namespace {
 
 constexpr const char* kPresenceType = "application/pidf+xml";
 constexpr const char* kWatchersType = "application/watcherinfo+xml";
+/// Of a list: each is asked for at every look at it.
+constexpr std::size_t kMostMembers = 256;
 
 /// What a permission alone makes of a NOTIFY.
 Notice noticeWith(Permission permission)
@@ -85,6 +87,7 @@ Notice listNotice(PresenceService& service, const Subscription& list)
         return notice;
     }
     std::sort(uris.begin(), uris.end()); // the database has no order, and a document without changes is the same
+    uris.resize(std::min(uris.size(), kMostMembers));
     notice.said = 1;
     std::vector<ListMember> members;
     for (const std::string& uri : uris) {

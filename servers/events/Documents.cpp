@@ -21,11 +21,13 @@ namespace {
 
 constexpr const char* kPidf = "urn:ietf:params:xml:ns:pidf";
 constexpr const char* kDataModel = "urn:ietf:params:xml:ns:pidf:data-model"; // RFC 4479
-constexpr const char* kNewLine = "\r\n";
 /// Of one publication: a device has a few, and each costs time in every document that is composed.
 constexpr std::size_t kMostElements = 64;
 /// Bytes of a body; a datagram has some thousand more, for the header.
 constexpr std::size_t kLongestComposition = 49152;
+/// Of a list's members without their documents, for which there is room beside those; and of one, without its URI.
+constexpr std::size_t kShortList = 8192;
+constexpr std::size_t kResource = 160;
 
 template <auto Free>
 struct FreeBy {
@@ -303,11 +305,8 @@ std::string boundaryBetween(const std::vector<ListMember>& members)
 void addPart(std::string& text, const std::string& boundary, const std::string& id, const char* type,
              const std::string& document)
 {
-    text.append("--").append(boundary).append(kNewLine);
-    text.append("Content-Transfer-Encoding: binary").append(kNewLine);
-    text.append("Content-ID: <").append(id).append(">").append(kNewLine);
-    text.append("Content-Type: ").append(type).append(kNewLine).append(kNewLine);
-    text.append(document).append(kNewLine);
+    text += "--" + boundary + "\r\nContent-Transfer-Encoding: binary\r\nContent-ID: <" + id +
+            ">\r\nContent-Type: " + type + "\r\n\r\n" + document + "\r\n";
 }
 
 void addResource(xmlNode* list, const ListMember& member, const std::string& contentId)
@@ -372,11 +371,17 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
     const std::string idEnd = "." + std::to_string(version) + "@" + hostIn(list);
     const Document document = newDocument("list", "urn:ietf:params:xml:ns:rlmi",
                                           {{"uri", list}, {"version", std::to_string(version)}, {"fullState", "true"}});
+    std::size_t listed = 0;
+    std::size_t count = 0;
+    while (count < members.size() && (listed += kResource + members[count].uri.size()) <= kLongestComposition) {
+        ++count;
+    }
+    const std::size_t taken = std::max(listed, kShortList) - kShortList;
     std::string parts;
-    for (std::size_t n = 0; n < members.size(); ++n) {
+    for (std::size_t n = 0; n < count; ++n) {
         const std::string id = std::to_string(n + 1) + idEnd;
         const bool shown = !members[n].instance.empty() && !members[n].document.empty() &&
-                           parts.size() + members[n].document.size() <= kLongestComposition;
+                           taken + parts.size() + members[n].document.size() <= kLongestComposition;
         addResource(rootOf(document), members[n], shown ? id : "");
         if (shown) {
             addPart(parts, boundary, id, "application/pidf+xml;charset=\"UTF-8\"", members[n].document);
@@ -387,7 +392,7 @@ Body listBody(const std::string& list, unsigned version, const std::vector<ListM
     body.type =
         R"(multipart/related;type="application/rlmi+xml";start="<)" + rootId + R"(>";boundary=")" + boundary + '"';
     addPart(body.text, boundary, rootId, "application/rlmi+xml;charset=\"UTF-8\"", written(document));
-    body.text += parts + "--" + boundary + "--" + kNewLine;
+    body.text += parts + "--" + boundary + "--\r\n";
     return body;
 }
 

@@ -50,7 +50,7 @@ struct Body {
     std::string text;
 };
 /// What a list's subscriber gets: RLMI in multipart/related with its members' documents (RFC 4662 section 5), full
-/// state. Documents for which a datagram has no room are left out.
+/// state. Documents for which a datagram has no room are left out, and members beyond 48 KiB of them.
 Body listBody(const std::string& list, unsigned version, const std::vector<ListMember>& members);
 
 } // namespace oryx::sip

@@ -3,7 +3,6 @@
 #include <events/Notifier.h>
 
 #include <events/Notify.h>
-#include <events/Store.h>
 
 #include <algorithm>
 #include <array>
@@ -41,6 +40,7 @@ bool endsSubscription(int status)
 Notifier::Watch::Watch(Notifier& of, Subscription what)
     : notifier(of),
       subscription(std::move(what)),
+      lane(of.m_lanes[subscription.presentity.key() % of.m_lanes.size()]),
       cause("subscribe"),
       expiry(of.m_loop, [this] { notifier.schedule(*this); }),
       rest(of.m_loop, [this] {
@@ -50,20 +50,20 @@ Notifier::Watch::Watch(Notifier& of, Subscription what)
 {
 }
 
-Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options)
-    : m_loop(loop), m_workers(workers), m_options(options), m_retry(loop, [this] { retry(); })
+Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient,
+                   std::function<void()> resumed)
+    : m_loop(loop),
+      m_workers(workers),
+      m_patient(patient),
+      m_lanes(workers.count()),
+      m_retry(loop, [this] { resume(); }),
+      m_resumed(std::move(resumed))
 {
 }
 
-void Notifier::resume(std::function<void()> resumed)
+void Notifier::resume()
 {
-    m_resumed = std::move(resumed);
-    load();
-}
-
-void Notifier::load()
-{
-    const auto work = [this](EventSession& /*session*/) { return loadSubscriptions(m_options); };
+    const auto work = [](EventSession& session) { return loadSubscriptions(session.service()); };
     const auto then = [this](std::optional<std::vector<Subscription>> loaded) {
         if (!loaded) {
             m_retry.set(kRetryPause);
@@ -73,21 +73,18 @@ void Notifier::load()
             insert(std::move(subscription), true);
         }
         for (const auto& [id, watch] : m_watches) { // when all that watch a presentity are there
-            proceed(*watch);
+            proceed(*watch, late);
         }
-        m_loaded = true;
         m_resumed();
     };
-    if (!m_workers.give(0, work, then)) {
-        m_retry.set(kRetryPause);
-    }
+    m_patient.give(0, work, then); // which has nothing else to do yet
 }
 
 /// Tells what there is now, for nobody knows what has changed; if its time is over, with its end.
-void Notifier::proceed(Watch& watch)
+void Notifier::proceed(Watch& watch, Turn turn)
 {
     schedule(watch);
-    want(watch, Want::anything);
+    want(watch, Want::anything, turn);
 }
 
 void Notifier::add(Subscription subscription, bool stored)
@@ -95,6 +92,15 @@ void Notifier::add(Subscription subscription, bool stored)
     Watch& watch = insert(std::move(subscription), stored);
     proceed(watch);
     watchersChanged(watch);
+}
+
+void Notifier::discard(Subscription subscription, bool stored)
+{
+    Watch& watch = insert(std::move(subscription), false); // which nobody has watched by
+    watch.occasion.stored = stored;
+    watch.occasion.silent = true;
+    watch.occasion.ends = "rejected";
+    want(watch, Want::anything);
 }
 
 const Subscription* Notifier::find(const std::string& id) const
@@ -106,7 +112,7 @@ const Subscription* Notifier::find(const std::string& id) const
 
 bool Notifier::hasEnough(const Subscription& another) const
 {
-    const std::set<Watch*>& his = m_ofWatcher.of(another.watcher.text());
+    const std::set<Watch*>& his = watchesOf(m_ofWatcher, another.watcher.text());
     const auto alike = [&](const Watch* watch) {
         const bool ofWatchers = watch->subscription.package == Package::watchers;
         return ofWatchers == (another.package == Package::watchers) &&
@@ -150,7 +156,7 @@ void Notifier::refresh(const Subscription& refreshed)
 
 void Notifier::publicationChanged(const std::string& presentity)
 {
-    for (Watch* const watch : m_watching.of(presentity)) {
+    for (Watch* const watch : watchesOf(m_watching, presentity)) {
         want(*watch, Want::news);
     }
 }
@@ -158,32 +164,38 @@ void Notifier::publicationChanged(const std::string& presentity)
 void Notifier::lookAgain()
 {
     for (const auto& [id, watch] : m_watches) {
-        want(*watch, Want::news);
+        want(*watch, Want::news, late);
     }
+}
+
+bool Notifier::comesFrom(const std::string& watcher, const std::string& contact) const
+{
+    const std::set<Watch*>& his = watchesOf(m_ofWatcher, watcher);
+    return std::any_of(his.begin(), his.end(), [&](const Watch* watch) { return watch->contact() == contact; });
 }
 
 void Notifier::contactExpired(const std::string& watcher, const std::string& contact)
 {
-    for (Watch* const watch : m_ofWatcher.of(watcher)) {
-        if (watch->subscription.dialog.remotecontacthdr() == contact) {
+    for (Watch* const watch : watchesOf(m_ofWatcher, watcher)) {
+        if (watch->contact() == contact) {
             wantEnd(*watch, "timeout");
         }
     }
 }
 
-void Notifier::Index::remove(const std::string& person, Watch& watch)
+void Notifier::remove(Index& index, const std::string& person, Watch& watch)
 {
-    const auto found = m_watches.find(person);
-    if (found != m_watches.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
-        m_watches.erase(found);
+    const auto found = index.find(person);
+    if (found != index.end() && found->second.erase(&watch) != 0 && found->second.empty()) {
+        index.erase(found);
     }
 }
 
-const std::set<Notifier::Watch*>& Notifier::Index::of(const std::string& person) const
+const std::set<Notifier::Watch*>& Notifier::watchesOf(const Index& index, const std::string& person)
 {
     static const std::set<Watch*> none;
-    const auto found = m_watches.find(person);
-    return found != m_watches.end() ? found->second : none;
+    const auto found = index.find(person);
+    return found != index.end() ? found->second : none;
 }
 
 /// Whoever only fetches watches nobody.
@@ -194,9 +206,9 @@ Notifier::Watch& Notifier::insert(Subscription subscription, bool stored)
     watch.occasion.stored = stored;
     if (stored) {
         Index& watching = watch.subscription.package == Package::watchers ? m_watchingWatchers : m_watching;
-        watching.add(watch.subscription.presentity.text(), watch);
+        watching[watch.subscription.presentity.text()].insert(&watch);
     }
-    m_ofWatcher.add(watch.subscription.watcher.text(), watch);
+    m_ofWatcher[watch.subscription.watcher.text()].insert(&watch);
     return watch;
 }
 
@@ -213,9 +225,10 @@ void Notifier::schedule(Watch& watch)
 }
 
 /// Has a NOTIFY sent, whatever it says or if it says anything new.
-void Notifier::want(Watch& watch, Want what)
+void Notifier::want(Watch& watch, Want what, Turn turn)
 {
     watch.wanted = std::max(watch.wanted, what);
+    watch.turn = std::min(watch.turn, turn);
     begin(watch);
 }
 
@@ -234,27 +247,38 @@ void Notifier::wantEnd(Watch& watch, const std::string& reason)
 
 void Notifier::begin(Watch& watch)
 {
-    if (watch.wanted != Want::nothing && watch.phase == Phase::idle) {
-        watch.phase = Phase::waiting;
-        (watch.subscription.dialog.notcseq() == 0 ? m_new : m_waiting).push_back(watch.subscription.id());
-        composeNext();
+    if (watch.wanted == Want::nothing || (watch.phase != Phase::idle && watch.phase != Phase::waiting)) {
+        return;
     }
+    watch.phase = Phase::waiting;
+    const Turn turn = watch.subscription.dialog.notcseq() == 0 ? first : watch.turn;
+    if (!watch.queued[turn]) {
+        watch.queued.set(turn);
+        watch.lane.queues.at(turn).push_back(watch.subscription.id());
+    }
+    composeNext(watch.lane);
 }
 
-/// A few at a time: whoever subscribes does not wait for all that a restart or a change of rules brings about.
-void Notifier::composeNext()
+void Notifier::composeNext(Lane& lane)
 {
-    while (!m_pausing && m_composing < kMostAtOnce && !(m_new.empty() && m_waiting.empty())) {
-        std::deque<std::string>& queue = m_new.empty() ? m_waiting : m_new;
-        const auto next = m_watches.find(queue.front());
-        queue.pop_front();
+    bool room = true;
+    while (room && lane.composing < kMostAtOnce) {
+        const auto full = [](const std::deque<std::string>& queue) { return !queue.empty(); };
+        auto* const queue = std::find_if(lane.queues.begin(), lane.queues.end(), full);
+        if (queue == lane.queues.end()) {
+            return;
+        }
+        const auto next = m_watches.find(queue->front());
+        queue->pop_front();
         if (next != m_watches.end()) {
-            compose(*next->second);
+            next->second->queued.reset(static_cast<std::size_t>(queue - lane.queues.begin()));
+            room = next->second->phase != Phase::waiting || compose(*next->second);
         }
     }
 }
 
-void Notifier::compose(Watch& watch)
+/// False where the worker has no room.
+bool Notifier::compose(Watch& watch)
 {
     watch.occasion.always = watch.wanted == Want::anything;
     if (watch.subscription.package == Package::watchers) {
@@ -263,30 +287,20 @@ void Notifier::compose(Watch& watch)
     auto work = [subscription = watch.subscription, occasion = watch.occasion](EventSession& session) {
         return sip::compose(session.service(), subscription, occasion);
     };
-    auto then = [this, id = watch.subscription.id()](const Notice& made) {
-        --m_composing;
+    auto then = [this, &lane = watch.lane, id = watch.subscription.id()](const Notice& made) {
+        --lane.composing;
         take(id, made);
-        composeNext();
+        composeNext(lane);
     };
-    if (m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
-        ++m_composing;
-        watch.phase = Phase::underWay;
-        watch.wanted = Want::nothing;
-    } else {
-        m_pausing = true; // until the workers have room
-        m_retry.set(kRetryPause);
-        watch.phase = Phase::idle;
-        begin(watch);
+    if (!m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
+        watch.pauseFor(kRetryPause);
+        return false;
     }
-}
-
-void Notifier::retry()
-{
-    m_pausing = false;
-    if (!m_loaded) {
-        load();
-    }
-    composeNext();
+    ++watch.lane.composing;
+    watch.phase = Phase::underWay;
+    watch.wanted = Want::nothing;
+    watch.turn = late;
+    return true;
 }
 
 /// What a worker has made.
@@ -323,9 +337,9 @@ void Notifier::takeState(Watch& watch, const Notice& notice)
 {
     const bool ending = watch.ending();
     if (std::exchange(watch.subscription.state, notice.state) != notice.state && !ending) {
-        const bool active = notice.state == SubscriptionState::active;
-        const bool pending = notice.state == SubscriptionState::pending; // once more, after an approval
-        watch.cause = active ? "approved" : pending ? "subscribe" : notice.reason;
+        // Pending, once more, after an approval.
+        const char* const cause = notice.state == SubscriptionState::active ? "approved" : "subscribe";
+        watch.cause = notice.state == SubscriptionState::terminated ? notice.reason : cause;
         watchersChanged(watch);
     }
 }
@@ -335,10 +349,10 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
 {
     const std::set<std::string> before = std::exchange(watch.members, {members.begin(), members.end()});
     for (const std::string& member : before) {
-        m_watching.remove(member, watch);
+        remove(m_watching, member, watch);
     }
     for (const std::string& member : watch.members) {
-        m_watching.add(member, watch);
+        m_watching[member].insert(&watch);
         if (!before.contains(member)) { // what has happened between the look at him and now nobody has been told
             watch.wanted = std::max(watch.wanted, Want::news);
         }
@@ -397,9 +411,9 @@ void Notifier::finish(Watch& watch)
 void Notifier::erase(Watch& watch)
 {
     takeMembers(watch, {});
-    m_watching.remove(watch.subscription.presentity.text(), watch);
-    m_watchingWatchers.remove(watch.subscription.presentity.text(), watch);
-    m_ofWatcher.remove(watch.subscription.watcher.text(), watch);
+    remove(m_watching, watch.subscription.presentity.text(), watch);
+    remove(m_watchingWatchers, watch.subscription.presentity.text(), watch);
+    remove(m_ofWatcher, watch.subscription.watcher.text(), watch);
     m_watches.erase(std::string(watch.subscription.id()));
 }
 
@@ -407,7 +421,7 @@ void Notifier::erase(Watch& watch)
 void Notifier::watchersChanged(const Watch& watch)
 {
     if (watch.subscription.package == Package::presence && watch.occasion.stored) {
-        for (Watch* const other : m_watchingWatchers.of(watch.subscription.presentity.text())) {
+        for (Watch* const other : watchesOf(m_watchingWatchers, watch.subscription.presentity.text())) {
             want(*other, Want::anything);
         }
     }
@@ -417,7 +431,7 @@ std::vector<WatcherEntry> Notifier::watchersOf(const std::string& presentity) co
 {
     std::vector<WatcherEntry> entries;
     const std::time_t now = std::time(nullptr);
-    for (const Watch* const watch : m_watching.of(presentity)) {
+    for (const Watch* const watch : watchesOf(m_watching, presentity)) {
         const Subscription& subscription = watch->subscription;
         if (subscription.package != Package::presence) {
             continue;

@@ -4,9 +4,11 @@
 #include <common/Loop.h>
 #include <common/Workers.h>
 #include <events/Composer.h>
-#include <events/Session.h>
+#include <events/Store.h>
 #include <events/Subscription.h>
 
+#include <array>
+#include <bitset>
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -26,16 +28,15 @@ namespace oryx::sip {
 /// One that is refused for now is made again, a few times.
 class Notifier {
 public:
-    Notifier(Loop& loop, Workers<EventSession>& workers, const Options& options);
+    /// What was stored is loaded by the patient one; `resumed` is called then.
+    Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSession>& patient, std::function<void()> resumed);
     Notifier(const Notifier&) = delete;
     Notifier& operator=(const Notifier&) = delete;
 
     /// Once the sockets are there: where NOTIFY is sent from.
     void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
-    /// Goes on with what was stored before the server was started, and calls `resumed` then.
-    void resume(std::function<void()> resumed);
-    /// Whether that has come about: until then nobody knows what there is.
-    bool resumed() const { return m_loaded; }
+    /// Goes on with what was stored before the server was started.
+    void resume();
 
     /// Whether there are as many subscriptions as this server is to have, 100,000.
     bool full() const { return m_watches.size() >= kMostWatches; }
@@ -47,6 +48,8 @@ public:
     /// A new subscription, which gets its first NOTIFY. One that is not stored gets no other: its subscriber only
     /// fetches what is there (RFC 6665 section 4.4.3).
     void add(Subscription subscription, bool stored);
+    /// Has one taken away again that there was no room for after all; its subscriber hears nothing.
+    void discard(Subscription subscription, bool stored);
     /// A subscription that has not ended; null when there is none.
     const Subscription* find(const std::string& id) const;
     /// Takes over what a refresh has changed of a subscription that has not ended, and sends a NOTIFY
@@ -57,10 +60,10 @@ public:
     void publicationChanged(const std::string& presentity);
     /// Anything may have changed.
     void lookAgain();
-    /// A registration of the watcher, "user@domain", has expired: what he has subscribed to from there ends.
+    /// Whether the watcher, "user@domain", has subscribed to anything from that contact.
+    bool comesFrom(const std::string& watcher, const std::string& contact) const;
+    /// His registration has expired: what he has subscribed to from there ends.
     void contactExpired(const std::string& watcher, const std::string& contact);
-    /// Ends whatever is under way.
-    void stop() { m_watches.clear(); }
 
 private:
     /// A subscription takes some thousand bytes, ten where everything in it is as long as it may be.
@@ -73,6 +76,14 @@ private:
         underWay, // is being made, or has not been answered
         resting,  // for a while, after what could not be done
     };
+    /// When a NOTIFY is made: the first of a subscription before news, and those before what a restart or a change of
+    /// rules brings about for everybody.
+    enum Turn : std::size_t { first, soon, late, turns };
+    /// What one worker is to make, a few at a time: those that wait for another worker's rows do not wait with it.
+    struct Lane {
+        std::array<std::deque<std::string>, turns> queues; ///< Of subscriptions.
+        std::size_t composing = 0;                         ///< How many are being made.
+    };
     /// A subscription, and what is under way for it.
     struct Watch {
         Watch(Notifier& of, Subscription what);
@@ -83,13 +94,17 @@ private:
             rest.set(time);
         }
         void leave(Phase left) { phase = phase == left ? Phase::idle : phase; }
+        const std::string& contact() const { return subscription.dialog.remotecontacthdr(); }
         bool ending() const { return !occasion.ends.empty() || subscription.state == SubscriptionState::terminated; }
 
         Notifier& notifier;
         Subscription subscription;
+        Lane& lane;
         Occasion occasion;             ///< Of the NOTIFY that is under way, or of the last one.
         Phase phase = Phase::idle;     ///< Of that NOTIFY.
         Want wanted = Want::nothing;   ///< What another is to say.
+        Turn turn = late;              ///< When it is to be made.
+        std::bitset<turns> queued;     ///< Where it stands, or stood when its turn came elsewhere.
         unsigned failures = 0;         ///< How often the database could not be asked, one after another.
         unsigned refusals = 0;         ///< How many NOTIFYs were refused, one after another.
         std::string cause;             ///< What has made the state what it is, as watcher information calls it.
@@ -100,26 +115,19 @@ private:
     };
     using Watches = std::unordered_map<std::string, std::unique_ptr<Watch>>;
     /// The subscriptions that what happens to somebody concerns.
-    class Index {
-    public:
-        void add(const std::string& person, Watch& watch) { m_watches[person].insert(&watch); }
-        void remove(const std::string& person, Watch& watch);
-        const std::set<Watch*>& of(const std::string& person) const;
+    using Index = std::unordered_map<std::string, std::set<Watch*>>;
 
-    private:
-        std::unordered_map<std::string, std::set<Watch*>> m_watches;
-    };
+    static const std::set<Watch*>& watchesOf(const Index& index, const std::string& person);
+    static void remove(Index& index, const std::string& person, Watch& watch);
 
-    void load();
     Watch& insert(Subscription subscription, bool stored);
-    void proceed(Watch& watch);
+    void proceed(Watch& watch, Turn turn = soon);
     void schedule(Watch& watch);
-    void want(Watch& watch, Want what);
+    void want(Watch& watch, Want what, Turn turn = soon);
     void wantEnd(Watch& watch, const std::string& reason);
     void begin(Watch& watch);
-    void composeNext();
-    void compose(Watch& watch);
-    void retry();
+    void composeNext(Lane& lane);
+    bool compose(Watch& watch);
     void take(const std::string& id, const Notice& notice);
     void takeState(Watch& watch, const Notice& notice);
     void takeMembers(Watch& watch, const std::vector<std::string>& members);
@@ -133,19 +141,15 @@ private:
 
     Loop& m_loop;
     Workers<EventSession>& m_workers;
-    const Options& m_options;
+    Workers<EventSession>& m_patient;
     const Endpoint* m_endpoint = nullptr;
     Watches m_watches;
-    Index m_watching;                  // presentity to subscriptions to his presence, by himself or by a list
-    Index m_watchingWatchers;          // presentity to subscriptions to his watchers
-    Index m_ofWatcher;                 // watcher to his subscriptions
-    std::deque<std::string> m_new;     // those that want their first NOTIFY made
-    std::deque<std::string> m_waiting; // and those that want another
-    std::size_t m_composing = 0;       // how many are being made
-    bool m_pausing = false;            // the workers have no room
+    Index m_watching;         // presentity to subscriptions to his presence, by himself or by a list
+    Index m_watchingWatchers; // presentity to subscriptions to his watchers
+    Index m_ofWatcher;        // watcher to his subscriptions
+    std::vector<Lane> m_lanes;
     Timer m_retry;
     std::function<void()> m_resumed;
-    bool m_loaded = false;
 };
 
 } // namespace oryx::sip

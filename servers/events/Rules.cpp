@@ -12,13 +12,10 @@ namespace {
 /// Anything that is not known grants nothing, and refuses nothing either.
 Permission permissionBy(const std::string& action)
 {
-    if (action == "allow") {
-        return Permission::allowed;
-    }
-    if (action == "block") {
-        return Permission::blocked;
-    }
-    return action == "polite" ? Permission::deceived : Permission::unsettled;
+    return action == "allow"    ? Permission::allowed
+           : action == "block"  ? Permission::blocked
+           : action == "polite" ? Permission::deceived
+                                : Permission::unsettled;
 }
 
 } // namespace

@@ -1,12 +1,9 @@
 #include <events/Store.h>
 
-#include <common/Database.h>
-
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <ctime>
 #include <limits>
 #include <optional>
@@ -90,7 +87,9 @@ bool completeByWatcherInfo(PresenceService& service, Subscription& subscription)
     return true;
 }
 
-std::optional<std::vector<Subscription>> loadBy(PresenceService& service)
+} // namespace
+
+std::optional<std::vector<Subscription>> loadSubscriptions(PresenceService& service)
 {
     std::vector<PresenceRecord> dialogs;
     std::vector<WatchersRecord> watchers;
@@ -117,20 +116,6 @@ std::optional<std::vector<Subscription>> loadBy(PresenceService& service)
         subscriptions.push_back(std::move(*subscription));
     }
     return subscriptions;
-}
-
-} // namespace
-
-std::optional<std::vector<Subscription>> loadSubscriptions(const Options& options)
-{
-    constexpr std::chrono::milliseconds kDeadline{10000};
-    SessionOptions patient = sessionOptions();
-    patient.deadline = std::max(patient.deadline, kDeadline);
-    PresenceService service;
-    service.setSessionOptions(patient);
-    const bool connected =
-        service.connect(options.database.c_str(), options.user.c_str(), options.password.c_str()).okay();
-    return connected ? loadBy(service) : std::nullopt;
 }
 
 bool store(PresenceService& service, const Subscription& subscription)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <common/Options.h>
+#include <common/Session.h>
 #include <events/Subscription.h>
 
 #include <dal/PresenceService.h>
@@ -18,9 +18,11 @@
 
 namespace oryx::sip {
 
-/// All that are stored, those that have expired among them; by a session of its own, that waits longer than requests
-/// do.
-std::optional<std::vector<Subscription>> loadSubscriptions(const Options& options);
+/// What a worker of the event server holds.
+using EventSession = SessionOf<PresenceService>;
+
+/// All that are stored, those that have expired among them.
+std::optional<std::vector<Subscription>> loadSubscriptions(PresenceService& service);
 /// Stores a new one.
 bool store(PresenceService& service, const Subscription& subscription);
 /// Stores what a refresh has changed: contact, CSeq and expiry.

@@ -7,15 +7,17 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace oryx::sip {
 
 namespace {
 
+using Contacts = std::vector<ExtendedContactRecord>;
 struct Swept {
     std::vector<ExpiredPublication> publications;
-    std::vector<ExtendedContactRecord> contacts;
+    Contacts contacts;
 };
 
 /// The URI in a stored Contact header field; empty where it cannot be read.
@@ -26,50 +28,66 @@ std::string contactUri(const std::string& header)
     return contact != nullptr ? normalized(*contact->m_url) : "";
 }
 
-/// Whether what had expired has been registered again before it could be taken away.
-bool isThereAgain(PresenceService& service, const ExtendedContactRecord& expired)
+/// Whether what had expired has been registered again before it could be taken away; or perhaps has, where the database
+/// cannot be asked: what has been subscribed to from there ends by itself.
+bool isThereAgain(EventSession& session, const ExtendedContactRecord& gone)
 {
-    const std::string uri = contactUri(expired.contactHeader());
     std::string ordering;
     bool replaces = false;
     std::vector<ContactRecord> contacts;
-    service.getPresenceDatabaseCommandExecutor()->lookupContacts(expired.sid(), ordering, replaces, contacts);
-    return std::any_of(contacts.begin(), contacts.end(),
-                       [&](const ContactRecord& contact) { return contactUri(contact.contactHeader()) == uri; });
+    const DatabaseResult found = session.service().getPresenceDatabaseCommandExecutor()->lookupContacts(
+        gone.sid(), ordering, replaces, contacts);
+    const auto same = [&](const ContactRecord& one) { return contactUri(one.contactHeader()) == gone.address(); };
+    return found.fatalError() || std::any_of(contacts.begin(), contacts.end(), same);
 }
 
-/// In a worker. What cannot be done now can be the next time.
+/// In the worker. What cannot be done now can be the next time.
 Swept sweptFrom(PresenceService& service)
 {
     Swept swept;
     removeExpiredPublications(service, swept.publications);
     service.flushExpiredContacts(swept.contacts);
-    std::erase_if(swept.contacts, [&](const ExtendedContactRecord& expired) { return isThereAgain(service, expired); });
+    for (ExtendedContactRecord& gone : swept.contacts) {
+        gone.setAddress(contactUri(gone.contactHeader()).c_str());
+    }
     return swept;
+}
+
+std::string watcherAt(const ExtendedContactRecord& contact)
+{
+    return contact.handle() + "@" + contact.domain();
 }
 
 } // namespace
 
-Sweeper::Sweeper(Loop& loop, Workers<EventSession>& workers, Notifier& notifier)
-    : m_workers(workers), m_notifier(notifier), m_timer(loop, [this] { sweep(); })
+Sweeper::Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier)
+    : m_worker(worker), m_notifier(notifier), m_timer(loop, [this] { sweep(); })
 {
 }
 
 void Sweeper::sweep()
 {
-    const auto work = [](EventSession& session) { return sweptFrom(session.service()); };
-    const auto then = [this](const Swept& swept) {
-        for (const ExpiredPublication& publication : swept.publications) {
-            m_notifier.publicationChanged(publication.presentity);
-        }
-        for (const ExtendedContactRecord& expired : swept.contacts) {
-            m_notifier.contactExpired(expired.handle() + "@" + expired.domain(), contactUri(expired.contactHeader()));
+    const auto end = [this](const Contacts& gone) {
+        for (const ExtendedContactRecord& contact : gone) {
+            m_notifier.contactExpired(watcherAt(contact), contact.address());
         }
         start();
     };
-    if (!m_workers.give(0, work, then)) {
-        start();
-    }
+    const auto follow = [this, end](Swept swept) {
+        for (const ExpiredPublication& publication : swept.publications) {
+            m_notifier.publicationChanged(publication.presentity);
+        }
+        std::erase_if(swept.contacts, [this](const ExtendedContactRecord& contact) {
+            return !m_notifier.comesFrom(watcherAt(contact), contact.address());
+        });
+        auto look = [gone = std::move(swept.contacts)](EventSession& session) mutable {
+            std::erase_if(gone, [&](const ExtendedContactRecord& contact) { return isThereAgain(session, contact); });
+            return std::move(gone);
+        };
+        m_worker.give(0, std::move(look), end);
+    };
+    const auto begin = [](EventSession& session) { return sweptFrom(session.service()); };
+    m_worker.give(0, begin, follow); // which has nothing else to do
 }
 
 } // namespace oryx::sip

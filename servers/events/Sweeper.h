@@ -3,15 +3,16 @@
 #include <common/Loop.h>
 #include <common/Workers.h>
 #include <events/Notifier.h>
-#include <events/Session.h>
+#include <events/Store.h>
 
 namespace oryx::sip {
 
 /// Takes away, every few seconds, what has expired in the database with nobody asking for it: publications, and
-/// registrations with what has been subscribed to from there.
+/// registrations with what has been subscribed to from there. That may be very much: no request waits for its worker.
 class Sweeper {
 public:
-    Sweeper(Loop& loop, Workers<EventSession>& workers, Notifier& notifier);
+    /// The worker is one, and the sweeper's alone from `start` on.
+    Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier);
 
     void start() { m_timer.set(kPause); }
 
@@ -20,7 +21,7 @@ private:
 
     void sweep();
 
-    Workers<EventSession>& m_workers;
+    Workers<EventSession>& m_worker;
     Notifier& m_notifier;
     Timer m_timer;
 };

@@ -1,16 +1,17 @@
 // oryx-events: presence, who watches it, and lists of it (RFC 6665, 3856, 3857, 4662), whose state is the database's.
 
+#include <common/Database.h>
 #include <common/Ending.h>
 #include <common/Endpoint.h>
-#include <common/Gate.h>
 #include <common/Server.h>
 #include <common/Workers.h>
 #include <events/Changes.h>
 #include <events/Notifier.h>
-#include <events/Publisher.h>
-#include <events/Subscriber.h>
+#include <events/Requests.h>
 #include <events/Sweeper.h>
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,15 @@ using namespace oryx::sip;
 
 constexpr const char* kAllow = "SUBSCRIBE, PUBLISH, OPTIONS";
 
+/// Has one wait longer than requests do, for what goes through whole tables.
+std::unique_ptr<EventSession> patient(std::unique_ptr<EventSession> session)
+{
+    oryx::SessionOptions options = sessionOptions();
+    options.deadline = std::max(options.deadline, std::chrono::milliseconds(30000));
+    session->service().setSessionOptions(options);
+    return session;
+}
+
 void run(Loop& loop, const Options& options, int signals)
 {
     Metrics metrics;
@@ -28,21 +38,27 @@ void run(Loop& loop, const Options& options, int signals)
     std::optional<Notifier> notifier;
     Changes changes(loop, notifier);
     const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
+    const auto newSession = [&] { return std::make_unique<EventSession>(options, provisioning, nonces); };
     std::optional<Sweeper> sweeper;
     std::optional<Workers<EventSession>> workers;
-    workers.emplace(
-        loop, metrics, options.workers, [&] { return std::make_unique<EventSession>(options, provisioning, nonces); },
-        [&] {
-            notifier->resume([&] {
-                sweeper->start(); // of what it takes away nobody hears again
-                tellReady();
-            });
-        });
-    notifier.emplace(loop, *workers, options);
-    sweeper.emplace(loop, *workers, *notifier);
-    Gate gate(options, provisioning, nonces);
-    Subscriber subscriber(gate, *workers, *notifier);
-    Publisher publisher(gate, *workers, *notifier);
+    std::optional<Workers<EventSession>> patientOne; // for what no request waits for
+    int unconnected = 2;
+    bool resumed = false; // until then nobody knows what there is
+    const auto connected = [&] {
+        if (--unconnected == 0) {
+            notifier->resume();
+        }
+    };
+    workers.emplace(loop, metrics, options.workers, newSession, connected);
+    patientOne.emplace(
+        loop, metrics, 1, [&] { return patient(newSession()); }, connected);
+    notifier.emplace(loop, *workers, *patientOne, [&] {
+        sweeper->start(); // of what it takes away nobody hears again
+        resumed = true;
+        tellReady();
+    });
+    sweeper.emplace(loop, *patientOne, *notifier);
+    Desk desk{Gate(options, provisioning, nonces), *workers, *notifier};
     const auto take = [&](const std::shared_ptr<Incoming>& request) {
         const sip_method_t method = request->sip().sip_request->rq_method;
         if (method == sip_method_options) {
@@ -50,26 +66,27 @@ void run(Loop& loop, const Options& options, int signals)
                            SIPTAG_ALLOW_EVENTS_STR(kAllowEvents));
         } else if (method != sip_method_subscribe && method != sip_method_publish) {
             request->answer(SIP_405_METHOD_NOT_ALLOWED, SIPTAG_ALLOW_STR(kAllow));
-        } else if (!notifier->resumed()) {
+        } else if (!resumed) {
             request->answerUnavailable();
         } else if (method == sip_method_publish) {
-            publisher.take(request);
+            publish(desk, request);
         } else {
-            subscriber.take(request);
+            subscribe(desk, request);
         }
     };
     Endpoint endpoint(loop, metrics, options.listen, take, nullptr, nullptr, Endpoint::Merged::refused);
     notifier->setEndpoint(endpoint);
-    gate.setEndpoint(endpoint);
+    desk.gate.setEndpoint(endpoint);
     std::optional<MetricsPage> page;
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);
     }
-    const Ending ending(loop, endpoint, signals, [&] { return workers->idle(); });
+    const Ending ending(loop, endpoint, signals, [&] { return workers->idle() && patientOne->idle(); });
     loop.run();
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();
-    notifier->stop();
+    patientOne.reset();
+    notifier.reset();
 }
 
 } // namespace

@@ -204,6 +204,18 @@ TEST_F(Publishing, IsOfThePackagePresence)
     EXPECT_EQ(answer(request(kOpen).set("Event", "presence;id=1")), "200 OK");
 }
 
+/// RFC 3261 section 8.2.2.1.
+TEST_F(Publishing, RefusesUrisThatItDoesNotServe)
+{
+    start();
+    for (const std::string uri : {"sips:alice@oryx.example", "sips:alice@elsewhere.example", "tel:1001"}) {
+        Message message = request(kOpen);
+        message.first = "PUBLISH " + uri + " SIP/2.0";
+        EXPECT_EQ(answer(message), "416 Unsupported URI Scheme") << uri;
+    }
+    EXPECT_EQ(stored(), "0\n");
+}
+
 TEST_F(Publishing, RefusesExtensionsThatItDoesNotKnow)
 {
     start();

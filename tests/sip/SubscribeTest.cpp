@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <map>
 #include <random>
 #include <regex>
 #include <set>
@@ -91,14 +92,23 @@ protected:
             " ('alice@oryx.example', '" +
             requester + "', '" + action + "', 'presence')");
     }
-    void publish(const std::string& tag = "tag", int seconds = 3600)
+    void publish(const std::string& tag = "tag", int seconds = 3600) { sql(publication("alice", tag, seconds)); }
+    static std::string publication(const std::string& handle, const std::string& tag = "tag", int seconds = 3600)
     {
-        sql("SELECT apply_publication('alice', 'oryx.example', 'presence', '', '" + tag + "', " +
-            std::to_string(seconds) +
-            ", 'application/pidf+xml', '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"" + kAlice +
-            "\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0)");
+        return "SELECT apply_publication('" + handle + "', 'oryx.example', 'presence', '', '" + tag + "', " +
+               std::to_string(seconds) +
+               ", 'application/pidf+xml', '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"sip:" + handle +
+               "@oryx.example\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0);";
     }
     std::string stored() { return rows("SELECT count(*) FROM subscription_states"); }
+    /// What nobody is told of happens some time.
+    bool storedBecomes(const std::string& count)
+    {
+        for (int tries = 0; tries < 100 && stored() != count; ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return stored() == count;
+    }
     void kill()
     {
         m_server->signal(SIGKILL);
@@ -476,6 +486,41 @@ TEST_F(Subscribing, StaysWithARegistrationThatIsNotTakenAway)
     EXPECT_EQ(stored(), "1\n");
 }
 
+/// Whether it is registered again, nobody knows then.
+TEST_F(Subscribing, StaysWhereNobodyCanTellWhetherItsRegistrationDoes)
+{
+    allow("bob@oryx.example");
+    startEvents();
+    Watcher bob("bob", m_port);
+    bob.subscribe(kAlice);
+    bob.notified();
+    sql("REVOKE SELECT ON subscriber FROM oryx_presence;"
+        "INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" +
+        bob.phone().contact() + "', '<" + bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    EXPECT_TRUE(bob.phone().socket().silent(2500));
+    EXPECT_EQ(bindings(), "");
+    EXPECT_EQ(stored(), "1\n");
+}
+
+/// As after an outage: all of them at once.
+TEST_F(Subscribing, DoesNotWaitForRegistrationsThatExpire)
+{
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--workers", "1"});
+    sql("INSERT INTO contact (csid, address, contact_header, expires)"
+        " SELECT 2, 'sip:bob@192.0.2.7:' || n, '<sip:bob@192.0.2.7:' || n || '>;expires=60', extract(epoch FROM now())::int - 1"
+        " FROM generate_series(1, 50000) n");
+    for (int tries = 0; tries < 200 && !bindings().empty(); ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    const auto begun = std::chrono::steady_clock::now();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+    EXPECT_EQ(bindings(), "");
+}
+
 TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
 {
     allow("bob@oryx.example");
@@ -764,6 +809,75 @@ TEST_F(Subscribing, IsToldLaterWhatTheDatabaseKeepsBack)
     EXPECT_TRUE(bob.silent());
 }
 
+/// Only what the same worker does waits with it.
+TEST_F(Subscribing, IsToldOfOneWhileAnothersRowsAreLocked)
+{
+    constexpr int kLocked = 40;
+    constexpr int kOthers = 16; // more than a few of whom another worker serves
+    allow("*");
+    startEvents({"--auth", "none", "--workers", "4"});
+    Watcher locked("bob", m_port);
+    for (int n = 0; n < kLocked; ++n) {
+        const std::string from = "<sip:locked" + std::to_string(n) + "@oryx.example>;tag=1";
+        EXPECT_EQ(status(locked.subscribe(locked.request(kAlice).set("From", from))), "200 OK");
+        locked.notified();
+    }
+    Watcher other("bob", m_port);
+    std::string published;
+    for (int n = 0; n < kOthers; ++n) {
+        const std::string handle = "other" + std::to_string(n);
+        const std::string address = "sip:" + handle + "@oryx.example";
+        sql("INSERT INTO public_address (csid, handle, sip_domain) VALUES (2, '" + handle + "', 'oryx.example')");
+        EXPECT_EQ(status(other.subscribe(other.request(address).set("From", "<" + address + ">;tag=1"))), "200 OK");
+        other.notified();
+        published += publication(handle);
+    }
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; SELECT FROM subscription_states WHERE fromhdr LIKE '%locked%' FOR UPDATE");
+    publish();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto begun = std::chrono::steady_clock::now();
+    sql(published);
+    for (int n = 0; n < kOthers / 4; ++n) {
+        EXPECT_EQ(told(other.notified()), "NOTIFY active open");
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(3));
+    holder.run("COMMIT");
+}
+
+/// What concerns few goes before what may concern everybody.
+TEST_F(Subscribing, IsToldOfAPublicationBeforeOthersAreOfARule)
+{
+    constexpr int kWatchers = 60;
+    allow("*");
+    publish();
+    startEvents({"--auth", "none", "--workers", "1"});
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < kWatchers; ++n) {
+        const std::string from = "<sip:watcher" + std::to_string(n) + "@oryx.example>;tag=1";
+        EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("From", from))), "200 OK");
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    }
+    EXPECT_EQ(status(bob.subscribe(bob.phone().address())), "200 OK");
+    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    server::Session holder(m_database.name()); // so that all of it waits
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    allow("*", "polite");
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    sql(publication("bob"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    holder.run("COMMIT");
+    int before = 0;
+    while (told(bob.notified()) == "NOTIFY active closed") {
+        ++before;
+    }
+    EXPECT_LE(before, 16);
+    for (; before < kWatchers; ++before) {
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    }
+    EXPECT_TRUE(bob.silent());
+}
+
 /// As when PostgreSQL was restarted.
 TEST_F(Subscribing, IsToldAfterAllConnectionsWereLost)
 {
@@ -934,6 +1048,38 @@ TEST_F(Subscribing, CanBeHadEightTimes)
     Watcher alice("alice", m_port);
     EXPECT_EQ(status(alice.subscribe(kAlice)), "200 OK");
     EXPECT_EQ(status(bob.phone().ask(bob.request("sip:bob@oryx.example"))), "200 OK");
+}
+
+TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
+{
+    constexpr int kRequests = 100;
+    allow("bob@oryx.example");
+    startEvents({"--auth", "none", "--workers", "2"});
+    server::Session holder(m_database.name()); // so that all are there before the first is stored
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    Watcher bob("bob", m_port);
+    for (int n = 0; n < kRequests; ++n) {
+        Message request = bob.request(kAlice);
+        bob.phone().send(request.set("Call-ID", "burst" + std::to_string(n)));
+    }
+    holder.run("COMMIT");
+    std::map<std::string, std::set<std::string>> calls; // by what they were told
+    for (int answered = 0; answered < kRequests;) {
+        const Message message = bob.phone().receive();
+        if (message.status() != 0) {
+            calls[status(message)].insert(message.field("Call-ID"));
+            ++answered;
+        } else {
+            calls["NOTIFY"].insert(message.field("Call-ID"));
+            bob.phone().send(bob.phone().response(message, 200, "OK"));
+        }
+    }
+    while (calls["NOTIFY"].size() < 8) {
+        calls["NOTIFY"].insert(bob.notified().field("Call-ID"));
+    }
+    EXPECT_EQ(calls["200 OK"].size(), 8U);
+    EXPECT_EQ(calls["NOTIFY"], calls["200 OK"]);
+    EXPECT_TRUE(storedBecomes("8\n"));
 }
 
 TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
@@ -1157,6 +1303,37 @@ TEST_F(PresenceList, IsKnownByItsNameAsItIs)
 }
 
 /// RFC 4662 section 5.5: the same instance in each document.
+TEST_F(PresenceList, ShowsTheFirstOfVeryManyMembers)
+{
+    sql("INSERT INTO buddy_list_detail SELECT 'friends', 'sip:m' || n || '@oryx.example' FROM generate_series(1000, 1999) n");
+    startEvents();
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(request(bob))), "200 OK");
+    const Message notify = bob.notified();
+    EXPECT_LT(notify.body.size(), 57344U);
+    const std::string shown = resources(notify);
+    EXPECT_TRUE(shown.starts_with("0 sip:alice@oryx.example pending sip:m1000@oryx.example terminated")) << shown;
+    EXPECT_TRUE(shown.ends_with("sip:m1254@oryx.example terminated")) << shown;
+}
+
+/// Also one whose name has capitals.
+TEST_F(PresenceList, CanBeSubscribedToEightTimes)
+{
+    sql("UPDATE buddy_list SET buddy_list_name = 'Friends'");
+    startEvents();
+    Watcher bob("bob", m_port);
+    const auto subscribes = [&] {
+        return status(bob.subscribe(bob.request("sip:Friends@oryx.example").set("Supported", "eventlist")));
+    };
+    for (int n = 0; n < 8; ++n) {
+        EXPECT_EQ(subscribes(), "200 OK");
+        bob.notified();
+    }
+    EXPECT_EQ(subscribes(), "403 Forbidden");
+    EXPECT_TRUE(storedBecomes("8\n"));
+    EXPECT_TRUE(bob.silent());
+}
+
 TEST_F(PresenceList, KeepsTheNamesOfItsMembersInstances)
 {
     const auto instanceOfAlice = [](const Message& notify) {

@@ -267,6 +267,34 @@ TEST(ListBody, hasABoundaryAtOnceWhateverTheDocumentsHave)
     EXPECT_LT(processorTime() - begin, std::chrono::seconds(2));
 }
 
+TEST(ListBody, fitsADatagramWhoeverIsOnTheList)
+{
+    const auto body = [](std::size_t members, std::size_t uri, std::size_t document) {
+        std::vector<ListMember> list;
+        for (std::size_t n = 0; n < members; ++n) {
+            const std::string start = "sip:" + std::to_string(n);
+            list.push_back({start + std::string(uri - start.size(), 'u'), "18446744073709551615", "active", "",
+                            std::string(document, 'd')});
+        }
+        return listBody("sip:friends@oryx.example", 1, list).text;
+    };
+    const auto count = [](const std::string& text, const std::string& what) {
+        std::size_t times = 0;
+        for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+            ++times;
+        }
+        return times;
+    };
+    const std::string hundred = body(100, 30, 200);
+    EXPECT_EQ(count(hundred, "<resource "), 100U);
+    EXPECT_EQ(count(hundred, "application/pidf+xml"), 100U);
+    const std::string many = body(250, 30, 200);
+    EXPECT_EQ(count(many, "<resource "), 250U);
+    EXPECT_LT(many.size(), 58000U);
+    EXPECT_LT(body(1000, 1000, 1000).size(), 58000U);
+    EXPECT_LT(body(100, 100, 3000).size(), 58000U);
+}
+
 TEST(ListBody, hasNoMoreDocumentsThanADatagramHasRoomFor)
 {
     const std::string document(30000, 'd');

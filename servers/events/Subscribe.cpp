@@ -1,7 +1,7 @@
 // RFC 6665 section 4.2.1, in its order: what a request must be, whether its subscription is known, for how long, and
 // who wants it; then, in a worker, whether he may.
 
-#include <events/Subscriber.h>
+#include <events/Requests.h>
 
 #include <common/Headers.h>
 #include <events/Rules.h>
@@ -18,6 +18,7 @@ namespace oryx::sip {
 namespace {
 
 constexpr const char* kEventList = "eventlist";
+constexpr const char* kIdStart = "incoming#";   // and the server's tag in the dialog
 constexpr std::uint32_t kLastCseq = 0x7fffffff; // RFC 3261 section 8.1.1.5
 
 /// A request as a worker gets it.
@@ -42,11 +43,6 @@ bool accepts(const sip_t& sip, const char* type)
         }
     }
     return sip.sip_accept == nullptr;
-}
-
-std::string subscriptionId(const char* tag)
-{
-    return std::string("incoming#") + tag;
 }
 
 /// Whether a request is of the subscription's dialog, by tag and Call-ID, and of its event (RFC 6665 section 8.2.1).
@@ -124,7 +120,7 @@ bool readDialog(Incoming& request, SubscribeOrder& order)
         return false;
     }
     const std::string tag = request.tag();
-    dialog.SetSubscriptionid(subscriptionId(tag.c_str()).c_str());
+    dialog.SetSubscriptionid((kIdStart + tag).c_str());
     dialog.SetFromhdr(headerText(*sip.sip_from).c_str());
     dialog.SetTohdr((headerText(*sip.sip_to) + ";tag=" + tag).c_str());
     dialog.SetCallId(sip.sip_call_id->i_id);
@@ -140,7 +136,7 @@ bool readDialog(Incoming& request, SubscribeOrder& order)
 bool readKnown(const Notifier& notifier, Incoming& request, SubscribeOrder& order)
 {
     const sip_t& sip = request.sip();
-    const Subscription* const known = notifier.find(subscriptionId(sip.sip_to->a_tag));
+    const Subscription* const known = notifier.find(kIdStart + std::string(sip.sip_to->a_tag));
     if (known == nullptr || !isOf(known->dialog, sip)) {
         return request.refuse(SIP_481_NO_TRANSACTION);
     }
@@ -202,18 +198,15 @@ SubscribeOrder prolong(EventSession& session, SubscribeOrder& order)
 /// Whether the watcher is granted what he asks for.
 bool isGranted(Incoming& request, const SubscribeOrder& order)
 {
-    switch (order.permission) {
-    case Permission::absent:
-        return request.refuse(SIP_404_NOT_FOUND);
-    case Permission::blocked:
-        return request.refuse(SIP_403_FORBIDDEN);
-    case Permission::unknown:
+    if (order.permission == Permission::unknown) {
         request.answerUnavailable();
         return false;
-    case Permission::allowed:
-    case Permission::unsettled:
-    case Permission::deceived:
-        break;
+    }
+    if (order.permission == Permission::absent) {
+        return request.refuse(SIP_404_NOT_FOUND);
+    }
+    if (order.permission == Permission::blocked) {
+        return request.refuse(SIP_403_FORBIDDEN);
     }
     return order.lists || order.subscription.package != Package::presenceList ||
            request.refuse(SIP_421_EXTENSION_REQUIRED, SIPTAG_REQUIRE_STR(kEventList));
@@ -228,52 +221,58 @@ void conclude(Incoming& request, const SubscribeOrder& order)
                    TAG_IF(order.subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR(kEventList)));
 }
 
-} // namespace
-
-void Subscriber::take(const std::shared_ptr<Incoming>& request)
-{
-    if (request->sip().sip_to->a_tag != nullptr) { // of a dialog
-        return refresh(request);
-    }
-    SubscribeOrder order;
-    if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
-        !m_gate.readExpiry(*request, order.expires) || !readParties(m_gate, *request, order) ||
-        !readDialog(*request, order) || !readWatcher(m_gate, *request, order) ||
-        !findsRoom(m_notifier, *request, order)) {
-        return;
-    }
-    const auto then = [this, request](SubscribeOrder accepted) {
-        if (isGranted(*request, accepted)) {
-            conclude(*request, accepted);
-            m_notifier.add(std::move(accepted.subscription), accepted.expires > 0);
-        }
-    };
-    m_gate.apply(m_workers, request, std::move(order), &admit, then);
-}
-
-void Subscriber::refresh(const std::shared_ptr<Incoming>& request)
+/// Of a request within a dialog.
+void refresh(const Desk& desk, const std::shared_ptr<Incoming>& request)
 {
     SubscribeOrder order;
     if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
-        !readKnown(m_notifier, *request, order) || !m_gate.readExpiry(*request, order.expires) ||
-        !readWatcher(m_gate, *request, order)) {
+        !readKnown(desk.notifier, *request, order) || !desk.gate.readExpiry(*request, order.expires) ||
+        !readWatcher(desk.gate, *request, order)) {
         return;
     }
-    const std::function<void()> forget = m_notifier.takeCseq(order.subscription);
+    const std::function<void()> forget = desk.notifier.takeCseq(order.subscription);
     if (!forget) { // RFC 3261 section 12.2.2
         return request->answer(500, "Request Is Out of Order");
     }
-    const auto then = [this, request](const SubscribeOrder& stored) {
+    const auto then = [&notifier = desk.notifier, request](const SubscribeOrder& stored) {
         if (!isGranted(*request, stored)) {
             return;
         }
-        if (m_notifier.find(stored.subscription.id()) == nullptr) { // it has ended meanwhile
+        if (notifier.find(stored.subscription.id()) == nullptr) { // it has ended meanwhile
             return request->answer(SIP_481_NO_TRANSACTION);
         }
         conclude(*request, stored);
-        m_notifier.refresh(stored.subscription);
+        notifier.refresh(stored.subscription);
     };
-    m_gate.apply(m_workers, request, std::move(order), &prolong, then, forget); // who proves nothing has sent nothing
+    desk.gate.apply(desk.workers, request, std::move(order), &prolong, then,
+                    forget); // who proves nothing has sent nothing
+}
+
+} // namespace
+
+void subscribe(const Desk& desk, const std::shared_ptr<Incoming>& request)
+{
+    if (request->sip().sip_to->a_tag != nullptr) { // of a dialog
+        return refresh(desk, request);
+    }
+    SubscribeOrder order;
+    if (!Gate::understands(*request, kEventList) || !readPackage(*request, order) ||
+        !desk.gate.readExpiry(*request, order.expires) || !readParties(desk.gate, *request, order) ||
+        !readDialog(*request, order) || !readWatcher(desk.gate, *request, order) ||
+        !findsRoom(desk.notifier, *request, order)) {
+        return;
+    }
+    const auto then = [&notifier = desk.notifier, request](SubscribeOrder accepted) {
+        if (!isGranted(*request, accepted)) {
+            return;
+        }
+        if (!findsRoom(notifier, *request, accepted)) { // others were faster, or it is a list by its own name
+            return notifier.discard(std::move(accepted.subscription), accepted.expires > 0);
+        }
+        conclude(*request, accepted);
+        notifier.add(std::move(accepted.subscription), accepted.expires > 0);
+    };
+    desk.gate.apply(desk.workers, request, std::move(order), &admit, then);
 }
 
 } // namespace oryx::sip

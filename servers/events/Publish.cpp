@@ -1,6 +1,6 @@
 // RFC 3903 section 6, its items in their order.
 
-#include <events/Publisher.h>
+#include <events/Requests.h>
 
 #include <common/Headers.h>
 #include <events/Documents.h>
@@ -39,13 +39,13 @@ bool readPresentity(const Gate& gate, Incoming& request, PublishOrder& order)
            (gate.serves(order.sender.address) || request.refuse(SIP_404_NOT_FOUND));
 }
 
-/// Item 2: the event package. Of a request that needs an extension none is known (RFC 3261 section 8.2.2.3).
+/// Item 2: the event package.
 bool readEvent(Incoming& request, PublishOrder& order)
 {
     const sip_event_t* const event = request.sip().sip_event;
     order.request.event = kPackage;
-    return Gate::understands(request) && ((event != nullptr && std::strcmp(event->o_type, kPackage) == 0) ||
-                                          request.refuse(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kPackage)));
+    return (event != nullptr && std::strcmp(event->o_type, kPackage) == 0) ||
+           request.refuse(SIP_489_BAD_EVENT, SIPTAG_ALLOW_EVENTS_STR(kPackage));
 }
 
 /// Section 14.1: nobody publishes for somebody else. What From says must be proven, if proof is asked for.
@@ -91,7 +91,7 @@ bool readBody(Incoming& request, PublishOrder& order)
 }
 
 /// Items 3 to 6 in a worker, where the presentity and his publications are known.
-Published publish(EventSession& session, PublishOrder& order)
+Published carryOut(EventSession& session, PublishOrder& order)
 {
     Published published;
     PublishRequest& request = order.request;
@@ -138,21 +138,22 @@ void tell(Incoming& request, const Published& published)
 
 } // namespace
 
-void Publisher::take(const std::shared_ptr<Incoming>& request)
+void publish(const Desk& desk, const std::shared_ptr<Incoming>& request)
 {
     PublishOrder order;
-    if (!readPresentity(m_gate, *request, order) || !readEvent(*request, order) ||
-        !readPublishingSender(m_gate, *request, order) || !readEntityTag(*request, order) ||
-        !m_gate.readExpiry(*request, order.request.expires) || !readBody(*request, order)) {
+    if (!Gate::understands(*request) || !readPresentity(desk.gate, *request, order) || !readEvent(*request, order) ||
+        !readPublishingSender(desk.gate, *request, order) || !readEntityTag(*request, order) ||
+        !desk.gate.readExpiry(*request, order.request.expires) || !readBody(*request, order)) {
         return;
     }
-    const auto then = [this, request, presentity = order.sender.address.text()](const Published& published) {
+    const auto then = [&notifier = desk.notifier, request,
+                       presentity = order.sender.address.text()](const Published& published) {
         tell(*request, published);
         if (published.changed) {
-            m_notifier.publicationChanged(presentity);
+            notifier.publicationChanged(presentity);
         }
     };
-    m_gate.apply(m_workers, request, std::move(order), &publish, then);
+    desk.gate.apply(desk.workers, request, std::move(order), &carryOut, then);
 }
 
 } // namespace oryx::sip
