@@ -56,8 +56,8 @@ Transaction sendNotify(const Endpoint& endpoint, const Subscription& subscriptio
                TAG_IF(subscription.package == Package::presenceList, SIPTAG_REQUIRE_STR("eventlist")),
                TAG_IF(body, SIPTAG_CONTENT_TYPE_STR(notice.body.type.c_str())),
                TAG_IF(body, SIPTAG_PAYLOAD_STR(notice.body.text.c_str())), TAG_END());
-    return Transaction(nta_outgoing_mcreate(endpoint.agent(), respond, magic, aside, message.release(),
-                                            TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END()));
+    return Transaction(keeping(message, nta_outgoing_mcreate(endpoint.agent(), respond, magic, aside, message.get(),
+                                                             TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END())));
 }
 
 } // namespace oryx::sip

@@ -218,9 +218,10 @@ void Fork::send(const Hop& hop)
             recordRoute(message.get(), m_outgoing.mark, m_endpoint.socketTowards(to));
         }
         fitStrictRouter(message.get());
-        branch.transaction.reset(nta_outgoing_mcreate(
-            m_endpoint.agent(), &Fork::responded, &branch, urlText(to), message.release(),
-            NTATAG_BRANCH_KEY(key.c_str()), TPTAG_IDENT(Endpoint::familyOf(to)), NTATAG_PASS_100(1), TAG_END()));
+        branch.transaction.reset(
+            keeping(message, nta_outgoing_mcreate(m_endpoint.agent(), &Fork::responded, &branch, urlText(to),
+                                                  message.get(), NTATAG_BRANCH_KEY(key.c_str()),
+                                                  TPTAG_IDENT(Endpoint::familyOf(to)), NTATAG_PASS_100(1), TAG_END())));
     }
     branch.ended = branch.transaction == nullptr; // the stack knows no such way
     m_sent = m_sent || !branch.ended;
@@ -318,9 +319,10 @@ void Fork::sendCancel(const Branch& branch)
 {
     const Message request(nta_outgoing_getrequest(branch.transaction.get()));
     Message message = cancelOf(m_endpoint.agent(), request.get());
-    nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(placeOf(request.get()).c_str()),
-                         message.release(), NTATAG_BRANCH_KEY(branch.key.c_str()),
-                         TPTAG_IDENT(msg_addr(request.get())->su_family == AF_INET6 ? "ip6" : nullptr), TAG_END());
+    const char* const family = msg_addr(request.get())->su_family == AF_INET6 ? "ip6" : nullptr;
+    keeping(message,
+            nta_outgoing_mcreate(m_endpoint.agent(), nullptr, nullptr, urlText(placeOf(request.get()).c_str()),
+                                 message.get(), NTATAG_BRANCH_KEY(branch.key.c_str()), TPTAG_IDENT(family), TAG_END()));
 }
 
 /// Those that have been cancelled and say nothing of it.

@@ -405,8 +405,9 @@ void Proxy::takeStray(const Message& message, const sip_t& sip) const
         const std::string branch = newBranch() + "." + loopMark(sip) + ".0";
         const url_t next = nextHop(sent); // its texts stay with the message
         fitStrictRouter(outgoing.get());
-        nta_msg_tsend(m_endpoint->agent(), outgoing.release(), urlText(next), NTATAG_BRANCH_KEY(branch.c_str()),
-                      TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END());
+        keeping(outgoing, nta_outgoing_mcreate(m_endpoint->agent(), nullptr, nullptr, urlText(next), outgoing.get(),
+                                               NTATAG_STATELESS(1), NTATAG_BRANCH_KEY(branch.c_str()),
+                                               TPTAG_IDENT(Endpoint::familyOf(next)), TAG_END()));
     }
 }
 
