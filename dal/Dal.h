@@ -158,9 +158,10 @@ private:
 /// | the registrar's lookups | filled | filled | not filled | not filled |
 /// | the event server's lookups | filled | filled | filled | filled |
 /// | `flushExpiredContacts` | not filled | expiry, header, Call-ID, CSeq | not filled | not filled |
+/// | `removeExpiredBindings` | not filled | expiry, header, Call-ID, CSeq | not filled | not filled |
 ///
 /// No operation stores type or path. The registrar's lookups fill the type, the event server's type, path and contact
-/// key too; `flushExpiredContacts` none of them.
+/// key too; `flushExpiredContacts` and `removeExpiredBindings` none of them.
 /// \ingroup registrar_records
 class ContactRecord {
 public:

@@ -321,8 +321,8 @@ private:
 
 /// A contact with the address of record that it is registered for.
 ///
-/// Stored by nothing; `flushExpiredContacts` fills handle, domain, public address key, contact header, expiry, Call-ID
-/// and CSeq.
+/// Stored by nothing; `flushExpiredContacts` and `removeExpiredBindings` fill handle, domain, public address key,
+/// contact header, expiry, Call-ID and CSeq.
 /// \ingroup event_records
 class ExtendedContactRecord : public ContactRecord {
 public:

@@ -2,7 +2,9 @@
 
 #include <dal/PresenceDatabaseCommandExecutor.h>
 
+#include <dal/ExpiredBindings.h>
 #include <dal/internal/Frame.h>
+#include <dal/internal/PresenceAccess.h>
 #include <dal/location/LocationRows.h>
 
 #include <sys/time.h>
@@ -330,6 +332,20 @@ DatabaseResult PresenceDatabaseCommandExecutor::flushExpiredContacts(std::vector
         m_frame->trace.prn("flushExpiredContacts retrieved %d rows", rows);
         std::move(flushed.begin(), flushed.end(), std::back_inserter(expired));
         return outcome;
+    });
+}
+
+DatabaseResult removeExpiredBindings(PresenceService& service, std::vector<ExtendedContactRecord>& removed)
+{
+    return PresenceAccess::guarded(service, [&](Frame& frame) {
+        return frame.list(
+            "removeExpiredBindings()", {}, Listing::mayBeEmpty, removed,
+            [] {
+                return sql(
+                    "WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < current_second() LIMIT {} FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid",
+                    kMostExpiredBindings);
+            },
+            [&](const Row& row) { readExpiredContact(row, removed.emplace_back()); }, "retrieved %d rows");
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include <common/Address.h>
 
+#include <dal/ExpiredBindings.h>
 #include <dal/PresenceDatabaseCommandExecutor.h>
 #include <dal/Publications.h>
 
@@ -14,10 +15,10 @@ namespace oryx::sip {
 
 namespace {
 
-using Contacts = std::vector<ExtendedContactRecord>;
+constexpr std::size_t kMostPieces = 20; // in one sweep: some seconds, where much is stored
 struct Swept {
     std::vector<ExpiredPublication> publications;
-    Contacts contacts;
+    std::vector<ExtendedContactRecord> contacts;
 };
 
 /// The URI in a stored Contact header field; empty where it cannot be read.
@@ -41,12 +42,14 @@ bool isThereAgain(EventSession& session, const ExtendedContactRecord& gone)
     return found.fatalError() || std::any_of(contacts.begin(), contacts.end(), same);
 }
 
-/// In the worker. What cannot be done now can be the next time.
-Swept sweptFrom(PresenceService& service)
+/// In the worker, in pieces that nobody waits for. What cannot be done now can be the next time.
+Swept sweptFrom(EventSession& session)
 {
     Swept swept;
-    removeExpiredPublications(service, swept.publications);
-    service.flushExpiredContacts(swept.contacts);
+    removeExpiredPublications(session.service(), swept.publications);
+    for (std::size_t n = 0; n < kMostPieces && swept.contacts.size() >= n * kMostExpiredBindings; ++n) {
+        removeExpiredBindings(session.service(), swept.contacts);
+    }
     for (ExtendedContactRecord& gone : swept.contacts) {
         gone.setAddress(contactUri(gone.contactHeader()).c_str());
     }
@@ -60,14 +63,9 @@ std::string watcherAt(const ExtendedContactRecord& contact)
 
 } // namespace
 
-Sweeper::Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier)
-    : m_worker(worker), m_notifier(notifier), m_timer(loop, [this] { sweep(); })
-{
-}
-
 void Sweeper::sweep()
 {
-    const auto end = [this](const Contacts& gone) {
+    const auto end = [this](const std::vector<ExtendedContactRecord>& gone) {
         for (const ExtendedContactRecord& contact : gone) {
             m_notifier.contactExpired(watcherAt(contact), contact.address());
         }
@@ -77,17 +75,15 @@ void Sweeper::sweep()
         for (const ExpiredPublication& publication : swept.publications) {
             m_notifier.publicationChanged(publication.presentity);
         }
-        std::erase_if(swept.contacts, [this](const ExtendedContactRecord& contact) {
-            return !m_notifier.comesFrom(watcherAt(contact), contact.address());
-        });
+        const auto idle = [this](const auto& one) { return !m_notifier.comesFrom(watcherAt(one), one.address()); };
+        std::erase_if(swept.contacts, idle);
         auto look = [gone = std::move(swept.contacts)](EventSession& session) mutable {
             std::erase_if(gone, [&](const ExtendedContactRecord& contact) { return isThereAgain(session, contact); });
             return std::move(gone);
         };
         m_worker.give(0, std::move(look), end);
     };
-    const auto begin = [](EventSession& session) { return sweptFrom(session.service()); };
-    m_worker.give(0, begin, follow); // which has nothing else to do
+    m_worker.give(0, sweptFrom, follow); // which has nothing else to do
 }
 
 } // namespace oryx::sip

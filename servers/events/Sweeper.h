@@ -12,7 +12,10 @@ namespace oryx::sip {
 class Sweeper {
 public:
     /// The worker is one, and the sweeper's alone from `start` on.
-    Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier);
+    Sweeper(Loop& loop, Workers<EventSession>& worker, Notifier& notifier)
+        : m_worker(worker), m_notifier(notifier), m_timer(loop, [this] { sweep(); })
+    {
+    }
 
     void start() { m_timer.set(kPause); }
 

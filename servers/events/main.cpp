@@ -22,7 +22,7 @@ using namespace oryx::sip;
 
 constexpr const char* kAllow = "SUBSCRIBE, PUBLISH, OPTIONS";
 
-/// Has one wait longer than requests do, for what goes through whole tables.
+/// Has one wait longer than requests do, for what reads whole tables.
 std::unique_ptr<EventSession> patient(std::unique_ptr<EventSession> session)
 {
     oryx::SessionOptions options = sessionOptions();

@@ -58,6 +58,7 @@ const std::map<std::string, Names> kServed{
     {"oryx::findTarget", {"oryx_proxy"}},
     {"oryx::applyPublication", {"oryx_presence"}},
     {"oryx::livePublications", {"oryx_presence"}},
+    {"oryx::removeExpiredBindings", {"oryx_presence"}},
     {"oryx::removeExpiredPublications", {"oryx_presence"}},
     {"DatabaseCommandExecutor::checkConnect", {"oryx_registrar", "oryx_proxy", "oryx_provisioning"}},
     {"DatabaseCommandExecutor::getSystemParameterValue", {"oryx_registrar", "oryx_proxy"}},
@@ -246,7 +247,8 @@ Entries callsOf(const std::string& group)
 /// more when they are bound, and are refused then.
 const std::map<std::string, Names> kChangesBeside{
     {"oryx_presence", {"LocationService::removeExpiredContacts", "LocationService::unregisterContacts"}},
-    {"oryx_registrar", {"oryx::findTarget"}}, // which changes nothing; of what is registered alone
+    // The one changes nothing, of what is registered alone; the other is as its own sweep.
+    {"oryx_registrar", {"oryx::findTarget", "oryx::removeExpiredBindings"}},
     {"oryx_provisioning",
      {"DatabaseCommandExecutor::addContact", "DatabaseCommandExecutor::removeContact",
       "LocationService::registerContacts", "LocationService::removeExpiredContacts",

@@ -3,6 +3,8 @@
 #include "hostile/Registrar.h"
 #include "support/ShowPublications.h"
 
+#include <dal/ExpiredBindings.h>
+
 namespace {
 
 using oryx::DatabaseCommandExecutor;
@@ -180,6 +182,15 @@ void appendEventServer(Entries& table)
             [](Library& library, const std::string& /*text*/) {
                 return listed<oryx::ExpiredPublication>(
                     [&](auto& expired) { return removeExpiredPublications(library.presence, expired); });
+            },
+    });
+    table.push_back({
+        .argument = "oryx::removeExpiredBindings(service, removed)",
+        .before = {kStaleContact.with("csid", "12").insert()},
+        .call =
+            [](Library& library, const std::string& /*text*/) {
+                return listed<oryx::ExtendedContactRecord>(
+                    [&](auto& removed) { return removeExpiredBindings(library.presence, removed); });
             },
     });
     const std::pair<const char*, oryx::DatabaseResult (Executor::*)()> resets[]{
