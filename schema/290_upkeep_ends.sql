@@ -80,8 +80,8 @@ LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, pg_temp SET lock
 DECLARE
     most_rows CONSTANT bigint := 200000;   -- some seconds' work: a log that was never trimmed is done run by run
     longest CONSTANT interval := '20 seconds';
-    -- Instants, as an interval with months has no length of its own.
-    keep CONSTANT interval := CASE WHEN now() - keep_changes > now() - interval '1 hour' THEN '1 hour' ELSE keep_changes END;
+    asked_at CONSTANT timestamptz := clock_timestamp();
+    keep interval;
     pieces record;
     trimmed_rows bigint;
     failed_tasks integer := 0;
@@ -131,6 +131,10 @@ BEGIN
         state := 'done';
         value := NULL;
         BEGIN
+            keep := asked_at - (asked_at - keep_changes);   -- a length: with months it would be another at another time
+            IF keep < interval '1 hour' THEN
+                keep := '1 hour';
+            END IF;
             pieces := public.upkeep_trim(keep, most_rows, longest);
             value := pieces.removed;
             detail := format('older than %s', keep) || CASE WHEN pieces.goes_on THEN ', and the next run goes on' ELSE '' END;

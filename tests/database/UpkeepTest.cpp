@@ -101,6 +101,29 @@ TEST_F(Upkeep, LeavesAnHoursChangesWhateverItIsTold)
     EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|0|rows|older than 01:00:00\n");
 }
 
+TEST_F(Upkeep, LeavesForThatHourWhateverTheMonthsAre)
+{
+    sql("CREATE OR REPLACE FUNCTION trim_some_changes(keep interval, most integer) RETURNS bigint LANGUAGE plpgsql AS $$ "
+        "BEGIN RAISE '% months', extract(year FROM keep) * 12 + extract(month FROM keep); END $$");
+    for (const std::string keep : {"1 year", "2 months", "1 month -20 days"}) {
+        EXPECT_EQ(done("'" + keep + "'"), kNothingForgotten + "failed|trim_change_log|NULL|rows|0 months\n") << keep;
+    }
+}
+
+TEST_F(Upkeep, DoesTheRestThoughNoTimeIsSoLongAgo)
+{
+    ASSERT_EQ(ask("BEGIN; SELECT FROM contact"), "okay");
+    const std::string named = session("idle in transaction");
+    for (const std::string keep : {"9999 years", "-999999 years"}) {
+        EXPECT_EQ(done("'" + keep + "'"),
+                  kNothingForgotten + "failed|trim_change_log|NULL|rows|timestamp out of range\n");
+    }
+    EXPECT_EQ(withoutSeconds(done("'9999 years', idle_limit => '0'")),
+              "done|end_forgotten_transactions|1|sessions|" + named + "\n" + kNothingForgotten +
+                  "failed|trim_change_log|NULL|rows|timestamp out of range\n");
+    EXPECT_EQ(state("upkeep_failed"), "alarm");
+}
+
 TEST_F(Upkeep, TrimsNothingWhereNothingIsSaid)
 {
     sql("INSERT INTO acp VALUES ('old')");
