@@ -132,8 +132,12 @@ ConnectAttempts::ConnectAttempts(const std::string& connectionString) : m_connec
 
 bool ConnectAttempts::underWay() const
 {
-    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::underWay)) &&
-           std::none_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));
+    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::underWay)) && !succeeded();
+}
+
+bool ConnectAttempts::succeeded() const
+{
+    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));
 }
 
 bool ConnectAttempts::beginAnother()

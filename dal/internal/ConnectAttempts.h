@@ -47,6 +47,8 @@ public:
 
     /// Whether none has succeeded yet, and one may.
     bool underWay() const;
+    /// Whether one has.
+    bool succeeded() const;
     /// Begins one more, without the host that the latest waits for; false if that leaves none, or there is no memory.
     bool beginAnother();
     /// What to wait for; the last is what interrupts.

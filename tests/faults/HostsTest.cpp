@@ -373,6 +373,22 @@ TEST_F(SeveralHosts, AreLookedAtAgainBehindALookUpThatTookAllOfTheTime)
     EXPECT_EQ(connect(std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name()), m_okay);
 }
 
+TEST_F(SeveralHosts, AreTakenBehindTheDeadlineThoughMemoryRunsOut)
+{
+    m_first.lag(m_measure.deadline / 5);
+    slowness = m_measure.deadline * 12 / 10;
+    twoHosts();
+    const std::string uri = std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name();
+    static Clock::time_point began;
+    began = Clock::now();
+    countNewsOnly([] { return Clock::now() - began > kDeadline; });
+    failNewAfter(1); // the first is for the attempt at the other host
+    const std::string end = connect(uri);
+    failNoNew();
+    countNewsOnly(nullptr);
+    EXPECT_EQ(end, m_okay);
+}
+
 TEST_F(SeveralHosts, GetNoStatementBehindTheDeadline)
 {
     twoHosts();
