@@ -31,9 +31,10 @@ CREATE OR REPLACE VIEW open_transaction AS
                                  UNION SELECT pid FROM pg_stat_progress_cluster));
 
 -- Ends the sessions that leave a transaction open without doing anything in it, and cancels statements whose transaction
--- has been open for too long; not of who may change the schema, as a migration or a superuser's dump takes its time. What
--- has caught that, and is open three minutes later, is ended too. One row for each; a superuser's session cannot be ended
--- so, and says why.
+-- has been open for too long; not of who may change the schema, as a migration or a superuser's dump takes its time. With
+-- three minutes more than that the session is ended: run by run, only what catches a cancel becomes so old. Where no run
+-- has come for as long, nothing was cancelled before. One row for each; a superuser's session cannot be ended so, and
+-- says why.
 CREATE OR REPLACE FUNCTION end_forgotten_transactions(idle_limit interval, running_limit interval)
 RETURNS TABLE (session text, ended boolean, failure text) LANGUAGE plpgsql
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
@@ -64,7 +65,7 @@ END
 $$;
 
 UPDATE alarm_limit
-    SET remedy = 'the upkeep cancels it, and ends its session three minutes later, unless it is of who may change the schema, or a superuser''s: pg_terminate_backend, by one'
+    SET remedy = 'the upkeep cancels it, or ends its session if it is three minutes older, unless it is of who may change the schema, or a superuser''s: pg_terminate_backend, by one'
     WHERE alarm = 'oldest_transaction';
 
 -- Upkeep ------------------------------------------------------------------------------------------------------------
