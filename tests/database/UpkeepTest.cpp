@@ -518,6 +518,11 @@ protected:
     /// The last file archived, and when; or none since statistics were lost.
     void archived(const std::string& file, int milliseconds) { tells("'" + file + "'", at(milliseconds), at(0)); }
     void lost(int milliseconds) { tells("NULL", "NULL::timestamptz", at(milliseconds)); }
+    /// The last file that could not be archived, and when.
+    void failed(const std::string& file, int milliseconds)
+    {
+        m_failed = "'" + file + "'::text AS last_failed_wal, " + at(milliseconds);
+    }
 
     void run(int milliseconds, int writing)
     {
@@ -532,8 +537,10 @@ private:
     void tells(const std::string& file, const std::string& time, const std::string& since)
     {
         sql("CREATE OR REPLACE VIEW archiver AS SELECT " + file + "::text AS last_archived_wal, " + time +
-            " AS last_archived_time, " + since + " AS stats_reset");
+            " AS last_archived_time, " + m_failed + " AS last_failed_time, " + since + " AS stats_reset");
     }
+
+    std::string m_failed = "NULL::text AS last_failed_wal, NULL::timestamptz";
 };
 
 TEST_F(Archive, IsWaitedForFromTheNextFinishedFileOn)
@@ -573,6 +580,26 @@ TEST_F(Archive, IsNotWaitedForAfterStatisticsWereLostUntilAFileIsFinished)
     EXPECT_EQ(waits(), "f");
     run(30, 43);
     EXPECT_EQ(waits(), "t");
+}
+
+TEST_F(Archive, IsWaitedForFromAFailedFileOnThatWasFinishedBeforeTheServersStart)
+{
+    const std::string forTheFile = "000000010000000000000029";
+    failed(forTheFile, 15);
+    archived("000000010000000000000028", -5);
+    run(20, 41);
+    EXPECT_EQ(waits(), "f") << "it is being written";
+    run(30, 42);
+    EXPECT_EQ(waits(), "t");
+    sql("DELETE FROM upkeep_run");
+    run(20, 42);
+    EXPECT_EQ(waits(), "t");
+    failed(forTheFile, -1);
+    archived("000000010000000000000028", -5);
+    EXPECT_EQ(waits(), "f") << "before the last start: it may be none of those that are to be archived since";
+    failed(forTheFile, 15);
+    archived(forTheFile, 16);
+    EXPECT_EQ(waits(), "f");
 }
 
 TEST_F(Archive, AlarmsWhereItFallsBehindTheLog)
