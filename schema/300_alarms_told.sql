@@ -7,7 +7,7 @@ INSERT INTO alarm_limit (alarm, allowed, unit, remedy) VALUES
     ('archiving_behind', 4096, 'MB',
      'the log comes faster than archive_command takes it: its network, its compression, several files at once; the log fills the disk'),
     ('replication_stopped', 600, 's',
-     'nothing reaches this standby: see whether the primary has its upkeep, then primary_conninfo, the network, and the log of either');
+     'no run of the primary''s upkeep reaches this standby: see whether it has any, then primary_conninfo, the network, and the log of either');
 UPDATE alarm_limit
     SET remedy = 'look at the standby named: its disk, its network, long queries on it; of one that is gone for good: pg_drop_replication_slot'
     WHERE alarm = 'replication_lag';
@@ -137,8 +137,14 @@ CREATE OR REPLACE VIEW alarm_finding AS
               ORDER BY behind DESC NULLS LAST LIMIT 1) worst
         HAVING pg_has_role(current_user, 'pg_read_all_stats', 'USAGE')
     UNION ALL
-    -- A standby that is cut off has replayed all that it received. It knows by the runs that have reached it.
-    SELECT 'replication_stopped', CASE WHEN pg_is_in_recovery() THEN seconds_ago ELSE 0 END,
+    -- A standby that is cut off knows by the runs that have reached it. One that receives, and replays late or not at all,
+    -- is not cut off: replication_lag tells how far it is behind.
+    SELECT 'replication_stopped',
+           CASE WHEN NOT pg_is_in_recovery()
+                    OR pg_last_wal_receive_lsn() > pg_last_wal_replay_lsn()
+                        AND EXISTS (SELECT FROM pg_stat_wal_receiver
+                                        WHERE last_msg_receipt_time > clock_timestamp() - interval '1 minute')
+                THEN 0 ELSE seconds_ago END,
            CASE WHEN pg_is_in_recovery() THEN format('the newest run here was at %s', run_at) END
         FROM public.upkeep_newest_run
     UNION ALL
