@@ -31,6 +31,8 @@ private:
         std::string port;
 
         bool isOf(const PGconn* connection) const;
+        /// Whether it is the default socket, whose folder only libpq knows, and this may be a connection there.
+        bool mayBeOf(const PGconn* connection) const;
     };
 
     std::string list(std::string Host::*part) const;
