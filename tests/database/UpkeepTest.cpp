@@ -644,6 +644,25 @@ TEST_F(OlderUpkeep, IsReplacedWhileTheLogIsWrittenAndRead)
     EXPECT_EQ(limit("idle_transaction"), "120");
 }
 
+/// With its change log's triggers as they were for all tables.
+class OlderTriggers : public MigrationTest {
+protected:
+    OlderTriggers() : MigrationTest("310") {}
+};
+
+TEST_F(OlderTriggers, IsReplacedWhileTheLoggedTablesAreRead)
+{
+    m_session->run("INSERT INTO acp VALUES ('before')");
+    server::Session reader(m_name);
+    reader.run(
+        "BEGIN; SELECT FROM acp, extension, conf_state, conf_state_reset, public_address, subscriber, contact_set,"
+        " sip_event_aggregator, event_notify");
+    EXPECT_EQ(apply("--attempts=1"), 0) << told();
+    reader.run("COMMIT");
+    m_session->run("INSERT INTO acp VALUES ('after')");
+    EXPECT_EQ(m_session->rows("SELECT pk_char FROM event_notify ORDER BY evt_timestamp"), "before\nafter\n");
+}
+
 TEST_F(OlderUpkeep, LeavesAnOperatorHisLimit)
 {
     m_session->run("UPDATE alarm_limit SET allowed = 300 WHERE alarm = 'oldest_transaction'");

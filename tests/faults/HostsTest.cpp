@@ -362,6 +362,7 @@ TEST_F(SeveralHosts, AreWaitedForWhereMemoryRunsOutForOthers)
     const std::string uri = twoHosts();
     static thread_local Clock::time_point began;
     std::vector<std::string> ends(24);
+    std::vector<char> ranOut(ends.size());
     std::vector<std::thread> threads;
     for (std::size_t news = 0; news < ends.size(); ++news) {
         threads.emplace_back([&, news] {
@@ -374,12 +375,14 @@ TEST_F(SeveralHosts, AreWaitedForWhereMemoryRunsOutForOthers)
             });
             failNewAfter(news);
             ends[news] = outcome(service.connect(uri.c_str(), server::kUser, server::kPassword));
+            ranOut[news] = newHasFailed() ? 1 : 0;
             failNoNew();
             countNewsOnly(nullptr);
         });
     }
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     EXPECT_EQ(ends, std::vector<std::string>(ends.size(), m_okay));
+    EXPECT_NE(std::count(ranOut.begin(), ranOut.end(), 1), 0) << "nothing was allocated for the others when it failed";
 }
 
 TEST_F(SeveralHosts, AreLookedAtAgainBehindALookUpThatTookAllOfTheTime)
