@@ -1,6 +1,7 @@
 // The program as whoever starts it sees it: its command line, and its page of counters.
 
 #include "sip/SipTest.h"
+#include "support/Proxy.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace programTest {
@@ -150,6 +152,20 @@ TEST_F(Command, CountsWhatItHasDone)
           "oryx_statement_seconds_bucket{le=\"+Inf\"} 1\n", "oryx_database_connections_lost_total 0\n"}) {
         EXPECT_NE(page.find(line), std::string::npos) << line << page;
     }
+}
+
+/// The session that waits longer than others for what it asks does not wait longer for a connection.
+TEST_F(Command, IsReadySoonAfterASilentDatabaseSpeaks)
+{
+    server::Proxy database;
+    database.swallow(true);
+    Program events(ORYX_EVENTS,
+                   {"--listen", "udp:127.0.0.1:" + std::to_string(m_port), "--database", m_database.uri(), "--user",
+                    server::loginOf("oryx_presence")},
+                   {"PGPORT=" + database.port(), std::string("PGPASSWORD=") + server::kPassword});
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    database.swallow(false);
+    EXPECT_EQ(events.line(10), "ready");
 }
 
 /// There is nothing to be read anew, and calls go on.
