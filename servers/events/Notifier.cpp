@@ -13,8 +13,8 @@ namespace oryx::sip {
 
 namespace {
 
-/// Before what the database could not be asked for is asked again, or what the workers had no room for; twice as long
-/// each time, up to a limit.
+/// Before the database is asked again for what it could not be asked for, twice as long each time, up to a limit; and
+/// before a worker is that had no room.
 constexpr std::chrono::milliseconds kRetryPause{200};
 constexpr unsigned kMostDoublings = 4;
 /// Before a NOTIFY that was refused is made again, if the refusal does not say; likewise.
@@ -55,10 +55,12 @@ Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSess
     : m_loop(loop),
       m_workers(workers),
       m_patient(patient),
-      m_lanes(workers.count()),
       m_retry(loop, [this] { resume(); }),
       m_resumed(std::move(resumed))
 {
+    while (m_lanes.size() < workers.count()) {
+        m_lanes.emplace_back(*this);
+    }
 }
 
 void Notifier::resume()
@@ -261,19 +263,20 @@ void Notifier::begin(Watch& watch)
 
 void Notifier::composeNext(Lane& lane)
 {
-    bool room = true;
-    while (room && lane.composing < kMostAtOnce) {
+    while (!lane.pause.isSet() && lane.composing < kMostAtOnce) {
         const auto full = [](const std::deque<std::string>& queue) { return !queue.empty(); };
         auto* const queue = std::find_if(lane.queues.begin(), lane.queues.end(), full);
         if (queue == lane.queues.end()) {
             return;
         }
         const auto next = m_watches.find(queue->front());
-        queue->pop_front();
+        if (next != m_watches.end() && next->second->phase == Phase::waiting && !compose(*next->second)) {
+            return lane.pause.set(kRetryPause); // all that wait: to try each would be work for nothing
+        }
         if (next != m_watches.end()) {
             next->second->queued.reset(static_cast<std::size_t>(queue - lane.queues.begin()));
-            room = next->second->phase != Phase::waiting || compose(*next->second);
         }
+        queue->pop_front();
     }
 }
 
@@ -293,7 +296,6 @@ bool Notifier::compose(Watch& watch)
         composeNext(lane);
     };
     if (!m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
-        watch.pauseFor(kRetryPause);
         return false;
     }
     ++watch.lane.composing;

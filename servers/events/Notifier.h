@@ -81,8 +81,11 @@ private:
     enum Turn : std::size_t { first, soon, late, turns };
     /// What one worker is to make, a few at a time: those that wait for another worker's rows do not wait with it.
     struct Lane {
+        explicit Lane(Notifier& of) : pause(of.m_loop, [this, &of] { of.composeNext(*this); }) {}
+
         std::array<std::deque<std::string>, turns> queues; ///< Of subscriptions.
         std::size_t composing = 0;                         ///< How many are being made.
+        Timer pause;                                       ///< While it is set none is made, as the worker had no room.
     };
     /// A subscription, and what is under way for it.
     struct Watch {
@@ -147,7 +150,7 @@ private:
     Index m_watching;         // presentity to subscriptions to his presence, by himself or by a list
     Index m_watchingWatchers; // presentity to subscriptions to his watchers
     Index m_ofWatcher;        // watcher to his subscriptions
-    std::vector<Lane> m_lanes;
+    std::deque<Lane> m_lanes;
     Timer m_retry;
     std::function<void()> m_resumed;
 };

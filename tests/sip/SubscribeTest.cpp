@@ -109,6 +109,14 @@ protected:
         }
         return stored() == count;
     }
+    /// Subscriptions like the one that there is.
+    void copy(const std::string& table, const std::string& key, int first, int last)
+    {
+        sql("INSERT INTO " + table + " SELECT (jsonb_populate_record(NULL::" + table +
+            ", to_jsonb(one) || jsonb_build_object('" + key + "', one." + key + " || n))).* FROM (SELECT * FROM " +
+            table + " ORDER BY " + key + " LIMIT 1) one, generate_series(" + std::to_string(first) + ", " +
+            std::to_string(last) + ") n");
+    }
     void kill()
     {
         m_server->signal(SIGKILL);
@@ -878,6 +886,41 @@ TEST_F(Subscribing, IsToldOfAPublicationBeforeOthersAreOfARule)
     EXPECT_TRUE(bob.silent());
 }
 
+/// A worker that has no room is asked again now and then, not once for each of them.
+TEST_F(Subscribing, TakesNoTimeOfOthersWhileItWaitsForAWorker)
+{
+    constexpr int kWaiting = 2000;
+    allow("*");
+    startEvents({"--auth", "none", "--workers", "1"});
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    bob.notified();
+    kill();
+    copy("subscription_states", "subscriptionid", 101, 100 + kWaiting);
+    copy("event_watchers", "watcheropaque", 101, 100 + kWaiting);
+    startEvents({"--auth", "none", "--workers", "1"});
+    for (int n = 0; n <= kWaiting; ++n) {
+        bob.notified();
+    }
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE access_control_list IN ACCESS EXCLUSIVE MODE");
+    Watcher other("bob", m_port);
+    for (int n = 0; n < 1100; ++n) {
+        const std::string from = "<sip:watcher" + std::to_string(n) + "@oryx.example>;tag=1";
+        other.phone().send(other.request(kAlice).set("From", from));
+    }
+    EXPECT_EQ(status(other.phone().receive()), "503 Service Unavailable");
+    const auto spent = [&] {
+        const double before = m_server->processorTime();
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        return m_server->processorTime() - before;
+    };
+    const double byOthers = spent();
+    publish("another");
+    EXPECT_LT(spent(), byOthers + 0.1);
+    holder.run("COMMIT");
+}
+
 /// As when PostgreSQL was restarted.
 TEST_F(Subscribing, IsToldAfterAllConnectionsWereLost)
 {
@@ -1090,24 +1133,18 @@ TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
     bob.subscribe(kAlice);
     bob.notified();
     kill();
-    const auto copied = [&](const std::string& table, const std::string& key, int first, int last) {
-        sql("INSERT INTO " + table + " SELECT (jsonb_populate_record(NULL::" + table +
-            ", to_jsonb(one) || jsonb_build_object('" + key + "', one." + key + " || n))).* FROM (SELECT * FROM " +
-            table + " ORDER BY " + key + " LIMIT 1) one, generate_series(" + std::to_string(first) + ", " +
-            std::to_string(last) + ") n");
-    };
     const auto another = [&] {
         startEvents();
         Phone phone("bob", "oryx.example", m_port);
         Message request = phone.request("SUBSCRIBE", "sip:bob@oryx.example");
         return status(phone.ask(request.set("Event", "presence").set("Expires", "0")));
     };
-    copied("subscription_states", "subscriptionid", 101, 354);
-    copied("event_watchers", "watcheropaque", 101, 354);
+    copy("subscription_states", "subscriptionid", 101, 354);
+    copy("event_watchers", "watcheropaque", 101, 354);
     EXPECT_EQ(another(), "200 OK");
     kill();
-    copied("subscription_states", "subscriptionid", 355, 355);
-    copied("event_watchers", "watcheropaque", 355, 355);
+    copy("subscription_states", "subscriptionid", 355, 355);
+    copy("event_watchers", "watcheropaque", 355, 355);
     EXPECT_EQ(another(), "403 Forbidden");
 }
 
