@@ -4,9 +4,6 @@
 
 #include <events/Notify.h>
 
-#include <algorithm>
-#include <array>
-#include <chrono>
 #include <utility>
 
 namespace oryx::sip {
@@ -229,8 +226,7 @@ void Notifier::schedule(Watch& watch)
 /// Has a NOTIFY sent, whatever it says or if it says anything new.
 void Notifier::want(Watch& watch, Want what, Turn turn)
 {
-    watch.wanted = std::max(watch.wanted, what);
-    watch.turn = std::min(watch.turn, turn);
+    watch.note(what, turn);
     begin(watch);
 }
 
@@ -301,7 +297,7 @@ bool Notifier::compose(Watch& watch)
     ++watch.lane.composing;
     watch.phase = Phase::underWay;
     watch.wanted = Want::nothing;
-    watch.turn = late;
+    watch.made = std::exchange(watch.turn, late);
     return true;
 }
 
@@ -314,7 +310,7 @@ void Notifier::take(const std::string& id, const Notice& notice)
     }
     Watch& watch = *found->second;
     if (notice.failed) {
-        watch.wanted = std::max(watch.wanted, watch.occasion.always ? Want::anything : Want::news);
+        watch.note(watch.occasion.always ? Want::anything : Want::news, watch.made);
         return watch.pauseFor(kRetryPause * (1U << std::min(watch.failures++, kMostDoublings)));
     }
     watch.failures = 0;
@@ -356,7 +352,7 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
     for (const std::string& member : watch.members) {
         m_watching[member].insert(&watch);
         if (!before.contains(member)) { // what has happened between the look at him and now nobody has been told
-            watch.wanted = std::max(watch.wanted, Want::news);
+            watch.note(Want::news, soon);
         }
     }
 }
@@ -392,7 +388,7 @@ void Notifier::notTold(Watch& watch, std::chrono::seconds retryAfter)
 {
     watch.occasion.said = 0;
     if (!watch.ending() && watch.refusals < kMostRefusals) {
-        watch.wanted = std::max(watch.wanted, Want::news);
+        watch.note(Want::news, watch.made);
         watch.pauseFor(retryAfter.count() > 0 ? std::min(retryAfter, kLongestPause)
                                               : kRefusalPause * (1U << watch.refusals));
         ++watch.refusals;

@@ -7,6 +7,7 @@
 #include <events/Store.h>
 #include <events/Subscription.h>
 
+#include <algorithm>
 #include <array>
 #include <bitset>
 #include <chrono>
@@ -91,6 +92,11 @@ private:
     struct Watch {
         Watch(Notifier& of, Subscription what);
 
+        void note(Want what, Turn when)
+        {
+            wanted = std::max(wanted, what);
+            turn = std::min(turn, when);
+        }
         void pauseFor(std::chrono::milliseconds time)
         {
             phase = Phase::resting; // others need not wait for what is wrong with this one
@@ -107,6 +113,7 @@ private:
         Phase phase = Phase::idle;     ///< Of that NOTIFY.
         Want wanted = Want::nothing;   ///< What another is to say.
         Turn turn = late;              ///< When it is to be made.
+        Turn made = late;              ///< When the one that is under way was: one in its place is made no later.
         std::bitset<turns> queued;     ///< Where it stands, or stood when its turn came elsewhere.
         unsigned failures = 0;         ///< How often the database could not be asked, one after another.
         unsigned refusals = 0;         ///< How many NOTIFYs were refused, one after another.
