@@ -1369,7 +1369,7 @@ TEST_F(PresenceList, IsKnownByItsNameAsItIs)
     EXPECT_EQ(resources(bob.notified()), "1 sip:alice@oryx.example pending sip:nobody@oryx.example terminated");
 }
 
-/// RFC 4662 section 5.5: the same instance in each document.
+/// RFC 3261 section 18.1.1: no more than a datagram takes.
 TEST_F(PresenceList, ShowsTheFirstOfVeryManyMembers)
 {
     sql("INSERT INTO buddy_list_detail SELECT 'friends', 'sip:m' || n || '@oryx.example' FROM generate_series(1000, 1999) n");
@@ -1401,6 +1401,7 @@ TEST_F(PresenceList, CanBeSubscribedToEightTimes)
     EXPECT_TRUE(bob.silent());
 }
 
+/// RFC 4662 section 5.5: the same instance in each document.
 TEST_F(PresenceList, KeepsTheNamesOfItsMembersInstances)
 {
     const auto instanceOfAlice = [](const Message& notify) {
