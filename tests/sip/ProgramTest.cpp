@@ -3,11 +3,6 @@
 #include "sip/SipTest.h"
 #include "support/Proxy.h"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -114,27 +109,6 @@ TEST_F(Command, FitsTheDefaultExpiryToALimitThatStandsAlone)
     startRegistrar({"--auth", "none", "--max-expires", "600"});
     Phone alice("alice", "oryx.example", m_port);
     EXPECT_EQ(alice.ask(alice.registration("<sip:alice@192.0.2.1>", -1)).parameter("Contact", "expires"), "600");
-}
-
-/// What a server answers by HTTP there.
-std::string pageAt(int port)
-{
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<std::uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const std::string request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
-    std::string page;
-    if (connect(descriptor, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0 &&
-        send(descriptor, request.data(), request.size(), 0) > 0) {
-        std::array<char, 4096> text{};
-        for (ssize_t size = 0; (size = recv(descriptor, text.data(), text.size(), 0)) > 0;) {
-            page.append(text.data(), static_cast<std::size_t>(size));
-        }
-    }
-    close(descriptor);
-    return page;
 }
 
 TEST_F(Command, CountsWhatItHasDone)

@@ -1127,7 +1127,10 @@ TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
 {
     constexpr int kRequests = 100;
     allow("bob@oryx.example");
-    startEvents({"--auth", "none", "--workers", "2"});
+    const int page = phone::freePort();
+    setenv("ORYX_DEADLINE", "20s", 1);
+    startEvents({"--auth", "none", "--workers", "2", "--metrics", "127.0.0.1:" + std::to_string(page)});
+    unsetenv("ORYX_DEADLINE");
     server::Session holder(m_database.name()); // so that all are there before the first is stored
     holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
     Watcher bob("bob", m_port);
@@ -1135,6 +1138,10 @@ TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
         Message request = bob.request(kAlice);
         bob.phone().send(request.set("Call-ID", "burst" + std::to_string(n)));
     }
+    const std::string all = "oryx_requests_total " + std::to_string(kRequests) + "\n";
+    for (int tries = 0; tries < 1000 && pageAt(page).find(all) == std::string::npos; ++tries) {
+    }
+    EXPECT_NE(pageAt(page).find(all), std::string::npos);
     holder.run("COMMIT");
     std::map<std::string, std::set<std::string>> calls; // by what they were told
     for (int answered = 0; answered < kRequests;) {
