@@ -31,9 +31,10 @@ CREATE OR REPLACE VIEW open_transaction AS
                                  UNION SELECT pid FROM pg_stat_progress_cluster));
 
 -- Ends the sessions that leave a transaction open without doing anything in it, and cancels statements whose transaction
--- has been open for too long; not of who may change the schema, as a migration or a superuser's dump takes its time. What
--- has caught that, and is open three minutes later, is ended too. One row for each; a superuser's session cannot be ended
--- so, and says why.
+-- has been open for too long; not of who may change the schema, as a migration or a superuser's dump takes its time. With
+-- three minutes more than that the session is ended: run by run, only what catches a cancel becomes so old. Where no run
+-- has come for as long, nothing was cancelled before. One row for each; a superuser's session cannot be ended so, and
+-- says why.
 CREATE OR REPLACE FUNCTION end_forgotten_transactions(idle_limit interval, running_limit interval)
 RETURNS TABLE (session text, ended boolean, failure text) LANGUAGE plpgsql
 SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
@@ -64,7 +65,7 @@ END
 $$;
 
 UPDATE alarm_limit
-    SET remedy = 'the upkeep cancels it, and ends its session three minutes later, unless it is of who may change the schema, or a superuser''s: pg_terminate_backend, by one'
+    SET remedy = 'the upkeep cancels it, or ends its session if it is three minutes older, unless it is of who may change the schema, or a superuser''s: pg_terminate_backend, by one'
     WHERE alarm = 'oldest_transaction';
 
 -- Upkeep ------------------------------------------------------------------------------------------------------------
@@ -80,8 +81,8 @@ LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, pg_temp SET lock
 DECLARE
     most_rows CONSTANT bigint := 200000;   -- some seconds' work: a log that was never trimmed is done run by run
     longest CONSTANT interval := '20 seconds';
-    -- Instants, as an interval with months has no length of its own.
-    keep CONSTANT interval := CASE WHEN now() - keep_changes > now() - interval '1 hour' THEN '1 hour' ELSE keep_changes END;
+    asked_at CONSTANT timestamptz := clock_timestamp();
+    keep interval;
     pieces record;
     trimmed_rows bigint;
     failed_tasks integer := 0;
@@ -131,6 +132,10 @@ BEGIN
         state := 'done';
         value := NULL;
         BEGIN
+            keep := asked_at - (asked_at - keep_changes);   -- a length: with months it would be another at another time
+            IF keep < interval '1 hour' THEN
+                keep := '1 hour';
+            END IF;
             pieces := public.upkeep_trim(keep, most_rows, longest);
             value := pieces.removed;
             detail := format('older than %s', keep) || CASE WHEN pieces.goes_on THEN ', and the next run goes on' ELSE '' END;

@@ -7,7 +7,7 @@ INSERT INTO alarm_limit (alarm, allowed, unit, remedy) VALUES
     ('archiving_behind', 4096, 'MB',
      'the log comes faster than archive_command takes it: its network, its compression, several files at once; the log fills the disk'),
     ('replication_stopped', 600, 's',
-     'nothing reaches this standby: see whether the primary has its upkeep, then primary_conninfo, the network, and the log of either');
+     'no run of the primary''s upkeep reaches this standby: see whether it has any, then primary_conninfo, the network, and the log of either');
 UPDATE alarm_limit
     SET remedy = 'look at the standby named: its disk, its network, long queries on it; of one that is gone for good: pg_drop_replication_slot'
     WHERE alarm = 'replication_lag';
@@ -16,7 +16,7 @@ UPDATE alarm_limit
 
 -- What this server has archived, if it is to archive.
 CREATE VIEW archiver AS
-    SELECT last_archived_wal, last_archived_time, stats_reset FROM pg_stat_archiver
+    SELECT last_archived_wal, last_archived_time, last_failed_wal, last_failed_time, stats_reset FROM pg_stat_archiver
         WHERE current_setting('archive_mode') = 'always'
             OR current_setting('archive_mode') = 'on' AND NOT pg_is_in_recovery();
 
@@ -32,17 +32,21 @@ RETURN CASE WHEN name ~ '^[0-9A-F]{24}(\.partial)?$'
 -- For how many seconds a finished file of the log has waited without any being archived, as far as runs of the upkeep
 -- have seen it. A command that hangs fails never. Nothing waits on an idle server, however long ago the last file was
 -- archived; nor where archiving was turned on with the server's last start, until a file is finished. Where the last file
--- is none of the log, or statistics were lost, the same goes for the time since.
+-- is none of the log, or statistics were lost, the same goes for the time since. A file that could not be archived waits,
+-- whenever it was finished.
 CREATE OR REPLACE FUNCTION archiving_waits_for() RETURNS numeric LANGUAGE sql STABLE AS $$
     WITH archived AS (
-        SELECT last_archived_time, stats_reset, public.log_file(last_archived_wal) AS number FROM public.archiver
+        SELECT last_archived_time, stats_reset, public.log_file(last_archived_wal) AS number,
+               CASE WHEN last_failed_time > greatest(last_archived_time, pg_postmaster_start_time())
+                    THEN public.log_file(last_failed_wal) END AS failed
+            FROM public.archiver
     ), run AS (
         SELECT run_at, public.log_file(wal_position) AS writing FROM public.upkeep_run, archived
             WHERE run_at > pg_postmaster_start_time()
                 AND (number IS NOT NULL OR run_at > greatest(last_archived_time, stats_reset))
     )
     SELECT coalesce(round(extract(epoch FROM clock_timestamp() - greatest(min(run_at), min(last_archived_time)))), 0)
-        FROM run, archived WHERE writing > greatest(number + 1, (SELECT min(writing) FROM run))
+        FROM run, archived WHERE writing > coalesce(failed, greatest(number + 1, (SELECT min(writing) FROM run)))
 $$;
 
 -- How many MB of finished files are not archived yet; 0 until one is, since the server's last start.
@@ -110,10 +114,13 @@ CREATE OR REPLACE VIEW alarm_finding AS
            format('since %s', run_at)
         FROM public.upkeep_earlier_run
     UNION ALL
+    -- One failed attempt is none: the last success may be long ago, as nothing was to be archived. Without runs of the
+    -- upkeep that is all there is to go by.
     SELECT 'archiving_failed',
-           greatest(CASE WHEN last_failed_time > coalesce(last_archived_time, '-infinity')
-                         THEN round(extract(epoch FROM clock_timestamp() - coalesce(last_archived_time, stats_reset))) ELSE 0 END,
-                    public.archiving_waits_for()),
+           CASE WHEN EXISTS (SELECT FROM public.upkeep_run WHERE run_at > pg_postmaster_start_time())
+                THEN public.archiving_waits_for()
+                WHEN last_failed_time > coalesce(last_archived_time, '-infinity')
+                THEN round(extract(epoch FROM clock_timestamp() - coalesce(last_archived_time, stats_reset))) ELSE 0 END,
            nullif(concat_ws(', ', 'last archived ' || last_archived_wal, 'last failed ' || last_failed_wal), '')
         FROM pg_stat_archiver
     UNION ALL
@@ -130,8 +137,14 @@ CREATE OR REPLACE VIEW alarm_finding AS
               ORDER BY behind DESC NULLS LAST LIMIT 1) worst
         HAVING pg_has_role(current_user, 'pg_read_all_stats', 'USAGE')
     UNION ALL
-    -- A standby that is cut off has replayed all that it received. It knows by the runs that have reached it.
-    SELECT 'replication_stopped', CASE WHEN pg_is_in_recovery() THEN seconds_ago ELSE 0 END,
+    -- A standby that is cut off knows by the runs that have reached it. One that receives, and replays late or not at all,
+    -- is not cut off: replication_lag tells how far it is behind.
+    SELECT 'replication_stopped',
+           CASE WHEN NOT pg_is_in_recovery()
+                    OR pg_last_wal_receive_lsn() > pg_last_wal_replay_lsn()
+                        AND EXISTS (SELECT FROM pg_stat_wal_receiver
+                                        WHERE last_msg_receipt_time > clock_timestamp() - interval '1 minute')
+                THEN 0 ELSE seconds_ago END,
            CASE WHEN pg_is_in_recovery() THEN format('the newest run here was at %s', run_at) END
         FROM public.upkeep_newest_run
     UNION ALL

@@ -167,8 +167,9 @@ public:
     std::optional<One> add(Connection connection)
     {
         const std::lock_guard lock(mutexAcrossForks());
-        if (std::exchange(m_generation, generation()) != generation()) {
+        if (m_generation != generation()) {
             m_all = new std::list<Abandoned>; // the others are the parent's, and stay so
+            m_generation = generation();      // where there is no memory, the next one is still to come here
         }
         if (std::count_if(m_all->begin(), m_all->end(),
                           [&](const Abandoned& one) { return one.isOfServerOf(connection.get()); }) >= kMostOfServer) {
@@ -343,7 +344,7 @@ Connection BoundSession::connect(const std::string& connectionString, std::strin
             turn = attempts.beginAnother() ? m_deadline.halfWay() : m_deadline;
         }
     }
-    if (late()) {
+    if (late() && !attempts.succeeded()) { // memory that runs out for words loses no connection that was made
         refusals = attempts.refusals();
     }
     return attempts.take();

@@ -83,15 +83,19 @@ HostList::HostList(PGconn* begun)
 bool HostList::Host::isOf(const PGconn* connection) const
 {
     const std::string& called = name.empty() ? address : name;
-    const std::string_view host = PQhost(connection);
-    // What has neither is the default socket, whose folder only libpq knows.
-    return (called.empty() ? host.starts_with('/') : called == host) && port == PQport(connection) &&
+    return called == PQhost(connection) && port == PQport(connection) &&
            (name.empty() || address.empty() || usualForm(address) == PQhostaddr(connection));
+}
+
+bool HostList::Host::mayBeOf(const PGconn* connection) const
+{
+    return name.empty() && address.empty() && *PQhost(connection) == '/' && port == PQport(connection);
 }
 
 bool HostList::leaveOut(const PGconn* waiting)
 {
-    const bool left = std::erase_if(m_hosts, [&](const Host& host) { return host.isOf(waiting); }) > 0;
+    const bool left = std::erase_if(m_hosts, [&](const Host& host) { return host.isOf(waiting); }) > 0 ||
+                      std::erase_if(m_hosts, [&](const Host& host) { return host.mayBeOf(waiting); }) > 0;
     if (m_mixed && m_hosts.size() == 1) { // twice: an empty text would be no list, and libpq would take the former
         m_hosts.push_back(m_hosts.front());
     }
@@ -132,8 +136,12 @@ ConnectAttempts::ConnectAttempts(const std::string& connectionString) : m_connec
 
 bool ConnectAttempts::underWay() const
 {
-    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::underWay)) &&
-           std::none_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));
+    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::underWay)) && !succeeded();
+}
+
+bool ConnectAttempts::succeeded() const
+{
+    return std::any_of(m_attempts.begin(), m_attempts.end(), std::mem_fn(&Attempt::succeeded));
 }
 
 bool ConnectAttempts::beginAnother()

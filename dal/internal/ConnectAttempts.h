@@ -31,6 +31,8 @@ private:
         std::string port;
 
         bool isOf(const PGconn* connection) const;
+        /// Whether it is the default socket, whose folder only libpq knows, and this may be a connection there.
+        bool mayBeOf(const PGconn* connection) const;
     };
 
     std::string list(std::string Host::*part) const;
@@ -47,6 +49,8 @@ public:
 
     /// Whether none has succeeded yet, and one may.
     bool underWay() const;
+    /// Whether one has.
+    bool succeeded() const;
     /// Begins one more, without the host that the latest waits for; false if that leaves none, or there is no memory.
     bool beginAnother();
     /// What to wait for; the last is what interrupts.

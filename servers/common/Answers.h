@@ -20,14 +20,6 @@ struct MessageDeleter {
 /// A message of the stack's, or a reference to one.
 using Message = std::unique_ptr<msg_t, MessageDeleter>;
 
-/// The transaction that a message was given to, which keeps it from now on. Where the stack makes none, for a URI of no
-/// use to it say, it has not taken the message.
-inline nta_outgoing_t* keeping(Message& message, nta_outgoing_t* transaction)
-{
-    static_cast<void>(transaction != nullptr ? message.release() : nullptr);
-    return transaction;
-}
-
 struct TagsDeleter {
     void operator()(tagi_t* tags) const { tl_vfree(tags); }
 };

@@ -93,6 +93,15 @@ struct TransactionDeleter {
 };
 /// A request of this server's that is under way; nobody hears of its answers when it has been destroyed.
 using Transaction = std::unique_ptr<nta_outgoing_t, TransactionDeleter>;
+/// The transaction that a message was given to, which keeps it from now on. Where the stack makes none, for a URI of no
+/// use to it say, it has not taken the message.
+inline nta_outgoing_t* keeping(Message& message, nta_outgoing_t* transaction)
+{
+    if (transaction != nullptr) {
+        static_cast<void>(message.release());
+    }
+    return transaction;
+}
 
 /// The sockets, and what comes in on them.
 class Endpoint {

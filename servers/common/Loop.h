@@ -43,6 +43,8 @@ public:
 
     void set(std::chrono::milliseconds after);
     void cancel() { su_timer_reset(m_timer); }
+    /// Whether it has yet to call.
+    bool isSet() const { return su_timer_is_set(m_timer) != 0; }
 
 private:
     static void expired(void* magic, su_timer_t* timer, void* self);

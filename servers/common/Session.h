@@ -4,6 +4,7 @@
 #include <common/Options.h>
 #include <common/Subscribers.h>
 
+#include <chrono>
 #include <string_view>
 #include <thread>
 
@@ -14,18 +15,17 @@ namespace oryx::sip {
 template <typename Service>
 class SessionOf {
 public:
-    SessionOf(const Options& options, const Provisioning& provisioning, const Nonces& nonces)
-        : m_options(options), m_provisioning(provisioning), m_subscribers(provisioning, nonces)
+    /// What it asks the database may take as long as is asked for, if that is longer than what requests have.
+    SessionOf(const Options& options, const Provisioning& provisioning, const Nonces& nonces,
+              std::chrono::milliseconds patience = std::chrono::milliseconds::zero())
+        : m_options(options), m_provisioning(provisioning), m_subscribers(provisioning, nonces), m_patience(patience)
     {
-        m_service.setSessionOptions(sessionOptions());
     }
 
     /// Connects, and sees that it is known what is served; or waits for a moment after it failed.
     bool connect()
     {
-        m_connected =
-            m_connected ||
-            m_service.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str()).okay();
+        m_connected = m_connected || connectAnew();
         if (m_connected && m_provisioning.known()) {
             return true;
         }
@@ -46,9 +46,28 @@ public:
     }
 
 private:
+    /// A deadline is a connection's, and holds while that is made, too: a patient session finds out with the ordinary
+    /// one whether the database is there, lest it hangs on one that is silent.
+    bool connectAnew()
+    {
+        SessionOptions options = sessionOptions();
+        bool connected = connectWith(options);
+        if (connected && options.deadline < m_patience) {
+            options.deadline = m_patience;
+            connected = connectWith(options);
+        }
+        return connected;
+    }
+    bool connectWith(const SessionOptions& options)
+    {
+        m_service.setSessionOptions(options);
+        return m_service.connect(m_options.database.c_str(), m_options.user.c_str(), m_options.password.c_str()).okay();
+    }
+
     const Options& m_options;
     const Provisioning& m_provisioning;
     Subscribers m_subscribers;
+    std::chrono::milliseconds m_patience;
     Service m_service;
     bool m_connected = false;
 };

@@ -4,17 +4,14 @@
 
 #include <events/Notify.h>
 
-#include <algorithm>
-#include <array>
-#include <chrono>
 #include <utility>
 
 namespace oryx::sip {
 
 namespace {
 
-/// Before what the database could not be asked for is asked again, or what the workers had no room for; twice as long
-/// each time, up to a limit.
+/// Before the database is asked again for what it could not be asked for, twice as long each time, up to a limit; and
+/// before a worker is that had no room.
 constexpr std::chrono::milliseconds kRetryPause{200};
 constexpr unsigned kMostDoublings = 4;
 /// Before a NOTIFY that was refused is made again, if the refusal does not say; likewise.
@@ -55,10 +52,12 @@ Notifier::Notifier(Loop& loop, Workers<EventSession>& workers, Workers<EventSess
     : m_loop(loop),
       m_workers(workers),
       m_patient(patient),
-      m_lanes(workers.count()),
       m_retry(loop, [this] { resume(); }),
       m_resumed(std::move(resumed))
 {
+    while (m_lanes.size() < workers.count()) {
+        m_lanes.emplace_back(*this);
+    }
 }
 
 void Notifier::resume()
@@ -227,8 +226,7 @@ void Notifier::schedule(Watch& watch)
 /// Has a NOTIFY sent, whatever it says or if it says anything new.
 void Notifier::want(Watch& watch, Want what, Turn turn)
 {
-    watch.wanted = std::max(watch.wanted, what);
-    watch.turn = std::min(watch.turn, turn);
+    watch.note(what, turn);
     begin(watch);
 }
 
@@ -261,19 +259,20 @@ void Notifier::begin(Watch& watch)
 
 void Notifier::composeNext(Lane& lane)
 {
-    bool room = true;
-    while (room && lane.composing < kMostAtOnce) {
+    while (!lane.pause.isSet() && lane.composing < kMostAtOnce) {
         const auto full = [](const std::deque<std::string>& queue) { return !queue.empty(); };
         auto* const queue = std::find_if(lane.queues.begin(), lane.queues.end(), full);
         if (queue == lane.queues.end()) {
             return;
         }
         const auto next = m_watches.find(queue->front());
-        queue->pop_front();
+        if (next != m_watches.end() && next->second->phase == Phase::waiting && !compose(*next->second)) {
+            return lane.pause.set(kRetryPause); // all that wait: to try each would be work for nothing
+        }
         if (next != m_watches.end()) {
             next->second->queued.reset(static_cast<std::size_t>(queue - lane.queues.begin()));
-            room = next->second->phase != Phase::waiting || compose(*next->second);
         }
+        queue->pop_front();
     }
 }
 
@@ -293,13 +292,12 @@ bool Notifier::compose(Watch& watch)
         composeNext(lane);
     };
     if (!m_workers.give(watch.subscription.presentity.key(), std::move(work), std::move(then))) {
-        watch.pauseFor(kRetryPause);
         return false;
     }
     ++watch.lane.composing;
     watch.phase = Phase::underWay;
     watch.wanted = Want::nothing;
-    watch.turn = late;
+    watch.made = std::exchange(watch.turn, late);
     return true;
 }
 
@@ -312,7 +310,7 @@ void Notifier::take(const std::string& id, const Notice& notice)
     }
     Watch& watch = *found->second;
     if (notice.failed) {
-        watch.wanted = std::max(watch.wanted, watch.occasion.always ? Want::anything : Want::news);
+        watch.note(watch.occasion.always ? Want::anything : Want::news, watch.made);
         return watch.pauseFor(kRetryPause * (1U << std::min(watch.failures++, kMostDoublings)));
     }
     watch.failures = 0;
@@ -354,7 +352,7 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
     for (const std::string& member : watch.members) {
         m_watching[member].insert(&watch);
         if (!before.contains(member)) { // what has happened between the look at him and now nobody has been told
-            watch.wanted = std::max(watch.wanted, Want::news);
+            watch.note(Want::news, soon);
         }
     }
 }
@@ -390,7 +388,7 @@ void Notifier::notTold(Watch& watch, std::chrono::seconds retryAfter)
 {
     watch.occasion.said = 0;
     if (!watch.ending() && watch.refusals < kMostRefusals) {
-        watch.wanted = std::max(watch.wanted, Want::news);
+        watch.note(Want::news, watch.made);
         watch.pauseFor(retryAfter.count() > 0 ? std::min(retryAfter, kLongestPause)
                                               : kRefusalPause * (1U << watch.refusals));
         ++watch.refusals;

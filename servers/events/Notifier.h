@@ -7,6 +7,7 @@
 #include <events/Store.h>
 #include <events/Subscription.h>
 
+#include <algorithm>
 #include <array>
 #include <bitset>
 #include <chrono>
@@ -81,13 +82,21 @@ private:
     enum Turn : std::size_t { first, soon, late, turns };
     /// What one worker is to make, a few at a time: those that wait for another worker's rows do not wait with it.
     struct Lane {
+        explicit Lane(Notifier& of) : pause(of.m_loop, [this, &of] { of.composeNext(*this); }) {}
+
         std::array<std::deque<std::string>, turns> queues; ///< Of subscriptions.
         std::size_t composing = 0;                         ///< How many are being made.
+        Timer pause;                                       ///< While it is set none is made, as the worker had no room.
     };
     /// A subscription, and what is under way for it.
     struct Watch {
         Watch(Notifier& of, Subscription what);
 
+        void note(Want what, Turn when)
+        {
+            wanted = std::max(wanted, what);
+            turn = std::min(turn, when);
+        }
         void pauseFor(std::chrono::milliseconds time)
         {
             phase = Phase::resting; // others need not wait for what is wrong with this one
@@ -104,6 +113,7 @@ private:
         Phase phase = Phase::idle;     ///< Of that NOTIFY.
         Want wanted = Want::nothing;   ///< What another is to say.
         Turn turn = late;              ///< When it is to be made.
+        Turn made = late;              ///< When the one that is under way was: one in its place is made no later.
         std::bitset<turns> queued;     ///< Where it stands, or stood when its turn came elsewhere.
         unsigned failures = 0;         ///< How often the database could not be asked, one after another.
         unsigned refusals = 0;         ///< How many NOTIFYs were refused, one after another.
@@ -147,7 +157,7 @@ private:
     Index m_watching;         // presentity to subscriptions to his presence, by himself or by a list
     Index m_watchingWatchers; // presentity to subscriptions to his watchers
     Index m_ofWatcher;        // watcher to his subscriptions
-    std::vector<Lane> m_lanes;
+    std::deque<Lane> m_lanes;
     Timer m_retry;
     std::function<void()> m_resumed;
 };

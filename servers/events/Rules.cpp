@@ -1,8 +1,8 @@
 #include <events/Rules.h>
 
 #include <algorithm>
+#include <map>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace oryx::sip {
@@ -12,10 +12,10 @@ namespace {
 /// Anything that is not known grants nothing, and refuses nothing either.
 Permission permissionBy(const std::string& action)
 {
-    return action == "allow"    ? Permission::allowed
-           : action == "block"  ? Permission::blocked
-           : action == "polite" ? Permission::deceived
-                                : Permission::unsettled;
+    static const std::map<std::string, Permission> known{
+        {"allow", Permission::allowed}, {"block", Permission::blocked}, {"polite", Permission::deceived}};
+    const auto found = known.find(action);
+    return found != known.end() ? found->second : Permission::unsettled;
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // oryx-events: presence, who watches it, and lists of it (RFC 6665, 3856, 3857, 4662), whose state is the database's.
 
-#include <common/Database.h>
 #include <common/Ending.h>
 #include <common/Endpoint.h>
 #include <common/Server.h>
@@ -10,7 +9,6 @@
 #include <events/Requests.h>
 #include <events/Sweeper.h>
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -22,14 +20,7 @@ using namespace oryx::sip;
 
 constexpr const char* kAllow = "SUBSCRIBE, PUBLISH, OPTIONS";
 
-/// Has one wait longer than requests do, for what reads whole tables.
-std::unique_ptr<EventSession> patient(std::unique_ptr<EventSession> session)
-{
-    oryx::SessionOptions options = sessionOptions();
-    options.deadline = std::max(options.deadline, std::chrono::milliseconds(30000));
-    session->service().setSessionOptions(options);
-    return session;
-}
+constexpr std::chrono::seconds kPatience{30}; // of what goes through whole tables
 
 void run(Loop& loop, const Options& options, int signals)
 {
@@ -39,6 +30,7 @@ void run(Loop& loop, const Options& options, int signals)
     Changes changes(loop, notifier);
     const Provisioning provisioning(options, [&](const oryx::ChangeSet& heard) { changes.hear(heard); });
     const auto newSession = [&] { return std::make_unique<EventSession>(options, provisioning, nonces); };
+    const auto newPatient = [&] { return std::make_unique<EventSession>(options, provisioning, nonces, kPatience); };
     std::optional<Sweeper> sweeper;
     std::optional<Workers<EventSession>> workers;
     std::optional<Workers<EventSession>> patientOne; // for what no request waits for
@@ -50,8 +42,7 @@ void run(Loop& loop, const Options& options, int signals)
         }
     };
     workers.emplace(loop, metrics, options.workers, newSession, connected);
-    patientOne.emplace(
-        loop, metrics, 1, [&] { return patient(newSession()); }, connected);
+    patientOne.emplace(loop, metrics, 1, newPatient, connected);
     notifier.emplace(loop, *workers, *patientOne, [&] {
         sweeper->start(); // of what it takes away nobody hears again
         resumed = true;

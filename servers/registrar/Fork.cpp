@@ -67,6 +67,13 @@ struct Fork::Branch {
     {
     }
 
+    void drop()
+    {
+        timerC.cancel();
+        transaction.reset();
+        ended = true;
+    }
+
     Fork& fork;
     std::string key; // of its Via
     Timer timerC;
@@ -261,6 +268,9 @@ void Fork::take(Branch& branch, const sip_t* sip)
         }
         m_decided = true;
         m_tried = m_hops.size();
+        if (!isInvite()) {
+            dropOthers(branch);
+        }
         end(branch);
         cancelPending();
         return;
@@ -330,12 +340,20 @@ void Fork::endCancelled()
 {
     for (const std::unique_ptr<Branch>& branch : m_branches) {
         if (branch->cancelled && !branch->ended) {
-            branch->timerC.cancel();
-            branch->transaction.reset();
-            branch->ended = true;
+            branch->drop();
         }
     }
     tryNext();
+}
+
+/// Those that cannot be cancelled, and whose answers nobody is sent any more: the stack takes them.
+void Fork::dropOthers(const Branch& answered)
+{
+    for (const std::unique_ptr<Branch>& branch : m_branches) {
+        if (branch.get() != &answered && !branch->ended) {
+            branch->drop();
+        }
+    }
 }
 
 bool Fork::pending() const

@@ -67,6 +67,7 @@ private:
     void cancelPending();
     void sendCancel(const Branch& branch);
     void endCancelled();
+    void dropOthers(const Branch& answered);
     bool pending() const;
     bool waiting() const;
     bool isInvite() const;

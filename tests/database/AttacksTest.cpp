@@ -416,6 +416,25 @@ TEST_F(Attacks, ARegistrarKeepsTelephonesFromRegisteringUntilTheUpkeepEndsIt)
     EXPECT_EQ(tried(registrar, kRegistration), "okay");
 }
 
+TEST_F(Attacks, AnEventServerKeepsThemFromItByTheLocksOfItsSweepUntilTheUpkeepEndsIt)
+{
+    OwnLogin upkeep(m_session);
+    grantTheUpkeep(upkeep.name());
+    server::Session keeper(m_database.name(), upkeep.name());
+    for (const std::string lock : {"LOCK TABLE contact", "SELECT FROM contact_set FOR UPDATE"}) {
+        server::Session holder = as("oryx_presence");
+        holder.run("SET idle_in_transaction_session_timeout = 0");
+        holder.run("BEGIN; " + lock);
+        server::Session registrar = as("oryx_registrar");
+        EXPECT_EQ(tried(registrar, "SET lock_timeout = '200ms';" + kRegistration),
+                  "ERROR:  canceling statement due to lock timeout")
+            << lock;
+        keeper.run("SELECT FROM oryx_upkeep(idle_limit => '0')");
+        EXPECT_EQ(tried(registrar, kRegistration), "okay") << lock;
+        sql("DELETE FROM contact");
+    }
+}
+
 TEST_F(Attacks, AnybodyCanAnnounceAndFillTheQueueUntilTheOneWhoDoesNotReadIsEnded)
 {
     server::Session deaf = as("oryx_reader");

@@ -101,6 +101,29 @@ TEST_F(Upkeep, LeavesAnHoursChangesWhateverItIsTold)
     EXPECT_EQ(done("'-1 hour'"), kNothingForgotten + "done|trim_change_log|0|rows|older than 01:00:00\n");
 }
 
+TEST_F(Upkeep, LeavesForThatHourWhateverTheMonthsAre)
+{
+    sql("CREATE OR REPLACE FUNCTION trim_some_changes(keep interval, most integer) RETURNS bigint LANGUAGE plpgsql AS $$ "
+        "BEGIN RAISE '% months', extract(year FROM keep) * 12 + extract(month FROM keep); END $$");
+    for (const std::string keep : {"1 year", "2 months", "1 month -20 days"}) {
+        EXPECT_EQ(done("'" + keep + "'"), kNothingForgotten + "failed|trim_change_log|NULL|rows|0 months\n") << keep;
+    }
+}
+
+TEST_F(Upkeep, DoesTheRestThoughNoTimeIsSoLongAgo)
+{
+    ASSERT_EQ(ask("BEGIN; SELECT FROM contact"), "okay");
+    const std::string named = session("idle in transaction");
+    for (const std::string keep : {"9999 years", "-999999 years"}) {
+        EXPECT_EQ(done("'" + keep + "'"),
+                  kNothingForgotten + "failed|trim_change_log|NULL|rows|timestamp out of range\n");
+    }
+    EXPECT_EQ(withoutSeconds(done("'9999 years', idle_limit => '0'")),
+              "done|end_forgotten_transactions|1|sessions|" + named + "\n" + kNothingForgotten +
+                  "failed|trim_change_log|NULL|rows|timestamp out of range\n");
+    EXPECT_EQ(state("upkeep_failed"), "alarm");
+}
+
 TEST_F(Upkeep, TrimsNothingWhereNothingIsSaid)
 {
     sql("INSERT INTO acp VALUES ('old')");
@@ -495,6 +518,11 @@ protected:
     /// The last file archived, and when; or none since statistics were lost.
     void archived(const std::string& file, int milliseconds) { tells("'" + file + "'", at(milliseconds), at(0)); }
     void lost(int milliseconds) { tells("NULL", "NULL::timestamptz", at(milliseconds)); }
+    /// The last file that could not be archived, and when.
+    void failed(const std::string& file, int milliseconds)
+    {
+        m_failed = "'" + file + "'::text AS last_failed_wal, " + at(milliseconds);
+    }
 
     void run(int milliseconds, int writing)
     {
@@ -509,8 +537,10 @@ private:
     void tells(const std::string& file, const std::string& time, const std::string& since)
     {
         sql("CREATE OR REPLACE VIEW archiver AS SELECT " + file + "::text AS last_archived_wal, " + time +
-            " AS last_archived_time, " + since + " AS stats_reset");
+            " AS last_archived_time, " + m_failed + " AS last_failed_time, " + since + " AS stats_reset");
     }
+
+    std::string m_failed = "NULL::text AS last_failed_wal, NULL::timestamptz";
 };
 
 TEST_F(Archive, IsWaitedForFromTheNextFinishedFileOn)
@@ -550,6 +580,26 @@ TEST_F(Archive, IsNotWaitedForAfterStatisticsWereLostUntilAFileIsFinished)
     EXPECT_EQ(waits(), "f");
     run(30, 43);
     EXPECT_EQ(waits(), "t");
+}
+
+TEST_F(Archive, IsWaitedForFromAFailedFileOnThatWasFinishedBeforeTheServersStart)
+{
+    const std::string forTheFile = "000000010000000000000029";
+    failed(forTheFile, 15);
+    archived("000000010000000000000028", -5);
+    run(20, 41);
+    EXPECT_EQ(waits(), "f") << "it is being written";
+    run(30, 42);
+    EXPECT_EQ(waits(), "t");
+    sql("DELETE FROM upkeep_run");
+    run(20, 42);
+    EXPECT_EQ(waits(), "t");
+    failed(forTheFile, -1);
+    archived("000000010000000000000028", -5);
+    EXPECT_EQ(waits(), "f") << "before the last start: it may be none of those that are to be archived since";
+    failed(forTheFile, 15);
+    archived(forTheFile, 16);
+    EXPECT_EQ(waits(), "f");
 }
 
 TEST_F(Archive, AlarmsWhereItFallsBehindTheLog)
@@ -592,6 +642,25 @@ TEST_F(OlderUpkeep, IsReplacedWhileTheLogIsWrittenAndRead)
     EXPECT_EQ(m_session->rows("SELECT pk_char FROM event_notify ORDER BY evt_timestamp"), "logged\nopen\n");
     EXPECT_EQ(limit("oldest_transaction"), "600");
     EXPECT_EQ(limit("idle_transaction"), "120");
+}
+
+/// With its change log's triggers as they were for all tables.
+class OlderTriggers : public MigrationTest {
+protected:
+    OlderTriggers() : MigrationTest("310") {}
+};
+
+TEST_F(OlderTriggers, IsReplacedWhileTheLoggedTablesAreRead)
+{
+    m_session->run("INSERT INTO acp VALUES ('before')");
+    server::Session reader(m_name);
+    reader.run(
+        "BEGIN; SELECT FROM acp, extension, conf_state, conf_state_reset, public_address, subscriber, contact_set,"
+        " sip_event_aggregator, event_notify");
+    EXPECT_EQ(apply("--attempts=1"), 0) << told();
+    reader.run("COMMIT");
+    m_session->run("INSERT INTO acp VALUES ('after')");
+    EXPECT_EQ(m_session->rows("SELECT pk_char FROM event_notify ORDER BY evt_timestamp"), "before\nafter\n");
 }
 
 TEST_F(OlderUpkeep, LeavesAnOperatorHisLimit)

@@ -89,6 +89,18 @@ private:
     std::optional<std::string> m_before;
 };
 
+/// A socket at that place which takes connections and never answers.
+server::Socket silentSocket(const std::string& place)
+{
+    server::Socket silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    place.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(silent.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::listen(silent.fd(), 1), 0);
+    return silent;
+}
+
 /// Relays to one server stand for the hosts, each at a port of its own.
 class SeveralHosts : public DatabaseTest {
 protected:
@@ -282,12 +294,7 @@ TEST_F(SeveralHosts, AreGoneOnToAtTheDefaultPort)
 TEST_F(SeveralHosts, AreGoneOnToWhenTheOneAtTheDefaultPortIsSilent)
 {
     const TemporaryDirectory folder;
-    const server::Socket silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    folder.file(".s.PGSQL.5432").copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(silent.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(silent.fd(), 1), 0);
+    const server::Socket silent = silentSocket(folder.file(".s.PGSQL.5432"));
     set("PGPORT", "," + m_second.port());
     set("PGHOST", folder.file("") + ",127.0.0.1");
     EXPECT_EQ(connect(m_database.name()), m_okay);
@@ -299,6 +306,16 @@ TEST_F(SeveralHosts, AreGoneOnToAtTheDefaultSocket)
     m_first.swallow(true);
     const std::string end = connect("postgresql://127.0.0.1,/" + m_database.name());
     EXPECT_NE(end.find("/.s.PGSQL." + m_second.port() + "\" failed"), std::string::npos) << end;
+}
+
+TEST_F(SeveralHosts, AreGoneOnToAtTheDefaultSocketWhenAnotherSocketOfItsPortIsSilent)
+{
+    const TemporaryDirectory folder;
+    const server::Socket silent = silentSocket(folder.file(".s.PGSQL." + m_first.port()));
+    set("PGPORT", m_first.port());
+    set("PGHOST", folder.file("") + ",");
+    const std::string end = connect(m_database.name());
+    EXPECT_NE(end.find("/.s.PGSQL." + m_first.port() + "\" failed"), std::string::npos) << end;
 }
 
 TEST_F(SeveralHosts, SayBesideTheDeadlineWhyTheyRefuse)
@@ -345,6 +362,7 @@ TEST_F(SeveralHosts, AreWaitedForWhereMemoryRunsOutForOthers)
     const std::string uri = twoHosts();
     static thread_local Clock::time_point began;
     std::vector<std::string> ends(24);
+    std::vector<char> ranOut(ends.size());
     std::vector<std::thread> threads;
     for (std::size_t news = 0; news < ends.size(); ++news) {
         threads.emplace_back([&, news] {
@@ -357,12 +375,14 @@ TEST_F(SeveralHosts, AreWaitedForWhereMemoryRunsOutForOthers)
             });
             failNewAfter(news);
             ends[news] = outcome(service.connect(uri.c_str(), server::kUser, server::kPassword));
+            ranOut[news] = newHasFailed() ? 1 : 0;
             failNoNew();
             countNewsOnly(nullptr);
         });
     }
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     EXPECT_EQ(ends, std::vector<std::string>(ends.size(), m_okay));
+    EXPECT_NE(std::count(ranOut.begin(), ranOut.end(), 1), 0) << "nothing was allocated for the others when it failed";
 }
 
 TEST_F(SeveralHosts, AreLookedAtAgainBehindALookUpThatTookAllOfTheTime)
@@ -371,6 +391,22 @@ TEST_F(SeveralHosts, AreLookedAtAgainBehindALookUpThatTookAllOfTheTime)
     slowness = m_measure.deadline * 12 / 10;
     twoHosts();
     EXPECT_EQ(connect(std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name()), m_okay);
+}
+
+TEST_F(SeveralHosts, AreTakenBehindTheDeadlineThoughMemoryRunsOut)
+{
+    m_first.lag(m_measure.deadline / 5);
+    slowness = m_measure.deadline * 12 / 10;
+    twoHosts();
+    const std::string uri = std::string("postgresql://127.0.0.1,") + kSlowName + "/" + m_database.name();
+    static Clock::time_point began;
+    began = Clock::now();
+    countNewsOnly([] { return Clock::now() - began > kDeadline; });
+    failNewAfter(1); // the first is for the attempt at the other host
+    const std::string end = connect(uri);
+    failNoNew();
+    countNewsOnly(nullptr);
+    EXPECT_EQ(end, m_okay);
 }
 
 TEST_F(SeveralHosts, GetNoStatementBehindTheDeadline)

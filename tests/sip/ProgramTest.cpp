@@ -1,16 +1,13 @@
 // The program as whoever starts it sees it: its command line, and its page of counters.
 
 #include "sip/SipTest.h"
+#include "support/Proxy.h"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace programTest {
@@ -114,27 +111,6 @@ TEST_F(Command, FitsTheDefaultExpiryToALimitThatStandsAlone)
     EXPECT_EQ(alice.ask(alice.registration("<sip:alice@192.0.2.1>", -1)).parameter("Contact", "expires"), "600");
 }
 
-/// What a server answers by HTTP there.
-std::string pageAt(int port)
-{
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<std::uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const std::string request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
-    std::string page;
-    if (connect(descriptor, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0 &&
-        send(descriptor, request.data(), request.size(), 0) > 0) {
-        std::array<char, 4096> text{};
-        for (ssize_t size = 0; (size = recv(descriptor, text.data(), text.size(), 0)) > 0;) {
-            page.append(text.data(), static_cast<std::size_t>(size));
-        }
-    }
-    close(descriptor);
-    return page;
-}
-
 TEST_F(Command, CountsWhatItHasDone)
 {
     const int port = phone::freePort();
@@ -150,6 +126,20 @@ TEST_F(Command, CountsWhatItHasDone)
           "oryx_statement_seconds_bucket{le=\"+Inf\"} 1\n", "oryx_database_connections_lost_total 0\n"}) {
         EXPECT_NE(page.find(line), std::string::npos) << line << page;
     }
+}
+
+/// The session that waits longer than others for what it asks does not wait longer for a connection.
+TEST_F(Command, IsReadySoonAfterASilentDatabaseSpeaks)
+{
+    server::Proxy database;
+    database.swallow(true);
+    Program events(ORYX_EVENTS,
+                   {"--listen", "udp:127.0.0.1:" + std::to_string(m_port), "--database", m_database.uri(), "--user",
+                    server::loginOf("oryx_presence")},
+                   {"PGPORT=" + database.port(), std::string("PGPASSWORD=") + server::kPassword});
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    database.swallow(false);
+    EXPECT_EQ(events.line(10), "ready");
 }
 
 /// There is nothing to be read anew, and calls go on.

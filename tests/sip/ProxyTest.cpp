@@ -507,12 +507,15 @@ TEST_F(Proxy, SendsNothingProvisionalForAnythingButAnInvite)
 }
 
 /// Section 17.2.2: by UDP an answer is there for whoever sends the same again. A stream brings each request once, so
-/// what is answered needs no transaction any more; it was kept for 32 s, and 50,000 are all there may be.
+/// what is answered needs no transaction any more; it was kept for 32 s, and 50,000 are all there may be. Nobody waits
+/// for a telephone that is not there any more.
 TEST_F(Proxy, KeepsNothingOfAStreamsRequestThatIsNoInvite)
 {
     startRegistrar();
     Phone called = alice();
+    Phone gone = alice();
     answerOn(called);
+    answerOn(gone);
     for (const phone::Transport transport : {phone::Transport::udp, phone::Transport::tcp}) {
         Phone caller("bob", "oryx.example", m_port, "127.0.0.1", transport);
         const Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
@@ -527,6 +530,8 @@ TEST_F(Proxy, KeepsNothingOfAStreamsRequestThatIsNoInvite)
             EXPECT_EQ(answers(caller), "200");
             EXPECT_TRUE(called.socket().silent());
         }
+        gone.send(gone.response(gone.receive(), 200, "OK"));
+        EXPECT_TRUE(caller.socket().silent());
     }
 }
 

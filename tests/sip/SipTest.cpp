@@ -1,6 +1,11 @@
 #include "sip/SipTest.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <csignal>
 
 SipTest::SipTest() : m_session(m_database.name()), m_port(phone::freePort())
@@ -47,4 +52,24 @@ int SipTest::stop()
 {
     m_server->signal(SIGTERM);
     return m_server->wait(2);
+}
+
+std::string pageAt(int port)
+{
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<std::uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const std::string request = "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n";
+    std::string page;
+    if (connect(descriptor, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0 &&
+        send(descriptor, request.data(), request.size(), 0) > 0) {
+        std::array<char, 4096> text{};
+        for (ssize_t size = 0; (size = recv(descriptor, text.data(), text.size(), 0)) > 0;) {
+            page.append(text.data(), static_cast<std::size_t>(size));
+        }
+    }
+    close(descriptor);
+    return page;
 }

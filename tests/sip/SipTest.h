@@ -44,6 +44,9 @@ private:
                const std::vector<std::string>& options);
 };
 
+/// What a server answers by HTTP there.
+std::string pageAt(int port);
+
 /// The status line of an answer.
 inline std::string status(const phone::Message& answer)
 {

@@ -110,6 +110,45 @@ protected:
         }
         return stored() == count;
     }
+    /// That many watch alice, and one watches bob, all of them by bob's telephone; one worker serves them.
+    static constexpr int kMany = 60;
+    void startWithMany()
+    {
+        allow("*");
+        publish();
+        startEvents({"--auth", "none", "--workers", "1"});
+    }
+    static void subscribeMany(Watcher& bob)
+    {
+        for (int n = 0; n < kMany; ++n) {
+            const std::string from = "<sip:watcher" + std::to_string(n) + "@oryx.example>;tag=1";
+            EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("From", from))), "200 OK");
+            EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+        }
+        EXPECT_EQ(status(bob.subscribe(bob.phone().address())), "200 OK");
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    }
+    /// Of the rule that hides alice they are told after the one is that bob is there.
+    static void areToldLast(Watcher& bob)
+    {
+        int before = 0;
+        while (told(bob.notified()) == "NOTIFY active closed") {
+            ++before;
+        }
+        EXPECT_LE(before, 16);
+        for (; before < kMany; ++before) {
+            EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+        }
+        EXPECT_TRUE(bob.silent());
+    }
+    /// Subscriptions like the one that there is.
+    void copy(const std::string& table, const std::string& key, int first, int last)
+    {
+        sql("INSERT INTO " + table + " SELECT (jsonb_populate_record(NULL::" + table +
+            ", to_jsonb(one) || jsonb_build_object('" + key + "', one." + key + " || n))).* FROM (SELECT * FROM " +
+            table + " ORDER BY " + key + " LIMIT 1) one, generate_series(" + std::to_string(first) + ", " +
+            std::to_string(last) + ") n");
+    }
     void kill()
     {
         m_server->signal(SIGKILL);
@@ -890,18 +929,9 @@ TEST_F(Subscribing, IsToldOfOneWhileAnothersRowsAreLocked)
 /// What concerns few goes before what may concern everybody.
 TEST_F(Subscribing, IsToldOfAPublicationBeforeOthersAreOfARule)
 {
-    constexpr int kWatchers = 60;
-    allow("*");
-    publish();
-    startEvents({"--auth", "none", "--workers", "1"});
+    startWithMany();
     Watcher bob("bob", m_port);
-    for (int n = 0; n < kWatchers; ++n) {
-        const std::string from = "<sip:watcher" + std::to_string(n) + "@oryx.example>;tag=1";
-        EXPECT_EQ(status(bob.subscribe(bob.request(kAlice).set("From", from))), "200 OK");
-        EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
-    }
-    EXPECT_EQ(status(bob.subscribe(bob.phone().address())), "200 OK");
-    EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    subscribeMany(bob);
     server::Session holder(m_database.name()); // so that all of it waits
     holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
     allow("*", "polite");
@@ -909,15 +939,58 @@ TEST_F(Subscribing, IsToldOfAPublicationBeforeOthersAreOfARule)
     sql(publication("bob"));
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     holder.run("COMMIT");
-    int before = 0;
-    while (told(bob.notified()) == "NOTIFY active closed") {
-        ++before;
+    areToldLast(bob);
+}
+
+/// What has been refused does not lose its turn.
+TEST_F(Subscribing, IsToldAgainOfAPublicationBeforeOthersAreOfARule)
+{
+    startWithMany();
+    Watcher bob("bob", m_port);
+    subscribeMany(bob);
+    sql(publication("bob"));
+    EXPECT_EQ(told(bob.notified(503)), "NOTIFY active open");
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
+    allow("*", "polite");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300)); // the refused one is made again after a second
+    holder.run("COMMIT");
+    areToldLast(bob);
+}
+
+/// A worker that has no room is asked again now and then, not once for each of them.
+TEST_F(Subscribing, TakesNoTimeOfOthersWhileItWaitsForAWorker)
+{
+    constexpr int kWaiting = 2000;
+    allow("*");
+    startEvents({"--auth", "none", "--workers", "1"});
+    Watcher bob("bob", m_port);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "200 OK");
+    bob.notified();
+    kill();
+    copy("subscription_states", "subscriptionid", 101, 100 + kWaiting);
+    copy("event_watchers", "watcheropaque", 101, 100 + kWaiting);
+    startEvents({"--auth", "none", "--workers", "1"});
+    for (int n = 0; n <= kWaiting; ++n) {
+        bob.notified();
     }
-    EXPECT_LE(before, 16);
-    for (; before < kWatchers; ++before) {
-        EXPECT_EQ(told(bob.notified()), "NOTIFY active closed");
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE access_control_list IN ACCESS EXCLUSIVE MODE");
+    Watcher other("bob", m_port);
+    for (int n = 0; n < 1100; ++n) {
+        const std::string from = "<sip:watcher" + std::to_string(n) + "@oryx.example>;tag=1";
+        other.phone().send(other.request(kAlice).set("From", from));
     }
-    EXPECT_TRUE(bob.silent());
+    EXPECT_EQ(status(other.phone().receive()), "503 Service Unavailable");
+    const auto spent = [&] {
+        const double before = m_server->processorTime();
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        return m_server->processorTime() - before;
+    };
+    const double byOthers = spent();
+    publish("another");
+    EXPECT_LT(spent(), byOthers + 0.1);
+    holder.run("COMMIT");
 }
 
 /// As when PostgreSQL was restarted.
@@ -1096,7 +1169,10 @@ TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
 {
     constexpr int kRequests = 100;
     allow("bob@oryx.example");
-    startEvents({"--auth", "none", "--workers", "2"});
+    const int page = phone::freePort();
+    setenv("ORYX_DEADLINE", "20s", 1);
+    startEvents({"--auth", "none", "--workers", "2", "--metrics", "127.0.0.1:" + std::to_string(page)});
+    unsetenv("ORYX_DEADLINE");
     server::Session holder(m_database.name()); // so that all are there before the first is stored
     holder.run("BEGIN; LOCK TABLE subscription_states IN ACCESS EXCLUSIVE MODE");
     Watcher bob("bob", m_port);
@@ -1104,6 +1180,10 @@ TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
         Message request = bob.request(kAlice);
         bob.phone().send(request.set("Call-ID", "burst" + std::to_string(n)));
     }
+    const std::string all = "oryx_requests_total " + std::to_string(kRequests) + "\n";
+    for (int tries = 0; tries < 1000 && pageAt(page).find(all) == std::string::npos; ++tries) {
+    }
+    EXPECT_NE(pageAt(page).find(all), std::string::npos);
     holder.run("COMMIT");
     std::map<std::string, std::set<std::string>> calls; // by what they were told
     for (int answered = 0; answered < kRequests;) {
@@ -1132,24 +1212,18 @@ TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
     bob.subscribe(kAlice);
     bob.notified();
     kill();
-    const auto copied = [&](const std::string& table, const std::string& key, int first, int last) {
-        sql("INSERT INTO " + table + " SELECT (jsonb_populate_record(NULL::" + table +
-            ", to_jsonb(one) || jsonb_build_object('" + key + "', one." + key + " || n))).* FROM (SELECT * FROM " +
-            table + " ORDER BY " + key + " LIMIT 1) one, generate_series(" + std::to_string(first) + ", " +
-            std::to_string(last) + ") n");
-    };
     const auto another = [&] {
         startEvents();
         Phone phone("bob", "oryx.example", m_port);
         Message request = phone.request("SUBSCRIBE", "sip:bob@oryx.example");
         return status(phone.ask(request.set("Event", "presence").set("Expires", "0")));
     };
-    copied("subscription_states", "subscriptionid", 101, 354);
-    copied("event_watchers", "watcheropaque", 101, 354);
+    copy("subscription_states", "subscriptionid", 101, 354);
+    copy("event_watchers", "watcheropaque", 101, 354);
     EXPECT_EQ(another(), "200 OK");
     kill();
-    copied("subscription_states", "subscriptionid", 355, 355);
-    copied("event_watchers", "watcheropaque", 355, 355);
+    copy("subscription_states", "subscriptionid", 355, 355);
+    copy("event_watchers", "watcheropaque", 355, 355);
     EXPECT_EQ(another(), "403 Forbidden");
 }
 
@@ -1344,7 +1418,7 @@ TEST_F(PresenceList, IsKnownByItsNameAsItIs)
     EXPECT_EQ(resources(bob.notified()), "1 sip:alice@oryx.example pending sip:nobody@oryx.example terminated");
 }
 
-/// RFC 4662 section 5.5: the same instance in each document.
+/// RFC 3261 section 18.1.1: no more than a datagram takes.
 TEST_F(PresenceList, ShowsTheFirstOfVeryManyMembers)
 {
     sql("INSERT INTO buddy_list_detail SELECT 'friends', 'sip:m' || n || '@oryx.example' FROM generate_series(1000, 1999) n");
@@ -1376,6 +1450,7 @@ TEST_F(PresenceList, CanBeSubscribedToEightTimes)
     EXPECT_TRUE(bob.silent());
 }
 
+/// RFC 4662 section 5.5: the same instance in each document.
 TEST_F(PresenceList, KeepsTheNamesOfItsMembersInstances)
 {
     const auto instanceOfAlice = [](const Message& notify) {
