@@ -142,7 +142,7 @@ private:
         while (!m_stop) {
             worker.sleep();
             while (!m_stop) {
-                const auto took = work(worker, session, most, tasks);
+                const auto took = doNext(worker, session, most, tasks);
                 if (!took) {
                     break;
                 }
@@ -159,7 +159,7 @@ private:
 
     /// Does the oldest task, and those right behind it that may be done together with it, until that has taken long:
     /// some ask the database by themselves first. How long all of it took; nothing without a task.
-    std::optional<std::chrono::nanoseconds> work(Worker& worker, Session& session, std::size_t most, Tasks& done)
+    std::optional<std::chrono::nanoseconds> doNext(Worker& worker, Session& session, std::size_t most, Tasks& done)
     {
         const auto begun = std::chrono::steady_clock::now();
         const auto took = [&] { return std::chrono::steady_clock::now() - begun; };
