@@ -101,6 +101,12 @@ protected:
                ", 'application/pidf+xml', '<presence xmlns=\"urn:ietf:params:xml:ns:pidf\" entity=\"sip:" + handle +
                "@oryx.example\"><tuple id=\"t\"><status><basic>open</basic></status></tuple></presence>', 0);";
     }
+    /// What registers bob there, until a second ago.
+    static std::string expired(const std::string& contact)
+    {
+        return "INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + contact + "', '<" +
+               contact + ">;expires=60', extract(epoch FROM now())::int - 1)";
+    }
     std::string stored() { return rows("SELECT count(*) FROM subscription_states"); }
     /// What nobody is told of happens some time.
     bool storedBecomes(const std::string& count)
@@ -479,13 +485,9 @@ TEST_F(Subscribing, EndsWithTheRegistrationThatItCameFrom)
     Watcher bob("bob", m_port);
     bob.subscribe(kAlice);
     bob.notified();
-    const auto registered = [&](const std::string& contact) {
-        sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + contact + "', '<" + contact +
-            ">;expires=60', extract(epoch FROM now())::int - 1)");
-    };
-    registered("sip:bob@192.0.2.7");
+    sql(expired("sip:bob@192.0.2.7"));
     EXPECT_TRUE(bob.phone().socket().silent(1500));
-    registered(bob.phone().contact());
+    sql(expired(bob.phone().contact()));
     EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=timeout closed");
     EXPECT_EQ(stored(), "0\n");
     EXPECT_EQ(bindings(), "");
@@ -520,8 +522,7 @@ TEST_F(Subscribing, StaysWithARegistrationThatIsNotTakenAway)
     Watcher bob("bob", m_port);
     bob.subscribe(kAlice);
     bob.notified();
-    sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + bob.phone().contact() + "', '<" +
-        bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    sql(expired(bob.phone().contact()));
     EXPECT_TRUE(bob.phone().socket().silent(2500));
     EXPECT_EQ(stored(), "1\n");
 }
@@ -537,8 +538,7 @@ TEST_F(Subscribing, StaysWithARegistrationThatIsMadeAgainAtOnce)
     Watcher bob("bob", m_port);
     bob.subscribe(kAlice);
     bob.notified();
-    sql("INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" + bob.phone().contact() + "', '<" +
-        bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    sql(expired(bob.phone().contact()));
     EXPECT_TRUE(bob.phone().socket().silent(2500));
     EXPECT_EQ(stored(), "1\n");
     EXPECT_EQ(rows("SELECT expires > current_second() FROM contact"), "t\n");
@@ -552,9 +552,7 @@ TEST_F(Subscribing, StaysWhereNobodyCanTellWhetherItsRegistrationDoes)
     Watcher bob("bob", m_port);
     bob.subscribe(kAlice);
     bob.notified();
-    sql("REVOKE SELECT ON subscriber FROM oryx_presence;"
-        "INSERT INTO contact (csid, address, contact_header, expires) VALUES (2, '" +
-        bob.phone().contact() + "', '<" + bob.phone().contact() + ">;expires=60', extract(epoch FROM now())::int - 1)");
+    sql("REVOKE SELECT ON subscriber FROM oryx_presence;" + expired(bob.phone().contact()));
     EXPECT_TRUE(bob.phone().socket().silent(2500));
     EXPECT_EQ(bindings(), "");
     EXPECT_EQ(stored(), "1\n");
