@@ -107,6 +107,8 @@ Result answerOfFirst(PGconn* connection, const PGresult* refusal)
     return answer;
 }
 
+/// How long a silent host is waited for before the others are tried beside it, where a deadline leaves more.
+constexpr std::chrono::milliseconds kLongestTurn(2000);
 /// How long the server is given to answer each request to cancel, before the next.
 constexpr std::array kCancelWaits{10, 100, 1000};
 /// How long after the first request others may follow: one may take minutes to get nowhere.
@@ -255,12 +257,12 @@ int Deadline::pollTimeout() const
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
 }
 
-Deadline Deadline::halfWay() const
+Deadline Deadline::halfWay(std::chrono::milliseconds most) const
 {
     Deadline half;
     if (m_until) {
         const auto now = std::chrono::steady_clock::now();
-        half.m_until = now + (*m_until - now) / 2;
+        half.m_until = std::min(now + (*m_until - now) / 2, now + most);
     }
     return half;
 }
@@ -335,13 +337,13 @@ Connection BoundSession::connect(const std::string& connectionString, std::strin
     }
     ConnectAttempts attempts(connectionString);
     // It goes on also where another was begun: the look-up of its name takes time, and the first may have answered.
-    for (Deadline turn = m_deadline.halfWay(); attempts.underWay(); attempts.goOn()) {
+    for (Deadline turn = m_deadline.halfWay(kLongestTurn); attempts.underWay(); attempts.goOn()) {
         if (await(attempts.sockets(m_interruption), turn)) {
-            turn = hear() ? m_deadline.halfWay() : turn;
+            turn = hear() ? m_deadline.halfWay(kLongestTurn) : turn;
         } else if (late() || !turn.passed()) {
             break;
         } else { // half of what was left has gone by: the other half is the next host's, and so on
-            turn = attempts.beginAnother() ? m_deadline.halfWay() : m_deadline;
+            turn = attempts.beginAnother() ? m_deadline.halfWay(kLongestTurn) : m_deadline;
         }
     }
     if (late() && !attempts.succeeded()) { // memory that runs out for words loses no connection that was made

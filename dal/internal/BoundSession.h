@@ -43,8 +43,8 @@ public:
     bool passed() const;
     /// What is left, as poll(2) takes it: rounded up, -1 without a deadline.
     int pollTimeout() const;
-    /// The point half way from now.
-    Deadline halfWay() const;
+    /// The point half way from now, or so far from now if that comes first.
+    Deadline halfWay(std::chrono::milliseconds most) const;
 
 private:
     std::optional<std::chrono::steady_clock::time_point> m_until;

@@ -179,6 +179,14 @@ TEST_F(SeveralHosts, AreGoneOnToWhenTheFirstIsSilentFromTheBeginning)
     EXPECT_EQ(lookUp(), m_okay);
 }
 
+/// Half of it would be half a minute.
+TEST_F(SeveralHosts, AreGoneOnToSoonWhereTheDeadlineIsLong)
+{
+    m_measure.deadline = std::chrono::minutes(1);
+    m_first.swallow(true);
+    EXPECT_LT(timed([&] { EXPECT_EQ(connect(twoHosts()), m_okay); }), std::chrono::seconds(20));
+}
+
 TEST_F(SeveralHosts, AreGoneOnToWhenTheFirstCannotBeReached)
 {
     m_first.blackHole(true);

@@ -142,6 +142,19 @@ TEST_F(Command, IsReadySoonAfterASilentDatabaseSpeaks)
     EXPECT_EQ(events.line(10), "ready");
 }
 
+/// Nor where the first of its hosts stays silent.
+TEST_F(Command, IsReadySoonBesideASilentHost)
+{
+    server::Proxy silent;
+    silent.swallow(true);
+    Program events(ORYX_EVENTS,
+                   {"--listen", "udp:127.0.0.1:" + std::to_string(m_port), "--database",
+                    "postgresql://127.0.0.1,127.0.0.1/" + m_database.name(), "--user",
+                    server::loginOf("oryx_presence")},
+                   {"PGPORT=" + silent.port() + "," + server::port(), std::string("PGPASSWORD=") + server::kPassword});
+    EXPECT_EQ(events.line(10), "ready");
+}
+
 /// There is nothing to be read anew, and calls go on.
 TEST_F(Command, IsNotEndedByAHangUp)
 {
