@@ -288,6 +288,7 @@ bool Notifier::compose(Watch& watch)
     };
     auto then = [this, &lane = watch.lane, id = watch.subscription.id()](const Notice& made) {
         --lane.composing;
+        lane.pause.cancel(); // there is room again
         take(id, made);
         composeNext(lane);
     };
@@ -352,7 +353,7 @@ void Notifier::takeMembers(Watch& watch, const std::vector<std::string>& members
     for (const std::string& member : watch.members) {
         m_watching[member].insert(&watch);
         if (!before.contains(member)) { // what has happened between the look at him and now nobody has been told
-            watch.note(Want::news, soon);
+            watch.note(Want::news, watch.made);
         }
     }
 }

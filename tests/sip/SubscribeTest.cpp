@@ -989,6 +989,9 @@ TEST_F(Subscribing, TakesNoTimeOfOthersWhileItWaitsForAWorker)
     publish("another");
     EXPECT_LT(spent(), byOthers + 0.1);
     holder.run("COMMIT");
+    for (int n = 0; n <= kWaiting; ++n) {
+        EXPECT_EQ(told(bob.notified()), "NOTIFY active open");
+    }
 }
 
 /// As when PostgreSQL was restarted.
