@@ -13,7 +13,7 @@ class PresenceService;
 
 /// How many bindings one `removeExpiredBindings` removes.
 /// \ingroup expired_bindings
-inline constexpr std::size_t kMostExpiredBindings = 1000;
+inline constexpr std::size_t kMostExpiredBindings = 5000;
 
 /// Removes up to `kMostExpiredBindings` contacts that expired before the current second of the database's clock; never
 /// permanent ones, nor those that have no expiry. One statement, one round trip. It waits for nobody: what somebody
@@ -23,7 +23,7 @@ inline constexpr std::size_t kMostExpiredBindings = 1000;
 /// Appends what was removed, each contact once for every address of record on its set, in no particular order, with the
 /// same fields filled as by `PresenceService::flushExpiredContacts`; one whose set has no address is removed without
 /// being given. Where as many are appended as are removed at the most, there may be more. What was removed by a
-/// statement whose answer was lost is not given.
+/// statement whose answer was lost is not given, nor where there is no memory for it.
 ///
 /// Okay, also when there was none; connection or query error, with nothing appended.
 /// \ingroup expired_bindings

@@ -342,7 +342,7 @@ DatabaseResult removeExpiredBindings(PresenceService& service, std::vector<Exten
             "removeExpiredBindings()", {}, Listing::mayBeEmpty, removed,
             [] {
                 return sql(
-                    "WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < current_second() LIMIT {} FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid",
+                    "WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < (SELECT current_second()) LIMIT {} FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid",
                     kMostExpiredBindings);
             },
             [&](const Row& row) { readExpiredContact(row, removed.emplace_back()); }, "retrieved %d rows");

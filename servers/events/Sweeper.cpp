@@ -15,10 +15,10 @@ namespace oryx::sip {
 
 namespace {
 
-constexpr std::size_t kMostPieces = 20; // in one sweep: some seconds, where much is stored
 struct Swept {
     std::vector<ExpiredPublication> publications;
     std::vector<ExtendedContactRecord> contacts;
+    bool more = false; // may have expired
 };
 
 /// The URI in a stored Contact header field; empty where it cannot be read.
@@ -42,14 +42,13 @@ bool isThereAgain(EventSession& session, const ExtendedContactRecord& gone)
     return found.fatalError() || std::any_of(contacts.begin(), contacts.end(), same);
 }
 
-/// In the worker, in pieces that nobody waits for. What cannot be done now can be the next time.
+/// In the worker. What cannot be done now can be the next time.
 Swept sweptFrom(EventSession& session)
 {
     Swept swept;
     removeExpiredPublications(session.service(), swept.publications);
-    for (std::size_t n = 0; n < kMostPieces && swept.contacts.size() >= n * kMostExpiredBindings; ++n) {
-        removeExpiredBindings(session.service(), swept.contacts);
-    }
+    removeExpiredBindings(session.service(), swept.contacts);
+    swept.more = swept.contacts.size() >= kMostExpiredBindings;
     for (ExtendedContactRecord& gone : swept.contacts) {
         gone.setAddress(contactUri(gone.contactHeader()).c_str());
     }
@@ -65,13 +64,7 @@ std::string watcherAt(const ExtendedContactRecord& contact)
 
 void Sweeper::sweep()
 {
-    const auto end = [this](const std::vector<ExtendedContactRecord>& gone) {
-        for (const ExtendedContactRecord& contact : gone) {
-            m_notifier.contactExpired(watcherAt(contact), contact.address());
-        }
-        start();
-    };
-    const auto follow = [this, end](Swept swept) {
+    const auto follow = [this](Swept swept) {
         for (const ExpiredPublication& publication : swept.publications) {
             m_notifier.publicationChanged(publication.presentity);
         }
@@ -80,6 +73,12 @@ void Sweeper::sweep()
         auto look = [gone = std::move(swept.contacts)](EventSession& session) mutable {
             std::erase_if(gone, [&](const ExtendedContactRecord& contact) { return isThereAgain(session, contact); });
             return std::move(gone);
+        };
+        const auto end = [this, more = swept.more](const std::vector<ExtendedContactRecord>& gone) {
+            for (const ExtendedContactRecord& contact : gone) {
+                m_notifier.contactExpired(watcherAt(contact), contact.address());
+            }
+            more ? sweep() : start();
         };
         m_worker.give(0, std::move(look), end);
     };

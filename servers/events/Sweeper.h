@@ -7,8 +7,9 @@
 
 namespace oryx::sip {
 
-/// Takes away, every few seconds, what has expired in the database with nobody asking for it: publications, and
-/// registrations with what has been subscribed to from there. That may be very much: no request waits for its worker.
+/// Takes away, every second, what has expired in the database with nobody asking for it: publications, and
+/// registrations with what has been subscribed to from there. That may be very much: no request waits for its worker,
+/// and each piece is seen to before the next, since nobody hears of it again.
 class Sweeper {
 public:
     /// The worker is one, and the sweeper's alone from `start` on.

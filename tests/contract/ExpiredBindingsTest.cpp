@@ -19,7 +19,7 @@ using fake::rows;
 using oryx::ExtendedContactRecord;
 
 const std::string kRemoval =
-    "WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < current_second() LIMIT 1000 FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid";
+    "WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < (SELECT current_second()) LIMIT 5000 FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid";
 
 class ExpiredBindingsTest : public ConnectedServiceTestOf<oryx::PresenceService> {
 protected:

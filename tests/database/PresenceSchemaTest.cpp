@@ -230,7 +230,7 @@ const std::vector<Search> kChanges{
     {"delete from conf_state where conf_status != 'IN USE' and extension not in (select extension from extension where ext_type='c');",
      "conf_state read whole extension_conference"},
     {"DELETE FROM contact WHERE expires < 1000", ""},
-    {"WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < current_second() LIMIT 1000 FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid",
+    {"WITH gone AS (DELETE FROM contact WHERE contact_id = ANY (ARRAY(SELECT contact_id FROM contact WHERE NOT permanent AND expires < (SELECT current_second()) LIMIT 5000 FOR UPDATE SKIP LOCKED)) RETURNING csid, contact_header, expires, call_id, cseq) SELECT public_address_id, contact_header, expires, call_id, cseq, handle, sip_domain FROM gone, public_address WHERE public_address.csid = gone.csid",
      "contact read whole contact_pkey public_address_csid"},
     {"DELETE FROM SUBSCRIPTION_STATES;", ""},
     {"DELETE FROM EVENT_WATCHERS;", ""},
