@@ -1,5 +1,6 @@
 #include <common/Address.h>
 #include <common/Database.h>
+#include <common/Headers.h>
 
 #include <util/CleanText.h>
 
@@ -20,6 +21,13 @@ std::string lowerCase(std::string text)
     std::transform(text.begin(), text.end(), text.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
     return text;
+}
+
+/// Without DNS' final dot.
+std::string normalizedHost(std::string_view host)
+{
+    host.remove_suffix(host.ends_with('.') ? 1 : 0);
+    return lowerCase(std::string(host));
 }
 
 bool isControl(char c)
@@ -76,11 +84,13 @@ std::string userOf(const url_t& url)
 
 std::string hostOf(const url_t& url)
 {
-    std::string host = lowerCase(url.url_host != nullptr ? url.url_host : "");
-    if (!host.empty() && host.back() == '.') {
-        host.pop_back();
-    }
-    return host;
+    return normalizedHost(url.url_host != nullptr ? url.url_host : "");
+}
+
+std::string nextHostOf(const url_t& url)
+{
+    const std::string maddr(parameterOf(url, "maddr").value_or(""));
+    return maddr.empty() ? hostOf(url) : normalizedHost(maddr);
 }
 
 std::optional<Address> addressOf(const url_t& url)

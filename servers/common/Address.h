@@ -26,6 +26,9 @@ std::optional<Address> addressOf(const char* uri);
 std::string userOf(const url_t& url);
 /// A URI's host in lower case, without the final dot; empty where there is none.
 std::string hostOf(const url_t& url);
+/// The host that the stack sends what goes to a URI to: its maddr, if it has one (RFC 3261 section 19.1.1), else its
+/// own; in the form of `hostOf`. Whoever judges where a request goes judges by this.
+std::string nextHostOf(const url_t& url);
 /// Whether a text can stand in the database.
 bool canBeStored(const char* text);
 /// A URI as text in the form by which bindings are told apart (RFC 3261 section 19.1.4): scheme, host and parameters'

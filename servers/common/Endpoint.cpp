@@ -1,5 +1,7 @@
 #include <common/Endpoint.h>
 
+#include <common/Address.h>
+#include <common/Headers.h>
 #include <common/Intake.h>
 
 #include <algorithm>
@@ -34,12 +36,18 @@ std::string sofiaUri(const Listen& socket)
 }
 
 /// A socket, or a connection that it has accepted, as the stack writes it into Via.
-std::string uriOf(const tport_t* socket)
+const sip_via_t* viaOf(const tport_t* socket)
 {
     const sip_via_t* via = tport_magic(socket);
     while (via->v_next != nullptr) {
         via = via->v_next;
     }
+    return via;
+}
+
+std::string uriOf(const tport_t* socket)
+{
+    const sip_via_t* const via = viaOf(socket);
     const bool tcp = su_casematch(via->v_protocol, sip_transport_tcp) != 0;
     const std::string port = via->v_port != nullptr ? via->v_port : "5060";
     return std::string("sip:") + via->v_host + ":" + port + ";transport=" + (tcp ? "tcp" : "udp");
@@ -177,7 +185,7 @@ Endpoint::~Endpoint()
 
 bool Endpoint::isOurs(const url_t& url) const
 {
-    return url.url_host != nullptr && isOurs(url.url_host, url.url_port);
+    return isOurs(nextHostOf(url).c_str(), url.url_port);
 }
 
 bool Endpoint::isOurs(const sip_via_t& via) const
@@ -198,9 +206,21 @@ bool Endpoint::isOurs(const char* host, const char* port) const
     });
 }
 
+bool Endpoint::hasComeBy(msg_t* message, const url_t& url) const
+{
+    const tport_t* const connection = tport_delivered_by(nta_agent_tports(m_agent), message);
+    if (connection == nullptr) {
+        return false;
+    }
+    const sip_via_t* const via = viaOf(tport_parent(connection));
+    const std::string transport(parameterOf(url, "transport").value_or("udp"));
+    const bool tcp = su_casematch(via->v_protocol, sip_transport_tcp) != 0;
+    return samePort(via->v_port, url.url_port) && su_casematch(transport.c_str(), tcp ? "tcp" : "udp") != 0;
+}
+
 const char* Endpoint::familyOf(const url_t& next)
 {
-    return next.url_host != nullptr && *next.url_host == '[' ? "ip6" : nullptr;
+    return nextHostOf(next).starts_with('[') ? "ip6" : nullptr;
 }
 
 std::string Endpoint::socketTowards(const url_t& next) const

@@ -128,9 +128,12 @@ public:
     Endpoint& operator=(const Endpoint&) = delete;
 
     nta_agent_t* agent() const { return m_agent; }
-    /// Whether host and port are those of one of the sockets.
+    /// Whether host and port are those of one of the sockets; of a URI those that it leads to.
+    bool isOurs(const char* host, const char* port) const;
     bool isOurs(const url_t& url) const;
     bool isOurs(const sip_via_t& via) const;
+    /// Whether a message has come by the port and the transport that the URI names; while it is being handed over.
+    bool hasComeBy(msg_t* message, const url_t& url) const;
     /// The socket that a request to there is sent by, as a URI.
     std::string socketTowards(const url_t& next) const;
     /// What the stack is to be told of the way to there, TPTAG_IDENT: it does not see that an IPv6 address is one.
@@ -143,7 +146,6 @@ private:
     void take(Message message, sip_t* sip);
     void keepConnection(msg_t* message);
     bool hasRoom();
-    bool isOurs(const char* host, const char* port) const;
     bool listen(const Listen& socket) const;
 
     Metrics& m_metrics;

@@ -54,18 +54,47 @@ std::string routeText(const sip_route_t* hops)
     return text;
 }
 
+namespace {
+
+/// Takes the first parameter off.
+std::string_view takeParameter(std::string_view& rest)
+{
+    const std::string_view parameter = rest.substr(0, rest.find(';'));
+    rest.remove_prefix(std::min(parameter.size() + 1, rest.size()));
+    return parameter;
+}
+
+bool hasName(std::string_view parameter, std::string_view name)
+{
+    const std::size_t equals = std::min(parameter.find('='), parameter.size());
+    return equals == name.size() && strncasecmp(parameter.data(), name.data(), equals) == 0;
+}
+
+} // namespace
+
 std::optional<std::string_view> parameterOf(const url_t& uri, std::string_view name)
 {
-    std::string_view rest = uri.url_params != nullptr ? uri.url_params : "";
-    while (!rest.empty()) {
-        const std::string_view parameter = rest.substr(0, rest.find(';'));
-        const std::size_t equals = std::min(parameter.find('='), parameter.size());
-        if (equals == name.size() && strncasecmp(parameter.data(), name.data(), equals) == 0) {
-            return parameter.substr(std::min(equals + 1, parameter.size()));
+    std::optional<std::string_view> found;
+    for (std::string_view rest = uri.url_params != nullptr ? uri.url_params : ""; !rest.empty();) {
+        const std::string_view parameter = takeParameter(rest);
+        if (hasName(parameter, name)) {
+            const std::string_view value = parameter.substr(std::min(name.size() + 1, parameter.size()));
+            found = value.empty() && found ? found : value;
         }
-        rest.remove_prefix(std::min(parameter.size() + 1, rest.size()));
     }
-    return std::nullopt;
+    return found;
+}
+
+std::string parametersWithout(const url_t& uri, std::initializer_list<std::string_view> names)
+{
+    std::string kept;
+    for (std::string_view rest = uri.url_params != nullptr ? uri.url_params : ""; !rest.empty();) {
+        const std::string_view parameter = takeParameter(rest);
+        if (std::none_of(names.begin(), names.end(), [&](auto name) { return hasName(parameter, name); })) {
+            kept.append(kept.empty() ? "" : ";").append(parameter);
+        }
+    }
+    return kept;
 }
 
 const char* dateText()

@@ -2,6 +2,7 @@
 
 #include <common/Sofia.h>
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,9 +29,12 @@ std::string headerText(Header& header)
 {
     return headerText(anyHeader(&header));
 }
-/// The value of a URI's parameter, empty where it has none; nothing without the parameter. (The stack's own look for it
-/// goes on behind the URI's end where the last parameter only begins with that name.)
+/// The value of a URI's parameter, empty where it has none; nothing without the parameter. Of several that have values,
+/// which none may, the last, as where the stack looks for its way. (The stack's own look for one goes on behind the
+/// URI's end where the last parameter only begins with that name.)
 std::optional<std::string_view> parameterOf(const url_t& uri, std::string_view name);
+/// A URI's parameters without those of these names.
+std::string parametersWithout(const url_t& uri, std::initializer_list<std::string_view> names);
 /// All the values of a header field of routes, such as Path, in their order; empty where there are none.
 std::string routeText(const sip_route_t* hops);
 /// The time as the header field Date has it. For one thread.

@@ -40,6 +40,18 @@ std::string textOf(const url_t& url)
     return text;
 }
 
+/// A URI with the host that it leads to, as rules have it: what they say of that host is said of the URI, however it is
+/// written, and no part of it leads elsewhere.
+std::string judgedText(const url_t& url)
+{
+    url_t judged = url;
+    const std::string host = nextHostOf(url);
+    const std::string parameters = parametersWithout(url, {"maddr"});
+    judged.url_host = host.c_str();
+    judged.url_params = parameters.empty() ? nullptr : parameters.c_str();
+    return textOf(judged);
+}
+
 const char* orEmpty(const char* text)
 {
     return text != nullptr ? text : "";
@@ -198,7 +210,22 @@ bool Proxy::loops(const sip_t& sip) const
 /// Whether a route leads through this proxy: by the address of a socket, or by the name of what it serves.
 bool Proxy::leadsHere(const url_t& route) const
 {
-    return m_endpoint->isOurs(route) || (route.url_user == nullptr && m_provisioning.serves(hostOf(route)));
+    return m_endpoint->isOurs(route) || (route.url_user == nullptr && m_provisioning.serves(nextHostOf(route)));
+}
+
+/// Of a request URI whose maddr names this proxy, and which has been obeyed, what led here: its host is left.
+void Proxy::takeOwnMaddr(msg_t* outgoing, msg_t* received) const
+{
+    url_t target = *sip_object(outgoing)->sip_request->rq_url;
+    const std::string next = nextHostOf(target);
+    if (!parameterOf(target, "maddr") || !m_endpoint->hasComeBy(received, target) ||
+        !(m_endpoint->isOurs(target) || m_provisioning.serves(next))) {
+        return;
+    }
+    const std::string parameters = parametersWithout(target, {"maddr", "transport"});
+    target.url_params = parameters.empty() ? nullptr : parameters.c_str();
+    target.url_port = nullptr;
+    setRequestUri(outgoing, urlText(target));
 }
 
 /// Section 16.4, and what is the same of all copies of the request (16.6, items 1 and 3).
@@ -207,6 +234,7 @@ Message Proxy::prepared(const sip_t& sip, msg_t* message, std::vector<std::strin
     Message outgoing(msg_dup(message));
     sip_t* const copy = sip_object(outgoing.get());
     cookies = takeOwnRoutes(outgoing.get(), [this](const url_t& route) { return leadsHere(route); });
+    takeOwnMaddr(outgoing.get(), message);
     const unsigned long left = sip.sip_max_forwards != nullptr ? sip.sip_max_forwards->mf_count - 1 : kMaxForwards;
     const std::string forwards = std::to_string(left);
     sip_add_tl(outgoing.get(), copy, SIPTAG_MAX_FORWARDS_STR(forwards.c_str()), TAG_END());
@@ -230,7 +258,7 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
     const std::optional<Address> address = addressOf(to);
     Question question;
     question.from = hostOf(*sip.sip_from->a_url);
-    question.target.uri = textOf(to);
+    question.target.uri = judgedText(to);
     if (!address || !canBeStored(question.from.c_str()) || !canBeStored(question.target.uri.c_str())) {
         request->answer(SIP_400_BAD_REQUEST);
         return;
@@ -240,8 +268,9 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
         return;
     }
     question.target.handle = address->handle;
-    question.target.domain = address->domain;
-    question.target.served = m_provisioning.serves(address->domain);
+    question.target.domain = nextHostOf(to);
+    // Where a maddr is left, nobody else is asked who has that user (section 16.5).
+    question.target.served = question.target.domain == address->domain && m_provisioning.serves(address->domain);
     question.target.internal = m_provisioning.serves(question.from);
     question.forEventServer = !m_options.eventServer.empty() && question.target.served && isOfPresence(sip);
     question.sender = addressOf(*sip.sip_from->a_url);

@@ -53,6 +53,7 @@ private:
     bool valid(Incoming& request) const;
     bool loops(const sip_t& sip) const;
     bool leadsHere(const url_t& route) const;
+    void takeOwnMaddr(msg_t* outgoing, msg_t* received) const;
     Message prepared(const sip_t& sip, msg_t* message, std::vector<std::string>& cookies) const;
     void find(const std::shared_ptr<Incoming>& request, Message outgoing, const RouteMark& mark);
     Answer answer(Session& session, const Question& question, const std::string& method) const;

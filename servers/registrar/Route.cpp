@@ -45,9 +45,9 @@ void replaceCookie(msg_t* message, sip_record_route_t& route, const std::string&
 std::string hostBehind(const sip_record_route_t* recorded, const sip_contact_t* contact)
 {
     if (recorded != nullptr) {
-        return hostOf(*recorded->r_url);
+        return nextHostOf(*recorded->r_url);
     }
-    return contact != nullptr ? hostOf(*contact->m_url) : "";
+    return contact != nullptr ? nextHostOf(*contact->m_url) : "";
 }
 
 } // namespace
@@ -92,7 +92,7 @@ bool isSettled(const Seal& seal, const sip_t& request, const std::vector<std::st
     if (to == nullptr || cookies.empty()) {
         return false;
     }
-    const std::string next = hostOf(nextHop(request));
+    const std::string next = nextHostOf(nextHop(request));
     const std::string caller = sealOf(seal, request, from, to, next);
     const std::string called = sealOf(seal, request, to, nullptr, next);
     return std::any_of(cookies.begin(), cookies.end(),

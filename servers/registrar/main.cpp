@@ -21,7 +21,10 @@ bool isForServer(const sip_t& sip, const Endpoint& endpoint, const Provisioning&
     const url_t& url = *sip.sip_request->rq_url;
     const bool registers = sip.sip_request->rq_method == sip_method_register;
     const bool wanted = registers || (url.url_user == nullptr && sip.sip_to->a_tag == nullptr);
-    return wanted && (endpoint.isOurs(url) || provisioning.serves(hostOf(url)));
+    const auto isHere = [&](const std::string& host) {
+        return endpoint.isOurs(host.c_str(), url.url_port) || provisioning.serves(host);
+    };
+    return wanted && isHere(hostOf(url)) && isHere(nextHostOf(url)); // a maddr leads away, or has led here
 }
 
 void run(Loop& loop, const Options& options, int signals)

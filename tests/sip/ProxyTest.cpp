@@ -151,6 +151,100 @@ TEST_F(Proxy, LetsNothingOutThatTheRulesDoNot)
     EXPECT_EQ(status(caller.ask(invite(caller, "sip:x@elsewhere.example"))), "403 Forbidden");
 }
 
+/// Sections 16.5 and 19.1.1: a request goes to the maddr of its URI, whatever its host is, and so do the rules.
+TEST_F(Proxy, JudgesARequestByWhereItReallyGoes)
+{
+    Phone elsewhere("x", "elsewhere.example", m_port, "127.0.0.2");
+    Phone partner("x", "allowed.example", m_port, "127.0.0.3");
+    sql("INSERT INTO host_info (node_type, outbound_allow_internal) VALUES ('leaf', false);"
+        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', 'allowed.example', 'a', 1),"
+        " ('o', '127.0.0.3', 'a', 1)");
+    startRegistrar();
+    Phone caller = bob();
+    const std::string port = ":" + std::to_string(elsewhere.socket().port());
+    const std::string here = "127.0.0.1:" + std::to_string(m_port);
+    for (const std::string& uri :
+         {"sip:x@allowed.example" + port + ";maddr=127.0.0.2", "sip:x@allowed.example" + port + ";m%61DDR=127.0.0.2",
+          "sip:x@127.0.0.3" + port + ";maddr=127.0.0.3;maddr=127.0.0.2",
+          "sip:alice@oryx.example" + port + ";maddr=127.0.0.2", "sip:oryx.example" + port + ";maddr=127.0.0.2",
+          "sip:" + here + ";maddr=127.0.0.2"}) {
+        for (const char* const method : {"MESSAGE", "OPTIONS", "REGISTER"}) {
+            EXPECT_EQ(status(caller.ask(caller.request(method, uri))), "403 Forbidden") << method << ' ' << uri;
+        }
+    }
+    for (const std::string& route :
+         {"sip:" + here + ";lr;maddr=127.0.0.2", "sip:oryx.example" + port + ";lr;maddr=127.0.0.2",
+          "sip:alice@oryx.example" + port + ";lr;maddr=127.0.0.2"}) {
+        Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+        EXPECT_EQ(status(caller.ask(request.add("Route", "<" + route + ">"))), "403 Forbidden") << route;
+    }
+    EXPECT_TRUE(elsewhere.socket().silent());
+
+    const std::string allowed = "sip:x@any.example:" + std::to_string(partner.socket().port());
+    // Of two the stack takes the last.
+    for (const char* const leading : {";maddr=127.0.0.3", ";maddr=127.0.0.2;maddr=127.0.0.3"}) {
+        caller.send(caller.request("MESSAGE", allowed + leading));
+        EXPECT_EQ(partner.receive().first, "MESSAGE " + allowed + leading + " SIP/2.0");
+    }
+}
+
+/// No parameter of the request URI leads what an address map sends anywhere else than the map says.
+TEST_F(Proxy, HasNoAddressMapLeadWhereAMaddrSays)
+{
+    Phone gateway("gateway", "oryx.example", m_port);
+    sql("INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
+        "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
+        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@" +
+        gateway.socket().hostPort() + ";${parameters}', true)");
+    startRegistrar();
+    Phone caller = bob();
+    caller.send(caller.request("MESSAGE", "sip:0301234@oryx.example;user=phone;maddr=127.0.0.2"));
+    EXPECT_EQ(gateway.receive().first, "MESSAGE sip:0301234@" + gateway.socket().hostPort() + ";user=phone SIP/2.0");
+}
+
+/// Section 16.4: a maddr that names this proxy has done its work, if the request came as the URI says.
+TEST_F(Proxy, TakesItsOwnMaddrOff)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const std::string port = ":" + std::to_string(m_port);
+    const auto reaches = [&](Message request) {
+        caller.send(request);
+        const Message offered = called.receive();
+        EXPECT_EQ(offered.first, "MESSAGE " + called.contact() + " SIP/2.0");
+        EXPECT_EQ(offered.field("Route"), "");
+        called.send(called.response(offered, 200, "OK"));
+        EXPECT_EQ(answers(caller), "200");
+    };
+    const std::string to = "sip:alice@oryx.example";
+    for (const char* const way : {";maddr=127.0.0.1", ";maddr=oryx.example;transport=udp"}) {
+        reaches(caller.request("MESSAGE", to + port + way));
+    }
+    for (const char* const way : {";maddr=127.0.0.1;lr", ";lr;maddr=127.0.0.1;transport=tcp"}) {
+        reaches(caller.request("MESSAGE", to).add("Route", "<sip:edge.example" + port + way + ">"));
+    }
+    // What is behind it is judged by its own host.
+    for (const std::string& uri : {"sip:x@elsewhere.example" + port + ";maddr=127.0.0.1",
+                                   to + port + ";maddr=127.0.0.1;transport=tcp", to + ";maddr=127.0.0.1"}) {
+        EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", uri))), "403 Forbidden") << uri;
+    }
+}
+
+/// RFC 3261 section 19.1.4: a host is the same in any case; and so is one with DNS' final dot.
+TEST_F(Proxy, FindsARuleHoweverAHostIsWritten)
+{
+    sql("INSERT INTO host_info (node_type, outbound_allow_internal) VALUES ('leaf', true);"
+        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', 'denied.example', 'd', 1)");
+    startRegistrar();
+    Phone caller = bob();
+    for (const char* const host :
+         {"denied.example", "Denied.Example", "denied.example.", "x.example;maddr=DENIED.example."}) {
+        EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", std::string("sip:x@") + host))), "403 Forbidden") << host;
+    }
+}
+
 TEST_F(Proxy, TakesNothingFromADomainThatIsDenied)
 {
     sql("INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('i', 'bad.example', 'd', 1)");
@@ -611,14 +705,16 @@ TEST_F(Proxy, LeadsADialogToNobodyElse)
         next.set("From", accepted.field("To")).set("To", request.field("From"));
         return next.set("Call-ID", request.field("Call-ID")).set("Route", routes.field("Record-Route"));
     };
-    const std::string foreign = "sip:x@" + elsewhere.socket().hostPort();
-    for (const char* const method : {"INVITE", "BYE"}) {
-        for (const Message& routes : {answer, offered}) {
-            EXPECT_EQ(status(caller.ask(fromCaller(method, foreign, routes))), "403 Forbidden");
-            EXPECT_EQ(status(called.ask(fromCalled(method, foreign, routes))), "403 Forbidden");
+    const std::string port = std::to_string(elsewhere.socket().port());
+    for (const std::string& foreign : {"sip:x@127.0.0.2:" + port, "sip:x@127.0.0.1:" + port + ";maddr=127.0.0.2"}) {
+        for (const char* const method : {"INVITE", "BYE"}) {
+            for (const Message& routes : {answer, offered}) {
+                EXPECT_EQ(status(caller.ask(fromCaller(method, foreign, routes))), "403 Forbidden");
+                EXPECT_EQ(status(called.ask(fromCalled(method, foreign, routes))), "403 Forbidden");
+            }
         }
+        caller.send(fromCaller("ACK", foreign, answer));
     }
-    caller.send(fromCaller("ACK", foreign, answer));
     EXPECT_TRUE(elsewhere.socket().silent());
 
     // After a refresh, each is at another port of its host.
@@ -628,6 +724,27 @@ TEST_F(Proxy, LeadsADialogToNobodyElse)
     called.send(fromCalled("BYE", caller.contact(), offered));
     while (caller.receive().method() != "BYE") {
     }
+}
+
+/// A telephone that is reached by its maddr alone is rung by it, and its dialog leads there.
+TEST_F(Proxy, LeadsADialogByTheMaddrOfAContact)
+{
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    const std::string port = ":" + std::to_string(called.socket().port());
+    const std::string contact = "sip:alice@192.0.2.1" + port + ";maddr=127.0.0.1";
+    ASSERT_EQ(status(called.ask(called.registration("<" + contact + ">"))), "200 OK");
+    const Message request = invite(caller);
+    caller.send(request);
+    Message accepted = called.response(called.receive(), 200, "OK");
+    called.send(accepted.set("Contact", "<" + contact + ">"));
+    Message answer;
+    EXPECT_EQ(answers(caller, &answer), "100, 200");
+    Message end = caller.request("BYE", contact);
+    end.set("From", request.field("From")).set("To", accepted.field("To")).set("Call-ID", request.field("Call-ID"));
+    caller.send(end.set("Route", answer.field("Record-Route")));
+    EXPECT_EQ(called.receive().first, "BYE " + contact + " SIP/2.0");
 }
 
 TEST_F(Proxy, OutlivesAnAnswerThatThereIsNot)

@@ -131,6 +131,29 @@ TEST_F(Transports, CallFromEachToEach)
     }
 }
 
+/// Sections 16.4 and 19.1.1: a maddr may be of any family, and is this proxy's by whichever socket it names.
+TEST_F(Transports, LeadByMaddr)
+{
+    startWithAll({"--auth", "none"});
+    for (const Way& way : kWays) {
+        SCOPED_TRACE(nameOf(way));
+        Phone caller = phoneOf("bob", way);
+        Phone called = phoneOf("alice", kUdpSix);
+        const std::string contact =
+            "sip:alice@192.0.2.1:" + std::to_string(called.socket().port()) + ";maddr=[::1];user=ip";
+        ASSERT_EQ(status(called.ask(called.registration("<" + contact + ">"))), "200 OK");
+        const std::string host = std::string(way.host) == "::1" ? "[::1]" : way.host;
+        const std::string transport = way.transport == Transport::tcp ? "tcp" : "udp";
+        caller.send(caller.request("MESSAGE", "sip:alice@oryx.example:" + std::to_string(m_port) +
+                                                  ";transport=" + transport + ";maddr=" + host));
+        const Message offered = called.receive();
+        EXPECT_EQ(offered.first, "MESSAGE " + contact + " SIP/2.0");
+        called.send(called.response(offered, 200, "OK"));
+        EXPECT_EQ(status(caller.receive()), "200 OK");
+        ASSERT_EQ(status(called.ask(called.registration("*", 0))), "200 OK");
+    }
+}
+
 /// Section 9.1, by streams.
 TEST_F(Transports, CancelByTcp)
 {
