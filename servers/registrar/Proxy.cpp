@@ -121,6 +121,18 @@ void removeBreadth(msg_t* message)
     }
 }
 
+/// Where a request goes that its route leads on: there, or nowhere. Addresses of record and address maps are for whom
+/// it calls, and what they say would let it go past the rules.
+void findWayOut(LocationService& service, const TargetQuestion& question, RequestTarget& target)
+{
+    bool allowed = false;
+    const DatabaseResult result =
+        service.getOutboundRoute(question.uri.c_str(), question.internal, target.proxy, allowed);
+    if (result.okay() || result.notFound()) {
+        target.reason = result.okay() && allowed ? TargetReason::outbound : TargetReason::notAllowed;
+    }
+}
+
 bool inDialog(const sip_t& sip)
 {
     return sip.sip_to->a_tag != nullptr;
@@ -269,8 +281,10 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
     }
     question.target.handle = address->handle;
     question.target.domain = nextHostOf(to);
-    // Where a maddr is left, nobody else is asked who has that user (section 16.5).
-    question.target.served = question.target.domain == address->domain && m_provisioning.serves(address->domain);
+    // Where a route or a maddr is left, nobody is asked who has that user (section 16.5).
+    question.routed = sip_object(outgoing.get())->sip_route != nullptr;
+    question.target.served =
+        !question.routed && question.target.domain == address->domain && m_provisioning.serves(address->domain);
     question.target.internal = m_provisioning.serves(question.from);
     question.forEventServer = !m_options.eventServer.empty() && question.target.served && isOfPresence(sip);
     question.sender = addressOf(*sip.sip_from->a_url);
@@ -319,7 +333,11 @@ Proxy::Answer Proxy::answer(Session& session, const Question& question, const st
         answer.target.proxy = m_options.eventServer;
         return answer;
     }
-    findTarget(session.service(), question.target, answer.target);
+    if (question.routed) {
+        findWayOut(session.service(), question.target, answer.target);
+    } else {
+        findTarget(session.service(), question.target, answer.target);
+    }
     const TargetReason reason = answer.target.reason;
     const bool leaves =
         reason == TargetReason::outbound || reason == TargetReason::addressMap || reason == TargetReason::defaultRoute;

@@ -42,6 +42,7 @@ private:
         std::optional<Address> sender;
         std::optional<Credentials> credentials;
         bool forEventServer = false;
+        bool routed = false; ///< The target is not who is called, but the first of a route.
     };
     struct Answer {
         bool denied = false; ///< Requests from that domain are not accepted.

@@ -202,6 +202,35 @@ TEST_F(Proxy, HasNoAddressMapLeadWhereAMaddrSays)
     EXPECT_EQ(gateway.receive().first, "MESSAGE sip:0301234@" + gateway.socket().hostPort() + ";user=phone SIP/2.0");
 }
 
+/// Section 16.5: who is on the route is not who is called, and no address map's or registration's way leads to him.
+TEST_F(Proxy, FollowsARouteOnlyWhereTheRulesLetItOut)
+{
+    Phone elsewhere("x", "elsewhere.example", m_port, "127.0.0.2");
+    Phone partner("x", "allowed.example", m_port, "127.0.0.3");
+    sql("INSERT INTO host_info (node_type, outbound_allow_internal, parent_contact) VALUES ('leaf', false, '9');"
+        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', '127.0.0.3', 'a', 1);"
+        "INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
+        "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
+        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@127.0.0.1:9', true)");
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    const auto routed = [&](const std::string& user, const std::string& hostPort) {
+        Message request = caller.request("MESSAGE", "sip:alice@oryx.example");
+        return request.add("Route", "<sip:" + user + "@" + hostPort + ";lr>");
+    };
+    const std::string outside = elsewhere.socket().hostPort();
+    for (const Message& request : {routed("0301", outside), routed("alice", "oryx.example:9"),
+                                   routed("nobody", "oryx.example:9"), routed("0301", "oryx.example:9")}) {
+        EXPECT_EQ(status(caller.ask(request)), "403 Forbidden") << request.text();
+    }
+    EXPECT_TRUE(elsewhere.socket().silent());
+    EXPECT_TRUE(called.socket().silent());
+    caller.send(routed("0301", partner.socket().hostPort()));
+    EXPECT_EQ(partner.receive().first, "MESSAGE sip:alice@oryx.example SIP/2.0");
+}
+
 /// Section 16.4: a maddr that names this proxy has done its work, if the request came as the URI says.
 TEST_F(Proxy, TakesItsOwnMaddrOff)
 {
