@@ -4,13 +4,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <utility>
 
 namespace oryx::sip {
 
 namespace {
+
+/// With what is under way; a worker may then still be in the middle of a question.
+constexpr std::chrono::seconds kWaiting{1};
 
 void endAtLast()
 {
@@ -42,6 +44,7 @@ void Ending::begin()
     signalfd_siginfo taken{};
     if (read(m_signals, &taken, sizeof taken) == sizeof taken) {
         endAtLast();
+        m_last = std::chrono::steady_clock::now() + kWaiting;
         m_endpoint.refuseRequests();
         m_begun();
         look();
@@ -51,8 +54,7 @@ void Ending::begin()
 void Ending::look()
 {
     constexpr std::chrono::milliseconds kPause{20};
-    constexpr int kMostLooks = 25;
-    if (m_idle() || ++m_looks > kMostLooks) {
+    if (m_idle() || std::chrono::steady_clock::now() >= m_last) {
         m_loop.stop();
     } else {
         m_timer.set(kPause);

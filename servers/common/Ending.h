@@ -3,6 +3,7 @@
 #include <common/Endpoint.h>
 #include <common/Loop.h>
 
+#include <chrono>
 #include <functional>
 
 namespace oryx::sip {
@@ -30,7 +31,7 @@ private:
     std::function<bool()> m_idle;
     std::function<void()> m_begun;
     Timer m_timer;
-    int m_looks = 0;
+    std::chrono::steady_clock::time_point m_last; // look
 };
 
 } // namespace oryx::sip

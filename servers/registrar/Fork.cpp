@@ -138,6 +138,9 @@ void Fork::abandon()
 
 bool Fork::ending() const
 {
+    if (!isInvite()) {
+        return !m_decided;
+    }
     return std::any_of(m_branches.begin(), m_branches.end(), [](const std::unique_ptr<Branch>& branch) {
         return branch->cancelled && branch->heard && !branch->ended;
     });

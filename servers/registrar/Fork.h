@@ -45,9 +45,11 @@ public:
     void start(bool sequential);
     /// The client does not want an answer any more.
     void cancel();
+    bool isInvite() const;
     /// The server ends: whoever rings is told, and the client.
     void abandon();
-    /// Whether somebody has been asked to ring no more, and has not said that he has stopped.
+    /// Whether a server that ends waits for it: somebody has been asked to ring no more, and has not said that he has
+    /// stopped; or what is no INVITE, and cannot be taken back, is not answered.
     bool ending() const;
 
 private:
@@ -70,7 +72,6 @@ private:
     void dropOthers(const Branch& answered);
     bool pending() const;
     bool waiting() const;
-    bool isInvite() const;
     void answerBest();
     void answerTimeout();
     Message best();

@@ -355,7 +355,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
     if (request->answered()) { // it was cancelled meanwhile
         return;
     }
-    if (m_abandoned) {
+    if (m_abandoned && request->sip().sip_request->rq_method == sip_method_invite) {
         request->answerUnavailable();
         return;
     }
@@ -429,8 +429,18 @@ void Proxy::abandon()
 {
     m_abandoned = true;
     for (const std::shared_ptr<Fork>& fork : m_forks) {
+        if (fork->isInvite()) {
+            fork->abandon();
+        }
+    }
+}
+
+void Proxy::stop()
+{
+    for (const std::shared_ptr<Fork>& fork : m_forks) {
         fork->abandon();
     }
+    m_forks.clear();
 }
 
 bool Proxy::idle() const

@@ -27,12 +27,13 @@ public:
     void take(const std::shared_ptr<Incoming>& request);
     /// An ACK for a 2xx: sent on without a transaction.
     void takeStray(const Message& message, const sip_t& sip) const;
-    /// The server ends: ends what rings, and takes nothing on any more.
+    /// The server ends: ends what rings, and has nobody ring any more. Of any other request its telephone cannot be
+    /// told that it is not wanted any more, so who has sent it is not told that it has failed while there is time.
     void abandon();
-    /// Whether nobody rings any more.
+    /// Whether nobody rings any more, and all else is answered.
     bool idle() const;
     /// Ends whatever is under way.
-    void stop() { m_forks.clear(); }
+    void stop();
 
 private:
     /// What decides where a request goes.

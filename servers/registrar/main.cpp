@@ -68,9 +68,9 @@ void run(Loop& loop, const Options& options, int signals)
     const auto idle = [&] { return workers->idle() && proxy.idle(); };
     const Ending ending(loop, *endpoint, signals, idle, [&] { proxy.abandon(); });
     loop.run();
+    proxy.stop();
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();
-    proxy.stop();
 }
 
 } // namespace

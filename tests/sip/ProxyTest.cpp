@@ -506,6 +506,37 @@ TEST_F(Proxy, EndsWhatRingsWhenItEnds)
     EXPECT_EQ(m_server->wait(2), 0);
 }
 
+/// Section 17.1.2: of what is no INVITE nobody can be told to stop. Whoever was told that it failed would send it
+/// again, and a telephone that has it already would have it twice.
+TEST_F(Proxy, FinishesWhatATelephoneHasWhenItEnds)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message offered = called.receive();
+    m_server->signal(SIGTERM);
+    Phone other("carol", "oryx.example", m_port);
+    while (other.ask(other.request("OPTIONS", "sip:oryx.example")).status() == 200) { // until it has heard
+    }
+    called.send(called.response(offered, 200, "OK"));
+    EXPECT_EQ(answers(caller), "200");
+    EXPECT_EQ(m_server->wait(2), 0);
+}
+
+TEST_F(Proxy, EndsThoughATelephoneDoesNotAnswer)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    EXPECT_EQ(called.receive().method(), "MESSAGE");
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(answers(caller), "503"); // now, not before
+}
+
 /// Section 16.7, item 6: nobody but the caller ends what he asks for.
 TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
 {
