@@ -16,6 +16,11 @@ bool Gate::understands(Incoming& request, std::string_view known)
     return unknown.empty() || request.refuse(SIP_420_BAD_EXTENSION, SIPTAG_UNSUPPORTED_STR(unknown.c_str()));
 }
 
+bool Gate::servesAt(const url_t& url, const Address& address) const
+{
+    return serves(address) && (hostOf(url) == address.domain || m_endpoint->isOurs(url));
+}
+
 bool Gate::readAddress(Incoming& request, const url_t& url, Address& address)
 {
     std::optional<Address> read = addressOf(url);

@@ -32,6 +32,8 @@ public:
     void setEndpoint(const Endpoint& endpoint) { m_endpoint = &endpoint; }
 
     bool serves(const Address& address) const { return m_provisioning.serves(address.domain); }
+    /// The same of one at the domain that a URI for this server names; at any that is served, if it names a socket.
+    bool servesAt(const url_t& url, const Address& address) const;
     /// Whether a sender has to prove who he is.
     bool asksForProof() const { return m_options.digest; }
     /// Whether the request's URI is one that can be served, which sips is not without TLS, and all extensions that it

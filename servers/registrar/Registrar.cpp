@@ -52,10 +52,11 @@ bool Registrar::readSender(Incoming& request, Order& order) const
            m_gate.readProof(request, order.sender);
 }
 
-/// Item 5: the address of record. One that is not served here has no bindings here.
+/// Item 5: the address of record. One that is not served here has no bindings here, and none at another domain.
 bool Registrar::readAddress(Incoming& request, const Order& order) const
 {
-    return m_gate.serves(order.sender.address) || request.refuse(SIP_404_NOT_FOUND);
+    return m_gate.servesAt(*request.sip().sip_request->rq_url, order.sender.address) ||
+           request.refuse(SIP_404_NOT_FOUND);
 }
 
 /// Items 6 and 7, up to where the bindings must be known. False when the request has been answered.

@@ -313,6 +313,27 @@ TEST_F(Registrar, HearsOfANewDomain)
     EXPECT_EQ(last, "404 Not Found"); // served, and nobody's
 }
 
+/// Section 10.3, item 5: each domain has its own addresses; by the server's own address all are registered.
+TEST_F(Registrar, BindsAnAddressAtItsOwnDomainAlone)
+{
+    sql("UPDATE system_parameters SET value = 'oryx.example,other.example';"
+        "INSERT INTO public_address (handle, sip_domain, csid) VALUES ('alice', 'other.example', 2)");
+    startRegistrar();
+    Phone alice("alice", "oryx.example", m_port);
+    const auto answerAt = [&](const std::string& host, const std::string& to) {
+        Message request = alice.registration("<sip:alice@192.0.2.1>").set("To", "<sip:alice@" + to + ">");
+        request.first = "REGISTER sip:" + host + " SIP/2.0";
+        return status(alice.ask(request));
+    };
+    EXPECT_EQ(answerAt("oryx.example", "other.example"), "404 Not Found");
+    EXPECT_EQ(answerAt("other.example", "oryx.example"), "404 Not Found");
+    EXPECT_EQ(bindings(), "");
+    EXPECT_EQ(answerAt("Other.example.", "other.example"), "200 OK");
+    EXPECT_EQ(answerAt("oryx.example", "ORYX.example"), "200 OK");
+    EXPECT_EQ(answerAt("127.0.0.1:" + std::to_string(m_port), "other.example"), "200 OK");
+    EXPECT_EQ(rows("SELECT csid FROM contact ORDER BY csid"), "1\n2\n");
+}
+
 /// Section 10.3, item 7: an older request of the same Call-ID.
 TEST_F(Registrar, RefusesARequestThatANewerOneOvertook)
 {
