@@ -38,11 +38,12 @@ public:
     /// Whether the credentials are those of the address' subscriber, for a request of that method.
     Verdict authenticate(const Address& address, const Credentials& credentials, std::string_view method)
     {
-        const char* const handle = address.handle.c_str(); // the services take their texts in two ways
-        const char* const domain = address.domain.c_str();
-        return m_subscribers.authenticate(address, credentials, method, [&](SubscriberRecord& subscriber) {
+        const auto lookup = [this](const Address& of, SubscriberRecord& subscriber) {
+            const char* const handle = of.handle.c_str(); // the services take their texts in two ways
+            const char* const domain = of.domain.c_str();
             return m_service.lookupSubscriber(handle, domain, subscriber);
-        });
+        };
+        return m_subscribers.authenticate(address, credentials, method, lookup);
     }
 
 private:

@@ -11,8 +11,26 @@ constexpr std::chrono::seconds kSecretsAge{30};
 
 } // namespace
 
+/// Whoever proves to be another subscriber is told that he may not, not asked again for ever (RFC 3261 section 10.3,
+/// item 4). The library finds subscribers by their addresses alone, so he is known where his user name is his handle at
+/// that domain, too; whoever else it is, he is asked again.
 Verdict Subscribers::authenticate(const Address& address, const Credentials& credentials, std::string_view method,
                                   const Lookup& lookup)
+{
+    const Verdict verdict = judge(address, address.key(), credentials, method, lookup);
+    if (verdict != Verdict::wrong) {
+        return verdict;
+    }
+    const std::optional<Address> other = addressOf(("sip:" + credentials.user + "@" + address.domain).c_str());
+    if (!other || other->text() == address.text()) {
+        return verdict;
+    }
+    const Verdict others = judge(*other, address.key(), credentials, method, lookup);
+    return others == Verdict::accepted ? Verdict::barred : others;
+}
+
+Verdict Subscribers::judge(const Address& address, std::size_t challenged, const Credentials& credentials,
+                           std::string_view method, const Lookup& lookup)
 {
     const Secrets& secrets = secretsOf(address, credentials.realm, lookup);
     if (secrets.verdict == Verdict::failed) {
@@ -24,7 +42,7 @@ Verdict Subscribers::authenticate(const Address& address, const Credentials& cre
     }
     // Who knows no qop sends no count (RFC 3261 section 22.4, item 8): the nonce is good for one request.
     const std::string_view count = credentials.qop ? std::string_view(credentials.count) : kFirstCount;
-    const bool fresh = m_nonces.fresh(credentials.nonce, address.key()) && m_counts.use(credentials.nonce, count);
+    const bool fresh = m_nonces.fresh(credentials.nonce, challenged) && m_counts.use(credentials.nonce, count);
     return fresh ? secrets.verdict : Verdict::stale;
 }
 
@@ -41,7 +59,7 @@ const Subscribers::Secrets& Subscribers::secretsOf(const Address& address, const
         (m_provisioning.listening() || std::chrono::steady_clock::now() - known->second.read <= kSecretsAge)) {
         return known->second;
     }
-    m_unkept = readSecrets(realm, lookup);
+    m_unkept = readSecrets(address, realm, lookup);
     if (m_unkept.verdict == Verdict::accepted) {
         return m_secrets.insert_or_assign(address.text(), std::move(m_unkept)).first->second;
     }
@@ -51,14 +69,14 @@ const Subscribers::Secrets& Subscribers::secretsOf(const Address& address, const
     return m_unkept;
 }
 
-Subscribers::Secrets Subscribers::readSecrets(const std::string& realm, const Lookup& lookup)
+Subscribers::Secrets Subscribers::readSecrets(const Address& address, const std::string& realm, const Lookup& lookup)
 {
     Secrets secrets;
     // A fresh record: NULL columns leave what a record holds, and that would be another subscriber's. Inactive until
     // the database says otherwise.
     SubscriberRecord subscriber;
     subscriber.setActive('f');
-    const DatabaseResult result = lookup(subscriber);
+    const DatabaseResult result = lookup(address, subscriber);
     if (!result.okay()) {
         secrets.verdict = result.getStatus() == DatabaseResult::NOTFOUND ? Verdict::wrong : Verdict::failed;
         return secrets;

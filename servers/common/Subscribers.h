@@ -20,7 +20,7 @@ enum class Verdict {
     accepted,
     wrong,  ///< they are nobody's, or not the subscriber's: a new challenge, which does not tell who there is
     stale,  ///< they are, but the nonce is too old, or was used before: a challenge that says so
-    barred, ///< it is the subscriber, and he is inactive
+    barred, ///< it is the subscriber, and he is inactive; or another one
     failed, ///< nobody could be asked
 };
 
@@ -29,7 +29,7 @@ enum class Verdict {
 class Subscribers {
 public:
     /// Reads an address' subscriber from the database.
-    using Lookup = std::function<DatabaseResult(SubscriberRecord& subscriber)>;
+    using Lookup = std::function<DatabaseResult(const Address& address, SubscriberRecord& subscriber)>;
 
     Subscribers(const Provisioning& provisioning, const Nonces& nonces) : m_provisioning(provisioning), m_nonces(nonces)
     {
@@ -50,8 +50,11 @@ private:
         std::chrono::steady_clock::time_point read;
     };
 
+    /// Of a request that was challenged for the address with that key.
+    Verdict judge(const Address& address, std::size_t challenged, const Credentials& credentials,
+                  std::string_view method, const Lookup& lookup);
     const Secrets& secretsOf(const Address& address, const std::string& realm, const Lookup& lookup);
-    static Secrets readSecrets(const std::string& realm, const Lookup& lookup);
+    static Secrets readSecrets(const Address& address, const std::string& realm, const Lookup& lookup);
 
     const Provisioning& m_provisioning;
     const Nonces& m_nonces;

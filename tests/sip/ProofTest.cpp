@@ -60,13 +60,14 @@ protected:
         const std::string request = secretOf(Algorithm::md5, "REGISTER", "sip", "oryx.example");
         const std::string secret = secretOf(Algorithm::md5, "alice", realm, "alice's");
         credentials.response = secretOf(Algorithm::md5, secret, credentials.nonce, request);
-        return m_subscribers.authenticate(alice, credentials, "REGISTER", [this](oryx::SubscriberRecord& subscriber) {
+        const auto lookup = [this](const Address& /*address*/, oryx::SubscriberRecord& subscriber) {
             ++m_read;
             subscriber.setUserId("alice");
             subscriber.setPassword("alice's");
             subscriber.setActive('t');
             return oryx::DatabaseResult();
-        });
+        };
+        return m_subscribers.authenticate(alice, credentials, "REGISTER", lookup);
     }
 
     std::mutex m_mutex;

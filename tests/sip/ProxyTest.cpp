@@ -917,11 +917,14 @@ TEST_F(Proxy, AsksForProofBeforeARequestLeaves)
     const Message challenge = caller.ask(request);
     request = caller.request("MESSAGE", to);
     request.set("Proxy-Authorization", caller.credentials(request, challenge, "bob", "SHA-256"));
-    const std::string others = "Digest realm=\"elsewhere.example\", username=\"bob\"";
-    caller.send(request.add("Proxy-Authorization", others));
+    const std::string next = "Digest realm=\"elsewhere.example\", username=\"bob\"";
+    caller.send(request.add("Proxy-Authorization", next));
     const Message passed = elsewhere.receive();
     EXPECT_EQ(passed.first, "MESSAGE " + to + " SIP/2.0");
-    EXPECT_EQ(passed.field("Proxy-Authorization"), others); // section 22.3: the next proxy's
+    EXPECT_EQ(passed.field("Proxy-Authorization"), next); // section 22.3: the next proxy's
+    // Whose proof is another's may not send it in her name.
+    Message others = caller.request("MESSAGE", to);
+    EXPECT_EQ(status(caller.ask(others.set("From", "<sip:alice@oryx.example>;tag=1"), "bob")), "403 Forbidden");
     // Who has no address could never prove that it is his.
     EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", to).set("From", "<sip:%00@oryx.example>;tag=1"))),
               "400 Bad Request");

@@ -327,7 +327,8 @@ TEST_F(Publishing, NeedsAProof)
     Message forged = bob.request("PUBLISH", kAlice);
     forged.set("From", "<" + kAlice + ">;tag=forged").set("Event", "presence");
     forged.set("Content-Type", "application/pidf+xml").body = pidf(kOpen);
-    EXPECT_EQ(status(bob.ask(forged, "bob")), "401 Unauthorized");
+    EXPECT_EQ(status(bob.ask(forged, "wrong")), "401 Unauthorized");
+    EXPECT_EQ(status(bob.ask(forged, "bob")), "403 Forbidden");
     Phone carol("carol", "oryx.example", m_port);
     Message inactive = carol.request("PUBLISH", carol.address());
     inactive.set("Event", "presence").set("Content-Type", "application/pidf+xml").body = pidf(kOpen);

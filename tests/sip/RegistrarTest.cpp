@@ -691,13 +691,19 @@ TEST_F(Registrar, TakesNoProofThatWasMadeForAnotherServer)
     EXPECT_EQ(answerFor("sip:127.0.0.1:" + std::to_string(m_port)), "200 OK");
 }
 
+/// Section 10.3, item 4: who proves to be somebody else may not. Who proves nothing is not told who there is.
 TEST_F(Registrar, TakesNobodyElsesProofAndNoBarredSubscribers)
 {
     startRegistrar({});
     Phone bob("bob", "oryx.example", m_port);
-    Message request = bob.registration("<sip:bob@192.0.2.66>");
-    request.set("To", "<sip:alice@oryx.example>");
-    EXPECT_EQ(status(bob.ask(request, "bob")), "401 Unauthorized");
+    for (const auto& [password, answer] : std::vector<std::pair<std::string, std::string>>{
+             {"bob", "403 Forbidden"}, {"wrong", "401 Unauthorized"}, {"alice", "401 Unauthorized"}}) {
+        for (const char* const name : {"alice", "nobody"}) {
+            Message request = bob.registration("<sip:bob@192.0.2.66>");
+            request.set("To", std::string("<sip:") + name + "@oryx.example>");
+            EXPECT_EQ(status(bob.ask(request, password)), answer) << name << ' ' << password;
+        }
+    }
     Phone carol("carol", "oryx.example", m_port);
     EXPECT_EQ(status(carol.ask(carol.registration("<sip:carol@192.0.2.1>"), "carol")), "403 Forbidden");
     EXPECT_EQ(bindings(), "");
