@@ -33,19 +33,30 @@ bool Gate::readAddress(Incoming& request, const url_t& url, Address& address)
 
 bool Gate::readExpiry(Incoming& request, std::uint32_t& seconds) const
 {
-    const sip_expires_t* const said = request.sip().sip_expires;
-    return grant(request, said != nullptr && said->ex_date == 0 ? said->ex_delta : m_options.defaultExpires, seconds);
+    const bool granted = grants(askedBy(request.sip()), seconds);
+    if (!granted) {
+        refuseBrief(request);
+    }
+    return granted;
 }
 
-bool Gate::grant(Incoming& request, unsigned long asked, std::uint32_t& seconds) const
+unsigned long Gate::askedBy(const sip_t& sip) const
+{
+    const sip_expires_t* const said = sip.sip_expires;
+    return said != nullptr && said->ex_date == 0 ? said->ex_delta : m_options.defaultExpires;
+}
+
+bool Gate::grants(unsigned long asked, std::uint32_t& seconds) const
 {
     constexpr std::uint32_t kAlwaysEnough = 3600; // RFC 3261 section 10.3, RFC 6665 section 4.2.1.1, RFC 3903 section 6
-    if (asked > 0 && asked < std::min(m_options.minExpires, kAlwaysEnough)) {
-        const std::string least = std::to_string(m_options.minExpires);
-        return request.refuse(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
-    }
     seconds = static_cast<std::uint32_t>(std::min<unsigned long>(asked, m_options.maxExpires));
-    return true;
+    return asked == 0 || asked >= std::min(m_options.minExpires, kAlwaysEnough);
+}
+
+void Gate::refuseBrief(Incoming& request) const
+{
+    const std::string least = std::to_string(m_options.minExpires);
+    request.answer(SIP_423_INTERVAL_TOO_BRIEF, SIPTAG_MIN_EXPIRES_STR(least.c_str()));
 }
 
 bool Gate::readProof(Incoming& request, Sender& sender) const

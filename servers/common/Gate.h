@@ -56,8 +56,11 @@ public:
     /// The seconds that Expires asks for, within bounds; an end at a date, which no telephone asks for, counts as not
     /// said.
     bool readExpiry(Incoming& request, std::uint32_t& seconds) const;
-    /// The seconds asked for, within bounds.
-    bool grant(Incoming& request, unsigned long asked, std::uint32_t& seconds) const;
+    /// The seconds that Expires asks for, and those that are given for so many, within bounds: false where these are
+    /// too few. Both for who has an answer of his own.
+    unsigned long askedBy(const sip_t& sip) const;
+    bool grants(unsigned long asked, std::uint32_t& seconds) const;
+    void refuseBrief(Incoming& request) const;
     /// The sender's proof, if it is asked for; the worker finds out whether it is one.
     bool readProof(Incoming& request, Sender& sender) const;
     /// Has `work(session, order)` done by a worker, if `order.sender` is found to be who he says he is, and

@@ -27,12 +27,16 @@ private:
         RegisterRequest request;
     };
 
+    /// What is wrong with a request by what it says itself. Its sender is told when he has proved who he is.
+    enum class Fault { none, notHere, unreadable, tooBrief };
+
     bool readSender(Incoming& request, Order& order) const;
-    bool readAddress(Incoming& request, const Order& order) const;
-    bool readContacts(Incoming& request, RegisterRequest& order) const;
-    bool readContact(Incoming& request, const sip_contact_t& contact, RegisterRequest& order) const;
-    bool readExpiry(Incoming& request, const sip_contact_t& contact, std::uint32_t& expires) const;
-    void apply(const std::shared_ptr<Incoming>& request, Order order);
+    Fault readAddress(const sip_t& sip, const Order& order) const;
+    Fault readContacts(const sip_t& sip, RegisterRequest& order) const;
+    Fault readContact(const sip_t& sip, const sip_contact_t& contact, RegisterRequest& order) const;
+    bool readExpiry(const sip_t& sip, const sip_contact_t& contact, std::uint32_t& expires) const;
+    void apply(const std::shared_ptr<Incoming>& request, Order order, Fault fault);
+    void refuse(Incoming& request, Fault fault) const;
     void conclude(Incoming& request, const RegisterAnswer& answer) const;
     void listBindings(Incoming& request, const RegisterAnswer& answer) const;
 

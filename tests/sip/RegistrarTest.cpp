@@ -709,6 +709,33 @@ TEST_F(Registrar, TakesNobodyElsesProofAndNoBarredSubscribers)
     EXPECT_EQ(bindings(), "");
 }
 
+/// Section 10.3: items 3 and 4 come before 5 to 7, of which a stranger hears nothing.
+TEST_F(Registrar, SaysWhatIsWrongToWhoHasProvedWhoHeIs)
+{
+    sql("UPDATE system_parameters SET value = 'oryx.example,other.example';"
+        "INSERT INTO public_address (handle, sip_domain, csid) VALUES ('alice', 'other.example', 1)");
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    Message tooBrief = alice.registration("<sip:alice@192.0.2.1>;expires=1");
+    Message broken = alice.registration("<sip:alice@192.0.2.1>;q=2");
+    Message elsewhere = alice.registration("<sip:alice@192.0.2.1>");
+    elsewhere.set("To", "<sip:alice@other.example>");
+    for (Message* const request : {&tooBrief, &broken, &elsewhere}) {
+        EXPECT_EQ(status(alice.ask(*request, "wrong")), "401 Unauthorized");
+        request->set("CSeq", std::to_string(++alice.cseq) + " REGISTER").set("Via", alice.via());
+    }
+    const Message brief = alice.ask(tooBrief, "alice");
+    EXPECT_EQ(status(brief), "423 Interval Too Brief");
+    EXPECT_EQ(brief.field("Min-Expires"), "60");
+    EXPECT_EQ(status(alice.ask(broken, "alice")), "400 Bad Request");
+    EXPECT_EQ(status(alice.ask(elsewhere, "alice")), "404 Not Found");
+    // Nobody could prove that he is of a domain that is not served.
+    Message nobodys = alice.registration("<sip:alice@192.0.2.1>");
+    EXPECT_EQ(status(alice.ask(nobodys.set("To", "<sip:alice@elsewhere.example>"), "alice")), "404 Not Found");
+    EXPECT_EQ(bindings(), "");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice")), "200 OK");
+}
+
 /// Who tries names learns nothing from the answers, for nobody has proved anything.
 TEST_F(Registrar, TellsStrangersNothingOfWhoThereIs)
 {
