@@ -2,6 +2,7 @@
 
 #include "sip/SipTest.h"
 #include "support/Proxy.h"
+#include "support/TemporaryDirectory.h"
 
 #include <chrono>
 #include <csignal>
@@ -109,6 +110,29 @@ TEST_F(Command, FitsTheDefaultExpiryToALimitThatStandsAlone)
     startRegistrar({"--auth", "none", "--max-expires", "600"});
     Phone alice("alice", "oryx.example", m_port);
     EXPECT_EQ(alice.ask(alice.registration("<sip:alice@192.0.2.1>", -1)).parameter("Contact", "expires"), "600");
+}
+
+TEST_F(Command, NamesTheRealm)
+{
+    startRegistrar({"--realm", "The Oryx"});
+    Phone alice("alice", "oryx.example", m_port);
+    const phone::Message challenge = alice.ask(alice.registration("<sip:alice@192.0.2.1>"));
+    EXPECT_EQ(challenge.parameter("WWW-Authenticate", "realm", 0), "The Oryx");
+    EXPECT_EQ(challenge.parameter("WWW-Authenticate", "realm", 1), "The Oryx");
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice", "SHA-256")), "200 OK");
+}
+
+/// Of a file's lines the first, and sooner than what the environment says.
+TEST_F(Command, TakesThePasswordFromAFile)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.write("password", std::string(server::kPassword) + "\nanother line\n");
+    const std::vector<std::string> arguments{"--listen",        "udp:127.0.0.1:" + std::to_string(m_port),
+                                             "--database",      m_database.uri(),
+                                             "--user",          server::kUser,
+                                             "--password-file", file};
+    m_server = std::make_unique<Program>(ORYX_REGISTRAR, arguments, std::vector<std::string>{"PGPASSWORD=not-this"});
+    EXPECT_EQ(m_server->line(), "ready");
 }
 
 TEST_F(Command, CountsWhatItHasDone)

@@ -904,6 +904,49 @@ TEST_F(Proxy, FollowsAnAddressMap)
     EXPECT_EQ(gateway.receive().first, "MESSAGE sip:0301234@" + gateway.socket().hostPort() + " SIP/2.0");
 }
 
+/// Whom nobody has at a served domain, the parent node may; whoever is only away has no way there.
+TEST_F(Proxy, TakesTheDefaultRoute)
+{
+    Phone parent("parent", "oryx.example", m_port);
+    sql("INSERT INTO host_info (node_type, parent_contact) VALUES ('leaf', '9');"
+        "INSERT INTO contact_set (csid, ordering, replace_uri) VALUES (9, 'parallel', false);"
+        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:" +
+        parent.socket().hostPort() + "', true)");
+    startRegistrar();
+    Phone caller = bob();
+    caller.send(caller.request("MESSAGE", "sip:somebody@oryx.example"));
+    const Message passed = parent.receive();
+    EXPECT_EQ(passed.first, "MESSAGE sip:somebody@oryx.example SIP/2.0");
+    parent.send(parent.response(passed, 202, "Accepted"));
+    EXPECT_EQ(answers(caller), "202");
+    EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", "sip:alice@oryx.example"))), "480 Temporarily Unavailable");
+}
+
+/// What goes out goes through the proxy that provisioning names, with its scheme or without; what need not, directly.
+TEST_F(Proxy, GoesOutThroughAProxy)
+{
+    Phone border("border", "oryx.example", m_port);
+    Phone near("x", "near.example", m_port);
+    const std::string place = border.socket().hostPort();
+    sql("INSERT INTO host_info (node_type, outbound_allow_internal, outbound_proxy, outbound_direct)"
+        " VALUES ('leaf', true, '" +
+        place + "', '127.0.0.1')");
+    startRegistrar();
+    Phone caller = bob();
+    for (const std::string& proxy : {place, "sip:" + place}) {
+        sql("UPDATE host_info SET outbound_proxy = '" + proxy + "'");
+        caller.send(caller.request("MESSAGE", "sip:x@elsewhere.example;user=ip"));
+        const Message passed = border.receive();
+        EXPECT_EQ(passed.first, "MESSAGE sip:x@elsewhere.example;user=ip SIP/2.0");
+        EXPECT_EQ(passed.field("Route"), "");
+        border.send(border.response(passed, 200, "OK"));
+        EXPECT_EQ(answers(caller), "200");
+    }
+    caller.send(caller.request("MESSAGE", near.contact()));
+    EXPECT_EQ(near.receive().first, "MESSAGE " + near.contact() + " SIP/2.0");
+    EXPECT_TRUE(border.socket().silent());
+}
+
 /// Whoever sends a request out in a subscriber's name must prove that he is the subscriber.
 TEST_F(Proxy, AsksForProofBeforeARequestLeaves)
 {

@@ -1,6 +1,9 @@
 // The registrar as telephones see it: RFC 3261 section 10.3, item by item, and what goes with it.
 
 #include "sip/SipTest.h"
+#include "support/TemporaryDirectory.h"
+
+#include <Crypt.h>
 
 #include <chrono>
 #include <fstream>
@@ -755,6 +758,66 @@ TEST_F(Registrar, ChallengesNobodyWithoutAnAddress)
     Phone alice("alice", "oryx.example", m_port);
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:a@192.0.2.1>").set("To", "<tel:+4930123456>"))),
               "400 Bad Request");
+}
+
+/// The name in credentials is the subscriber's auth_user_id, whatever else he is called.
+TEST_F(Registrar, KnowsASubscriberByTheNameForHisCredentials)
+{
+    sql("UPDATE subscriber SET user_id = 'number-2', auth_user_id = 'smith' WHERE sid = 2");
+    startRegistrar({});
+    for (const auto& [name, answer] : std::vector<std::pair<std::string, std::string>>{
+             {"bob", "401 Unauthorized"}, {"number-2", "401 Unauthorized"}, {"smith", "200 OK"}}) {
+        Phone telephone(name, "oryx.example", m_port);
+        Message request = telephone.registration("<sip:bob@192.0.2.1>").set("From", "<sip:bob@oryx.example>;tag=1");
+        EXPECT_EQ(status(telephone.ask(request.set("To", "<sip:bob@oryx.example>"), "bob")), answer) << name;
+    }
+    EXPECT_EQ(bindings(), "sip:bob@192.0.2.1\n");
+}
+
+/// A stored password that the server's key does not open fits nothing: neither itself, nor the stored text, nor none.
+TEST_F(Registrar, RefusesASubscriberWhosePasswordItCannotRead)
+{
+    const TemporaryDirectory directory;
+    const std::string own = directory.write("own", std::string(64, 'a'));
+    const std::string other = directory.write("other", std::string(64, 'b'));
+    Phone alice("alice", "oryx.example", m_port);
+    Phone bob("bob", "oryx.example", m_port);
+    setenv("ORYX_CRYPT_KEY_FILE", own.c_str(), 1);
+    std::string stored;
+    ASSERT_TRUE(Crypt::encrypt("alice", stored));
+    sql("UPDATE subscriber SET s_password = '" + stored + "' WHERE sid = 1");
+    startRegistrar({});
+    EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"), "alice")), "200 OK");
+    for (const std::string& key : {other, directory.file("none")}) {
+        setenv("ORYX_CRYPT_KEY_FILE", key.c_str(), 1);
+        EXPECT_EQ(stop(), 0);
+        startRegistrar({});
+        for (const std::string& password : {std::string("alice"), stored, std::string()}) {
+            EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.2>"), password)), "401 Unauthorized");
+        }
+        EXPECT_EQ(status(bob.ask(bob.registration("<sip:bob@192.0.2.1>"), "bob")), "200 OK");
+    }
+    unsetenv("ORYX_CRYPT_KEY_FILE");
+    EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\nsip:bob@192.0.2.1\n");
+}
+
+/// By his own credentials, which were right a moment ago; nobody reaches him either.
+TEST_F(Registrar, HearsThatASubscriberIsBarred)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    Phone bob("bob", "oryx.example", m_port);
+    const auto answer = [&] { return status(alice.ask(alice.registration("<" + alice.contact() + ">"), "alice")); };
+    EXPECT_EQ(answer(), "200 OK");
+    sql("UPDATE subscriber SET active = false WHERE sid = 1");
+    std::string last;
+    for (int look = 0; look < 500 && last != "403 Forbidden"; ++look) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        last = answer();
+    }
+    EXPECT_EQ(last, "403 Forbidden");
+    EXPECT_EQ(status(bob.ask(bob.request("MESSAGE", "sip:alice@oryx.example"))), "404 Not Found");
+    EXPECT_TRUE(alice.socket().silent());
 }
 
 TEST_F(Registrar, HearsOfANewPassword)
