@@ -291,7 +291,9 @@ void Endpoint::take(Message message, sip_t* sip)
     keepConnection(message.get());
     if (method == sip_method_ack) {
         m_onStray(message, *sip);
-    } else if (method == sip_method_cancel) { // of nothing that is known
+    } else if (method == sip_method_cancel) {
+        // Of nothing that is known. A proxy would send it on without a transaction (RFC 3261 section 16.10): for an
+        // INVITE that went on without one, which no INVITE does here, nor could it be told to where.
         m_metrics.answer(481);
         nta_msg_treply(m_agent, message.release(), SIP_481_NO_TRANSACTION, TAG_END());
     } else if (m_refusing || (!mark && !hasRoom())) {

@@ -442,6 +442,17 @@ TEST_F(Proxy, CancelsWhatTheCallerCancels)
     EXPECT_EQ(status(caller.receive()), "487 Request Terminated");
 }
 
+/// Section 9.2; by section 16.10 it would be sent on, for an INVITE that went on without a transaction.
+TEST_F(Proxy, SendsNoCancelOnWithoutItsInvite)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    EXPECT_EQ(status(caller.ask(cancelOf(invite(caller), caller))), "481 Call/Transaction Does Not Exist");
+    EXPECT_TRUE(called.socket().silent());
+}
+
 /// Section 9.1: a telephone that does not end what it was asked to end is waited for no longer than 64 * T1.
 TEST_F(Proxy, GivesUpWhoeverDoesNotAnswerACancel)
 {
