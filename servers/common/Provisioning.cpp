@@ -103,11 +103,9 @@ void Provisioning::readDomainsAgain()
 {
     std::unique_lock lock(m_mutex);
     while (!m_ending.wait_for(lock, kReadAgain, [this] { return m_stop.load(); })) {
-        lock.unlock();
         if (!listening()) { // as behind a pooler that lets nothing be heard
             readDomains();
         }
-        lock.lock();
     }
 }
 
