@@ -60,11 +60,8 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
 
 Provisioning::~Provisioning()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stop = true;
-    }
-    m_ending.notify_all();
+    m_stop = true;
+    m_ending.set_value();
     m_listener.stop();
     m_thread.join();
     m_reader.join();
@@ -101,8 +98,8 @@ void Provisioning::readDomainsAtLast()
 
 void Provisioning::readDomainsAgain()
 {
-    std::unique_lock lock(m_mutex);
-    while (!m_ending.wait_for(lock, kReadAgain, [this] { return m_stop.load(); })) {
+    const std::future<void> ending = m_ending.get_future();
+    while (ending.wait_for(kReadAgain) == std::future_status::timeout) {
         if (!listening()) { // as behind a pooler that lets nothing be heard
             readDomains();
         }
