@@ -144,7 +144,7 @@ bool ChangeListener::take(ListeningConnection& connection, bool everything, Chan
         }
         ChangedTable& table = changes.tables.emplace_back();
         table.name = kAnnouncedTables.at(i);
-        if (m_options.followLog && i != kAccessRules && !readLog(connection, table, changes.position)) {
+        if (m_options.followLog && i <= kPublications && !readLog(connection, table, changes.position)) {
             return false;
         }
     }

@@ -47,8 +47,8 @@ struct ChangeSet {
     /// table, but for tables with `readAgain`; unless he was away for longer than the log is kept.
     bool everything = false;
     /// The tables, each once, in the order "acp", "extension", "conf_state", "conf_state_reset", "public_address",
-    /// "subscriber", "contact_set", "sip_event_aggregator", and "publication" and "access_control_list" where they are
-    /// asked for.
+    /// "subscriber", "contact_set", "sip_event_aggregator", and "publication", "access_control_list" and
+    /// "system_parameters" where they are asked for.
     std::vector<ChangedTable> tables;
     /// The position behind these changes: what to start from after them.
     ChangePosition position;
@@ -74,6 +74,9 @@ struct ChangeListenerOptions {
     /// Whether the table "access_control_list" is heard of too: that rules, nodes, or presence lists with their members
     /// and watchers have changed. It is not in the change log, and always to be read again.
     bool accessRules = false;
+    /// Whether the table "system_parameters" is heard of too: the list of domains served is one of them. It is not in
+    /// the change log, and always to be read again.
+    bool parameters = false;
 };
 
 /// Hears of the changes of provisioning, on a connection of its own, and never falls behind: whatever is pending is

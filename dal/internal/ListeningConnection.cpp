@@ -39,9 +39,10 @@ SessionOptions sessionOptions(const ChangeListenerOptions& options)
 TableSet tablesOf(const ChangeListenerOptions& options)
 {
     TableSet tables;
-    for (std::size_t i = 0; i < tables.size(); ++i) {
-        tables.set(i, i == kPublications ? options.publications : i != kAccessRules || options.accessRules);
-    }
+    tables.set();
+    tables.set(kPublications, options.publications);
+    tables.set(kAccessRules, options.accessRules);
+    tables.set(kParameters, options.parameters);
     return tables;
 }
 

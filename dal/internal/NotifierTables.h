@@ -12,14 +12,17 @@ inline constexpr std::array kNotifierTables{
     "acp",        "extension",   "conf_state",          "conf_state_reset", "public_address",
     "subscriber", "contact_set", "sip_event_aggregator"};
 
-/// The same, and what else is announced to those who ask for it: publications, and who may watch whom.
+/// The same, and what else is announced to those who ask for it: publications, which the change log has too, who may
+/// watch whom, and the domains served.
 inline constexpr std::size_t kPublications = kNotifierTables.size();
 inline constexpr std::size_t kAccessRules = kPublications + 1;
+inline constexpr std::size_t kParameters = kAccessRules + 1;
 inline constexpr auto kAnnouncedTables = [] {
-    std::array<const char*, kAccessRules + 1> tables{};
+    std::array<const char*, kParameters + 1> tables{};
     std::copy(kNotifierTables.begin(), kNotifierTables.end(), tables.begin());
     tables[kPublications] = "publication";
-    tables[kAccessRules] = "access_control_list"; // not in the change log
+    tables[kAccessRules] = "access_control_list";
+    tables[kParameters] = "system_parameters";
     return tables;
 }();
 

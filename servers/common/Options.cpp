@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <string_view>
 
 namespace oryx::sip {
@@ -33,43 +32,6 @@ constexpr const char* kHelp = R"(usage: %s --listen udp:HOST:PORT --database URI
   --metrics HOST:PORT     counters for Prometheus, by HTTP
   --help, --version       say so and end
 )";
-
-enum Option : int {
-    listenOn = 256,
-    database,
-    user,
-    passwordFile,
-    workers,
-    auth,
-    realm,
-    minExpires,
-    maxExpires,
-    defaultExpires,
-    recordRoute,
-    eventServer,
-    metrics,
-    help,
-    version
-};
-
-constexpr std::array kOptions{
-    option{"listen", required_argument, nullptr, listenOn},
-    option{"database", required_argument, nullptr, database},
-    option{"user", required_argument, nullptr, user},
-    option{"password-file", required_argument, nullptr, passwordFile},
-    option{"workers", required_argument, nullptr, workers},
-    option{"auth", required_argument, nullptr, auth},
-    option{"realm", required_argument, nullptr, realm},
-    option{"min-expires", required_argument, nullptr, minExpires},
-    option{"max-expires", required_argument, nullptr, maxExpires},
-    option{"default-expires", required_argument, nullptr, defaultExpires},
-    option{"record-route", no_argument, nullptr, recordRoute},
-    option{"event-server", required_argument, nullptr, eventServer},
-    option{"metrics", required_argument, nullptr, metrics},
-    option{"help", no_argument, nullptr, help},
-    option{"version", no_argument, nullptr, version},
-    option{nullptr, 0, nullptr, 0},
-};
 
 /// A whole number from `least` on; nothing for any other text.
 std::optional<unsigned> numberOf(std::string_view text, unsigned least, unsigned most)
@@ -106,127 +68,113 @@ std::optional<Listen> listenOf(std::string_view text)
     return listenOf(std::string(transport.substr(0, 3)), text.substr(4));
 }
 
-bool readPassword(const char* file, std::string& password)
-{
-    std::ifstream in(file);
-    return static_cast<bool>(std::getline(in, password));
-}
+/// What the options say, as they are read.
+struct Reading {
+    Options options;
+    bool defaultSaid = false;
 
-/// Reads the options one by one; what is wrong with them, or empty.
-class Reader {
-public:
-    std::string take(int option, const char* name, const char* value)
-    {
-        bool right = true;
-        switch (option) {
-        case listenOn:
-            right = add(listenOf(value));
-            break;
-        case database:
-            options.database = value;
-            break;
-        case user:
-            options.user = value;
-            break;
-        case passwordFile:
-            right = readPassword(value, options.password);
-            break;
-        case workers:
-            right = set(options.workers, numberOf(value, 1, 64));
-            break;
-        case auth:
-            right = std::strcmp(value, "digest") == 0 || std::strcmp(value, "none") == 0;
-            options.digest = std::strcmp(value, "digest") == 0;
-            break;
-        case realm:
-            options.realm = value; // stands in quotes wherever it is sent
-            right = options.realm.find_first_of("\"\\") == std::string::npos;
-            break;
-        case minExpires:
-            right = set(options.minExpires, numberOf(value, 1, kMostSeconds));
-            break;
-        case maxExpires:
-            right = set(options.maxExpires, numberOf(value, 1, kMostSeconds));
-            break;
-        case defaultExpires:
-            right = set(options.defaultExpires, numberOf(value, 1, kMostSeconds));
-            m_defaultSaid = true;
-            break;
-        case recordRoute:
-            options.recordRoute = true;
-            break;
-        case eventServer:
-            options.eventServer = value;
-            right = options.eventServer.starts_with("sip:");
-            break;
-        default:
-            options.metrics = listenOf("tcp", value);
-            right = options.metrics.has_value();
-            break;
-        }
-        return right ? "" : std::string("--") + name + ": not " + wanted(option) + ": " + value;
-    }
-
-    /// What is wrong with all of them together.
+    /// What is wrong with all of them together, or empty.
     std::string check() const
     {
         if (options.listen.empty() || options.database.empty() || options.user.empty()) {
             return "--listen, --database and --user are needed; --help tells of them all";
         }
-        if (options.minExpires > options.maxExpires ||
-            (m_defaultSaid &&
-             (options.minExpires > options.defaultExpires || options.defaultExpires > options.maxExpires))) {
+        if (options.minExpires > options.maxExpires || (defaultSaid && (options.minExpires > options.defaultExpires ||
+                                                                        options.defaultExpires > options.maxExpires))) {
             return "--min-expires, --default-expires and --max-expires must be in this order";
         }
         return "";
     }
-
-    /// What nobody has said fits what somebody has.
-    void settle()
-    {
-        options.defaultExpires = std::clamp(options.defaultExpires, options.minExpires, options.maxExpires);
-    }
-
-    Options options;
-
-private:
-    static constexpr unsigned kMostSeconds = 0x7fffffff;
-    bool m_defaultSaid = false;
-
-    static const char* wanted(int option)
-    {
-        switch (option) {
-        case listenOn:
-            return "udp:HOST:PORT or tcp:HOST:PORT";
-        case realm:
-            return "a text without quotes and backslashes";
-        case eventServer:
-            return "a SIP URI";
-        case passwordFile:
-            return "a readable file";
-        case workers:
-            return "a number from 1 to 64";
-        case auth:
-            return "digest or none";
-        case metrics:
-            return "HOST:PORT";
-        default:
-            return "a number of seconds";
-        }
-    }
-    static bool set(unsigned& field, std::optional<unsigned> value)
-    {
-        field = value.value_or(field);
-        return value.has_value();
-    }
-    bool add(std::optional<Listen> socket)
-    {
-        if (socket) {
-            options.listen.push_back(std::move(*socket));
-        }
-        return socket.has_value();
-    }
 };
+
+/// An option: what its value is, if it has one, and what takes that; false when it is something else.
+struct Known {
+    const char* name;
+    const char* value;
+    bool (*take)(Reading& reading, const char* value);
+};
+
+bool setNumber(unsigned& field, std::optional<unsigned> value)
+{
+    field = value.value_or(field);
+    return value.has_value();
+}
+
+bool setSeconds(unsigned& field, const char* value)
+{
+    return setNumber(field, numberOf(value, 1, 0x7fffffff));
+}
+
+bool setText(std::string& field, const char* value)
+{
+    field = value;
+    return true;
+}
+
+bool addSocket(std::vector<Listen>& sockets, std::optional<Listen> socket)
+{
+    if (socket) {
+        sockets.push_back(std::move(*socket));
+    }
+    return socket.has_value();
+}
+
+constexpr const char* kSeconds = "a number of seconds";
+constexpr std::array kKnown{
+    Known{"listen", "udp:HOST:PORT or tcp:HOST:PORT",
+          [](Reading& to, const char* value) { return addSocket(to.options.listen, listenOf(value)); }},
+    Known{"database", "", [](Reading& to, const char* value) { return setText(to.options.database, value); }},
+    Known{"user", "", [](Reading& to, const char* value) { return setText(to.options.user, value); }},
+    Known{"password-file", "a readable file",
+          [](Reading& to, const char* value) {
+              std::ifstream file(value);
+              return static_cast<bool>(std::getline(file, to.options.password));
+          }},
+    Known{"workers", "a number from 1 to 64",
+          [](Reading& to, const char* value) { return setNumber(to.options.workers, numberOf(value, 1, 64)); }},
+    Known{"auth", "digest or none",
+          [](Reading& to, const char* value) {
+              to.options.digest = std::strcmp(value, "digest") == 0;
+              return to.options.digest || std::strcmp(value, "none") == 0;
+          }},
+    Known{"realm", "a text without quotes and backslashes", // it stands in quotes wherever it is sent
+          [](Reading& to, const char* value) {
+              return setText(to.options.realm, value) && std::strpbrk(value, "\"\\") == nullptr;
+          }},
+    Known{"min-expires", kSeconds,
+          [](Reading& to, const char* value) { return setSeconds(to.options.minExpires, value); }},
+    Known{"max-expires", kSeconds,
+          [](Reading& to, const char* value) { return setSeconds(to.options.maxExpires, value); }},
+    Known{"default-expires", kSeconds,
+          [](Reading& to, const char* value) {
+              to.defaultSaid = true;
+              return setSeconds(to.options.defaultExpires, value);
+          }},
+    Known{"record-route", nullptr, [](Reading& to, const char* /*value*/) { return to.options.recordRoute = true; }},
+    Known{"event-server", "a SIP URI",
+          [](Reading& to, const char* value) {
+              return setText(to.options.eventServer, value) && to.options.eventServer.starts_with("sip:");
+          }},
+    Known{"metrics", "HOST:PORT",
+          [](Reading& to, const char* value) {
+              to.options.metrics = listenOf("tcp", value);
+              return to.options.metrics.has_value();
+          }},
+    Known{"help", nullptr, nullptr},
+    Known{"version", nullptr, nullptr},
+};
+
+/// The same for getopt, which answers the place of each; an abbreviation is none if it may be several.
+std::array<option, kKnown.size() + 1> forGetopt()
+{
+    std::array<option, kKnown.size() + 1> options{};
+    for (std::size_t at = 0; at < kKnown.size(); ++at) {
+        const Known& known = kKnown.at(at);
+        const int value = known.value != nullptr ? required_argument : no_argument;
+        options.at(at) = {known.name, value, nullptr, static_cast<int>(at)};
+    }
+    return options;
+}
 
 Parsed refused(const char* program, const std::string& why)
 {
@@ -240,37 +188,37 @@ Parsed parseOptions(int argc, char** argv)
 {
     const char* const slash = std::strrchr(argv[0], '/');
     const char* const program = slash != nullptr ? slash + 1 : argv[0];
-    Reader reader;
+    const auto options = forGetopt();
+    Reading reading;
     if (const char* const password = std::getenv("PGPASSWORD")) {
-        reader.options.password = password;
+        reading.options.password = password;
     }
     opterr = 0;
-    int index = 0;
-    for (int option = 0; (option = getopt_long(argc, argv, "", kOptions.data(), &index)) != -1;) {
-        if (option == help) {
-            std::printf(kHelp, program);
-            return {};
-        }
-        if (option == version) {
-            std::printf("%s " ORYX_VERSION "\n", program);
-            return {};
-        }
-        if (option == '?') {
+    for (int found = 0; (found = getopt_long(argc, argv, "", options.data(), nullptr)) != -1;) {
+        if (found == '?') {
             return refused(program, std::string(argv[optind - 1]) + ": no such option, or without its value");
         }
-        const std::string wrong = reader.take(option, kOptions.at(static_cast<std::size_t>(index)).name, optarg);
-        if (!wrong.empty()) {
-            return refused(program, wrong);
+        const Known& known = kKnown.at(static_cast<std::size_t>(found));
+        if (known.take == nullptr) {
+            known.name == std::string_view("help") ? std::printf(kHelp, program)
+                                                   : std::printf("%s " ORYX_VERSION "\n", program);
+            return {};
+        }
+        if (!known.take(reading, optarg)) {
+            return refused(program, std::string("--") + known.name + ": not " + known.value + ": " + optarg);
         }
     }
     if (optind < argc) {
         return refused(program, std::string(argv[optind]) + ": no option");
     }
-    const std::string wrong = reader.check();
-    if (wrong.empty()) {
-        reader.settle();
+    const std::string wrong = reading.check();
+    if (!wrong.empty()) {
+        return refused(program, wrong);
     }
-    return wrong.empty() ? Parsed{std::move(reader.options)} : refused(program, wrong);
+    // What nobody has said fits what somebody has.
+    Options& said = reading.options;
+    said.defaultExpires = std::clamp(said.defaultExpires, said.minExpires, said.maxExpires);
+    return Parsed{std::move(said)};
 }
 
 } // namespace oryx::sip

@@ -16,16 +16,16 @@ ChangeListenerOptions boundListening(bool presence)
     options.followLog = presence;
     options.publications = presence;
     options.accessRules = presence;
+    options.parameters = true;
     return options;
 }
 
-/// How often the list of domains is read, of whose changes nothing tells.
+/// How often the list of domains is read while its changes are not heard of.
 constexpr std::chrono::seconds kReadAgain{10};
 
-/// Not what telephones bring about.
-bool isProvisioned(const ChangedTable& table)
+bool isOfDomains(const ChangedTable& table)
 {
-    return table.name != "publication";
+    return table.name == "system_parameters";
 }
 
 /// What subscribers' secrets are read from; conferences, say, come and go by the minute.
@@ -47,7 +47,7 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
             if (std::any_of(changes.tables.begin(), changes.tables.end(), isOfSubscribers)) {
                 m_changes.fetch_add(1, std::memory_order_release);
             }
-            if (std::any_of(changes.tables.begin(), changes.tables.end(), isProvisioned)) {
+            if (std::any_of(changes.tables.begin(), changes.tables.end(), isOfDomains)) {
                 readDomainsAtLast();
             }
             if (m_onChanges) {
@@ -60,11 +60,8 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
 
 Provisioning::~Provisioning()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stop = true;
-    }
-    m_ending.notify_all();
+    m_stop = true;
+    m_ending.set_value();
     m_listener.stop();
     m_thread.join();
     m_reader.join();
@@ -101,11 +98,11 @@ void Provisioning::readDomainsAtLast()
 
 void Provisioning::readDomainsAgain()
 {
-    std::unique_lock lock(m_mutex);
-    while (!m_ending.wait_for(lock, kReadAgain, [this] { return m_stop.load(); })) {
-        lock.unlock();
-        readDomains();
-        lock.lock();
+    const std::future<void> ending = m_ending.get_future();
+    while (ending.wait_for(kReadAgain) == std::future_status::timeout) {
+        if (!listening()) { // as behind a pooler that lets nothing be heard
+            readDomains();
+        }
     }
 }
 

@@ -6,8 +6,8 @@
 #include <dal/DatabaseCommandExecutor.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -63,8 +63,7 @@ private:
     bool m_connected = false;
     ChangeListener m_listener;
     std::thread m_thread;
-    std::mutex m_mutex; // of the end alone
-    std::condition_variable m_ending;
+    std::promise<void> m_ending;
     std::thread m_reader;
 };
 

@@ -157,6 +157,21 @@ TEST_F(Listener, HearsOfAccessRulesWhereItIsAskedTo)
                            "finish\n");
 }
 
+TEST_F(Listener, HearsOfParametersWhereItIsAskedTo)
+{
+    m_options.parameters = true;
+    m_libpq.replies({command()});
+    EXPECT_EQ(run(2,
+                  [this, first = true]() mutable {
+                      if (std::exchange(first, false)) {
+                          m_libpq.notifies({"system_parameters", "acp"});
+                      }
+                  }),
+              kEverything + "system_parameters again\nacp again\nsystem_parameters again\n");
+    EXPECT_EQ(asked(), std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN system_parameters;LISTEN OWN;") +
+                           "finish\n");
+}
+
 TEST_F(Listener, NotifiesItselfWhenItIsIdle)
 {
     const int silent = eventfd(0, EFD_CLOEXEC); // never has input

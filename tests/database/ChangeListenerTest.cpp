@@ -319,6 +319,22 @@ TEST_F(ListenerOfTheLog, HearsThatSomebodyElseMayWatchWhereItIsAskedTo)
     EXPECT_EQ(end(), "okay");
 }
 
+TEST_F(ListenerOfTheLog, HearsThatADomainIsServedOrNotWhereItIsAskedTo)
+{
+    m_options.parameters = true;
+    listen();
+    std::vector<std::string> expected{kNothingLogged + " system_parameters!"};
+    for (const char* const change :
+         {"INSERT INTO system_parameters VALUES ('oryxproxy', 'ServerInfo', 'ServerNames', 'oryx.example')",
+          "UPDATE system_parameters SET value = 'oryx.example, new.example'", "DELETE FROM system_parameters",
+          "TRUNCATE system_parameters"}) {
+        sql(change);
+        expected.emplace_back("system_parameters!");
+        EXPECT_EQ(m_calls.await(expected.size()), expected) << change;
+    }
+    EXPECT_EQ(end(), "okay");
+}
+
 TEST_F(Listener, HandsOverAllThatIsPendingAtOnceEachTableOnceInAFixedOrder)
 {
     std::promise<void> notified;

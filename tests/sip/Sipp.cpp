@@ -3,7 +3,7 @@
 #include "sip/Phone.h"
 #include "sip/Program.h"
 
-std::string playScenario(const std::string& name, int port, const std::vector<std::string>& arguments)
+std::string playScenario(const std::string& name, int port, const std::vector<std::string>& arguments, int seconds)
 {
     std::vector<std::string> all{"127.0.0.1:" + std::to_string(port),
                                  "-sf",
@@ -14,8 +14,8 @@ std::string playScenario(const std::string& name, int port, const std::vector<st
                                  std::to_string(phone::freePort()),
                                  "-nostdin",
                                  "-timeout",
-                                 "20s"};
+                                 std::to_string(seconds) + "s"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     Program sipp("/usr/bin/sipp", all);
-    return sipp.wait(30) == 0 ? "" : sipp.soFar();
+    return sipp.wait(seconds + seconds / 2) == 0 ? "" : sipp.soFar();
 }
