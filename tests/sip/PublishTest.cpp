@@ -62,10 +62,10 @@ protected:
     }
     Message ask(const Message& request) { return m_alice->ask(request); }
     std::string answer(const Message& request) { return status(ask(request)); }
-    /// The answer to an initial request with that body.
-    std::string answerTo(const std::string& body)
+    /// The answer to a request with that body, an initial one if there is no tag.
+    std::string answerTo(const std::string& body, const std::string& tag = "")
     {
-        Message message = request(kOpen);
+        Message message = request(kOpen, tag);
         message.body = body;
         return answer(message);
     }
@@ -124,6 +124,17 @@ TEST_F(Publishing, IsRefreshedModifiedAndRemovedByItsTag)
     for (const std::string& old : {first, second, third, removed.field("SIP-ETag")}) {
         EXPECT_EQ(answer(request("", old)), "412 Conditional Request Failed");
     }
+}
+
+/// RFC 3903 section 6 has item 3 before items 4 and 5; what needs no statement is refused without one.
+TEST_F(Publishing, IsJudgedByItsConditionLast)
+{
+    start({"--auth", "none", "--min-expires", "60"});
+    EXPECT_EQ(answer(request("", "other")), "412 Conditional Request Failed");
+    EXPECT_EQ(answer(request("", "other", 59)), "423 Interval Too Brief");
+    EXPECT_EQ(answer(request(kOpen, "other").set("Content-Type", "text/plain")), "415 Unsupported Media Type");
+    EXPECT_EQ(answerTo("<presence>", "other"), "400 Bad Request");
+    EXPECT_EQ(answerTo(std::string(20000, ' '), "other"), "413 Request Entity Too Large");
 }
 
 /// RFC 6665 section 4.2.2.
