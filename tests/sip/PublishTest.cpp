@@ -108,6 +108,7 @@ TEST_F(Publishing, GivesAnEntityTagAndTheTimeGranted)
     EXPECT_EQ(seen(), composed(kOpen));
 }
 
+/// RFC 3903 sections 4.3 to 4.5.
 TEST_F(Publishing, IsRefreshedModifiedAndRemovedByItsTag)
 {
     start();
@@ -175,6 +176,7 @@ TEST_F(Publishing, TakesTheExpiryAskedForWithinBounds)
     EXPECT_EQ(rows("SELECT expires - current_second() > 4990 FROM publication ORDER BY expires DESC LIMIT 1"), "t\n");
 }
 
+/// RFC 3903 section 4.3: what is not refreshed is over.
 TEST_F(Publishing, EndsWhenItExpires)
 {
     start({"--auth", "none", "--min-expires", "1"});
@@ -227,6 +229,7 @@ TEST_F(Publishing, RefusesUrisThatItDoesNotServe)
     EXPECT_EQ(stored(), "0\n");
 }
 
+/// RFC 3261 section 8.2.2.3.
 TEST_F(Publishing, RefusesExtensionsThatItDoesNotKnow)
 {
     start();
@@ -258,6 +261,7 @@ TEST_F(Publishing, TakesPidfAlone)
     EXPECT_EQ(answer(request(kOpen).set("Content-Type", "Application/PIDF+xml;charset=utf-8")), "200 OK");
 }
 
+/// RFC 3903 section 4: at first there is a body.
 TEST_F(Publishing, NeedsSomethingToPublish)
 {
     start();
@@ -266,6 +270,7 @@ TEST_F(Publishing, NeedsSomethingToPublish)
     EXPECT_EQ(stored(), "0\n");
 }
 
+/// Item 5.
 TEST_F(Publishing, RefusesABrokenOrHostileBodyAndServesTheNext)
 {
     start();
@@ -289,6 +294,7 @@ TEST_F(Publishing, RefusesABrokenOrHostileBodyAndServesTheNext)
     EXPECT_EQ(seen(), composed(kOpen));
 }
 
+/// RFC 3261 section 21.4.11.
 TEST_F(Publishing, RefusesWhatIsTooLong)
 {
     start();
@@ -374,6 +380,7 @@ TEST_F(Publishing, IsComposedOfAllSources)
     EXPECT_EQ(seen(), composed(kClosed + "<note>at home</note>"));
 }
 
+/// RFC 3903 section 14.2.
 TEST_F(Publishing, LimitsWhatOnePresentityPublishes)
 {
     start();

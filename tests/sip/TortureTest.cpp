@@ -537,7 +537,7 @@ TEST_F(TortureByUdp, OfExtensionsNamesThemAll)
     EXPECT_EQ(alice.ask(request).field("Unsupported"), "one, two");
 }
 
-/// Section 21.4.15, and what no text of the database can be.
+/// Section 21.4.12, and what no text of the database can be.
 TEST_F(TortureByUdp, OfAddresses)
 {
     startRegistrar();
