@@ -64,7 +64,7 @@ private:
     std::array<unsigned char, 32> m_key{};
 };
 
-/// Which nonce counts have been used, so that nobody sends another's request again (RFC 7616 section 5.12).
+/// Which nonce counts have been used, so that nobody sends another's request again (RFC 7616 section 5.5).
 class NonceCounts {
 public:
     /// Whether the count is higher than all before it with that nonce, which is a fresh one; it is used then. Of a

@@ -1,4 +1,5 @@
-// RFC 3903 section 6, its items in their order.
+// RFC 3903 section 6, its items in their order, but for the answer to item 3: whether the condition holds is judged by
+// the one statement that stores. What items 4 and 5 refuse (423, 415, 413, 400) is refused before that (412).
 
 #include <events/Requests.h>
 

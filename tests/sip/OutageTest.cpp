@@ -65,6 +65,7 @@ protected:
     int m_last = 1024;
 };
 
+/// RFC 3261 section 21.5.4.
 TEST_F(Outage, IsToldAndThenForgotten)
 {
     startRegistrar();
@@ -79,6 +80,7 @@ TEST_F(Outage, IsToldAndThenForgotten)
     EXPECT_EQ(lost(), std::set<std::string>());
 }
 
+/// RFC 3261 section 21.5.4.
 TEST_F(Outage, IsToldToAnyTelephone)
 {
     startRegistrar();
@@ -104,6 +106,7 @@ TEST_F(Outage, EndsNoCall)
     EXPECT_TRUE(bob.tells("CALL_CLOSED")) << bob.said();
 }
 
+/// RFC 3261 section 10.3, item 7: what is answered 200 has been committed.
 TEST_F(Outage, LosesNothingThatWasAcknowledged)
 {
     startRegistrar();
@@ -120,7 +123,7 @@ TEST_F(Outage, LosesNothingThatWasAcknowledged)
     EXPECT_EQ(lost(), std::set<std::string>());
 }
 
-/// Of many that are applied together, some are under way whenever the database goes.
+/// The same: of many that are applied together, some are under way whenever the database goes.
 TEST_F(Outage, OfManyAtOnceLosesNothingThatWasAcknowledged)
 {
     constexpr int kRequests = 3000; // at 10,000 a second

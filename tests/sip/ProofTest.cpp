@@ -133,7 +133,7 @@ std::string nonce(int secondsAgo, std::size_t number)
     return text.data();
 }
 
-/// RFC 7616 section 5.12; of a nonce of which nobody can know, none may be used.
+/// RFC 7616 section 5.5; of a nonce of which nobody can know, none may be used.
 TEST(NonceCounts, AreKeptForSoManyNonces)
 {
     constexpr const char* kFirst = "00000001";

@@ -144,6 +144,7 @@ TEST_F(Proxy, TellsWhoIsAwayFromWhoIsNot)
     EXPECT_EQ(status(caller.ask(invite(caller, "sip:carol@oryx.example"))), "404 Not Found");
 }
 
+/// Section 21.4.4.
 TEST_F(Proxy, LetsNothingOutThatTheRulesDoNot)
 {
     startRegistrar();
@@ -373,6 +374,7 @@ TEST_F(Proxy, RingsAllTelephonesAndCancelsTheOthers)
     EXPECT_TRUE(caller.socket().silent());
 }
 
+/// Section 16.6: one after another, those with the highest q first.
 TEST_F(Proxy, RingsByPreferenceWhereProvisioningSaysSo)
 {
     startRegistrar();
@@ -576,7 +578,7 @@ TEST_F(Proxy, DoesNotWaitForTheTelephoneBefore)
     EXPECT_EQ(answers(caller), "100, 180, 200");
 }
 
-/// A client waits 32 s for what is no INVITE.
+/// Section 17.1.2.2, Timer F: a client waits 32 s for what is no INVITE.
 TEST_F(Proxy, AsksTheNextInTimeForAnAnswer)
 {
     startRegistrar();
@@ -846,7 +848,7 @@ TEST_F(Proxy, SendsAlongThePath)
     EXPECT_EQ(answers(caller), "202");
 }
 
-/// The same where the request URI stays: the contact is the last proxy on the way.
+/// RFC 3327 section 5.4, the same where the request URI stays: the contact is the last proxy on the way.
 TEST_F(Proxy, SendsAlongThePathWithTheUriAsItCame)
 {
     sql("UPDATE contact_set SET replace_uri = false WHERE csid = 1");
@@ -902,6 +904,7 @@ TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
     EXPECT_EQ(ended.field("Route"), "");
 }
 
+/// Section 16.5.
 TEST_F(Proxy, FollowsAnAddressMap)
 {
     Phone gateway("gateway", "oryx.example", m_port);

@@ -62,10 +62,10 @@ protected:
     }
     Message ask(const Message& request) { return m_alice->ask(request); }
     std::string answer(const Message& request) { return status(ask(request)); }
-    /// The answer to an initial request with that body.
-    std::string answerTo(const std::string& body)
+    /// The answer to a request with that body, an initial one if there is no tag.
+    std::string answerTo(const std::string& body, const std::string& tag = "")
     {
-        Message message = request(kOpen);
+        Message message = request(kOpen, tag);
         message.body = body;
         return answer(message);
     }
@@ -108,6 +108,7 @@ TEST_F(Publishing, GivesAnEntityTagAndTheTimeGranted)
     EXPECT_EQ(seen(), composed(kOpen));
 }
 
+/// RFC 3903 sections 4.3 to 4.5.
 TEST_F(Publishing, IsRefreshedModifiedAndRemovedByItsTag)
 {
     start();
@@ -124,6 +125,17 @@ TEST_F(Publishing, IsRefreshedModifiedAndRemovedByItsTag)
     for (const std::string& old : {first, second, third, removed.field("SIP-ETag")}) {
         EXPECT_EQ(answer(request("", old)), "412 Conditional Request Failed");
     }
+}
+
+/// RFC 3903 section 6 has item 3 before items 4 and 5; what needs no statement is refused without one.
+TEST_F(Publishing, IsJudgedByItsConditionLast)
+{
+    start({"--auth", "none", "--min-expires", "60"});
+    EXPECT_EQ(answer(request("", "other")), "412 Conditional Request Failed");
+    EXPECT_EQ(answer(request("", "other", 59)), "423 Interval Too Brief");
+    EXPECT_EQ(answer(request(kOpen, "other").set("Content-Type", "text/plain")), "415 Unsupported Media Type");
+    EXPECT_EQ(answerTo("<presence>", "other"), "400 Bad Request");
+    EXPECT_EQ(answerTo(std::string(20000, ' '), "other"), "413 Request Entity Too Large");
 }
 
 /// RFC 6665 section 4.2.2.
@@ -164,6 +176,7 @@ TEST_F(Publishing, TakesTheExpiryAskedForWithinBounds)
     EXPECT_EQ(rows("SELECT expires - current_second() > 4990 FROM publication ORDER BY expires DESC LIMIT 1"), "t\n");
 }
 
+/// RFC 3903 section 4.3: what is not refreshed is over.
 TEST_F(Publishing, EndsWhenItExpires)
 {
     start({"--auth", "none", "--min-expires", "1"});
@@ -216,6 +229,7 @@ TEST_F(Publishing, RefusesUrisThatItDoesNotServe)
     EXPECT_EQ(stored(), "0\n");
 }
 
+/// RFC 3261 section 8.2.2.3.
 TEST_F(Publishing, RefusesExtensionsThatItDoesNotKnow)
 {
     start();
@@ -247,6 +261,7 @@ TEST_F(Publishing, TakesPidfAlone)
     EXPECT_EQ(answer(request(kOpen).set("Content-Type", "Application/PIDF+xml;charset=utf-8")), "200 OK");
 }
 
+/// RFC 3903 section 4: at first there is a body.
 TEST_F(Publishing, NeedsSomethingToPublish)
 {
     start();
@@ -255,6 +270,7 @@ TEST_F(Publishing, NeedsSomethingToPublish)
     EXPECT_EQ(stored(), "0\n");
 }
 
+/// Item 5.
 TEST_F(Publishing, RefusesABrokenOrHostileBodyAndServesTheNext)
 {
     start();
@@ -278,6 +294,7 @@ TEST_F(Publishing, RefusesABrokenOrHostileBodyAndServesTheNext)
     EXPECT_EQ(seen(), composed(kOpen));
 }
 
+/// RFC 3261 section 21.4.11.
 TEST_F(Publishing, RefusesWhatIsTooLong)
 {
     start();
@@ -364,6 +381,7 @@ TEST_F(Publishing, IsComposedOfAllSources)
     EXPECT_EQ(seen(), composed(kClosed + "<note>at home</note>"));
 }
 
+/// RFC 3903 section 14.2.
 TEST_F(Publishing, LimitsWhatOnePresentityPublishes)
 {
     start();

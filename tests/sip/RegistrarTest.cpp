@@ -137,6 +137,7 @@ protected:
     std::vector<std::unique_ptr<Phone>> m_phones;
 };
 
+/// Section 10.3, item 8.
 TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
 {
     startPatientRegistrar();
@@ -144,6 +145,7 @@ TEST_F(RegistrarOfMany, AnswersEachWithItsOwnBindings)
     EXPECT_EQ(rows("SELECT count(*), count(DISTINCT csid), count(DISTINCT xmin::text) < 30 FROM contact"), "40|40|t\n");
 }
 
+/// Section 10.3, items 4, 5 and 7.
 TEST_F(RegistrarOfMany, RefusesOneForWhatItIsAndNoOther)
 {
     startPatientRegistrar();
@@ -166,6 +168,7 @@ TEST_F(RegistrarOfMany, RefusesOneForWhatItIsAndNoOther)
     EXPECT_EQ(rows("SELECT count(*), min(cseq), max(cseq) FROM contact"), "39|1|2\n");
 }
 
+/// Section 21.5.4.
 TEST_F(RegistrarOfMany, AnswersAllButTheOneWhoseBindingsAreLocked)
 {
     startRegistrar({"--auth", "none", "--workers", "1"});
@@ -240,6 +243,7 @@ TEST_F(Registrar, RemovesAllBindingsWithAStar)
     EXPECT_EQ(bindings(), "");
 }
 
+/// Section 10.3, item 6.
 TEST_F(Registrar, RefusesAStarWithAnExpiryOrBesideAContact)
 {
     startRegistrar();
@@ -399,7 +403,7 @@ TEST_F(Registrar, SendsNoTextThatEndsItsLine)
     EXPECT_EQ(status(alice.ask(alice.registration("<sip:alice@192.0.2.1>"))), "200 OK");
 }
 
-/// A lost answer must not turn into a challenge: the count of the nonce has been used.
+/// Section 17.2.2. A lost answer must not turn into a challenge: the count of the nonce has been used.
 TEST_F(Registrar, AnswersAProofThatIsSentAgain)
 {
     startRegistrar({});
@@ -414,6 +418,7 @@ TEST_F(Registrar, AnswersAProofThatIsSentAgain)
     EXPECT_EQ(alice.ask(request).text(), answer.text());
 }
 
+/// Section 17.2.2: nothing is answered before there is an answer.
 TEST_F(Registrar, AnswersOnceWhatIsSentAgainWhileItIsUnderWay)
 {
     startRegistrar();
@@ -430,7 +435,7 @@ TEST_F(Registrar, AnswersOnceWhatIsSentAgainWhileItIsUnderWay)
     EXPECT_TRUE(alice.socket().silent());
 }
 
-/// What the network has kept back does not undo what came after it.
+/// Section 17.2.2: what the network has kept back does not undo what came after it.
 TEST_F(Registrar, StoresNothingAgainForARequestThatComesAgainLate)
 {
     startRegistrar();
@@ -469,6 +474,7 @@ TEST_F(Registrar, KnowsNoAddressThatIsNotProvisioned)
     EXPECT_EQ(bindings(), "");
 }
 
+/// Section 10.3, item 5: in its canonical form.
 TEST_F(Registrar, TakesAnAddressInAnyCaseWithEscapesAndByItsAlias)
 {
     startRegistrar();
@@ -583,6 +589,7 @@ TEST_F(Registrar, KeepsThePathAndReturnsIt)
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1 <sip:edge1.example;lr>, <sip:edge2.example;lr>\n");
 }
 
+/// Section 21.4.4.
 TEST_F(Registrar, LimitsTheBindingsOfAnAddress)
 {
     startRegistrar();
@@ -611,6 +618,7 @@ TEST_F(Registrar, AsksForProofAndTakesIt)
     }
 }
 
+/// RFC 7616 section 5.5.
 TEST_F(Registrar, TakesAProofOnce)
 {
     startRegistrar({});
@@ -649,6 +657,7 @@ TEST_F(Registrar, TakesAProofWithoutQopOnce)
     EXPECT_EQ(bindings(), "sip:alice@192.0.2.1\n");
 }
 
+/// RFC 7616 section 5.5.
 TEST_F(Registrar, TakesNoProofWithoutQopForANonceThatWasUsedWithIt)
 {
     startRegistrar({});
@@ -664,7 +673,8 @@ TEST_F(Registrar, TakesNoProofWithoutQopForANonceThatWasUsedWithIt)
     EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "true");
 }
 
-/// The same telephone by another name is another worker's: with four of them the two names of alice's are apart.
+/// RFC 7616 section 5.5. The same telephone by another name is another worker's: with four of them the two names of
+/// alice's are apart.
 TEST_F(Registrar, TakesAProofOnceWhateverNameIsUsed)
 {
     startRegistrar({"--workers", "4"});
@@ -757,7 +767,7 @@ TEST_F(Registrar, TellsStrangersNothingOfWhoThereIs)
     }
 }
 
-/// An address that cannot be read is nobody's, and no proof could make it somebody's.
+/// Section 21.4.1: an address that cannot be read is nobody's, and no proof could make it somebody's.
 TEST_F(Registrar, ChallengesNobodyWithoutAnAddress)
 {
     startRegistrar({});

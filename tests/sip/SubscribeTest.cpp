@@ -212,6 +212,7 @@ TEST_F(Subscribing, TakesTheExpiryAskedForWithinBounds)
     EXPECT_EQ(bob.subscribe(bob.request(kAlice).set("Expires", "")).field("Expires"), "300");
 }
 
+/// Section 4.2.1.4, and RFC 3261 section 12.2.2: the target of what is sent next.
 TEST_F(Subscribing, IsRefreshedWithANewContact)
 {
     allow("bob@oryx.example");
@@ -270,6 +271,7 @@ TEST_F(Subscribing, CanFetchWithoutStaying)
     EXPECT_EQ(stored(), "0\n");
 }
 
+/// Section 4.2.1.4.
 TEST_F(Subscribing, EndsWhenItExpires)
 {
     allow("bob@oryx.example");
@@ -296,6 +298,7 @@ TEST_F(Subscribing, EndsWhenTheSubscriberKnowsOfNone)
     EXPECT_EQ(status(bob.refresh(600)), "481 Call/Transaction Does Not Exist");
 }
 
+/// Section 4.2.1.1, and RFC 3261 sections 8.2.1 to 8.2.3.
 TEST_F(Subscribing, RefusesWhatItDoesNotUnderstand)
 {
     allow("bob@oryx.example");
@@ -338,6 +341,7 @@ TEST_F(Subscribing, CanAskWhatIsUnderstood)
     EXPECT_EQ(status(bob.ask(bob.request("OPTIONS", "sips:oryx.example"))), "416 Unsupported URI Scheme");
 }
 
+/// RFC 3261 section 8.2.2.1.
 TEST_F(Subscribing, KnowsPeopleOfItsOwnDomainAlone)
 {
     startEvents();
@@ -347,6 +351,7 @@ TEST_F(Subscribing, KnowsPeopleOfItsOwnDomainAlone)
     EXPECT_EQ(status(bob.subscribe("sip:nobody@oryx.example", 3600, "presence.winfo")), "404 Not Found");
 }
 
+/// Section 4.2.1.3.
 TEST_F(Subscribing, NeedsAProof)
 {
     allow("bob@oryx.example");
@@ -383,6 +388,7 @@ TEST_F(Subscribing, WaitsUntilItIsApproved)
     EXPECT_EQ(status(bob.refresh(600)), "481 Call/Transaction Does Not Exist");
 }
 
+/// Section 4.2.1.3.
 TEST_F(Subscribing, ToBeBlockedIsToBeRefused)
 {
     allow("bob@oryx.example", "block");
@@ -463,6 +469,7 @@ TEST_F(Subscribing, KeepsTheWholeOfBothEnds)
     EXPECT_EQ(notify.field("To"), answer.field("From"));
 }
 
+/// Section 4.2.1.4.
 TEST_F(Subscribing, ThatExpiredWhileTheServerWasAwayEnds)
 {
     allow("bob@oryx.example");
@@ -600,6 +607,7 @@ TEST_F(Subscribing, DoesNotWaitForRegistrationsThatExpire)
     EXPECT_TRUE(leaves("sip:alice@192.0.2.1\n"));
 }
 
+/// Section 4.2.2.
 TEST_F(Subscribing, IsToldThatAPublicationHasExpired)
 {
     allow("bob@oryx.example");
@@ -635,6 +643,7 @@ protected:
     }
 };
 
+/// RFC 3857 section 4.7.
 TEST_F(WatcherInformation, TellsThePresentityWhoWatches)
 {
     startEvents();
@@ -670,6 +679,7 @@ TEST_F(WatcherInformation, IsNotToldAnewWhileNobodyWatches)
     EXPECT_EQ(watchers(alice.notified()), "1 full active subscribe sip:bob@oryx.example");
 }
 
+/// RFC 3857 section 4.6.
 TEST_F(WatcherInformation, IsNobodyElsesBusiness)
 {
     allow("bob@oryx.example");
@@ -727,6 +737,7 @@ protected:
     }
 };
 
+/// RFC 4662 section 4.5.
 TEST_F(PresenceList, IsNotifiedAsAWhole)
 {
     allow("bob@oryx.example");
@@ -746,6 +757,7 @@ TEST_F(PresenceList, IsNotifiedAsAWhole)
     EXPECT_EQ(resources(second), "1 sip:alice@oryx.example active sip:nobody@oryx.example terminated");
 }
 
+/// RFC 4662 section 5.5: the state of each instance.
 TEST_F(PresenceList, ShowsOfEachMemberWhatHeAllows)
 {
     startEvents();
@@ -763,6 +775,7 @@ TEST_F(PresenceList, ShowsOfEachMemberWhatHeAllows)
     EXPECT_EQ(told(bob.notified()), "NOTIFY terminated;reason=noresource");
 }
 
+/// RFC 4662 section 4.1.
 TEST_F(PresenceList, IsForThoseWhoKnowListsAndMaySeeIt)
 {
     startEvents();
@@ -1098,6 +1111,7 @@ TEST_F(Subscribing, IsToldAgainWhatItCouldNotTake)
     EXPECT_TRUE(bob.silent());
 }
 
+/// RFC 3261 section 20.33.
 TEST_F(Subscribing, IsToldAgainWhenTheRefusalSays)
 {
     allow("bob@oryx.example");
@@ -1150,7 +1164,7 @@ TEST_F(Subscribing, IsNotRefreshedByAnOlderRequestWhileTheNewerIsStored)
     holder.run("COMMIT");
 }
 
-/// Nobody fills the server's memory.
+/// RFC 6665 section 6.3: nobody fills the server's memory.
 TEST_F(Subscribing, CanBeHadEightTimes)
 {
     allow("bob@oryx.example");
@@ -1166,6 +1180,7 @@ TEST_F(Subscribing, CanBeHadEightTimes)
     EXPECT_EQ(status(bob.phone().ask(bob.request("sip:bob@oryx.example"))), "200 OK");
 }
 
+/// RFC 6665 section 6.3.
 TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
 {
     constexpr int kRequests = 100;
@@ -1205,6 +1220,7 @@ TEST_F(Subscribing, CanBeHadEightTimesHoweverManyAskAtOnce)
     EXPECT_TRUE(storedBecomes("8\n"));
 }
 
+/// RFC 6665 section 6.3.
 TEST_F(Subscribing, CanBeHadTwoHundredAndFiftySixTimesInAll)
 {
     allow("bob@oryx.example");
@@ -1339,6 +1355,7 @@ TEST_F(Subscribing, ThatCannotBeReadKeepsNobodyFromStarting)
     EXPECT_TRUE(bob.silent());
 }
 
+/// RFC 3261 section 8.2.2.3.
 TEST_F(Subscribing, NamesAllExtensionsThatItDoesNotKnow)
 {
     startEvents();
@@ -1382,6 +1399,7 @@ TEST_F(WatcherInformation, DoesNotTellOfWhoeverFetches)
     EXPECT_TRUE(alice.silent());
 }
 
+/// RFC 6665 section 4.1.3: the reason.
 TEST_F(WatcherInformation, EndsWithTheAddress)
 {
     startEvents();
@@ -1393,6 +1411,7 @@ TEST_F(WatcherInformation, EndsWithTheAddress)
     EXPECT_EQ(rows("SELECT count(*) FROM watcherinfo"), "0\n");
 }
 
+/// RFC 6665 section 4.1.3: the reason.
 TEST_F(PresenceList, EndsWhenItMayNotBeSeenAnyMore)
 {
     startEvents();
@@ -1433,7 +1452,7 @@ TEST_F(PresenceList, ShowsTheFirstOfVeryManyMembers)
     EXPECT_TRUE(shown.ends_with("sip:m1254@oryx.example terminated")) << shown;
 }
 
-/// Also one whose name has capitals.
+/// RFC 6665 section 6.3: also one whose name has capitals.
 TEST_F(PresenceList, CanBeSubscribedToEightTimes)
 {
     sql("UPDATE buddy_list SET buddy_list_name = 'Friends'");

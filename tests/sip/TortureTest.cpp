@@ -25,11 +25,20 @@ protected:
             "INSERT INTO contact_set (csid, sid, ordering) VALUES (4, 4, 'parallel');"
             "INSERT INTO public_address (handle, sip_domain, csid) VALUES ('dave', 'oryx.example', 4)");
     }
-    /// What the next telephone gets.
+    /// What the next telephone gets, of either server.
     std::string service()
     {
         Phone bob("bob", "oryx.example", m_port);
-        return status(bob.ask(bob.registration("<sip:bob@192.0.2.9>")));
+        Message request = bob.registration("<sip:bob@192.0.2.9>");
+        if (m_isEventServer) { // to look once at what one publishes himself is for everybody
+            request = bob.request("SUBSCRIBE", bob.address()).set("Event", "presence").set("Expires", "0");
+        }
+        return status(bob.ask(request));
+    }
+    void startEvents()
+    {
+        m_isEventServer = true;
+        SipTest::startEvents();
     }
     /// The status line of the first final answer that comes; "silence" where nothing does for so long.
     static std::string finalAnswer(Socket& socket, int milliseconds)
@@ -42,6 +51,8 @@ protected:
         }
         return "silence";
     }
+
+    bool m_isEventServer = false;
 };
 
 /// A message: "{via}" in it stands for a Via of the sender's, lines end with a line feed alone.
@@ -49,6 +60,7 @@ struct Trial {
     const char* name;
     const char* message;
     const char* answer;
+    const char* eventServer = answer; ///< What that one answers.
 };
 
 std::string written(std::string_view text, const std::string& via)
@@ -164,6 +176,9 @@ constexpr std::array kRight{
           "silence"},
 };
 
+/// What the event server answers to a request that it takes for a right one, for a method that it does not have.
+constexpr const char* kMethod = "405 Method Not Allowed";
+
 /// Section 3.1.2: wrong.
 constexpr std::array kWrong{
     Trial{
@@ -222,12 +237,12 @@ constexpr std::array kWrong{
         "INVITE sip:dave@oryx.example?Route=%3Csip:example.com%3E SIP/2.0\nTo: sip:alice@oryx.example\n"
         "From: sip:bob@oryx.example;tag=341518\nMax-Forwards: 7\nCall-ID: escruri\nCSeq: 149209342 INVITE\nVia: {via}\n"
         "Content-Length: 0\n\n",
-        "400 *"},
+        "400 *", kMethod},
     Trial{"a time zone that there is not in SIP", // nothing here reads the date
           "MESSAGE sip:dave@oryx.example SIP/2.0\nTo: sip:alice@oryx.example\nFrom: sip:bob@oryx.example;tag=2234923\n"
           "Max-Forwards: 70\nCall-ID: baddate\nCSeq: 1392934 MESSAGE\nVia: {via}\nDate: Fri, 01 Jan 2010 16:00:00 EST\n"
           "Content-Length: 0\n\n",
-          "480 Temporarily Unavailable"},
+          "480 Temporarily Unavailable", kMethod},
     Trial{"a contact's header fields without angle brackets",
           "REGISTER sip:oryx.example SIP/2.0\nTo: sip:alice@oryx.example\nFrom: sip:alice@oryx.example;tag=998332\n"
           "Max-Forwards: 70\nCall-ID: regbadct\nCSeq: 1 REGISTER\nVia: {via}\n"
@@ -237,7 +252,7 @@ constexpr std::array kWrong{
         "spaces within the angle brackets", // harmless
         "MESSAGE sip:dave@oryx.example SIP/2.0\nVia: {via}\nMax-Forwards: 70\nTo: \"Watson, Thomas\" < sip:alice@oryx.example >\n"
         "From: \"Bell, Alexander\" <sip:bob@oryx.example>;tag=43\nCall-ID: badaspec\nCSeq: 0 MESSAGE\nContent-Length: 0\n\n",
-        "480 Temporarily Unavailable"},
+        "480 Temporarily Unavailable", kMethod},
     Trial{
         "a comma in a display name without quotes",
         "MESSAGE sip:dave@oryx.example SIP/2.0\nVia: {via}\nMax-Forwards: 70\nTo: \"Watson, Thomas\" <sip:alice@oryx.example>\n"
@@ -387,8 +402,9 @@ protected:
     {
         for (const Trial& trial : trials) {
             SCOPED_TRACE(trial.name);
-            const int patience = std::string_view(trial.answer) == "silence" ? 400 : 5000;
-            EXPECT_EQ(asFarAs(trial.answer, tried(trial.message, patience)), trial.answer);
+            const char* const answer = m_isEventServer ? trial.eventServer : trial.answer;
+            const int patience = std::string_view(answer) == "silence" ? 400 : 5000;
+            EXPECT_EQ(asFarAs(answer, tried(trial.message, patience)), answer);
         }
     }
     /// The answer to a message, for which it waits so long, and whether a telephone is served after it.
@@ -422,10 +438,82 @@ TEST_F(TortureByUdp, OfWrongMessages)
     EXPECT_EQ(bindings(), "sip:bob@192.0.2.9\n");
 }
 
+TEST_F(TortureByUdp, OfWrongMessagesToTheEventServer)
+{
+    startEvents();
+    tryAll(kWrong);
+}
+
 TEST_F(TortureByUdp, OfMessagesThatMeanSomethingElse)
 {
     startRegistrar();
     tryAll(kMeaning);
+}
+
+/// RFC 4475 section 3.3.7: what proves nothing is as good as none.
+TEST_F(TortureByUdp, OfAWayOfProofThatNobodyKnows)
+{
+    startRegistrar({});
+    Phone alice("alice", "oryx.example", m_port);
+    Message request = alice.registration("<sip:alice@192.0.2.1>");
+    const Message answer = alice.ask(request.set("Authorization", "NoOneKnowsThisScheme opaque-data=here"));
+    EXPECT_EQ(status(answer), "401 Unauthorized");
+    EXPECT_EQ(answer.parameter("WWW-Authenticate", "realm"), "oryx.example");
+    EXPECT_EQ(bindings(), "");
+}
+
+/// RFC 4475 section 3.2.1: a branch that is nothing but the magic cookie tells no transaction from another (RFC 3261
+/// section 17.2.3).
+TEST_F(TortureByUdp, OfTheMagicCookieAlone)
+{
+    const auto answers = [this](const std::vector<std::array<const char*, 2>>& requests) {
+        Phone bob("bob", "oryx.example", m_port);
+        std::string all;
+        for (const auto& [method, uri] : requests) {
+            Message request = bob.request(method, uri).set("Event", "presence").set("Expires", "0");
+            request.set("Via", "SIP/2.0/UDP " + bob.socket().hostPort() + ";branch=z9hG4bK");
+            all += status(bob.ask(request)).substr(0, 4);
+        }
+        return all;
+    };
+    startRegistrar();
+    EXPECT_EQ(answers({{"REGISTER", "sip:alice@oryx.example"},
+                       {"REGISTER", "sip:nobody@oryx.example"},
+                       {"MESSAGE", "sip:dave@oryx.example"},
+                       {"MESSAGE", "sip:nobody@oryx.example"},
+                       {"INVITE", "sip:dave@oryx.example"},
+                       {"INVITE", "sip:nobody@oryx.example"},
+                       {"OPTIONS", "sip:oryx.example"}}),
+              "200 404 480 404 480 404 200 ");
+    ASSERT_EQ(stop(), 0);
+    startEvents();
+    EXPECT_EQ(answers({{"SUBSCRIBE", "sip:bob@oryx.example"},
+                       {"SUBSCRIBE", "sip:nobody@oryx.example"},
+                       {"MESSAGE", "sip:bob@oryx.example"},
+                       {"OPTIONS", "sip:oryx.example"}}),
+              "200 404 405 200 ");
+}
+
+/// RFC 4475 section 3.3.15: who accepts only what nobody can send. Of a call that is the telephones' to judge.
+TEST_F(TortureByUdp, OfAnAcceptThatNobodyCanMeet)
+{
+    startRegistrar();
+    Phone bob("bob", "oryx.example", m_port);
+    Message call = bob.request("INVITE", "sip:alice@oryx.example").set("Content-Type", "application/sdp");
+    call.body = "v=0\r\no=caller 53655765 2353687637 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n";
+    Phone alice("alice", "oryx.example", m_port);
+    ASSERT_EQ(status(alice.ask(alice.registration("<" + alice.contact() + ">"))), "200 OK");
+    bob.send(call.set("Accept", "text/nobodyKnowsThis"));
+    const Message passed = alice.receive();
+    EXPECT_EQ(passed.field("Accept"), "text/nobodyKnowsThis");
+    EXPECT_EQ(passed.body, call.body);
+    ASSERT_EQ(stop(), 0);
+    startEvents();
+    for (const char* const event : {"presence", "presence.winfo"}) {
+        Message request = bob.request("SUBSCRIBE", bob.address()).set("Event", event).set("Expires", "0");
+        EXPECT_EQ(status(bob.ask(request.set("Accept", "text/nobodyKnowsThis"))), "406 Not Acceptable");
+    }
+    EXPECT_EQ(service(), "200 OK");
 }
 
 TEST_F(TortureByUdp, OfFieldsThatCannotBeRead)
@@ -449,7 +537,7 @@ TEST_F(TortureByUdp, OfExtensionsNamesThemAll)
     EXPECT_EQ(alice.ask(request).field("Unsupported"), "one, two");
 }
 
-/// Section 21.4.15, and what no text of the database can be.
+/// Section 21.4.12, and what no text of the database can be.
 TEST_F(TortureByUdp, OfAddresses)
 {
     startRegistrar();
