@@ -275,6 +275,7 @@ TEST_F(Proxy, FindsARuleHoweverAHostIsWritten)
     }
 }
 
+/// Section 21.4.4.
 TEST_F(Proxy, TakesNothingFromADomainThatIsDenied)
 {
     sql("INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('i', 'bad.example', 'd', 1)");
@@ -820,6 +821,7 @@ TEST_F(Proxy, LeadsADialogByTheMaddrOfAContact)
     EXPECT_EQ(called.receive().first, "BYE " + contact + " SIP/2.0");
 }
 
+/// Section 7.2: a status is of three digits.
 TEST_F(Proxy, OutlivesAnAnswerThatThereIsNot)
 {
     startRegistrar();
@@ -961,7 +963,7 @@ TEST_F(Proxy, GoesOutThroughAProxy)
     EXPECT_TRUE(border.socket().silent());
 }
 
-/// Whoever sends a request out in a subscriber's name must prove that he is the subscriber.
+/// Section 16.3, item 6: whoever sends a request out in a subscriber's name must prove that he is the subscriber.
 TEST_F(Proxy, AsksForProofBeforeARequestLeaves)
 {
     Phone elsewhere("x", "elsewhere.example", m_port);
