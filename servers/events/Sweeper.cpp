@@ -18,7 +18,6 @@ namespace {
 struct Swept {
     std::vector<ExpiredPublication> publications;
     std::vector<ExtendedContactRecord> contacts;
-    bool more = false; // may have expired
 };
 
 /// The URI in a stored Contact header field; empty where it cannot be read.
@@ -48,7 +47,6 @@ Swept sweptFrom(EventSession& session)
     Swept swept;
     removeExpiredPublications(session.service(), swept.publications);
     removeExpiredBindings(session.service(), swept.contacts);
-    swept.more = swept.contacts.size() >= kMostExpiredBindings;
     for (ExtendedContactRecord& gone : swept.contacts) {
         gone.setAddress(contactUri(gone.contactHeader()).c_str());
     }
@@ -65,6 +63,12 @@ std::string watcherAt(const ExtendedContactRecord& contact)
 void Sweeper::sweep()
 {
     const auto follow = [this](Swept swept) {
+        const auto end = [this, more = swept.contacts.size() >= kMostExpiredBindings](const auto& gone) {
+            for (const ExtendedContactRecord& contact : gone) {
+                m_notifier.contactExpired(watcherAt(contact), contact.address());
+            }
+            more ? sweep() : start();
+        };
         for (const ExpiredPublication& publication : swept.publications) {
             m_notifier.publicationChanged(publication.presentity);
         }
@@ -74,15 +78,11 @@ void Sweeper::sweep()
             std::erase_if(gone, [&](const ExtendedContactRecord& contact) { return isThereAgain(session, contact); });
             return std::move(gone);
         };
-        const auto end = [this, more = swept.more](const std::vector<ExtendedContactRecord>& gone) {
-            for (const ExtendedContactRecord& contact : gone) {
-                m_notifier.contactExpired(watcherAt(contact), contact.address());
-            }
-            more ? sweep() : start();
-        };
         m_worker.give(0, std::move(look), end);
     };
-    m_worker.give(0, sweptFrom, follow); // which has nothing else to do
+    if (!m_ended) {
+        m_worker.give(0, sweptFrom, follow); // which has nothing else to do
+    }
 }
 
 } // namespace oryx::sip

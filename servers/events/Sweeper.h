@@ -18,16 +18,16 @@ public:
     {
     }
 
-    void start() { m_timer.set(kPause); }
+    void start() { m_timer.set(std::chrono::seconds(1)); }
+    void end() { m_ended = true; } ///< With the piece that is under way.
 
 private:
-    static constexpr std::chrono::milliseconds kPause{1000};
-
     void sweep();
 
     Workers<EventSession>& m_worker;
     Notifier& m_notifier;
     Timer m_timer;
+    bool m_ended = false;
 };
 
 } // namespace oryx::sip

@@ -72,7 +72,8 @@ void run(Loop& loop, const Options& options, int signals)
     if (options.metrics) {
         page.emplace(metrics, *options.metrics);
     }
-    const Ending ending(loop, endpoint, signals, [&] { return workers->idle() && patientOne->idle(); });
+    const auto idle = [&] { return workers->idle() && patientOne->idle(); };
+    const Ending ending(loop, endpoint, signals, idle, [&] { sweeper->end(); });
     loop.run();
     // What the workers hold are requests, which the sockets' end must not find gone.
     workers.reset();

@@ -1034,6 +1034,33 @@ TEST_F(Subscribing, StaysWhenTheServerIsToldToEnd)
     EXPECT_EQ(stored(), "1\n");
 }
 
+/// However many registrations there are still to be taken away.
+TEST_F(Subscribing, ServerEndsWithThePieceThatItIsSweeping)
+{
+    sql("CREATE FUNCTION wait() RETURNS trigger SECURITY DEFINER LANGUAGE plpgsql AS"
+        " $$ BEGIN PERFORM pg_advisory_xact_lock(1); RETURN NULL; END $$;"
+        "CREATE TRIGGER wait AFTER DELETE ON contact FOR EACH STATEMENT EXECUTE FUNCTION wait()");
+    const auto become = [&](const std::string& query, const std::string& expected) {
+        for (int tries = 0; tries < 500 && rows(query) != expected; ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return rows(query) == expected;
+    };
+    server::Session holder(m_database.name());
+    holder.run("SELECT pg_advisory_lock(1)");
+    sql("INSERT INTO contact (csid, address, contact_header, expires)"
+        " SELECT 2, 'sip:bob@192.0.2.7:' || n, '<sip:bob@192.0.2.7:' || n || '>;expires=60', extract(epoch FROM now())::int - 1"
+        " FROM generate_series(1, 15000) n");
+    startEvents();
+    EXPECT_TRUE(become("SELECT count(*) FROM pg_locks WHERE locktype = 'advisory' AND NOT granted", "1\n"));
+    Watcher bob("bob", m_port);
+    m_server->signal(SIGTERM);
+    EXPECT_EQ(status(bob.subscribe(kAlice)), "503 Service Unavailable"); // the signal has come to it
+    holder.run("SELECT pg_advisory_unlock(1)");
+    EXPECT_EQ(m_server->wait(2), 0);
+    EXPECT_EQ(rows("SELECT count(*) FROM contact"), "10000\n");
+}
+
 /// RFC 3261 section 21.4.1: what cannot be meant, and what is meant to hurt.
 TEST_F(Subscribing, WithAHostileTextIsRefusedAndTheNextIsServed)
 {
