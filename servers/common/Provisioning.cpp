@@ -20,7 +20,8 @@ ChangeListenerOptions boundListening(bool presence)
     return options;
 }
 
-/// How often the list of domains is read while its changes are not heard of.
+/// How often the list of domains is read without an announcement: there may be none, as behind a pooler, of a logical
+/// copy, or with an earlier release's schema.
 constexpr std::chrono::seconds kReadAgain{10};
 
 bool isOfDomains(const ChangedTable& table)
@@ -48,20 +49,20 @@ Provisioning::Provisioning(const Options& options, OnChanges onChanges)
                 m_changes.fetch_add(1, std::memory_order_release);
             }
             if (std::any_of(changes.tables.begin(), changes.tables.end(), isOfDomains)) {
-                readDomainsAtLast();
+                announceDomains();
             }
             if (m_onChanges) {
                 m_onChanges(changes);
             }
         });
     });
-    m_reader = std::thread([this] { readDomainsAgain(); });
+    m_reader = std::thread([this] { keepDomains(); });
 }
 
 Provisioning::~Provisioning()
 {
     m_stop = true;
-    m_ending.set_value();
+    announceDomains(); // to wake the reader
     m_listener.stop();
     m_thread.join();
     m_reader.join();
@@ -89,27 +90,31 @@ std::string Provisioning::realm() const
     return !m_options.realm.empty() || all.empty() ? m_options.realm : all.front();
 }
 
-void Provisioning::readDomainsAtLast()
+void Provisioning::announceDomains()
 {
-    while (!readDomains() && !m_stop) {
-        std::this_thread::sleep_for(kReconnectPause);
-    }
+    const std::lock_guard lock(m_mutex);
+    ++m_announced;
+    m_called.notify_one();
 }
 
-void Provisioning::readDomainsAgain()
+/// In the reader: the listener has more to hear of.
+void Provisioning::keepDomains()
 {
-    const std::future<void> ending = m_ending.get_future();
-    while (ending.wait_for(kReadAgain) == std::future_status::timeout) {
-        if (!listening()) { // as behind a pooler that lets nothing be heard
-            readDomains();
-        }
+    unsigned seen = 0;
+    std::unique_lock lock(m_mutex);
+    while (!m_stop) {
+        const std::chrono::milliseconds pause = m_readOf == m_announced ? kReadAgain : kReconnectPause;
+        m_called.wait_for(lock, pause, [&] { return seen != m_announced; });
+        seen = m_announced;
+        lock.unlock();
+        m_readOf = !m_stop && readDomains() ? seen : m_readOf.load();
+        lock.lock();
     }
 }
 
 /// False when it could not be read, and is as it was: better than none.
 bool Provisioning::readDomains()
 {
-    const std::lock_guard lock(m_reading);
     Domains domains;
     m_connected = (m_connected || m_executor.connect(m_options.database.c_str(), m_options.user.c_str(),
                                                      m_options.password.c_str())) &&

@@ -6,8 +6,8 @@
 #include <dal/DatabaseCommandExecutor.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -38,8 +38,8 @@ public:
     std::string realm() const;
     /// Counts up whenever subscribers or addresses may have changed: what was kept of them holds no longer.
     unsigned changes() const { return m_changes.load(std::memory_order_acquire); }
-    /// Whether changes are heard of.
-    bool listening() const { return m_listener.listening(); }
+    /// Whether changes are heard of, and taken up.
+    bool listening() const { return m_listener.listening() && m_readOf == m_announced; }
 
 private:
     using Domains = std::vector<std::string>;
@@ -47,8 +47,8 @@ private:
     const Domains& domains() const;
     bool readDomains();
     void handOver(Domains domains);
-    void readDomainsAtLast();
-    void readDomainsAgain();
+    void announceDomains();
+    void keepDomains();
 
     Options m_options;
     OnChanges m_onChanges;
@@ -57,13 +57,15 @@ private:
     std::atomic<bool> m_stop{false};
     mutable std::unique_ptr<const Domains> m_domains = std::make_unique<const Domains>(); // the SIP thread's
     mutable std::atomic<const Domains*> m_handedOver{nullptr}; // to it, which has not taken it yet
-    std::mutex m_reading;                                      // of whoever reads the list from the database
-    Domains m_read;                                            // what came of it
+    Domains m_read;                                            // from the database; the reader's, as the next two
     DatabaseCommandExecutor m_executor;
     bool m_connected = false;
+    std::atomic<unsigned> m_announced{0}; // how often the list was
+    std::atomic<unsigned> m_readOf{0};    // up to which announcement
+    std::mutex m_mutex;
+    std::condition_variable m_called; // the reader
     ChangeListener m_listener;
     std::thread m_thread;
-    std::promise<void> m_ending;
     std::thread m_reader;
 };
 

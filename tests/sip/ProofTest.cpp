@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <mutex>
 #include <set>
+#include <thread>
 
 namespace proofTest {
 
@@ -30,6 +31,9 @@ protected:
           })
     {
         hear("subscriber"); // all tables are named at first
+        while (!m_provisioning.listening()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
     }
     static Options optionsFor(const server::Database& database)
     {
@@ -108,6 +112,28 @@ TEST_F(KeptSecrets, OutliveChangesOfWhatIsNoSubscribers)
         EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
         EXPECT_EQ(m_read, before + 1) << table;
     }
+}
+
+/// As where the session that reads the list cannot connect.
+TEST_F(KeptSecrets, DoNotOutliveThoseOfASubscriberWhileTheDomainsCannotBeRead)
+{
+    sql("REVOKE SELECT ON system_parameters FROM oryx_server, oryx_registrar, oryx_proxy, oryx_presence;"
+        "UPDATE system_parameters SET value = 'new.example'");
+    hear("system_parameters");
+    EXPECT_FALSE(m_provisioning.listening());
+    EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
+    sql("DELETE FROM subscriber WHERE false");
+    hear("subscriber");
+    EXPECT_EQ(prove("oryx.example"), Verdict::accepted);
+    EXPECT_EQ(m_read, 2);
+    EXPECT_FALSE(m_provisioning.serves("new.example"));
+    sql("GRANT SELECT ON system_parameters TO oryx_server");
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!m_provisioning.listening() && std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(m_provisioning.listening());
+    EXPECT_TRUE(m_provisioning.serves("new.example"));
 }
 
 /// They come from anybody, whatever they say.
