@@ -305,7 +305,6 @@ TEST_F(Registrar, TakesContactsThatSayMuch)
     EXPECT_EQ(answer.field("Contact"), "<sip:alice@192.0.2.1;ob>;q=0.5;expires=3600");
 }
 
-/// Nothing announces the list of domains.
 /// Of the announcement: 5 s are less than the list would be read again in without one.
 TEST_F(Registrar, HearsOfADomainThatIsNewOrTakenAway)
 {
