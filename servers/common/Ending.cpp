@@ -42,7 +42,7 @@ Ending::~Ending()
 void Ending::begin()
 {
     signalfd_siginfo taken{};
-    if (read(m_signals, &taken, sizeof taken) == sizeof taken) {
+    if (read(m_signals, &taken, sizeof taken) == sizeof taken && !std::exchange(m_begins, true)) {
         endAtLast();
         m_last = std::chrono::steady_clock::now() + kWaiting;
         m_endpoint.refuseRequests();

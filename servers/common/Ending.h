@@ -31,6 +31,7 @@ private:
     std::function<bool()> m_idle;
     std::function<void()> m_begun;
     Timer m_timer;
+    bool m_begins = false;                        // further signals change nothing
     std::chrono::steady_clock::time_point m_last; // look
 };
 

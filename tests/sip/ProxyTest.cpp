@@ -3,8 +3,10 @@
 #include "sip/SipTest.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -558,6 +560,24 @@ TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
     Phone called = alice();
     Phone caller = bob();
     answerOn(called);
+/// The first signal counts: whoever sends others gets no more patience for them.
+TEST_F(Proxy, EndsInTimeHoweverOftenItIsTold)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    EXPECT_EQ(called.receive().method(), "MESSAGE");
+    const auto begun = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - begun < std::chrono::milliseconds(1200)) {
+        m_server->signal(SIGTERM);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(m_server->wait(2), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+}
+
     caller.send(invite(caller));
     called.send(called.response(called.receive(), 487, "Request Terminated"));
     EXPECT_EQ(answers(caller), "100, 408");
