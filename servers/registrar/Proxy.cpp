@@ -133,6 +133,19 @@ void findWayOut(LocationService& service, const TargetQuestion& question, Reques
     }
 }
 
+/// Whether a request may go on to that URI (section 16.3, items 1 and 2); false when it has been answered.
+bool mayGoTo(const url_t& target, Incoming& request)
+{
+    if (url_len(&target) > kLongestTarget) {
+        return request.refuse(SIP_414_REQUEST_URI_TOO_LONG);
+    }
+    if (target.url_headers != nullptr) { // section 19.1.1: not in a request URI
+        return request.refuse(SIP_400_BAD_REQUEST);
+    }
+    // sips, too: nothing may go on in the clear that asks for TLS
+    return target.url_type == url_sip || request.refuse(SIP_416_UNSUPPORTED_URI);
+}
+
 bool inDialog(const sip_t& sip)
 {
     return sip.sip_to->a_tag != nullptr;
@@ -166,11 +179,14 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
     if (!valid(*request)) {
         return;
     }
+    std::vector<std::string> cookies;
+    Message outgoing = prepared(request->sip(), request->message(), cookies);
+    if (!mayGoTo(*sip_object(outgoing.get())->sip_request->rq_url, *request)) { // what a strict router has moved
+        return;
+    }
     if (request->sip().sip_request->rq_method == sip_method_invite) {
         request->answer(SIP_100_TRYING); // section 17.2.1: before the database is asked, which may take its time
     }
-    std::vector<std::string> cookies;
-    Message outgoing = prepared(request->sip(), request->message(), cookies);
     RouteMark mark;
     // A telephone that has this proxy in its route sends what belongs to the dialog here too, recorded or not.
     if ((m_options.recordRoute || !cookies.empty()) && !inDialog(request->sip())) {
@@ -187,15 +203,11 @@ void Proxy::take(const std::shared_ptr<Incoming>& request)
 bool Proxy::valid(Incoming& request) const
 {
     const sip_t& sip = request.sip();
-    const url_t& target = *sip.sip_request->rq_url;
     const std::string unknown = unknownTags(sip.sip_proxy_require);
-    if (url_len(&target) > kLongestTarget) {
-        request.answer(SIP_414_REQUEST_URI_TOO_LONG);
-    } else if (target.url_headers != nullptr) { // section 19.1.1: not in a request URI
-        request.answer(SIP_400_BAD_REQUEST);
-    } else if (target.url_type != url_sip) { // sips, too: nothing may go on in the clear that asks for TLS
-        request.answer(SIP_416_UNSUPPORTED_URI);
-    } else if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
+    if (!mayGoTo(*sip.sip_request->rq_url, request)) {
+        return false;
+    }
+    if (sip.sip_max_forwards != nullptr && sip.sip_max_forwards->mf_count == 0) {
         request.answer(SIP_483_TOO_MANY_HOPS);
     } else if (loops(sip)) {
         request.answer(SIP_482_LOOP_DETECTED);

@@ -909,6 +909,23 @@ TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
     Phone called = alice();
     Phone caller = bob();
     answerOn(called);
+/// Section 16.3, of the request URI as section 16.4 restores it.
+TEST_F(Proxy, RefusesWhatAStrictRouterHasMovedAsItWouldOtherwise)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    for (const auto& [moved, answer] : std::vector<std::pair<std::string, std::string>>{
+             {"sips:alice@oryx.example", "416 Unsupported URI Scheme"},
+             {"sip:alice@oryx.example?Subject=x", "400 Bad Request"},
+             {"sip:alice@oryx.example;x=" + std::string(2048, '1'), "414 Request-URI Too Long"}}) {
+        Message request = invite(caller, "sip:127.0.0.1:" + std::to_string(m_port) + ";oryx=x");
+        EXPECT_EQ(status(caller.ask(request.add("Route", "<" + moved + ">"))), answer) << moved;
+    }
+    EXPECT_TRUE(called.socket().silent());
+}
+
     const Message request = invite(caller);
     caller.send(request);
     const Message offered = called.receive();
