@@ -18,7 +18,7 @@ bool Gate::understands(Incoming& request, std::string_view known)
 
 bool Gate::servesAt(const url_t& url, const Address& address) const
 {
-    return serves(address) && (hostOf(url) == address.domain || m_endpoint->isOurs(url));
+    return serves(address) && (hostOf(url) == address.domain || m_endpoint->isOurs(hostOf(url).c_str(), url.url_port));
 }
 
 bool Gate::readAddress(Incoming& request, const url_t& url, Address& address)
@@ -71,7 +71,7 @@ bool Gate::readProof(Incoming& request, Sender& sender) const
         return false;
     }
     const auto isHere = [this](const url_t& url) {
-        return m_endpoint->isOurs(url) || m_provisioning.serves(hostOf(url));
+        return m_endpoint->isOurs(url) || m_provisioning.serves(nextHostOf(url));
     };
     return sender.credentials->areFor(*sip.sip_request->rq_url, isHere) || // RFC 7616 section 3.4.6
            request.refuse(SIP_400_BAD_REQUEST);

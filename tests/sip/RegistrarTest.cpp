@@ -339,10 +339,13 @@ TEST_F(Registrar, BindsAnAddressAtItsOwnDomainAlone)
     };
     EXPECT_EQ(answerAt("oryx.example", "other.example"), "404 Not Found");
     EXPECT_EQ(answerAt("other.example", "oryx.example"), "404 Not Found");
+    const std::string here = "127.0.0.1:" + std::to_string(m_port);
+    EXPECT_EQ(answerAt("oryx.example:" + std::to_string(m_port) + ";maddr=127.0.0.1", "other.example"),
+              "404 Not Found");
     EXPECT_EQ(bindings(), "");
     EXPECT_EQ(answerAt("Other.example.", "other.example"), "200 OK");
     EXPECT_EQ(answerAt("oryx.example", "ORYX.example"), "200 OK");
-    EXPECT_EQ(answerAt("127.0.0.1:" + std::to_string(m_port), "other.example"), "200 OK");
+    EXPECT_EQ(answerAt(here, "other.example"), "200 OK");
     EXPECT_EQ(rows("SELECT csid FROM contact ORDER BY csid"), "1\n2\n");
 }
 
@@ -705,6 +708,7 @@ TEST_F(Registrar, TakesNoProofThatWasMadeForAnotherServer)
     };
     EXPECT_EQ(answerFor("sip:elsewhere.example"), "400 Bad Request");
     EXPECT_EQ(answerFor("nothing"), "400 Bad Request");
+    EXPECT_EQ(answerFor("sip:oryx.example:5099;maddr=elsewhere.example"), "400 Bad Request");
     EXPECT_EQ(answerFor("sip:ORYX.example;transport=udp"), "200 OK");
     EXPECT_EQ(answerFor("sip:127.0.0.1:" + std::to_string(m_port)), "200 OK");
 }
