@@ -213,9 +213,11 @@ bool Endpoint::hasComeBy(msg_t* message, const url_t& url) const
         return false;
     }
     const sip_via_t* const via = viaOf(tport_parent(connection));
-    const std::string transport(parameterOf(url, "transport").value_or("udp"));
-    const bool tcp = su_casematch(via->v_protocol, sip_transport_tcp) != 0;
-    return samePort(via->v_port, url.url_port) && su_casematch(transport.c_str(), tcp ? "tcp" : "udp") != 0;
+    // Where none is named that is UDP, and TCP for what is too long for it (RFC 3261 section 18.1.1).
+    const std::optional<std::string_view> transport = parameterOf(url, "transport");
+    const char* const used = su_casematch(via->v_protocol, sip_transport_tcp) != 0 ? "tcp" : "udp";
+    return samePort(via->v_port, url.url_port) &&
+           (!transport || su_casematch(std::string(*transport).c_str(), used) != 0);
 }
 
 const char* Endpoint::familyOf(const url_t& next)

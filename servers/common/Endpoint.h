@@ -132,7 +132,7 @@ public:
     bool isOurs(const char* host, const char* port) const;
     bool isOurs(const url_t& url) const;
     bool isOurs(const sip_via_t& via) const;
-    /// Whether a message has come by the port and the transport that the URI names; while it is being handed over.
+    /// Whether a message has come by the port that the URI names, and the transport if it names one; while it is being handed over.
     bool hasComeBy(msg_t* message, const url_t& url) const;
     /// The socket that a request to there is sent by, as a URI.
     std::string socketTowards(const url_t& next) const;

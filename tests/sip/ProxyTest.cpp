@@ -242,14 +242,15 @@ TEST_F(Proxy, TakesItsOwnMaddrOff)
     Phone caller = bob();
     answerOn(called);
     const std::string port = ":" + std::to_string(m_port);
-    const auto reaches = [&](Message request) {
-        caller.send(request);
+    const auto reachesOf = [&](Phone& sender, const Message& request) {
+        sender.send(request);
         const Message offered = called.receive();
         EXPECT_EQ(offered.first, "MESSAGE " + called.contact() + " SIP/2.0");
         EXPECT_EQ(offered.field("Route"), "");
         called.send(called.response(offered, 200, "OK"));
         EXPECT_EQ(answers(caller), "200");
     };
+    const auto reaches = [&](const Message& request) { reachesOf(caller, request); };
     const std::string to = "sip:alice@oryx.example";
     for (const char* const way : {";maddr=127.0.0.1", ";maddr=oryx.example;transport=udp"}) {
         reaches(caller.request("MESSAGE", to + port + way));
@@ -257,6 +258,9 @@ TEST_F(Proxy, TakesItsOwnMaddrOff)
     for (const char* const way : {";maddr=127.0.0.1;lr", ";lr;maddr=127.0.0.1;transport=tcp"}) {
         reaches(caller.request("MESSAGE", to).add("Route", "<sip:edge.example" + port + way + ">"));
     }
+    // What is long comes by TCP where no transport is named (section 18.1.1).
+    Phone stream("bob", "oryx.example", m_port, "127.0.0.1", phone::Transport::tcp);
+    reachesOf(stream, stream.request("MESSAGE", to + port + ";maddr=127.0.0.1"));
     // What is behind it is judged by its own host.
     for (const std::string& uri : {"sip:x@elsewhere.example" + port + ";maddr=127.0.0.1",
                                    to + port + ";maddr=127.0.0.1;transport=tcp", to + ";maddr=127.0.0.1"}) {
