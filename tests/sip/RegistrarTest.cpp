@@ -731,6 +731,21 @@ TEST_F(Registrar, TakesNobodyElsesProofAndNoBarredSubscribers)
     EXPECT_EQ(bindings(), "");
 }
 
+/// One with two lines tries what it knows of the one for the other: it is asked for that one's, not for the same anew.
+TEST_F(Registrar, AsksATelephoneWithTwoLinesForTheRightOne)
+{
+    startRegistrar({});
+    Phone telephone("bob", "oryx.example", m_port);
+    Message first = telephone.registration("<sip:bob@192.0.2.1>");
+    const Message challenge = telephone.ask(first);
+    Message other = telephone.registration("<sip:alice@192.0.2.1>");
+    other.set("To", "<sip:alice@oryx.example>");
+    const Message answer =
+        telephone.ask(other.set("Authorization", telephone.credentials(other, challenge, "bob", "MD5")));
+    EXPECT_EQ(status(answer), "401 Unauthorized");
+    EXPECT_EQ(answer.parameter("WWW-Authenticate", "stale"), "");
+}
+
 /// Section 10.3: items 3 and 4 come before 5 to 7, of which a stranger hears nothing.
 TEST_F(Registrar, SaysWhatIsWrongToWhoHasProvedWhoHeIs)
 {
