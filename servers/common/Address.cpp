@@ -4,6 +4,7 @@
 
 #include <util/CleanText.h>
 
+#include <arpa/inet.h>
 #include <utf8.h>
 
 #include <algorithm>
@@ -23,10 +24,16 @@ std::string lowerCase(std::string text)
     return text;
 }
 
-/// Without DNS' final dot.
+/// Without DNS' final dot; an IPv6 address in the one form of RFC 5952, which is what rules are written in.
 std::string normalizedHost(std::string_view host)
 {
     host.remove_suffix(host.ends_with('.') ? 1 : 0);
+    const bool bracketed = host.starts_with('[') && host.ends_with(']');
+    in6_addr address{};
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (bracketed && inet_pton(AF_INET6, std::string(host.substr(1, host.size() - 2)).c_str(), &address) == 1) {
+        return std::string("[") + inet_ntop(AF_INET6, &address, text.data(), text.size()) + "]";
+    }
     return lowerCase(std::string(host));
 }
 

@@ -248,7 +248,7 @@ TEST_F(Proxy, TakesItsOwnMaddrOff)
         EXPECT_EQ(offered.first, "MESSAGE " + called.contact() + " SIP/2.0");
         EXPECT_EQ(offered.field("Route"), "");
         called.send(called.response(offered, 200, "OK"));
-        EXPECT_EQ(answers(caller), "200");
+        EXPECT_EQ(answers(sender), "200");
     };
     const auto reaches = [&](const Message& request) { reachesOf(caller, request); };
     const std::string to = "sip:alice@oryx.example";
@@ -268,15 +268,18 @@ TEST_F(Proxy, TakesItsOwnMaddrOff)
     }
 }
 
-/// RFC 3261 section 19.1.4: a host is the same in any case; and so is one with DNS' final dot.
+/// RFC 3261 section 19.1.4: a host is the same in any case; and so is one with DNS' final dot, and an IPv6 address in
+/// any of its forms.
 TEST_F(Proxy, FindsARuleHoweverAHostIsWritten)
 {
     sql("INSERT INTO host_info (node_type, outbound_allow_internal) VALUES ('leaf', true);"
-        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', 'denied.example', 'd', 1)");
+        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', 'denied.example', 'd', 1),"
+        " ('o', '[2001:db8::1]', 'd', 1)");
     startRegistrar();
     Phone caller = bob();
     for (const char* const host :
-         {"denied.example", "Denied.Example", "denied.example.", "x.example;maddr=DENIED.example."}) {
+         {"denied.example", "Denied.Example", "denied.example.", "x.example;maddr=DENIED.example.", "[2001:db8::1]",
+          "[2001:DB8:0:0::0:1]", "x.example;maddr=[2001:0db8::1]"}) {
         EXPECT_EQ(status(caller.ask(caller.request("MESSAGE", std::string("sip:x@") + host))), "403 Forbidden") << host;
     }
 }
@@ -557,13 +560,6 @@ TEST_F(Proxy, EndsThoughATelephoneDoesNotAnswer)
     EXPECT_EQ(answers(caller), "503"); // now, not before
 }
 
-/// Section 16.7, item 6: nobody but the caller ends what he asks for.
-TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
-{
-    startRegistrar();
-    Phone called = alice();
-    Phone caller = bob();
-    answerOn(called);
 /// The first signal counts: whoever sends others gets no more patience for them.
 TEST_F(Proxy, EndsInTimeHoweverOftenItIsTold)
 {
@@ -582,6 +578,13 @@ TEST_F(Proxy, EndsInTimeHoweverOftenItIsTold)
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
 }
 
+/// Section 16.7, item 6: nobody but the caller ends what he asks for.
+TEST_F(Proxy, SaysThatNobodyAnsweredWhereNoneDid)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
     caller.send(invite(caller));
     called.send(called.response(called.receive(), 487, "Request Terminated"));
     EXPECT_EQ(answers(caller), "100, 408");
@@ -906,13 +909,6 @@ TEST_F(Proxy, FitsTheRouteToAStrictRouter)
     EXPECT_EQ(passed.field("Route"), "<sip:192.0.2.2;lr>, <sip:alice@192.0.2.1>");
 }
 
-/// Section 16.4: what a strict router makes of a route through this proxy.
-TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
-{
-    startRegistrar({"--auth", "none", "--record-route"});
-    Phone called = alice();
-    Phone caller = bob();
-    answerOn(called);
 /// Section 16.3, of the request URI as section 16.4 restores it.
 TEST_F(Proxy, RefusesWhatAStrictRouterHasMovedAsItWouldOtherwise)
 {
@@ -930,6 +926,13 @@ TEST_F(Proxy, RefusesWhatAStrictRouterHasMovedAsItWouldOtherwise)
     EXPECT_TRUE(called.socket().silent());
 }
 
+/// Section 16.4: what a strict router makes of a route through this proxy.
+TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
+{
+    startRegistrar({"--auth", "none", "--record-route"});
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
     const Message request = invite(caller);
     caller.send(request);
     const Message offered = called.receive();
