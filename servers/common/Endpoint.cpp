@@ -61,8 +61,8 @@ bool samePort(const char* left, const char* right)
 
 } // namespace
 
-Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction, bool brief)
-    : m_agent(agent),
+Incoming::Incoming(const Endpoint& endpoint, Metrics& metrics, nta_incoming_t* transaction, bool brief)
+    : m_endpoint(endpoint),
       m_metrics(metrics),
       m_transaction(transaction),
       m_request(nta_incoming_getrequest(transaction)),
@@ -72,9 +72,9 @@ Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transac
     nta_incoming_bind(transaction, &Incoming::acknowledgedOrCancelled, this);
 }
 
-Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
+Incoming::Incoming(const Endpoint& endpoint, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
                    const Answers::Mark& mark)
-    : m_agent(agent),
+    : m_endpoint(endpoint),
       m_metrics(metrics),
       m_answers(&answers),
       m_socket(socket),
@@ -88,7 +88,9 @@ Incoming::Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_
 
 Incoming::~Incoming()
 {
-    if (!m_answered) {
+    if (!m_answered && m_endpoint.refuses()) {
+        answerUnavailable();
+    } else if (!m_answered) {
         answer(SIP_500_INTERNAL_SERVER_ERROR);
     }
     if (m_transaction != nullptr) {
@@ -98,7 +100,7 @@ Incoming::~Incoming()
 
 std::string Incoming::socket() const
 {
-    tport_t* const socket = nta_incoming_transport(m_agent, m_transaction, nullptr);
+    tport_t* const socket = nta_incoming_transport(m_endpoint.agent(), m_transaction, nullptr);
     std::string uri = uriOf(tport_parent(socket));
     tport_unref(socket);
     return uri;
@@ -302,10 +304,10 @@ void Endpoint::take(Message message, sip_t* sip)
         m_metrics.answer(503);
         nta_msg_treply(m_agent, message.release(), SIP_503_SERVICE_UNAVAILABLE, SIPTAG_RETRY_AFTER_STR("1"), TAG_END());
     } else if (mark) {
-        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, std::move(message), socket, m_answers, *mark));
+        m_onRequest(std::make_shared<Incoming>(*this, m_metrics, std::move(message), socket, m_answers, *mark));
     } else if (nta_incoming_t* const transaction =
                    nta_incoming_create(m_agent, nullptr, message.release(), sip, TAG_END())) {
-        m_onRequest(std::make_shared<Incoming>(m_agent, m_metrics, transaction, brief));
+        m_onRequest(std::make_shared<Incoming>(*this, m_metrics, transaction, brief));
     }
 }
 

@@ -14,13 +14,16 @@
 
 namespace oryx::sip {
 
+class Endpoint;
+
 /// A request with its server transaction (RFC 3261 section 17.2), which answers what is sent again; or with what stands
-/// in the place of one. A request that is given up without a final answer is answered 500.
+/// in the place of one. A request that is given up without a final answer is answered 500, or 503 where the server
+/// ends.
 class Incoming {
 public:
-    Incoming(nta_agent_t* agent, Metrics& metrics, nta_incoming_t* transaction, bool brief);
+    Incoming(const Endpoint& endpoint, Metrics& metrics, nta_incoming_t* transaction, bool brief);
     /// One without a transaction: to be answered once, by this server.
-    Incoming(nta_agent_t* agent, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
+    Incoming(const Endpoint& endpoint, Metrics& metrics, Message request, tport_t* socket, Answers& answers,
              const Answers::Mark& mark);
     ~Incoming();
     Incoming(const Incoming&) = delete;
@@ -75,7 +78,7 @@ private:
     static int acknowledgedOrCancelled(void* self, nta_incoming_t* transaction, const sip_t* sip);
     void count(int status);
 
-    nta_agent_t* m_agent;
+    const Endpoint& m_endpoint;
     Metrics& m_metrics;
     nta_incoming_t* m_transaction = nullptr;
     Answers* m_answers = nullptr; // where there is no transaction
@@ -132,7 +135,8 @@ public:
     bool isOurs(const char* host, const char* port) const;
     bool isOurs(const url_t& url) const;
     bool isOurs(const sip_via_t& via) const;
-    /// Whether a message has come by the port that the URI names, and the transport if it names one; while it is being handed over.
+    /// Whether a message has come by the port that the URI names, and the transport if it names one; while it is being
+    /// handed over.
     bool hasComeBy(msg_t* message, const url_t& url) const;
     /// The socket that a request to there is sent by, as a URI.
     std::string socketTowards(const url_t& next) const;
@@ -140,6 +144,7 @@ public:
     static const char* familyOf(const url_t& next);
     /// From now on every request is answered 503.
     void refuseRequests() { m_refusing = true; }
+    bool refuses() const { return m_refusing; }
 
 private:
     static int received(void* self, nta_agent_t* agent, msg_t* message, sip_t* sip);

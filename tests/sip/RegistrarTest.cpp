@@ -62,6 +62,26 @@ TEST_F(Registrar, EndsInTimeWhileTheDatabaseKeepsARequestWaiting)
     EXPECT_EQ(alice.receive().status(), 503);
 }
 
+/// Section 21.5.4: the first is under way at the end, and the others have not begun.
+TEST_F(Registrar, AnswersThatItCannotToWhateverIsLeftAtItsEnd)
+{
+    startRegistrar();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    std::vector<std::unique_ptr<Phone>> telephones; // of one address, so of one worker
+    for (int n = 0; n < 4; ++n) {
+        telephones.push_back(std::make_unique<Phone>("alice", "oryx.example", m_port));
+        telephones.back()->send(telephones.back()->registration("<sip:alice@192.0.2.1>"));
+    }
+    EXPECT_TRUE(telephones[0]->socket().silent(100));
+    EXPECT_EQ(stop(), 0);
+    for (const auto& telephone : telephones) {
+        const Message answer = telephone->receive();
+        EXPECT_EQ(status(answer), "503 Service Unavailable");
+        EXPECT_NE(answer.field("Retry-After"), "");
+    }
+}
+
 /// Section 21.5.4.
 TEST_F(Registrar, AnswersThatItCannotWhileTheDatabaseDoesNot)
 {
