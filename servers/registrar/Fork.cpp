@@ -129,7 +129,7 @@ void Fork::cancel()
 void Fork::abandon()
 {
     m_tried = m_hops.size();
-    if (!m_decided) {
+    if (isInvite() && !m_decided) {
         m_decided = true;
         m_request->answerUnavailable();
         cancelPending();
@@ -141,9 +141,8 @@ bool Fork::ending() const
     if (!isInvite()) {
         return !m_decided;
     }
-    return std::any_of(m_branches.begin(), m_branches.end(), [](const std::unique_ptr<Branch>& branch) {
-        return branch->cancelled && branch->heard && !branch->ended;
-    });
+    return std::any_of(m_branches.begin(), m_branches.end(),
+                       [](const std::unique_ptr<Branch>& branch) { return branch->cancelled && !branch->ended; });
 }
 
 /// Those whose turn it is, when nobody is waited for any more; the answer, when nobody is left.

@@ -45,14 +45,15 @@ public:
     void start(bool sequential);
     /// The client does not want an answer any more.
     void cancel();
-    bool isInvite() const;
-    /// The server ends: whoever rings is told, and the client.
+    /// The server ends: nobody else is tried. Whoever rings is told, and his caller; what is no INVITE cannot be taken
+    /// back.
     void abandon();
-    /// Whether a server that ends waits for it: somebody has been asked to ring no more, and has not said that he has
-    /// stopped; or what is no INVITE, and cannot be taken back, is not answered.
+    /// Whether a server that ends waits for it: somebody is to ring no more, and has not said that he has stopped, or
+    /// nothing yet, so that he could not be told; or what is no INVITE is not answered.
     bool ending() const;
 
 private:
+    bool isInvite() const;
     struct Branch;
 
     void tryNext();

@@ -367,7 +367,7 @@ void Proxy::conclude(const std::shared_ptr<Incoming>& request, Message outgoing,
     if (request->answered()) { // it was cancelled meanwhile
         return;
     }
-    if (m_abandoned && request->sip().sip_request->rq_method == sip_method_invite) {
+    if (m_abandoned) { // nobody has it yet
         request->answerUnavailable();
         return;
     }
@@ -441,18 +441,8 @@ void Proxy::abandon()
 {
     m_abandoned = true;
     for (const std::shared_ptr<Fork>& fork : m_forks) {
-        if (fork->isInvite()) {
-            fork->abandon();
-        }
-    }
-}
-
-void Proxy::stop()
-{
-    for (const std::shared_ptr<Fork>& fork : m_forks) {
         fork->abandon();
     }
-    m_forks.clear();
 }
 
 bool Proxy::idle() const

@@ -28,12 +28,13 @@ public:
     /// An ACK for a 2xx: sent on without a transaction.
     void takeStray(const Message& message, const sip_t& sip) const;
     /// The server ends: ends what rings, and has nobody ring any more. Of any other request its telephone cannot be
-    /// told that it is not wanted any more, so who has sent it is not told that it has failed while there is time.
+    /// told that it is not wanted any more, so who has sent it is not told that it has failed while there is time; but
+    /// it goes to nobody else.
     void abandon();
     /// Whether nobody rings any more, and all else is answered.
     bool idle() const;
-    /// Ends whatever is under way.
-    void stop();
+    /// Gives up whatever is under way.
+    void stop() { m_forks.clear(); }
 
 private:
     /// What decides where a request goes.

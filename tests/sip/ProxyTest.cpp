@@ -548,6 +548,49 @@ TEST_F(Proxy, FinishesWhatATelephoneHasWhenItEnds)
     EXPECT_EQ(m_server->wait(2), 0);
 }
 
+/// Section 9.1: the CANCEL waits until the telephone has said something, and the end for that.
+TEST_F(Proxy, EndsWhatIsAboutToRingWhenItEnds)
+{
+    startRegistrar();
+    Phone called = alice();
+    Phone caller = bob();
+    answerOn(called);
+    caller.send(invite(caller));
+    const Message offered = called.receive();
+    m_server->signal(SIGTERM);
+    EXPECT_EQ(answers(caller), "100, 503");
+    called.send(called.response(offered, 180, "Ringing"));
+    EXPECT_EQ(called.receive().method(), "CANCEL");
+    EXPECT_EQ(m_server->wait(2), 0);
+}
+
+/// What no telephone has yet can be sent again by another way.
+TEST_F(Proxy, BeginsNothingWhenItEnds)
+{
+    startRegistrar();
+    Phone first = alice();
+    Phone second = alice();
+    Phone caller = bob();
+    Phone other("carol", "oryx.example", m_port);
+    answerInTurn(first, second);
+    caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
+    const Message offered = first.receive();
+    server::Session holder(m_database.name());
+    holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
+    other.send(other.request("MESSAGE", "sip:alice@oryx.example"));
+    EXPECT_TRUE(other.socket().silent(100)); // the database is asked
+    m_server->signal(SIGTERM);
+    Phone probe("dave", "oryx.example", m_port);
+    while (probe.ask(probe.request("OPTIONS", "sip:oryx.example")).status() == 200) { // until it has heard
+    }
+    first.send(first.response(offered, 480, "Temporarily Unavailable"));
+    holder.run("COMMIT");
+    EXPECT_EQ(answers(caller), "480");
+    EXPECT_EQ(answers(other), "503");
+    EXPECT_EQ(m_server->wait(2), 0);
+    EXPECT_TRUE(first.socket().silent(0) && second.socket().silent(0));
+}
+
 TEST_F(Proxy, EndsThoughATelephoneDoesNotAnswer)
 {
     startRegistrar();
