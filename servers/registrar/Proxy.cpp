@@ -122,7 +122,7 @@ void removeBreadth(msg_t* message)
 }
 
 /// Where a request goes that its route leads on: there, or nowhere. Addresses of record and address maps are for whom
-/// it calls, and what they say would let it go past the rules.
+/// it calls, and what they say of the route's URI would let it go past the rules.
 void findWayOut(LocationService& service, const TargetQuestion& question, RequestTarget& target)
 {
     bool allowed = false;
@@ -293,7 +293,9 @@ void Proxy::find(const std::shared_ptr<Incoming>& request, Message outgoing, con
     }
     question.target.handle = address->handle;
     question.target.domain = nextHostOf(to);
-    // Where a route or a maddr is left, nobody is asked who has that user (section 16.5).
+    // A maddr that is left is the only target (section 16.5). That a route is, too, is this server's choice: section
+    // 16.5 has the user of a served request URI looked for all the same, but the route alone decides where he is looked
+    // for next, and whoever put it there wants the request to come there as it is.
     question.routed = sip_object(outgoing.get())->sip_route != nullptr;
     question.target.served =
         !question.routed && question.target.domain == address->domain && m_provisioning.serves(address->domain);

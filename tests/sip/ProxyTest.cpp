@@ -205,7 +205,8 @@ TEST_F(Proxy, HasNoAddressMapLeadWhereAMaddrSays)
     EXPECT_EQ(gateway.receive().first, "MESSAGE sip:0301234@" + gateway.socket().hostPort() + ";user=phone SIP/2.0");
 }
 
-/// Section 16.5: who is on the route is not who is called, and no address map's or registration's way leads to him.
+/// Who is on the route is not who is called, and no address map's or registration's way leads to him. Whoever is called
+/// would be looked for by section 16.5 all the same, and not by this proxy.
 TEST_F(Proxy, FollowsARouteOnlyWhereTheRulesLetItOut)
 {
     Phone elsewhere("x", "elsewhere.example", m_port, "127.0.0.2");
