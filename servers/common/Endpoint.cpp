@@ -88,10 +88,8 @@ Incoming::Incoming(const Endpoint& endpoint, Metrics& metrics, Message request, 
 
 Incoming::~Incoming()
 {
-    if (!m_answered && m_endpoint.refuses()) {
-        answerUnavailable();
-    } else if (!m_answered) {
-        answer(SIP_500_INTERNAL_SERVER_ERROR);
+    if (!m_answered) {
+        m_endpoint.refuses() ? answerUnavailable() : answer(SIP_500_INTERNAL_SERVER_ERROR);
     }
     if (m_transaction != nullptr) {
         nta_incoming_destroy(m_transaction);
@@ -134,13 +132,13 @@ int Incoming::acknowledgedOrCancelled(void* self, nta_incoming_t* /*transaction*
     return 0;
 }
 
-Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest,
-                   OnStray onStray, IsBrief isBrief, Merged merged)
+Endpoint::Endpoint(Loop& loop, Metrics& metrics, const Options& options, OnRequest onRequest, OnStray onStray,
+                   IsBrief isBrief, Merged merged)
     : m_metrics(metrics),
       m_onRequest(std::move(onRequest)),
       m_onStray(onStray ? std::move(onStray) : OnStray([](const Message&, const sip_t&) {})),
       m_isBrief(std::move(isBrief)),
-      m_sockets(sockets),
+      m_options(options),
       // A proxy's ways: no answer of its own to CANCEL, no CANCEL of its own, and each 2xx of a fork is passed on.
       m_agent(nta_agent_create(loop.root(), kNoSocket, &Endpoint::received, this, NTATAG_UA(0),
                                NTATAG_MERGE_482(merged == Merged::refused), NTATAG_CANCEL_487(0),
@@ -153,7 +151,7 @@ Endpoint::Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sock
     }
     // The stack takes the first socket for whoever names no transport, which means UDP (RFC 3263 section 4.1).
     for (const char* const transport : {"udp", "tcp"}) {
-        for (const Listen& socket : sockets) {
+        for (const Listen& socket : options.listen) {
             if (socket.transport == transport && !listen(socket)) {
                 nta_agent_destroy(m_agent);
                 throw std::runtime_error("--listen: cannot listen on " + socket.transport + ":" + socket.host + ":" +
@@ -190,20 +188,24 @@ bool Endpoint::isOurs(const url_t& url) const
     return isOurs(nextHostOf(url).c_str(), url.url_port);
 }
 
-bool Endpoint::isOurs(const sip_via_t& via) const
+bool Endpoint::isOurs(const char* host, const char* port) const
 {
-    return isOurs(via.v_host, via.v_port);
+    const std::vector<std::string>& names = m_options.names;
+    const auto isIt = [&](const std::string& name) { return host_cmp(name.c_str(), host) == 0; };
+    const auto isThere = [&](const Listen& socket) { return samePort(socket.port.c_str(), port); };
+    return isSocket(host, port) || (std::any_of(names.begin(), names.end(), isIt) &&
+                                    std::any_of(m_options.listen.begin(), m_options.listen.end(), isThere));
 }
 
 /// By the address of a socket, however it is written, or by its name on the command line.
-bool Endpoint::isOurs(const char* host, const char* port) const
+bool Endpoint::isSocket(const char* host, const char* port) const
 {
     for (const sip_via_t* own = nta_agent_via(m_agent); own != nullptr; own = own->v_next) {
         if (host_cmp(own->v_host, host) == 0 && samePort(own->v_port, port)) {
             return true;
         }
     }
-    return std::any_of(m_sockets.begin(), m_sockets.end(), [&](const Listen& socket) {
+    return std::any_of(m_options.listen.begin(), m_options.listen.end(), [&](const Listen& socket) {
         return su_casematch(socket.host.c_str(), host) != 0 && samePort(socket.port.c_str(), port);
     });
 }

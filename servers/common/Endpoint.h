@@ -124,17 +124,18 @@ public:
     };
 
     /// Throws `std::runtime_error` when one of the sockets cannot be had.
-    Endpoint(Loop& loop, Metrics& metrics, const std::vector<Listen>& sockets, OnRequest onRequest, OnStray onStray,
+    Endpoint(Loop& loop, Metrics& metrics, const Options& options, OnRequest onRequest, OnStray onStray,
              IsBrief isBrief = nullptr, Merged merged = Merged::taken);
     ~Endpoint();
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;
 
     nta_agent_t* agent() const { return m_agent; }
-    /// Whether host and port are those of one of the sockets; of a URI those that it leads to.
+    /// Whether host and port are those of one of the sockets.
+    bool isSocket(const char* host, const char* port) const;
+    /// The same with the other names that the server goes by; of a URI those that it leads to.
     bool isOurs(const char* host, const char* port) const;
     bool isOurs(const url_t& url) const;
-    bool isOurs(const sip_via_t& via) const;
     /// Whether a message has come by the port that the URI names, and the transport if it names one; while it is being
     /// handed over.
     bool hasComeBy(msg_t* message, const url_t& url) const;
@@ -157,7 +158,7 @@ private:
     OnRequest m_onRequest;
     OnStray m_onStray;
     IsBrief m_isBrief;
-    std::vector<Listen> m_sockets;
+    const Options& m_options;
     nta_agent_t* m_agent;
     Answers m_answers;
     std::optional<Connections> m_connections;

@@ -1,6 +1,7 @@
 #include <common/Options.h>
 
 #include <getopt.h>
+#include <sofia-sip/hostdomain.h>
 
 #include <algorithm>
 #include <array>
@@ -18,6 +19,7 @@ namespace {
 constexpr const char* kHelp = R"(usage: %s --listen udp:HOST:PORT --database URI --user NAME [option...]
 
   --listen udp:HOST:PORT  a socket to answer on, or tcp:HOST:PORT; as often as wanted, IPv6 addresses in brackets
+  --name HOST             one more name or address that telephones have of it, at its sockets' ports; as often as wanted
   --database URI          where the state is: scheme://host/database, or a database's name
   --user NAME             who the server is there
   --password-file FILE    whose first line is the password; without it, PGPASSWORD
@@ -123,6 +125,11 @@ constexpr const char* kSeconds = "a number of seconds";
 constexpr std::array kKnown{
     Known{"listen", "udp:HOST:PORT or tcp:HOST:PORT",
           [](Reading& to, const char* value) { return addSocket(to.options.listen, listenOf(value)); }},
+    Known{"name", "a host",
+          [](Reading& to, const char* value) {
+              to.options.names.emplace_back(value);
+              return host_is_valid(value) != 0;
+          }},
     Known{"database", "", [](Reading& to, const char* value) { return setText(to.options.database, value); }},
     Known{"user", "", [](Reading& to, const char* value) { return setText(to.options.user, value); }},
     Known{"password-file", "a readable file",

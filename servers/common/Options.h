@@ -16,7 +16,8 @@ struct Listen {
 /// What the command line says; the same for both servers.
 struct Options {
     std::vector<Listen> listen;
-    std::string database; ///< As `DatabaseConnection::connect` takes it.
+    std::vector<std::string> names; ///< By which telephones reach the server, too, at its sockets' ports.
+    std::string database;           ///< As `DatabaseConnection::connect` takes it.
     std::string user;
     std::string password;
     unsigned workers = 2;

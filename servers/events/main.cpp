@@ -65,7 +65,7 @@ void run(Loop& loop, const Options& options, int signals)
             subscribe(desk, request);
         }
     };
-    Endpoint endpoint(loop, metrics, options.listen, take, nullptr, nullptr, Endpoint::Merged::refused);
+    Endpoint endpoint(loop, metrics, options, take, nullptr, nullptr, Endpoint::Merged::refused);
     notifier->setEndpoint(endpoint);
     desk.gate.setEndpoint(endpoint);
     std::optional<MetricsPage> page;

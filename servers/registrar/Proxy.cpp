@@ -223,7 +223,7 @@ bool Proxy::loops(const sip_t& sip) const
 {
     const std::string mark = "." + loopMark(sip) + ".";
     for (const sip_via_t* via = sip.sip_via; via != nullptr; via = via->v_next) {
-        if (m_endpoint->isOurs(*via) && via->v_branch != nullptr &&
+        if (m_endpoint->isSocket(via->v_host, via->v_port) && via->v_branch != nullptr &&
             std::strstr(via->v_branch, mark.c_str()) != nullptr) {
             return true;
         }

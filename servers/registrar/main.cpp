@@ -57,8 +57,8 @@ void run(Loop& loop, const Options& options, int signals)
                isForServer(sip, *endpoint, provisioning);
     };
     endpoint.emplace(
-        loop, metrics, options.listen, take,
-        [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); }, isBrief);
+        loop, metrics, options, take, [&](const Message& message, const sip_t& sip) { proxy.takeStray(message, sip); },
+        isBrief);
     gate.setEndpoint(*endpoint);
     proxy.setEndpoint(*endpoint);
     std::optional<MetricsPage> page;

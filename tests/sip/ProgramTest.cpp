@@ -66,6 +66,7 @@ TEST_F(Command, ThatIsWrongGetsOneLineAndStatusTwo)
     EXPECT_EQ(said({"--workers", "0"}), begun + "--workers: not a number from 1 to 64: 0\n2");
     EXPECT_EQ(said({"--auth", "basic"}), begun + "--auth: not digest or none: basic\n2");
     EXPECT_EQ(said({"--password-file", "/nowhere"}), begun + "--password-file: not a readable file: /nowhere\n2");
+    EXPECT_EQ(said({"--name", "192.0.2.1:5060"}), begun + "--name: not a host: 192.0.2.1:5060\n2");
     EXPECT_EQ(said({"--metrics", "9090"}), begun + "--metrics: not HOST:PORT: 9090\n2");
     EXPECT_EQ(said({"--realm", "a\"b"}), begun + "--realm: not a text without quotes and backslashes: a\"b\n2");
     EXPECT_EQ(said({"--event-server", "events"}), begun + "--event-server: not a SIP URI: events\n2");

@@ -369,6 +369,28 @@ TEST_F(Registrar, BindsAnAddressAtItsOwnDomainAlone)
     EXPECT_EQ(rows("SELECT csid FROM contact ORDER BY csid"), "1\n2\n");
 }
 
+/// Section 10.3, items 1 and 5: behind a NAT, or under a host name of its own, this server is no domain.
+TEST_F(Registrar, KnowsItselfByTheNamesItIsGiven)
+{
+    startRegistrar({"--auth", "none", "--name", "pbx.oryx.example", "--name", "[2001:db8::1]", "--name", "192.0.2.9"});
+    Phone alice("alice", "oryx.example", m_port);
+    const auto answerAt = [&](const std::string& uri) {
+        Message request = alice.registration("<sip:alice@192.0.2.1>").set("To", "<sip:alice@oryx.example>");
+        request.first = "REGISTER sip:" + uri + " SIP/2.0";
+        return status(alice.ask(request));
+    };
+    const std::string port = ":" + std::to_string(m_port);
+    EXPECT_EQ(answerAt("PBX.oryx.example." + port), "200 OK");
+    EXPECT_EQ(answerAt("[2001:DB8:0::1]" + port), "200 OK");
+    EXPECT_EQ(answerAt("oryx.example" + port + ";maddr=192.0.2.9"), "200 OK");
+    for (const char* const other : {"pbx.oryx.example:9", "other.oryx.example"}) { // for a proxy to send on
+        EXPECT_EQ(answerAt(other), "403 Forbidden") << other;
+    }
+    const Message message = alice.request("MESSAGE", "sip:bob@oryx.example");
+    EXPECT_EQ(status(alice.ask(Message(message).add("Route", "<sip:192.0.2.9" + port + ";lr>"))),
+              "480 Temporarily Unavailable");
+}
+
 /// Section 10.3, item 7: an older request of the same Call-ID.
 TEST_F(Registrar, RefusesARequestThatANewerOneOvertook)
 {
