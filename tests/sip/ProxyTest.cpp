@@ -36,6 +36,14 @@ protected:
         answerInTurn(second);
         answerOn(first, ";q=0.9");
     }
+    /// Whoever has a number is called there, a host with its port and parameters.
+    void mapNumbersTo(const std::string& place)
+    {
+        sql("INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
+            "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
+            "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@" +
+            place + "', true)");
+    }
     Phone alice() const { return {"alice", "oryx.example", m_port}; }
     Phone bob() const { return {"bob", "oryx.example", m_port}; }
     static Message invite(Phone& caller, const std::string& to = "sip:alice@oryx.example")
@@ -195,10 +203,7 @@ TEST_F(Proxy, JudgesARequestByWhereItReallyGoes)
 TEST_F(Proxy, HasNoAddressMapLeadWhereAMaddrSays)
 {
     Phone gateway("gateway", "oryx.example", m_port);
-    sql("INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
-        "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
-        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@" +
-        gateway.socket().hostPort() + ";${parameters}', true)");
+    mapNumbersTo(gateway.socket().hostPort() + ";${parameters}");
     startRegistrar();
     Phone caller = bob();
     caller.send(caller.request("MESSAGE", "sip:0301234@oryx.example;user=phone;maddr=127.0.0.2"));
@@ -212,10 +217,8 @@ TEST_F(Proxy, FollowsARouteOnlyWhereTheRulesLetItOut)
     Phone elsewhere("x", "elsewhere.example", m_port, "127.0.0.2");
     Phone partner("x", "allowed.example", m_port, "127.0.0.3");
     sql("INSERT INTO host_info (node_type, outbound_allow_internal, parent_contact) VALUES ('leaf', false, '9');"
-        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', '127.0.0.3', 'a', 1);"
-        "INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
-        "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
-        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@127.0.0.1:9', true)");
+        "INSERT INTO domain_access (direction, sip_domain, domain_action, qvalue) VALUES ('o', '127.0.0.3', 'a', 1)");
+    mapNumbersTo("127.0.0.1:9");
     startRegistrar();
     Phone called = alice();
     Phone caller = bob();
@@ -998,10 +1001,7 @@ TEST_F(Proxy, RestoresWhatAStrictRouterHasMoved)
 TEST_F(Proxy, FollowsAnAddressMap)
 {
     Phone gateway("gateway", "oryx.example", m_port);
-    sql("INSERT INTO contact_set (csid, ordering) VALUES (9, 'parallel');"
-        "INSERT INTO address_map (handle, csid, pattern, priority) VALUES ('pstn', 9, '^sip:0[0-9]*@', 1);"
-        "INSERT INTO contact (csid, address, permanent) VALUES (9, 'sip:$user@" +
-        gateway.socket().hostPort() + "', true)");
+    mapNumbersTo(gateway.socket().hostPort());
     startRegistrar();
     Phone caller = bob();
     caller.send(caller.request("MESSAGE", "sip:0301234@oryx.example"));
