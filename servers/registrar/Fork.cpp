@@ -340,19 +340,20 @@ void Fork::sendCancel(const Branch& branch)
 /// Those that have been cancelled and say nothing of it.
 void Fork::endCancelled()
 {
-    for (const std::unique_ptr<Branch>& branch : m_branches) {
-        if (branch->cancelled && !branch->ended) {
-            branch->drop();
-        }
-    }
+    drop([](const Branch& branch) { return branch.cancelled; });
     tryNext();
 }
 
 /// Those that cannot be cancelled, and whose answers nobody is sent any more: the stack takes them.
 void Fork::dropOthers(const Branch& answered)
 {
+    drop([&](const Branch& branch) { return &branch != &answered; });
+}
+
+void Fork::drop(const std::function<bool(const Branch&)>& which)
+{
     for (const std::unique_ptr<Branch>& branch : m_branches) {
-        if (branch.get() != &answered && !branch->ended) {
+        if (!branch->ended && which(*branch)) {
             branch->drop();
         }
     }

@@ -3,6 +3,7 @@
 #include <common/Endpoint.h>
 #include <registrar/Route.h>
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -71,6 +72,7 @@ private:
     void sendCancel(const Branch& branch);
     void endCancelled();
     void dropOthers(const Branch& answered);
+    void drop(const std::function<bool(const Branch&)>& which);
     bool pending() const;
     bool waiting() const;
     void answerBest();

@@ -100,6 +100,20 @@ protected:
         return std::regex_replace(calls, std::regex("oryx_listener_[0-9_]+"), "OWN");
     }
 
+    /// The table that was asked for beside those of the change log is subscribed to, and its changes are told.
+    void hearsOfAllAnd(const std::string& table)
+    {
+        m_libpq.replies({command()});
+        const auto notifyOnce = [this, table, first = true]() mutable {
+            if (std::exchange(first, false)) {
+                m_libpq.notifies({table, "acp"});
+            }
+        };
+        EXPECT_EQ(run(2, notifyOnce), kEverything + table + " again\nacp again\n" + table + " again\n");
+        EXPECT_EQ(asked(), std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN " + table + ";LISTEN OWN;") +
+                               "finish\n");
+    }
+
     fake::Libpq m_libpq;
     TraceLog m_trace;
     ChangeListenerOptions m_options;
@@ -130,46 +144,19 @@ TEST_F(Listener, TellsNotificationsOnceForEachTable)
 TEST_F(Listener, HearsOfPublicationsWhereItIsAskedTo)
 {
     m_options.publications = true;
-    m_libpq.replies({command()});
-    EXPECT_EQ(run(2,
-                  [this, first = true]() mutable {
-                      if (std::exchange(first, false)) {
-                          m_libpq.notifies({"publication", "acp"});
-                      }
-                  }),
-              kEverything + "publication again\nacp again\npublication again\n");
-    EXPECT_EQ(asked(),
-              std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN publication;LISTEN OWN;") + "finish\n");
+    hearsOfAllAnd("publication");
 }
 
 TEST_F(Listener, HearsOfAccessRulesWhereItIsAskedTo)
 {
     m_options.accessRules = true;
-    m_libpq.replies({command()});
-    EXPECT_EQ(run(2,
-                  [this, first = true]() mutable {
-                      if (std::exchange(first, false)) {
-                          m_libpq.notifies({"access_control_list", "acp"});
-                      }
-                  }),
-              kEverything + "access_control_list again\nacp again\naccess_control_list again\n");
-    EXPECT_EQ(asked(), std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN access_control_list;LISTEN OWN;") +
-                           "finish\n");
+    hearsOfAllAnd("access_control_list");
 }
 
 TEST_F(Listener, HearsOfParametersWhereItIsAskedTo)
 {
     m_options.parameters = true;
-    m_libpq.replies({command()});
-    EXPECT_EQ(run(2,
-                  [this, first = true]() mutable {
-                      if (std::exchange(first, false)) {
-                          m_libpq.notifies({"system_parameters", "acp"});
-                      }
-                  }),
-              kEverything + "system_parameters again\nacp again\nsystem_parameters again\n");
-    EXPECT_EQ(asked(), std::regex_replace(kBegin, std::regex("LISTEN OWN;"), "LISTEN system_parameters;LISTEN OWN;") +
-                           "finish\n");
+    hearsOfAllAnd("system_parameters");
 }
 
 TEST_F(Listener, NotifiesItselfWhenItIsIdle)

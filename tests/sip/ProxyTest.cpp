@@ -36,6 +36,14 @@ protected:
         answerInTurn(second);
         answerOn(first, ";q=0.9");
     }
+    /// Tells the server to end, and sees that it has heard.
+    void beginEnd()
+    {
+        m_server->signal(SIGTERM);
+        Phone probe("probe", "oryx.example", m_port);
+        while (probe.ask(probe.request("OPTIONS", "sip:oryx.example")).status() == 200) {
+        }
+    }
     /// Whoever has a number is called there, a host with its port and parameters.
     void mapNumbersTo(const std::string& place)
     {
@@ -543,10 +551,7 @@ TEST_F(Proxy, FinishesWhatATelephoneHasWhenItEnds)
     answerOn(called);
     caller.send(caller.request("MESSAGE", "sip:alice@oryx.example"));
     const Message offered = called.receive();
-    m_server->signal(SIGTERM);
-    Phone other("carol", "oryx.example", m_port);
-    while (other.ask(other.request("OPTIONS", "sip:oryx.example")).status() == 200) { // until it has heard
-    }
+    beginEnd();
     called.send(called.response(offered, 200, "OK"));
     EXPECT_EQ(answers(caller), "200");
     EXPECT_EQ(m_server->wait(2), 0);
@@ -583,10 +588,7 @@ TEST_F(Proxy, BeginsNothingWhenItEnds)
     holder.run("BEGIN; LOCK TABLE public_address IN ACCESS EXCLUSIVE MODE");
     other.send(other.request("MESSAGE", "sip:alice@oryx.example"));
     EXPECT_TRUE(other.socket().silent(100)); // the database is asked
-    m_server->signal(SIGTERM);
-    Phone probe("dave", "oryx.example", m_port);
-    while (probe.ask(probe.request("OPTIONS", "sip:oryx.example")).status() == 200) { // until it has heard
-    }
+    beginEnd();
     first.send(first.response(offered, 480, "Temporarily Unavailable"));
     holder.run("COMMIT");
     EXPECT_EQ(answers(caller), "480");
